@@ -1,0 +1,101 @@
+#include "platform/Env.h"
+
+#include <time.h>
+
+#include <atomic>
+#include <mutex>
+
+#include "platform/HttpClient.h"
+#include "platform/InProcessRequestExecutor.h"
+#include "platform/Logging.h"
+#include "platform/NotificationCenter.h"
+
+namespace korvel::platform {
+
+namespace {
+
+class LinuxEnv : public Env {
+ public:
+  LinuxEnv() {
+    // Registered first, so the state has changed before anyone else hears.
+    center_.addObserver(std::string(ApplicationDidEnterBackgroundNotification),
+                        [this](const Notification&) { state_ = ApplicationState::Background; });
+    center_.addObserver(std::string(ApplicationWillEnterForegroundNotification),
+                        [this](const Notification&) { state_ = ApplicationState::Active; });
+  }
+
+  double now() override {
+    timespec ts{};
+    clock_gettime(CLOCK_REALTIME, &ts);
+    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
+  }
+
+  uint64_t monotonicNanos() override {
+    // CLOCK_MONOTONIC does not advance while the machine is suspended.
+    timespec ts{};
+    clock_gettime(CLOCK_MONOTONIC, &ts);
+    return static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000ull + static_cast<uint64_t>(ts.tv_nsec);
+  }
+
+  std::string makeUUIDString() override { return makeRandomUUIDString(); }
+
+  std::optional<std::string> mainBundleIdentifier() override {
+    std::lock_guard lock(mutex_);
+    return bundleIdentifier_;
+  }
+
+  void setMainBundleIdentifier(std::optional<std::string> identifier) {
+    std::lock_guard lock(mutex_);
+    bundleIdentifier_ = std::move(identifier);
+  }
+
+  ApplicationState applicationState() override { return state_; }
+  // Linux machines have no orientation sensor the library could read.
+  DeviceOrientation deviceOrientation() override { return DeviceOrientation::Unknown; }
+
+  NotificationCenter& notificationCenter() override { return center_; }
+  LogSink& logSink() override { return logSink_; }
+
+  std::shared_ptr<KVNNetworkBackgroundRequestExecutor> makeBackgroundExecutor(
+      const std::string& sessionIdentifier) override {
+    return std::make_shared<InProcessRequestExecutor>(
+        sessionIdentifier, [](const KVNNetworkRequest&, const KVNEndpoint& endpoint) {
+          const HttpResponse response = httpGet(endpoint.urlString());
+          return response.status >= 200 && response.status < 300;
+        });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::optional<std::string> bundleIdentifier_;
+  NotificationCenter center_;
+  StderrLogSink logSink_;
+  std::atomic<ApplicationState> state_{ApplicationState::Active};
+};
+
+LinuxEnv& linuxEnv() {
+  static LinuxEnv* instance = new LinuxEnv;
+  return *instance;
+}
+
+std::atomic<Env*> currentEnv{nullptr};
+
+}  // namespace
+
+Env& Env::Default() { return linuxEnv(); }
+
+Env& env() {
+  Env* e = currentEnv.load(std::memory_order_acquire);
+  return e != nullptr ? *e : Env::Default();
+}
+
+ScopedEnv::ScopedEnv(Env& replacement)
+    : previous_(currentEnv.exchange(&replacement, std::memory_order_acq_rel)) {}
+
+ScopedEnv::~ScopedEnv() { currentEnv.store(previous_, std::memory_order_release); }
+
+void setMainBundleIdentifier(std::optional<std::string> identifier) {
+  linuxEnv().setMainBundleIdentifier(std::move(identifier));
+}
+
+}  // namespace korvel::platform

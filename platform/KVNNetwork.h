@@ -1,0 +1,122 @@
+// The foundation library's request description and the background request
+// executor interface.
+//
+// A KVNNetworkRequest describes one request; its URL is not fixed when the
+// request is made. The executor calls the endpoint builder when it is about to
+// send, so the URL reflects the configuration as it is then.
+//
+// Request settings and what executors make of them:
+//   priority             higher values are sent first; equal priorities keep
+//                        submission order. 1 is the normal priority.
+//   configurationPolicy  0  send as soon as possible;
+//                        1  hold the request until the configuration says it
+//                           is `configured`;
+//                        2  hold the request until the configuration has a
+//                           non-empty beacon endpoint and an inid.
+//   backgroundSessionRetryCount
+//                        how many times a failed attempt is retried (so at
+//                        most count + 1 attempts in all).
+//
+// Durable executors keep requests across process restarts. A closure cannot
+// be stored, so a request that wants to survive carries a restoration
+// payload: a kind naming a registered restorer, and an encoder producing the
+// bytes the restorer turns back into an equivalent request. The encoder runs
+// only when an executor persists the request.
+#pragma once
+
+#include <chrono>
+#include <cstdint>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace korvel {
+
+enum class KVNNetworkRequestHTTPMethod { GET, POST };
+inline constexpr KVNNetworkRequestHTTPMethod KVNNetworkRequestHTTPMethodGET =
+    KVNNetworkRequestHTTPMethod::GET;
+
+class KVNEndpoint {
+ public:
+  explicit KVNEndpoint(std::string urlString) : urlString_(std::move(urlString)) {}
+  const std::string& urlString() const { return urlString_; }
+  friend bool operator==(const KVNEndpoint&, const KVNEndpoint&) = default;
+
+ private:
+  std::string urlString_;
+};
+
+class KVNNetworkRequest {
+ public:
+  using EndpointBuilder = std::function<std::optional<KVNEndpoint>()>;
+  using PayloadEncoder = std::function<std::string()>;
+
+  KVNNetworkRequestHTTPMethod httpMethod() const { return httpMethod_; }
+  void setHttpMethod(KVNNetworkRequestHTTPMethod method) { httpMethod_ = method; }
+
+  int backgroundSessionRetryCount() const { return retryCount_; }
+  void setBackgroundSessionRetryCount(int count) { retryCount_ = count; }
+
+  int priority() const { return priority_; }
+  void setPriority(int priority) { priority_ = priority; }
+
+  int configurationPolicy() const { return configurationPolicy_; }
+  void setConfigurationPolicy(int policy) { configurationPolicy_ = policy; }
+
+  const EndpointBuilder& endpointBuilderBlock() const { return endpointBuilder_; }
+  void setEndpointBuilderBlock(EndpointBuilder builder) { endpointBuilder_ = std::move(builder); }
+
+  // Runs the endpoint builder; nothing when there is none or it gives none.
+  std::optional<KVNEndpoint> buildEndpoint() const {
+    return endpointBuilder_ ? endpointBuilder_() : std::nullopt;
+  }
+
+  const std::string& restorationKind() const { return restorationKind_; }
+  const PayloadEncoder& restorationPayloadEncoder() const { return payloadEncoder_; }
+  void setRestorationPayload(std::string kind, PayloadEncoder encoder) {
+    restorationKind_ = std::move(kind);
+    payloadEncoder_ = std::move(encoder);
+  }
+
+ private:
+  KVNNetworkRequestHTTPMethod httpMethod_ = KVNNetworkRequestHTTPMethod::GET;
+  int retryCount_ = 0;
+  int priority_ = 1;
+  int configurationPolicy_ = 0;
+  EndpointBuilder endpointBuilder_;
+  std::string restorationKind_;
+  PayloadEncoder payloadEncoder_;
+};
+
+// Turns a stored payload back into a request; nothing when it cannot.
+using KVNRequestRestorer = std::function<std::optional<KVNNetworkRequest>(std::string_view)>;
+
+// Process-wide registry of restorers by kind.
+class KVNRequestRestorers {
+ public:
+  static void registerRestorer(const std::string& kind, KVNRequestRestorer restorer);
+  static std::optional<KVNNetworkRequest> restore(const std::string& kind,
+                                                  std::string_view payload);
+};
+
+class KVNNetworkBackgroundRequestExecutor {
+ public:
+  virtual ~KVNNetworkBackgroundRequestExecutor() = default;
+
+  // The identifier given at construction ("<bundle id>.backgroundBeacons").
+  virtual const std::string& backgroundSessionIdentifier() const = 0;
+
+  // Queues the request; returns at once. Safe from any thread.
+  virtual void executeRequest(KVNNetworkRequest request) = 0;
+
+  // Waits until every queued request has been delivered or given up, or the
+  // deadline passes; true when nothing is left pending.
+  virtual bool flush(std::chrono::milliseconds deadline) = 0;
+};
+
+// Whether the current configuration lets a request with this policy go out.
+bool KVNConfigurationPolicySatisfied(int configurationPolicy);
+
+}  // namespace korvel

@@ -1,0 +1,26 @@
+// A keyed stopwatch on the Env's monotonic clock. Thread-safe.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+
+namespace korvel {
+
+class KVNTimer {
+ public:
+  // Starts (or restarts) the stopwatch under key.
+  void startTimerForKey(const std::string& key);
+  // Seconds since the key was started; nothing when it is not running.
+  std::optional<double> elapsedTimeForKey(const std::string& key) const;
+  // Stops the stopwatch under key.
+  void endTimerForKey(const std::string& key);
+
+ private:
+  mutable std::mutex mutex_;
+  std::map<std::string, uint64_t, std::less<>> startedAt_;
+};
+
+}  // namespace korvel

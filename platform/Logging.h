@@ -1,0 +1,58 @@
+// Unified logging: every record carries a subsystem, a category and a level,
+// and goes to the current Env's LogSink.
+#pragma once
+
+#include <mutex>
+#include <string>
+#include <string_view>
+
+namespace korvel::platform {
+
+enum class LogLevel { Debug, Info, Default, Error, Fault };
+
+std::string_view logLevelName(LogLevel level);
+
+struct LogRecord {
+  LogLevel level;
+  std::string subsystem;
+  std::string category;
+  std::string message;
+};
+
+class LogSink {
+ public:
+  virtual ~LogSink() = default;
+  virtual void write(const LogRecord& record) = 0;
+};
+
+// Writes one line per record to standard error:
+//   [subsystem:category] level: message
+// Records below the minimum level are dropped; the minimum comes from the
+// KORVEL_LOG_LEVEL environment variable (debug, info, default, error, fault;
+// "default" when unset).
+class StderrLogSink : public LogSink {
+ public:
+  StderrLogSink();
+  void write(const LogRecord& record) override;
+
+ private:
+  LogLevel minimum_;
+  std::mutex mutex_;
+};
+
+// A logger bound to one subsystem and category.
+class Logger {
+ public:
+  Logger(std::string subsystem, std::string category)
+      : subsystem_(std::move(subsystem)), category_(std::move(category)) {}
+  void log(LogLevel level, std::string message) const;
+  void log(std::string message) const { log(LogLevel::Default, std::move(message)); }
+  const std::string& subsystem() const { return subsystem_; }
+  const std::string& category() const { return category_; }
+
+ private:
+  std::string subsystem_;
+  std::string category_;
+};
+
+}  // namespace korvel::platform
