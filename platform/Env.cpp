@@ -3,6 +3,7 @@
 #include <time.h>
 
 #include <atomic>
+#include <cmath>
 #include <mutex>
 
 #include "platform/HttpClient.h"
@@ -52,6 +53,13 @@ class LinuxEnv : public Env {
   ApplicationState applicationState() override { return state_; }
   // Linux machines have no orientation sensor the library could read.
   DeviceOrientation deviceOrientation() override { return DeviceOrientation::Unknown; }
+
+  std::tm localTime(double secondsSince1970) override {
+    const auto t = static_cast<time_t>(std::floor(secondsSince1970));
+    std::tm tm{};
+    localtime_r(&t, &tm);
+    return tm;
+  }
 
   NotificationCenter& notificationCenter() override { return center_; }
   LogSink& logSink() override { return logSink_; }

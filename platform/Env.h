@@ -11,6 +11,7 @@
 #pragma once
 
 #include <cstdint>
+#include <ctime>
 #include <memory>
 #include <optional>
 #include <string>
@@ -52,6 +53,8 @@ class Env {
   virtual ApplicationState applicationState() = 0;
   // The device's current orientation.
   virtual DeviceOrientation deviceOrientation() = 0;
+  // The broken-down local time (the machine's time zone) of an instant.
+  virtual std::tm localTime(double secondsSince1970) = 0;
 };
 
 // Forwards every call to a target Env; subclass it to override a few services.
@@ -74,6 +77,9 @@ class EnvWrapper : public Env {
   }
   ApplicationState applicationState() override { return target_.applicationState(); }
   DeviceOrientation deviceOrientation() override { return target_.deviceOrientation(); }
+  std::tm localTime(double secondsSince1970) override {
+    return target_.localTime(secondsSince1970);
+  }
 
  private:
   Env& target_;
