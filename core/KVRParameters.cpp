@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <limits>
 
 namespace korvel {
 
@@ -209,9 +210,12 @@ std::string describe(const KVRParameters& dictionary) {
 std::string describeDate(KVRDate date) {
   double whole = std::floor(date.secondsSince1970);
   if (!std::isfinite(whole)) return "(invalid date)";
+  // Outside time_t the cast is undefined; past the calendar's years gmtime_r fails.
+  constexpr double kTimeLimit = -static_cast<double>(std::numeric_limits<std::time_t>::min());
+  if (whole < -kTimeLimit || whole >= kTimeLimit) return "(invalid date)";
   std::time_t t = static_cast<std::time_t>(whole);
   std::tm tm{};
-  gmtime_r(&t, &tm);
+  if (gmtime_r(&t, &tm) == nullptr) return "(invalid date)";
   char buf[40];
   std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S +0000", &tm);
   return buf;

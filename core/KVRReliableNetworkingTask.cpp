@@ -75,8 +75,12 @@ bool KVRReliableNetworkingTask::hasINIDExpired() const {
 
 std::string KVRReliableNetworkingTask::formattedCreationTimestampString() const {
   char buf[64];
-  std::snprintf(buf, sizeof buf, "%.0f", creationTimestamp_);
-  return buf;
+  const int length = std::snprintf(buf, sizeof buf, "%.0f", creationTimestamp_);
+  if (length < static_cast<int>(sizeof buf)) return buf;
+  // A decoded archive may hold any double; print again at full size.
+  std::string text(static_cast<size_t>(length), '\0');
+  std::snprintf(text.data(), text.size() + 1, "%.0f", creationTimestamp_);
+  return text;
 }
 
 KVRParameters KVRReliableNetworkingTask::dictionaryRepresentation() const {

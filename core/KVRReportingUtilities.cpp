@@ -32,9 +32,14 @@ std::string KVRReportingUtilities::taggingOutcomeStringForTaggingOutcome(uint64_
 }
 
 std::string KVRReportingUtilities::beaconFormattedTimeStringForTimeInterval(double seconds) {
+  const double millis = seconds * 1000.0;
   char buf[64];
-  std::snprintf(buf, sizeof buf, "%.0f", seconds * 1000.0);
-  return buf;
+  const int length = std::snprintf(buf, sizeof buf, "%.0f", millis);
+  if (length < static_cast<int>(sizeof buf)) return buf;
+  // A double can need over 300 digits; print again at full size.
+  std::string text(static_cast<size_t>(length), '\0');
+  std::snprintf(text.data(), text.size() + 1, "%.0f", millis);
+  return text;
 }
 
 double KVRReportingUtilities::timeIntervalSinceReferenceDate() { return platform::env().now(); }

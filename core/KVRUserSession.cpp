@@ -12,6 +12,7 @@
 #include "platform/KVNConfiguration.h"
 #include "platform/KVNTimer.h"
 #include "platform/NotificationCenter.h"
+#include "reporters/KVRLibrarySyncReporter.h"
 
 namespace korvel {
 
@@ -144,11 +145,19 @@ std::optional<std::string> KVRUserSession::stringFromWatchState(uint64_t watchSt
 }
 
 std::optional<std::string> KVRUserSession::stringFromLibrarySyncSessionState(uint64_t state) {
+  // States 3 to 8 are the settings sync statuses 1 to 6, worded as settings
+  // words them.
+  constexpr uint64_t kFirstStatusState = 3;
+  constexpr uint64_t kLastStatusState = 8;
+  constexpr uint64_t kStatusOffset = 2;
   switch (state) {
     case 1: return "original";
     case 2: return "e2ee";
-    default: return std::nullopt;
+    default: break;
   }
+  if (state < kFirstStatusState || state > kLastStatusState) return std::nullopt;
+  return KVRLibrarySyncReporter::providerStringForSettingsLibrarySyncStatus(
+      KVRLibrarySyncStatusValue(static_cast<int64_t>(state - kStatusOffset)));
 }
 
 KVRParameters KVRUserSession::commonBeaconParametersForBeaconWithParameters(

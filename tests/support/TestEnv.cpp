@@ -1,5 +1,9 @@
 #include "support/TestEnv.h"
 
+#include <stdlib.h>
+
+#include <filesystem>
+
 #include "core/KVRConstants.h"
 #include "core/KVRUserSession.h"
 
@@ -87,6 +91,23 @@ std::optional<std::string> TestEnv::mainBundleIdentifier() {
 void TestEnv::setMainBundleIdentifier(std::optional<std::string> identifier) {
   std::lock_guard lock(mutex_);
   bundleIdentifier_ = std::move(identifier);
+}
+
+std::string TestEnv::documentsDirectory() {
+  std::lock_guard lock(mutex_);
+  if (documents_.empty()) {
+    std::string pattern =
+        (std::filesystem::temp_directory_path() / "korvel-documents-XXXXXX").string();
+    if (mkdtemp(pattern.data()) != nullptr) documents_ = pattern;
+  }
+  return documents_;
+}
+
+TestEnv::~TestEnv() {
+  if (!documents_.empty()) {
+    std::error_code ignored;
+    std::filesystem::remove_all(documents_, ignored);
+  }
 }
 
 std::tm TestEnv::localTime(double secondsSince1970) {

@@ -21,6 +21,7 @@
 #include "platform/KVNConfiguration.h"
 #include "platform/KVNNetwork.h"
 #include "platform/Logging.h"
+#include "platform/MainQueue.h"
 #include "platform/NotificationCenter.h"
 
 namespace korvel::testing {
@@ -97,6 +98,12 @@ class TestEnv : public platform::EnvWrapper {
   platform::DeviceOrientation deviceOrientation() override { return orientation_.load(); }
   void setDeviceOrientation(platform::DeviceOrientation o) { orientation_ = o; }
 
+  // A main queue of its own; tests pump it with mainQueue().runPending()
+  // after advancing the monotonic clock.
+  platform::MainQueue& mainQueue() override { return mainQueue_; }
+  // A fresh temporary directory per TestEnv, removed with it.
+  std::string documentsDirectory() override;
+
   // Local time is UTC shifted by a fixed offset the test sets (0 by default).
   std::tm localTime(double secondsSince1970) override;
   void setUTCOffsetSeconds(long offset) { utcOffset_ = offset; }
@@ -112,6 +119,11 @@ class TestEnv : public platform::EnvWrapper {
   std::atomic<platform::ApplicationState> state_{platform::ApplicationState::Active};
   std::atomic<platform::DeviceOrientation> orientation_{platform::DeviceOrientation::Unknown};
   std::atomic<long> utcOffset_{0};
+  platform::MainQueue mainQueue_;
+  std::string documents_;
+
+ public:
+  ~TestEnv() override;
 };
 
 // A beacon as it went out: decoded from its URL.
