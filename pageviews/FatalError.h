@@ -1,0 +1,13 @@
+// Stops the program for a programming error the library cannot recover
+// from (a refused initialiser, a clock reading in the past, a beacon without
+// an identifier). Never used for bad data or host misuse that can be logged.
+#pragma once
+
+#include <string_view>
+
+namespace korvel {
+
+// Writes "Fatal error: <message>" to standard error and aborts.
+[[noreturn]] void fatalError(std::string_view message);
+
+}  // namespace korvel

@@ -1,0 +1,143 @@
+#include "pageviews/BeaconReporter.h"
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <any>
+#include <limits>
+#include <string>
+#include <utility>
+#include <vector>
+
+#include "core/KVRConstants.h"
+#include "platform/KVNConfiguration.h"
+#include "support/TestEnv.h"
+
+namespace korvel {
+namespace {
+
+using Items = std::vector<std::pair<std::string, std::string>>;
+
+class BeaconReporterTest : public testing::BeaconTest {};
+
+TEST_F(BeaconReporterTest, EachCaseReachesTheWireAsItsDescription) {
+  struct Row {
+    ReportingValue value;
+    const char* wire;
+    KVRValue::Kind kind;
+  };
+  const std::vector<Row> rows = {
+      {ReportingValue::boolean(true), "1", KVRValue::Kind::Bool},
+      {ReportingValue::boolean(false), "0", KVRValue::Kind::Bool},
+      {ReportingValue::double_(2.5), "2.5", KVRValue::Kind::Double},
+      {ReportingValue::double_(44100), "44100", KVRValue::Kind::Double},
+      {ReportingValue::double_(0.1), "0.1", KVRValue::Kind::Double},
+      {ReportingValue::int_(2), "2", KVRValue::Kind::Int},
+      {ReportingValue::int_(-7), "-7", KVRValue::Kind::Int},
+      {ReportingValue::int_(std::numeric_limits<int64_t>::max()), "9223372036854775807",
+       KVRValue::Kind::Int},
+      {ReportingValue::string("rock & roll = 100% caf\xC3\xA9"), "rock & roll = 100% caf\xC3\xA9",
+       KVRValue::Kind::String},
+      {ReportingValue::string(""), "", KVRValue::Kind::String},
+  };
+  for (size_t i = 0; i < rows.size(); ++i) {
+    SCOPED_TRACE(rows[i].wire);
+    EXPECT_EQ(BeaconReporter::dictionaryValue(rows[i].value).kind(), rows[i].kind);
+    BeaconReporter::report(KVRBeaconTypeUserEvent, {ReportingParameter("v", rows[i].value)}, {});
+    const auto beacons = sent();
+    ASSERT_EQ(beacons.size(), i + 1);
+    EXPECT_EQ(beacons[i].parameters(), (Items{{"v", rows[i].wire}}));
+  }
+}
+
+TEST_F(BeaconReporterTest, SendsOneBeaconOfTheCallersTypeAndReturnsItsUUID) {
+  env_.queueUUIDs({"5A3C1E2B-0000-4000-8000-00000000CAFE"});
+  const auto uuid = BeaconReporter::report(
+      KVRBeaconTypePageView,
+      {ReportingParameter(std::string(kKVRScreenName), ReportingValue::string("home")),
+       ReportingParameter::headphonesConnected(1)},
+      {});
+  EXPECT_EQ(uuid, "5A3C1E2B-0000-4000-8000-00000000CAFE");
+
+  const auto beacon = onlySent();
+  EXPECT_EQ(beacon.event, "pageview");
+  EXPECT_EQ(beacon.value(std::string(KVRBeaconUUIDKey)), uuid);
+  EXPECT_EQ(beacon.value("screenname"), "home");
+  EXPECT_EQ(beacon.value("headphones"), "1");
+  EXPECT_EQ(beacon.parameters().size(), 2u);
+}
+
+TEST_F(BeaconReporterTest, ServerProvidedParametersOverrideTypedOnes) {
+  BeaconReporter::report(
+      KVRBeaconTypePageView,
+      {ReportingParameter(std::string(kKVRScreenName), ReportingValue::string("typed")),
+       ReportingParameter::tagID("tag-1")},
+      KVRParameters{{kKVRScreenName, "server"}, {"cohort", "b"}, {"rank", 3}});
+
+  auto parameters = onlySent().parameters();
+  std::sort(parameters.begin(), parameters.end());
+  EXPECT_EQ(parameters,
+            (Items{{"cohort", "b"}, {"rank", "3"}, {"screenname", "server"}, {"tagid", "tag-1"}}));
+}
+
+TEST_F(BeaconReporterTest, OneEntrySurvivesForAKeyHeldByTwoCases) {
+  BeaconReporter::report(KVRBeaconTypeUserEvent,
+                         {ReportingParameter("a", ReportingValue::int_(1)),
+                          ReportingParameter("a", ReportingValue::string("x")),
+                          ReportingParameter("a", ReportingValue::boolean(false))},
+                         {});
+  const auto parameters = onlySent().parameters();
+  ASSERT_EQ(parameters.size(), 1u);
+  EXPECT_EQ(parameters[0].first, "a");
+  EXPECT_TRUE(parameters[0].second == "1" || parameters[0].second == "x" ||
+              parameters[0].second == "0")
+      << parameters[0].second;
+}
+
+TEST_F(BeaconReporterTest, NothingToSayStillSendsOneBeaconOfTheType) {
+  const auto uuid = BeaconReporter::report(KVRBeaconTypePageView, {}, {});
+  const auto beacon = onlySent();
+  EXPECT_EQ(beacon.event, "pageview");
+  EXPECT_TRUE(beacon.parameters().empty());
+  EXPECT_EQ(beacon.value(std::string(KVRBeaconUUIDKey)), uuid);
+}
+
+TEST_F(BeaconReporterTest, WithoutAnEndpointTheBeaconIsMadeButNotSubmitted) {
+  KVNConfiguration::sharedInstance().update(
+      [](KVNConfiguration::Snapshot& s) { s.beacons.beaconEndpoint = ""; });
+
+  std::vector<std::string> created;
+  platform::ObserverRegistration observer(
+      env_.notificationCenter(),
+      env_.notificationCenter().addObserver(
+          std::string(KVRReliableNetworkingTaskCreatedNotification),
+          [&](const platform::Notification& n) {
+            const auto* representation = std::any_cast<KVRParameters>(&n.object);
+            if (representation == nullptr) return;
+            const auto* inner = representation->find(KVRBeaconParametersJSONKey);
+            if (inner == nullptr || inner->asDictionary() == nullptr) return;
+            created.push_back(
+                inner->asDictionary()->stringForKey(KVRBeaconUUIDKey).value_or("<none>"));
+          }));
+
+  env_.queueUUIDs({"11111111-2222-4333-8444-555555555555"});
+  const auto uuid = BeaconReporter::report(KVRBeaconTypePageView,
+                                           {ReportingParameter::trackID("t")}, {});
+  EXPECT_EQ(uuid, "11111111-2222-4333-8444-555555555555");
+  EXPECT_EQ(created, std::vector<std::string>{uuid});
+  EXPECT_EQ(executor_->count(), 0u);
+  EXPECT_TRUE(submitted().empty());
+}
+
+using BeaconReporterDeathTest = BeaconReporterTest;
+
+TEST_F(BeaconReporterDeathTest, ATypeWithoutABeaconStopsTheProgram) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  EXPECT_DEATH(BeaconReporter::report(static_cast<KVRBeaconType>(0), {}, {}),
+               "made no beacon for type 0");
+  EXPECT_DEATH(BeaconReporter::report(static_cast<KVRBeaconType>(21), {}, {}),
+               "made no beacon for type 21");
+}
+
+}  // namespace
+}  // namespace korvel
