@@ -1,0 +1,28 @@
+// Migration of the user's account to a streaming service.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace korvel {
+
+class KVNError;
+
+using KVRAccountsProvider = int64_t;
+inline constexpr KVRAccountsProvider KVRAccountsProviderAppleMusic = 0;
+inline constexpr KVRAccountsProvider KVRAccountsProviderSpotify = 1;
+
+class KVRAccountsReporter {
+ public:
+  KVRAccountsReporter() = delete;
+
+  static void reportSuccessfulAccountMigrationImpressionForAccount(KVRAccountsProvider account);
+  // The error's description goes along when there is one.
+  static void reportFailedAccountMigrationImpressionForAccount(KVRAccountsProvider account,
+                                                               const KVNError* withError);
+
+  // 1 "spotify", anything else "applemusic".
+  static std::string accountsProviderStringFromAccountsProvider(KVRAccountsProvider provider);
+};
+
+}  // namespace korvel

@@ -1,0 +1,35 @@
+// The messages extension: opened, a track expanded, sent, played.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace korvel {
+
+// Where in the extension a track came from.
+using KVRIMessageOrigin = int64_t;
+inline constexpr KVRIMessageOrigin KVRIMessageOriginManual = 0;
+inline constexpr KVRIMessageOrigin KVRIMessageOriginMyKorvel = 1;
+inline constexpr KVRIMessageOrigin KVRIMessageOriginTag = 2;
+
+class KVRIMessageReporter {
+ public:
+  KVRIMessageReporter() = delete;
+
+  static void reportIMessageOpened();
+  static void reportIMessageExpandedForTrackID(const std::optional<std::string>& trackID);
+  static void reportIMessageWillSendMessageForTrackID(const std::optional<std::string>& trackID);
+  static void reportIMessageWillSendMessageFromOrigin(KVRIMessageOrigin origin,
+                                                      const std::optional<std::string>& forTrackID);
+  // Playing always starts from a tag in a message.
+  static void reportIMessageTapPlayWithTrackID(const std::optional<std::string>& trackID);
+  // The beacon's uuid.
+  static std::optional<std::string> reportIMessageOpenAppleMusicTappedFromOrigin(
+      KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID);
+
+  // 1 "imessage_mykorvel", 2 "imessagetag", anything else "manual".
+  static std::string imessageOriginStringForIMessageOrigin(KVRIMessageOrigin origin);
+};
+
+}  // namespace korvel

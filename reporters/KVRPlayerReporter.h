@@ -1,0 +1,33 @@
+// The player: its track list, the way to the artist page, saving its
+// playlist.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+namespace korvel {
+
+struct KVRTagDetails;
+
+// What the player is playing; every kind is reported as a playlist today.
+using KVRPlayerContentType = int64_t;
+
+class KVRPlayerReporter {
+ public:
+  KVRPlayerReporter() = delete;
+
+  static void reportNavigationToArtistPage();
+  static void reportUserTappedOnTrackInPlayerTracklistWithTagDetails(
+      const KVRTagDetails* tagDetails,
+      const std::optional<std::string>& streamingServiceProviderName);
+  static void reportUserTappedSavePlaylistWithStreamingServiceProviderName(
+      const std::optional<std::string>& providerName);
+  // Reported as the app-wide scroll event.
+  static void reportUserScrolledToBottomOfTracklist();
+
+  // Always "playlist".
+  static std::string playerContentTypeStringFromPlayerContentType(KVRPlayerContentType type);
+};
+
+}  // namespace korvel

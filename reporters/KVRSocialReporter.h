@@ -1,0 +1,28 @@
+// Screenshots, the screenshot education of My Korvel, and links to social
+// networks.
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+namespace korvel {
+
+using KVRSocialNetworkType = int64_t;
+inline constexpr KVRSocialNetworkType KVRSocialNetworkTypeTwitter = 0;
+inline constexpr KVRSocialNetworkType KVRSocialNetworkTypeInstagram = 1;
+inline constexpr KVRSocialNetworkType KVRSocialNetworkTypeFacebook = 2;
+
+class KVRSocialReporter {
+ public:
+  KVRSocialReporter() = delete;
+
+  static void reportTookScreenshot();
+  static void reportMyKorvelScreenshotEducationSeen();
+  static void reportMyKorvelScreenshotEducationActionTapped();
+  static void reportTappedSocialMediaLink(KVRSocialNetworkType network);
+
+  // 1 "instagram", 2 "facebook", anything else "twitter".
+  static std::string stringForSocialNetworkType(KVRSocialNetworkType network);
+};
+
+}  // namespace korvel

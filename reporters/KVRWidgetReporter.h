@@ -1,0 +1,14 @@
+// Home-screen widgets.
+#pragma once
+
+namespace korvel {
+
+class KVRWidgetReporter {
+ public:
+  KVRWidgetReporter() = delete;
+
+  // Whether the user has any of the widgets of the iOS 14 generation.
+  static void reportUserHasiOS14Widgets(bool hasWidgets);
+};
+
+}  // namespace korvel

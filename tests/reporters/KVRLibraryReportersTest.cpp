@@ -1,0 +1,339 @@
+#include <gtest/gtest.h>
+
+#include <nlohmann/json.hpp>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+
+#include "core/KVRUserSession.h"
+#include "platform/KVNError.h"
+#include "reporters/KVRLibraryReporter.h"
+#include "reporters/KVRLibrarySyncReporter.h"
+#include "reporters/KVRTagSyncReporter.h"
+#include "reporters/KVRTaggingReporter.h"
+#include "ReporterBeaconCases.h"
+
+namespace korvel::testing {
+namespace {
+
+const KVRTagDetails& sampleTag() {
+  static const KVRTagDetails tag = [] {
+    KVRTagDetails t;
+    t.trackID = "TRACK-1";
+    t.tagID = "TAG-9";
+    t.type = "music";
+    return t;
+  }();
+  return tag;
+}
+
+std::shared_ptr<const KVNError> errorChain(std::initializer_list<int64_t> codes) {
+  std::shared_ptr<const KVNError> chain;
+  for (auto it = std::rbegin(codes); it != std::rend(codes); ++it) {
+    chain = chain ? std::make_shared<const KVNError>(
+                        KVNError::withUnderlying("KVRTest", *it, std::nullopt, chain))
+                  : std::make_shared<const KVNError>("KVRTest", *it);
+  }
+  return chain;
+}
+
+// MARK: - Beacons
+
+class LibraryBeaconTest : public BeaconTest, public ::testing::WithParamInterface<BeaconCase> {};
+
+TEST_P(LibraryBeaconTest, SendsExactlyItsBeacon) {
+  expectSends(GetParam(), [this] { return onlySent(); },
+              wire(KVRTaggingReporter::reportingParametersForTagDetails(&sampleTag())));
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    Library, LibraryBeaconTest,
+    ::testing::ValuesIn(std::vector<BeaconCase>{
+        {"ImpressionWithTag",
+         [] { KVRLibraryReporter::reportLibraryImpressionOfType(4, &sampleTag()); },
+         "impression",
+         {{"providername", "trending"}, kTagParameters}},
+        {"ImpressionUnknownTypeNoTag",
+         [] { KVRLibraryReporter::reportLibraryImpressionOfType(99, nullptr); },
+         "impression",
+         {{"providername", "history"}}},
+        {"OpenedTrack",
+         [] { KVRLibraryReporter::reportOpenedTrack(&sampleTag(), KVRValue(3), 6); },
+         "userevent",
+         {{"type", "nav"},
+          {"destination", "details"},
+          {"cardposition", "3"},
+          {"cardtype", "icloud_halfsheet"},
+          kTagParameters}},
+        {"OpenedTrackWithoutPositionOrTag",
+         [] { KVRLibraryReporter::reportOpenedTrack(nullptr, std::nullopt, -1); },
+         "userevent",
+         {{"type", "nav"}, {"destination", "details"}, {"cardtype", "history"}}},
+        // The position follows the tag: written after the merge, it wins.
+        {"PlayTrackGoesOutAsPlayback",
+         [] { KVRLibraryReporter::reportPlayTrack(&sampleTag(), "spotify", KVRValue(2)); },
+         "userevent",
+         {{"type", "playerplay"}, {"providername", "spotify"}, kTagParameters,
+          {"cardposition", "2"}}},
+        {"SeeAllWithOrigin",
+         [] { KVRLibraryReporter::reportTappedSeeAllForType(5, "library"); },
+         "userevent",
+         {{"type", "nav"}, {"destination", "playlistsforyou"}, {"origin", "library"}}},
+        {"SeeAllWithoutOrigin",
+         [] { KVRLibraryReporter::reportTappedSeeAllForType(0, std::nullopt); },
+         "userevent",
+         {{"type", "nav"}, {"destination", "history"}}},
+        {"UpsellCard", [] { KVRLibraryReporter::reportOpenedUpsellCard(); }, "userevent",
+         {{"type", "nav"}, {"destination", "amupsell"}}},
+        {"SearchTapped", [] { KVRLibraryReporter::reportSearchTapped(); }, "userevent",
+         {{"type", "nav"}, {"destination", "search"}}},
+        {"KorvelButton", [] { KVRLibraryReporter::reportKorvelButtonTapped(); }, "userevent",
+         {{"type", "nav"}, {"destination", "home"}}},
+
+        {"AuthorizedSyncFromOptOut",
+         [] { KVRLibrarySyncReporter::reportUserAuthorizedSyncWithOrigin(1); },
+         "userevent",
+         {{"type", "accountlogin"},
+          {"action", "signin"},
+          {"origin", "optout"},
+          {"providername", "icloud"}}},
+        {"AuthorizedSyncFromMigration",
+         [] { KVRLibrarySyncReporter::reportUserAuthorizedSyncWithOrigin(0); },
+         "userevent",
+         {{"type", "accountlogin"},
+          {"action", "signin"},
+          {"origin", "authmigration_anon"},
+          {"providername", "icloud"}}},
+        {"PrivacyTapped",
+         [] {
+           KVRLibrarySyncReporter::reportSyncStatusPrivacyTappedWithOrigin(
+               KVRLibrarySyncStatusTemporarilyUnavailable);
+         },
+         "userevent",
+         {{"type", "nav"}, {"destination", "privacy"}, {"origin", "temporarilyunavailable"}}},
+        {"PrivacyTappedUnknownStatus",
+         [] {
+           KVRLibrarySyncReporter::reportSyncStatusPrivacyTappedWithOrigin(
+               KVRLibrarySyncStatusValue(-3));
+         },
+         "userevent",
+         {{"type", "nav"}, {"destination", "privacy"}, {"origin", "icloudon"}}},
+
+        // "removed" goes out as "deleted", after "updated"; no "type".
+        {"SyncResultFull",
+         [] {
+           KVRTagSyncReporter::reportSyncResult("success", 0, 1, KVRValue(10), KVRValue(2),
+                                                KVRValue(3), KVRValue(4), nullptr);
+         },
+         "tagsync",
+         {{"result", "success"},
+          {"container", "original"},
+          {"syncstep", "2"},
+          {"uploaded", "10"},
+          {"added", "2"},
+          {"updated", "4"},
+          {"deleted", "3"}}},
+        {"SyncResultErrorOnly",
+         [] {
+           KVRTagSyncReporter::reportSyncResult(std::nullopt, 5, 3, std::nullopt, std::nullopt,
+                                                std::nullopt, std::nullopt,
+                                                errorChain({4, -1009}).get());
+         },
+         "tagsync",
+         {{"container", "e2ee"}, {"error", "4:-1009"}}},
+        {"SyncResultNegativeStepHasNoStep",
+         [] {
+           KVRTagSyncReporter::reportSyncResult("failed", -1, -1, std::nullopt, KVRValue(0),
+                                                std::nullopt, std::nullopt, nullptr);
+         },
+         "tagsync",
+         {{"result", "failed"}, {"container", "e2ee"}, {"added", "0"}}},
+    }),
+    beaconCaseName);
+
+// MARK: - Word tables
+
+TEST(LibraryReporterWords, CardTypes) {
+  expectMapping(&KVRLibraryReporter::reportingStringForType,
+                {std::pair<int64_t, std::string>{kInt64Min, "history"},
+                 {-1, "history"},
+                 {0, "history"},
+                 {1, "amupsell"},
+                 {2, "ammodalupsell"},
+                 {3, "search"},
+                 {4, "trending"},
+                 {5, "playlistsforyou"},
+                 {6, "icloud_halfsheet"},
+                 {7, "history"},
+                 {kInt64Max, "history"}});
+}
+
+TEST(LibrarySyncReporterWords, StatusesDefaultToSyncOn) {
+  const auto statusWord = [](int64_t raw) {
+    return KVRLibrarySyncReporter::stringFromStatusValue(KVRLibrarySyncStatusValue(raw));
+  };
+  expectMapping(statusWord, {std::pair<int64_t, std::string>{kInt64Min, "icloudon"},
+                             {-3, "icloudon"},
+                             {-1, "icloudon"},
+                             {0, "icloudon"},
+                             {1, "optout"},
+                             {2, "notdetermined"},
+                             {3, "noicloudaccess"},
+                             {4, "restricted"},
+                             {5, "icloudfull"},
+                             {6, "temporarilyunavailable"},
+                             {7, "icloudon"},
+                             {kInt64Max, "icloudon"}});
+  for (int64_t raw : {kInt64Min, int64_t{0}, int64_t{3}, int64_t{7}}) {
+    EXPECT_EQ(KVRLibrarySyncReporter::providerStringForSettingsLibrarySyncStatus(
+                  KVRLibrarySyncStatusValue(raw)),
+              statusWord(raw));
+  }
+}
+
+TEST(LibrarySyncReporterWords, AuthorizationOrigins) {
+  expectMapping(&KVRLibrarySyncReporter::stringFromAuthorizationOrigin,
+                {std::pair<int64_t, std::string>{kInt64Min, "authmigration_anon"},
+                 {-1, "authmigration_anon"},
+                 {0, "authmigration_anon"},
+                 {1, "optout"},
+                 {2, "authmigration_anon"},
+                 {kInt64Max, "authmigration_anon"}});
+}
+
+TEST(TagSyncReporterWords, Containers) {
+  expectMapping(&KVRTagSyncReporter::stringForContainer,
+                {std::pair<int64_t, std::string>{kInt64Min, "e2ee"},
+                 {-1, "e2ee"},
+                 {0, "original"},
+                 {1, "e2ee"},
+                 {5, "e2ee"},
+                 {kInt64Max, "e2ee"}});
+}
+
+TEST(TagSyncReporterWords, StepsCountFromOneOnTheWire) {
+  using Step = std::optional<std::string>;
+  expectMapping(&KVRTagSyncReporter::stringForSyncStep,
+                {std::pair<int64_t, Step>{kInt64Min, std::nullopt},
+                 {-1, std::nullopt},
+                 {0, "1"},
+                 {1, "2"},
+                 {2, "other"},
+                 {3, std::nullopt},
+                 {kInt64Max, std::nullopt}});
+}
+
+// MARK: - Error code chains
+
+TEST(TagSyncErrorCodes, FollowTheUnderlyingChainOutermostFirst) {
+  EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(nullptr), std::nullopt);
+  EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(errorChain({7}).get()), "7");
+  EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(errorChain({4, -1009}).get()),
+            "4:-1009");
+  EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(errorChain({1, 2, 3}).get()), "1:2:3");
+  EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(errorChain({kInt64Min, kInt64Max}).get()),
+            "-9223372036854775808:9223372036854775807");
+}
+
+TEST(TagSyncErrorCodes, DeepChainIsFollowedToTheEnd) {
+  std::shared_ptr<const KVNError> chain = std::make_shared<const KVNError>("KVRTest", 0);
+  std::string expected = "0";
+  for (int64_t code = 1; code < 500; ++code) {
+    chain = std::make_shared<const KVNError>(
+        KVNError::withUnderlying("KVRTest", code, std::nullopt, chain));
+    expected = std::to_string(code) + ":" + expected;
+  }
+  EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(chain.get()), expected);
+}
+
+TEST(TagSyncErrorCodes, NonErrorUnderTheUnderlyingKeyIsNotFollowed) {
+  const KVNError error("KVRTest", 4, std::nullopt,
+                       {{std::string(KVNUnderlyingErrorKey), KVRValue("not an error")}});
+  ASSERT_TRUE(error.hasUserInfoValue(KVNUnderlyingErrorKey));
+  EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(&error), "4");
+}
+
+TEST(TagSyncErrorCodes, SelfReferentialChainsEndAtTheFirstRepeat) {
+  auto self = std::make_shared<KVNError>("KVRTest", 1);
+  *self = KVNError::withUnderlying("KVRTest", 1, std::nullopt, self);
+  EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(self.get()), "1");
+
+  auto first = std::make_shared<KVNError>("KVRTest", 1);
+  auto second = std::make_shared<const KVNError>(
+      KVNError::withUnderlying("KVRTest", 2, std::nullopt, first));
+  *first = KVNError::withUnderlying("KVRTest", 1, std::nullopt, second);
+  EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(first.get()), "1:2");
+
+  // Break the cycles so the errors are freed.
+  *self = KVNError("KVRTest", 1);
+  *first = KVNError("KVRTest", 1);
+}
+
+// MARK: - Sync status value
+
+TEST(LibrarySyncStatusValue, EncodesAsTheRawIntegerAlone) {
+  EXPECT_EQ(KVRLibrarySyncStatusValue(3).toJSON(), nlohmann::json(3));
+  EXPECT_EQ(KVRLibrarySyncStatusValue(3).toJSON().dump(), "3");
+  const nlohmann::json viaAdl = KVRLibrarySyncStatusValue(-2);
+  EXPECT_EQ(viaAdl.dump(), "-2");
+  EXPECT_EQ(nlohmann::json(std::vector{KVRLibrarySyncStatusOptOut, KVRLibrarySyncStatusICloudFull})
+                .dump(),
+            "[1,5]");
+}
+
+TEST(LibrarySyncStatusValue, DecodesAnyRawValueAndRoundTrips) {
+  for (int64_t raw : {kInt64Min, int64_t{-1}, int64_t{0}, int64_t{3}, int64_t{99}, kInt64Max}) {
+    const KVRLibrarySyncStatusValue status(raw);
+    EXPECT_EQ(KVRLibrarySyncStatusValue::fromJSON(nlohmann::json::parse(status.toJSON().dump())),
+              status)
+        << raw;
+    EXPECT_EQ(nlohmann::json(status).get<KVRLibrarySyncStatusValue>().rawValue(), raw);
+  }
+}
+
+TEST(LibrarySyncStatusValue, RejectsAnythingButOneFittingInteger) {
+  for (const char* text : {"\"3\"", "3.5", "null", "true", "[3]", "{\"rawValue\":3}",
+                           "18446744073709551615"}) {
+    EXPECT_THROW(KVRLibrarySyncStatusValue::fromJSON(nlohmann::json::parse(text)),
+                 std::invalid_argument)
+        << text;
+  }
+}
+
+// MARK: - Session wiring
+
+class LibrarySyncSessionStateTest : public BeaconTest {};
+
+TEST_F(LibrarySyncSessionStateTest, SessionBeaconWordsSyncStatesThreeToEightAsSettingsStatuses) {
+  const std::vector<std::pair<uint64_t, std::optional<std::string>>> rows = {
+      {0, std::nullopt},
+      {1, "original"},
+      {2, "e2ee"},
+      {3, "optout"},
+      {4, "notdetermined"},
+      {5, "noicloudaccess"},
+      {6, "restricted"},
+      {7, "icloudfull"},
+      {8, "temporarilyunavailable"},
+      {9, std::nullopt},
+      {UINT64_MAX, std::nullopt},
+  };
+  for (const auto& [state, word] : rows) {
+    executor_->clear();
+    KVRUserSession::setUserSessionDelegate(std::make_shared<ScreenNameDelegate>("home", state));
+    KVRUserSession::reportUserSessionWithDuration(KVRValue(12));
+    const auto beacon = onlySent();
+    EXPECT_EQ(beacon.event, "usersession");
+    EXPECT_EQ(beacon.value("icloudstatus"), word) << "state " << state;
+  }
+}
+
+TEST_F(LibrarySyncSessionStateTest, CurrentPageNameIsTheSessionsScreenName) {
+  EXPECT_EQ(KVRLibrarySyncReporter::currentPageName(), std::nullopt);
+  KVRUserSession::setUserSessionDelegate(std::make_shared<ScreenNameDelegate>("library"));
+  EXPECT_EQ(KVRLibrarySyncReporter::currentPageName(), "library");
+}
+
+}  // namespace
+}  // namespace korvel::testing
