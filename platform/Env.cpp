@@ -3,12 +3,13 @@
 #include <time.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <cmath>
 #include <mutex>
 
-#include "platform/HttpClient.h"
-#include "platform/InProcessRequestExecutor.h"
+#include "platform/DurableRequestExecutor.h"
 #include "platform/Logging.h"
+#include "platform/MainQueue.h"
 #include "platform/NotificationCenter.h"
 
 namespace korvel::platform {
@@ -61,16 +62,27 @@ class LinuxEnv : public Env {
     return tm;
   }
 
+  MainQueue& mainQueue() override { return mainQueue_; }
+
+  // $XDG_DOCUMENTS_DIR, else ~/Documents, else the working directory.
+  std::string documentsDirectory() override {
+    if (const char* xdg = std::getenv("XDG_DOCUMENTS_DIR"); xdg != nullptr && *xdg != 0) {
+      return xdg;
+    }
+    if (const char* home = std::getenv("HOME"); home != nullptr && *home != 0) {
+      return std::string(home) + "/Documents";
+    }
+    return ".";
+  }
+
   NotificationCenter& notificationCenter() override { return center_; }
   LogSink& logSink() override { return logSink_; }
 
   std::shared_ptr<KVNNetworkBackgroundRequestExecutor> makeBackgroundExecutor(
       const std::string& sessionIdentifier) override {
-    return std::make_shared<InProcessRequestExecutor>(
-        sessionIdentifier, [](const KVNNetworkRequest&, const KVNEndpoint& endpoint) {
-          const HttpResponse response = httpGet(endpoint.urlString());
-          return response.status >= 200 && response.status < 300;
-        });
+    // Stored under $XDG_DATA_HOME/korvel/<session identifier>; delivered over
+    // libcurl; survives restarts and kills of the process.
+    return std::make_shared<DurableRequestExecutor>(sessionIdentifier);
   }
 
  private:
@@ -78,6 +90,7 @@ class LinuxEnv : public Env {
   std::optional<std::string> bundleIdentifier_;
   NotificationCenter center_;
   StderrLogSink logSink_;
+  MainQueue mainQueue_;
   std::atomic<ApplicationState> state_{ApplicationState::Active};
 };
 

@@ -26,6 +26,7 @@ namespace korvel::platform {
 
 class NotificationCenter;
 class LogSink;
+class MainQueue;
 
 class Env {
  public:
@@ -55,6 +56,10 @@ class Env {
   virtual DeviceOrientation deviceOrientation() = 0;
   // The broken-down local time (the machine's time zone) of an instant.
   virtual std::tm localTime(double secondsSince1970) = 0;
+  // The queue of work for the host's main (UI) thread.
+  virtual MainQueue& mainQueue() = 0;
+  // The user's documents directory (where debug files are kept).
+  virtual std::string documentsDirectory() = 0;
 };
 
 // Forwards every call to a target Env; subclass it to override a few services.
@@ -80,6 +85,8 @@ class EnvWrapper : public Env {
   std::tm localTime(double secondsSince1970) override {
     return target_.localTime(secondsSince1970);
   }
+  MainQueue& mainQueue() override { return target_.mainQueue(); }
+  std::string documentsDirectory() override { return target_.documentsDirectory(); }
 
  private:
   Env& target_;

@@ -15,7 +15,10 @@
 //                           non-empty beacon endpoint and an inid.
 //   backgroundSessionRetryCount
 //                        how many times a failed attempt is retried (so at
-//                        most count + 1 attempts in all).
+//                        most count + 1 attempts in all). The durable
+//                        executor does not count an attempt that could not
+//                        connect at all (offline, refused): such a request
+//                        waits for the network instead of being given up.
 //
 // Durable executors keep requests across process restarts. A closure cannot
 // be stored, so a request that wants to survive carries a restoration

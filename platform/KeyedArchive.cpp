@@ -26,12 +26,6 @@ constexpr std::uint8_t kUIntSubtype = 3;  // 8 bytes: little-endian uint64
 // once per level; corrupt input must not be able to exhaust the stack).
 constexpr size_t kMaxDepth = 256;
 
-Json littleEndianBytes(std::uint64_t bits, std::uint8_t subtype) {
-  std::vector<std::uint8_t> bytes(8);
-  for (size_t i = 0; i < 8; ++i) bytes[i] = static_cast<std::uint8_t>(bits >> (8 * i));
-  return Json::binary(std::move(bytes), subtype);
-}
-
 std::uint64_t fromLittleEndian(const Binary& bytes) {
   std::uint64_t bits = 0;
   for (size_t i = 8; i-- > 0;) bits = (bits << 8) | bytes[i];
@@ -45,42 +39,6 @@ std::uint64_t unsignedValue(const KVRValue& value) {
   std::uint64_t u = 0;
   std::from_chars(text.data(), text.data() + text.size(), u);
   return u;
-}
-
-Json toJson(const KVRValue& value) {
-  switch (value.kind()) {
-    case KVRValue::Kind::String:
-      return *value.asString();
-    case KVRValue::Kind::Int:
-      return *value.asInt();
-    case KVRValue::Kind::UInt:
-      return littleEndianBytes(unsignedValue(value), kUIntSubtype);
-    case KVRValue::Kind::Double:
-      return *value.asDouble();
-    case KVRValue::Kind::Bool:
-      return *value.asBool();
-    case KVRValue::Kind::Date: {
-      const double seconds = value.asDate()->secondsSince1970;
-      std::uint64_t bits = 0;
-      std::memcpy(&bits, &seconds, sizeof bits);
-      return littleEndianBytes(bits, kDateSubtype);
-    }
-    case KVRValue::Kind::URL: {
-      const std::string& text = value.asURL()->absoluteString;
-      return Json::binary(std::vector<std::uint8_t>(text.begin(), text.end()), kURLSubtype);
-    }
-    case KVRValue::Kind::Dictionary: {
-      Json object = Json::object();
-      for (const auto& [key, entry] : *value.asDictionary()) object[key] = toJson(entry);
-      return object;
-    }
-    case KVRValue::Kind::List: {
-      Json array = Json::array();
-      for (const auto& entry : *value.asList()) array.push_back(toJson(entry));
-      return array;
-    }
-  }
-  return nullptr;
 }
 
 std::optional<KVRValue> fromJson(const Json& json);
@@ -247,8 +205,144 @@ bool isWellFormedCBOR(const unsigned char* data, size_t size) {
 
 // MARK: - KeyedArchiver
 
+namespace {
+
+// The archiver writes CBOR directly instead of building a JSON tree and
+// serialising it: a beacon record is archived on the reporting thread, where
+// the tree's allocations cost several times more than the bytes themselves.
+// The output is the same CBOR the tree would give (definite lengths, compact
+// floats, tagged byte strings for the kinds above), read back by the
+// unarchiver below.
+
+void putHead(std::string& out, unsigned major, std::uint64_t value) {
+  const auto m = static_cast<char>(major << 5);
+  if (value < 24) {
+    out += static_cast<char>(m | static_cast<char>(value));
+  } else if (value <= 0xFF) {
+    out += static_cast<char>(m | 24);
+    out += static_cast<char>(value);
+  } else if (value <= 0xFFFF) {
+    out += static_cast<char>(m | 25);
+    for (int shift = 8; shift >= 0; shift -= 8) out += static_cast<char>(value >> shift);
+  } else if (value <= 0xFFFFFFFFull) {
+    out += static_cast<char>(m | 26);
+    for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>(value >> shift);
+  } else {
+    out += static_cast<char>(m | 27);
+    for (int shift = 56; shift >= 0; shift -= 8) out += static_cast<char>(value >> shift);
+  }
+}
+
+void putText(std::string& out, std::string_view text) {
+  putHead(out, 3, text.size());
+  out.append(text);
+}
+
+void putTaggedBytes(std::string& out, std::uint8_t subtype, const char* bytes, size_t size) {
+  // Always the one-byte-argument form: the reader takes small tags (0xC0 to
+  // 0xC5) for the standard date and bignum tags, not for byte-string kinds.
+  out += '\xD8';
+  out += static_cast<char>(subtype);
+  putHead(out, 2, size);
+  out.append(bytes, size);
+}
+
+void putLittleEndian(std::string& out, std::uint8_t subtype, std::uint64_t bits) {
+  char bytes[8];
+  for (size_t i = 0; i < 8; ++i) bytes[i] = static_cast<char>(bits >> (8 * i));
+  putTaggedBytes(out, subtype, bytes, 8);
+}
+
+void putDouble(std::string& out, double value) {
+  // Single precision when that loses nothing, as the JSON writer does.
+  const bool fitsFloat = value >= static_cast<double>(std::numeric_limits<float>::lowest()) &&
+                         value <= static_cast<double>(std::numeric_limits<float>::max()) &&
+                         static_cast<double>(static_cast<float>(value)) == value;
+  if (fitsFloat) {
+    const float f = static_cast<float>(value);
+    std::uint32_t bits = 0;
+    std::memcpy(&bits, &f, sizeof bits);
+    out += '\xFA';
+    for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>(bits >> shift);
+  } else {
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    out += '\xFB';
+    for (int shift = 56; shift >= 0; shift -= 8) out += static_cast<char>(bits >> shift);
+  }
+}
+
+void putValue(std::string& out, const KVRValue& value) {
+  switch (value.kind()) {
+    case KVRValue::Kind::String:
+      putText(out, *value.asString());
+      return;
+    case KVRValue::Kind::Int: {
+      const std::int64_t i = *value.asInt();
+      if (i >= 0) {
+        putHead(out, 0, static_cast<std::uint64_t>(i));
+      } else {
+        putHead(out, 1, static_cast<std::uint64_t>(-(i + 1)));
+      }
+      return;
+    }
+    case KVRValue::Kind::UInt:
+      putLittleEndian(out, kUIntSubtype, unsignedValue(value));
+      return;
+    case KVRValue::Kind::Double:
+      putDouble(out, *value.asDouble());
+      return;
+    case KVRValue::Kind::Bool:
+      out += *value.asBool() ? '\xF5' : '\xF4';
+      return;
+    case KVRValue::Kind::Date: {
+      const double seconds = value.asDate()->secondsSince1970;
+      std::uint64_t bits = 0;
+      std::memcpy(&bits, &seconds, sizeof bits);
+      putLittleEndian(out, kDateSubtype, bits);
+      return;
+    }
+    case KVRValue::Kind::URL: {
+      const std::string& text = value.asURL()->absoluteString;
+      putTaggedBytes(out, kURLSubtype, text.data(), text.size());
+      return;
+    }
+    case KVRValue::Kind::Dictionary: {
+      const KVRParameters& dictionary = *value.asDictionary();
+      putHead(out, 5, dictionary.size());
+      for (const auto& [key, entry] : dictionary) {
+        putText(out, key);
+        putValue(out, entry);
+      }
+      return;
+    }
+    case KVRValue::Kind::List: {
+      const KVRList& list = *value.asList();
+      putHead(out, 4, list.size());
+      for (const auto& entry : list) putValue(out, entry);
+      return;
+    }
+  }
+  out += '\xF6';  // null: not a kind this library makes
+}
+
+}  // namespace
+
 struct KeyedArchiver::Impl {
-  Json root = Json::object();
+  // Each key with its value already encoded, in the order keys were first
+  // written; writing a key again replaces its value in place.
+  std::vector<std::pair<std::string, std::string>> entries;
+
+  std::string& slot(std::string_view key) {
+    for (auto& [k, v] : entries) {
+      if (k == key) {
+        v.clear();
+        return v;
+      }
+    }
+    entries.emplace_back(std::string(key), std::string());
+    return entries.back().second;
+  }
 };
 
 KeyedArchiver::KeyedArchiver() : impl_(std::make_unique<Impl>()) {}
@@ -258,33 +352,46 @@ KeyedArchiver& KeyedArchiver::operator=(KeyedArchiver&&) noexcept = default;
 
 void KeyedArchiver::encodeObject(std::string_view key, const KVRParameters& dictionary) {
   if (!impl_) impl_ = std::make_unique<Impl>();
-  impl_->root[std::string(key)] = toJson(KVRValue(dictionary));
+  std::string& out = impl_->slot(key);
+  putHead(out, 5, dictionary.size());
+  for (const auto& [k, entry] : dictionary) {
+    putText(out, k);
+    putValue(out, entry);
+  }
 }
 
 void KeyedArchiver::encodeObject(std::string_view key, const std::string& text) {
   if (!impl_) impl_ = std::make_unique<Impl>();
-  impl_->root[std::string(key)] = text;
+  putText(impl_->slot(key), text);
 }
 
 void KeyedArchiver::encodeDouble(std::string_view key, double value) {
   if (!impl_) impl_ = std::make_unique<Impl>();
-  impl_->root[std::string(key)] = value;
+  putDouble(impl_->slot(key), value);
 }
 
 void KeyedArchiver::encodeInt(std::string_view key, int64_t value) {
   if (!impl_) impl_ = std::make_unique<Impl>();
-  impl_->root[std::string(key)] = value;
+  putValue(impl_->slot(key), KVRValue(value));
 }
 
 void KeyedArchiver::encodeBool(std::string_view key, bool value) {
   if (!impl_) impl_ = std::make_unique<Impl>();
-  impl_->root[std::string(key)] = value;
+  impl_->slot(key) = value ? '\xF5' : '\xF4';
 }
 
 std::string KeyedArchiver::encodedData() const {
   if (!impl_) return std::string(1, '\xA0');  // an empty map
-  const std::vector<std::uint8_t> bytes = Json::to_cbor(impl_->root);
-  return std::string(bytes.begin(), bytes.end());
+  size_t size = 9;
+  for (const auto& [key, value] : impl_->entries) size += key.size() + value.size() + 9;
+  std::string out;
+  out.reserve(size);
+  putHead(out, 5, impl_->entries.size());
+  for (const auto& [key, value] : impl_->entries) {
+    putText(out, key);
+    out += value;
+  }
+  return out;
 }
 
 // MARK: - KeyedUnarchiver

@@ -1,12 +1,17 @@
 // A small host: starts the library, sends a few beacons and prints the URL of
 // each one exactly as it would go on the wire.
+#include <chrono>
 #include <cstdio>
 #include <memory>
+#include <string>
+#include <thread>
 
 #include "core/KVRBeacon.h"
 #include "core/KVRConstants.h"
 #include "core/KVRReportingUtilities.h"
 #include "core/KVRUserSession.h"
+#include "pageviews/BeaconReporter.h"
+#include "pageviews/PageViewManager.h"
 #include "platform/Application.h"
 #include "platform/Env.h"
 #include "platform/InProcessRequestExecutor.h"
@@ -14,6 +19,28 @@
 #include "platform/NotificationCenter.h"
 
 using namespace korvel;
+
+namespace {
+
+// The host's side of page views: each finished visible stretch becomes one
+// "pageview" beacon with the page's name under "screenname" and its duration
+// under "duration" in seconds, as a double. Seconds because every "duration"
+// key on these beacons is in seconds (the usersession beacon's among them);
+// milliseconds belong to the "time"-style keys.
+class PageViewBeacons : public PageViewReporter {
+ public:
+  void report(const PageView& pageView) override {
+    ReportingParameters parameters = pageView.reportingParameters;
+    parameters.insert(
+        ReportingParameter(std::string(kKVRScreenName), pageView.name.reportingValue()));
+    parameters.insert(
+        ReportingParameter(std::string(kKVRDuration), ReportingValue::double_(pageView.duration)));
+    // A host passes along whatever its content service sent for the page.
+    BeaconReporter::report(KVRBeaconTypePageView, parameters, KVRParameters{});
+  }
+};
+
+}  // namespace
 
 int main() {
   platform::setMainBundleIdentifier("com.korvel.example");
@@ -50,7 +77,23 @@ int main() {
   KVRBeacon::sendBeaconOfType(KVRBeaconTypeWebInitiated, KVRParameters{{"campaign", "fall"}},
                               "webpromo");
 
-  // Going to the background ends the session and sends "usersession".
+  // Page views: screens push, rename and close pages; the manager times the
+  // visible page and reports each stretch when it ends.
+  auto pageViews = std::make_shared<PageViewManager>(std::make_shared<PageViewBeacons>(), true);
+  const auto home = PageID::make();
+  const auto track = PageID::make();
+  pageViews->trackPageAppeared(home, PageName("home"), {});
+  std::this_thread::sleep_for(std::chrono::milliseconds(120));
+  pageViews->trackPageAppeared(track, PageName("track"),
+                               {ReportingParameter::trackID("12345")});  // "home" ends
+  std::this_thread::sleep_for(std::chrono::milliseconds(80));
+  pageViews->trackPageNameChanged(PageName("lyrics"), track);  // "track" ends
+  std::this_thread::sleep_for(std::chrono::milliseconds(40));
+  pageViews->trackPageClosed(track);  // "lyrics" ends; "home" is visible again
+  std::this_thread::sleep_for(std::chrono::milliseconds(30));
+
+  // Going to the background ends the session and sends "usersession"; the
+  // page view manager reports the page still open ("home").
   platform::env().notificationCenter().post(platform::ApplicationDidEnterBackgroundNotification);
 
   printer->flush(std::chrono::seconds(5));

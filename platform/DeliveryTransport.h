@@ -1,0 +1,69 @@
+// How the durable executor puts one request on the wire, and the rules it
+// applies to the answer: what counts as delivered, what is worth another
+// attempt, how long to wait before it.
+#pragma once
+
+#include <atomic>
+#include <chrono>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+
+namespace korvel::platform {
+
+struct DeliveryResponse {
+  long status = 0;             // HTTP status; 0 when no answer arrived
+  bool reachedServer = false;  // false when no connection could be made at all
+  std::optional<std::string> retryAfter;  // the Retry-After header, as sent
+  std::string error;           // transport error text when status is 0
+};
+
+// Sends GET requests; one per worker thread, so it may keep connections open
+// between requests (keep-alive) without locking.
+class DeliveryTransport {
+ public:
+  virtual ~DeliveryTransport() = default;
+  virtual DeliveryResponse get(const std::string& url) = 0;
+};
+
+// Makes a worker's transport. When cancelled turns true, a request in
+// progress should end soon (the executor is shutting down).
+using DeliveryTransportFactory =
+    std::function<std::unique_ptr<DeliveryTransport>(const std::atomic<bool>& cancelled)>;
+
+struct CurlTransportOptions {
+  std::chrono::milliseconds timeout{30'000};
+  std::chrono::milliseconds connectTimeout{10'000};
+};
+
+// libcurl, one easy handle per transport: connections to a host are reused.
+// Redirects are followed (at most 5); only http and https are allowed.
+std::unique_ptr<DeliveryTransport> makeCurlTransport(const std::atomic<bool>& cancelled,
+                                                     CurlTransportOptions options = {});
+
+enum class DeliveryVerdict {
+  Delivered,       // 2xx
+  Retry,           // 408, 429, 5xx, a timeout or a broken exchange
+  RetryUncounted,  // no connection could be made: waiting for the network
+                   // does not use up the request's attempts
+  Drop,            // any other answer (other 4xx, 3xx without a location, ...)
+};
+
+DeliveryVerdict classifyDelivery(const DeliveryResponse& response);
+
+// A Retry-After value: delta-seconds, or an HTTP-date (IMF-fixdate) taken
+// relative to nowSecondsSince1970 (a date in the past gives zero). Nothing
+// when the value is neither.
+std::optional<std::chrono::milliseconds> parseRetryAfter(std::string_view value,
+                                                         double nowSecondsSince1970);
+
+// The wait before retry number attempt (1 for the first retry): the
+// exponential step min(maxDelay, base * 2^(attempt-1)) with "equal jitter",
+// half of it fixed and half scaled by jitter in [0, 1). Spreads retries of
+// many clients without ever retrying sooner than half the step.
+std::chrono::milliseconds retryDelay(int attempt, std::chrono::milliseconds base,
+                                     std::chrono::milliseconds maxDelay, double jitter);
+
+}  // namespace korvel::platform

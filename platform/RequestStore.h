@@ -1,0 +1,230 @@
+// Where the durable executor keeps requests that are not delivered yet.
+//
+// Two stores share one front: an append-only journal in the store's
+// directory. A caller's thread makes a request durable with a single write(2)
+// of one framed record to the active journal segment; once that write has
+// returned, the record is in the page cache and survives a kill of the
+// process at any instant. No fsync and no transaction happen on the caller's
+// thread: the executor's writer thread syncs in groups (a power loss loses at
+// most the last sync interval) and tells the store which requests are
+// finished.
+//
+//   JournalRequestStore  the journal is the store: closed segments stay until
+//                        every record in them is finished; finished ids go to
+//                        a small marks file beside each segment; a segment
+//                        that is mostly finished is compacted by copying its
+//                        live records forward.
+//   SqliteRequestStore   the writer thread moves records from the journal
+//                        into an SQLite database (WAL) and deletes journal
+//                        segments once moved.
+//
+// Both were built to compare them; the executor uses the journal store (see
+// DurableRequestExecutor.h for the figures and the reasons).
+//
+// Record identifiers are (epoch << 32) | counter. The epoch is larger than
+// any epoch of an earlier run found in the directory, so an identifier is
+// never reused while a record carrying it may still exist.
+//
+// Anything unreadable (a torn or corrupt journal tail, a garbage segment, a
+// database SQLite cannot open) is moved to the directory's "aside" folder with
+// a log line, what could be read is kept, and a fresh file is started. A store
+// never throws and never crashes its host over its files.
+#pragma once
+
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "platform/Logging.h"
+
+namespace korvel::platform {
+
+// One stored request: how to restore it and how to send it.
+struct StoredRequest {
+  uint64_t id = 0;
+  int64_t createdMillis = 0;  // wall clock, milliseconds since 1970
+  int32_t priority = 1;
+  int32_t configurationPolicy = 0;
+  int32_t retryCount = 0;
+  std::string kind;     // the restoration kind
+  std::string payload;  // the restoration payload
+
+  friend bool operator==(const StoredRequest&, const StoredRequest&) = default;
+};
+
+// CRC-32C (Castagnoli), as used by the journal's frames and marks.
+uint32_t crc32c(const void* data, size_t size, uint32_t crc = 0);
+
+// A frame is [u32 marker][u32 body length][u32 CRC-32C of the body][body],
+// little-endian; the body is u64 id, i64 created, i32 priority, i32 policy,
+// i32 retry count, u16 kind length, the kind, then the payload up to the end
+// of the body. The marker lets a reader find the next frame after a damaged
+// one instead of losing the rest of the file.
+inline constexpr uint32_t kFrameMarker = 0x4A52564B;  // "KVRJ"
+inline constexpr size_t kFrameHeaderBytes = 12;
+inline constexpr size_t kFrameFixedBodyBytes = 30;
+// A body longer than this is taken for corruption, not allocated.
+inline constexpr size_t kMaxFrameBodyBytes = 16u << 20;
+
+// Appends the frame of a request to out (out is not cleared).
+void appendFrame(std::string& out, uint64_t id, int64_t createdMillis, int32_t priority,
+                 int32_t configurationPolicy, int32_t retryCount, std::string_view kind,
+                 std::string_view payload);
+std::string encodeFrame(const StoredRequest& request);
+
+enum class FrameStatus {
+  Ok,
+  End,        // no bytes left
+  Truncated,  // the bytes end inside a frame (a torn write)
+  Corrupt,    // bad length or checksum
+};
+
+// Decodes the frame at data[offset]; on Ok, fills out and moves offset past it.
+FrameStatus decodeFrame(std::string_view data, size_t& offset, StoredRequest& out);
+
+// The offset of the next frame that decodes, at or after from; nothing when
+// there is none.
+std::optional<size_t> findNextFrame(std::string_view data, size_t from);
+
+struct StoreStats {
+  uint64_t bytesOnDisk = 0;    // files of the store, not counting set-aside ones
+  uint64_t storedRequests = 0;  // records the store holds (writer's view)
+};
+
+class RequestStore {
+ public:
+  virtual ~RequestStore() = default;
+
+  // The epoch of this run (the high half of identifiers made now).
+  virtual uint32_t epoch() const = 0;
+
+  // Any thread. Appends one frame (made by appendFrame) with one write(2);
+  // false when it could not be written, the request then lives in memory.
+  virtual bool append(std::string_view frame, uint64_t id) = 0;
+
+  // The rest is for the writer thread only.
+
+  // Requests stored by earlier runs and not finished, oldest first, after
+  // setting aside what cannot be read. Called once, before the first sync.
+  virtual std::vector<StoredRequest> recover() = 0;
+
+  // Forgets the finished requests (delivered or dropped) and makes every
+  // append and every forget so far survive a power loss.
+  virtual void sync(std::span<const uint64_t> finished) = 0;
+
+  // Moves whatever can be moved so the files hold only what is stored
+  // (measurements and tests; sync() does this gradually).
+  virtual void compact() = 0;
+
+  virtual StoreStats stats() const = 0;
+};
+
+struct RequestStoreOptions {
+  std::filesystem::path directory;
+  // A journal segment is closed and a new one started past this size.
+  uint64_t segmentBytes = 1u << 20;
+  // Set-aside files kept in "aside" (the newest).
+  size_t keepAsideFiles = 4;
+  Logger logger{"Unknown bundle", "Delivery"};
+};
+
+// Both give null, after logging why, when the directory cannot be used.
+std::unique_ptr<RequestStore> openJournalRequestStore(const RequestStoreOptions& options);
+std::unique_ptr<RequestStore> openSqliteRequestStore(const RequestStoreOptions& options);
+
+// The journal shared by both stores: directory, lock, epoch, the active
+// segment that callers append to, and reading and setting aside of segments.
+class JournalFront {
+ public:
+  struct Appended {
+    uint64_t id;
+    uint32_t segment;
+    uint64_t offset;
+    uint32_t length;
+  };
+
+  struct SegmentContents {
+    uint32_t number = 0;
+    bool headerOk = false;
+    // End when every byte was a frame; otherwise the first damage found
+    // (frames after it that still decode are kept).
+    FrameStatus tail = FrameStatus::End;
+    uint64_t validBytes = 0;     // where the first damage starts
+    uint64_t fileBytes = 0;
+    std::vector<StoredRequest> records;
+    std::vector<uint64_t> offsets;        // of each record's frame
+  };
+
+  explicit JournalFront(RequestStoreOptions options) : options_(std::move(options)) {}
+  ~JournalFront();
+  JournalFront(const JournalFront&) = delete;
+  JournalFront& operator=(const JournalFront&) = delete;
+
+  // Creates the directory, takes its lock, picks the epoch (above minEpoch
+  // and above every segment's) and starts a new active segment. False, with
+  // the reason logged, when the directory cannot be used.
+  bool open(uint32_t minEpoch = 0);
+  // The directory lock alone (open() takes it when not yet taken): no two
+  // processes ever use one directory at once.
+  bool lockDirectory();
+
+  uint32_t epoch() const { return epoch_; }
+  const RequestStoreOptions& options() const { return options_; }
+  const Logger& logger() const { return options_.logger; }
+
+  bool append(std::string_view frame, uint64_t id);
+  // Appends on the writer thread (records carried forward); not reported by
+  // drainAppended(). The frame's location, or nothing when it failed.
+  std::optional<Appended> appendCarried(std::string_view frame, uint64_t id);
+
+  // What callers appended since the last drain, in file order per segment.
+  std::vector<Appended> drainAppended();
+
+  // Segments of earlier runs found by open(), oldest first.
+  const std::vector<uint32_t>& earlierSegments() const { return earlierSegments_; }
+  uint32_t activeSegment() const;
+  uint64_t activeBytes() const;
+
+  // Starts a new active segment; the old one is synced and closed. Its
+  // number, or nothing when no new segment could be made.
+  std::optional<uint32_t> rotate();
+  // fdatasync of the active segment when something was appended since the
+  // last call, and of the directory when files were created.
+  void syncActive();
+  void syncDirectory();
+
+  std::filesystem::path segmentPath(uint32_t number) const;
+  SegmentContents readSegment(uint32_t number) const;
+  // Moves a file to "aside" and logs why; deletes it when that fails.
+  void setAside(const std::filesystem::path& file, const std::string& reason);
+  void removeSegmentFiles(uint32_t number);
+
+  // Bytes of the store's files (not "aside", not the lock).
+  uint64_t bytesOnDisk() const;
+
+ private:
+  bool createSegment(uint32_t number, int& fd, std::string& error);
+
+  RequestStoreOptions options_;
+  int lockFd_ = -1;
+  uint32_t epoch_ = 0;
+  std::vector<uint32_t> earlierSegments_;
+  uint32_t nextSegment_ = 1;  // writer thread only
+  bool directoryDirty_ = false;
+
+  mutable std::mutex mutex_;  // guards the active segment and appended_
+  int activeFd_ = -1;
+  uint32_t activeNumber_ = 0;
+  uint64_t activeBytes_ = 0;
+  bool activeDirty_ = false;
+  bool activeBroken_ = false;
+  std::vector<Appended> appended_;
+};
+
+}  // namespace korvel::platform

@@ -1,0 +1,233 @@
+#include "collector/BeaconCollector.h"
+#include "collector/ConfigurationEndpoint.h"
+
+#include <httplib.h>
+
+#include <nlohmann/json.hpp>
+
+namespace korvel::tools {
+
+namespace {
+
+int hexValue(char c) {
+  if (c >= '0' && c <= '9') return c - '0';
+  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
+  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
+  return -1;
+}
+
+std::string percentDecode(std::string_view text, bool plusIsSpace) {
+  std::string out;
+  out.reserve(text.size());
+  for (size_t i = 0; i < text.size(); ++i) {
+    const char c = text[i];
+    if (c == '%' && i + 2 < text.size()) {
+      const int hi = hexValue(text[i + 1]);
+      const int lo = hexValue(text[i + 2]);
+      if (hi >= 0 && lo >= 0) {
+        out += static_cast<char>(hi * 16 + lo);
+        i += 2;
+        continue;
+      }
+    }
+    out += (plusIsSpace && c == '+') ? ' ' : c;
+  }
+  return out;
+}
+
+}  // namespace
+
+CollectedBeacon CollectedBeacon::decode(std::string_view target) {
+  CollectedBeacon beacon;
+  const size_t question = target.find('?');
+  beacon.path = std::string(target.substr(0, question));
+  std::string_view path = beacon.path;
+  while (!path.empty() && path.back() == '/') path.remove_suffix(1);
+  const size_t slash = path.rfind('/');
+  beacon.event = percentDecode(slash == std::string_view::npos ? path : path.substr(slash + 1), false);
+  if (question == std::string_view::npos) return beacon;
+  std::string_view query = target.substr(question + 1);
+  while (!query.empty()) {
+    const size_t amp = query.find('&');
+    const std::string_view item = query.substr(0, amp);
+    if (!item.empty()) {
+      const size_t eq = item.find('=');
+      beacon.params.emplace_back(
+          percentDecode(item.substr(0, eq), true),
+          eq == std::string_view::npos ? std::string() : percentDecode(item.substr(eq + 1), true));
+    }
+    if (amp == std::string_view::npos) break;
+    query.remove_prefix(amp + 1);
+  }
+  return beacon;
+}
+
+std::optional<std::string> CollectedBeacon::value(std::string_view key) const {
+  for (const auto& [k, v] : params) {
+    if (k == key) return v;
+  }
+  return std::nullopt;
+}
+
+std::string CollectedBeacon::toJsonLine() const {
+  nlohmann::ordered_json line;
+  line["event"] = event;
+  line["path"] = path;
+  auto list = nlohmann::ordered_json::array();
+  for (const auto& [k, v] : params) list.push_back({k, v});
+  line["params"] = std::move(list);
+  // Invalid UTF-8 in a decoded value is replaced, never thrown over.
+  return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
+}
+
+struct BeaconCollector::Server {
+  httplib::Server http;
+};
+
+BeaconCollector::BeaconCollector() : BeaconCollector(Options{}) {}
+
+BeaconCollector::BeaconCollector(Options options) : options_(std::move(options)) {
+  dropLeft_ = options_.dropFirst;
+  failLeft_ = options_.failFirst;
+  failStatus_ = options_.failStatus;
+  retryAfter_ = options_.retryAfter;
+}
+
+BeaconCollector::~BeaconCollector() { stop(); }
+
+bool BeaconCollector::start() {
+  if (server_) return true;
+  server_ = std::make_unique<Server>();
+  auto& http = server_->http;
+  // Delivery keeps its connections open: never close them on a count.
+  http.set_keep_alive_max_count(1'000'000);
+  http.set_keep_alive_timeout(30);
+  http.Get(R"(/.*)", [this](const httplib::Request& req, httplib::Response& res) {
+    if (options_.configuration && ConfigurationEndpoint::handles(req.path)) {
+      std::optional<std::string> ifNoneMatch;
+      if (req.has_header("If-None-Match")) ifNoneMatch = req.get_header_value("If-None-Match");
+      const auto answer = options_.configuration->answer(req.target, ifNoneMatch);
+      res.status = answer.status;
+      if (answer.etag) res.set_header("ETag", *answer.etag);
+      if (answer.status != 304) res.set_content(answer.body, answer.contentType.c_str());
+      return;
+    }
+    if (options_.delay.count() > 0) std::this_thread::sleep_for(options_.delay);
+    CollectedRequest record{std::chrono::steady_clock::now(), 0, req.target};
+    bool drop = false;
+    int failStatus = 0;
+    std::optional<std::string> retryAfter;
+    {
+      std::lock_guard lock(mutex_);
+      if (dropLeft_ > 0) {
+        --dropLeft_;
+        drop = true;
+      } else if (failLeft_ > 0) {
+        --failLeft_;
+        failStatus = failStatus_;
+        retryAfter = retryAfter_;
+      }
+    }
+    if (drop) {
+      // Announce a body, then fail to produce it: the connection closes
+      // before the answer is complete.
+      res.set_content_provider(
+          64, "text/plain", [](size_t, size_t, httplib::DataSink&) { return false; });
+    } else if (failStatus != 0) {
+      res.status = failStatus;
+      if (retryAfter) res.set_header("Retry-After", *retryAfter);
+      res.set_content("try again\n", "text/plain");
+      record.status = failStatus;
+    } else {
+      res.status = 204;
+      record.status = 204;
+    }
+
+    std::optional<CollectedBeacon> beacon;
+    if (record.status == 204) beacon = CollectedBeacon::decode(req.target);
+    if (beacon && options_.onBeacon) {
+      std::lock_guard lock(callbackMutex_);
+      options_.onBeacon(*beacon);
+    }
+    {
+      std::lock_guard lock(mutex_);
+      ++requestCount_;
+      if (options_.keepBeacons) requests_.push_back(std::move(record));
+      if (beacon) {
+        ++beaconCount_;
+        if (options_.keepBeacons) beacons_.push_back(std::move(*beacon));
+      }
+    }
+    arrived_.notify_all();
+  });
+
+  if (options_.port == 0) {
+    port_ = http.bind_to_any_port(options_.host);
+  } else {
+    port_ = http.bind_to_port(options_.host, options_.port) ? options_.port : -1;
+  }
+  if (port_ <= 0) {
+    server_.reset();
+    port_ = 0;
+    return false;
+  }
+  // The socket already listens: connections made before the thread runs
+  // wait in the backlog. stop() is only heard once the accept loop runs, so
+  // wait for it here (a stop() right after start() would otherwise hang).
+  thread_ = std::thread([this] { server_->http.listen_after_bind(); });
+  const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(5);
+  while (!http.is_running() && std::chrono::steady_clock::now() < deadline) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
+void BeaconCollector::stop() {
+  if (!server_) return;
+  server_->http.stop();
+  if (thread_.joinable()) thread_.join();
+  server_.reset();
+}
+
+std::string BeaconCollector::baseURL() const {
+  return "http://" + options_.host + ":" + std::to_string(port_);
+}
+
+void BeaconCollector::failNext(int count, int status, std::optional<std::string> retryAfter) {
+  std::lock_guard lock(mutex_);
+  failLeft_ = count;
+  failStatus_ = status;
+  retryAfter_ = std::move(retryAfter);
+}
+
+void BeaconCollector::dropNext(int count) {
+  std::lock_guard lock(mutex_);
+  dropLeft_ = count;
+}
+
+std::vector<CollectedBeacon> BeaconCollector::beacons() const {
+  std::lock_guard lock(mutex_);
+  return beacons_;
+}
+
+std::vector<CollectedRequest> BeaconCollector::requests() const {
+  std::lock_guard lock(mutex_);
+  return requests_;
+}
+
+size_t BeaconCollector::beaconCount() const {
+  std::lock_guard lock(mutex_);
+  return beaconCount_;
+}
+
+size_t BeaconCollector::requestCount() const {
+  std::lock_guard lock(mutex_);
+  return requestCount_;
+}
+
+bool BeaconCollector::waitForBeacons(size_t count, std::chrono::milliseconds deadline) const {
+  std::unique_lock lock(mutex_);
+  return arrived_.wait_for(lock, deadline, [&] { return beaconCount_ >= count; });
+}
+
+}  // namespace korvel::tools
