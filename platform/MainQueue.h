@@ -1,0 +1,65 @@
+// The main queue: work that must run on the host's main (UI) thread.
+//
+// Any thread may queue work; the host drives the queue from its main thread,
+// by pumping it from its own run loop (runPending / waitForWork) or by
+// handing it a thread with runUntilStopped. Timers (one-shot delays and
+// repeating polls) run on the queue too and read the Env's monotonic clock,
+// so a test that advances an injected clock and calls runPending() fires
+// exactly the timers that are due, with no real waiting.
+#pragma once
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <map>
+#include <mutex>
+#include <optional>
+
+namespace korvel::platform {
+
+class MainQueue {
+ public:
+  using Task = std::function<void()>;
+  using TimerID = uint64_t;
+
+  // Runs task on the queue as soon as the host pumps it. Any thread.
+  void async(Task task);
+  // Runs task once, delaySeconds from now. Any thread.
+  TimerID asyncAfter(double delaySeconds, Task task);
+  // Runs task every intervalSeconds until cancelled. Any thread.
+  TimerID scheduleRepeating(double intervalSeconds, Task task);
+  // Stops a timer; a no-op for one that already fired or was cancelled.
+  void cancel(TimerID timer);
+
+  // Host side, on the main thread: runs every queued task (including those
+  // queued while running) and every timer that is due now; returns how many
+  // ran.
+  size_t runPending();
+  // Blocks until work is queued or the next timer is due, at most
+  // timeoutSeconds of real time.
+  void waitForWork(double timeoutSeconds);
+  // Pumps until stop() is called (for hosts that give the queue a thread).
+  void runUntilStopped();
+  void stop();
+
+  // Seconds of the Env's monotonic clock until the next timer is due.
+  std::optional<double> secondsUntilNextTimer() const;
+  bool hasPendingWork() const;
+
+ private:
+  struct Timer {
+    uint64_t dueNanos;
+    uint64_t intervalNanos;  // 0 for one-shot
+    Task task;
+  };
+
+  mutable std::mutex mutex_;
+  std::condition_variable wake_;
+  std::deque<Task> tasks_;
+  std::map<TimerID, Timer> timers_;
+  TimerID nextTimer_ = 1;
+  bool stopping_ = false;
+};
+
+}  // namespace korvel::platform

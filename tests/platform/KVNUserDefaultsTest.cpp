@@ -1,0 +1,292 @@
+#include "platform/KVNUserDefaults.h"
+
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cmath>
+#include <cstdint>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <limits>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "support/TestEnv.h"
+
+namespace korvel {
+namespace {
+
+namespace fs = std::filesystem;
+
+class KVNUserDefaultsTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    scope_.emplace(env_);
+    dir_ = env_.documentsDirectory() + "/prefs";
+    path_ = dir_ + "/defaults.json";
+  }
+
+  std::string readFile(const std::string& path) const {
+    std::ifstream in(path, std::ios::binary);
+    std::stringstream s;
+    s << in.rdbuf();
+    return s.str();
+  }
+  void writeFile(const std::string& path, const std::string& content) const {
+    fs::create_directories(fs::path(path).parent_path());
+    std::ofstream(path, std::ios::binary) << content;
+  }
+  std::vector<std::string> filesIn(const std::string& dir) const {
+    std::vector<std::string> names;
+    for (const auto& e : fs::directory_iterator(dir)) names.push_back(e.path().filename());
+    std::sort(names.begin(), names.end());
+    return names;
+  }
+  bool logged(const std::string& fragment) {
+    for (const auto& m : env_.logs().messages()) {
+      if (m.find(fragment) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+  testing::TestEnv env_;
+  std::optional<platform::ScopedEnv> scope_;
+  std::string dir_;
+  std::string path_;
+};
+
+// --- Values survive a reopen --------------------------------------------------
+
+TEST_F(KVNUserDefaultsTest, EveryKindOfValueSurvivesReopening) {
+  KVRParameters nested{{"name", "x"}, {"count", 3}, {"when", KVRDate{12.5}}};
+  KVRList list{KVRValue("a"), KVRValue(int64_t{-2}), KVRValue(2.25), KVRValue(false),
+               KVRValue(KVRParameters{{"deep", KVRList{KVRValue(true)}}})};
+  const std::vector<std::pair<std::string, KVRValue>> values = {
+      {"text", KVRValue("héllo \"quoted\"\nline")},
+      {"empty", KVRValue("")},
+      {"negative", KVRValue(int64_t{-42})},
+      {"largeSigned", KVRValue(std::numeric_limits<int64_t>::max())},
+      {"largeUnsigned", KVRValue(std::numeric_limits<uint64_t>::max())},
+      {"double", KVRValue(0.1)},
+      {"wholeDouble", KVRValue(3.0)},
+      {"infinity", KVRValue(-HUGE_VAL)},
+      {"yes", KVRValue(true)},
+      {"no", KVRValue(false)},
+      {"date", KVRValue(KVRDate{1'700'000'123.25})},
+      {"url", KVRValue(KVRURL{"https://example.test/a?b=c"})},
+      {"dictionary", KVRValue(nested)},
+      {"list", KVRValue(list)},
+      // Dictionaries that look like the file's own markers stay dictionaries.
+      {"dateLookalike", KVRValue(KVRParameters{{"$date", 5}})},
+      {"urlLookalike", KVRValue(KVRParameters{{"$url", "x"}})},
+  };
+  {
+    KVNUserDefaults defaults(path_);
+    for (const auto& [key, value] : values) ASSERT_TRUE(defaults.setObject(value, key)) << key;
+  }
+  KVNUserDefaults reopened(path_);
+  for (const auto& [key, value] : values) {
+    auto read = reopened.objectForKey(key);
+    ASSERT_TRUE(read.has_value()) << key;
+    EXPECT_EQ(*read, value) << key << ": " << read->description();
+  }
+  EXPECT_EQ(reopened.dictionaryRepresentation().keys().size(), values.size());
+  EXPECT_TRUE(env_.logs().records().empty());
+}
+
+TEST_F(KVNUserDefaultsTest, SmallUnsignedNumbersReadBackAsSignedIntegers) {
+  { KVNUserDefaults(path_).setObject(KVRValue(uint64_t{7}), "n"); }
+  auto read = KVNUserDefaults(path_).objectForKey("n");
+  ASSERT_TRUE(read);
+  EXPECT_EQ(read->kind(), KVRValue::Kind::Int);
+  EXPECT_EQ(read->asInt(), 7);
+}
+
+TEST_F(KVNUserDefaultsTest, KeysKeepTheirFirstOrderAndRemovalIsPersisted) {
+  {
+    KVNUserDefaults defaults(path_);
+    defaults.setObject("1", "b");
+    defaults.setObject("2", "a");
+    defaults.setObject("3", "c");
+    defaults.setObject("4", "b");  // replaces in place
+    EXPECT_TRUE(defaults.removeObjectForKey("c"));
+    EXPECT_TRUE(defaults.removeObjectForKey("absent"));
+  }
+  KVNUserDefaults reopened(path_);
+  EXPECT_EQ(reopened.dictionaryRepresentation().keys(), (std::vector<std::string>{"b", "a"}));
+  EXPECT_EQ(reopened.stringForKey("b"), "4");
+  EXPECT_FALSE(reopened.objectForKey("c"));
+  // Typed readers give nothing for another kind.
+  EXPECT_FALSE(reopened.dateForKey("b"));
+}
+
+// --- Atomic writes and damaged files ----------------------------------------------
+
+TEST_F(KVNUserDefaultsTest, WritesLeaveOnlyTheStoreFileBehind) {
+  KVNUserDefaults defaults(path_);
+  for (int i = 0; i < 20; ++i) defaults.setObject(std::string(1000 + i, 'x'), "k");
+  EXPECT_EQ(filesIn(dir_), (std::vector<std::string>{"defaults.json"}));
+  EXPECT_EQ(KVNUserDefaults(path_).stringForKey("k")->size(), 1019u);
+}
+
+TEST_F(KVNUserDefaultsTest, AFailedWriteKeepsTheOldFileAndCleansUp) {
+  KVNUserDefaults defaults(path_);
+  ASSERT_TRUE(defaults.setObject("old", "k"));
+  // A directory put in the way of the final name makes the rename fail.
+  const std::string blockedPath = dir_ + "/blocked.json";
+  KVNUserDefaults blocked(blockedPath);
+  fs::create_directories(blockedPath + "/inside");
+  env_.logs().clear();
+
+  EXPECT_FALSE(blocked.setObject("new", "k"));
+  EXPECT_EQ(blocked.stringForKey("k"), "new");  // kept in memory
+  EXPECT_TRUE(logged("Could not save user defaults"));
+  EXPECT_EQ(filesIn(dir_), (std::vector<std::string>{"blocked.json", "defaults.json"}));
+  EXPECT_EQ(KVNUserDefaults(path_).stringForKey("k"), "old");
+}
+
+TEST_F(KVNUserDefaultsTest, AKilledWriterLeavesACompleteOldOrNewFile) {
+  // A child process rewrites the store as fast as it can with values of
+  // two different sizes; it is killed at an arbitrary point of a write.
+  const std::string a(200'000, 'a');
+  const std::string b(100'000, 'b');
+  { KVNUserDefaults(path_).setObject(a, "v"); }
+  int ready[2];
+  ASSERT_EQ(pipe(ready), 0);
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    close(ready[0]);
+    KVNUserDefaults defaults(path_);
+    for (int i = 0; i < 100'000; ++i) {
+      defaults.setObject(i % 2 == 0 ? b : a, "v");
+      if (i == 2) {
+        const char one = 1;
+        if (write(ready[1], &one, 1) != 1) _exit(2);
+      }
+    }
+    _exit(0);
+  }
+  close(ready[1]);
+  char byte = 0;
+  ASSERT_EQ(read(ready[0], &byte, 1), 1);
+  close(ready[0]);
+  kill(child, SIGKILL);
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+
+  KVNUserDefaults after(path_);
+  auto v = after.stringForKey("v");
+  ASSERT_TRUE(v) << "the store did not survive the kill";
+  EXPECT_TRUE(*v == a || *v == b);
+  EXPECT_FALSE(logged("unusable"));
+  for (const auto& name : filesIn(dir_)) EXPECT_EQ(name.find(".corrupt"), std::string::npos);
+}
+
+TEST_F(KVNUserDefaultsTest, UnusableFilesAreMovedAsideAndTheStoreStartsEmpty) {
+  const std::vector<std::pair<std::string, std::string>> damaged = {
+      {"truncated", "{\"configurationURL\": \"https://x"},
+      {"not an object", "[1, 2, 3]"},
+      {"empty", ""},
+      {"bad marker", "{\"d\": {\"$date\": \"yesterday\"}}"},
+      {"null value", "{\"k\": null}"},
+  };
+  for (const auto& [what, content] : damaged) {
+    SCOPED_TRACE(what);
+    fs::remove_all(dir_);
+    env_.logs().clear();
+    writeFile(path_, content);
+
+    KVNUserDefaults defaults(path_);
+    EXPECT_TRUE(defaults.dictionaryRepresentation().empty());
+    const std::string aside = path_ + ".corrupt-1700000000";
+    EXPECT_EQ(filesIn(dir_), (std::vector<std::string>{"defaults.json.corrupt-1700000000"}));
+    EXPECT_EQ(readFile(aside), content);
+    const auto records = env_.logs().records();
+    ASSERT_EQ(records.size(), 1u);
+    EXPECT_EQ(records[0].level, platform::LogLevel::Error);
+    EXPECT_NE(records[0].message.find("moved aside to " + aside), std::string::npos)
+        << records[0].message;
+
+    // The store works on: the next write makes a fresh file.
+    EXPECT_TRUE(defaults.setObject("fresh", "k"));
+    EXPECT_EQ(KVNUserDefaults(path_).stringForKey("k"), "fresh");
+  }
+}
+
+TEST_F(KVNUserDefaultsTest, ASecondDamagedFileInTheSameSecondGetsItsOwnName) {
+  writeFile(path_, "garbage");
+  { KVNUserDefaults first(path_); }
+  writeFile(path_, "more garbage");
+  { KVNUserDefaults second(path_); }
+  EXPECT_EQ(filesIn(dir_), (std::vector<std::string>{"defaults.json.corrupt-1700000000",
+                                                      "defaults.json.corrupt-1700000000-1"}));
+  EXPECT_EQ(readFile(path_ + ".corrupt-1700000000"), "garbage");
+}
+
+// --- Sharing and threads --------------------------------------------------------
+
+TEST_F(KVNUserDefaultsTest, ConcurrentReadersAndWritersSeeWholeValues) {
+  KVNUserDefaults defaults(path_);
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&defaults, t] {
+      const std::string key = "key" + std::to_string(t);
+      for (int i = 0; i < 40; ++i) {
+        defaults.setObject(int64_t{i}, key);
+        defaults.setObject("shared-" + std::to_string(t), "shared");
+        auto mine = defaults.objectForKey(key);
+        EXPECT_TRUE(mine && mine->asInt() == i);
+        // Another thread may just have removed it; if there, it is whole.
+        if (auto shared = defaults.stringForKey("shared")) {
+          EXPECT_EQ(shared->rfind("shared-", 0), 0u);
+        }
+        (void)defaults.dictionaryRepresentation();
+        if (i % 10 == 9) defaults.removeObjectForKey("shared");
+      }
+    });
+  }
+  for (auto& t : threads) t.join();
+  KVNUserDefaults reopened(path_);
+  EXPECT_EQ(reopened.dictionaryRepresentation(), defaults.dictionaryRepresentation());
+  for (int t = 0; t < 4; ++t) EXPECT_EQ(reopened.objectForKey("key" + std::to_string(t))->asInt(), 39);
+}
+
+TEST_F(KVNUserDefaultsTest, TheSharedStoreIsTheInstalledOneOrTheDefaultFile) {
+  const char* previous = std::getenv("XDG_CONFIG_HOME");
+  const std::optional<std::string> saved = previous ? std::optional<std::string>(previous)
+                                                    : std::nullopt;
+  const std::string config = env_.documentsDirectory() + "/xdg";
+  setenv("XDG_CONFIG_HOME", config.c_str(), 1);
+  env_.setMainBundleIdentifier("com.korvel.defaults-test");
+
+  auto installed = std::make_shared<KVNUserDefaults>(path_);
+  KVNUserDefaults::setSharedUserDefaults(installed);
+  EXPECT_EQ(KVNUserDefaults::sharedUserDefaults(), installed);
+
+  KVNUserDefaults::setSharedUserDefaults(nullptr);
+  const std::string expected = config + "/korvel/com.korvel.defaults-test/defaults.json";
+  EXPECT_EQ(KVNUserDefaults::defaultFilePath(), expected);
+  auto opened = KVNUserDefaults::sharedUserDefaults();
+  EXPECT_EQ(opened->filePath(), expected);
+  EXPECT_EQ(KVNUserDefaults::sharedUserDefaults(), opened);  // made once
+  opened->setObject("v", "k");
+  EXPECT_TRUE(fs::exists(expected));
+
+  env_.setMainBundleIdentifier(std::nullopt);
+  EXPECT_EQ(KVNUserDefaults::defaultFilePath(), config + "/korvel/Unknown bundle/defaults.json");
+
+  KVNUserDefaults::setSharedUserDefaults(nullptr);
+  if (saved) {
+    setenv("XDG_CONFIG_HOME", saved->c_str(), 1);
+  } else {
+    unsetenv("XDG_CONFIG_HOME");
+  }
+}
+
+}  // namespace
+}  // namespace korvel
