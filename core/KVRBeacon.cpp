@@ -10,6 +10,7 @@
 #include "platform/KeyedArchive.h"
 #include "platform/NotificationCenter.h"
 #include "platform/URLComponents.h"
+#include "platform/SharedSlot.h"
 
 namespace korvel {
 
@@ -25,7 +26,7 @@ constexpr std::string_view kPayloadEventKey = "beaconEvent";
 
 struct ExecutorSlot {
   std::mutex makeMutex;
-  std::atomic<std::shared_ptr<KVNNetworkBackgroundRequestExecutor>> executor;
+  platform::SharedSlot<KVNNetworkBackgroundRequestExecutor> executor;
 };
 
 ExecutorSlot& executorSlot() {

@@ -13,6 +13,7 @@
 #include "platform/KVNTimer.h"
 #include "platform/NotificationCenter.h"
 #include "reporters/KVRLibrarySyncReporter.h"
+#include "platform/SharedSlot.h"
 
 namespace korvel {
 
@@ -49,8 +50,8 @@ class SharedSession {
 
  private:
   std::mutex writeMutex_;
-  std::atomic<std::shared_ptr<const SessionState>> state_{std::make_shared<const SessionState>()};
-  std::atomic<std::shared_ptr<KVRUserSessionDelegate>> delegate_;
+  platform::SharedSlot<const SessionState> state_{std::make_shared<const SessionState>()};
+  platform::SharedSlot<KVRUserSessionDelegate> delegate_;
 };
 
 SharedSession& shared() {

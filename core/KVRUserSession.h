@@ -4,7 +4,7 @@
 //
 // The session state is process-wide and shared between the main thread (life
 // cycle, host calls) and every thread that reports. It is published as an
-// immutable snapshot: a beacon reads it with one atomic load; the rare writers
+// immutable snapshot: a beacon copies the current snapshot pointer; the rare writers
 // (start, end, added parameters, delegate) copy, edit and publish under a
 // short mutex.
 #pragma once

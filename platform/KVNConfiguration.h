@@ -4,7 +4,7 @@
 //
 // The host (or the configuration manager) writes it; the library reads it on
 // any thread, including the executor's. Every write publishes a new immutable
-// Snapshot; readers take one atomic load, so a reader always sees one
+// Snapshot; readers copy the current snapshot pointer, so a reader always sees one
 // consistent configuration and never a half-written one.
 #pragma once
 
@@ -16,6 +16,7 @@
 #include <string>
 
 #include "core/KVRParameters.h"
+#include "platform/SharedSlot.h"
 
 namespace korvel {
 
@@ -85,7 +86,7 @@ class KVNConfiguration {
 
  private:
   std::mutex writeMutex_;
-  std::atomic<std::shared_ptr<const Snapshot>> snapshot_;
+  platform::SharedSlot<const Snapshot> snapshot_;
 };
 
 }  // namespace korvel

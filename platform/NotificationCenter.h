@@ -19,6 +19,8 @@
 #include <string_view>
 #include <vector>
 
+#include "platform/SharedSlot.h"
+
 namespace korvel::platform {
 
 struct Notification {
@@ -52,7 +54,7 @@ class NotificationCenter {
   using Snapshot = std::vector<std::shared_ptr<Observer>>;
 
   mutable std::mutex writeMutex_;
-  std::atomic<std::shared_ptr<const Snapshot>> observers_;
+  SharedSlot<const Snapshot> observers_;
   ObserverToken nextToken_ = 1;
 };
 
