@@ -21,6 +21,14 @@ std::optional<int64_t> KVRValue::asInt() const {
   return std::nullopt;
 }
 
+std::optional<uint64_t> KVRValue::asUInt() const {
+  if (auto u = std::get_if<uint64_t>(&storage_)) return *u;
+  if (auto i = std::get_if<int64_t>(&storage_)) {
+    if (*i >= 0) return static_cast<uint64_t>(*i);
+  }
+  return std::nullopt;
+}
+
 std::optional<double> KVRValue::asDouble() const {
   switch (kind()) {
     case Kind::Int: return static_cast<double>(std::get<int64_t>(storage_));

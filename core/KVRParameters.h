@@ -70,6 +70,7 @@ class KVRValue {
 
   const std::string* asString() const { return std::get_if<std::string>(&storage_); }
   std::optional<int64_t> asInt() const;  // Int, or UInt that fits
+  std::optional<uint64_t> asUInt() const;  // UInt, or Int that is not negative
   std::optional<double> asDouble() const;  // any number (Int, UInt, Double, Bool)
   std::optional<bool> asBool() const { return get<bool>(); }
   std::optional<KVRDate> asDate() const { return get<KVRDate>(); }

@@ -92,7 +92,7 @@ KVRValue decode(const Json& json);
 KVRParameters decodeDictionary(const Json& object) {
   KVRParameters dictionary;
   dictionary.reserve(object.size());
-  for (const auto& [key, value] : object.items()) dictionary.set(key, decode(value));
+  for (auto it = object.begin(); it != object.end(); ++it) dictionary.set(it.key(), decode(it.value()));
   return dictionary;
 }
 
@@ -119,7 +119,9 @@ KVRValue decode(const Json& json) {
     }
     case Json::value_t::object: {
       if (json.size() == 1) {
-        const auto& [tag, inner] = *json.items().begin();
+        const auto first = json.begin();
+        const std::string& tag = first.key();
+        const Json& inner = first.value();
         if (tag == kDateTag) {
           if (!inner.is_number()) throw FormatError("a date that is not a number");
           return KVRValue(KVRDate{inner.get<double>()});

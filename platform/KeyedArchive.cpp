@@ -1,6 +1,5 @@
 #include "platform/KeyedArchive.h"
 
-#include <charconv>
 #include <cstring>
 #include <limits>
 #include <utility>
@@ -30,15 +29,6 @@ std::uint64_t fromLittleEndian(const Binary& bytes) {
   std::uint64_t bits = 0;
   for (size_t i = 8; i-- > 0;) bits = (bits << 8) | bytes[i];
   return bits;
-}
-
-std::uint64_t unsignedValue(const KVRValue& value) {
-  if (auto i = value.asInt()) return static_cast<std::uint64_t>(*i);
-  // Above INT64_MAX: the decimal text is the only exact accessor.
-  const std::string text = value.description();
-  std::uint64_t u = 0;
-  std::from_chars(text.data(), text.data() + text.size(), u);
-  return u;
 }
 
 std::optional<KVRValue> fromJson(const Json& json);
@@ -287,7 +277,7 @@ void putValue(std::string& out, const KVRValue& value) {
       return;
     }
     case KVRValue::Kind::UInt:
-      putLittleEndian(out, kUIntSubtype, unsignedValue(value));
+      putLittleEndian(out, kUIntSubtype, value.asUInt().value_or(0));
       return;
     case KVRValue::Kind::Double:
       putDouble(out, *value.asDouble());

@@ -19,7 +19,9 @@ constexpr uint16_t kFormatIEEEFloat = 3;
 
 class LittleEndianWriter {
  public:
-  void tag(const char (&fourCC)[5]) { bytes_.insert(bytes_.end(), fourCC, fourCC + 4); }
+  void tag(const char (&fourCC)[5]) {
+    for (int i = 0; i < 4; ++i) bytes_.push_back(static_cast<uint8_t>(fourCC[i]));
+  }
   void u16(uint16_t v) {
     bytes_.push_back(static_cast<uint8_t>(v));
     bytes_.push_back(static_cast<uint8_t>(v >> 8));

@@ -131,6 +131,11 @@ TEST(KVRParametersTest, NumericAccessors) {
   EXPECT_EQ(KVRValue(2.0).asInt(), std::nullopt);
   EXPECT_EQ(KVRValue("5").asInt(), std::nullopt);
 
+  EXPECT_EQ(KVRValue(UINT64_MAX).asUInt(), UINT64_MAX);
+  EXPECT_EQ(KVRValue(int64_t{0}).asUInt(), 0u);
+  EXPECT_EQ(KVRValue(-1).asUInt(), std::nullopt);
+  EXPECT_EQ(KVRValue(1.0).asUInt(), std::nullopt);
+
   EXPECT_EQ(KVRValue(true).asDouble(), 1.0);
   EXPECT_EQ(KVRValue(false).asDouble(), 0.0);
   EXPECT_EQ(KVRValue(-4).asDouble(), -4.0);
