@@ -6,6 +6,7 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
+#include <latch>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -22,24 +23,6 @@ using namespace std::chrono_literals;
 constexpr auto kLong = 10s;
 // How long a request must stay held to count as held back.
 constexpr auto kHeld = 150ms;
-
-class Gate {
- public:
-  void open() {
-    std::lock_guard lock(mutex_);
-    open_ = true;
-    cv_.notify_all();
-  }
-  void wait() {
-    std::unique_lock lock(mutex_);
-    cv_.wait(lock, [&] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool open_ = false;
-};
 
 // What the transport saw, in order.
 class TransportLog {
@@ -93,7 +76,7 @@ TEST_F(InProcessRequestExecutorTest, KeepsItsIdentifier) {
 }
 
 TEST_F(InProcessRequestExecutorTest, SendsHigherPrioritiesFirstAndEqualOnesInOrder) {
-  Gate gate;
+  std::latch gate{1};
   TransportLog log;
   InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint& e) {
     if (e.urlString() == "blocker") gate.wait();
@@ -109,7 +92,7 @@ TEST_F(InProcessRequestExecutorTest, SendsHigherPrioritiesFirstAndEqualOnesInOrd
   executor.executeRequest(request("low-2", 0));
   executor.executeRequest(request("high-2", 5));
   executor.executeRequest(request("negative", -3));
-  gate.open();
+  gate.count_down();
 
   ASSERT_TRUE(executor.flush(kLong));
   EXPECT_EQ(log.urls(), (std::vector<std::string>{"blocker", "high-1", "high-2", "normal-1",
@@ -183,7 +166,7 @@ TEST_F(InProcessRequestExecutorTest, RetriesUpToCountPlusOneAttempts) {
 }
 
 TEST_F(InProcessRequestExecutorTest, FlushHonoursItsDeadline) {
-  Gate gate;
+  std::latch gate{1};
   InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint&) {
     gate.wait();
     return true;
@@ -193,12 +176,12 @@ TEST_F(InProcessRequestExecutorTest, FlushHonoursItsDeadline) {
   const auto start = std::chrono::steady_clock::now();
   EXPECT_FALSE(executor.flush(50ms));
   EXPECT_GE(std::chrono::steady_clock::now() - start, 50ms);
-  gate.open();
+  gate.count_down();
   EXPECT_TRUE(executor.flush(kLong));
 }
 
 TEST_F(InProcessRequestExecutorTest, BuildsTheEndpointOnTheWorkerWhenSending) {
-  Gate gate;
+  std::latch gate{1};
   TransportLog log;
   InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint& e) {
     if (e.urlString() == "blocker") gate.wait();
@@ -220,7 +203,7 @@ TEST_F(InProcessRequestExecutorTest, BuildsTheEndpointOnTheWorkerWhenSending) {
 
   // Changed after queuing, before sending: the URL sees the change.
   KVNConfiguration::sharedInstance().setInid("CHANGED");
-  gate.open();
+  gate.count_down();
   ASSERT_TRUE(executor.flush(kLong));
   EXPECT_EQ(builds, 1);
   EXPECT_NE(builderThread, std::this_thread::get_id());

@@ -5,9 +5,8 @@
 #include <any>
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <future>
-#include <mutex>
+#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
@@ -16,25 +15,6 @@ namespace korvel::platform {
 namespace {
 
 using namespace std::chrono_literals;
-
-// A one-shot signal between threads.
-class Latch {
- public:
-  void open() {
-    std::lock_guard lock(mutex_);
-    open_ = true;
-    cv_.notify_all();
-  }
-  void wait() {
-    std::unique_lock lock(mutex_);
-    cv_.wait(lock, [&] { return open_; });
-  }
-
- private:
-  std::mutex mutex_;
-  std::condition_variable cv_;
-  bool open_ = false;
-};
 
 TEST(NotificationCenterTest, DeliversToObserversOfTheNameInRegistrationOrder) {
   NotificationCenter center;
@@ -196,8 +176,8 @@ TEST(NotificationCenterTest, ObserverAddedInsideACallbackHearsOnlyLaterPosts) {
 
 TEST(NotificationCenterTest, RemovalFromAnotherThreadWaitsForARunningCallback) {
   NotificationCenter center;
-  Latch entered;
-  Latch release;
+  std::latch entered{1};
+  std::latch release{1};
   std::atomic<int> step{0};
   std::atomic<int> callbackFinishedAt{0};
   std::atomic<int> removalReturnedAt{0};
@@ -205,7 +185,7 @@ TEST(NotificationCenterTest, RemovalFromAnotherThreadWaitsForARunningCallback) {
 
   const auto token = center.addObserver("n", [&](const Notification&) {
     ++calls;
-    entered.open();
+    entered.count_down();
     release.wait();
     callbackFinishedAt = ++step;
   });
@@ -219,7 +199,7 @@ TEST(NotificationCenterTest, RemovalFromAnotherThreadWaitsForARunningCallback) {
   // While the callback runs, removal must not return. (A late scheduler can
   // only make this check weaker, never fail a correct centre.)
   EXPECT_EQ(removal.wait_for(100ms), std::future_status::timeout);
-  release.open();
+  release.count_down();
   removal.get();
   poster.join();
 
