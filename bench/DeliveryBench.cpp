@@ -1,9 +1,10 @@
 // Delivery figures, for both request stores:
 //   ReportCall       KVRBeacon::sendBeaconOfType with a 20-entry user-event
 //                    dictionary, delivery paused so only the caller's cost is
-//                    measured (p50/p99 counters from per-call timing);
-//                    "memory" is the same call with an executor that keeps
-//                    nothing, for reference.
+//                    measured (p50/p99 counters from per-call timing).
+//                    For reference, store 2 is an executor that keeps
+//                    nothing and store 3 one that keeps every request in
+//                    memory, as a paused durable executor also does.
 //   EncodePayload    the restoration payload encoder alone (the keyed archive
 //                    of one record), the largest part of the report call.
 //   BytesPerBeacon   store bytes per queued beacon with 25 parameters.
@@ -15,6 +16,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <deque>
 #include <filesystem>
 #include <vector>
 
@@ -89,18 +91,27 @@ class NullExecutor : public KVNNetworkBackgroundRequestExecutor {
   std::string id_ = "null";
 };
 
+class KeepAllExecutor : public NullExecutor {
+ public:
+  void executeRequest(KVNNetworkRequest request) override { all.push_back(std::move(request)); }
+  std::deque<KVNNetworkRequest> all;
+};
+
 class LastRequestExecutor : public NullExecutor {
  public:
   void executeRequest(KVNNetworkRequest request) override { last = std::move(request); }
   KVNNetworkRequest last;
 };
 
-// Arg 0: journal, 1: SQLite, 2: an executor that keeps nothing.
+// Arg 0: journal, 1: SQLite, 2: an executor that keeps nothing, 3: one that
+// keeps every request in memory.
 void ReportCall(benchmark::State& state) {
   configure(9);  // never contacted: delivery is paused
   const fs::path dir = temporaryDirectory();
   std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor;
-  if (state.range(0) == 2) {
+  if (state.range(0) == 3) {
+    executor = std::make_shared<KeepAllExecutor>();
+  } else if (state.range(0) == 2) {
     executor = std::make_shared<NullExecutor>();
   } else {
     auto o = storeOptions(dir, static_cast<int>(state.range(0)));
@@ -133,6 +144,7 @@ BENCHMARK(ReportCall)
     ->Arg(0)
     ->Arg(1)
     ->Arg(2)
+    ->Arg(3)
     ->Iterations(40'000)
     ->Repetitions(5)
     ->ReportAggregatesOnly(true)

@@ -87,6 +87,13 @@ DurableRequestExecutor::DurableRequestExecutor(std::string sessionIdentifier, Op
     storeOptions.directory = directory_;
     storeOptions.segmentBytes = options_.segmentBytes;
     storeOptions.logger = logger_;
+    storeOptions.segmentSwitched = [this] {
+      {
+        std::lock_guard lock(mutex_);
+        syncRequested_ = true;
+      }
+      writerWake_.notify_one();
+    };
     store_ = options_.store == StoreKind::Sqlite ? openSqliteRequestStore(storeOptions)
                                                   : openJournalRequestStore(storeOptions);
     if (!store_) logger_.log(LogLevel::Error, "requests are kept in memory only");

@@ -1,7 +1,7 @@
 // The background request executor that delivers for real and loses nothing.
 //
 // Caller's thread (executeRequest): the request's restoration payload is
-// encoded and appended as one framed record to the journal with one write(2)
+// encoded and copied as one framed record into the memory-mapped journal
 // (no fsync, no transaction), then queued in memory. From the moment
 // executeRequest returns the request survives a kill of the process at any
 // instant; a power loss loses at most the last sync interval.

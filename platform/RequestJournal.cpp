@@ -3,6 +3,7 @@
 #include <errno.h>
 #include <fcntl.h>
 #include <sys/file.h>
+#include <sys/mman.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -30,8 +31,8 @@ namespace fs = std::filesystem;
 namespace {
 
 // Slice-by-8 tables for the reflected Castagnoli polynomial: eight bytes per
-// step, so checksumming a typical 600-byte beacon costs a fraction of the
-// write(2) that follows it.
+// step, so checksumming a typical 600-byte beacon costs well under the rest
+// of an append.
 constexpr std::array<std::array<uint32_t, 256>, 8> makeCrcTables() {
   std::array<std::array<uint32_t, 256>, 8> t{};
   for (uint32_t i = 0; i < 256; ++i) {
@@ -228,9 +229,14 @@ void fsyncPath(const fs::path& path) {
 // MARK: - JournalFront
 
 JournalFront::~JournalFront() {
-  if (activeFd_ >= 0) {
-    if (activeDirty_) ::fdatasync(activeFd_);
-    ::close(activeFd_);
+  std::lock_guard lock(mutex_);
+  for (auto& segment : closing_) finish(segment);
+  closing_.clear();
+  if (active_.fd >= 0) finish(active_);
+  for (auto& spare : spares_) {
+    // Never written to: it goes, rather than being found empty at the next start.
+    ::unlink(segmentPath(spare.number).c_str());
+    finish(spare);
   }
   if (lockFd_ >= 0) ::close(lockFd_);  // releases the flock
 }
@@ -310,134 +316,236 @@ bool JournalFront::open(uint32_t minEpoch) {
 
   nextSegment_ = earlierSegments_.empty() ? 1 : earlierSegments_.back() + 1;
   std::string error;
-  int fd = -1;
-  const uint32_t number = nextSegment_++;
-  if (!createSegment(number, fd, error)) {
+  auto segment = createSegment(0, true, error);
+  if (!segment) {
     logger().log(LogLevel::Error, "cannot start a journal segment in " + dir.string() + ": " + error);
     return false;
   }
-  std::lock_guard lock(mutex_);
-  activeFd_ = fd;
-  activeNumber_ = number;
-  activeBytes_ = kSegmentHeaderBytes;
-  activeDirty_ = true;
+  {
+    std::lock_guard lock(mutex_);
+    active_ = *segment;
+  }
+  topUpSpares();
   return true;
 }
 
-bool JournalFront::createSegment(uint32_t number, int& fd, std::string& error) {
-  const fs::path path = segmentPath(number);
-  fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_APPEND | O_CLOEXEC, 0600);
-  if (fd < 0) {
+std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameBytes, bool prefault,
+                                                                 std::string& error) {
+  Segment segment;
+  segment.number = nextSegment_.fetch_add(1);
+  const fs::path path = segmentPath(segment.number);
+  segment.fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  if (segment.fd < 0) {
     error = errnoText();
-    return false;
+    return std::nullopt;
   }
   std::string header(kSegmentMagic, sizeof kSegmentMagic);
-  put<uint32_t>(header, number);
+  put<uint32_t>(header, segment.number);
   put<uint32_t>(header, epoch_);
-  if (!writeAll(fd, header)) {
+  if (!writeAll(segment.fd, header)) {
     error = errnoText();
-    ::close(fd);
+    ::close(segment.fd);
     ::unlink(path.c_str());
-    fd = -1;
-    return false;
+    return std::nullopt;
   }
+  segment.bytes = kSegmentHeaderBytes;
+  segment.dirty = true;
   directoryDirty_ = true;
+
+  static const uint64_t pageBytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  const uint64_t wanted = std::max<uint64_t>(options_.segmentBytes, kSegmentHeaderBytes + frameBytes);
+  const uint64_t capacity = (wanted + pageBytes - 1) / pageBytes * pageBytes;
+  // Reserving the blocks now is what keeps a full disk from turning into a
+  // SIGBUS inside a mapped write later.
+  if (::posix_fallocate(segment.fd, 0, static_cast<off_t>(capacity)) == 0) {
+    void* map = ::mmap(nullptr, capacity, PROT_READ | PROT_WRITE, MAP_SHARED, segment.fd, 0);
+    if (map != MAP_FAILED) {
+      segment.map = static_cast<char*>(map);
+      segment.capacity = capacity;
+      // Writing every page once here takes the page faults (and the
+      // filesystem's work for first writes) off the appending threads;
+      // measured, it makes the appends some twenty times cheaper than
+      // faulting pages in as they come, and still several times cheaper than
+      // MADV_POPULATE_WRITE.
+      if (prefault) {
+        std::memset(segment.map + kSegmentHeaderBytes, 0, capacity - kSegmentHeaderBytes);
+      }
+      return segment;
+    }
+  }
+  // Unmapped: appends use pwrite(2); the file must not keep a zero end that
+  // a pwrite would leave in the middle.
+  if (::ftruncate(segment.fd, static_cast<off_t>(kSegmentHeaderBytes)) != 0) {
+    error = errnoText();
+    ::close(segment.fd);
+    ::unlink(path.c_str());
+    return std::nullopt;
+  }
+  return segment;
+}
+
+// Syncs, cuts to the used length, unmaps and closes.
+void JournalFront::finish(Segment& segment) {
+  if (segment.map != nullptr) {
+    // The unused end is cut off below, so it need not be written first.
+    if (segment.dirty) ::msync(segment.map, segment.bytes, MS_SYNC);
+    ::munmap(segment.map, segment.capacity);
+    segment.map = nullptr;
+    if (::ftruncate(segment.fd, static_cast<off_t>(segment.bytes)) == 0) ::fdatasync(segment.fd);
+  } else if (segment.dirty) {
+    ::fdatasync(segment.fd);
+  }
+  ::close(segment.fd);
+  segment.fd = -1;
+}
+
+bool JournalFront::switchSegmentLocked(size_t frameBytes) {
+  std::optional<Segment> next;
+  if (!spares_.empty() && spares_.front().hasRoom(frameBytes)) {
+    next = spares_.front();
+    spares_.erase(spares_.begin());
+  } else {
+    // No spare ready (the writer is behind), or a record larger than a
+    // segment: the rare slow path makes one here.
+    std::string error;
+    next = createSegment(frameBytes, false, error);
+    if (!next) {
+      logger().log(LogLevel::Error, "cannot start a journal segment: " + error);
+      return false;
+    }
+  }
+  if (active_.fd >= 0) {
+    closed_.push_back(active_.number);
+    closing_.push_back(active_);
+  }
+  active_ = *next;
   return true;
+}
+
+std::optional<JournalFront::Appended> JournalFront::appendLocked(std::string_view frame,
+                                                                 uint64_t id, bool& switched) {
+  if (active_.fd < 0 || active_.broken || !active_.hasRoom(frame.size())) {
+    if (!switchSegmentLocked(frame.size())) return std::nullopt;
+    switched = true;
+  }
+  Segment& segment = active_;
+  if (segment.map != nullptr) {
+    std::memcpy(segment.map + segment.bytes, frame.data(), frame.size());
+  } else {
+    size_t done = 0;
+    while (done < frame.size()) {
+      const ssize_t n = ::pwrite(segment.fd, frame.data() + done, frame.size() - done,
+                                 static_cast<off_t>(segment.bytes + done));
+      if (n < 0 && errno == EINTR) continue;
+      if (n <= 0) {
+        // Nothing may follow a partial frame: cut it off, or stop using the
+        // segment.
+        if (::ftruncate(segment.fd, static_cast<off_t>(segment.bytes)) != 0) segment.broken = true;
+        return std::nullopt;
+      }
+      done += static_cast<size_t>(n);
+    }
+  }
+  Appended where{id, segment.number, segment.bytes, static_cast<uint32_t>(frame.size())};
+  segment.bytes += frame.size();
+  segment.dirty = true;
+  return where;
 }
 
 bool JournalFront::append(std::string_view frame, uint64_t id) {
-  std::lock_guard lock(mutex_);
-  if (activeFd_ < 0 || activeBroken_) return false;
-  if (!writeAll(activeFd_, frame)) {
-    // Nothing may follow a partial frame: cut it off, or stop using the
-    // segment until the writer thread starts a new one.
-    if (::ftruncate(activeFd_, static_cast<off_t>(activeBytes_)) != 0) activeBroken_ = true;
-    return false;
+  bool switched = false;
+  bool appended = false;
+  {
+    std::lock_guard lock(mutex_);
+    if (auto where = appendLocked(frame, id, switched)) {
+      appended_.push_back(*where);
+      appended = true;
+    }
   }
-  appended_.push_back({id, activeNumber_, activeBytes_, static_cast<uint32_t>(frame.size())});
-  activeBytes_ += frame.size();
-  activeDirty_ = true;
-  return true;
+  if (switched && options_.segmentSwitched) options_.segmentSwitched();
+  return appended;
 }
 
 std::optional<JournalFront::Appended> JournalFront::appendCarried(std::string_view frame,
                                                                   uint64_t id) {
+  // The writer thread itself: it makes the next spares at its next sync.
+  bool switched = false;
   std::lock_guard lock(mutex_);
-  if (activeFd_ < 0 || activeBroken_) return std::nullopt;
-  if (!writeAll(activeFd_, frame)) {
-    if (::ftruncate(activeFd_, static_cast<off_t>(activeBytes_)) != 0) activeBroken_ = true;
-    return std::nullopt;
-  }
-  Appended where{id, activeNumber_, activeBytes_, static_cast<uint32_t>(frame.size())};
-  activeBytes_ += frame.size();
-  activeDirty_ = true;
-  return where;
+  return appendLocked(frame, id, switched);
 }
 
-std::vector<JournalFront::Appended> JournalFront::drainAppended() {
-  std::vector<Appended> out;
+JournalFront::Drained JournalFront::drain() {
+  Drained out;
   std::lock_guard lock(mutex_);
-  out.swap(appended_);
-  appended_.reserve(out.size());
+  out.appended.swap(appended_);
+  out.closed.swap(closed_);
+  appended_.reserve(out.appended.size());
   return out;
 }
 
 uint32_t JournalFront::activeSegment() const {
   std::lock_guard lock(mutex_);
-  return activeNumber_;
+  return active_.number;
 }
 
 uint64_t JournalFront::activeBytes() const {
   std::lock_guard lock(mutex_);
-  return activeFd_ >= 0 && !activeBroken_ ? activeBytes_ : UINT64_MAX;
+  return active_.fd >= 0 && !active_.broken ? active_.bytes : UINT64_MAX;
 }
 
-std::optional<uint32_t> JournalFront::rotate() {
-  std::string error;
-  int fd = -1;
-  const uint32_t number = nextSegment_++;
-  if (!createSegment(number, fd, error)) {
-    logger().log(LogLevel::Error, "cannot start a journal segment: " + error);
-    return std::nullopt;
-  }
-  int oldFd;
-  uint32_t oldNumber;
+bool JournalFront::rotate() {
+  bool switched;
   {
     std::lock_guard lock(mutex_);
-    oldFd = activeFd_;
-    oldNumber = activeNumber_;
-    activeFd_ = fd;
-    activeNumber_ = number;
-    activeBytes_ = kSegmentHeaderBytes;
-    activeDirty_ = true;
-    activeBroken_ = false;
+    switched = switchSegmentLocked(0);
   }
-  if (oldFd >= 0) {
-    ::fdatasync(oldFd);
-    ::close(oldFd);
+  syncActive();
+  return switched;
+}
+
+void JournalFront::topUpSpares() {
+  size_t missing;
+  {
+    std::lock_guard lock(mutex_);
+    missing = kSpareSegments - std::min(kSpareSegments, spares_.size());
   }
-  return oldNumber;
+  for (; missing > 0; --missing) {
+    std::string error;
+    auto spare = createSegment(0, true, error);
+    // Without a spare a caller makes the next segment itself.
+    if (!spare) break;
+    std::lock_guard lock(mutex_);
+    spares_.push_back(*spare);
+  }
 }
 
 void JournalFront::syncActive() {
-  int fd;
+  // Spares first: a caller may be about to need one.
+  topUpSpares();
+
+  std::vector<Segment> closing;
+  Segment active;
   {
     std::lock_guard lock(mutex_);
-    if (!activeDirty_ || activeFd_ < 0) {
-      fd = -1;
+    closing.swap(closing_);
+    active = active_;
+    active_.dirty = false;
+  }
+  // Only this thread unmaps or closes, so the copies stay valid after the
+  // lock is released; callers keep appending past the synced length.
+  if (active.fd >= 0 && active.dirty) {
+    if (active.map != nullptr) {
+      ::msync(active.map, active.bytes, MS_SYNC);
     } else {
-      fd = activeFd_;
-      activeDirty_ = false;
+      ::fdatasync(active.fd);
     }
   }
-  // The fd is only closed by rotate(), which runs on this same thread.
-  if (fd >= 0) ::fdatasync(fd);
+  for (auto& segment : closing) finish(segment);
   syncDirectory();
 }
 
 void JournalFront::syncDirectory() {
-  if (!directoryDirty_) return;
-  directoryDirty_ = false;
+  if (!directoryDirty_.exchange(false)) return;
   fsyncPath(options_.directory);
 }
 
@@ -446,16 +554,21 @@ JournalFront::SegmentContents JournalFront::readSegment(uint32_t number) const {
   contents.number = number;
   std::string data;
   if (!readFile(segmentPath(number), data)) return contents;
-  contents.fileBytes = data.size();
+  contents.fileBytes = contents.physicalBytes = contents.validBytes = data.size();
   if (data.size() < kSegmentHeaderBytes ||
       std::memcmp(data.data(), kSegmentMagic, sizeof kSegmentMagic) != 0) {
     contents.validBytes = 0;
     return contents;
   }
   contents.headerOk = true;
-  contents.validBytes = data.size();
   size_t offset = kSegmentHeaderBytes;
   for (;;) {
+    // A mapped segment's unwritten end is zeros: where only zeros are left
+    // at a frame boundary, the segment ends. (A frame's own bytes may end in
+    // zeros, so this is only asked where a frame would start.)
+    if (offset < data.size() && data.find_first_not_of('\0', offset) == std::string::npos) {
+      data.resize(offset);
+    }
     StoredRequest record;
     const size_t at = offset;
     const FrameStatus status = decodeFrame(data, offset, record);
@@ -476,7 +589,16 @@ JournalFront::SegmentContents JournalFront::readSegment(uint32_t number) const {
     contents.tail = FrameStatus::Corrupt;
     offset = *next;
   }
+  contents.fileBytes = data.size();
+  if (contents.tail == FrameStatus::End) contents.validBytes = data.size();
   return contents;
+}
+
+void JournalFront::trimSegment(uint32_t number, uint64_t usedBytes) {
+  if (::truncate(segmentPath(number).c_str(), static_cast<off_t>(usedBytes)) != 0) {
+    logger().log(LogLevel::Error, "cannot trim journal segment " + std::to_string(number) +
+                                        ": " + errnoText());
+  }
 }
 
 void JournalFront::setAside(const fs::path& file, const std::string& reason) {
@@ -514,12 +636,23 @@ void JournalFront::removeSegmentFiles(uint32_t number) {
 }
 
 uint64_t JournalFront::bytesOnDisk() const {
+  // Open segments count by what is used, not by what is reserved.
+  std::unordered_map<uint32_t, uint64_t> open;
+  {
+    std::lock_guard lock(mutex_);
+    if (active_.fd >= 0) open[active_.number] = active_.bytes;
+    for (const auto& spare : spares_) open[spare.number] = spare.bytes;
+    for (const auto& segment : closing_) open[segment.number] = segment.bytes;
+  }
   uint64_t total = 0;
   std::error_code ec;
   for (const auto& entry : fs::directory_iterator(options_.directory, ec)) {
     const std::string name = entry.path().filename().string();
     if (name == "lock" || name == "epoch" || name == kAsideFolder) continue;
-    if (entry.is_regular_file(ec)) total += entry.file_size(ec);
+    if (!entry.is_regular_file(ec)) continue;
+    auto number = segmentNumber(name, kSegmentSuffix);
+    auto it = number ? open.find(*number) : open.end();
+    total += it != open.end() ? it->second : entry.file_size(ec);
   }
   return total;
 }
@@ -653,6 +786,9 @@ class JournalRequestStore final : public RequestStore {
           front_.removeSegmentFiles(number);
           continue;
         }
+        // A segment that was open when the run ended keeps its reserved,
+        // unwritten end until cut here.
+        if (contents.physicalBytes > contents.fileBytes) front_.trimSegment(number, contents.fileBytes);
         auto& segment = segments_[number];
         segment.fileBytes = contents.fileBytes;
         for (size_t i : live) {
@@ -673,9 +809,8 @@ class JournalRequestStore final : public RequestStore {
   }
 
   void sync(std::span<const uint64_t> finished) override {
-    // Rotating first means every append to the old segment is drained below.
-    if (front_.activeBytes() >= front_.options().segmentBytes) rotateActive();
-    for (const auto& a : front_.drainAppended()) track(a);
+    if (front_.activeBytes() >= front_.options().segmentBytes) front_.rotate();
+    drainFront();
 
     for (uint64_t id : finished) {
       auto it = segmentOf_.find(id);
@@ -720,8 +855,8 @@ class JournalRequestStore final : public RequestStore {
   }
 
   void compact() override {
-    if (front_.activeBytes() > kSegmentHeaderBytes) rotateActive();
-    for (const auto& a : front_.drainAppended()) track(a);
+    if (front_.activeBytes() > kSegmentHeaderBytes) front_.rotate();
+    drainFront();
     compactClosed(true);
     front_.syncActive();
   }
@@ -751,8 +886,11 @@ class JournalRequestStore final : public RequestStore {
     segmentOf_[a.id] = a.segment;
   }
 
-  void rotateActive() {
-    if (auto old = front_.rotate()) segments_.try_emplace(*old);  // so an empty one is removed
+  void drainFront() {
+    auto drained = front_.drain();
+    for (const auto& a : drained.appended) track(a);
+    // Known even when nothing was appended to it, so an empty one is removed.
+    for (uint32_t number : drained.closed) segments_.try_emplace(number);
   }
 
   // Copies the live records of mostly-finished closed segments forward and

@@ -1,9 +1,9 @@
 // Where the durable executor keeps requests that are not delivered yet.
 //
 // Two stores share one front: an append-only journal in the store's
-// directory. A caller's thread makes a request durable with a single write(2)
-// of one framed record to the active journal segment; once that write has
-// returned, the record is in the page cache and survives a kill of the
+// directory. A caller's thread makes a request durable by copying one framed
+// record into the active journal segment, which is memory-mapped; once the
+// copy is done the record is in the page cache and survives a kill of the
 // process at any instant. No fsync and no transaction happen on the caller's
 // thread: the executor's writer thread syncs in groups (a power loss loses at
 // most the last sync interval) and tells the store which requests are
@@ -31,8 +31,10 @@
 // never throws and never crashes its host over its files.
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -104,7 +106,7 @@ class RequestStore {
   // The epoch of this run (the high half of identifiers made now).
   virtual uint32_t epoch() const = 0;
 
-  // Any thread. Appends one frame (made by appendFrame) with one write(2);
+  // Any thread. Appends one frame (made by appendFrame) to the journal;
   // false when it could not be written, the request then lives in memory.
   virtual bool append(std::string_view frame, uint64_t id) = 0;
 
@@ -132,6 +134,10 @@ struct RequestStoreOptions {
   // Set-aside files kept in "aside" (the newest).
   size_t keepAsideFiles = 4;
   Logger logger{"Unknown bundle", "Delivery"};
+  // Called on the appending thread, outside the store's locks, when an
+  // append moved on to a new segment: the next sync() should come soon, so
+  // new spares are ready before the caller's thread has to make one.
+  std::function<void()> segmentSwitched;
 };
 
 // Both give null, after logging why, when the directory cannot be used.
@@ -140,6 +146,20 @@ std::unique_ptr<RequestStore> openSqliteRequestStore(const RequestStoreOptions& 
 
 // The journal shared by both stores: directory, lock, epoch, the active
 // segment that callers append to, and reading and setting aside of segments.
+//
+// Segments are memory-mapped: a segment file is created with its full size
+// reserved on disk (posix_fallocate, so a full disk shows up then and never
+// as a fault inside a mapped write) and mapped shared. An append is a memcpy
+// into the mapping under a short lock: once it returns, the bytes belong to
+// the kernel's page cache and survive a kill of the process, with no system
+// call on the caller's thread. The writer thread makes them survive a power
+// loss (msync) and keeps spare segments ready, so a caller whose record does
+// not fit only swaps pointers. The unused end of a mapped segment reads as
+// zeros, which readers take for the end of the segment; a closed segment is
+// cut to its used length.
+//
+// Where a segment cannot be mapped (or reserved) the front falls back to
+// pwrite(2) appends on that segment; nothing else changes.
 class JournalFront {
  public:
   struct Appended {
@@ -149,16 +169,26 @@ class JournalFront {
     uint32_t length;
   };
 
+  // What callers appended, and which segments were closed, since the last
+  // drain. Every append to a closed segment is in the same drain or an
+  // earlier one.
+  struct Drained {
+    std::vector<Appended> appended;  // in file order per segment
+    std::vector<uint32_t> closed;
+  };
+
   struct SegmentContents {
     uint32_t number = 0;
     bool headerOk = false;
-    // End when every byte was a frame; otherwise the first damage found
-    // (frames after it that still decode are kept).
+    // End when every byte up to the used length was a frame; otherwise the
+    // first damage found (frames after it that still decode are kept).
     FrameStatus tail = FrameStatus::End;
-    uint64_t validBytes = 0;     // where the first damage starts
+    uint64_t validBytes = 0;  // where the first damage starts
+    // The used length: the file's size without an unwritten (zero) end.
     uint64_t fileBytes = 0;
+    uint64_t physicalBytes = 0;  // the file's size
     std::vector<StoredRequest> records;
-    std::vector<uint64_t> offsets;        // of each record's frame
+    std::vector<uint64_t> offsets;  // of each record's frame
   };
 
   explicit JournalFront(RequestStoreOptions options) : options_(std::move(options)) {}
@@ -178,53 +208,83 @@ class JournalFront {
   const RequestStoreOptions& options() const { return options_; }
   const Logger& logger() const { return options_.logger; }
 
+  // Any thread.
   bool append(std::string_view frame, uint64_t id);
   // Appends on the writer thread (records carried forward); not reported by
-  // drainAppended(). The frame's location, or nothing when it failed.
+  // drain(). The frame's location, or nothing when it failed.
   std::optional<Appended> appendCarried(std::string_view frame, uint64_t id);
 
-  // What callers appended since the last drain, in file order per segment.
-  std::vector<Appended> drainAppended();
+  Drained drain();
 
   // Segments of earlier runs found by open(), oldest first.
   const std::vector<uint32_t>& earlierSegments() const { return earlierSegments_; }
   uint32_t activeSegment() const;
+  // Used bytes of the active segment; UINT64_MAX when it cannot take more.
   uint64_t activeBytes() const;
 
-  // Starts a new active segment; the old one is synced and closed. Its
-  // number, or nothing when no new segment could be made.
-  std::optional<uint32_t> rotate();
-  // fdatasync of the active segment when something was appended since the
-  // last call, and of the directory when files were created.
+  // Closes the active segment (reported by the next drain()) and starts the
+  // next one. False when no new segment could be made.
+  bool rotate();
+  // Tops up the spare segments, makes every append so far survive a power
+  // loss, and finishes the segments closed since the last call (synced, cut
+  // to their used length, unmapped). Writer thread.
   void syncActive();
   void syncDirectory();
 
   std::filesystem::path segmentPath(uint32_t number) const;
   SegmentContents readSegment(uint32_t number) const;
+  // Cuts a closed segment of an earlier run to its used length.
+  void trimSegment(uint32_t number, uint64_t usedBytes);
   // Moves a file to "aside" and logs why; deletes it when that fails.
   void setAside(const std::filesystem::path& file, const std::string& reason);
   void removeSegmentFiles(uint32_t number);
 
-  // Bytes of the store's files (not "aside", not the lock).
+  // Bytes of the store's files (not "aside", not the lock), counting open
+  // segments by their used length.
   uint64_t bytesOnDisk() const;
 
  private:
-  bool createSegment(uint32_t number, int& fd, std::string& error);
+  struct Segment {
+    int fd = -1;
+    uint32_t number = 0;
+    char* map = nullptr;  // null: appended with pwrite(2)
+    uint64_t capacity = 0;  // of the mapping
+    uint64_t bytes = 0;     // used
+    bool dirty = false;     // appended to since the last sync
+    bool broken = false;    // a failed pwrite left it unusable
+
+    bool hasRoom(size_t size) const { return map == nullptr || bytes + size <= capacity; }
+  };
+
+  // Creates, reserves and maps a new segment with room for at least
+  // frameBytes; with prefault, its pages are made writable now so the
+  // appends into it take no page faults. Any thread; takes no lock of the
+  // front's.
+  std::optional<Segment> createSegment(size_t frameBytes, bool prefault, std::string& error);
+  // Closes the active segment and installs the spare or a new one; with the
+  // lock held. False when no segment could be made.
+  bool switchSegmentLocked(size_t frameBytes);
+  std::optional<Appended> appendLocked(std::string_view frame, uint64_t id, bool& switched);
+  void topUpSpares();
+  void finish(Segment& segment);
 
   RequestStoreOptions options_;
   int lockFd_ = -1;
   uint32_t epoch_ = 0;
   std::vector<uint32_t> earlierSegments_;
-  uint32_t nextSegment_ = 1;  // writer thread only
-  bool directoryDirty_ = false;
+  std::atomic<uint32_t> nextSegment_{1};
+  std::atomic<bool> directoryDirty_{false};
 
-  mutable std::mutex mutex_;  // guards the active segment and appended_
-  int activeFd_ = -1;
-  uint32_t activeNumber_ = 0;
-  uint64_t activeBytes_ = 0;
-  bool activeDirty_ = false;
-  bool activeBroken_ = false;
+  // Two spares carry a burst of appends over the time the writer takes to
+  // notice that one was taken and to make the next.
+  static constexpr size_t kSpareSegments = 2;
+
+  mutable std::mutex mutex_;  // guards everything below
+  Segment active_;
+  std::vector<Segment> spares_;
+  std::vector<Segment> closing_;  // closed, not yet finished by syncActive()
   std::vector<Appended> appended_;
+  std::vector<uint32_t> closed_;
 };
 
 }  // namespace korvel::platform

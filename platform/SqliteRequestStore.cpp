@@ -141,10 +141,13 @@ class SqliteRequestStore final : public RequestStore {
   }
 
   void sync(std::span<const uint64_t> finished) override {
-    if (front_.activeBytes() >= front_.options().segmentBytes) {
-      if (auto old = front_.rotate()) closed_.push_back(*old);
-    }
-    const auto appended = front_.drainAppended();
+    if (front_.activeBytes() >= front_.options().segmentBytes) front_.rotate();
+    // Finishes the segments callers closed and keeps a spare ready; the
+    // records themselves become durable by the commit below.
+    front_.syncActive();
+    auto drained = front_.drain();
+    const auto& appended = drained.appended;
+    closed_.insert(closed_.end(), drained.closed.begin(), drained.closed.end());
     if (appended.empty() && finished.empty() && closed_.empty()) return;
 
     begin();
@@ -190,9 +193,7 @@ class SqliteRequestStore final : public RequestStore {
   }
 
   void compact() override {
-    if (front_.activeBytes() > 16) {
-      if (auto old = front_.rotate()) closed_.push_back(*old);
-    }
+    if (front_.activeBytes() > 16) front_.rotate();
     sync({});
     exec("PRAGMA incremental_vacuum");
     sqlite3_wal_checkpoint_v2(db_, nullptr, SQLITE_CHECKPOINT_TRUNCATE, nullptr, nullptr);
