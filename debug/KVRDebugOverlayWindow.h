@@ -3,23 +3,30 @@
 // KVRDebugWindow is a window as the debug tools need it: hidden or not, a
 // level, a top safe-area inset, and the views the tools put into it (only
 // the waiting-for-configuration banner today). KVRDebugOverlayWindow is the
-// transparent overlay above the application that shows the debug menu.
+// transparent overlay above the application that shows the debug menu: a
+// window covering the main screen whose root view controller is the
+// KVRDebugOverlayViewController with the six debug pages.
 //
-// The classes here are plain models that record what was asked of them. A
-// host (or the overlay screens, later) derives from them and draws; it
-// installs its overlay with KVRDebugOverlayWindow::setFactory() and tells
+// A host installs its own overlay subclass with KVRDebugOverlayWindow::
+// setFactory() (the menu is set up on whatever the factory makes) and tells
 // where the application's main window is with
-// KVRDebugWindow::setApplicationMainWindowProvider().
+// KVRDebugWindow::setApplicationMainWindowProvider(). A renderer routes each
+// mouse or touch event through hitTest(): a view means the overlay takes
+// the event, null means it belongs to the application underneath.
 //
-// Main thread only, except the two setters, which any thread may call.
+// Main thread only, except the static setters, which any thread may call.
 #pragma once
 
 #include <functional>
 #include <memory>
 #include <vector>
 
+#include "platform/UI.h"
+#include "platform/ViewNode.h"
+
 namespace korvel {
 
+class KVRDebugOverlayViewController;
 class KVRWaitingForConfigView;
 
 class KVRDebugWindow {
@@ -69,20 +76,60 @@ class KVRDebugOverlayWindow : public KVRDebugWindow {
  public:
   using Factory = std::function<std::shared_ptr<KVRDebugOverlayWindow>()>;
 
-  // A new overlay window from the factory in force (the plain model below
-  // unless a host installed its own).
+  // A new overlay window, from the factory in force (a plain overlay unless
+  // a host installed its own), with the debug menu set up.
   static std::shared_ptr<KVRDebugOverlayWindow> buildDebugOverlayWindow();
-  // Null restores the plain model.
+  // Null restores the plain overlay.
   static void setFactory(Factory factory);
+
+  // Where every overlay built from now on presents alerts, share sheets and
+  // mail (a host's renderer installs one); held strongly. Null drops it.
+  static void setDefaultPresenter(std::shared_ptr<platform::Presenter> presenter);
+  static std::shared_ptr<platform::Presenter> defaultPresenter();
+
+  // A window with the main screen's bounds and no menu yet.
+  KVRDebugOverlayWindow();
+  ~KVRDebugOverlayWindow() override;
+
+  // Makes the pages (on the default debug message center's log, or on an
+  // empty log without a center) and an overlay view controller over them,
+  // installed as the root view controller with its view pinned to the
+  // window's edges. Does nothing when the menu is set up already.
+  void setUpDebugMenu();
+  // The root view controller; null until the menu is set up.
+  const std::shared_ptr<KVRDebugOverlayViewController>& debugOverlayViewController() const {
+    return overlayViewController_;
+  }
+
+  // The window as a view (frame = its bounds on the screen); the root view
+  // controller's view is its only subview.
+  const std::shared_ptr<platform::ViewNode>& windowView() const { return windowView_; }
+  platform::Rect frame() const { return windowView_->frame(); }
+  // The root view follows (the main screen changed size, say).
+  void setFrame(const platform::Rect& frame) { windowView_->setFrame(frame); }
+
+  // The view under point (screen coordinates) that takes the touch: null
+  // when the window is hidden, or when the hit is the window itself or the
+  // root view (an empty part of the overlay), so the touch falls through to
+  // the application.
+  virtual std::shared_ptr<platform::ViewNode> hitTest(platform::Point point);
+  bool takesTouchAt(platform::Point point) { return hitTest(point) != nullptr; }
 
   // Shows or hides the debug menu; each does nothing when the menu already
   // is in that state.
-  virtual void presentDebugMenu() { debugMenuActive_ = true; }
-  virtual void hideDebugMenu() { debugMenuActive_ = false; }
+  virtual void presentDebugMenu();
+  virtual void hideDebugMenu();
   bool debugMenuActive() const { return debugMenuActive_; }
+
+  // Where this window's pages present (the default presenter unless set).
+  std::shared_ptr<platform::Presenter> presenter() const { return presenter_; }
+  void setPresenter(std::shared_ptr<platform::Presenter> presenter);
 
  private:
   bool debugMenuActive_ = false;
+  std::shared_ptr<platform::ViewNode> windowView_;
+  std::shared_ptr<KVRDebugOverlayViewController> overlayViewController_;
+  std::shared_ptr<platform::Presenter> presenter_;
 };
 
 }  // namespace korvel

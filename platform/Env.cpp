@@ -7,6 +7,7 @@
 #include <cmath>
 #include <mutex>
 
+#include "platform/AudioPlayer.h"
 #include "platform/DurableRequestExecutor.h"
 #include "platform/Logging.h"
 #include "platform/MainQueue.h"
@@ -77,6 +78,10 @@ class LinuxEnv : public Env {
 
   NotificationCenter& notificationCenter() override { return center_; }
   LogSink& logSink() override { return logSink_; }
+
+  std::unique_ptr<AudioPlayer> makeAudioPlayer(const std::string& path) override {
+    return makeDefaultAudioPlayer(path);
+  }
 
   std::shared_ptr<KVNNetworkBackgroundRequestExecutor> makeBackgroundExecutor(
       const std::string& sessionIdentifier) override {

@@ -17,6 +17,7 @@
 #include <string>
 
 #include "platform/Application.h"
+#include "platform/AudioPlayer.h"
 
 namespace korvel {
 class KVNNetworkBackgroundRequestExecutor;
@@ -60,6 +61,8 @@ class Env {
   virtual MainQueue& mainQueue() = 0;
   // The user's documents directory (where debug files are kept).
   virtual std::string documentsDirectory() = 0;
+  // A player for the audio file at path; null when it cannot be read.
+  virtual std::unique_ptr<AudioPlayer> makeAudioPlayer(const std::string& path) = 0;
 };
 
 // Forwards every call to a target Env; subclass it to override a few services.
@@ -87,6 +90,9 @@ class EnvWrapper : public Env {
   }
   MainQueue& mainQueue() override { return target_.mainQueue(); }
   std::string documentsDirectory() override { return target_.documentsDirectory(); }
+  std::unique_ptr<AudioPlayer> makeAudioPlayer(const std::string& path) override {
+    return target_.makeAudioPlayer(path);
+  }
 
  private:
   Env& target_;

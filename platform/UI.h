@@ -71,10 +71,17 @@ class ViewController {
   // From viewWillAppear until viewDidDisappear.
   bool isVisible() const { return visible_; }
 
+  // What the screen is called where a toolkit shows it (a navigation bar, a
+  // page title); empty until set. Screens that keep their own title
+  // override it.
+  virtual const std::string& title() const { return title_; }
+  void setTitle(std::string title) { title_ = std::move(title); }
+
  private:
   std::optional<std::string> nibName_;
   std::optional<Bundle> nibBundle_;
   bool visible_ = false;
+  std::string title_;
 };
 
 // How a collection screen lays out its items.

@@ -83,6 +83,10 @@ class Button {
   void setEnabled(bool enabled) { enabled_ = enabled; }
   bool isHidden() const { return hidden_; }
   void setHidden(bool hidden) { hidden_ = hidden; }
+  // A symbol name for the button's image ("envelope", "play.fill"); empty
+  // for a text-only button.
+  const std::string& imageSystemName() const { return imageSystemName_; }
+  void setImageSystemName(std::string name) { imageSystemName_ = std::move(name); }
 
   // The user taps the button: fires the action unless the button is
   // disabled or hidden. Returns whether the action ran.
@@ -96,6 +100,7 @@ class Button {
 
  private:
   std::string title_;
+  std::string imageSystemName_;
   bool enabled_ = true;
   bool hidden_ = false;
 };

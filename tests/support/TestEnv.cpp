@@ -110,6 +110,20 @@ TestEnv::~TestEnv() {
   }
 }
 
+std::unique_ptr<platform::AudioPlayer> TestEnv::makeAudioPlayer(const std::string& path) {
+  AudioPlayerFactory factory;
+  {
+    std::lock_guard lock(mutex_);
+    factory = audioPlayerFactory_;
+  }
+  return factory ? factory(path) : EnvWrapper::makeAudioPlayer(path);
+}
+
+void TestEnv::setAudioPlayerFactory(AudioPlayerFactory factory) {
+  std::lock_guard lock(mutex_);
+  audioPlayerFactory_ = std::move(factory);
+}
+
 std::tm TestEnv::localTime(double secondsSince1970) {
   const auto t = static_cast<time_t>(secondsSince1970) + utcOffset_.load();
   std::tm tm{};

@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <deque>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -17,6 +18,7 @@
 
 #include "core/KVRBeacon.h"
 #include "core/KVRParameters.h"
+#include "platform/AudioPlayer.h"
 #include "platform/Env.h"
 #include "platform/KVNConfiguration.h"
 #include "platform/KVNNetwork.h"
@@ -108,6 +110,13 @@ class TestEnv : public platform::EnvWrapper {
   std::tm localTime(double secondsSince1970) override;
   void setUTCOffsetSeconds(long offset) { utcOffset_ = offset; }
 
+  // Players come from the factory the test set (see FakeAudioPlayer), else
+  // from the real implementation.
+  using AudioPlayerFactory =
+      std::function<std::unique_ptr<platform::AudioPlayer>(const std::string& path)>;
+  std::unique_ptr<platform::AudioPlayer> makeAudioPlayer(const std::string& path) override;
+  void setAudioPlayerFactory(AudioPlayerFactory factory);
+
  private:
   std::atomic<double> now_{1'700'000'000.0};
   std::atomic<uint64_t> monotonic_{1'000'000'000};
@@ -121,6 +130,7 @@ class TestEnv : public platform::EnvWrapper {
   std::atomic<long> utcOffset_{0};
   platform::MainQueue mainQueue_;
   std::string documents_;
+  AudioPlayerFactory audioPlayerFactory_;
 
  public:
   ~TestEnv() override;
