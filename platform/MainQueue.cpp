@@ -16,10 +16,11 @@ uint64_t toNanos(double seconds) {
 }  // namespace
 
 void MainQueue::async(Task task) {
-  {
-    std::lock_guard lock(mutex_);
-    tasks_.push_back(std::move(task));
-  }
+  // Notified under the lock: once the main thread has taken the task, the
+  // posting thread no longer touches the queue, so the queue may be
+  // destroyed right after running it.
+  std::lock_guard lock(mutex_);
+  tasks_.push_back(std::move(task));
   wake_.notify_all();
 }
 
