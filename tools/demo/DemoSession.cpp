@@ -1,0 +1,278 @@
+#include "demo/DemoSession.h"
+
+#include <stdlib.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <thread>
+
+#include "collector/BeaconCollector.h"
+#include "core/KVRBeacon.h"
+#include "core/KVRConstants.h"
+#include "core/KVRUserSession.h"
+#include "pageviews/BeaconReporter.h"
+#include "platform/Application.h"
+#include "platform/DurableRequestExecutor.h"
+#include "platform/Env.h"
+#include "platform/KVNConfiguration.h"
+#include "reporters/KVRNotificationReporter.h"
+#include "reporters/KVRPlayerReporter.h"
+#include "reporters/KVRSearchReporter.h"
+#include "reporters/KVRUserEventReporter.h"
+#include "reporters/KVRWidgetReporter.h"
+
+namespace korvel::demo {
+
+using namespace std::chrono_literals;
+
+namespace {
+
+// The host's page-view reporter: one "pageview" beacon per visible stretch.
+class DemoPageViewReporter : public PageViewReporter {
+ public:
+  void report(const PageView& pageView) override {
+    ReportingParameters parameters = pageView.reportingParameters;
+    parameters.insert(ReportingParameter(std::string(kKVRScreenName), pageView.name.reportingValue()));
+    parameters.insert(ReportingParameter(std::string(kKVRDuration),
+                                         ReportingValue::int_(static_cast<int64_t>(
+                                             pageView.duration * 1000.0))));
+    BeaconReporter::report(KVRBeaconTypePageView, parameters, {});
+  }
+};
+
+void printBeacon(size_t number, const tools::CollectedBeacon& beacon) {
+  size_t width = 0;
+  for (const auto& [key, value] : beacon.params) width = std::max(width, key.size());
+  std::printf("\n#%zu  %s   GET %s\n", number, beacon.event.c_str(), beacon.path.c_str());
+  for (const auto& [key, value] : beacon.params) {
+    std::printf("      %-*s  %s\n", static_cast<int>(width), key.c_str(), value.c_str());
+  }
+  std::fflush(stdout);
+}
+
+KVRTagDetails demoTag() {
+  KVRTagDetails tag;
+  tag.tagID = "6D1F0E7A-0C4B-4E8F-A1D2-9B3C5E7F0A12";
+  tag.trackID = "571234567";
+  tag.adamID = "1440818584";
+  tag.artistAdamID = "136975";
+  tag.type = "music";
+  tag.recognitionType = "music";
+  tag.tagTypeString = "manual";
+  tag.recordDuration = 3.2;
+  tag.sampleLength = 3.0;
+  tag.sampleRate = 44100.0;
+  tag.microphone = "builtin";
+  tag.tagDuration = 3.4;
+  return tag;
+}
+
+}  // namespace
+
+DemoSession::DemoSession(bool keepStore) : keepStore_(keepStore) {}
+
+DemoSession::~DemoSession() = default;
+
+bool DemoSession::start() {
+  // The collector prints each beacon as it arrives.
+  tools::BeaconCollector::Options collectorOptions;
+  collectorOptions.keepBeacons = false;
+  collectorOptions.onBeacon = [this](const tools::CollectedBeacon& beacon) {
+    std::lock_guard lock(mutex_);
+    printBeacon(++receivedCount_, beacon);
+    receivedUUIDs_.insert(beacon.value(std::string(KVRBeaconUUIDKey)).value_or(""));
+  };
+  collector_ = std::make_unique<tools::BeaconCollector>(collectorOptions);
+  if (!collector_->start()) {
+    std::fprintf(stderr, "korvel-demo: cannot listen on 127.0.0.1\n");
+    return false;
+  }
+
+  char pattern[] = "/tmp/korvel-demo-XXXXXX";
+  if (mkdtemp(pattern) == nullptr) {
+    std::perror("korvel-demo: mkdtemp");
+    return false;
+  }
+  storeDirectory_ = pattern;
+
+  // What the server would have configured.
+  platform::setMainBundleIdentifier("com.korvel.demo");
+  KVNConfiguration::setAppShortVersion("14.2");
+  KVNConfiguration::sharedInstance().update([&](KVNConfiguration::Snapshot& s) {
+    s.inid = "DEMO-INID-4F2A9C";
+    s.configured = true;
+    s.deviceModel = "Laptop14,2";
+    s.beacons.beaconEndpoint = collector_->baseURL() + "/b/{inid}/{appversion}/{devicemodel}";
+    s.beacons.beaconParameters = KVRParameters{{"cohort", "demo"}};
+  });
+
+  // Durable delivery into a temporary store (a host normally lets the
+  // library pick $XDG_DATA_HOME/korvel/...).
+  KVRBeacon::registerRequestRestorer();
+  platform::DurableRequestExecutor::Options options;
+  options.directory = storeDirectory_;
+  options.concurrency = 1;  // one connection: beacons arrive in the order reported
+  executor_ = std::make_shared<platform::DurableRequestExecutor>(
+      "com.korvel.demo.backgroundBeacons", options);
+  KVRBeacon::setBackgroundSession(executor_);
+
+  // Count what the library submits.
+  auto& center = platform::env().notificationCenter();
+  submitted_ = platform::ObserverRegistration(
+      center, center.addObserver(std::string(KVRReliableNetworkingTaskSubmittedNotification),
+                                 [this](const platform::Notification& n) {
+                                   auto task = std::any_cast<
+                                       std::shared_ptr<const KVRReliableNetworkingTask>>(&n.object);
+                                   if (task == nullptr) return;
+                                   std::lock_guard lock(mutex_);
+                                   reportedUUIDs_.insert((*task)->uuid());
+                                 }));
+
+  std::printf("korvel-demo: collector on %s, store in %s\n", collector_->baseURL().c_str(),
+              storeDirectory_.c_str());
+  return true;
+}
+
+void DemoSession::step(const char* what) {
+  executor_->flush(2s);
+  std::printf("\n-- %s\n", what);
+  std::fflush(stdout);
+}
+
+void DemoSession::launch() {
+  KVRUserSession::load();
+  KVRStartupReporter::reportAppStartupTime(0.84);
+  pages_ = std::make_unique<PageViewManager>(std::make_shared<DemoPageViewReporter>(), true);
+  home_ = PageID::make();
+  pages_->trackPageAppeared(home_, PageName("home"), {});
+}
+
+void DemoSession::recognise() {
+  const std::string session = "demo-session-" + std::to_string(++recognitions_);
+  tag_ = demoTag();
+  KVRTaggingReporter::reportTaggingSessionStarted(session, 0, std::nullopt, false);
+  std::this_thread::sleep_for(60ms);
+  KVRTaggingReporter::reportTaggingSessionEnded(session, &tag_, 0, false, nullptr);
+  KVRTaggingReporter::reportTag(&tag_, 1);
+}
+
+void DemoSession::openTrackPage() {
+  if (trackOpen_) return;
+  if (!tag_.trackID) tag_ = demoTag();
+  track_ = PageID::make();
+  pages_->trackPageAppeared(track_, PageName("track"),
+                            {ReportingParameter::trackID(*tag_.trackID),
+                             ReportingParameter::tagID(*tag_.tagID)});
+  trackOpen_ = true;
+}
+
+void DemoSession::tapOnTrackPage() {
+  KVRPlayerReporter::reportUserScrolledToBottomOfTracklist();
+  KVRUserEventReporter::reportShareSheetSelectedForProvider("messages", true, std::nullopt);
+}
+
+void DemoSession::closeTrackPage() {
+  if (!trackOpen_) return;
+  pages_->trackPageClosed(track_);
+  trackOpen_ = false;
+}
+
+void DemoSession::openSearch() {
+  if (searchOpen_) return;
+  search_ = PageID::make();
+  pages_->trackPageAppeared(search_, PageName("search"), {});
+  searchOpen_ = true;
+}
+
+void DemoSession::tapChartsCard() { KVRSearchReporter::reportChartsCardTappedInSearch(); }
+
+void DemoSession::showSearchResults() {
+  if (searchOpen_) pages_->trackPageNameChanged(PageName("search results"), search_);
+}
+
+void DemoSession::closeSearch() {
+  if (!searchOpen_) return;
+  pages_->trackPageClosed(search_);
+  searchOpen_ = false;
+}
+
+void DemoSession::tapAround() {
+  KVRUserEventReporter::reportUserScrolled();
+  KVRNotificationReporter::reportAutoMatchNotificationSent();
+  KVRWidgetReporter::reportUserHasiOS14Widgets(true);
+}
+
+void DemoSession::goToBackground() {
+  if (inBackground_) return;
+  platform::env().notificationCenter().post(platform::ApplicationDidEnterBackgroundNotification);
+  inBackground_ = true;
+}
+
+void DemoSession::comeToForeground() {
+  if (!inBackground_) return;
+  platform::env().notificationCenter().post(platform::ApplicationWillEnterForegroundNotification);
+  inBackground_ = false;
+}
+
+void DemoSession::runScript() {
+  step("launch");
+  launch();
+  std::this_thread::sleep_for(120ms);
+
+  step("a recognition, with a match");
+  recognise();
+
+  step("the track page, then back home");
+  openTrackPage();
+  std::this_thread::sleep_for(150ms);
+  tapOnTrackPage();
+  closeTrackPage();
+
+  step("search and a few more taps");
+  openSearch();
+  tapChartsCard();
+  std::this_thread::sleep_for(80ms);
+  closeSearch();
+  tapAround();
+
+  step("to the background (ends the session)");
+  goToBackground();
+}
+
+int DemoSession::finish() {
+  // Wait for delivery, with a deadline.
+  const bool flushed = executor_->flush(15s);
+  size_t reported;
+  {
+    std::lock_guard lock(mutex_);
+    reported = reportedUUIDs_.size();
+  }
+  collector_->waitForBeacons(reported, flushed ? 2s : 0ms);
+
+  pages_.reset();
+  KVRUserSession::unload();
+  KVRBeacon::setBackgroundSession(nullptr);
+  executor_.reset();
+  collector_->stop();
+  submitted_.reset();
+
+  size_t lost = 0;
+  size_t received;
+  {
+    std::lock_guard lock(mutex_);
+    received = receivedCount_;
+    for (const auto& uuid : reportedUUIDs_) lost += receivedUUIDs_.count(uuid) == 0 ? 1 : 0;
+  }
+  std::printf("\nkorvel-demo: reported %zu, received %zu", reported, received);
+  if (lost > 0) std::printf(", LOST %zu", lost);
+  std::printf("\n");
+
+  if (!keepStore_) {
+    std::error_code ec;
+    std::filesystem::remove_all(storeDirectory_, ec);
+  }
+  return lost == 0 && reported > 0 ? 0 : 1;
+}
+
+}  // namespace korvel::demo

@@ -1,0 +1,103 @@
+// The demo host's session: a beacon collector embedded in this process on
+// 127.0.0.1, the library configured against it with durable delivery into a
+// temporary store, and the host's actions (launch, a recognition, the track
+// page, search, going to the background) that both the scripted run and
+// the windowed demo's buttons use.
+//
+// Every beacon is printed as the collector receives it:
+//
+//   #<n>  <event>   GET <path>
+//         <key>  <value>
+//
+// Main thread only, apart from the collector's printing.
+#pragma once
+
+#include <filesystem>
+#include <memory>
+#include <mutex>
+#include <set>
+#include <string>
+
+#include "pageviews/PageID.h"
+#include "pageviews/PageViewManager.h"
+#include "platform/NotificationCenter.h"
+#include "reporters/KVRTaggingReporter.h"
+
+namespace korvel::tools {
+
+class BeaconCollector;
+
+}  // namespace korvel::tools
+
+namespace korvel::platform {
+class DurableRequestExecutor;
+}
+
+namespace korvel::demo {
+
+class DemoSession {
+ public:
+  explicit DemoSession(bool keepStore);
+  ~DemoSession();
+  DemoSession(const DemoSession&) = delete;
+  DemoSession& operator=(const DemoSession&) = delete;
+
+  // Starts the collector, makes the store directory and configures the
+  // library; false (with a message on stderr) when the demo cannot run.
+  bool start();
+  const std::filesystem::path& storeDirectory() const { return storeDirectory_; }
+
+  // Lets the previous step's beacons arrive (and print) before the next
+  // one, then prints "-- what".
+  void step(const char* what);
+
+  // The host's actions.
+  void launch();         // the session starts, start-up time, the home page
+  void recognise();      // a tagging session with a match
+  void openTrackPage();  // the track page of the last match
+  void tapOnTrackPage(); // scroll the tracklist, share through Messages
+  void closeTrackPage();
+  void openSearch();
+  void tapChartsCard();
+  void showSearchResults();  // the search page is renamed "search results"
+  void closeSearch();
+  void tapAround();      // a scroll, a notification, widgets
+  void goToBackground();
+  void comeToForeground();
+
+  // The whole scripted session, in steps.
+  void runScript();
+
+  // Waits for every submitted beacon to arrive (with a deadline), stops
+  // everything and prints the summary. 0 when nothing was lost, 1 when a
+  // beacon was lost (or none was sent).
+  int finish();
+
+  PageViewManager& pages() { return *pages_; }
+  const KVRTagDetails& lastTag() const { return tag_; }
+  bool trackPageOpen() const { return trackOpen_; }
+  bool searchOpen() const { return searchOpen_; }
+  bool inBackground() const { return inBackground_; }
+
+ private:
+  bool keepStore_;
+  std::mutex mutex_;
+  std::set<std::string> receivedUUIDs_;
+  std::set<std::string> reportedUUIDs_;
+  size_t receivedCount_ = 0;
+  std::unique_ptr<tools::BeaconCollector> collector_;
+  std::filesystem::path storeDirectory_;
+  std::shared_ptr<platform::DurableRequestExecutor> executor_;
+  platform::ObserverRegistration submitted_;
+  std::unique_ptr<PageViewManager> pages_;
+  KVRTagDetails tag_;
+  PageID home_ = PageID::make();
+  PageID track_ = PageID::make();
+  PageID search_ = PageID::make();
+  bool trackOpen_ = false;
+  bool searchOpen_ = false;
+  bool inBackground_ = false;
+  int recognitions_ = 0;
+};
+
+}  // namespace korvel::demo
