@@ -494,13 +494,8 @@ uint64_t JournalFront::activeBytes() const {
 }
 
 bool JournalFront::rotate() {
-  bool switched;
-  {
-    std::lock_guard lock(mutex_);
-    switched = switchSegmentLocked(0);
-  }
-  syncActive();
-  return switched;
+  std::lock_guard lock(mutex_);
+  return switchSegmentLocked(0);
 }
 
 void JournalFront::topUpSpares() {

@@ -222,8 +222,9 @@ class JournalFront {
   // Used bytes of the active segment; UINT64_MAX when it cannot take more.
   uint64_t activeBytes() const;
 
-  // Closes the active segment (reported by the next drain()) and starts the
-  // next one. False when no new segment could be made.
+  // Closes the active segment (reported by the next drain(), finished by the
+  // next syncActive()) and starts the next one. False when no new segment
+  // could be made.
   bool rotate();
   // Tops up the spare segments, makes every append so far survive a power
   // loss, and finishes the segments closed since the last call (synced, cut
