@@ -37,18 +37,16 @@ KVRDebugNavigationOptionsViewController::~KVRDebugNavigationOptionsViewControlle
   outlets_->view = platform::TapTarget();
 }
 
-void KVRDebugNavigationOptionsViewController::loadViewIfNeeded() {
-  if (viewLoaded_) return;
-  viewLoaded_ = true;
+void KVRDebugNavigationOptionsViewController::loadView() {
   // The interface file's connections.
   outlets_->refreshButton.action = [this] { refreshButtonTapped(); };
   outlets_->clearCacheButton.action = [this] { clearCacheButtonTapped(); };
   outlets_->bucketsTextField.setDelegate(this);
-  viewDidLoad();
 }
 
 void KVRDebugNavigationOptionsViewController::viewDidLoad() {
-  title_ = kTitle;
+  ViewController::viewDidLoad();
+  setTitle(kTitle);
   outlets_->view.addTapHandler([this] { dismissKeyboard(); });
   outlets_->betaSwitch.setOn(
       isBetaConfigurationURL(KVRDebugConfiguration::sharedInstance().configUrlString()));

@@ -33,15 +33,9 @@ class KVRDebugNavigationOptionsViewController : public platform::ViewController,
   KVRDebugNavigationOptionsViewController();
   ~KVRDebugNavigationOptionsViewController() override;
 
-  // Loads the view (outlets in their interface-file state, then
-  // viewDidLoad()) unless it is loaded already.
-  void loadViewIfNeeded();
-  bool isViewLoaded() const { return viewLoaded_; }
   // Title, tap-to-dismiss-keyboard, and the beta switch from the stored
   // configuration URL.
-  virtual void viewDidLoad();
-
-  const std::string& title() const { return title_; }
+  void viewDidLoad() override;
 
   // Outlets (and the screen's root view, for taps outside the widgets).
   platform::Switch& betaSwitch() { return outlets_->betaSwitch; }
@@ -68,6 +62,10 @@ class KVRDebugNavigationOptionsViewController : public platform::ViewController,
   // do not matter; host names compare case-insensitively).
   static bool isBetaConfigurationURL(const std::string& url);
 
+ protected:
+  // Connects the outlets as the interface file does.
+  void loadView() override;
+
  private:
   // Kept alive by the delayed restores queued on the main queue, which may
   // run after the screen is gone.
@@ -81,8 +79,6 @@ class KVRDebugNavigationOptionsViewController : public platform::ViewController,
   };
 
   std::shared_ptr<Outlets> outlets_;
-  std::string title_;
-  bool viewLoaded_ = false;
 };
 
 }  // namespace korvel

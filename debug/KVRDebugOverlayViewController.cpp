@@ -4,7 +4,6 @@
 
 #include "debug/KVRDebugLogsDataProvider.h"
 #include "debug/KVRDebugMessageCenter.h"
-#include "debug/KVRDebugNavigationOptionsViewController.h"
 #include "debug/KVRDebugTableViewController.h"
 #include "platform/Env.h"
 #include "platform/MainQueue.h"
@@ -17,16 +16,6 @@ namespace {
 constexpr double kMargin = 16;
 constexpr double kButtonWidth = 88;
 constexpr double kButtonHeight = 32;
-
-// Pages set their titles when their views load; the title label needs it
-// before the page is first drawn.
-void loadPage(platform::ViewController& page) {
-  if (auto table = dynamic_cast<KVRDebugTableViewController*>(&page)) {
-    table->loadViewIfNeeded();
-  } else if (auto options = dynamic_cast<KVRDebugNavigationOptionsViewController*>(&page)) {
-    options->loadViewIfNeeded();
-  }
-}
 
 }  // namespace
 
@@ -78,7 +67,7 @@ KVRDebugOverlayViewController::KVRDebugOverlayViewController(
   passiveButton_.setHidden(true);
   passiveButtonView_->setHidden(true);
   if (auto page = currentViewController()) {
-    loadPage(*page);
+    page->loadViewIfNeeded();
     titleLabel_.setText(page->title());
   }
 }
@@ -125,7 +114,8 @@ void KVRDebugOverlayViewController::setCurrentPage(size_t index, bool) {
   const bool changes = index != currentIndex_;
   if (changes && shown_) pages_[currentIndex_]->viewDidDisappear(false);
   currentIndex_ = index;
-  loadPage(*pages_[index]);
+  // Pages set their titles when their views load.
+  pages_[index]->loadViewIfNeeded();
   titleLabel_.setText(pages_[index]->title());
   if (shown_ && (changes || !pages_[index]->isVisible())) pages_[index]->viewWillAppear(false);
 }

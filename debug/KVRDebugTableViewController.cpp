@@ -15,17 +15,9 @@ KVRDebugTableViewController::~KVRDebugTableViewController() {
   tableView_.setDelegate(nullptr);
 }
 
-void KVRDebugTableViewController::loadViewIfNeeded() {
-  if (viewLoaded_) return;
-  viewLoaded_ = true;
+void KVRDebugTableViewController::loadView() {
   tableView_.setDataSource(this);
   tableView_.setDelegate(this);
-  viewDidLoad();
-}
-
-void KVRDebugTableViewController::viewWillAppear(bool animated) {
-  TableViewController::viewWillAppear(animated);
-  loadViewIfNeeded();
 }
 
 std::vector<platform::MenuAction> KVRDebugTableViewController::contextMenuActionsForRow(

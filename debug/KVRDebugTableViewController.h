@@ -38,14 +38,6 @@ class KVRDebugTableViewController : public platform::TableViewController,
   explicit KVRDebugTableViewController(platform::TableViewStyle style);
   ~KVRDebugTableViewController() override;
 
-  // Loads the view (wiring the table, then viewDidLoad()) unless it is
-  // loaded already. Appearing loads it too.
-  void loadViewIfNeeded();
-  bool isViewLoaded() const { return viewLoaded_; }
-  // Overrides call the base implementation first.
-  virtual void viewDidLoad() {}
-  void viewWillAppear(bool animated) override;
-
   platform::TableView& tableView() { return tableView_; }
   const platform::TableView& tableView() const { return tableView_; }
 
@@ -66,6 +58,9 @@ class KVRDebugTableViewController : public platform::TableViewController,
   virtual void copyRow(platform::IndexPath indexPath) = 0;
 
  protected:
+  // Makes this screen the table's data source and delegate.
+  void loadView() override;
+
   // The presenter, or null after logging that what was to be shown (what)
   // had nowhere to go.
   std::shared_ptr<platform::Presenter> presenterFor(const char* what) const;
@@ -74,7 +69,6 @@ class KVRDebugTableViewController : public platform::TableViewController,
 
  private:
   std::weak_ptr<platform::Presenter> presenter_;
-  bool viewLoaded_ = false;
 };
 
 }  // namespace korvel

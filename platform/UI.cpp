@@ -18,7 +18,17 @@ ViewController::ViewController(const Coder& coder)
   if (auto bundle = optionalText(coder, "nibBundle")) nibBundle_ = Bundle{std::move(*bundle)};
 }
 
-void ViewController::viewWillAppear(bool) { visible_ = true; }
+void ViewController::loadViewIfNeeded() {
+  if (viewLoaded_) return;
+  viewLoaded_ = true;
+  loadView();
+  viewDidLoad();
+}
+
+void ViewController::viewWillAppear(bool) {
+  visible_ = true;
+  loadViewIfNeeded();
+}
 
 void ViewController::viewDidDisappear(bool) { visible_ = false; }
 

@@ -63,8 +63,16 @@ class ViewController {
   const std::optional<std::string>& nibName() const { return nibName_; }
   const std::optional<Bundle>& nibBundle() const { return nibBundle_; }
 
-  // Called by the toolkit just before the screen is shown and just after it
-  // was removed. Overrides call the base implementation first.
+  // Makes the screen's views once: loadView(), then viewDidLoad(). Showing
+  // the screen loads them too.
+  void loadViewIfNeeded();
+  bool isViewLoaded() const { return viewLoaded_; }
+  // After the views were made. Overrides call the base implementation first.
+  virtual void viewDidLoad() {}
+
+  // Called by the toolkit just before the screen is shown (after loading
+  // its views) and just after it was removed. Overrides call the base
+  // implementation first.
   virtual void viewWillAppear(bool animated);
   virtual void viewDidDisappear(bool animated);
 
@@ -77,9 +85,15 @@ class ViewController {
   virtual const std::string& title() const { return title_; }
   void setTitle(std::string title) { title_ = std::move(title); }
 
+ protected:
+  // Makes the views and connects them, as an interface file would; nothing
+  // by default.
+  virtual void loadView() {}
+
  private:
   std::optional<std::string> nibName_;
   std::optional<Bundle> nibBundle_;
+  bool viewLoaded_ = false;
   bool visible_ = false;
   std::string title_;
 };
