@@ -151,9 +151,7 @@ void OverlayRenderer::drawHeader(KVRDebugOverlayViewController& overlay) {
   ImGui::TextUnformatted(overlay.titleLabel().text().c_str());
 
   // The close button at the right edge.
-  const std::string close =
-      std::string(glyphForSymbol(overlay.closeButton().imageSystemName())) + " " +
-      overlay.closeButton().title();
+  const std::string close = buttonLabel(overlay.closeButton());
   const float closeWidth = ImGui::CalcTextSize(close.c_str()).x + ImGui::GetStyle().FramePadding.x * 2;
   ImGui::SameLine(std::max(ImGui::GetCursorPosX(),
                            ImGui::GetWindowContentRegionMax().x - closeWidth));

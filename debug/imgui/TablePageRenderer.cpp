@@ -29,7 +29,7 @@ std::string uppercased(std::string text) {
 void TablePageRenderer::rebuild(KVRDebugTableViewController& page, float width) {
   const platform::TableView& table = page.tableView();
   const TextMetrics metrics = FontSet::current().metrics();
-  const float switchWidth = ImGui::GetFrameHeight() * 1.8f + kPadding;
+  const float switchSpace = switchWidth() + kPadding;
   sections_.clear();
   for (size_t s = 0; s < table.numberOfSections(); ++s) {
     Section section;
@@ -41,7 +41,7 @@ void TablePageRenderer::rebuild(KVRDebugTableViewController& page, float width) 
       const auto& cell = row.cell;
       float textWidth = width - 2 * kPadding - kIndentStep * static_cast<float>(cell.indentationLevel);
       if (cell.imageSystemName) textWidth -= kIconWidth;
-      if (cell.accessorySwitch != nullptr) textWidth -= switchWidth;
+      if (cell.accessorySwitch != nullptr) textWidth -= switchSpace;
       const float wrap = cell.numberOfLines == 1 ? 0 : std::max(textWidth, 40.0f);
       const platform::StyledText text =
           cell.attributedText ? *cell.attributedText
@@ -177,8 +177,7 @@ void TablePageRenderer::drawRow(KVRDebugTableViewController& page, Row& row, flo
     drawTextLayout(row.detail);
   }
   if (cell.accessorySwitch != nullptr) {
-    const float switchWidth = ImGui::GetFrameHeight() * 1.8f;
-    ImGui::SetCursorScreenPos(ImVec2(at.x + width - kPadding - switchWidth,
+    ImGui::SetCursorScreenPos(ImVec2(at.x + width - kPadding - switchWidth(),
                                      at.y + (row.height - ImGui::GetFrameHeight()) * 0.5f));
     drawSwitch("##switch", *cell.accessorySwitch);
   }

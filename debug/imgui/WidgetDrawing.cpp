@@ -19,11 +19,16 @@ std::string_view glyphForSymbol(std::string_view systemName) {
   return {};
 }
 
-void drawButton(platform::Button& button, ButtonFrames* frames) {
-  if (button.isHidden()) return;
+std::string buttonLabel(const platform::Button& button) {
   std::string label(glyphForSymbol(button.imageSystemName()));
   if (!label.empty()) label += ' ';
   label += button.title();
+  return label;
+}
+
+void drawButton(platform::Button& button, ButtonFrames* frames) {
+  if (button.isHidden()) return;
+  const std::string label = buttonLabel(button);
   ImGui::PushID(&button);
   ImGui::BeginDisabled(!button.isEnabled());
   const bool clicked = ImGui::Button(label.c_str());
@@ -37,9 +42,11 @@ void drawButton(platform::Button& button, ButtonFrames* frames) {
   if (clicked) button.userTap();
 }
 
+float switchWidth() { return ImGui::GetFrameHeight() * 1.8f; }
+
 void drawSwitch(const char* id, platform::Switch& sw) {
   const float height = ImGui::GetFrameHeight();
-  const float width = height * 1.8f;
+  const float width = switchWidth();
   const ImVec2 at = ImGui::GetCursorScreenPos();
   ImGui::BeginDisabled(!sw.isEnabled());
   if (ImGui::InvisibleButton(id, ImVec2(width, height))) sw.userToggle();

@@ -17,6 +17,10 @@ namespace korvel::overlay {
 // empty for names without one.
 std::string_view glyphForSymbol(std::string_view systemName);
 
+// The text a button shows: its symbol's glyph (when it has one) and its
+// title.
+std::string buttonLabel(const platform::Button& button);
+
 // Where each button was drawn in the last frame.
 using ButtonFrames = std::map<const platform::Button*, platform::Rect>;
 
@@ -26,6 +30,8 @@ void drawButton(platform::Button& button, ButtonFrames* frames = nullptr);
 
 // A switch drawn as a pill with a knob; a click calls userToggle().
 void drawSwitch(const char* id, platform::Switch& sw);
+// How wide drawSwitch() draws, in the current style.
+float switchWidth();
 
 // A turning activity indicator of the current font's height.
 void drawSpinner();

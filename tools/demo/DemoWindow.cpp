@@ -132,8 +132,7 @@ class DemoApplication {
   const char* title() const {
     if (demo_.inBackground()) return "Korvel (in the background)";
     if (demo_.trackPageOpen()) return "Korvel / Track";
-    if (demo_.searchOpen()) return demo_.searchOpen() && renamed_ ? "Korvel / Search results"
-                                                                  : "Korvel / Search";
+    if (demo_.searchOpen()) return renamed_ ? "Korvel / Search results" : "Korvel / Search";
     return "Korvel / Home";
   }
 
