@@ -1,10 +1,10 @@
-// Delivery figures, for both request stores:
+// Delivery figures of the durable executor:
 //   ReportCall       KVRBeacon::sendBeaconOfType with a 20-entry user-event
 //                    dictionary, delivery paused so only the caller's cost is
 //                    measured (p50/p99 counters from per-call timing).
-//                    For reference, store 2 is an executor that keeps
-//                    nothing and store 3 one that keeps every request in
-//                    memory, as a paused durable executor also does.
+//                    For reference, executor 1 keeps nothing and executor 2
+//                    keeps every request in memory, as a paused durable
+//                    executor also does.
 //   EncodePayload    the restoration payload encoder alone (the keyed archive
 //                    of one record), the largest part of the report call.
 //   BytesPerBeacon   store bytes per queued beacon with 25 parameters.
@@ -21,11 +21,11 @@
 #include <vector>
 
 #include "collector/BeaconCollector.h"
-#include "core/KVRBeacon.h"
-#include "core/KVRUserSession.h"
-#include "platform/DurableRequestExecutor.h"
-#include "platform/Env.h"
-#include "platform/KVNConfiguration.h"
+#include <korvel/beacon/KVRBeacon.h>
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/platform/Env.h>
+#include <korvel/foundation/KVNConfiguration.h>
 
 namespace {
 
@@ -72,11 +72,9 @@ fs::path temporaryDirectory() {
   return pattern;
 }
 
-DurableRequestExecutor::Options storeOptions(const fs::path& dir, int store) {
+DurableRequestExecutor::Options storeOptions(const fs::path& dir) {
   DurableRequestExecutor::Options o;
   o.directory = dir;
-  o.store = store == 0 ? DurableRequestExecutor::StoreKind::Journal
-                       : DurableRequestExecutor::StoreKind::Sqlite;
   o.maxStoredRequests = 10'000'000;  // nothing dropped while paused
   return o;
 }
@@ -103,18 +101,18 @@ class LastRequestExecutor : public NullExecutor {
   KVNNetworkRequest last;
 };
 
-// Arg 0: journal, 1: SQLite, 2: an executor that keeps nothing, 3: one that
-// keeps every request in memory.
+// Arg 0: the durable executor (journal), 1: an executor that keeps nothing,
+// 2: one that keeps every request in memory.
 void ReportCall(benchmark::State& state) {
   configure(9);  // never contacted: delivery is paused
   const fs::path dir = temporaryDirectory();
   std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor;
-  if (state.range(0) == 3) {
+  if (state.range(0) == 2) {
     executor = std::make_shared<KeepAllExecutor>();
-  } else if (state.range(0) == 2) {
+  } else if (state.range(0) == 1) {
     executor = std::make_shared<NullExecutor>();
   } else {
-    auto o = storeOptions(dir, static_cast<int>(state.range(0)));
+    auto o = storeOptions(dir);
     o.startPaused = true;
     executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
   }
@@ -140,11 +138,10 @@ void ReportCall(benchmark::State& state) {
   fs::remove_all(dir, ec);
 }
 BENCHMARK(ReportCall)
-    ->ArgName("store")
+    ->ArgName("executor")
     ->Arg(0)
     ->Arg(1)
     ->Arg(2)
-    ->Arg(3)
     ->Iterations(40'000)
     ->Repetitions(5)
     ->ReportAggregatesOnly(true)
@@ -167,7 +164,6 @@ void EncodePayload(benchmark::State& state) {
 }
 BENCHMARK(EncodePayload)->Repetitions(3)->ReportAggregatesOnly(true)->Unit(benchmark::kMicrosecond);
 
-// Arg 0: journal, 1: SQLite.
 void BytesPerBeacon(benchmark::State& state) {
   configure(9);
   constexpr int kBeacons = 2'000;
@@ -179,7 +175,7 @@ void BytesPerBeacon(benchmark::State& state) {
   double perBeacon = 0;
   for (auto _ : state) {
     const fs::path dir = temporaryDirectory();
-    auto o = storeOptions(dir, static_cast<int>(state.range(0)));
+    auto o = storeOptions(dir);
     o.startPaused = true;
     auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
     KVRBeacon::setBackgroundSession(executor);
@@ -197,9 +193,9 @@ void BytesPerBeacon(benchmark::State& state) {
                               ->parameters()
                               .size());
 }
-BENCHMARK(BytesPerBeacon)->ArgName("store")->Arg(0)->Arg(1)->Iterations(1)->Unit(benchmark::kMillisecond);
+BENCHMARK(BytesPerBeacon)->Iterations(1)->Unit(benchmark::kMillisecond);
 
-// Arg 0: journal, 1: SQLite. Queues the beacons with delivery paused, then
+// Queues the beacons with delivery paused, then
 // times delivering all of them.
 void Throughput(benchmark::State& state) {
   constexpr int kBeacons = 10'000;
@@ -214,7 +210,7 @@ void Throughput(benchmark::State& state) {
   const KVRParameters parameters = userEvent(20);
   for (auto _ : state) {
     const fs::path dir = temporaryDirectory();
-    auto o = storeOptions(dir, static_cast<int>(state.range(0)));
+    auto o = storeOptions(dir);
     o.startPaused = true;
     auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
     KVRBeacon::setBackgroundSession(executor);
@@ -236,9 +232,6 @@ void Throughput(benchmark::State& state) {
                          benchmark::Counter::kIsRate);
 }
 BENCHMARK(Throughput)
-    ->ArgName("store")
-    ->Arg(0)
-    ->Arg(1)
     ->Iterations(1)
     ->Repetitions(3)
     ->ReportAggregatesOnly(true)

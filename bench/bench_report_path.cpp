@@ -15,13 +15,13 @@
 #include <memory>
 #include <string>
 
-#include "core/KVRBeacon.h"
-#include "core/KVRBeaconTypes.h"
-#include "core/KVRGlobalReportingData.h"
-#include "core/KVRUserSession.h"
-#include "platform/Env.h"
-#include "platform/InProcessRequestExecutor.h"
-#include "platform/KVNConfiguration.h"
+#include <korvel/beacon/KVRBeacon.h>
+#include <korvel/beacon/KVRBeaconTypes.h>
+#include <korvel/beacon/KVRGlobalReportingData.h>
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/platform/Env.h>
+#include <korvel/network/InProcessRequestExecutor.h>
+#include <korvel/foundation/KVNConfiguration.h>
 
 namespace {
 

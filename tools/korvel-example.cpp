@@ -6,17 +6,17 @@
 #include <string>
 #include <thread>
 
-#include "core/KVRBeacon.h"
-#include "core/KVRConstants.h"
-#include "core/KVRReportingUtilities.h"
-#include "core/KVRUserSession.h"
-#include "pageviews/BeaconReporter.h"
-#include "pageviews/PageViewManager.h"
-#include "platform/Application.h"
-#include "platform/Env.h"
-#include "platform/InProcessRequestExecutor.h"
-#include "platform/KVNConfiguration.h"
-#include "platform/NotificationCenter.h"
+#include <korvel/beacon/KVRBeacon.h>
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/beacon/KVRReportingUtilities.h>
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/pageviews/BeaconReporter.h>
+#include <korvel/pageviews/PageViewManager.h>
+#include <korvel/platform/Application.h>
+#include <korvel/platform/Env.h>
+#include <korvel/network/InProcessRequestExecutor.h>
+#include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/platform/NotificationCenter.h>
 
 using namespace korvel;
 

@@ -5,10 +5,10 @@
 #include <string>
 #include <vector>
 
-#include "platform/Locale.h"
-#include "platform/Pasteboard.h"
-#include "platform/RichText.h"
-#include "platform/TableView.h"
+#include <korvel/debug/Locale.h>
+#include <korvel/ui/Pasteboard.h>
+#include <korvel/ui/RichText.h>
+#include <korvel/ui/TableView.h>
 
 namespace korvel::platform {
 namespace {

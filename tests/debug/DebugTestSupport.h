@@ -13,9 +13,9 @@
 #include <string>
 #include <vector>
 
-#include "platform/MailComposer.h"
-#include "platform/UI.h"
-#include "reporters/KVRTaggingReporter.h"
+#include <korvel/debug/MailComposer.h>
+#include <korvel/ui/UI.h>
+#include <korvel/reporters/KVRTaggingReporter.h>
 
 namespace korvel::testing {
 

@@ -1,13 +1,13 @@
-#include "debug/KVRDebugAppInfoViewController.h"
+#include <korvel/debug/KVRDebugAppInfoViewController.h>
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-#include "debug/KVRStayInAppSwizzler.h"
+#include <korvel/debug/KVRStayInAppSwizzler.h>
 #include "debug/ScreenTestSupport.h"
-#include "platform/SharedApplication.h"
+#include <korvel/ui/SharedApplication.h>
 
 namespace korvel {
 namespace {

@@ -1,4 +1,4 @@
-#include "debug/KVRDebugConfiguration.h"
+#include <korvel/debug/KVRDebugConfiguration.h>
 
 #include <gtest/gtest.h>
 
@@ -8,10 +8,10 @@
 #include <vector>
 
 #include "collector/ConfigurationEndpoint.h"
-#include "platform/KVNConfigurationManager.h"
-#include "platform/KVNRetryHandler.h"
-#include "platform/KVNUserDefaults.h"
-#include "platform/URLComponents.h"
+#include <korvel/network/KVNConfigurationManager.h>
+#include <korvel/network/KVNRetryHandler.h>
+#include <korvel/platform/KVNUserDefaults.h>
+#include <korvel/foundation/URLComponents.h>
 #include "support/TestEnv.h"
 
 namespace korvel {

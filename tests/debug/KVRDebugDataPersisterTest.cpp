@@ -1,4 +1,4 @@
-#include "debug/KVRDebugDataPersister.h"
+#include <korvel/debug/KVRDebugDataPersister.h>
 
 #include <gtest/gtest.h>
 

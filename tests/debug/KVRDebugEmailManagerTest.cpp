@@ -1,4 +1,4 @@
-#include "debug/KVRDebugEmailManager.h"
+#include <korvel/debug/KVRDebugEmailManager.h>
 
 #include <gtest/gtest.h>
 
@@ -6,9 +6,9 @@
 #include <fstream>
 
 #include "debug/DebugTestSupport.h"
-#include "debug/KVRDebugDataPersister.h"
-#include "platform/BundleInfo.h"
-#include "platform/KVNConfiguration.h"
+#include <korvel/debug/KVRDebugDataPersister.h>
+#include <korvel/platform/BundleInfo.h>
+#include <korvel/foundation/KVNConfiguration.h>
 #include "support/TestEnv.h"
 
 namespace korvel {

@@ -1,9 +1,9 @@
-#include "debug/KVRDebugLogEntry.h"
+#include <korvel/debug/KVRDebugLogEntry.h>
 
 #include <gtest/gtest.h>
 
-#include "core/KVRReliableNetworkingTask.h"
-#include "platform/KVNConfiguration.h"
+#include <korvel/beacon/KVRReliableNetworkingTask.h>
+#include <korvel/foundation/KVNConfiguration.h>
 #include "support/TestEnv.h"
 
 namespace korvel {

@@ -1,13 +1,13 @@
-#include "debug/KVRDebugLogViewController.h"
+#include <korvel/debug/KVRDebugLogViewController.h>
 
 #include <gtest/gtest.h>
 
 #include <string>
 
-#include "debug/KVRDebugLogEntry.h"
-#include "debug/KVRDebugLogsDataProvider.h"
+#include <korvel/debug/KVRDebugLogEntry.h>
+#include <korvel/debug/KVRDebugLogsDataProvider.h>
 #include "debug/ScreenTestSupport.h"
-#include "platform/RichText.h"
+#include <korvel/ui/RichText.h>
 
 namespace korvel {
 namespace {

@@ -1,19 +1,20 @@
-#include "debug/KVRDebugMessageCenter.h"
+#include <korvel/debug/KVRDebugMessageCenter.h>
 
 #include <gtest/gtest.h>
 
 #include <filesystem>
 #include <thread>
 
-#include "core/KVRBeacon.h"
-#include "core/KVRConstants.h"
+#include <korvel/beacon/KVRBeacon.h>
+#include <korvel/beacon/KVRConstants.h>
 #include "debug/DebugTestSupport.h"
-#include "debug/KVRDebugLogEntry.h"
-#include "debug/KVRDebugLogsDataProvider.h"
-#include "debug/KVRDebugOverlayWindow.h"
-#include "debug/KVRWaitingForConfigDetector.h"
-#include "platform/KVNTaggingDebugResult.h"
+#include <korvel/debug/KVRDebugLogEntry.h>
+#include <korvel/debug/KVRDebugLogsDataProvider.h>
+#include <korvel/debug/KVRDebugOverlayWindow.h>
+#include <korvel/debug/KVRWaitingForConfigDetector.h>
+#include <korvel/foundation/KVNTaggingDebugResult.h>
 #include "support/TestEnv.h"
+#include "support/TestUIEnv.h"
 
 namespace korvel {
 namespace {
@@ -36,6 +37,7 @@ struct LogListener : KVRDebugLogsDataProviderDelegate {
 
 class KVRDebugMessageCenterTest : public testing::BeaconTest {
  protected:
+  testing::TestUIEnv uiEnv_;
   void TearDown() override {
     KVRDebugMessageCenter::stopDebugging();
     KVRDebugMessageCenter::setDebugMessageCenterDelegate(nullptr);
@@ -51,7 +53,7 @@ class KVRDebugMessageCenterTest : public testing::BeaconTest {
     return center;
   }
 
-  void pump() { env_.mainQueue().runPending(); }
+  void pump() { uiEnv_.mainQueue().runPending(); }
 
   std::vector<std::shared_ptr<const KVRDebugLogEntry>> log(KVRDebugMessageCenter& center) {
     pump();

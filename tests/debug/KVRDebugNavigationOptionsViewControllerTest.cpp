@@ -1,4 +1,4 @@
-#include "debug/KVRDebugNavigationOptionsViewController.h"
+#include <korvel/debug/KVRDebugNavigationOptionsViewController.h>
 
 #include <gtest/gtest.h>
 
@@ -6,11 +6,12 @@
 #include <memory>
 
 #include "collector/ConfigurationEndpoint.h"
-#include "debug/KVRDebugConfiguration.h"
-#include "platform/KVNConfiguration.h"
-#include "platform/KVNUserDefaults.h"
-#include "platform/URLCache.h"
+#include <korvel/debug/KVRDebugConfiguration.h>
+#include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/platform/KVNUserDefaults.h>
+#include <korvel/network/URLCache.h>
 #include "support/TestEnv.h"
+#include "support/TestUIEnv.h"
 
 namespace korvel {
 namespace {
@@ -52,19 +53,20 @@ class ConfigSwitchingTest : public ::testing::Test {
   bool waitForRefreshResult(Screen& screen) {
     const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
     while (std::chrono::steady_clock::now() < deadline) {
-      env_.mainQueue().runPending();
+      uiEnv_.mainQueue().runPending();
       if (screen.refreshButton().title() != Screen::kRefreshTitle) return true;
-      env_.mainQueue().waitForWork(0.05);
+      uiEnv_.mainQueue().waitForWork(0.05);
     }
     return false;
   }
   void advance(uint64_t milliseconds) {
     env_.advanceMonotonic(milliseconds * kMillisecond);
-    env_.mainQueue().runPending();
+    uiEnv_.mainQueue().runPending();
   }
   std::optional<std::string> storedURL() const { return defaults_->stringForKey("configurationURL"); }
 
   testing::TestEnv env_;
+  testing::TestUIEnv uiEnv_;
   std::optional<platform::ScopedEnv> scope_;
   std::shared_ptr<KVNUserDefaults> defaults_;
   tools::ConfigurationEndpoint production_{R"({"inid": "PRODUCTION-INID", "configured": true})"};
@@ -212,14 +214,14 @@ TEST_F(ConfigSwitchingTest, TheRestoreIsSafeAfterTheScreenIsGone) {
 
   // The completion reaches the main queue from the fetching thread.
   const auto deadline = std::chrono::steady_clock::now() + std::chrono::seconds(20);
-  while (!env_.mainQueue().hasPendingWork() && std::chrono::steady_clock::now() < deadline) {
-    env_.mainQueue().waitForWork(0.05);
+  while (!uiEnv_.mainQueue().hasPendingWork() && std::chrono::steady_clock::now() < deadline) {
+    uiEnv_.mainQueue().waitForWork(0.05);
   }
-  ASSERT_TRUE(env_.mainQueue().hasPendingWork());
-  env_.mainQueue().runPending();
+  ASSERT_TRUE(uiEnv_.mainQueue().hasPendingWork());
+  uiEnv_.mainQueue().runPending();
   advance(500);
   advance(3000);
-  EXPECT_FALSE(env_.mainQueue().secondsUntilNextTimer());  // every step ran
+  EXPECT_FALSE(uiEnv_.mainQueue().secondsUntilNextTimer());  // every step ran
   EXPECT_EQ(KVNConfiguration::sharedInstance().inid(), "PRODUCTION-INID");
 }
 

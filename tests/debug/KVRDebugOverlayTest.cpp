@@ -4,16 +4,16 @@
 #include <functional>
 #include <typeinfo>
 
-#include "core/KVRConstants.h"
-#include "debug/KVRDebugAppInfoViewController.h"
-#include "debug/KVRDebugLogViewController.h"
-#include "debug/KVRDebugLogsDataProvider.h"
-#include "debug/KVRDebugNavigationOptionsViewController.h"
-#include "debug/KVRDebugOverlayViewController.h"
-#include "debug/KVRDebugTagInfoTableViewController.h"
-#include "debug/KVRFileSystemDirectoryContentsViewController.h"
-#include "debug/KVRPagesProvider.h"
-#include "debug/KVRUserDefaultsDebugViewController.h"
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/debug/KVRDebugAppInfoViewController.h>
+#include <korvel/debug/KVRDebugLogViewController.h>
+#include <korvel/debug/KVRDebugLogsDataProvider.h>
+#include <korvel/debug/KVRDebugNavigationOptionsViewController.h>
+#include <korvel/debug/KVRDebugOverlayViewController.h>
+#include <korvel/debug/KVRDebugTagInfoTableViewController.h>
+#include <korvel/debug/KVRFileSystemDirectoryContentsViewController.h>
+#include <korvel/debug/KVRPagesProvider.h>
+#include <korvel/debug/KVRUserDefaultsDebugViewController.h>
 #include "debug/ScreenTestSupport.h"
 
 namespace korvel {

@@ -1,11 +1,11 @@
-#include "debug/KVRDebugTagInfoTableViewController.h"
+#include <korvel/debug/KVRDebugTagInfoTableViewController.h>
 
 #include <gtest/gtest.h>
 
 #include <thread>
 
-#include "core/KVRConstants.h"
-#include "debug/KVRDebugEmailManager.h"
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/debug/KVRDebugEmailManager.h>
 #include "debug/ScreenTestSupport.h"
 
 namespace korvel {

@@ -1,4 +1,4 @@
-#include "debug/KVRFileSystemDirectoryContentsViewController.h"
+#include <korvel/debug/KVRFileSystemDirectoryContentsViewController.h>
 
 #include <gtest/gtest.h>
 
@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "debug/ScreenTestSupport.h"
-#include "platform/ActivityViewController.h"
+#include <korvel/ui/ActivityViewController.h>
 
 namespace korvel {
 namespace {

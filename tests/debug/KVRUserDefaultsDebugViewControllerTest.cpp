@@ -1,4 +1,4 @@
-#include "debug/KVRUserDefaultsDebugViewController.h"
+#include <korvel/debug/KVRUserDefaultsDebugViewController.h>
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "debug/KVRWaitingForConfigDetector.h"
+#include <korvel/debug/KVRWaitingForConfigDetector.h>
 
 #include <gtest/gtest.h>
 
@@ -6,8 +6,9 @@
 #include <thread>
 #include <vector>
 
-#include "platform/KVNConfiguration.h"
+#include <korvel/foundation/KVNConfiguration.h>
 #include "support/TestEnv.h"
+#include "support/TestUIEnv.h"
 
 namespace korvel {
 namespace {
@@ -27,7 +28,7 @@ class KVRWaitingForConfigDetectorTest : public ::testing::Test {
   // Lets the injected clock run for seconds and the main queue do its work.
   void runFor(double seconds) {
     env_.advanceMonotonic(static_cast<uint64_t>(seconds * kSecond));
-    env_.mainQueue().runPending();
+    uiEnv_.mainQueue().runPending();
   }
   KVRWaitingForConfigDetector::Callback recorder() {
     return [this](bool stillWaiting) {
@@ -37,6 +38,7 @@ class KVRWaitingForConfigDetectorTest : public ::testing::Test {
   }
 
   testing::TestEnv env_;
+  testing::TestUIEnv uiEnv_;
   std::optional<platform::ScopedEnv> scope_;
   std::vector<bool> reports_;  // main queue only
   std::vector<std::thread::id> threads_;
@@ -47,7 +49,7 @@ TEST_F(KVRWaitingForConfigDetectorTest, ReportsAtOnceThenEverySecondUntilUnregis
   detector.registerForConfigUpdates(recorder());
   EXPECT_TRUE(reports_.empty());  // the start waits for the main queue
 
-  env_.mainQueue().runPending();
+  uiEnv_.mainQueue().runPending();
   EXPECT_EQ(reports_, (std::vector<bool>{true}));
   EXPECT_TRUE(detector.isPolling());
 
@@ -71,7 +73,7 @@ TEST_F(KVRWaitingForConfigDetectorTest, ReportsAtOnceThenEverySecondUntilUnregis
   // The callback is kept: polling can resume with it.
   EXPECT_TRUE(detector.hasCallback());
   detector.startPolling();
-  env_.mainQueue().runPending();
+  uiEnv_.mainQueue().runPending();
   runFor(1.0);
   EXPECT_EQ(reports_, (std::vector<bool>{true, true, true, false, false, false, false}));
 }
@@ -80,9 +82,9 @@ TEST_F(KVRWaitingForConfigDetectorTest, RegisteringAgainReplacesTheTimerAndTheCa
   KVRWaitingForConfigDetector detector;
   std::vector<bool> first;
   detector.registerForConfigUpdates([&first](bool waiting) { first.push_back(waiting); });
-  env_.mainQueue().runPending();
+  uiEnv_.mainQueue().runPending();
   detector.registerForConfigUpdates(recorder());
-  env_.mainQueue().runPending();
+  uiEnv_.mainQueue().runPending();
   runFor(1.0);
   runFor(1.0);
   EXPECT_EQ(first.size(), 1u);
@@ -93,7 +95,7 @@ TEST_F(KVRWaitingForConfigDetectorTest, RegisteringAgainReplacesTheTimerAndTheCa
 TEST_F(KVRWaitingForConfigDetectorTest, CallbacksRunOnTheMainQueueWhoeverRegisters) {
   KVRWaitingForConfigDetector detector;
   std::thread([&] { detector.registerForConfigUpdates(recorder()); }).join();
-  env_.mainQueue().runPending();
+  uiEnv_.mainQueue().runPending();
   runFor(1.0);
   ASSERT_EQ(threads_.size(), 2u);
   for (auto id : threads_) EXPECT_EQ(id, std::this_thread::get_id());
@@ -103,7 +105,7 @@ TEST_F(KVRWaitingForConfigDetectorTest, UnregisteringBeforeTheStartRanPreventsPo
   KVRWaitingForConfigDetector detector;
   detector.registerForConfigUpdates(recorder());
   detector.unregisterForConfigUpdates();
-  env_.mainQueue().runPending();
+  uiEnv_.mainQueue().runPending();
   runFor(3.0);
   EXPECT_TRUE(reports_.empty());
   EXPECT_FALSE(detector.isPolling());
@@ -112,10 +114,10 @@ TEST_F(KVRWaitingForConfigDetectorTest, UnregisteringBeforeTheStartRanPreventsPo
 TEST_F(KVRWaitingForConfigDetectorTest, ADestroyedDetectorStopsPolling) {
   auto detector = std::make_unique<KVRWaitingForConfigDetector>();
   detector->registerForConfigUpdates(recorder());
-  env_.mainQueue().runPending();
+  uiEnv_.mainQueue().runPending();
   detector->startPolling();  // queued, runs after the detector is gone
   detector.reset();
-  env_.mainQueue().runPending();
+  uiEnv_.mainQueue().runPending();
   runFor(3.0);
   EXPECT_EQ(reports_.size(), 1u);
 }
@@ -123,7 +125,7 @@ TEST_F(KVRWaitingForConfigDetectorTest, ADestroyedDetectorStopsPolling) {
 TEST_F(KVRWaitingForConfigDetectorTest, AMissingCallbackIsLoggedNotCalled) {
   KVRWaitingForConfigDetector detector;
   detector.registerForConfigUpdates(nullptr);
-  env_.mainQueue().runPending();
+  uiEnv_.mainQueue().runPending();
   runFor(2.0);
   detector.poll();
   const auto records = env_.logs().records();

@@ -12,15 +12,16 @@
 #include <string>
 
 #include "debug/DebugTestSupport.h"
-#include "debug/KVRDebugMessageCenter.h"
-#include "debug/KVRDebugOverlayWindow.h"
-#include "platform/KVNUserDefaults.h"
-#include "platform/Locale.h"
-#include "platform/MailComposer.h"
-#include "platform/Pasteboard.h"
-#include "platform/ViewNode.h"
+#include <korvel/debug/KVRDebugMessageCenter.h>
+#include <korvel/debug/KVRDebugOverlayWindow.h>
+#include <korvel/platform/KVNUserDefaults.h>
+#include <korvel/debug/Locale.h>
+#include <korvel/debug/MailComposer.h>
+#include <korvel/ui/Pasteboard.h>
+#include <korvel/ui/ViewNode.h>
 #include "support/FakeAudioPlayer.h"
 #include "support/TestEnv.h"
+#include "support/TestUIEnv.h"
 
 namespace korvel::testing {
 
@@ -30,13 +31,14 @@ struct AllowDebugging : KVRDebugMessageCenterDelegate {
 
 class ScreenTest : public BeaconTest {
  protected:
+  TestUIEnv uiEnv_;
   void SetUp() override {
     BeaconTest::SetUp();
     presenter_ = std::make_shared<RecordingPresenter>();
     platform::Pasteboard::general().clear();
     audio_ = std::make_shared<FakeAudioPlayer::Record>();
     // Like the real player: nothing for a file that is not there.
-    env_.setAudioPlayerFactory(
+    uiEnv_.setAudioPlayerFactory(
         [audio = audio_](const std::string& path) -> std::unique_ptr<platform::AudioPlayer> {
           audio->paths.push_back(path);
           if (!std::filesystem::exists(path)) return nullptr;
@@ -67,7 +69,7 @@ class ScreenTest : public BeaconTest {
     return center;
   }
 
-  void pump() { env_.mainQueue().runPending(); }
+  void pump() { uiEnv_.mainQueue().runPending(); }
 
   std::filesystem::path debugRoot() {
     return std::filesystem::path(env_.documentsDirectory()) / "DEBUG";

@@ -19,9 +19,9 @@
 #include <random>
 
 #include "collector/BeaconCollector.h"
-#include "core/KVRBeacon.h"
-#include "platform/DurableRequestExecutor.h"
-#include "platform/KVNConfiguration.h"
+#include <korvel/beacon/KVRBeacon.h>
+#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/foundation/KVNConfiguration.h>
 
 extern char** environ;
 

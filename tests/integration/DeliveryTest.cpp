@@ -8,9 +8,9 @@
 #include <fstream>
 
 #include "collector/BeaconCollector.h"
-#include "core/KVRBeacon.h"
-#include "core/KVRConstants.h"
-#include "platform/DurableRequestExecutor.h"
+#include <korvel/beacon/KVRBeacon.h>
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/network/DurableRequestExecutor.h>
 #include "support/TestEnv.h"
 
 namespace korvel {

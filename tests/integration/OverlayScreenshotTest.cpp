@@ -33,12 +33,12 @@
 #include <thread>
 #include <vector>
 
-#include "debug/KVRDebugMessageCenter.h"
-#include "debug/KVRDebugOverlayViewController.h"
-#include "debug/KVRDebugOverlayWindow.h"
-#include "debug/imgui/ImGuiWindowHost.h"
-#include "debug/imgui/OverlayChrome.h"
-#include "platform/Env.h"
+#include <korvel/debug/KVRDebugMessageCenter.h>
+#include <korvel/debug/KVRDebugOverlayViewController.h>
+#include <korvel/debug/KVRDebugOverlayWindow.h>
+#include <korvel/overlay/ImGuiWindowHost.h>
+#include <korvel/overlay/OverlayChrome.h>
+#include <korvel/platform/Env.h>
 #include "support/TestEnv.h"
 
 extern char** environ;

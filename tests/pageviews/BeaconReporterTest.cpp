@@ -1,4 +1,4 @@
-#include "pageviews/BeaconReporter.h"
+#include <korvel/pageviews/BeaconReporter.h>
 
 #include <gtest/gtest.h>
 
@@ -9,8 +9,8 @@
 #include <utility>
 #include <vector>
 
-#include "core/KVRConstants.h"
-#include "platform/KVNConfiguration.h"
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/foundation/KVNConfiguration.h>
 #include "support/TestEnv.h"
 
 namespace korvel {

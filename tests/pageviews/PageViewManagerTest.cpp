@@ -1,4 +1,4 @@
-#include "pageviews/PageViewManager.h"
+#include <korvel/pageviews/PageViewManager.h>
 
 #include <gtest/gtest.h>
 
@@ -10,8 +10,8 @@
 #include <thread>
 #include <vector>
 
-#include "core/KVRLogging.h"
-#include "platform/Application.h"
+#include <korvel/beacon/KVRLogging.h>
+#include <korvel/platform/Application.h>
 #include "support/TestEnv.h"
 
 namespace korvel {

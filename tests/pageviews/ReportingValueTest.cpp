@@ -1,4 +1,4 @@
-#include "pageviews/ReportingValue.h"
+#include <korvel/pageviews/ReportingValue.h>
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/KVNTimer.h"
+#include <korvel/platform/KVNTimer.h>
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "platform/KVNUserDefaults.h"
+#include <korvel/platform/KVNUserDefaults.h>
 
 #include <gtest/gtest.h>
 #include <signal.h>

@@ -1,4 +1,4 @@
-#include "platform/NotificationCenter.h"
+#include <korvel/platform/NotificationCenter.h>
 
 #include <gtest/gtest.h>
 

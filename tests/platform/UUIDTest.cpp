@@ -1,4 +1,4 @@
-#include "platform/Env.h"
+#include <korvel/platform/Env.h>
 
 #include <gtest/gtest.h>
 

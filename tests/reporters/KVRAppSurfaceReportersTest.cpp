@@ -4,20 +4,20 @@
 #include <string>
 
 #include "ReporterBeaconCases.h"
-#include "core/KVRUserSession.h"
-#include "platform/KVNError.h"
-#include "reporters/KVRAccountsReporter.h"
-#include "reporters/KVRAuthenticationReporter.h"
-#include "reporters/KVRIMessageReporter.h"
-#include "reporters/KVRNotificationReporter.h"
-#include "reporters/KVRPlayerReporter.h"
-#include "reporters/KVRPrivacyConsentReporter.h"
-#include "reporters/KVRPromptReporter.h"
-#include "reporters/KVRSocialReporter.h"
-#include "reporters/KVRTaggingReporter.h"
-#include "reporters/KVRUserPreferenceReporter.h"
-#include "reporters/KVRWebReporter.h"
-#include "reporters/KVRWidgetReporter.h"
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/foundation/KVNError.h>
+#include <korvel/reporters/KVRAccountsReporter.h>
+#include <korvel/reporters/KVRAuthenticationReporter.h>
+#include <korvel/reporters/KVRIMessageReporter.h>
+#include <korvel/reporters/KVRNotificationReporter.h>
+#include <korvel/reporters/KVRPlayerReporter.h>
+#include <korvel/reporters/KVRPrivacyConsentReporter.h>
+#include <korvel/reporters/KVRPromptReporter.h>
+#include <korvel/reporters/KVRSocialReporter.h>
+#include <korvel/reporters/KVRTaggingReporter.h>
+#include <korvel/reporters/KVRUserPreferenceReporter.h>
+#include <korvel/reporters/KVRWebReporter.h>
+#include <korvel/reporters/KVRWidgetReporter.h>
 
 namespace korvel::testing {
 namespace {

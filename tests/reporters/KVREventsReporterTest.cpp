@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "reporters/KVREventsReporter.h"
+#include <korvel/reporters/KVREventsReporter.h>
 #include "reporters/ReporterTestSupport.h"
 
 namespace korvel::testing {

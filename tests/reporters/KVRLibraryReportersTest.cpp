@@ -6,12 +6,12 @@
 #include <stdexcept>
 #include <string>
 
-#include "core/KVRUserSession.h"
-#include "platform/KVNError.h"
-#include "reporters/KVRLibraryReporter.h"
-#include "reporters/KVRLibrarySyncReporter.h"
-#include "reporters/KVRTagSyncReporter.h"
-#include "reporters/KVRTaggingReporter.h"
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/foundation/KVNError.h>
+#include <korvel/reporters/KVRLibraryReporter.h>
+#include <korvel/reporters/KVRLibrarySyncReporter.h>
+#include <korvel/reporters/KVRTagSyncReporter.h>
+#include <korvel/reporters/KVRTaggingReporter.h>
 #include "ReporterBeaconCases.h"
 
 namespace korvel::testing {

@@ -6,10 +6,10 @@
 #include <string>
 #include <vector>
 
-#include "reporters/KVRArtistPageReporter.h"
-#include "reporters/KVRHighlightsReporter.h"
-#include "reporters/KVRMetadataPageReporter.h"
-#include "reporters/KVRTrackPageReporter.h"
+#include <korvel/reporters/KVRArtistPageReporter.h>
+#include <korvel/reporters/KVRHighlightsReporter.h>
+#include <korvel/reporters/KVRMetadataPageReporter.h>
+#include <korvel/reporters/KVRTrackPageReporter.h>
 #include "reporters/ReporterTestSupport.h"
 
 namespace korvel::testing {

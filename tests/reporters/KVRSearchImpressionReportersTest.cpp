@@ -3,8 +3,8 @@
 #include <string>
 
 #include "ReporterBeaconCases.h"
-#include "reporters/KVRImpressionReporter.h"
-#include "reporters/KVRSearchReporter.h"
+#include <korvel/reporters/KVRImpressionReporter.h>
+#include <korvel/reporters/KVRSearchReporter.h>
 
 namespace korvel::testing {
 namespace {

@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "core/KVRUserSession.h"
-#include "platform/KVNError.h"
-#include "reporters/KVRStreamingServiceReporter.h"
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/foundation/KVNError.h>
+#include <korvel/reporters/KVRStreamingServiceReporter.h>
 #include "reporters/ReporterTestSupport.h"
 
 namespace korvel::testing {

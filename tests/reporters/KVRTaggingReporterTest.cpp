@@ -1,4 +1,4 @@
-#include "reporters/KVRTaggingReporter.h"
+#include <korvel/reporters/KVRTaggingReporter.h>
 
 #include <gtest/gtest.h>
 
@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
-#include "core/KVRBeaconTypes.h"
-#include "platform/KVNConfiguration.h"
-#include "platform/KVNError.h"
+#include <korvel/beacon/KVRBeaconTypes.h>
+#include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/KVNError.h>
 #include "support/TestEnv.h"
 
 namespace korvel {

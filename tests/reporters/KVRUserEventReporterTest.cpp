@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-#include "reporters/KVRUserEventReporter.h"
+#include <korvel/reporters/KVRUserEventReporter.h>
 #include "reporters/ReporterTestSupport.h"
 
 namespace korvel::testing {

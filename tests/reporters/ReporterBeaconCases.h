@@ -17,9 +17,9 @@
 #include <utility>
 #include <vector>
 
-#include "core/KVRGlobalReportingData.h"
-#include "core/KVRParameters.h"
-#include "core/KVRUserSession.h"
+#include <korvel/beacon/KVRGlobalReportingData.h>
+#include <korvel/foundation/KVRParameters.h>
+#include <korvel/beacon/KVRUserSession.h>
 #include "support/TestEnv.h"
 
 namespace korvel::testing {

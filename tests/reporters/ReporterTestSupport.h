@@ -14,8 +14,8 @@
 #include <utility>
 #include <vector>
 
-#include "core/KVRParameters.h"
-#include "reporters/KVRTaggingReporter.h"
+#include <korvel/foundation/KVRParameters.h>
+#include <korvel/reporters/KVRTaggingReporter.h>
 #include "support/TestEnv.h"
 
 namespace korvel::testing {

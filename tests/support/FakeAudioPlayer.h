@@ -6,7 +6,7 @@
 #include <string>
 #include <vector>
 
-#include "platform/AudioPlayer.h"
+#include <korvel/ui/AudioPlayer.h>
 
 namespace korvel::testing {
 

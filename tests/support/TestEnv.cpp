@@ -4,8 +4,8 @@
 
 #include <filesystem>
 
-#include "core/KVRConstants.h"
-#include "core/KVRUserSession.h"
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/beacon/KVRUserSession.h>
 
 namespace korvel::testing {
 
@@ -108,20 +108,6 @@ TestEnv::~TestEnv() {
     std::error_code ignored;
     std::filesystem::remove_all(documents_, ignored);
   }
-}
-
-std::unique_ptr<platform::AudioPlayer> TestEnv::makeAudioPlayer(const std::string& path) {
-  AudioPlayerFactory factory;
-  {
-    std::lock_guard lock(mutex_);
-    factory = audioPlayerFactory_;
-  }
-  return factory ? factory(path) : EnvWrapper::makeAudioPlayer(path);
-}
-
-void TestEnv::setAudioPlayerFactory(AudioPlayerFactory factory) {
-  std::lock_guard lock(mutex_);
-  audioPlayerFactory_ = std::move(factory);
 }
 
 std::tm TestEnv::localTime(double secondsSince1970) {

@@ -16,15 +16,13 @@
 #include <utility>
 #include <vector>
 
-#include "core/KVRBeacon.h"
-#include "core/KVRParameters.h"
-#include "platform/AudioPlayer.h"
-#include "platform/Env.h"
-#include "platform/KVNConfiguration.h"
-#include "platform/KVNNetwork.h"
-#include "platform/Logging.h"
-#include "platform/MainQueue.h"
-#include "platform/NotificationCenter.h"
+#include <korvel/beacon/KVRBeacon.h>
+#include <korvel/foundation/KVRParameters.h>
+#include <korvel/platform/Env.h>
+#include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/KVNNetwork.h>
+#include <korvel/platform/Logging.h>
+#include <korvel/platform/NotificationCenter.h>
 
 namespace korvel::testing {
 
@@ -66,7 +64,7 @@ class CapturingExecutor : public KVNNetworkBackgroundRequestExecutor {
 };
 
 // An Env whose time, UUIDs, bundle identifier, application state and
-// orientation the test sets; it has its own notification centre and log sink.
+// orientation the test sets (screens add a TestUIEnv, support/TestUIEnv.h); it has its own notification centre and log sink.
 class TestEnv : public platform::EnvWrapper {
  public:
   TestEnv() : EnvWrapper(platform::Env::Default()) {}
@@ -100,9 +98,6 @@ class TestEnv : public platform::EnvWrapper {
   platform::DeviceOrientation deviceOrientation() override { return orientation_.load(); }
   void setDeviceOrientation(platform::DeviceOrientation o) { orientation_ = o; }
 
-  // A main queue of its own; tests pump it with mainQueue().runPending()
-  // after advancing the monotonic clock.
-  platform::MainQueue& mainQueue() override { return mainQueue_; }
   // A fresh temporary directory per TestEnv, removed with it.
   std::string documentsDirectory() override;
 
@@ -110,12 +105,6 @@ class TestEnv : public platform::EnvWrapper {
   std::tm localTime(double secondsSince1970) override;
   void setUTCOffsetSeconds(long offset) { utcOffset_ = offset; }
 
-  // Players come from the factory the test set (see FakeAudioPlayer), else
-  // from the real implementation.
-  using AudioPlayerFactory =
-      std::function<std::unique_ptr<platform::AudioPlayer>(const std::string& path)>;
-  std::unique_ptr<platform::AudioPlayer> makeAudioPlayer(const std::string& path) override;
-  void setAudioPlayerFactory(AudioPlayerFactory factory);
 
  private:
   std::atomic<double> now_{1'700'000'000.0};
@@ -128,9 +117,7 @@ class TestEnv : public platform::EnvWrapper {
   std::atomic<platform::ApplicationState> state_{platform::ApplicationState::Active};
   std::atomic<platform::DeviceOrientation> orientation_{platform::DeviceOrientation::Unknown};
   std::atomic<long> utcOffset_{0};
-  platform::MainQueue mainQueue_;
   std::string documents_;
-  AudioPlayerFactory audioPlayerFactory_;
 
  public:
   ~TestEnv() override;

@@ -8,19 +8,19 @@
 #include <thread>
 
 #include "collector/BeaconCollector.h"
-#include "core/KVRBeacon.h"
-#include "core/KVRConstants.h"
-#include "core/KVRUserSession.h"
-#include "pageviews/BeaconReporter.h"
-#include "platform/Application.h"
-#include "platform/DurableRequestExecutor.h"
-#include "platform/Env.h"
-#include "platform/KVNConfiguration.h"
-#include "reporters/KVRNotificationReporter.h"
-#include "reporters/KVRPlayerReporter.h"
-#include "reporters/KVRSearchReporter.h"
-#include "reporters/KVRUserEventReporter.h"
-#include "reporters/KVRWidgetReporter.h"
+#include <korvel/beacon/KVRBeacon.h>
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/pageviews/BeaconReporter.h>
+#include <korvel/platform/Application.h>
+#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/platform/Env.h>
+#include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/reporters/KVRNotificationReporter.h>
+#include <korvel/reporters/KVRPlayerReporter.h>
+#include <korvel/reporters/KVRSearchReporter.h>
+#include <korvel/reporters/KVRUserEventReporter.h>
+#include <korvel/reporters/KVRWidgetReporter.h>
 
 namespace korvel::demo {
 

@@ -18,10 +18,10 @@
 #include <set>
 #include <string>
 
-#include "pageviews/PageID.h"
-#include "pageviews/PageViewManager.h"
-#include "platform/NotificationCenter.h"
-#include "reporters/KVRTaggingReporter.h"
+#include <korvel/pageviews/PageID.h>
+#include <korvel/pageviews/PageViewManager.h>
+#include <korvel/platform/NotificationCenter.h>
+#include <korvel/reporters/KVRTaggingReporter.h>
 
 namespace korvel::tools {
 

@@ -8,21 +8,22 @@
 #include <memory>
 #include <string>
 
-#include "core/KVRConstants.h"
-#include "core/KVRReliableNetworkingTask.h"
-#include "debug/KVRDebugLogEntry.h"
-#include "debug/KVRDebugLogViewController.h"
-#include "debug/KVRDebugMessageCenter.h"
-#include "debug/KVRDebugOverlayViewController.h"
-#include "debug/KVRDebugOverlayWindow.h"
-#include "debug/imgui/Fonts.h"
-#include "debug/imgui/ImGuiWindowHost.h"
-#include "debug/imgui/OverlayChrome.h"
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/beacon/KVRReliableNetworkingTask.h>
+#include <korvel/debug/KVRDebugLogEntry.h>
+#include <korvel/debug/KVRDebugLogViewController.h>
+#include <korvel/debug/KVRDebugMessageCenter.h>
+#include <korvel/debug/KVRDebugOverlayViewController.h>
+#include <korvel/debug/KVRDebugOverlayWindow.h>
+#include <korvel/overlay/Fonts.h>
+#include <korvel/overlay/ImGuiWindowHost.h>
+#include <korvel/overlay/OverlayChrome.h>
 #include "demo/DemoSession.h"
-#include "platform/Env.h"
-#include "platform/KVNTaggingDebugResult.h"
-#include "platform/MainQueue.h"
-#include "platform/NotificationCenter.h"
+#include <korvel/platform/Env.h>
+#include <korvel/foundation/KVNTaggingDebugResult.h>
+#include <korvel/ui/MainQueue.h>
+#include <korvel/platform/NotificationCenter.h>
+#include <korvel/ui/UIEnv.h>
 
 namespace korvel::demo {
 namespace {
@@ -221,7 +222,7 @@ int takeScreenshot(overlay::ImGuiWindowHost& host, DemoSession& demo, DemoApplic
   if (options.page == 5) postMatchShown(demo);
   auto center = KVRDebugMessageCenter::defaultCenter();
   // The log takes submitted beacons on the main queue.
-  platform::env().mainQueue().runPending();
+  platform::uiEnv().mainQueue().runPending();
   center->presentDebugMenu();
   if (options.page != 0) {
     if (auto window = center->debugWindow(); window && window->debugOverlayViewController()) {

@@ -1,0 +1,195 @@
+#include <korvel/beacon/KVRBeacon.h>
+
+#include <atomic>
+#include <mutex>
+
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/platform/Env.h>
+#include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/KVNNetwork.h>
+#include <korvel/foundation/KeyedArchive.h>
+#include <korvel/platform/NotificationCenter.h>
+#include <korvel/foundation/URLComponents.h>
+#include <korvel/foundation/SharedSlot.h>
+
+namespace korvel {
+
+namespace {
+
+constexpr int kBackgroundRetryCount = 3;
+constexpr int kPriority = 1;
+constexpr int kConfigurationPolicy = 2;
+
+// Keys the restoration payload adds to the record's own archive.
+constexpr std::string_view kPayloadTypeKey = "beaconType";
+constexpr std::string_view kPayloadEventKey = "beaconEvent";
+
+struct ExecutorSlot {
+  std::mutex makeMutex;
+  platform::SharedSlot<KVNNetworkBackgroundRequestExecutor> executor;
+};
+
+ExecutorSlot& executorSlot() {
+  static ExecutorSlot* slot = new ExecutorSlot;
+  return *slot;
+}
+
+void replaceAll(std::string& text, std::string_view placeholder, std::string_view value) {
+  for (size_t at = text.find(placeholder); at != std::string::npos;
+       at = text.find(placeholder, at + value.size())) {
+    text.replace(at, placeholder.size(), value);
+  }
+}
+
+std::string encodeCommas(std::string_view model) {
+  std::string out;
+  out.reserve(model.size());
+  for (char c : model) {
+    if (c == ',') {
+      out += "%2C";
+    } else {
+      out += c;
+    }
+  }
+  return out;
+}
+
+KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
+  KVNNetworkRequest request;
+  request.setHttpMethod(KVNNetworkRequestHTTPMethodGET);
+  request.setBackgroundSessionRetryCount(kBackgroundRetryCount);
+  request.setPriority(kPriority);
+  request.setConfigurationPolicy(kConfigurationPolicy);
+  request.setEndpointBuilderBlock([task, type]() -> std::optional<KVNEndpoint> {
+    auto url = KVRBeacon::endpointURLString(*task, type);
+    if (!url) return std::nullopt;
+    return KVNEndpoint(std::move(*url));
+  });
+  request.setRestorationPayload(KVRBeacon::kRestorationKind, [task, type] {
+    platform::KeyedArchiver coder;
+    coder.encodeObject("$class", std::string(task->className()));
+    task->encodeWithCoder(coder);
+    coder.encodeInt(kPayloadTypeKey, type);
+    if (auto event = task->event()) coder.encodeObject(kPayloadEventKey, *event);
+    return coder.encodedData();
+  });
+  return request;
+}
+
+std::optional<KVNNetworkRequest> restoreRequest(std::string_view payload) {
+  auto task = KVRReliableNetworkingTask::unarchive(payload);
+  if (!task) return std::nullopt;
+  auto coder = platform::KeyedUnarchiver::open(payload);
+  auto type = coder->decodeInt(kPayloadTypeKey);
+  if (!type) return std::nullopt;
+  if (auto tagged = std::dynamic_pointer_cast<KVRTaggedBeacon>(task)) {
+    tagged->setBeaconType(static_cast<int>(*type));
+  }
+  task->setEvent(coder->decodeString(kPayloadEventKey));
+  return makeRequest(std::move(task), static_cast<KVRBeaconType>(*type));
+}
+
+}  // namespace
+
+std::optional<std::string> KVRBeacon::sendBeaconOfType(KVRBeaconType type,
+                                                       const KVRParameters& parameters) {
+  return sendBeaconOfType(type, parameters, std::nullopt);
+}
+
+std::optional<std::string> KVRBeacon::sendBeaconOfType(KVRBeaconType type,
+                                                       const KVRParameters& parameters,
+                                                       std::optional<std::string> event) {
+  auto task = taskOfType(type, parameters, event);
+  if (!task) return std::nullopt;
+  // Set also when no event was given: a web-initiated beacon sent without
+  // one goes out without one.
+  task->setEvent(std::move(event));
+
+  const auto config = KVNConfiguration::sharedInstance().snapshot();
+  const auto& endpoint = config->beacons.beaconEndpoint;
+  if (endpoint && !endpoint->empty()) {
+    sendBeacon(task, type);
+    platform::env().notificationCenter().post(
+        KVRReliableNetworkingTaskSubmittedNotification,
+        std::shared_ptr<const KVRReliableNetworkingTask>(task));
+  }
+  return task->uuid();
+}
+
+KVRTaskPtr KVRBeacon::taskOfType(KVRBeaconType type, const KVRParameters& parameters,
+                                 std::optional<std::string> event) {
+  if (event) return KVRBeaconFactory::beaconForType(type, parameters, std::move(event));
+  return KVRBeaconFactory::beaconForType(type, parameters);
+}
+
+void KVRBeacon::sendBeacon(const KVRTaskPtr& task, KVRBeaconType type) {
+  if (!task) return;
+  backgroundSession()->executeRequest(makeRequest(task, type));
+}
+
+std::shared_ptr<KVNNetworkBackgroundRequestExecutor> KVRBeacon::backgroundSession() {
+  auto& slot = executorSlot();
+  if (auto existing = slot.executor.load()) return existing;
+  std::lock_guard lock(slot.makeMutex);
+  if (auto existing = slot.executor.load()) return existing;
+  registerRequestRestorer();
+  // The default Env makes this library's durable executor unless the host
+  // installed a factory of its own first.
+  platform::installDefaultBackgroundExecutorFactoryIfNone([](const std::string& identifier) {
+    return std::make_shared<platform::DurableRequestExecutor>(identifier);
+  });
+  auto& env = platform::env();
+  auto made = env.makeBackgroundExecutor(
+      env.mainBundleIdentifier().value_or("Unknown bundle") + ".backgroundBeacons");
+  slot.executor.store(made);
+  return made;
+}
+
+void KVRBeacon::setBackgroundSession(
+    std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor) {
+  auto& slot = executorSlot();
+  std::lock_guard lock(slot.makeMutex);
+  registerRequestRestorer();
+  slot.executor.store(std::move(executor));
+}
+
+void KVRBeacon::registerRequestRestorer() {
+  static std::once_flag once;
+  std::call_once(once, [] { KVNRequestRestorers::registerRestorer(kRestorationKind, restoreRequest); });
+}
+
+std::optional<std::string> KVRBeacon::endpointURLString(const KVRReliableNetworkingTask& task,
+                                                        KVRBeaconType type) {
+  const auto config = KVNConfiguration::sharedInstance().snapshot();
+  if (!config->beacons.beaconEndpoint || config->beacons.beaconEndpoint->empty()) {
+    return std::nullopt;
+  }
+  std::string templ = *config->beacons.beaconEndpoint;
+  replaceAll(templ, "{inid}", config->inid.value_or(""));
+  replaceAll(templ, "{appversion}", KVNConfiguration::appShortVersion());
+  const std::string model = type == KVRBeaconTypeWatchTagged
+                                ? std::string("watch")
+                                : encodeCommas(config->deviceModel.value_or(""));
+  replaceAll(templ, "{devicemodel}", model);
+
+  auto components = platform::URLComponents::parse(templ);
+  if (!components) return std::nullopt;
+
+  const auto templateItems = components->queryItems();
+  std::vector<platform::URLQueryItem> items;
+  items.reserve(2 + task.parameters().size() + templateItems.size());
+  items.push_back({std::string(KVRBeaconCreationTimestampKey),
+                   task.formattedCreationTimestampString()});
+  items.push_back({std::string(KVRBeaconUUIDKey), task.uuid()});
+  for (const auto& [key, value] : task.parameters()) {
+    items.push_back({key, value.description()});
+  }
+  items.insert(items.end(), templateItems.begin(), templateItems.end());
+  components->setQueryItems(items);
+
+  if (auto event = task.event()) components->appendPathComponent(*event);
+  return components->string();
+}
+
+}  // namespace korvel

@@ -1,0 +1,59 @@
+// The single door through which every report leaves the process: builds the
+// beacon record, hands it to the background executor as one HTTP GET whose
+// whole content is in the URL, and announces the submission.
+#pragma once
+
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <korvel/beacon/KVRBeaconTypes.h>
+#include <korvel/foundation/KVRParameters.h>
+
+namespace korvel {
+
+class KVNNetworkBackgroundRequestExecutor;
+
+class KVRBeacon {
+ public:
+  KVRBeacon() = delete;
+
+  // Builds and sends a beacon; the beacon's uuid, or nothing for an unknown
+  // type. The uuid is returned also when beacons are off (empty endpoint) and
+  // nothing was sent.
+  static std::optional<std::string> sendBeaconOfType(KVRBeaconType type,
+                                                     const KVRParameters& parameters);
+  static std::optional<std::string> sendBeaconOfType(KVRBeaconType type,
+                                                     const KVRParameters& parameters,
+                                                     std::optional<std::string> event);
+
+  // The record a send would make, without sending it.
+  static KVRTaskPtr taskOfType(KVRBeaconType type, const KVRParameters& parameters,
+                               std::optional<std::string> event);
+
+  // Queues a GET for the record on the background executor.
+  static void sendBeacon(const KVRTaskPtr& task, KVRBeaconType type);
+
+  // The shared executor, made on first use by the Env for the session
+  // identifier "<bundle identifier>.backgroundBeacons".
+  static std::shared_ptr<KVNNetworkBackgroundRequestExecutor> backgroundSession();
+  // Installs the executor the library uses from now on (a host choosing its
+  // delivery, or a test capturing requests); null goes back to making one on
+  // first use.
+  static void setBackgroundSession(std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor);
+
+  // The beacon's URL as the configuration says now: the endpoint template
+  // with "{inid}", "{appversion}" and "{devicemodel}" filled in, the event as
+  // the last path component, and the query items clientcreationtimestamp,
+  // clientbeaconuuid, the parameters in order, then the template's own.
+  // Nothing when there is no endpoint or it is not an absolute URL.
+  static std::optional<std::string> endpointURLString(const KVRReliableNetworkingTask& task,
+                                                      KVRBeaconType type);
+
+  // The restoration kind of beacon requests in durable executors.
+  static constexpr const char* kRestorationKind = "KVRBeacon";
+  // Makes durable executors able to restore stored beacon requests.
+  static void registerRequestRestorer();
+};
+
+}  // namespace korvel

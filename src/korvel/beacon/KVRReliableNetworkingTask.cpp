@@ -1,0 +1,158 @@
+#include <korvel/beacon/KVRReliableNetworkingTask.h>
+
+#include <cstdio>
+
+#include <korvel/beacon/KVRBeaconTypes.h>
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/beacon/KVRReportingUtilities.h>
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/platform/Env.h>
+#include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/KeyedArchive.h>
+#include <korvel/platform/NotificationCenter.h>
+
+namespace korvel {
+
+namespace {
+constexpr std::string_view kArchiveClassKey = "$class";
+constexpr std::string_view kArchiveParametersKey = "parameters";
+constexpr std::string_view kArchiveCreationTimestampKey = "creationTimestamp";
+constexpr std::string_view kArchiveUUIDKey = "uuid";
+constexpr std::string_view kArchiveInidKey = "inid";
+constexpr std::string_view kArchiveAppVersionKey = "appVersion";
+}  // namespace
+
+void KVRReliableNetworkingTask::initWithParameters(const KVRParameters& parameters,
+                                                   const KVRUserSession* userSession) {
+  nonCommonParameters_ = parameters;
+  KVRParameters working = parameters;
+
+  if (userSession != nullptr) {
+    // Common parameters win over the caller's on a clash, deliberately.
+    commonParameters_ = userSession->commonBeaconParametersForBeaconWithParameters(working);
+    working.merge(commonParameters_);
+  }
+
+  inid_ = inidToBeacon();
+  appVersion_ = KVNConfiguration::appShortVersion();
+
+  // A caller may pin the identifier (re-sends); it never goes out twice.
+  if (auto pinned = working.find(KVRBeaconUUIDKey)) {
+    uuid_ = pinned->description();
+    working.remove(KVRBeaconUUIDKey);
+  } else {
+    uuid_ = platform::env().makeUUIDString();
+  }
+  parameters_ = std::move(working);
+  creationTimestamp_ = KVRReportingUtilities::timeIntervalSinceReferenceDate();
+}
+
+void KVRReliableNetworkingTask::postCreationNotification() const {
+  auto& center = platform::env().notificationCenter();
+  // The representation is only built when someone listens.
+  if (!center.hasObservers(KVRReliableNetworkingTaskCreatedNotification)) return;
+  center.post(KVRReliableNetworkingTaskCreatedNotification, dictionaryRepresentation());
+}
+
+std::string KVRReliableNetworkingTask::inidToBeacon() {
+  return KVNConfiguration::sharedInstance().inid().value_or(KVNConfigurationUnconfiguredInid);
+}
+
+std::optional<std::string> KVRReliableNetworkingTask::inid() const {
+  if (inid_ == KVNConfigurationUnconfiguredInid) return KVNConfiguration::sharedInstance().inid();
+  return inid_;
+}
+
+std::string KVRReliableNetworkingTask::appVersion() const {
+  return appVersion_ ? *appVersion_ : KVNConfiguration::appShortVersion();
+}
+
+bool KVRReliableNetworkingTask::hasINIDExpired() const {
+  const auto mine = inid();
+  const auto current = KVNConfiguration::sharedInstance().inid();
+  return !mine || !current || *mine != *current;
+}
+
+std::string KVRReliableNetworkingTask::formattedCreationTimestampString() const {
+  char buf[64];
+  const int length = std::snprintf(buf, sizeof buf, "%.0f", creationTimestamp_);
+  if (length < static_cast<int>(sizeof buf)) return buf;
+  // A decoded archive may hold any double; print again at full size.
+  std::string text(static_cast<size_t>(length), '\0');
+  std::snprintf(text.data(), text.size() + 1, "%.0f", creationTimestamp_);
+  return text;
+}
+
+KVRParameters KVRReliableNetworkingTask::dictionaryRepresentation() const {
+  KVRParameters wire;
+  wire.reserve(parameters_.size() + 4);
+  wire.merge(parameters_);
+  wire.set(KVRBeaconCreationTimestampKey, formattedCreationTimestampString());
+  wire.set(KVRBeaconUUIDKey, uuid_);
+  wire.set(KVRBeaconINIDKey, KVNConfiguration::sharedInstance().inid());
+  if (hasINIDExpired()) wire.set(KVRBeaconUsingExpiredINIDKey, true);
+
+  KVRParameters representation;
+  representation.set(KVRBeaconTypeJSONKey, event());
+  representation.set(KVRBeaconParametersJSONKey, std::move(wire));
+  return representation;
+}
+
+void KVRReliableNetworkingTask::copyInto(KVRReliableNetworkingTask& target) const {
+  target.parameters_ = parameters_;
+  target.setEvent(event());
+  target.uuid_ = uuid_;
+  target.creationTimestamp_ = creationTimestamp_;
+  target.inid_ = inid();
+}
+
+KVRTaskPtr KVRReliableNetworkingTask::copy() const {
+  auto target = std::make_shared<KVRReliableNetworkingTask>();
+  copyInto(*target);
+  return target;
+}
+
+void KVRReliableNetworkingTask::encodeWithCoder(platform::KeyedArchiver& coder) const {
+  coder.encodeObject(kArchiveParametersKey, parameters_);
+  coder.encodeDouble(kArchiveCreationTimestampKey, creationTimestamp_);
+  coder.encodeObject(kArchiveUUIDKey, uuid_);
+  if (auto resolved = inid()) coder.encodeObject(kArchiveInidKey, *resolved);
+  coder.encodeObject(kArchiveAppVersionKey, appVersion());
+}
+
+bool KVRReliableNetworkingTask::initWithCoder(const platform::KeyedUnarchiver& coder) {
+  auto parameters = coder.decodeDictionary(kArchiveParametersKey);
+  auto timestamp = coder.decodeDouble(kArchiveCreationTimestampKey);
+  auto uuid = coder.decodeString(kArchiveUUIDKey);
+  if (!parameters || !timestamp || !uuid) return false;
+
+  // A decoded record is made afresh first (new uuid and time, and the
+  // creation notification once more), then takes the archived values.
+  initWithParameters(*parameters, nullptr);
+  postCreationNotification();
+  parameters_ = std::move(*parameters);
+  creationTimestamp_ = *timestamp;
+  uuid_ = std::move(*uuid);
+  inid_ = coder.decodeString(kArchiveInidKey);
+  appVersion_ = coder.decodeString(kArchiveAppVersionKey);
+  return true;
+}
+
+std::string KVRReliableNetworkingTask::archivedData() const {
+  platform::KeyedArchiver coder;
+  coder.encodeObject(kArchiveClassKey, std::string(className()));
+  encodeWithCoder(coder);
+  return coder.encodedData();
+}
+
+KVRTaskPtr KVRReliableNetworkingTask::unarchive(std::string_view data) {
+  auto coder = platform::KeyedUnarchiver::open(data);
+  if (!coder) return nullptr;
+  auto className = coder->decodeString(kArchiveClassKey);
+  if (!className) return nullptr;
+  auto task = KVRBeaconFactory::emptyRecordOfClass(*className);
+  if (!task || !task->initWithCoder(*coder)) return nullptr;
+  return task;
+}
+
+}  // namespace korvel

@@ -1,0 +1,321 @@
+#include <korvel/debug/KVRDebugMessageCenter.h>
+
+#include <any>
+
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/beacon/KVRLogging.h>
+#include <korvel/beacon/KVRReliableNetworkingTask.h>
+#include <korvel/debug/KVRDebugDataPersister.h>
+#include <korvel/debug/KVRDebugLogEntry.h>
+#include <korvel/debug/KVRDebugLogsDataProvider.h>
+#include <korvel/debug/KVRDebugOverlayWindow.h>
+#include <korvel/debug/KVRWaitingForConfigDetector.h>
+#include <korvel/platform/Env.h>
+#include <korvel/foundation/KVNTaggingDebugResult.h>
+#include <korvel/platform/Logging.h>
+#include <korvel/ui/MainQueue.h>
+#include <korvel/reporters/KVRTaggingReporter.h>
+#include <korvel/ui/UIEnv.h>
+
+namespace korvel {
+
+namespace {
+
+constexpr double kDefaultWaitingTitleTopOffset = 20;
+constexpr int kOverlayWindowLevelAboveNormal = 2;
+
+struct SharedCenter {
+  // Recursive, so a delegate that asks for the center from inside
+  // isDebugCenterAllowed() does not deadlock.
+  std::recursive_mutex mutex;
+  std::shared_ptr<KVRDebugMessageCenterDelegate> delegate;
+  std::shared_ptr<KVRDebugMessageCenter> center;
+};
+
+SharedCenter& shared() {
+  static SharedCenter* s = new SharedCenter;
+  return *s;
+}
+
+// A notification object holding a shared pointer to T, const or not.
+template <class T>
+std::shared_ptr<const T> sharedObject(const std::any& object) {
+  if (auto p = std::any_cast<std::shared_ptr<const T>>(&object)) return *p;
+  if (auto p = std::any_cast<std::shared_ptr<T>>(&object)) return *p;
+  return nullptr;
+}
+
+std::shared_ptr<const KVRTagResultInfo> tagResultObject(const std::any& object) {
+  if (auto result = sharedObject<KVRTagResultInfo>(object)) return result;
+  return sharedObject<KVRNoMatchTagInfo>(object);
+}
+
+}  // namespace
+
+// MARK: - The shared center
+
+std::shared_ptr<KVRDebugMessageCenter> KVRDebugMessageCenter::defaultCenter() {
+  auto& s = shared();
+  std::lock_guard lock(s.mutex);
+  if (!s.center && isDebugCenterAllowed()) {
+    s.center = std::shared_ptr<KVRDebugMessageCenter>(new KVRDebugMessageCenter());
+  }
+  return s.center;
+}
+
+void KVRDebugMessageCenter::stopDebugging() {
+  std::shared_ptr<KVRDebugMessageCenter> dropped;
+  {
+    auto& s = shared();
+    std::lock_guard lock(s.mutex);
+    dropped = std::move(s.center);
+  }
+  // Released outside the lock: the teardown waits for handlers running on
+  // other threads, which must not wait for the lock in turn.
+}
+
+void KVRDebugMessageCenter::setDebugMessageCenterDelegate(
+    std::shared_ptr<KVRDebugMessageCenterDelegate> d) {
+  auto& s = shared();
+  std::lock_guard lock(s.mutex);
+  s.delegate = std::move(d);
+}
+
+std::shared_ptr<KVRDebugMessageCenterDelegate> KVRDebugMessageCenter::delegate() {
+  auto& s = shared();
+  std::lock_guard lock(s.mutex);
+  return s.delegate;
+}
+
+bool KVRDebugMessageCenter::isDebugCenterAllowed() {
+  auto d = delegate();
+  return d && d->isDebugCenterAllowed();
+}
+
+// MARK: - Life cycle
+
+KVRDebugMessageCenter::KVRDebugMessageCenter()
+    : detector_(std::make_unique<KVRWaitingForConfigDetector>()) {}
+
+KVRDebugMessageCenter::~KVRDebugMessageCenter() {
+  // First: once the observers are gone no handler runs on any thread, so
+  // nothing below races with one.
+  std::vector<platform::ObserverRegistration> observers;
+  {
+    std::lock_guard lock(mutex_);
+    observers = std::move(observers_);
+  }
+  observers.clear();
+  detector_->unregisterForConfigUpdates();
+  hideDebugMenu();
+  removeWaitingView();
+}
+
+void KVRDebugMessageCenter::startDebugging() {
+  {
+    std::lock_guard lock(mutex_);
+    if (isDebugging_) return;
+    isDebugging_ = true;
+  }
+  auto& center = platform::env().notificationCenter();
+  observe(center, KVRDebugMessageDisplayingTagResultNotification,
+          &KVRDebugMessageCenter::displayingTagResult);
+  observe(center, KVRDebugMessageClosedMatchResultNotification,
+          &KVRDebugMessageCenter::closedMatchResult);
+  observe(center, KVRDebugMessageDisplayingNoMatchNotification,
+          &KVRDebugMessageCenter::displayingNoMatch);
+  observe(center, KVNTaggingDebugResultContextNotification,
+          &KVRDebugMessageCenter::taggingDebugContext);
+  observe(center, KVRReliableNetworkingTaskSubmittedNotification,
+          &KVRDebugMessageCenter::taskSubmitted);
+  observe(center, KVRDebugMessageLogOpenedURLNotification, &KVRDebugMessageCenter::openedURL);
+  observe(center, KVRDebugMessageLogInAppUpsellOptionsNotification,
+          &KVRDebugMessageCenter::inAppUpsellOptions);
+
+  detector_->registerForConfigUpdates([weak = weak_from_this()](bool stillWaiting) {
+    platform::uiEnv().mainQueue().async([weak, stillWaiting] {
+      if (auto self = weak.lock()) self->configurationWaitingChanged(stillWaiting);
+    });
+  });
+}
+
+void KVRDebugMessageCenter::observe(
+    platform::NotificationCenter& center, std::string_view name,
+    void (KVRDebugMessageCenter::*handler)(const platform::Notification&)) {
+  // The handler may use this center: the destructor removes the observer
+  // (waiting for calls in flight) before anything else goes.
+  platform::ObserverRegistration registration(
+      center, center.addObserver(std::string(name), [this, handler](const platform::Notification& n) {
+        (this->*handler)(n);
+      }));
+  std::lock_guard lock(mutex_);
+  observers_.push_back(std::move(registration));
+}
+
+bool KVRDebugMessageCenter::isDebugging() const {
+  std::lock_guard lock(mutex_);
+  return isDebugging_;
+}
+
+// MARK: - Log and tag result
+
+std::shared_ptr<KVRDebugLogsDataProvider> KVRDebugMessageCenter::dataProvider() {
+  std::lock_guard lock(mutex_);
+  if (!dataProvider_) dataProvider_ = KVRDebugLogsDataProvider::make();
+  return dataProvider_;
+}
+
+std::shared_ptr<const KVRTagResultInfo> KVRDebugMessageCenter::tagResult() const {
+  std::lock_guard lock(mutex_);
+  return tagResult_;
+}
+
+bool KVRDebugMessageCenter::isShowingTagResult() const {
+  std::lock_guard lock(mutex_);
+  return isShowingTagResult_;
+}
+
+void KVRDebugMessageCenter::displayingTagResult(const platform::Notification& n) {
+  auto result = tagResultObject(n.object);
+  std::lock_guard lock(mutex_);
+  tagResult_ = std::move(result);
+  isShowingTagResult_ = true;
+}
+
+void KVRDebugMessageCenter::closedMatchResult(const platform::Notification&) {
+  std::lock_guard lock(mutex_);
+  tagResult_.reset();
+  isShowingTagResult_ = false;
+}
+
+void KVRDebugMessageCenter::displayingNoMatch(const platform::Notification& n) {
+  const KVRDate* date = std::any_cast<KVRDate>(&n.object);
+  auto result = date ? std::make_shared<const KVRNoMatchTagInfo>(*date)
+                     : std::make_shared<const KVRNoMatchTagInfo>();
+  std::lock_guard lock(mutex_);
+  tagResult_ = std::move(result);
+  isShowingTagResult_ = true;
+}
+
+void KVRDebugMessageCenter::taggingDebugContext(const platform::Notification& n) {
+  if (auto context = sharedObject<KVNTaggingDebugResultContext>(n.object)) {
+    persistTaggingDebugContext(*context);
+  }
+}
+
+void KVRDebugMessageCenter::taskSubmitted(const platform::Notification& n) {
+  if (auto task = sharedObject<KVRReliableNetworkingTask>(n.object)) {
+    dataProvider()->addLogEntry(std::make_shared<KVRDebugLogBeaconEntry>(std::move(task)));
+  }
+}
+
+void KVRDebugMessageCenter::openedURL(const platform::Notification& n) {
+  if (auto url = std::any_cast<KVRURL>(&n.object)) {
+    dataProvider()->addLogEntry(std::make_shared<KVRDebugLogURLEntry>(*url));
+  }
+}
+
+void KVRDebugMessageCenter::inAppUpsellOptions(const platform::Notification& n) {
+  if (auto options = std::any_cast<KVRParameters>(&n.object)) {
+    dataProvider()->addLogEntry(std::make_shared<KVRDebugLogInAppUpsellOptionsEntry>(*options));
+  }
+}
+
+void KVRDebugMessageCenter::persistTaggingDebugContext(
+    const KVNTaggingDebugResultContext& context) {
+  std::string uniqueId;
+  if (!context.tags.empty()) {
+    uniqueId = context.tags.front().tagID;
+  } else {
+    uniqueId = KVRNoMatchTagInfo::noMatchFileNameWithDate(context.sessionStartDate);
+    platform::Logger(KVRLogging::subsystem(), "Debug")
+        .log("No Match unique ID during context notification: " + uniqueId);
+  }
+  const KVRDebugDataPersister persister;
+  if (context.audioBuffer) persister.persistAudioFile(*context.audioBuffer, uniqueId);
+  if (!context.recognitionAttempts.empty()) {
+    if (const auto& signature = context.recognitionAttempts.front().pickedSignature) {
+      persister.persistSignatureData(signature->data, uniqueId,
+                                     KVRDebugDataPersister::kSignatureExtension);
+    }
+  }
+}
+
+// MARK: - Menu and waiting banner
+
+void KVRDebugMessageCenter::presentDebugMenu() {
+  if (showingDebugMenu_) return;
+  if (!debugWindow_ || debugWindow_->isHidden()) {
+    debugWindow_ = KVRDebugOverlayWindow::buildDebugOverlayWindow();
+    debugWindow_->setHidden(false);
+    debugWindow_->setWindowLevel(KVRDebugWindow::kWindowLevelNormal +
+                                 kOverlayWindowLevelAboveNormal);
+  }
+  debugWindow_->presentDebugMenu();
+  showingDebugMenu_ = true;
+  if (!waitingView_) return;
+  if (debugWindow_->containsSubview(waitingView_)) {
+    debugWindow_->bringSubviewToFront(waitingView_);
+  } else if (isShowingWaitingForConfigView()) {
+    placeWaitingView();  // moves it from the main window into the overlay
+  }
+}
+
+void KVRDebugMessageCenter::hideDebugMenu() {
+  if (!showingDebugMenu_) return;
+  showingDebugMenu_ = false;
+  const bool waitingViewWasShown = isShowingWaitingForConfigView();
+  if (debugWindow_) debugWindow_->hideDebugMenu();
+  removeWaitingView();
+  if (debugWindow_) {
+    debugWindow_->setHidden(true);
+    debugWindow_.reset();
+  }
+  if (waitingViewWasShown) placeWaitingView();  // back on the main window
+}
+
+void KVRDebugMessageCenter::toggleDebugViewVisibility() {
+  if (showingDebugMenu_) {
+    hideDebugMenu();
+  } else {
+    presentDebugMenu();
+  }
+}
+
+bool KVRDebugMessageCenter::isShowingWaitingForConfigView() const {
+  auto host = waitingViewHost_.lock();
+  return waitingView_ && host && host->containsSubview(waitingView_);
+}
+
+void KVRDebugMessageCenter::configurationWaitingChanged(bool stillWaiting) {
+  if (stillWaiting) {
+    if (isShowingWaitingForConfigView()) return;
+    if (!waitingView_) waitingView_ = KVRWaitingForConfigView::loadFromInterfaceFile();
+    placeWaitingView();
+  } else {
+    removeWaitingView();
+    waitingView_.reset();  // loaded again when needed
+  }
+}
+
+void KVRDebugMessageCenter::placeWaitingView() {
+  if (!waitingView_) return;
+  std::shared_ptr<KVRDebugWindow> target = debugWindow_;
+  if (!target) target = KVRDebugWindow::applicationMainWindow();
+  if (!target) return;
+  if (auto previous = waitingViewHost_.lock(); previous && previous != target) {
+    previous->removeSubview(waitingView_);
+  }
+  target->addSubviewPinnedToTop(waitingView_);
+  const double inset = target->safeAreaTopInset();
+  waitingView_->titleTopConstraint = inset == 0 ? kDefaultWaitingTitleTopOffset : inset;
+  target->bringSubviewToFront(waitingView_);
+  waitingViewHost_ = target;
+}
+
+void KVRDebugMessageCenter::removeWaitingView() {
+  if (auto host = waitingViewHost_.lock(); host && waitingView_) host->removeSubview(waitingView_);
+  waitingViewHost_.reset();
+}
+
+}  // namespace korvel

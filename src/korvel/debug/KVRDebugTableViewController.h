@@ -1,0 +1,74 @@
+// What the overlay's table pages share: a table they are the data source
+// and delegate of, a toolbar of buttons, a long-press "Copy" on every row,
+// and the Presenter they show alerts, share sheets and mail through.
+//
+// A renderer draws any page that is a KVRDebugTableViewController the same
+// way: title(), toolbarButtons(), then tableView() (sections, header
+// titles, cells, selection, refresh control), forwarding the user's taps,
+// long presses and pulls to the table and buttons.
+//
+// Main thread only.
+#pragma once
+
+#include <memory>
+#include <vector>
+
+#include <korvel/ui/TableView.h>
+#include <korvel/ui/UI.h>
+#include <korvel/ui/Widgets.h>
+
+namespace korvel {
+
+// Pages that care whether the overlay is on screen (rather than merely
+// being the current page) implement this; the overlay tells every page that
+// does when it shows and hides.
+class KVRDebugOverlayVisibilityObserver {
+ public:
+  virtual ~KVRDebugOverlayVisibilityObserver() = default;
+  virtual void setOverlayIsVisible(bool visible) = 0;
+};
+
+class KVRDebugTableViewController : public platform::TableViewController,
+                                    public platform::TableViewDataSource,
+                                    public platform::TableViewDelegate {
+ public:
+  static constexpr const char* kCopyActionTitle = "Copy";
+  static constexpr const char* kCopyActionImage = "doc.on.doc";
+
+  explicit KVRDebugTableViewController(platform::TableViewStyle style);
+  ~KVRDebugTableViewController() override;
+
+  platform::TableView& tableView() { return tableView_; }
+  const platform::TableView& tableView() const { return tableView_; }
+
+  // The screen's buttons, in the order a toolbar shows them; they live as
+  // long as the screen.
+  virtual std::vector<platform::Button*> toolbarButtons() { return {}; }
+
+  // Where alerts, share sheets and mail go; held weakly. Without one they
+  // are dropped (and logged).
+  std::shared_ptr<platform::Presenter> presenter() const { return presenter_.lock(); }
+  void setPresenter(std::weak_ptr<platform::Presenter> presenter) {
+    presenter_ = std::move(presenter);
+  }
+
+  // Every row offers "Copy" (image "doc.on.doc"), which runs copyRow().
+  std::vector<platform::MenuAction> contextMenuActionsForRow(platform::IndexPath indexPath) override;
+  // Puts the row's content on the general pasteboard.
+  virtual void copyRow(platform::IndexPath indexPath) = 0;
+
+ protected:
+  // Makes this screen the table's data source and delegate.
+  void loadView() override;
+
+  // The presenter, or null after logging that what was to be shown (what)
+  // had nowhere to go.
+  std::shared_ptr<platform::Presenter> presenterFor(const char* what) const;
+
+  platform::TableView tableView_;
+
+ private:
+  std::weak_ptr<platform::Presenter> presenter_;
+};
+
+}  // namespace korvel

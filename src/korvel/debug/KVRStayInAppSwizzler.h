@@ -1,0 +1,55 @@
+// "Stay in app": while enabled, the application cannot leave itself by
+// opening a URL, so links tapped during testing stay inside it.
+//
+// toggleStayInApp() exchanges the application's openURL implementation with
+// the swizzler's own blocking one (blockedOpenURL, which does nothing), then
+// inverts swizzleEnabled(); calling it again exchanges them back, restoring
+// exactly what opened URLs before (the host's own implementation, or the
+// inherited default when the application had none).
+//
+// One swizzler per application object: sharedSwizzler() is the process's,
+// kept for the process so the switch on a rebuilt overlay still shows the
+// real state. A swizzler destroyed while enabled gives the application its
+// URL opening back. Any thread.
+#pragma once
+
+#include <memory>
+#include <mutex>
+#include <string>
+
+#include <korvel/ui/SharedApplication.h>
+
+namespace korvel {
+
+class KVRStayInAppSwizzler {
+ public:
+  explicit KVRStayInAppSwizzler(platform::Application& application = platform::Application::shared());
+  ~KVRStayInAppSwizzler();
+  KVRStayInAppSwizzler(const KVRStayInAppSwizzler&) = delete;
+  KVRStayInAppSwizzler& operator=(const KVRStayInAppSwizzler&) = delete;
+
+  // The swizzler of platform::Application::shared().
+  static std::shared_ptr<KVRStayInAppSwizzler> sharedSwizzler();
+
+  // False after construction.
+  bool swizzleEnabled() const;
+  void toggleStayInApp();
+
+  // Opens nothing; answers false.
+  static bool blockedOpenURL(const std::string& url);
+
+ private:
+  void exchangeImplementations();
+
+  platform::Application& application_;
+  mutable std::mutex mutex_;
+  // What the swizzler's own blockedOpenURL slot holds: the blocking
+  // implementation, or, while enabled, the application's former one.
+  platform::Application::OpenURLImplementation ownImplementation_;
+  // Whether the application defined openURL itself before the first
+  // exchange (so restoring can leave it undefined again).
+  bool applicationDefinedOpenURL_ = true;
+  bool swizzleEnabled_ = false;
+};
+
+}  // namespace korvel

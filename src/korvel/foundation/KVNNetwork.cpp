@@ -1,0 +1,53 @@
+#include <korvel/foundation/KVNNetwork.h>
+
+#include <map>
+#include <mutex>
+
+#include <korvel/foundation/KVNConfiguration.h>
+
+namespace korvel {
+
+namespace {
+struct RestorerRegistry {
+  std::mutex mutex;
+  std::map<std::string, KVNRequestRestorer, std::less<>> restorers;
+};
+
+RestorerRegistry& registry() {
+  static RestorerRegistry* instance = new RestorerRegistry;
+  return *instance;
+}
+}  // namespace
+
+void KVNRequestRestorers::registerRestorer(const std::string& kind, KVNRequestRestorer restorer) {
+  auto& r = registry();
+  std::lock_guard lock(r.mutex);
+  r.restorers[kind] = std::move(restorer);
+}
+
+std::optional<KVNNetworkRequest> KVNRequestRestorers::restore(const std::string& kind,
+                                                              std::string_view payload) {
+  KVNRequestRestorer restorer;
+  {
+    auto& r = registry();
+    std::lock_guard lock(r.mutex);
+    auto it = r.restorers.find(kind);
+    if (it == r.restorers.end()) return std::nullopt;
+    restorer = it->second;
+  }
+  return restorer(payload);
+}
+
+bool KVNConfigurationPolicySatisfied(int configurationPolicy) {
+  const auto config = KVNConfiguration::sharedInstance().snapshot();
+  switch (configurationPolicy) {
+    case 1: return config->configured;
+    case 2: {
+      const auto& endpoint = config->beacons.beaconEndpoint;
+      return endpoint && !endpoint->empty() && config->inid && !config->inid->empty();
+    }
+    default: return true;
+  }
+}
+
+}  // namespace korvel

@@ -1,0 +1,464 @@
+#include <korvel/foundation/KeyedArchive.h>
+
+#include <cstring>
+#include <limits>
+#include <utility>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+namespace korvel::platform {
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+using Binary = Json::binary_t;
+
+// How kinds without a native CBOR form are stored: a tagged byte string.
+// CBOR cannot tell a non-negative signed integer from an unsigned one, so
+// unsigned values get a tag of their own and plain CBOR integers stay Int.
+constexpr std::uint8_t kDateSubtype = 1;  // 8 bytes: little-endian IEEE double
+constexpr std::uint8_t kURLSubtype = 2;   // the URL's text
+constexpr std::uint8_t kUIntSubtype = 3;  // 8 bytes: little-endian uint64
+
+// Deeper nesting than this is refused before decoding (the decoder recurses
+// once per level; corrupt input must not be able to exhaust the stack).
+constexpr size_t kMaxDepth = 256;
+
+std::uint64_t fromLittleEndian(const Binary& bytes) {
+  std::uint64_t bits = 0;
+  for (size_t i = 8; i-- > 0;) bits = (bits << 8) | bytes[i];
+  return bits;
+}
+
+std::optional<KVRValue> fromJson(const Json& json);
+
+std::optional<KVRParameters> dictionaryFromJson(const Json& json) {
+  if (!json.is_object()) return std::nullopt;
+  KVRParameters dictionary;
+  dictionary.reserve(json.size());
+  for (const auto& [key, entry] : json.items()) {
+    auto value = fromJson(entry);
+    if (!value) return std::nullopt;
+    dictionary.set(key, std::move(*value));
+  }
+  return dictionary;
+}
+
+std::optional<KVRValue> fromJson(const Json& json) {
+  switch (json.type()) {
+    case Json::value_t::string:
+      return KVRValue(json.get_ref<const std::string&>());
+    case Json::value_t::number_integer:
+      return KVRValue(json.get<std::int64_t>());
+    case Json::value_t::number_unsigned: {
+      // Every non-negative CBOR integer arrives here; only values beyond the
+      // signed range have to stay unsigned.
+      const auto u = json.get<std::uint64_t>();
+      if (u <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+        return KVRValue(static_cast<std::int64_t>(u));
+      }
+      return KVRValue(u);
+    }
+    case Json::value_t::number_float:
+      return KVRValue(json.get<double>());
+    case Json::value_t::boolean:
+      return KVRValue(json.get<bool>());
+    case Json::value_t::object: {
+      auto dictionary = dictionaryFromJson(json);
+      if (!dictionary) return std::nullopt;
+      return KVRValue(std::move(*dictionary));
+    }
+    case Json::value_t::array: {
+      KVRList list;
+      list.reserve(json.size());
+      for (const auto& entry : json) {
+        auto value = fromJson(entry);
+        if (!value) return std::nullopt;
+        list.push_back(std::move(*value));
+      }
+      return KVRValue(std::move(list));
+    }
+    case Json::value_t::binary: {
+      const Binary& bytes = json.get_binary();
+      if (!bytes.has_subtype()) return std::nullopt;
+      switch (bytes.subtype()) {
+        case kDateSubtype: {
+          if (bytes.size() != 8) return std::nullopt;
+          const std::uint64_t bits = fromLittleEndian(bytes);
+          double seconds = 0;
+          std::memcpy(&seconds, &bits, sizeof seconds);
+          return KVRValue(KVRDate{seconds});
+        }
+        case kURLSubtype:
+          return KVRValue(KVRURL{std::string(bytes.begin(), bytes.end())});
+        case kUIntSubtype:
+          if (bytes.size() != 8) return std::nullopt;
+          return KVRValue(fromLittleEndian(bytes));
+        default:
+          return std::nullopt;
+      }
+    }
+    default:
+      return std::nullopt;
+  }
+}
+
+// Walks the CBOR item headers without recursion and checks that the input is
+// exactly one item, that every declared length fits in the bytes that are
+// left, and that nesting stays shallow. Only then is the (recursive) decoder
+// run, so hostile input can neither blow the stack nor make it allocate for
+// lengths the data cannot back.
+bool isWellFormedCBOR(const unsigned char* data, size_t size) {
+  struct Frame {
+    std::uint64_t remaining;  // items still expected (definite containers)
+    bool indefinite;
+  };
+  std::vector<Frame> stack;
+  size_t pos = 0;
+
+  // An item just ended: count it against the open containers.
+  auto itemDone = [&stack] {
+    while (!stack.empty() && !stack.back().indefinite) {
+      if (--stack.back().remaining != 0) return;
+      stack.pop_back();  // the container itself is now a finished item
+    }
+  };
+  auto push = [&stack](std::uint64_t count, bool indefinite) {
+    stack.push_back({count, indefinite});
+    return stack.size() <= kMaxDepth;
+  };
+
+  do {
+    if (pos >= size) return false;
+    const unsigned char initial = data[pos++];
+    const unsigned major = initial >> 5;
+    const unsigned info = initial & 0x1F;
+
+    if (initial == 0xFF) {  // "break": ends the innermost indefinite container
+      if (stack.empty() || !stack.back().indefinite) return false;
+      stack.pop_back();
+      itemDone();
+      continue;
+    }
+
+    std::uint64_t argument = info;
+    bool indefinite = false;
+    if (info >= 24 && info <= 27) {
+      const size_t width = size_t{1} << (info - 24);
+      if (size - pos < width) return false;
+      argument = 0;
+      for (size_t i = 0; i < width; ++i) argument = (argument << 8) | data[pos + i];
+      pos += width;
+    } else if (info == 31) {
+      if (major < 2 || major > 5) return false;
+      indefinite = true;
+    } else if (info > 27) {
+      return false;
+    }
+
+    const size_t left = size - pos;
+    switch (major) {
+      case 2:
+      case 3:  // byte and text strings
+        if (indefinite) {
+          if (!push(0, true)) return false;
+          continue;
+        }
+        if (argument > left) return false;
+        pos += static_cast<size_t>(argument);
+        break;
+      case 4:  // array
+      case 5:  // map: twice as many items
+        if (indefinite) {
+          if (!push(0, true)) return false;
+          continue;
+        }
+        if (argument > left || (major == 5 && argument > left / 2)) return false;
+        if (argument != 0) {
+          if (!push(major == 5 ? argument * 2 : argument, false)) return false;
+          continue;
+        }
+        break;
+      case 6:  // tag: applies to the one item that follows
+        if (!push(1, false)) return false;
+        continue;
+      default:  // integers, simple values and floats
+        break;
+    }
+    itemDone();
+  } while (!stack.empty());
+  return pos == size;
+}
+
+}  // namespace
+
+// MARK: - KeyedArchiver
+
+namespace {
+
+// The archiver writes CBOR directly instead of building a JSON tree and
+// serialising it: a beacon record is archived on the reporting thread, where
+// the tree's allocations cost several times more than the bytes themselves.
+// The output is the same CBOR the tree would give (definite lengths, compact
+// floats, tagged byte strings for the kinds above), read back by the
+// unarchiver below.
+
+void putHead(std::string& out, unsigned major, std::uint64_t value) {
+  const auto m = static_cast<char>(major << 5);
+  if (value < 24) {
+    out += static_cast<char>(m | static_cast<char>(value));
+  } else if (value <= 0xFF) {
+    out += static_cast<char>(m | 24);
+    out += static_cast<char>(value);
+  } else if (value <= 0xFFFF) {
+    out += static_cast<char>(m | 25);
+    for (int shift = 8; shift >= 0; shift -= 8) out += static_cast<char>(value >> shift);
+  } else if (value <= 0xFFFFFFFFull) {
+    out += static_cast<char>(m | 26);
+    for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>(value >> shift);
+  } else {
+    out += static_cast<char>(m | 27);
+    for (int shift = 56; shift >= 0; shift -= 8) out += static_cast<char>(value >> shift);
+  }
+}
+
+void putText(std::string& out, std::string_view text) {
+  putHead(out, 3, text.size());
+  out.append(text);
+}
+
+void putTaggedBytes(std::string& out, std::uint8_t subtype, const char* bytes, size_t size) {
+  // Always the one-byte-argument form: the reader takes small tags (0xC0 to
+  // 0xC5) for the standard date and bignum tags, not for byte-string kinds.
+  out += '\xD8';
+  out += static_cast<char>(subtype);
+  putHead(out, 2, size);
+  out.append(bytes, size);
+}
+
+void putLittleEndian(std::string& out, std::uint8_t subtype, std::uint64_t bits) {
+  char bytes[8];
+  for (size_t i = 0; i < 8; ++i) bytes[i] = static_cast<char>(bits >> (8 * i));
+  putTaggedBytes(out, subtype, bytes, 8);
+}
+
+void putDouble(std::string& out, double value) {
+  // Single precision when that loses nothing, as the JSON writer does.
+  const bool fitsFloat = value >= static_cast<double>(std::numeric_limits<float>::lowest()) &&
+                         value <= static_cast<double>(std::numeric_limits<float>::max()) &&
+                         static_cast<double>(static_cast<float>(value)) == value;
+  if (fitsFloat) {
+    const float f = static_cast<float>(value);
+    std::uint32_t bits = 0;
+    std::memcpy(&bits, &f, sizeof bits);
+    out += '\xFA';
+    for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>(bits >> shift);
+  } else {
+    std::uint64_t bits = 0;
+    std::memcpy(&bits, &value, sizeof bits);
+    out += '\xFB';
+    for (int shift = 56; shift >= 0; shift -= 8) out += static_cast<char>(bits >> shift);
+  }
+}
+
+void putValue(std::string& out, const KVRValue& value) {
+  switch (value.kind()) {
+    case KVRValue::Kind::String:
+      putText(out, *value.asString());
+      return;
+    case KVRValue::Kind::Int: {
+      const std::int64_t i = *value.asInt();
+      if (i >= 0) {
+        putHead(out, 0, static_cast<std::uint64_t>(i));
+      } else {
+        putHead(out, 1, static_cast<std::uint64_t>(-(i + 1)));
+      }
+      return;
+    }
+    case KVRValue::Kind::UInt:
+      putLittleEndian(out, kUIntSubtype, value.asUInt().value_or(0));
+      return;
+    case KVRValue::Kind::Double:
+      putDouble(out, *value.asDouble());
+      return;
+    case KVRValue::Kind::Bool:
+      out += *value.asBool() ? '\xF5' : '\xF4';
+      return;
+    case KVRValue::Kind::Date: {
+      const double seconds = value.asDate()->secondsSince1970;
+      std::uint64_t bits = 0;
+      std::memcpy(&bits, &seconds, sizeof bits);
+      putLittleEndian(out, kDateSubtype, bits);
+      return;
+    }
+    case KVRValue::Kind::URL: {
+      const std::string& text = value.asURL()->absoluteString;
+      putTaggedBytes(out, kURLSubtype, text.data(), text.size());
+      return;
+    }
+    case KVRValue::Kind::Dictionary: {
+      const KVRParameters& dictionary = *value.asDictionary();
+      putHead(out, 5, dictionary.size());
+      for (const auto& [key, entry] : dictionary) {
+        putText(out, key);
+        putValue(out, entry);
+      }
+      return;
+    }
+    case KVRValue::Kind::List: {
+      const KVRList& list = *value.asList();
+      putHead(out, 4, list.size());
+      for (const auto& entry : list) putValue(out, entry);
+      return;
+    }
+  }
+  out += '\xF6';  // null: not a kind this library makes
+}
+
+}  // namespace
+
+struct KeyedArchiver::Impl {
+  // Each key with its value already encoded, in the order keys were first
+  // written; writing a key again replaces its value in place.
+  std::vector<std::pair<std::string, std::string>> entries;
+
+  std::string& slot(std::string_view key) {
+    for (auto& [k, v] : entries) {
+      if (k == key) {
+        v.clear();
+        return v;
+      }
+    }
+    entries.emplace_back(std::string(key), std::string());
+    return entries.back().second;
+  }
+};
+
+KeyedArchiver::KeyedArchiver() : impl_(std::make_unique<Impl>()) {}
+KeyedArchiver::~KeyedArchiver() = default;
+KeyedArchiver::KeyedArchiver(KeyedArchiver&&) noexcept = default;
+KeyedArchiver& KeyedArchiver::operator=(KeyedArchiver&&) noexcept = default;
+
+void KeyedArchiver::encodeObject(std::string_view key, const KVRParameters& dictionary) {
+  if (!impl_) impl_ = std::make_unique<Impl>();
+  std::string& out = impl_->slot(key);
+  putHead(out, 5, dictionary.size());
+  for (const auto& [k, entry] : dictionary) {
+    putText(out, k);
+    putValue(out, entry);
+  }
+}
+
+void KeyedArchiver::encodeObject(std::string_view key, const std::string& text) {
+  if (!impl_) impl_ = std::make_unique<Impl>();
+  putText(impl_->slot(key), text);
+}
+
+void KeyedArchiver::encodeDouble(std::string_view key, double value) {
+  if (!impl_) impl_ = std::make_unique<Impl>();
+  putDouble(impl_->slot(key), value);
+}
+
+void KeyedArchiver::encodeInt(std::string_view key, int64_t value) {
+  if (!impl_) impl_ = std::make_unique<Impl>();
+  putValue(impl_->slot(key), KVRValue(value));
+}
+
+void KeyedArchiver::encodeBool(std::string_view key, bool value) {
+  if (!impl_) impl_ = std::make_unique<Impl>();
+  impl_->slot(key) = value ? '\xF5' : '\xF4';
+}
+
+std::string KeyedArchiver::encodedData() const {
+  if (!impl_) return std::string(1, '\xA0');  // an empty map
+  size_t size = 9;
+  for (const auto& [key, value] : impl_->entries) size += key.size() + value.size() + 9;
+  std::string out;
+  out.reserve(size);
+  putHead(out, 5, impl_->entries.size());
+  for (const auto& [key, value] : impl_->entries) {
+    putText(out, key);
+    out += value;
+  }
+  return out;
+}
+
+// MARK: - KeyedUnarchiver
+
+struct KeyedUnarchiver::Impl {
+  Json root;
+
+  const Json* find(std::string_view key) const {
+    auto it = root.find(std::string(key));
+    return it == root.end() ? nullptr : &*it;
+  }
+};
+
+KeyedUnarchiver::KeyedUnarchiver(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
+KeyedUnarchiver::KeyedUnarchiver(KeyedUnarchiver&&) noexcept = default;
+KeyedUnarchiver& KeyedUnarchiver::operator=(KeyedUnarchiver&&) noexcept = default;
+KeyedUnarchiver::~KeyedUnarchiver() = default;
+
+std::optional<KeyedUnarchiver> KeyedUnarchiver::open(std::string_view data) {
+  const auto* bytes = reinterpret_cast<const unsigned char*>(data.data());
+  if (!isWellFormedCBOR(bytes, data.size())) return std::nullopt;
+  try {
+    auto impl = std::make_unique<Impl>();
+    impl->root = Json::from_cbor(bytes, bytes + data.size(), /*strict=*/true,
+                                 /*allow_exceptions=*/false,
+                                 Json::cbor_tag_handler_t::store);
+    if (!impl->root.is_object()) return std::nullopt;
+    return KeyedUnarchiver(std::move(impl));
+  } catch (...) {
+    // Lengths the decoder refuses to allocate are reported by throwing even
+    // with exceptions disabled; any such archive is simply unreadable.
+    return std::nullopt;
+  }
+}
+
+bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
+  return impl_ && impl_->find(key) != nullptr;
+}
+
+std::optional<KVRParameters> KeyedUnarchiver::decodeDictionary(std::string_view key) const {
+  const Json* json = impl_ ? impl_->find(key) : nullptr;
+  if (json == nullptr) return std::nullopt;
+  return dictionaryFromJson(*json);
+}
+
+std::optional<std::string> KeyedUnarchiver::decodeString(std::string_view key) const {
+  const Json* json = impl_ ? impl_->find(key) : nullptr;
+  if (json == nullptr || !json->is_string()) return std::nullopt;
+  return json->get<std::string>();
+}
+
+std::optional<double> KeyedUnarchiver::decodeDouble(std::string_view key) const {
+  const Json* json = impl_ ? impl_->find(key) : nullptr;
+  if (json == nullptr) return std::nullopt;
+  if (json->is_number()) return json->get<double>();
+  if (json->is_binary()) {
+    auto value = fromJson(*json);
+    if (value && value->kind() == KVRValue::Kind::UInt) return value->asDouble();
+  }
+  return std::nullopt;
+}
+
+std::optional<int64_t> KeyedUnarchiver::decodeInt(std::string_view key) const {
+  const Json* json = impl_ ? impl_->find(key) : nullptr;
+  if (json == nullptr) return std::nullopt;
+  if (!json->is_number_integer() && !json->is_binary()) return std::nullopt;
+  auto value = fromJson(*json);
+  if (!value || (value->kind() != KVRValue::Kind::Int && value->kind() != KVRValue::Kind::UInt)) {
+    return std::nullopt;
+  }
+  return value->asInt();
+}
+
+std::optional<bool> KeyedUnarchiver::decodeBool(std::string_view key) const {
+  const Json* json = impl_ ? impl_->find(key) : nullptr;
+  if (json == nullptr || !json->is_boolean()) return std::nullopt;
+  return json->get<bool>();
+}
+
+}  // namespace korvel::platform

@@ -1,0 +1,370 @@
+#include <korvel/network/KVNConfigurationManager.h>
+
+#include <curl/curl.h>
+#include <strings.h>
+
+#include <cmath>
+#include <cstdint>
+#include <condition_variable>
+#include <exception>
+#include <mutex>
+#include <thread>
+#include <vector>
+
+#include <nlohmann/json.hpp>
+
+#include <korvel/platform/Env.h>
+#include <korvel/platform/KVNUserDefaults.h>
+#include <korvel/platform/Logging.h>
+#include <korvel/network/URLCache.h>
+
+namespace korvel {
+
+const char* const kKVNLastConfigurationErrorDateKey = "kLastConfigurationErrorDate";
+const char* const kKVNConfigurationURLKey = "configurationURL";
+
+namespace {
+
+using Json = nlohmann::ordered_json;  // keeps the server's parameter order
+
+// A configuration document is small; anything larger is not one.
+constexpr size_t kMaxBodyBytes = 1024 * 1024;
+
+void logLine(platform::LogLevel level, std::string message) {
+  const platform::Logger logger(
+      platform::env().mainBundleIdentifier().value_or("Unknown bundle"), "Configuration");
+  logger.log(level, std::move(message));
+}
+
+struct Settings {
+  std::mutex mutex;
+  std::optional<std::string> productionURL;
+  double coolDownSeconds = 60;
+  std::chrono::milliseconds timeout{10'000};
+};
+
+Settings& settings() {
+  static auto* instance = new Settings;
+  return *instance;
+}
+
+// --- HTTP -------------------------------------------------------------------
+
+struct FetchResult {
+  long status = 0;  // 0: no answer
+  std::string body;
+  std::optional<std::string> etag;
+  std::optional<std::string> lastModified;
+  std::string error;
+  bool tooLarge = false;
+};
+
+size_t appendBody(char* data, size_t size, size_t count, void* user) {
+  auto* result = static_cast<FetchResult*>(user);
+  const size_t length = size * count;
+  if (result->body.size() + length > kMaxBodyBytes) {
+    result->tooLarge = true;
+    return 0;  // aborts the transfer
+  }
+  result->body.append(data, length);
+  return length;
+}
+
+std::optional<std::string> headerValue(std::string_view line, std::string_view name) {
+  if (line.size() <= name.size() || strncasecmp(line.data(), name.data(), name.size()) != 0 ||
+      line[name.size()] != ':') {
+    return std::nullopt;
+  }
+  line.remove_prefix(name.size() + 1);
+  const auto first = line.find_first_not_of(" \t");
+  const auto last = line.find_last_not_of(" \t\r\n");
+  if (first == std::string_view::npos) return std::nullopt;
+  return std::string(line.substr(first, last - first + 1));
+}
+
+size_t readHeader(char* data, size_t size, size_t count, void* user) {
+  auto* result = static_cast<FetchResult*>(user);
+  const std::string_view line(data, size * count);
+  if (auto v = headerValue(line, "etag")) result->etag = std::move(v);
+  if (auto v = headerValue(line, "last-modified")) result->lastModified = std::move(v);
+  return size * count;
+}
+
+void ensureCurlInit() {
+  static std::once_flag once;
+  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
+}
+
+FetchResult fetch(const std::string& url, const std::optional<platform::CachedURLResponse>& cached,
+                  std::chrono::milliseconds timeout) {
+  ensureCurlInit();
+  FetchResult result;
+  CURL* h = curl_easy_init();
+  if (h == nullptr) {
+    result.error = "curl_easy_init failed";
+    return result;
+  }
+  curl_slist* headers = nullptr;
+  if (cached && cached->etag) {
+    headers = curl_slist_append(headers, ("If-None-Match: " + *cached->etag).c_str());
+  }
+  if (cached && cached->lastModified) {
+    headers = curl_slist_append(headers, ("If-Modified-Since: " + *cached->lastModified).c_str());
+  }
+  curl_easy_setopt(h, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(h, CURLOPT_HTTPGET, 1L);
+  curl_easy_setopt(h, CURLOPT_PROTOCOLS_STR, "http,https");
+  curl_easy_setopt(h, CURLOPT_FOLLOWLOCATION, 0L);
+  curl_easy_setopt(h, CURLOPT_NOSIGNAL, 1L);
+  curl_easy_setopt(h, CURLOPT_TIMEOUT_MS, static_cast<long>(timeout.count()));
+  curl_easy_setopt(h, CURLOPT_WRITEFUNCTION, appendBody);
+  curl_easy_setopt(h, CURLOPT_WRITEDATA, &result);
+  curl_easy_setopt(h, CURLOPT_HEADERFUNCTION, readHeader);
+  curl_easy_setopt(h, CURLOPT_HEADERDATA, &result);
+  if (headers != nullptr) curl_easy_setopt(h, CURLOPT_HTTPHEADER, headers);
+  const CURLcode code = curl_easy_perform(h);
+  if (code == CURLE_OK) {
+    curl_easy_getinfo(h, CURLINFO_RESPONSE_CODE, &result.status);
+  } else {
+    result.error = result.tooLarge ? "the response is larger than 1 MiB" : curl_easy_strerror(code);
+  }
+  curl_slist_free_all(headers);
+  curl_easy_cleanup(h);
+  return result;
+}
+
+// --- Parsing ----------------------------------------------------------------
+
+bool fail(std::string* error, std::string message) {
+  if (error != nullptr) *error = std::move(message);
+  return false;
+}
+
+std::optional<KVRValue> parameterValue(const Json& json) {
+  switch (json.type()) {
+    case Json::value_t::string: return KVRValue(json.get<std::string>());
+    case Json::value_t::boolean: return KVRValue(json.get<bool>());
+    case Json::value_t::number_integer: return KVRValue(json.get<int64_t>());
+    case Json::value_t::number_unsigned: {
+      // JSON has no signedness: whole numbers are signed while they fit.
+      const auto u = json.get<uint64_t>();
+      if (u <= static_cast<uint64_t>(INT64_MAX)) return KVRValue(static_cast<int64_t>(u));
+      return KVRValue(u);
+    }
+    case Json::value_t::number_float: return KVRValue(json.get<double>());
+    default: return std::nullopt;
+  }
+}
+
+// --- The fetching thread ----------------------------------------------------
+
+class Fetcher {
+ public:
+  static Fetcher& shared() {
+    // Lives for the process: its thread may still be waiting at exit.
+    static auto* instance = new Fetcher;
+    return *instance;
+  }
+
+  void enqueue(KVNConfigurationManager::Completion completion) {
+    {
+      std::lock_guard lock(mutex_);
+      pending_.push_back(std::move(completion));
+      if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+    }
+    wake_.notify_one();
+  }
+
+ private:
+  void run() {
+    for (;;) {
+      std::vector<KVNConfigurationManager::Completion> batch;
+      {
+        std::unique_lock lock(mutex_);
+        wake_.wait(lock, [this] { return !pending_.empty(); });
+        batch.swap(pending_);
+      }
+      const bool success = reconfigure();
+      for (auto& completion : batch) {
+        if (!completion) continue;
+        try {
+          completion(success);
+        } catch (const std::exception& e) {
+          logLine(platform::LogLevel::Error,
+                  std::string("A configuration completion threw: ") + e.what());
+        } catch (...) {
+          logLine(platform::LogLevel::Error, "A configuration completion threw");
+        }
+      }
+    }
+  }
+
+  static void recordFailure(const std::string& url, const std::string& reason) {
+    logLine(platform::LogLevel::Error, "Configuration fetch from " + url + " failed: " + reason);
+    KVNUserDefaults::sharedUserDefaults()->setObject(KVRDate{platform::env().now()},
+                                                     kKVNLastConfigurationErrorDateKey);
+  }
+
+  static bool reconfigure() {
+    const std::string url = KVNConfigurationManager::configurationURL();
+    if (auto expiry = KVNConfigurationManager::coolDownExpiryTime();
+        expiry && expiry->secondsSince1970 > platform::env().now()) {
+      logLine(platform::LogLevel::Default,
+              "Configuration fetch skipped: cooling down after a failure until " +
+                  describeDate(*expiry));
+      return false;
+    }
+
+    auto& cache = platform::URLCache::sharedURLCache();
+    const auto cached = cache.cachedResponseForURL(url);
+    const FetchResult result = fetch(url, cached, KVNConfigurationManager::requestTimeout());
+
+    std::string body;
+    if (result.status == 200) {
+      body = result.body;
+    } else if (result.status == 304 && cached) {
+      body = cached->body;
+    } else if (result.status == 0) {
+      recordFailure(url, result.error);
+      return false;
+    } else {
+      recordFailure(url, "HTTP status " + std::to_string(result.status));
+      return false;
+    }
+
+    std::string error;
+    if (!KVNConfigurationManager::applyConfigurationDocument(
+            body, KVNConfiguration::sharedInstance(), &error)) {
+      recordFailure(url, error);
+      // A cached body that no longer applies is of no use.
+      if (result.status == 304) cache.removeCachedResponseForURL(url);
+      return false;
+    }
+    if (result.status == 200) {
+      platform::CachedURLResponse response;
+      response.body = result.body;
+      response.etag = result.etag;
+      response.lastModified = result.lastModified;
+      cache.storeCachedResponse(url, std::move(response));
+    }
+    KVNUserDefaults::sharedUserDefaults()->removeObjectForKey(kKVNLastConfigurationErrorDateKey);
+    return true;
+  }
+
+  std::mutex mutex_;
+  std::condition_variable wake_;
+  std::vector<KVNConfigurationManager::Completion> pending_;
+  std::thread thread_;
+};
+
+}  // namespace
+
+void KVNConfigurationManager::forceReconfigureWithCompletion(Completion completion) {
+  Fetcher::shared().enqueue(std::move(completion));
+}
+
+std::string KVNConfigurationManager::configurationURL() {
+  auto stored = KVNUserDefaults::sharedUserDefaults()->stringForKey(kKVNConfigurationURLKey);
+  if (stored && !stored->empty()) return *stored;
+  return productionConfigurationURL();
+}
+
+std::string KVNConfigurationManager::productionConfigurationURL() {
+  auto& s = settings();
+  std::lock_guard lock(s.mutex);
+  return s.productionURL.value_or(kDefaultProductionConfigurationURL);
+}
+
+void KVNConfigurationManager::setProductionConfigurationURL(std::optional<std::string> url) {
+  auto& s = settings();
+  std::lock_guard lock(s.mutex);
+  s.productionURL = std::move(url);
+}
+
+double KVNConfigurationManager::coolDownInterval() {
+  auto& s = settings();
+  std::lock_guard lock(s.mutex);
+  return s.coolDownSeconds;
+}
+
+void KVNConfigurationManager::setCoolDownInterval(double seconds) {
+  auto& s = settings();
+  std::lock_guard lock(s.mutex);
+  s.coolDownSeconds = std::isfinite(seconds) && seconds > 0 ? seconds : 0;
+}
+
+std::chrono::milliseconds KVNConfigurationManager::requestTimeout() {
+  auto& s = settings();
+  std::lock_guard lock(s.mutex);
+  return s.timeout;
+}
+
+void KVNConfigurationManager::setRequestTimeout(std::chrono::milliseconds timeout) {
+  auto& s = settings();
+  std::lock_guard lock(s.mutex);
+  s.timeout = timeout.count() > 0 ? timeout : std::chrono::milliseconds(1);
+}
+
+std::optional<KVRDate> KVNConfigurationManager::coolDownExpiryTime() {
+  auto last = KVNUserDefaults::sharedUserDefaults()->dateForKey(kKVNLastConfigurationErrorDateKey);
+  if (!last) return std::nullopt;
+  return KVRDate{last->secondsSince1970 + coolDownInterval()};
+}
+
+bool KVNConfigurationManager::applyConfigurationDocument(std::string_view text,
+                                                         KVNConfiguration& configuration,
+                                                         std::string* error) {
+  const Json json = Json::parse(text, nullptr, /*allow_exceptions=*/false);
+  if (json.is_discarded()) return fail(error, "the configuration is not valid JSON");
+  if (!json.is_object()) return fail(error, "the configuration is not a JSON object");
+
+  // Everything is checked before anything is applied.
+  std::optional<std::string> inid;
+  bool configured = true;
+  std::optional<bool> raiseExceptions;
+  std::optional<KVNBeaconsConfiguration> beacons;
+
+  if (auto it = json.find("inid"); it != json.end()) {
+    if (!it->is_string()) return fail(error, "\"inid\" is not text");
+    inid = it->get<std::string>();
+  }
+  if (auto it = json.find("configured"); it != json.end()) {
+    if (!it->is_boolean()) return fail(error, "\"configured\" is not a boolean");
+    configured = it->get<bool>();
+  }
+  if (auto it = json.find("korvelFrameworksRaiseExceptions"); it != json.end()) {
+    if (!it->is_boolean()) return fail(error, "\"korvelFrameworksRaiseExceptions\" is not a boolean");
+    raiseExceptions = it->get<bool>();
+  }
+  if (auto it = json.find("beacons"); it != json.end()) {
+    if (!it->is_object()) return fail(error, "\"beacons\" is not an object");
+    beacons.emplace();
+    if (auto e = it->find("beaconEndpoint"); e != it->end()) {
+      if (e->is_string()) {
+        beacons->beaconEndpoint = e->get<std::string>();
+      } else if (!e->is_null()) {
+        return fail(error, "\"beacons.beaconEndpoint\" is neither text nor null");
+      }
+    }
+    if (auto p = it->find("beaconParameters"); p != it->end()) {
+      if (!p->is_object()) return fail(error, "\"beacons.beaconParameters\" is not an object");
+      for (const auto& [key, value] : p->items()) {
+        auto parameter = parameterValue(value);
+        if (!parameter) {
+          return fail(error, "beacon parameter \"" + key + "\" is not text, a number or a boolean");
+        }
+        beacons->beaconParameters.set(key, std::move(*parameter));
+      }
+    }
+  }
+
+  configuration.update([&](KVNConfiguration::Snapshot& s) {
+    if (inid) s.inid = std::move(inid);
+    s.configured = configured;
+    if (raiseExceptions) s.korvelFrameworksRaiseExceptions = *raiseExceptions;
+    if (beacons) s.beacons = std::move(*beacons);
+  });
+  return true;
+}
+
+}  // namespace korvel

@@ -1,0 +1,287 @@
+// Where the durable executor keeps requests that are not delivered yet.
+//
+// Two stores share one front: an append-only journal in the store's
+// directory. A caller's thread makes a request durable by copying one framed
+// record into the active journal segment, which is memory-mapped; once the
+// copy is done the record is in the page cache and survives a kill of the
+// process at any instant. No fsync and no transaction happen on the caller's
+// thread: the executor's writer thread syncs in groups (a power loss loses at
+// most the last sync interval) and tells the store which requests are
+// finished.
+//
+//   JournalRequestStore  the journal is the store: closed segments stay until
+//                        every record in them is finished; finished ids go to
+//                        a small marks file beside each segment; a segment
+//                        that is mostly finished is compacted by copying its
+//                        live records forward.
+//
+// An SQLite store was built beside it and measured: the journal kept each
+// beacon in fewer bytes, delivered faster and synced once per interval where
+// SQLite wrote every record twice; it was removed (DurableRequestExecutor.h).
+//
+// Record identifiers are (epoch << 32) | counter. The epoch is larger than
+// any epoch of an earlier run found in the directory, so an identifier is
+// never reused while a record carrying it may still exist.
+//
+// Anything unreadable (a torn or corrupt journal tail, a garbage segment) is moved to the directory's "aside" folder with
+// a log line, what could be read is kept, and a fresh file is started. A store
+// never throws and never crashes its host over its files.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <korvel/platform/Logging.h>
+
+namespace korvel::platform {
+
+// One stored request: how to restore it and how to send it.
+struct StoredRequest {
+  uint64_t id = 0;
+  int64_t createdMillis = 0;  // wall clock, milliseconds since 1970
+  int32_t priority = 1;
+  int32_t configurationPolicy = 0;
+  int32_t retryCount = 0;
+  std::string kind;     // the restoration kind
+  std::string payload;  // the restoration payload
+
+  friend bool operator==(const StoredRequest&, const StoredRequest&) = default;
+};
+
+// CRC-32C (Castagnoli), as used by the journal's frames and marks.
+uint32_t crc32c(const void* data, size_t size, uint32_t crc = 0);
+
+// A frame is [u32 marker][u32 body length][u32 CRC-32C of the body][body],
+// little-endian; the body is u64 id, i64 created, i32 priority, i32 policy,
+// i32 retry count, u16 kind length, the kind, then the payload up to the end
+// of the body. The marker lets a reader find the next frame after a damaged
+// one instead of losing the rest of the file.
+inline constexpr uint32_t kFrameMarker = 0x4A52564B;  // "KVRJ"
+inline constexpr size_t kFrameHeaderBytes = 12;
+inline constexpr size_t kFrameFixedBodyBytes = 30;
+// A body longer than this is taken for corruption, not allocated.
+inline constexpr size_t kMaxFrameBodyBytes = 16u << 20;
+
+// Appends the frame of a request to out (out is not cleared).
+void appendFrame(std::string& out, uint64_t id, int64_t createdMillis, int32_t priority,
+                 int32_t configurationPolicy, int32_t retryCount, std::string_view kind,
+                 std::string_view payload);
+std::string encodeFrame(const StoredRequest& request);
+
+enum class FrameStatus {
+  Ok,
+  End,        // no bytes left
+  Truncated,  // the bytes end inside a frame (a torn write)
+  Corrupt,    // bad length or checksum
+};
+
+// Decodes the frame at data[offset]; on Ok, fills out and moves offset past it.
+FrameStatus decodeFrame(std::string_view data, size_t& offset, StoredRequest& out);
+
+// The offset of the next frame that decodes, at or after from; nothing when
+// there is none.
+std::optional<size_t> findNextFrame(std::string_view data, size_t from);
+
+struct StoreStats {
+  uint64_t bytesOnDisk = 0;    // files of the store, not counting set-aside ones
+  uint64_t storedRequests = 0;  // records the store holds (writer's view)
+};
+
+class RequestStore {
+ public:
+  virtual ~RequestStore() = default;
+
+  // The epoch of this run (the high half of identifiers made now).
+  virtual uint32_t epoch() const = 0;
+
+  // Any thread. Appends one frame (made by appendFrame) to the journal;
+  // false when it could not be written, the request then lives in memory.
+  virtual bool append(std::string_view frame, uint64_t id) = 0;
+
+  // The rest is for the writer thread only.
+
+  // Requests stored by earlier runs and not finished, oldest first, after
+  // setting aside what cannot be read. Called once, before the first sync.
+  virtual std::vector<StoredRequest> recover() = 0;
+
+  // Forgets the finished requests (delivered or dropped) and makes every
+  // append and every forget so far survive a power loss.
+  virtual void sync(std::span<const uint64_t> finished) = 0;
+
+  // Moves whatever can be moved so the files hold only what is stored
+  // (measurements and tests; sync() does this gradually).
+  virtual void compact() = 0;
+
+  virtual StoreStats stats() const = 0;
+};
+
+struct RequestStoreOptions {
+  std::filesystem::path directory;
+  // A journal segment is closed and a new one started past this size.
+  uint64_t segmentBytes = 1u << 20;
+  // Set-aside files kept in "aside" (the newest).
+  size_t keepAsideFiles = 4;
+  Logger logger{"Unknown bundle", "Delivery"};
+  // Called on the appending thread, outside the store's locks, when an
+  // append moved on to a new segment: the next sync() should come soon, so
+  // new spares are ready before the caller's thread has to make one.
+  std::function<void()> segmentSwitched;
+};
+
+// Null, after logging why, when the directory cannot be used.
+std::unique_ptr<RequestStore> openJournalRequestStore(const RequestStoreOptions& options);
+
+// The journal shared by both stores: directory, lock, epoch, the active
+// segment that callers append to, and reading and setting aside of segments.
+//
+// Segments are memory-mapped: a segment file is created with its full size
+// reserved on disk (posix_fallocate, so a full disk shows up then and never
+// as a fault inside a mapped write) and mapped shared. An append is a memcpy
+// into the mapping under a short lock: once it returns, the bytes belong to
+// the kernel's page cache and survive a kill of the process, with no system
+// call on the caller's thread. The writer thread makes them survive a power
+// loss (msync) and keeps spare segments ready, so a caller whose record does
+// not fit only swaps pointers. The unused end of a mapped segment reads as
+// zeros, which readers take for the end of the segment; a closed segment is
+// cut to its used length.
+//
+// Where a segment cannot be mapped (or reserved) the front falls back to
+// pwrite(2) appends on that segment; nothing else changes.
+class JournalFront {
+ public:
+  struct Appended {
+    uint64_t id;
+    uint32_t segment;
+    uint64_t offset;
+    uint32_t length;
+  };
+
+  // What callers appended, and which segments were closed, since the last
+  // drain. Every append to a closed segment is in the same drain or an
+  // earlier one.
+  struct Drained {
+    std::vector<Appended> appended;  // in file order per segment
+    std::vector<uint32_t> closed;
+  };
+
+  struct SegmentContents {
+    uint32_t number = 0;
+    bool headerOk = false;
+    // End when every byte up to the used length was a frame; otherwise the
+    // first damage found (frames after it that still decode are kept).
+    FrameStatus tail = FrameStatus::End;
+    uint64_t validBytes = 0;  // where the first damage starts
+    // The used length: the file's size without an unwritten (zero) end.
+    uint64_t fileBytes = 0;
+    uint64_t physicalBytes = 0;  // the file's size
+    std::vector<StoredRequest> records;
+    std::vector<uint64_t> offsets;  // of each record's frame
+  };
+
+  explicit JournalFront(RequestStoreOptions options) : options_(std::move(options)) {}
+  ~JournalFront();
+  JournalFront(const JournalFront&) = delete;
+  JournalFront& operator=(const JournalFront&) = delete;
+
+  // Creates the directory, takes its lock, picks the epoch (above minEpoch
+  // and above every segment's) and starts a new active segment. False, with
+  // the reason logged, when the directory cannot be used.
+  bool open(uint32_t minEpoch = 0);
+  // The directory lock alone (open() takes it when not yet taken): no two
+  // processes ever use one directory at once.
+  bool lockDirectory();
+
+  uint32_t epoch() const { return epoch_; }
+  const RequestStoreOptions& options() const { return options_; }
+  const Logger& logger() const { return options_.logger; }
+
+  // Any thread.
+  bool append(std::string_view frame, uint64_t id);
+  // Appends on the writer thread (records carried forward); not reported by
+  // drain(). The frame's location, or nothing when it failed.
+  std::optional<Appended> appendCarried(std::string_view frame, uint64_t id);
+
+  Drained drain();
+
+  // Segments of earlier runs found by open(), oldest first.
+  const std::vector<uint32_t>& earlierSegments() const { return earlierSegments_; }
+  uint32_t activeSegment() const;
+  // Used bytes of the active segment; UINT64_MAX when it cannot take more.
+  uint64_t activeBytes() const;
+
+  // Closes the active segment (reported by the next drain(), finished by the
+  // next syncActive()) and starts the next one. False when no new segment
+  // could be made.
+  bool rotate();
+  // Tops up the spare segments, makes every append so far survive a power
+  // loss, and finishes the segments closed since the last call (synced, cut
+  // to their used length, unmapped). Writer thread.
+  void syncActive();
+  void syncDirectory();
+
+  std::filesystem::path segmentPath(uint32_t number) const;
+  SegmentContents readSegment(uint32_t number) const;
+  // Cuts a closed segment of an earlier run to its used length.
+  void trimSegment(uint32_t number, uint64_t usedBytes);
+  // Moves a file to "aside" and logs why; deletes it when that fails.
+  void setAside(const std::filesystem::path& file, const std::string& reason);
+  void removeSegmentFiles(uint32_t number);
+
+  // Bytes of the store's files (not "aside", not the lock), counting open
+  // segments by their used length.
+  uint64_t bytesOnDisk() const;
+
+ private:
+  struct Segment {
+    int fd = -1;
+    uint32_t number = 0;
+    char* map = nullptr;  // null: appended with pwrite(2)
+    uint64_t capacity = 0;  // of the mapping
+    uint64_t bytes = 0;     // used
+    bool dirty = false;     // appended to since the last sync
+    bool broken = false;    // a failed pwrite left it unusable
+
+    bool hasRoom(size_t size) const { return map == nullptr || bytes + size <= capacity; }
+  };
+
+  // Creates, reserves and maps a new segment with room for at least
+  // frameBytes; with prefault, its pages are made writable now so the
+  // appends into it take no page faults. Any thread; takes no lock of the
+  // front's.
+  std::optional<Segment> createSegment(size_t frameBytes, bool prefault, std::string& error);
+  // Closes the active segment and installs the spare or a new one; with the
+  // lock held. False when no segment could be made.
+  bool switchSegmentLocked(size_t frameBytes);
+  std::optional<Appended> appendLocked(std::string_view frame, uint64_t id, bool& switched);
+  void topUpSpares();
+  void finish(Segment& segment);
+
+  RequestStoreOptions options_;
+  int lockFd_ = -1;
+  uint32_t epoch_ = 0;
+  std::vector<uint32_t> earlierSegments_;
+  std::atomic<uint32_t> nextSegment_{1};
+  std::atomic<bool> directoryDirty_{false};
+
+  // Two spares carry a burst of appends over the time the writer takes to
+  // notice that one was taken and to make the next.
+  static constexpr size_t kSpareSegments = 2;
+
+  mutable std::mutex mutex_;  // guards everything below
+  Segment active_;
+  std::vector<Segment> spares_;
+  std::vector<Segment> closing_;  // closed, not yet finished by syncActive()
+  std::vector<Appended> appended_;
+  std::vector<uint32_t> closed_;
+};
+
+}  // namespace korvel::platform

@@ -1,0 +1,67 @@
+// The overlay's Presenter: alerts, share sheets and mail composers the debug
+// pages present, drawn as ImGui modal popups (one at a time: alerts first,
+// then the screen presented last).
+//
+// Completions of presentations and dismissals run on the main queue, the
+// way a toolkit calls them after its animation, never inside the page's own
+// call.
+#pragma once
+
+#include <cstdint>
+#include <deque>
+#include <functional>
+#include <memory>
+#include <vector>
+
+#include <korvel/overlay/WidgetDrawing.h>
+#include <korvel/ui/UI.h>
+
+namespace korvel::overlay {
+
+class ImGuiPresenter : public platform::Presenter {
+ public:
+  void presentViewController(std::shared_ptr<platform::ViewController> screen,
+                             platform::ModalPresentationStyle style, bool animated,
+                             std::function<void()> completion) override;
+  void presentAlert(platform::Alert alert, bool animated,
+                    std::function<void()> completion) override;
+  void dismissViewController(bool animated, std::function<void()> completion) override;
+  // A desktop window is a large screen: pages take their large-screen
+  // presentations (form sheets).
+  platform::UserInterfaceIdiom userInterfaceIdiom() const override {
+    return platform::UserInterfaceIdiom::Pad;
+  }
+
+  // Draws what is presented, in the current (overlay) ImGui context. Share
+  // sheets open below the button they are anchored at, when it was drawn.
+  void draw(const ButtonFrames& buttons);
+
+  size_t pendingAlertCount() const { return alerts_.size(); }
+  size_t presentedCount() const { return presented_.size(); }
+
+ private:
+  struct PendingAlert {
+    uint64_t id;
+    platform::Alert alert;
+    std::function<void()> completion;
+  };
+  struct Presented {
+    uint64_t id;
+    std::shared_ptr<platform::ViewController> screen;
+    platform::ModalPresentationStyle style;
+    std::function<void()> completion;
+  };
+
+  // True when the popup with this id is open this frame (opening it the
+  // first time it is asked for).
+  bool beginModal(uint64_t id, const std::string& title, unsigned flags);
+  void drawAlert();
+  void drawPresented(const ButtonFrames& buttons);
+
+  std::deque<PendingAlert> alerts_;
+  std::vector<Presented> presented_;
+  uint64_t nextId_ = 1;
+  uint64_t openId_ = 0;
+};
+
+}  // namespace korvel::overlay

@@ -1,0 +1,39 @@
+// Small drawing helpers the overlay's pages share: the library's widget
+// states (platform/Widgets.h) as ImGui widgets, symbol names as glyphs, and
+// the rectangles of the buttons drawn this frame (share sheets are anchored
+// at theirs).
+#pragma once
+
+#include <map>
+#include <string>
+#include <string_view>
+
+#include <korvel/ui/ViewNode.h>
+#include <korvel/ui/Widgets.h>
+
+namespace korvel::overlay {
+
+// A glyph of DejaVu Sans for a symbol name ("play.fill", "envelope", ...);
+// empty for names without one.
+std::string_view glyphForSymbol(std::string_view systemName);
+
+// The text a button shows: its symbol's glyph (when it has one) and its
+// title.
+std::string buttonLabel(const platform::Button& button);
+
+// Where each button was drawn in the last frame.
+using ButtonFrames = std::map<const platform::Button*, platform::Rect>;
+
+// Draws button (nothing when hidden; greyed out when disabled) and forwards
+// a click to userTap(). Records its rectangle in frames when given.
+void drawButton(platform::Button& button, ButtonFrames* frames = nullptr);
+
+// A switch drawn as a pill with a knob; a click calls userToggle().
+void drawSwitch(const char* id, platform::Switch& sw);
+// How wide drawSwitch() draws, in the current style.
+float switchWidth();
+
+// A turning activity indicator of the current font's height.
+void drawSpinner();
+
+}  // namespace korvel::overlay

@@ -1,0 +1,470 @@
+#include <korvel/pageviews/ReportingValue.h>
+
+#include <array>
+#include <bit>
+#include <limits>
+#include <utility>
+
+#include <nlohmann/json.hpp>
+#include <unicode/bytestream.h>
+#include <unicode/normalizer2.h>
+#include <unicode/stringpiece.h>
+#include <unicode/utf8.h>
+
+#include <korvel/beacon/KVRConstants.h>
+
+namespace korvel {
+
+namespace {
+
+using nlohmann::json;
+using nlohmann::ordered_json;
+using Path = std::vector<std::string>;
+using Kind = ReportingDecodingError::Kind;
+
+// The case names double as the keys of the encoded form; indexed by Case.
+constexpr std::array<const char*, 4> kCaseNames = {"bool", "double", "int", "string"};
+constexpr const char* kPayloadKey = "_0";
+
+// ---------------------------------------------------------------------------
+// Canonical text
+
+bool isASCII(std::string_view text) {
+  for (unsigned char c : text) {
+    if (c >= 0x80) return false;
+  }
+  return true;
+}
+
+bool isWellFormedUTF8(std::string_view text) {
+  const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+  const int32_t length = static_cast<int32_t>(text.size());
+  int32_t i = 0;
+  while (i < length) {
+    UChar32 c;
+    U8_NEXT(bytes, i, length, c);
+    if (c < 0) return false;
+  }
+  return true;
+}
+
+// Both byte streams decode through ICU's StringPiece, whose length is 32-bit.
+bool fitsICU(std::string_view text) {
+  return text.size() <= static_cast<size_t>(std::numeric_limits<int32_t>::max());
+}
+
+const icu::Normalizer2* nfdNormalizer() {
+  // ICU keeps one immutable instance per process; it is safe on any thread.
+  static const icu::Normalizer2* const instance = [] {
+    UErrorCode status = U_ZERO_ERROR;
+    const icu::Normalizer2* n = icu::Normalizer2::getNFDInstance(status);
+    return U_SUCCESS(status) ? n : nullptr;
+  }();
+  return instance;
+}
+
+// Hash-combine with the golden-ratio constant, so that the order of the fed
+// parts matters (case index first, then payload).
+size_t combine(size_t seed, size_t value) {
+  return seed ^ (value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2));
+}
+
+size_t canonicalTextHash(const std::string& text) {
+  if (isASCII(text)) return std::hash<std::string_view>{}(text);
+  return std::hash<std::string>{}(canonicalDecomposition(text));
+}
+
+// ---------------------------------------------------------------------------
+// Decoding helpers
+
+[[noreturn]] void fail(Kind kind, Path path, std::string description) {
+  throw ReportingDecodingError(kind, std::move(path), std::move(description));
+}
+
+Path appending(Path path, std::string component) {
+  path.push_back(std::move(component));
+  return path;
+}
+
+std::string foundDescription(const json& value) {
+  switch (value.type()) {
+    case json::value_t::null: return "null";
+    case json::value_t::object: return "a dictionary";
+    case json::value_t::array: return "an array";
+    case json::value_t::string: return "a string";
+    case json::value_t::boolean: return "a boolean";
+    case json::value_t::number_integer:
+    case json::value_t::number_unsigned:
+    case json::value_t::number_float: return "a number";
+    case json::value_t::binary: return "binary data";
+    case json::value_t::discarded: return "invalid JSON";
+  }
+  return "an unknown value";
+}
+
+[[noreturn]] void mismatch(const Path& path, const char* expected, const json& found) {
+  fail(Kind::TypeMismatch, path,
+       std::string("Expected to decode ") + expected + " but found " + foundDescription(found) +
+           " instead.");
+}
+
+// The value of a keyed container; a result of json::parse(..., false) that
+// did not parse is reported as corrupt data rather than as a wrong type.
+const json& keyedContainer(const json& value, const Path& path) {
+  if (value.is_discarded()) fail(Kind::DataCorrupted, path, "The given data was not valid JSON.");
+  if (!value.is_object()) mismatch(path, "a keyed container", value);
+  return value;
+}
+
+const json& requiredValue(const json& container, const char* key, const Path& path) {
+  auto it = container.find(key);
+  if (it == container.end()) {
+    fail(Kind::KeyNotFound, path, std::string("No value associated with key \"") + key + "\".");
+  }
+  return *it;
+}
+
+std::string decodeString(const json& container, const char* key, const Path& path) {
+  const json& value = requiredValue(container, key, path);
+  if (!value.is_string()) mismatch(appending(path, key), "a string", value);
+  return value.get<std::string>();
+}
+
+double decodeDouble(const json& container, const char* key, const Path& path) {
+  const json& value = requiredValue(container, key, path);
+  if (!value.is_number()) mismatch(appending(path, key), "a double", value);
+  return value.get<double>();
+}
+
+int64_t decodeInt(const json& container, const char* key, const Path& path) {
+  const json& value = requiredValue(container, key, path);
+  if (value.is_number_unsigned()) {
+    const auto u = value.get<uint64_t>();
+    if (u > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) {
+      fail(Kind::DataCorrupted, appending(path, key),
+           "Parsed JSON number <" + std::to_string(u) + "> does not fit in Int64.");
+    }
+    return static_cast<int64_t>(u);
+  }
+  if (!value.is_number_integer()) mismatch(appending(path, key), "an Int64", value);
+  return value.get<int64_t>();
+}
+
+bool decodeBool(const json& container, const char* key, const Path& path) {
+  const json& value = requiredValue(container, key, path);
+  // A JSON number is never a boolean, not even 0 or 1.
+  if (!value.is_boolean()) mismatch(appending(path, key), "a Bool", value);
+  return value.get<bool>();
+}
+
+json parseText(std::string_view text) {
+  json parsed = json::parse(text.begin(), text.end(), nullptr, /*allow_exceptions=*/false);
+  if (parsed.is_discarded()) fail(Kind::DataCorrupted, {}, "The given data was not valid JSON.");
+  return parsed;
+}
+
+// ---------------------------------------------------------------------------
+// Encoding, for both JSON flavours: nlohmann::json (sorted keys) for callers
+// that build documents, ordered_json for text that keeps the declared order.
+
+template <class Json>
+Json encode(const ReportingValue& value) {
+  Json payload = Json::object();
+  switch (value.valueCase()) {
+    case ReportingValue::Case::Bool: payload[kPayloadKey] = *value.boolValue(); break;
+    case ReportingValue::Case::Double: payload[kPayloadKey] = *value.doubleValue(); break;
+    case ReportingValue::Case::Int: payload[kPayloadKey] = *value.intValue(); break;
+    case ReportingValue::Case::String: payload[kPayloadKey] = *value.stringValue(); break;
+  }
+  Json outer = Json::object();
+  outer[kCaseNames[static_cast<size_t>(value.valueCase())]] = std::move(payload);
+  return outer;
+}
+
+template <class Json>
+Json encode(const ReportingParameter& parameter) {
+  Json out = Json::object();
+  out["key"] = parameter.key;
+  out["value"] = encode<Json>(parameter.value);
+  return out;
+}
+
+template <class Json>
+Json encode(const PageName& name) {
+  Json out = Json::object();
+  out["stringValue"] = name.stringValue;
+  return out;
+}
+
+template <class Json>
+Json encode(const PageView& view) {
+  Json out = Json::object();
+  out["name"] = encode<Json>(view.name);
+  out["duration"] = view.duration;
+  Json parameters = Json::array();
+  for (const auto& parameter : view.reportingParameters) {
+    parameters.push_back(encode<Json>(parameter));
+  }
+  out["reportingParameters"] = std::move(parameters);
+  return out;
+}
+
+std::string pathText(const std::vector<std::string>& path) {
+  std::string text;
+  for (const auto& component : path) {
+    if (!text.empty()) text += '.';
+    text += component;
+  }
+  return text;
+}
+
+}  // namespace
+
+// ---------------------------------------------------------------------------
+
+ReportingDecodingError::ReportingDecodingError(Kind kind, std::vector<std::string> codingPath,
+                                               std::string description)
+    : std::runtime_error(codingPath.empty()
+                             ? description
+                             : description + " (coding path: " + pathText(codingPath) + ")"),
+      kind_(kind),
+      codingPath_(std::move(codingPath)),
+      description_(std::move(description)) {}
+
+std::string canonicalDecomposition(const std::string& text) {
+  if (isASCII(text) || !fitsICU(text) || !isWellFormedUTF8(text)) return text;
+  const icu::Normalizer2* nfd = nfdNormalizer();
+  if (nfd == nullptr) return text;
+
+  const icu::StringPiece source(text.data(), static_cast<int32_t>(text.size()));
+  UErrorCode status = U_ZERO_ERROR;
+  if (nfd->isNormalizedUTF8(source, status) && U_SUCCESS(status)) return text;
+
+  std::string result;
+  result.reserve(text.size() + text.size() / 2);
+  icu::StringByteSink<std::string> sink(&result);
+  status = U_ZERO_ERROR;
+  nfd->normalizeUTF8(0, source, sink, nullptr, status);
+  return U_SUCCESS(status) ? result : text;
+}
+
+bool canonicallyEqual(const std::string& a, const std::string& b) {
+  if (a == b) return true;
+  // Only when both sides are ASCII do different bytes settle it: some
+  // non-ASCII characters decompose to ASCII ones (KELVIN SIGN is "K").
+  if (isASCII(a) && isASCII(b)) return false;
+  return canonicalDecomposition(a) == canonicalDecomposition(b);
+}
+
+// ---------------------------------------------------------------------------
+// ReportingValue
+
+ReportingValue ReportingValue::boolean(bool v) { return ReportingValue(std::in_place_type<bool>, v); }
+ReportingValue ReportingValue::double_(double v) {
+  return ReportingValue(std::in_place_type<double>, v);
+}
+ReportingValue ReportingValue::int_(int64_t v) {
+  return ReportingValue(std::in_place_type<int64_t>, v);
+}
+ReportingValue ReportingValue::string(std::string v) {
+  return ReportingValue(std::in_place_type<std::string>, std::move(v));
+}
+
+bool operator==(const ReportingValue& a, const ReportingValue& b) {
+  if (a.payload_.index() != b.payload_.index()) return false;
+  switch (a.valueCase()) {
+    case ReportingValue::Case::Bool: return *a.boolValue() == *b.boolValue();
+    case ReportingValue::Case::Double: return *a.doubleValue() == *b.doubleValue();
+    case ReportingValue::Case::Int: return *a.intValue() == *b.intValue();
+    case ReportingValue::Case::String: return canonicallyEqual(*a.stringValue(), *b.stringValue());
+  }
+  return false;
+}
+
+size_t ReportingValue::hash() const {
+  size_t payloadHash = 0;
+  switch (valueCase()) {
+    case Case::Bool: payloadHash = std::hash<bool>{}(*boolValue()); break;
+    case Case::Double: {
+      // -0.0 == 0.0, so both must hash alike; NaN equals nothing, so its
+      // hash does not matter.
+      const double d = *doubleValue() == 0.0 ? 0.0 : *doubleValue();
+      payloadHash = std::hash<uint64_t>{}(std::bit_cast<uint64_t>(d));
+      break;
+    }
+    case Case::Int: payloadHash = std::hash<int64_t>{}(*intValue()); break;
+    case Case::String: payloadHash = canonicalTextHash(*stringValue()); break;
+  }
+  return combine(combine(0, payload_.index()), payloadHash);
+}
+
+nlohmann::json ReportingValue::toJSON() const { return encode<json>(*this); }
+
+std::string ReportingValue::toJSONString() const { return encode<ordered_json>(*this).dump(); }
+
+ReportingValue ReportingValue::fromJSON(const nlohmann::json& value,
+                                        std::vector<std::string> codingPath) {
+  const json& container = keyedContainer(value, codingPath);
+
+  // Keys other than the case names are tolerated and do not count.
+  const char* found = nullptr;
+  size_t count = 0;
+  for (const char* name : kCaseNames) {
+    if (container.contains(name)) {
+      found = name;
+      ++count;
+    }
+  }
+  if (count != 1) {
+    fail(Kind::TypeMismatch, std::move(codingPath), "Invalid number of keys found, expected one.");
+  }
+
+  const Path casePath = appending(codingPath, found);
+  const json& payload = keyedContainer(container[found], casePath);
+  const std::string_view name = found;
+  if (name == "bool") return boolean(decodeBool(payload, kPayloadKey, casePath));
+  if (name == "double") return double_(decodeDouble(payload, kPayloadKey, casePath));
+  if (name == "int") return int_(decodeInt(payload, kPayloadKey, casePath));
+  return string(decodeString(payload, kPayloadKey, casePath));
+}
+
+ReportingValue ReportingValue::fromJSONString(std::string_view text) {
+  return fromJSON(parseText(text));
+}
+
+// ---------------------------------------------------------------------------
+// ReportingParameter
+
+namespace {
+ReportingParameter stringParameter(std::string_view key, std::string v) {
+  return ReportingParameter(std::string(key), ReportingValue::string(std::move(v)));
+}
+}  // namespace
+
+ReportingParameter ReportingParameter::trackID(std::string v) {
+  return stringParameter(kKVRTrackID, std::move(v));
+}
+ReportingParameter ReportingParameter::trackAdamID(std::string v) {
+  return stringParameter(kKVRTrackAdamID, std::move(v));
+}
+ReportingParameter ReportingParameter::artistID(std::string v) {
+  return stringParameter(kKVRArtistAdamID, std::move(v));
+}
+ReportingParameter ReportingParameter::tagID(std::string v) {
+  return stringParameter(kKVRTagID, std::move(v));
+}
+ReportingParameter ReportingParameter::tagType(std::string v) {
+  return stringParameter(kKVRTagType, std::move(v));
+}
+ReportingParameter ReportingParameter::matchType(std::string v) {
+  return stringParameter(kKVRMatchType, std::move(v));
+}
+ReportingParameter ReportingParameter::forensicID(std::string v) {
+  return stringParameter(kKVRForensicID, std::move(v));
+}
+ReportingParameter ReportingParameter::microphone(std::string v) {
+  return stringParameter(kKVRMicrophone, std::move(v));
+}
+ReportingParameter ReportingParameter::polarPattern(std::string v) {
+  return stringParameter(kKVRPolarPattern, std::move(v));
+}
+ReportingParameter ReportingParameter::headphonesConnected(int64_t v) {
+  // An integer on purpose: the collectors expect a count-like number here.
+  return ReportingParameter(std::string(kKVRHeadphonesConnected), ReportingValue::int_(v));
+}
+ReportingParameter ReportingParameter::inputPort(std::string v) {
+  return stringParameter(kKVRInputPort, std::move(v));
+}
+ReportingParameter ReportingParameter::outputPort(std::string v) {
+  return stringParameter(kKVROutputPort, std::move(v));
+}
+ReportingParameter ReportingParameter::initialOrientation(std::string v) {
+  return stringParameter(kKVRInitialOrientation, std::move(v));
+}
+ReportingParameter ReportingParameter::currentOrientation(std::string v) {
+  return stringParameter(kKVRCurrentOrientation, std::move(v));
+}
+ReportingParameter ReportingParameter::sampleRate(double v) {
+  // No exported constant names this key; it stays a literal of its own.
+  return ReportingParameter("samplerate", ReportingValue::double_(v));
+}
+
+bool operator==(const ReportingParameter& a, const ReportingParameter& b) {
+  return a.value == b.value && canonicallyEqual(a.key, b.key);
+}
+
+size_t ReportingParameter::hash() const { return combine(canonicalTextHash(key), value.hash()); }
+
+nlohmann::json ReportingParameter::toJSON() const { return encode<json>(*this); }
+
+std::string ReportingParameter::toJSONString() const {
+  return encode<ordered_json>(*this).dump();
+}
+
+ReportingParameter ReportingParameter::fromJSON(const nlohmann::json& value,
+                                                std::vector<std::string> codingPath) {
+  const json& container = keyedContainer(value, codingPath);
+  std::string key = decodeString(container, "key", codingPath);
+  ReportingValue decoded =
+      ReportingValue::fromJSON(requiredValue(container, "value", codingPath),
+                               appending(codingPath, "value"));
+  return ReportingParameter(std::move(key), std::move(decoded));
+}
+
+ReportingParameter ReportingParameter::fromJSONString(std::string_view text) {
+  return fromJSON(parseText(text));
+}
+
+// ---------------------------------------------------------------------------
+// PageName
+
+bool operator==(const PageName& a, const PageName& b) {
+  return canonicallyEqual(a.stringValue, b.stringValue);
+}
+
+size_t PageName::hash() const { return canonicalTextHash(stringValue); }
+
+nlohmann::json PageName::toJSON() const { return encode<json>(*this); }
+
+std::string PageName::toJSONString() const { return encode<ordered_json>(*this).dump(); }
+
+PageName PageName::fromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
+  const json& container = keyedContainer(value, codingPath);
+  return PageName(decodeString(container, "stringValue", codingPath));
+}
+
+PageName PageName::fromJSONString(std::string_view text) { return fromJSON(parseText(text)); }
+
+// ---------------------------------------------------------------------------
+// PageView
+
+bool operator==(const PageView& a, const PageView& b) {
+  return a.name == b.name && a.duration == b.duration &&
+         a.reportingParameters == b.reportingParameters;
+}
+
+nlohmann::json PageView::toJSON() const { return encode<json>(*this); }
+
+std::string PageView::toJSONString() const { return encode<ordered_json>(*this).dump(); }
+
+PageView PageView::fromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
+  const json& container = keyedContainer(value, codingPath);
+
+  PageName name = PageName::fromJSON(requiredValue(container, "name", codingPath),
+                                     appending(codingPath, "name"));
+  const double duration = decodeDouble(container, "duration", codingPath);
+
+  const Path listPath = appending(codingPath, "reportingParameters");
+  const json& list = requiredValue(container, "reportingParameters", codingPath);
+  if (!list.is_array()) mismatch(listPath, "an array", list);
+  ReportingParameters parameters;
+  parameters.reserve(list.size());
+  for (size_t i = 0; i < list.size(); ++i) {
+    parameters.insert(ReportingParameter::fromJSON(list[i], appending(listPath, std::to_string(i))));
+  }
+  return PageView{std::move(name), duration, std::move(parameters)};
+}
+
+PageView PageView::fromJSONString(std::string_view text) { return fromJSON(parseText(text)); }
+
+}  // namespace korvel

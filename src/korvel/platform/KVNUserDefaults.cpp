@@ -1,0 +1,346 @@
+#include <korvel/platform/KVNUserDefaults.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cmath>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <stdexcept>
+
+#include <nlohmann/json.hpp>
+
+#include <korvel/platform/Env.h>
+#include <korvel/platform/Logging.h>
+
+namespace korvel {
+
+namespace fs = std::filesystem;
+using Json = nlohmann::ordered_json;
+
+namespace {
+
+constexpr const char* kDateTag = "$date";
+constexpr const char* kURLTag = "$url";
+constexpr const char* kDoubleTag = "$double";
+constexpr const char* kDictionaryTag = "$dictionary";
+
+void logLine(platform::LogLevel level, std::string message) {
+  const platform::Logger logger(
+      platform::env().mainBundleIdentifier().value_or("Unknown bundle"), "UserDefaults");
+  logger.log(level, std::move(message));
+}
+
+// --- Encoding ---------------------------------------------------------------
+
+Json encode(const KVRValue& value);
+
+Json encodeDictionary(const KVRParameters& dictionary) {
+  Json object = Json::object();
+  for (const auto& [key, value] : dictionary) object[key] = encode(value);
+  if (dictionary.size() == 1 && dictionary.begin()->first.starts_with('$')) {
+    return Json{{kDictionaryTag, std::move(object)}};
+  }
+  return object;
+}
+
+Json encode(const KVRValue& value) {
+  switch (value.kind()) {
+    case KVRValue::Kind::String:
+      return *value.asString();
+    case KVRValue::Kind::Int:
+      return *value.asInt();
+    case KVRValue::Kind::UInt:
+      // The decimal text is exact for the whole unsigned range.
+      return static_cast<uint64_t>(std::stoull(value.description()));
+    case KVRValue::Kind::Double: {
+      const double d = *value.asDouble();
+      if (std::isnan(d)) return Json{{kDoubleTag, "nan"}};
+      if (std::isinf(d)) return Json{{kDoubleTag, d > 0 ? "inf" : "-inf"}};
+      return d;
+    }
+    case KVRValue::Kind::Bool:
+      return *value.asBool();
+    case KVRValue::Kind::Date:
+      return Json{{kDateTag, value.asDate()->secondsSince1970}};
+    case KVRValue::Kind::URL:
+      return Json{{kURLTag, value.asURL()->absoluteString}};
+    case KVRValue::Kind::Dictionary:
+      return encodeDictionary(*value.asDictionary());
+    case KVRValue::Kind::List: {
+      Json array = Json::array();
+      for (const auto& item : *value.asList()) array.push_back(encode(item));
+      return array;
+    }
+  }
+  return nullptr;
+}
+
+// --- Decoding ---------------------------------------------------------------
+
+struct FormatError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
+
+KVRValue decode(const Json& json);
+
+KVRParameters decodeDictionary(const Json& object) {
+  KVRParameters dictionary;
+  dictionary.reserve(object.size());
+  for (auto it = object.begin(); it != object.end(); ++it) dictionary.set(it.key(), decode(it.value()));
+  return dictionary;
+}
+
+KVRValue decode(const Json& json) {
+  switch (json.type()) {
+    case Json::value_t::string:
+      return KVRValue(json.get<std::string>());
+    case Json::value_t::boolean:
+      return KVRValue(json.get<bool>());
+    case Json::value_t::number_integer:
+      return KVRValue(json.get<int64_t>());
+    case Json::value_t::number_unsigned: {
+      const auto u = json.get<uint64_t>();
+      if (u <= static_cast<uint64_t>(INT64_MAX)) return KVRValue(static_cast<int64_t>(u));
+      return KVRValue(u);
+    }
+    case Json::value_t::number_float:
+      return KVRValue(json.get<double>());
+    case Json::value_t::array: {
+      KVRList list;
+      list.reserve(json.size());
+      for (const auto& item : json) list.push_back(decode(item));
+      return KVRValue(std::move(list));
+    }
+    case Json::value_t::object: {
+      if (json.size() == 1) {
+        const auto first = json.begin();
+        const std::string& tag = first.key();
+        const Json& inner = first.value();
+        if (tag == kDateTag) {
+          if (!inner.is_number()) throw FormatError("a date that is not a number");
+          return KVRValue(KVRDate{inner.get<double>()});
+        }
+        if (tag == kURLTag) {
+          if (!inner.is_string()) throw FormatError("a URL that is not text");
+          return KVRValue(KVRURL{inner.get<std::string>()});
+        }
+        if (tag == kDoubleTag) {
+          const std::string text = inner.is_string() ? inner.get<std::string>() : "";
+          if (text == "nan") return KVRValue(std::nan(""));
+          if (text == "inf") return KVRValue(HUGE_VAL);
+          if (text == "-inf") return KVRValue(-HUGE_VAL);
+          throw FormatError("an unknown special number");
+        }
+        if (tag == kDictionaryTag) {
+          if (!inner.is_object()) throw FormatError("a wrapped dictionary that is not an object");
+          return KVRValue(decodeDictionary(inner));
+        }
+      }
+      return KVRValue(decodeDictionary(json));
+    }
+    default:
+      throw FormatError("a null or binary value");
+  }
+}
+
+// --- Files ------------------------------------------------------------------
+
+std::atomic<uint64_t> temporaryCounter{0};
+
+bool writeAll(int fd, const std::string& data) {
+  size_t written = 0;
+  while (written < data.size()) {
+    const ssize_t n = ::write(fd, data.data() + written, data.size() - written);
+    if (n < 0) {
+      if (errno == EINTR) continue;
+      return false;
+    }
+    written += static_cast<size_t>(n);
+  }
+  return true;
+}
+
+// Writes data to path through a flushed temporary file and a rename.
+bool writeFileAtomically(const std::string& path, const std::string& data, std::string& error) {
+  const fs::path target(path);
+  std::error_code ec;
+  if (target.has_parent_path()) fs::create_directories(target.parent_path(), ec);
+  if (ec) {
+    error = "cannot create " + target.parent_path().string() + ": " + ec.message();
+    return false;
+  }
+  const std::string temporary = path + ".tmp-" + std::to_string(::getpid()) + "-" +
+                                std::to_string(temporaryCounter.fetch_add(1));
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) {
+    error = "cannot create " + temporary + ": " + std::strerror(errno);
+    return false;
+  }
+  bool ok = writeAll(fd, data) && ::fsync(fd) == 0;
+  if (!ok) error = "cannot write " + temporary + ": " + std::strerror(errno);
+  if (::close(fd) != 0 && ok) {
+    ok = false;
+    error = "cannot close " + temporary + ": " + std::strerror(errno);
+  }
+  if (ok && ::rename(temporary.c_str(), path.c_str()) != 0) {
+    ok = false;
+    error = "cannot rename " + temporary + " to " + path + ": " + std::strerror(errno);
+  }
+  if (!ok) {
+    ::unlink(temporary.c_str());
+    return false;
+  }
+  // Make the rename itself durable.
+  const std::string directory =
+      target.has_parent_path() ? target.parent_path().string() : std::string(".");
+  const int dirfd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (dirfd >= 0) {
+    ::fsync(dirfd);
+    ::close(dirfd);
+  }
+  return true;
+}
+
+// Moves an unusable store out of the way; returns the new name, or empty.
+std::string moveAside(const std::string& path) {
+  const auto seconds = static_cast<long long>(std::floor(platform::env().now()));
+  std::string aside = path + ".corrupt-" + std::to_string(seconds);
+  std::error_code ec;
+  for (int n = 1; fs::exists(aside, ec) && n < 1000; ++n) {
+    aside = path + ".corrupt-" + std::to_string(seconds) + "-" + std::to_string(n);
+  }
+  if (::rename(path.c_str(), aside.c_str()) != 0) return {};
+  return aside;
+}
+
+std::mutex sharedMutex;
+std::shared_ptr<KVNUserDefaults>& sharedSlot() {
+  static auto* slot = new std::shared_ptr<KVNUserDefaults>;
+  return *slot;
+}
+
+}  // namespace
+
+KVNUserDefaults::KVNUserDefaults(std::string filePath) : filePath_(std::move(filePath)) {
+  load();
+}
+
+void KVNUserDefaults::load() {
+  std::error_code ec;
+  const auto status = fs::status(filePath_, ec);
+  if (!fs::exists(status)) return;
+
+  std::string problem;
+  if (fs::is_directory(status)) {
+    problem = "it is a directory";
+  } else {
+    std::ifstream in(filePath_, std::ios::binary);
+    std::stringstream content;
+    if (!in || !(content << in.rdbuf())) {
+      // An empty file reads as nothing, which is as unusable as garbage.
+      problem = in ? "it is empty" : std::string("cannot open it: ") + std::strerror(errno);
+    } else {
+      try {
+        const Json json = Json::parse(content.str());
+        if (!json.is_object()) throw FormatError("the top level is not an object");
+        values_ = decodeDictionary(json);
+        return;
+      } catch (const std::exception& e) {
+        values_.clear();
+        problem = e.what();
+      }
+    }
+  }
+
+  const std::string aside = moveAside(filePath_);
+  if (aside.empty()) {
+    logLine(platform::LogLevel::Error, "User defaults file " + filePath_ +
+                                           " is unusable (" + problem +
+                                           ") and could not be moved aside; starting empty");
+  } else {
+    logLine(platform::LogLevel::Error, "User defaults file " + filePath_ + " is unusable (" +
+                                           problem + "); moved aside to " + aside +
+                                           ", starting empty");
+  }
+}
+
+bool KVNUserDefaults::persistLocked() {
+  const std::string data =
+      encodeDictionary(values_).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  std::string error;
+  if (writeFileAtomically(filePath_, data, error)) return true;
+  logLine(platform::LogLevel::Error, "Could not save user defaults: " + error);
+  return false;
+}
+
+std::shared_ptr<KVNUserDefaults> KVNUserDefaults::sharedUserDefaults() {
+  std::lock_guard lock(sharedMutex);
+  auto& slot = sharedSlot();
+  if (!slot) slot = std::make_shared<KVNUserDefaults>(defaultFilePath());
+  return slot;
+}
+
+void KVNUserDefaults::setSharedUserDefaults(std::shared_ptr<KVNUserDefaults> defaults) {
+  std::lock_guard lock(sharedMutex);
+  sharedSlot() = std::move(defaults);
+}
+
+std::string KVNUserDefaults::defaultFilePath() {
+  fs::path base;
+  if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg != nullptr && *xdg == '/') {
+    base = xdg;
+  } else if (const char* home = std::getenv("HOME"); home != nullptr && *home != 0) {
+    base = fs::path(home) / ".config";
+  } else {
+    base = ".config";
+  }
+  std::string bundle = platform::env().mainBundleIdentifier().value_or("Unknown bundle");
+  // A bundle identifier is one path component, whatever it contains.
+  for (char& c : bundle) {
+    if (c == '/') c = '_';
+  }
+  if (bundle.empty() || bundle == "." || bundle == "..") bundle = "Unknown bundle";
+  return (base / "korvel" / bundle / "defaults.json").string();
+}
+
+std::optional<KVRValue> KVNUserDefaults::objectForKey(std::string_view key) const {
+  std::lock_guard lock(mutex_);
+  if (const KVRValue* value = values_.find(key)) return *value;
+  return std::nullopt;
+}
+
+std::optional<std::string> KVNUserDefaults::stringForKey(std::string_view key) const {
+  std::lock_guard lock(mutex_);
+  return values_.stringForKey(key);
+}
+
+std::optional<KVRDate> KVNUserDefaults::dateForKey(std::string_view key) const {
+  std::lock_guard lock(mutex_);
+  if (const KVRValue* value = values_.find(key)) return value->asDate();
+  return std::nullopt;
+}
+
+bool KVNUserDefaults::setObject(KVRValue value, std::string_view key) {
+  std::lock_guard lock(mutex_);
+  values_.set(key, std::move(value));
+  return persistLocked();
+}
+
+bool KVNUserDefaults::removeObjectForKey(std::string_view key) {
+  std::lock_guard lock(mutex_);
+  if (!values_.remove(key)) return true;
+  return persistLocked();
+}
+
+KVRParameters KVNUserDefaults::dictionaryRepresentation() const {
+  std::lock_guard lock(mutex_);
+  return values_;
+}
+
+}  // namespace korvel

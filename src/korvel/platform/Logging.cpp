@@ -1,0 +1,47 @@
+#include <korvel/platform/Logging.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <strings.h>
+
+#include <korvel/platform/Env.h>
+
+namespace korvel::platform {
+
+std::string_view logLevelName(LogLevel level) {
+  switch (level) {
+    case LogLevel::Debug: return "debug";
+    case LogLevel::Info: return "info";
+    case LogLevel::Default: return "default";
+    case LogLevel::Error: return "error";
+    case LogLevel::Fault: return "fault";
+  }
+  return "default";
+}
+
+namespace {
+LogLevel levelFromEnvironment() {
+  const char* text = std::getenv("KORVEL_LOG_LEVEL");
+  if (text == nullptr) return LogLevel::Default;
+  for (LogLevel level : {LogLevel::Debug, LogLevel::Info, LogLevel::Default, LogLevel::Error,
+                         LogLevel::Fault}) {
+    if (strcasecmp(text, std::string(logLevelName(level)).c_str()) == 0) return level;
+  }
+  return LogLevel::Default;
+}
+}  // namespace
+
+StderrLogSink::StderrLogSink() : minimum_(levelFromEnvironment()) {}
+
+void StderrLogSink::write(const LogRecord& record) {
+  if (record.level < minimum_) return;
+  std::lock_guard lock(mutex_);
+  std::fprintf(stderr, "[%s:%s] %s: %s\n", record.subsystem.c_str(), record.category.c_str(),
+               std::string(logLevelName(record.level)).c_str(), record.message.c_str());
+}
+
+void Logger::log(LogLevel level, std::string message) const {
+  env().logSink().write(LogRecord{level, subsystem_, category_, std::move(message)});
+}
+
+}  // namespace korvel::platform

@@ -1,0 +1,127 @@
+#include <korvel/platform/NotificationCenter.h>
+
+#include <algorithm>
+#include <condition_variable>
+#include <thread>
+#include <utility>
+
+namespace korvel::platform {
+
+// One registered observer. Calls into the block are counted so removal can
+// wait until no other thread is inside it.
+struct NotificationCenter::Observer {
+  ObserverToken token;
+  std::string name;
+  NotificationBlock block;
+
+  std::mutex mutex;
+  std::condition_variable idle;
+  bool removed = false;
+  int callsInFlight = 0;
+  // Threads currently inside the block (a block may be re-entered by a post
+  // from inside itself, so a thread may appear more than once).
+  std::vector<std::thread::id> callers;
+
+  bool enter() {
+    std::lock_guard lock(mutex);
+    if (removed) return false;
+    ++callsInFlight;
+    callers.push_back(std::this_thread::get_id());
+    return true;
+  }
+
+  void leave() {
+    std::lock_guard lock(mutex);
+    --callsInFlight;
+    callers.erase(std::find(callers.begin(), callers.end(), std::this_thread::get_id()));
+    if (callsInFlight == 0) idle.notify_all();
+  }
+
+  // Marks the observer removed and waits for calls on other threads to end.
+  void retire() {
+    std::unique_lock lock(mutex);
+    removed = true;
+    const auto self = std::this_thread::get_id();
+    idle.wait(lock, [&] {
+      return std::all_of(callers.begin(), callers.end(),
+                         [&](std::thread::id id) { return id == self; });
+    });
+  }
+};
+
+NotificationCenter::NotificationCenter()
+    : observers_(std::make_shared<const Snapshot>()) {}
+
+NotificationCenter::~NotificationCenter() = default;
+
+ObserverToken NotificationCenter::addObserver(std::string name, NotificationBlock block) {
+  auto observer = std::make_shared<Observer>();
+  observer->name = std::move(name);
+  observer->block = std::move(block);
+
+  std::lock_guard lock(writeMutex_);
+  observer->token = nextToken_++;
+  auto next = std::make_shared<Snapshot>(*observers_.load());
+  next->push_back(observer);
+  observers_.store(std::move(next));
+  return observer->token;
+}
+
+void NotificationCenter::removeObserver(ObserverToken token) {
+  std::shared_ptr<Observer> removed;
+  {
+    std::lock_guard lock(writeMutex_);
+    auto current = observers_.load();
+    auto next = std::make_shared<Snapshot>();
+    next->reserve(current->size());
+    for (const auto& observer : *current) {
+      if (observer->token == token) {
+        removed = observer;
+      } else {
+        next->push_back(observer);
+      }
+    }
+    if (!removed) return;
+    observers_.store(std::move(next));
+  }
+  // Outside the write lock: a callback running elsewhere may itself add or
+  // remove observers while we wait for it to finish.
+  removed->retire();
+}
+
+void NotificationCenter::post(std::string_view name, std::any object) {
+  const auto snapshot = observers_.load();
+  const Notification notification{name, object};
+  for (const auto& observer : *snapshot) {
+    if (observer->name != name) continue;
+    if (!observer->enter()) continue;
+    struct Leave {
+      Observer& o;
+      ~Leave() { o.leave(); }
+    } leave{*observer};
+    observer->block(notification);
+  }
+}
+
+bool NotificationCenter::hasObservers(std::string_view name) const {
+  const auto snapshot = observers_.load();
+  return std::any_of(snapshot->begin(), snapshot->end(),
+                     [&](const auto& observer) { return observer->name == name; });
+}
+
+ObserverRegistration& ObserverRegistration::operator=(ObserverRegistration&& other) noexcept {
+  if (this != &other) {
+    reset();
+    center_ = std::exchange(other.center_, nullptr);
+    token_ = std::exchange(other.token_, 0);
+  }
+  return *this;
+}
+
+void ObserverRegistration::reset() {
+  if (center_ != nullptr) center_->removeObserver(token_);
+  center_ = nullptr;
+  token_ = 0;
+}
+
+}  // namespace korvel::platform

@@ -1,0 +1,248 @@
+#include <korvel/reporters/KVREventsReporter.h>
+
+#include <string_view>
+
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/reporters/internal/KVRReporterSupport.h>
+
+namespace korvel {
+namespace {
+
+constexpr std::string_view kAppleMusicLive = "applemusic_live";
+constexpr std::string_view kWatchNow = "watch_now";
+constexpr std::string_view kWatchVideo = "watch_video";
+
+// A section added by a newer app is counted with the photo rail rather than
+// dropped: this mapping never leaves the origin out.
+constexpr std::string_view kOriginFallback = "photorail";
+constexpr std::string_view kOrigins[] = {
+    kKVRFeaturedAlbum,                       // 0
+    kKVRTopSongs,                            // 1
+    kKVRSetlistArtworkAMfA,                  // 2
+    kKVRSetlistArtworkEditorial,             // 3
+    kKVRSetlistAMfA,                         // 4
+    kKVRSetlistEditorial,                    // 5
+    "photorail",                             // 6
+    "photogallery",                          // 7
+    "tourdownloads",                         // 8
+    "upcomingconcerts",                      // 9
+    kKVRFeaturedPlaylist,                    // 10
+    "playlist",                              // 11
+    kWatchVideo,                             // 12
+    kKVRAMEventsLatestReleaseUpsell,         // 13
+    kKVRAMEventsLatestReleaseUpsellSpatial,  // 14
+};
+
+// The two playlist sections (10 featured, 11 other) are Apple Music Live
+// content: their impression is typed by the section and credited to the
+// service. Every other section is credited to itself.
+bool isPlaylistSection(KVREventPageOrigin section) { return (section & ~uint64_t{1}) == 10; }
+
+void setEventAndArtist(KVRParameters& parameters, const std::optional<std::string>& eventID,
+                       const std::optional<std::string>& artistID) {
+  parameters.set(kKVREventID, eventID);
+  parameters.set(kKVRArtistAdamID, artistID);
+}
+
+// {type, "providername": applemusic_live, event, artist}: the Apple Music
+// Live buttons, as impression and as tap alike.
+KVRParameters liveParameters(std::string_view type, const std::optional<std::string>& eventID,
+                             const std::optional<std::string>& artistID) {
+  auto parameters = reporting::userEvent(type);
+  parameters.set(kKVRProviderName, kAppleMusicLive);
+  setEventAndArtist(parameters, eventID, artistID);
+  return parameters;
+}
+
+void sendForEvent(std::string_view type, const std::optional<std::string>& eventID) {
+  auto parameters = reporting::userEvent(type);
+  parameters.set(kKVREventID, eventID);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void reportUpsellClosed(std::string_view upsell, const std::optional<std::string>& eventID,
+                        const std::optional<std::string>& artistID) {
+  auto parameters = reporting::userEvent(kKVRCloseType);
+  parameters.set(kKVRProviderName, upsell);
+  setEventAndArtist(parameters, eventID, artistID);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+KVRParameters videoParameters(std::string_view type, const std::optional<std::string>& videoID,
+                              const std::optional<std::string>& eventID,
+                              const std::optional<std::string>& artistID) {
+  auto parameters = reporting::userEvent(type);
+  setEventAndArtist(parameters, eventID, artistID);
+  parameters.set(kKVRProviderName, kAppleMusicLive);
+  parameters.set(kKVRCampaign, videoID);
+  return parameters;
+}
+
+}  // namespace
+
+void KVREventsReporter::reportWatchNowButtonImpressionForEventID(
+    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) {
+  reporting::send(KVRBeaconTypeImpression, liveParameters(kWatchNow, eventID, artistID));
+}
+
+void KVREventsReporter::reportImpressionForSection(KVREventPageOrigin section,
+                                                   const std::optional<std::string>& eventID,
+                                                   const std::optional<std::string>& artistID) {
+  const std::string sectionName = originStringForOrigin(section);
+  KVRParameters parameters;
+  if (isPlaylistSection(section)) {
+    parameters.set(kKVRType, sectionName);
+    parameters.set(kKVRProviderName, kAppleMusicLive);
+  } else {
+    parameters.set(kKVRProviderName, sectionName);
+  }
+  setEventAndArtist(parameters, eventID, artistID);
+  reporting::send(KVRBeaconTypeImpression, parameters);
+}
+
+void KVREventsReporter::reportDownloadedContentForEventID(
+    const std::optional<std::string>& eventID) {
+  sendForEvent("addcontent", eventID);
+}
+
+void KVREventsReporter::reportAddToCalendarTappedForEventID(
+    const std::optional<std::string>& eventID) {
+  sendForEvent(kKVRAddToCalendar, eventID);
+}
+
+void KVREventsReporter::reportTicketsModalDismissedForEventID(
+    const std::optional<std::string>& eventID) {
+  sendForEvent(kKVRCloseType, eventID);
+}
+
+void KVREventsReporter::reportLatestReleaseUpsellClosedForEventID(
+    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) {
+  reportUpsellClosed(kKVRAMEventsLatestReleaseUpsell, eventID, artistID);
+}
+
+void KVREventsReporter::reportLatestReleaseSpatialUpsellClosedForEventID(
+    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) {
+  reportUpsellClosed(kKVRAMEventsLatestReleaseUpsellSpatial, eventID, artistID);
+}
+
+void KVREventsReporter::reportTicketButtonTappedForEventID(
+    const std::optional<std::string>& eventID) {
+  sendForEvent(kKVRGetTickets, eventID);
+}
+
+void KVREventsReporter::reportNavigationToArtistPage() {
+  auto parameters = reporting::userEvent(kKVRNavType);
+  parameters.set(kKVROrigin, kKVREvent);
+  parameters.set(kKVRDestination, kKVRArtist);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVREventsReporter::reportNavigationToTrackPageFromOrigin(
+    KVREventPageOrigin origin, const std::optional<std::string>& eventID,
+    const std::optional<std::string>& artistID) {
+  auto parameters = reporting::userEvent(kKVRNavType);
+  setEventAndArtist(parameters, eventID, artistID);
+  parameters.set(kKVROrigin, originStringForOrigin(origin));
+  parameters.set(kKVRDestination, kKVRDetails);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVREventsReporter::reportAnotherEventTappedFromEventWithID(
+    const std::optional<std::string>& eventID) {
+  auto parameters = reporting::userEvent(kKVRNavType);
+  parameters.set(kKVREventID, eventID);
+  parameters.set(kKVRDestination, kKVREvent);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVREventsReporter::reportOpenedEventID(const std::optional<std::string>& eventID,
+                                            const std::optional<std::string>& artistID) {
+  auto parameters = reporting::userEvent(kKVRNavType);
+  setEventAndArtist(parameters, eventID, artistID);
+  parameters.set(kKVROrigin, kKVREvents);
+  parameters.set(kKVRDestination, kKVREvent);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVREventsReporter::reportEventListOpenedForArtistID(
+    const std::optional<std::string>& artistID) {
+  auto parameters = reporting::userEvent(kKVRNavType);
+  parameters.set(kKVRArtistAdamID, artistID);
+  parameters.set(kKVROrigin, kKVREvents);
+  parameters.set(kKVRDestination, kKVREventList);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVREventsReporter::reportOpenedPhotoForEventID(const std::optional<std::string>& eventID,
+                                                    KVREventPageOrigin origin) {
+  auto parameters = reporting::userEvent(kKVRNavType);
+  parameters.set(kKVREventID, eventID);
+  parameters.set(kKVROrigin, originStringForOrigin(origin));
+  parameters.set(kKVRDestination, "photo");
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVREventsReporter::reportOpenedVideoForVideoID(const std::optional<std::string>& videoID,
+                                                    const std::optional<std::string>& eventID,
+                                                    const std::optional<std::string>& artistID) {
+  reporting::send(KVRBeaconTypeUserEvent, videoParameters(kWatchVideo, videoID, eventID, artistID));
+}
+
+void KVREventsReporter::reportLoadedVideoForVideoID(const std::optional<std::string>& videoID,
+                                                    const std::optional<std::string>& eventID,
+                                                    const std::optional<std::string>& artistID,
+                                                    double loadingTime) {
+  auto parameters = videoParameters("watch_video_load", videoID, eventID, artistID);
+  parameters.set("latency", loadingTime);
+  parameters.set(kKVROrigin, kWatchVideo);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+std::optional<std::string> KVREventsReporter::reportWatchNowButtonTappedForEventID(
+    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) {
+  return reporting::send(KVRBeaconTypeUserEvent, liveParameters(kWatchNow, eventID, artistID));
+}
+
+std::optional<std::string> KVREventsReporter::reportPlaylistFooterButtonTappedForEventID(
+    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID,
+    bool isFeaturedPlaylist) {
+  auto parameters = liveParameters("playlist", eventID, artistID);
+  if (isFeaturedPlaylist) parameters.set(kKVROrigin, kKVRFeaturedPlaylist);
+  return reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVREventsReporter::reportOpenMapTappedForEventID(const std::optional<std::string>& eventID) {
+  reportOpenTicketProviderWithName("map", eventID);
+}
+
+std::optional<std::string> KVREventsReporter::reportOpenAppForStreamingServiceProvider(
+    KVRStreamingServiceProvider provider, const std::optional<std::string>& eventID,
+    KVREventPageOrigin origin) {
+  return reporting::sendOpenItem(KVRStreamingServiceReporter::providerNameForProvider(provider),
+                                 originStringForOrigin(origin), kKVREventID, eventID);
+}
+
+void KVREventsReporter::reportOpenTicketProviderWithName(
+    const std::optional<std::string>& name, const std::optional<std::string>& eventID) {
+  auto parameters = reporting::userEvent(kKVROpenType);
+  parameters.set(kKVREventID, eventID);
+  parameters.set(kKVRProviderName, name);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVREventsReporter::reportPlaybackForEventID(
+    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID,
+    const std::optional<std::string>& streamingServiceIdentifier, KVREventPageOrigin origin) {
+  KVRParameters beaconData;
+  setEventAndArtist(beaconData, eventID, artistID);
+  beaconData.set(kKVROrigin, originStringForOrigin(origin));
+  KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
+      streamingServiceIdentifier, beaconData);
+}
+
+std::string KVREventsReporter::originStringForOrigin(KVREventPageOrigin origin) {
+  // Values beyond int64_t's range turn negative here and fall back as well.
+  return reporting::wordFor(kOrigins, static_cast<int64_t>(origin), kOriginFallback);
+}
+
+}  // namespace korvel

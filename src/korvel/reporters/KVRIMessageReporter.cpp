@@ -1,0 +1,67 @@
+#include <korvel/reporters/KVRIMessageReporter.h>
+
+#include <array>
+#include <string_view>
+
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/reporters/internal/KVRReporterSupport.h>
+
+namespace korvel {
+
+namespace {
+
+constexpr std::array<std::string_view, 3> kOriginWords = {"manual", "imessage_mykorvel",
+                                                          "imessagetag"};
+constexpr std::string_view kOriginFallback = "manual";
+
+KVRParameters trackEvent(std::string_view type, const std::optional<std::string>& trackID) {
+  KVRParameters parameters = reporting::userEvent(type);
+  parameters.set(kKVRTrackID, trackID);
+  return parameters;
+}
+
+}  // namespace
+
+void KVRIMessageReporter::reportIMessageOpened() {
+  reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent("imessageopen"));
+}
+
+void KVRIMessageReporter::reportIMessageExpandedForTrackID(
+    const std::optional<std::string>& trackID) {
+  reporting::send(KVRBeaconTypeUserEvent, trackEvent("imessagetagopen", trackID));
+}
+
+void KVRIMessageReporter::reportIMessageWillSendMessageForTrackID(
+    const std::optional<std::string>& trackID) {
+  reporting::send(KVRBeaconTypeUserEvent, trackEvent("imessagesent", trackID));
+}
+
+void KVRIMessageReporter::reportIMessageWillSendMessageFromOrigin(
+    KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) {
+  KVRParameters parameters = trackEvent("imessagesent", forTrackID);
+  parameters.set(kKVROrigin, imessageOriginStringForIMessageOrigin(origin));
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRIMessageReporter::reportIMessageTapPlayWithTrackID(
+    const std::optional<std::string>& trackID) {
+  KVRParameters parameters = trackEvent(kKVRNavType, trackID);
+  parameters.set(kKVRDestination, kKVRKorvel);
+  parameters.set(kKVROrigin, imessageOriginStringForIMessageOrigin(KVRIMessageOriginTag));
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+std::optional<std::string> KVRIMessageReporter::reportIMessageOpenAppleMusicTappedFromOrigin(
+    KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) {
+  KVRParameters parameters = reporting::userEvent(kKVROpenType);
+  parameters.set(kKVRProviderName, kKVRProviderAppleMusicValue);
+  parameters.set(kKVRTrackID, forTrackID);
+  parameters.set(kKVROrigin, imessageOriginStringForIMessageOrigin(origin));
+  return reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+std::string KVRIMessageReporter::imessageOriginStringForIMessageOrigin(KVRIMessageOrigin origin) {
+  return reporting::wordFor(kOriginWords, origin, kOriginFallback);
+}
+
+}  // namespace korvel

@@ -1,0 +1,78 @@
+#include <korvel/reporters/KVRLibraryReporter.h>
+
+#include <array>
+#include <string_view>
+
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/reporters/internal/KVRReporterSupport.h>
+#include <korvel/reporters/KVRStreamingServiceReporter.h>
+
+namespace korvel {
+
+namespace {
+
+constexpr std::array<std::string_view, 7> kCardTypeWords = {
+    "history",        "amupsell",        "ammodalupsell", kKVRSearch,
+    "trending",       "playlistsforyou", kKVRLibraryICloudDisabledProviderName,
+};
+constexpr std::string_view kCardTypeFallback = "history";
+
+void reportNavigation(std::string_view destination) {
+  KVRParameters parameters = reporting::userEvent(kKVRNavType);
+  parameters.set(kKVRDestination, destination);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+}  // namespace
+
+void KVRLibraryReporter::reportLibraryImpressionOfType(KVRLibraryCardType type,
+                                                       const KVRTagDetails* tagDetails) {
+  KVRParameters parameters;
+  parameters.set(kKVRProviderName, reportingStringForType(type));
+  reporting::mergeTagParameters(parameters, tagDetails);
+  reporting::send(KVRBeaconTypeImpression, parameters);
+}
+
+void KVRLibraryReporter::reportOpenedTrack(const KVRTagDetails* tagDetails,
+                                           const std::optional<KVRValue>& cardPosition,
+                                           KVRLibraryCardType cardType) {
+  KVRParameters parameters = reporting::userEvent(kKVRNavType);
+  parameters.set(kKVRDestination, kKVRDetails);
+  parameters.set(kKVRCardPosition, cardPosition);
+  parameters.set(kKVRCardType, reportingStringForType(cardType));
+  reporting::mergeTagParameters(parameters, tagDetails);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRLibraryReporter::reportPlayTrack(
+    const KVRTagDetails* tagDetails,
+    const std::optional<std::string>& withStreamingServiceIdentifier,
+    const std::optional<KVRValue>& cardPosition) {
+  KVRParameters parameters;
+  reporting::mergeTagParameters(parameters, tagDetails);
+  // After the merge: the card the user tapped wins over any position the tag
+  // remembers.
+  parameters.set(kKVRCardPosition, cardPosition);
+  KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
+      withStreamingServiceIdentifier, parameters);
+}
+
+void KVRLibraryReporter::reportTappedSeeAllForType(KVRLibraryCardType type,
+                                                   const std::optional<std::string>& origin) {
+  KVRParameters parameters = reporting::userEvent(kKVRNavType);
+  parameters.set(kKVRDestination, reportingStringForType(type));
+  parameters.set(kKVROrigin, origin);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRLibraryReporter::reportOpenedUpsellCard() { reportNavigation("amupsell"); }
+
+void KVRLibraryReporter::reportSearchTapped() { reportNavigation(kKVRSearch); }
+
+void KVRLibraryReporter::reportKorvelButtonTapped() { reportNavigation(kKVRHome); }
+
+std::string KVRLibraryReporter::reportingStringForType(KVRLibraryCardType type) {
+  return reporting::wordFor(kCardTypeWords, type, kCardTypeFallback);
+}
+
+}  // namespace korvel

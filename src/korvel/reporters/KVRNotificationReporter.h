@@ -1,0 +1,25 @@
+// Notifications: opened by the user, and the local notifications the app
+// posts after a recognition in the background.
+#pragma once
+
+#include <optional>
+#include <string>
+
+#include <korvel/foundation/KVRParameters.h>
+
+namespace korvel {
+
+class KVRNotificationReporter {
+ public:
+  KVRNotificationReporter() = delete;
+
+  // The notification's own beacon data is sent along and may name its own
+  // "type".
+  static void reportNotificationOpenedWithBeaconData(const KVRParameters& beaconData);
+  static void reportAutoMatchNotificationSent();
+  static void reportBackgroundMatchLocalNotificationSent(const std::optional<std::string>& trackID);
+  static void reportBackgroundNoMatchLocalNotificationSent();
+  static void reportBackgroundNoMatchLocalNotificationTapped();
+};
+
+}  // namespace korvel

@@ -1,0 +1,42 @@
+#include <korvel/reporters/KVRPlayerReporter.h>
+
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/reporters/internal/KVRReporterSupport.h>
+#include <korvel/reporters/KVRUserEventReporter.h>
+
+namespace korvel {
+
+void KVRPlayerReporter::reportNavigationToArtistPage() {
+  KVRParameters parameters = reporting::userEvent(kKVRNavType);
+  parameters.set(kKVROrigin, "player");
+  parameters.set(kKVRDestination, kKVRArtist);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRPlayerReporter::reportUserTappedOnTrackInPlayerTracklistWithTagDetails(
+    const KVRTagDetails* tagDetails,
+    const std::optional<std::string>& streamingServiceProviderName) {
+  KVRParameters parameters = reporting::userEvent(kKVRPlayerPlay);
+  reporting::mergeTagParameters(parameters, tagDetails);
+  // After the merge, so that the service actually playing is the one named.
+  parameters.set(kKVRProviderName, streamingServiceProviderName);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRPlayerReporter::reportUserTappedSavePlaylistWithStreamingServiceProviderName(
+    const std::optional<std::string>& providerName) {
+  KVRParameters parameters = reporting::userEvent("saveplaylist");
+  parameters.set(kKVRProviderName, providerName);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRPlayerReporter::reportUserScrolledToBottomOfTracklist() {
+  KVRUserEventReporter::reportUserScrolled();
+}
+
+std::string KVRPlayerReporter::playerContentTypeStringFromPlayerContentType(
+    KVRPlayerContentType /*type*/) {
+  return "playlist";
+}
+
+}  // namespace korvel

@@ -1,0 +1,17 @@
+// Consent to the processing of personal information where the law asks for
+// it (PIPL).
+#pragma once
+
+#include <korvel/foundation/KVRParameters.h>
+
+namespace korvel {
+
+class KVRPrivacyConsentReporter {
+ public:
+  KVRPrivacyConsentReporter() = delete;
+
+  // The time of consent goes out in seconds since 1970, fraction kept.
+  static void reportChinaPIPLPrivacyConsentGrantedAtTimestamp(KVRDate timestamp, bool isNewUser);
+};
+
+}  // namespace korvel

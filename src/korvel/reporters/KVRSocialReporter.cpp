@@ -1,0 +1,42 @@
+#include <korvel/reporters/KVRSocialReporter.h>
+
+#include <array>
+#include <string_view>
+
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/reporters/internal/KVRReporterSupport.h>
+
+namespace korvel {
+
+namespace {
+
+constexpr std::array<std::string_view, 3> kNetworkWords = {"twitter", "instagram", "facebook"};
+constexpr std::string_view kNetworkFallback = "twitter";
+
+void reportUserEvent(std::string_view type) {
+  reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent(type));
+}
+
+}  // namespace
+
+void KVRSocialReporter::reportTookScreenshot() { reportUserEvent("tookscreenshot"); }
+
+void KVRSocialReporter::reportMyKorvelScreenshotEducationSeen() {
+  reportUserEvent("mykorveleducationseen");
+}
+
+void KVRSocialReporter::reportMyKorvelScreenshotEducationActionTapped() {
+  reportUserEvent("mykorveleducationactiontapped");
+}
+
+void KVRSocialReporter::reportTappedSocialMediaLink(KVRSocialNetworkType network) {
+  KVRParameters parameters = reporting::userEvent("opensocialnetwork");
+  parameters.set(kKVRProviderName, stringForSocialNetworkType(network));
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+std::string KVRSocialReporter::stringForSocialNetworkType(KVRSocialNetworkType network) {
+  return reporting::wordFor(kNetworkWords, network, kNetworkFallback);
+}
+
+}  // namespace korvel

@@ -1,0 +1,462 @@
+#include <korvel/reporters/KVRStreamingServiceReporter.h>
+
+#include <iterator>
+#include <string_view>
+
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/foundation/KVNError.h>
+#include <korvel/reporters/internal/KVRReporterSupport.h>
+#include <korvel/reporters/KVRTaggingReporter.h>
+
+namespace korvel {
+namespace {
+
+constexpr std::string_view kLoginOriginKey = "loginorigin";
+constexpr std::string_view kErrorMessageKey = "errormessage";
+constexpr std::string_view kErrorDescriptionKey = "errordescription";
+constexpr std::string_view kPreviewKey = "preview";
+constexpr std::string_view kPlayQueueKey = "playqueue";
+constexpr std::string_view kPlayerSessionEndType = "playersessionend";
+constexpr std::string_view kLoginFlowType = "streamingmusicflow";
+constexpr std::string_view kAppleMusicUpsellType = "applemusicupsell";
+constexpr std::string_view kAppleMusicPrivacy = "am_privacy";
+constexpr std::string_view kClassicalHalfSheet = "classical_half_sheet";
+
+// Long enough to recognise the error, short enough to keep the URL small.
+constexpr size_t kReportableDescriptionUTF16Units = 50;
+
+// Value 1 is left as a gap on purpose: it is the deep link, which is also
+// what any place this build does not know reads as.
+constexpr std::string_view kLoginOriginFallback = "deeplink";
+constexpr std::string_view kLoginOrigins[] = {
+    "settings",                              // 0
+    {},                                      // 1
+    "playallupsell",                         // 2
+    "mykorvel",                              // 3
+    "tagresult",                             // 4
+    "hubpreview",                            // 5
+    "addtoplaylist",                         // 6
+    "hubopen",                               // 7
+    "subscriptionchangedalert",              // 8
+    kKVRLyrics,                              // 9
+    "mykorveloverflow",                      // 10
+    "huboverflowopen",                       // 11
+    "featuredhubopen",                       // 12
+    "featuredhubpreview",                    // 13
+    "featuredhuboverflow",                   // 14
+    "historyopen",                           // 15
+    "historypreview",                        // 16
+    "historyoverflow",                       // 17
+    "listviewhubopen",                       // 18
+    "listviewopen",                          // 19
+    "listviewplayallupsell",                 // 20
+    "listviewoverflow",                      // 21
+    "trackoverflow",                         // 22
+    "overflowconnect",                       // 23
+    "playlistmetadata",                      // 24
+    "playlistpill",                          // 25
+    "listviewpreview",                       // 26
+    "highlightspill",                        // 27
+    "morecontent",                           // 28
+    "mykorvelupsell",                        // 29
+    "mykorvelmodalupsell",                   // 30
+    "metadata",                              // 31
+    kKVRTopSongs,                            // 32
+    kKVRRelatedSongs,                        // 33
+    kKVRRerunOverlay,                        // 34
+    kKVROfflineOverlay,                      // 35
+    kKVRHubMessage,                          // 36
+    "chartsrail",                            // 37
+    kKVRFeaturedAlbum,                       // 38
+    kKVRRedeemDeeplink,                      // 39
+    "ammodalupsell",                         // 40
+    "hub",                                   // 41
+    "inmymusic",                             // 42
+    kKVRTopSongs,                            // 43: top songs reached from the artist page
+    kKVRFeaturedAlbum,                       // 44: featured album reached from the artist page
+    "morealbums",                            // 45
+    kKVRPlaylists,                           // 46
+    kKVRPlaylists,                           // 47: playlists reached from the artist page
+    kKVRSetlistArtworkAMfA,                  // 48
+    kKVRSetlistArtworkEditorial,             // 49
+    kKVRSetlistAMfA,                         // 50
+    kKVRSetlistEditorial,                    // 51
+    kKVRAMEventsLatestReleaseUpsell,         // 52
+    kKVRAMEventsLatestReleaseUpsellSpatial,  // 53
+    kKVRFeaturedPlaylist,                    // 54
+    "live_activity",                         // 55
+};
+static_assert(std::size(kLoginOrigins) == 56);
+
+constexpr std::string_view kLoginActions[] = {
+    "start",                                     // 0
+    "subscribe_in",                              // 1
+    "subscribe_out",                             // 2
+    kKVRSuccess,                                 // 3
+    "error",                                     // 4
+    "subscribe_out_campaign",                    // 5
+    "accepts_privacy",                           // 6
+    "medialibrary_permissiondenied_subscriber",  // 7
+};
+// 0 is a gap: a plain sign-out and an unknown outcome both read as success.
+constexpr std::string_view kLogoutActions[] = {{}, "error", "logout", "cancel"};
+constexpr std::string_view kNativeSheetActions[] = {"signin", "privacy", "subscribe"};
+constexpr std::string_view kProviderNames[] = {kKVRProviderAppleMusicValue};
+constexpr std::string_view kSyncCardNames[] = {"streamsync_applemusic", "streamsync_spotify"};
+constexpr std::string_view kLoginUpsellActions[] = {"cancel", "spotify"};
+constexpr std::string_view kPreviewUpsellActions[] = {"continue", "cancel"};
+constexpr std::string_view kPreviewUpsellPrivacyActions[] = {"continue_privacy", "cancel_privacy"};
+
+// The byte length of the well-formed UTF-8 sequence starting at text[i], or
+// 0 when the bytes there are not one (stray continuation byte, overlong
+// form, encoded surrogate, beyond U+10FFFF, or cut short by the end).
+size_t wellFormedSequenceLength(std::string_view text, size_t i) {
+  const auto at = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
+  const unsigned char lead = at(i);
+  if (lead < 0x80) return 1;
+  size_t length = 0;
+  unsigned char low = 0x80;
+  unsigned char high = 0xBF;
+  if (lead >= 0xC2 && lead <= 0xDF) {
+    length = 2;
+  } else if (lead >= 0xE0 && lead <= 0xEF) {
+    length = 3;
+    if (lead == 0xE0) low = 0xA0;   // overlong
+    if (lead == 0xED) high = 0x9F;  // surrogates
+  } else if (lead >= 0xF0 && lead <= 0xF4) {
+    length = 4;
+    if (lead == 0xF0) low = 0x90;   // overlong
+    if (lead == 0xF4) high = 0x8F;  // beyond U+10FFFF
+  } else {
+    return 0;
+  }
+  if (text.size() - i < length) return 0;
+  if (at(i + 1) < low || at(i + 1) > high) return 0;
+  for (size_t k = 2; k < length; ++k) {
+    if ((at(i + k) & 0xC0) != 0x80) return 0;
+  }
+  return length;
+}
+
+// The longest prefix of text that is at most maxUnits UTF-16 code units
+// long. A character outside the Basic Multilingual Plane (four UTF-8 bytes)
+// is a surrogate pair, two units; when the limit falls between the two
+// halves of a pair the cut moves before the whole character, so the result
+// is one unit shorter rather than ending in half a character. Bytes that are
+// not UTF-8 become U+FFFD, one unit each, so whatever the host hands in, the
+// URL gets valid UTF-8.
+std::string prefixOfUTF16Length(std::string_view text, size_t maxUnits) {
+  static constexpr std::string_view kReplacementCharacter = "\xEF\xBF\xBD";
+  std::string prefix;
+  size_t units = 0;
+  for (size_t i = 0; i < text.size();) {
+    const size_t length = wellFormedSequenceLength(text, i);
+    const size_t cost = length == 4 ? 2 : 1;
+    if (units + cost > maxUnits) break;
+    if (length == 0) {
+      prefix += kReplacementCharacter;
+      i += 1;
+    } else {
+      prefix.append(text.substr(i, length));
+      i += length;
+    }
+    units += cost;
+  }
+  return prefix;
+}
+
+// The "preview" flag: the app played a preview, not through a service.
+void markPreviewIf(KVRParameters& parameters, bool isPreview) {
+  if (isPreview) parameters.set(kPreviewKey, reporting::flag(true));
+}
+
+void setCodeAndMessage(KVRParameters& parameters, const KVNError& error, std::string_view codeKey,
+                       std::string_view messageKey) {
+  parameters.set(codeKey, error.code());
+  parameters.set(messageKey,
+                 KVRStreamingServiceReporter::reportableStreamingErrorLocalisedDescription(&error));
+}
+
+// The membership and offer checks share one shape. An error handed in with
+// a success is stale and is not reported.
+void reportAccountCheck(std::string_view type, bool success, const KVNError* error,
+                        double duration) {
+  auto parameters = reporting::userEvent(type);
+  parameters.set(kKVRAction, success ? kKVRSuccess : kKVRErrorKey);
+  parameters.set(kKVRDuration, duration);
+  if (error != nullptr && !success) {
+    parameters.set(kKVRErrorDetailCode, error->code());
+    parameters.set("errordomain", error->domain());
+    parameters.set(
+        kErrorMessageKey,
+        KVRStreamingServiceReporter::reportableStreamingErrorLocalisedDescription(error));
+  }
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+// A user event whose only other parameter is the service.
+void reportForService(std::string_view type,
+                      const std::optional<std::string>& streamingServiceIdentifier) {
+  auto parameters = reporting::userEvent(type);
+  parameters.set(kKVRProviderName, streamingServiceIdentifier);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+}  // namespace
+
+std::optional<std::string> KVRStreamingServiceReporter::reportStreamingLoginWithAction(
+    KVRStreamingLoginAction action, const std::optional<std::string>& streamingServiceIdentifier,
+    KVRStreamingOrigin loginOrigin, const KVRTagDetails* tagDetails, const KVNError* error,
+    const std::optional<KVRParameters>& additionalBeaconData) {
+  auto parameters = reporting::userEvent(kLoginFlowType);
+  parameters.set(kKVRAction, streamingLoginActionStringForAction(action));
+  parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
+  parameters.set(kKVRProviderName, streamingServiceIdentifier);
+  reporting::mergeTagParameters(parameters, tagDetails);
+  if (error != nullptr) {
+    setCodeAndMessage(parameters, *error, kKVRErrorDetailCode, kErrorMessageKey);
+    // Only a real error counts: the key may hold anything the host put there.
+    if (const KVNError* underlying = error->underlyingError()) {
+      setCodeAndMessage(parameters, *underlying, "underlyingerrorcode", "underlyingerrormessage");
+    }
+  }
+  parameters.merge(additionalBeaconData);
+  return reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportStreamingLogoutWithAction(
+    KVRStreamingLogoutAction action, const std::optional<std::string>& streamingServiceIdentifier) {
+  auto parameters = reporting::userEvent("streamingmusiclogout");
+  parameters.set(kKVRProviderName, streamingServiceIdentifier);
+  parameters.set(kKVRAction, streamingLogoutActionStringForAction(action));
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellImpressionShowingPrivacy(
+    bool showingPrivacy, KVRStreamingOrigin loginOrigin) {
+  KVRParameters parameters;
+  parameters.set(kKVRProviderName,
+                 showingPrivacy ? "am_previewupsell_privacy" : "am_previewupsell");
+  parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
+  reporting::send(KVRBeaconTypeImpression, parameters);
+}
+
+void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellUserEventAction(
+    KVRAppleMusicPreviewUpsellAction action, bool showingPrivacy, KVRStreamingOrigin loginOrigin) {
+  auto parameters = reporting::userEvent(kAppleMusicUpsellType);
+  parameters.set(kKVRAction, reporting::wordFor(showingPrivacy ? kPreviewUpsellPrivacyActions
+                                                               : kPreviewUpsellActions,
+                                                action));
+  // Written a second time on purpose; the value and its position stay.
+  parameters.set(kKVRType, kAppleMusicUpsellType);
+  parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyCardUpsellImpression() {
+  reporting::sendProviderImpression(kAppleMusicPrivacy);
+}
+
+void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyRejectedFromLoginOrigin(
+    KVRStreamingOrigin loginOrigin) {
+  auto parameters = reporting::userEvent(kKVRNavType);
+  // Rejecting the consent returns the user to the screen they came from.
+  parameters.set(kKVRDestination, KVRUserSession().currentScreenName());
+  parameters.set(kKVROrigin, kAppleMusicPrivacy);
+  parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportStreamingLoginUpsellUserEventAction(
+    KVRStreamingLoginUpsellAction action) {
+  auto parameters = reporting::userEvent("streamingloginupsell");
+  parameters.set(kKVRAction, reporting::wordFor(kLoginUpsellActions, action));
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
+    const std::optional<std::string>& streamingServiceIdentifier,
+    const std::optional<KVRParameters>& beaconData) {
+  auto parameters = reporting::userEvent(kKVRPlayerPlay);
+  parameters.set(kKVRProviderName, streamingServiceIdentifier);
+  markPreviewIf(parameters, !streamingServiceIdentifier || streamingServiceIdentifier->empty());
+  parameters.merge(beaconData);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportPlaybackSessionEndedWithStreamingServiceIdentifier(
+    const std::optional<std::string>& streamingServiceIdentifier,
+    const std::optional<KVRValue>& playbackDurationMilliseconds,
+    const std::optional<KVRValue>& playbackTrackCount, const std::optional<std::string>& playlistID,
+    uint64_t applicationState, const std::optional<KVRParameters>& beaconData) {
+  auto parameters = reporting::userEvent(kPlayerSessionEndType);
+  parameters.set(kKVRProviderName, streamingServiceIdentifier);
+  parameters.set(kPlayQueueKey, playlistID);
+  parameters.set("playbackduration", playbackDurationMilliseconds);
+  parameters.set(KVRTrackPageKeyTrackCount, playbackTrackCount);
+  parameters.set(kKVRBackgroundSession, reporting::flag(applicationState == 0));
+  markPreviewIf(parameters, !streamingServiceIdentifier);
+  parameters.merge(beaconData);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportPlayAllUserEventWithStreamingServiceIdentifier(
+    const std::optional<std::string>& streamingServiceIdentifier,
+    const std::optional<std::string>& playlistID, const std::optional<std::string>& origin) {
+  auto parameters = reporting::userEvent(kKVRPlayerPlay);
+  parameters.set(kKVRProviderName, streamingServiceIdentifier);
+  markPreviewIf(parameters, !streamingServiceIdentifier);
+  parameters.set(kPlayQueueKey, playlistID);
+  parameters.set(kKVROrigin, origin);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportTrackPageFeaturedAlbumWithTagDetails(
+    const KVRTagDetails* tagDetails, const std::optional<std::string>& albumId) {
+  auto parameters = reporting::userEvent(kKVRPlayerPlay);
+  parameters.set(kKVROrigin, kKVRFeaturedAlbum);
+  parameters.set(kKVRAlbumId, albumId);
+  parameters.set(kKVRProviderName, kKVRProviderAppleMusicValue);
+  reporting::mergeFeaturedTagParameters(parameters, tagDetails);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportPlaylistUpdatedWithStreamingServiceIdentifier(
+    const std::optional<std::string>& streamingServiceIdentifier) {
+  reportForService("playlistupdated", streamingServiceIdentifier);
+}
+
+void KVRStreamingServiceReporter::reportPlaylistSelectionWithStreamingServiceIdentifier(
+    const std::optional<std::string>& streamingServiceIdentifier) {
+  auto parameters = reporting::userEvent("streamingmusicplaylistaction");
+  parameters.set(kKVRProviderName, streamingServiceIdentifier);
+  parameters.set("playlistwasselected", "1");  // text, not a number
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportPlaylistUpdateError(
+    const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) {
+  // An error beacon that still carries a user-event type, as the dashboards
+  // expect; the code is written even when the host has no error to give.
+  auto parameters = reporting::userEvent("playlistupdateerror");
+  parameters.set(kKVRProviderName, streamingServiceIdentifier);
+  parameters.set(kKVRErrorDetailCode, error != nullptr ? error->code() : int64_t{0});
+  if (error != nullptr) parameters.set(kErrorDescriptionKey, error->description());
+  reporting::send(KVRBeaconTypeError, parameters);
+}
+
+void KVRStreamingServiceReporter::reportMyKorvelPlaylistCreatedWithStreamingServiceIdentifier(
+    const std::optional<std::string>& streamingServiceIdentifier,
+    const std::optional<KVRValue>& numberOfTracks) {
+  auto parameters = reporting::userEvent("mykorvelsplaylistcreated");
+  parameters.set(kKVRProviderName, streamingServiceIdentifier);
+  parameters.set("mykorvelscount", numberOfTracks);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportPlaylistSavedWithStreamingServiceIdentifier(
+    const std::optional<std::string>& streamingServiceIdentifier) {
+  reportForService("playlistsaved", streamingServiceIdentifier);
+}
+
+void KVRStreamingServiceReporter::reportPlaylistSaveFailedWithError(
+    const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) {
+  auto parameters = reporting::userEvent("playlistsavefailed");
+  parameters.set(kKVRProviderName, streamingServiceIdentifier);
+  if (error != nullptr) {
+    parameters.set(kKVRErrorDetailCode, error->code());
+    parameters.set(kErrorDescriptionKey, error->description());
+  }
+  reporting::send(KVRBeaconTypeError, parameters);
+}
+
+void KVRStreamingServiceReporter::reportAppleMusicMediaLibraryPermissionGranted(bool granted) {
+  auto parameters = reporting::userEvent("applemusicpermission");
+  parameters.set("am", reporting::flag(granted));
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportStreamingServiceSyncCardImpressionWithProvider(
+    KVRStreamingServiceProvider provider) {
+  KVRParameters parameters;
+  parameters.set(kKVRProviderName, reporting::wordFor(kSyncCardNames, provider));
+  reporting::send(KVRBeaconTypeImpression, parameters);
+}
+
+void KVRStreamingServiceReporter::reportStreamingServiceSyncCardAcceptTappedWithProvider(
+    KVRStreamingServiceProvider provider) {
+  auto parameters = reporting::userEvent("streamsync");
+  parameters.set(kKVRProviderName, providerNameForProvider(provider));
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportStreamingServiceAutoSyncEnabled(
+    bool enabled, KVRStreamingServiceProvider provider) {
+  auto parameters = reporting::userEvent("pk_autoadd_korvels");
+  parameters.set(kKVRProviderName, providerNameForProvider(provider));
+  parameters.set(kKVRValue, enabled ? kKVROn : kKVROff);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRStreamingServiceReporter::reportAppleMusicMemberStatusFetchingFinishedWithSuccess(
+    bool success, const KVNError* error, double duration) {
+  reportAccountCheck("ammember_check", success, error, duration);
+}
+
+void KVRStreamingServiceReporter::reportAppleMusicSubscriptionOfferFetchingFinishedWithSuccess(
+    bool success, const KVNError* error, double duration) {
+  reportAccountCheck("amoffer_check", success, error, duration);
+}
+
+void KVRStreamingServiceReporter::reportAppleMusicClassicalDismissedForProviderName(
+    const std::optional<std::string>& providerName) {
+  reportForService(kKVRCloseType, providerName);
+}
+
+void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardImpression() {
+  reporting::sendProviderImpression(kClassicalHalfSheet);
+}
+
+void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardOpen() {
+  reporting::send(KVRBeaconTypeUserEvent,
+                  reporting::openEvent(kKVRAppleMusicClassical, kClassicalHalfSheet));
+}
+
+void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardDismissed() {
+  reportAppleMusicClassicalDismissedForProviderName(std::string(kClassicalHalfSheet));
+}
+
+std::string KVRStreamingServiceReporter::streamingOriginStringFromOrigin(
+    KVRStreamingOrigin origin) {
+  // Values beyond int64_t's range turn negative here and fall back as well.
+  return reporting::wordFor(kLoginOrigins, static_cast<int64_t>(origin), kLoginOriginFallback);
+}
+
+std::string KVRStreamingServiceReporter::streamingLoginActionStringForAction(
+    KVRStreamingLoginAction action) {
+  return reporting::wordFor(kLoginActions, static_cast<int64_t>(action), kKVRSuccess);
+}
+
+std::string KVRStreamingServiceReporter::streamingLogoutActionStringForAction(
+    KVRStreamingLogoutAction action) {
+  return reporting::wordFor(kLogoutActions, static_cast<int64_t>(action), kKVRSuccess);
+}
+
+std::string KVRStreamingServiceReporter::streamingNativeSheetActionStringForAction(
+    KVRStreamingNativeSheetAction action) {
+  return reporting::wordFor(kNativeSheetActions, static_cast<int64_t>(action), "cancel");
+}
+
+std::string KVRStreamingServiceReporter::providerNameForProvider(
+    KVRStreamingServiceProvider provider) {
+  return reporting::wordFor(kProviderNames, provider, kKVRProviderSpotifyValue);
+}
+
+std::optional<std::string>
+KVRStreamingServiceReporter::reportableStreamingErrorLocalisedDescription(const KVNError* error) {
+  if (error == nullptr || !error->localizedDescription()) return std::nullopt;
+  return prefixOfUTF16Length(*error->localizedDescription(), kReportableDescriptionUTF16Units);
+}
+
+}  // namespace korvel

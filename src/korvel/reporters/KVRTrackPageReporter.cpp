@@ -1,0 +1,88 @@
+#include <korvel/reporters/KVRTrackPageReporter.h>
+
+#include <string_view>
+
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/reporters/internal/KVRReporterSupport.h>
+
+namespace korvel {
+namespace {
+
+// 6 is a gap on purpose: that place is reported without an origin, like an
+// unknown one.
+constexpr std::string_view kOrigins[] = {
+    "overflow",         // 0
+    "track_overflow",   // 1
+    "track",            // 2
+    kKVRTopSongs,       // 3
+    kKVRFeaturedAlbum,  // 4
+    kKVRRelatedSongs,   // 5
+    {},                 // 6
+    kKVRDetails,        // 7
+};
+
+KVRParameters openedTrackParameters() {
+  auto parameters = reporting::userEvent(kKVRNavType);
+  parameters.set(kKVRDestination, kKVRDetails);
+  return parameters;
+}
+
+}  // namespace
+
+void KVRTrackPageReporter::reportNavigationToArtistPageFromOrigin(KVRTrackPageOrigin origin) {
+  auto parameters = reporting::userEvent(kKVRNavType);
+  parameters.set(kKVROrigin, originStringForOrigin(origin));
+  parameters.set(kKVRDestination, kKVRArtist);
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRTrackPageReporter::reportOpenedTrackWithTrackAdamID(
+    const std::optional<std::string>& trackAdamID, KVRTrackPageOrigin origin) {
+  auto parameters = openedTrackParameters();
+  parameters.set(kKVRTrackAdamID, trackAdamID);
+  parameters.set(kKVROrigin, originStringForOrigin(origin));
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+void KVRTrackPageReporter::reportOpenedTrack(const KVRTagDetails* tagDetails,
+                                             KVRTrackPageOrigin origin) {
+  auto parameters = openedTrackParameters();
+  reporting::mergeTagParameters(parameters, tagDetails);
+  // After the merge: the place on this page is what the beacon is about.
+  parameters.set(kKVROrigin, originStringForOrigin(origin));
+  reporting::send(KVRBeaconTypeUserEvent, parameters);
+}
+
+std::optional<std::string> KVRTrackPageReporter::reportOpenAppForStreamingServiceProvider(
+    KVRStreamingServiceProvider provider, const std::optional<std::string>& trackAdamID,
+    KVRTrackPageOrigin origin) {
+  return reporting::sendOpenItem(KVRStreamingServiceReporter::providerNameForProvider(provider),
+                                 originStringForOrigin(origin), kKVRTrackAdamID, trackAdamID);
+}
+
+void KVRTrackPageReporter::reportPlaybackForTagDetails(
+    const KVRTagDetails* tagDetails, const std::optional<std::string>& streamingServiceIdentifier,
+    KVRTrackPageOrigin origin) {
+  KVRParameters beaconData;
+  beaconData.set(kKVROrigin, originStringForOrigin(origin));
+  // After the origin: a tag that knows where it was played from wins.
+  reporting::mergeTagParameters(beaconData, tagDetails);
+  KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
+      streamingServiceIdentifier, beaconData);
+}
+
+void KVRTrackPageReporter::reportPlaybackForTrackID(
+    const std::optional<std::string>& trackID,
+    const std::optional<std::string>& streamingServiceIdentifier, KVRTrackPageOrigin origin) {
+  KVRParameters beaconData;
+  beaconData.set(kKVRTrackAdamID, trackID);
+  beaconData.set(kKVROrigin, originStringForOrigin(origin));
+  KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
+      streamingServiceIdentifier, beaconData);
+}
+
+std::optional<std::string> KVRTrackPageReporter::originStringForOrigin(KVRTrackPageOrigin origin) {
+  return reporting::wordFor(kOrigins, origin);
+}
+
+}  // namespace korvel

@@ -1,0 +1,84 @@
+// The user's actions that belong to no single screen: sharing, shortcuts,
+// support requests, the about-page easter egg, the hub and overflow buttons,
+// scrolling, the welcome screen, the privacy link, the auto-recognition
+// switch, opening an item in a music or video service, the rerun and offline
+// overlays, the featured-in button, wrong-song feedback and app updates.
+// Every one is a user-event beacon.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include <korvel/foundation/KVRParameters.h>
+
+namespace korvel {
+
+struct KVRTagDetails;
+
+// 0 asks for help; every other value is a diagnostic report.
+using KVRSupportRequestType = uint64_t;
+inline constexpr KVRSupportRequestType KVRSupportRequestTypeGetHelp = 0;
+inline constexpr KVRSupportRequestType KVRSupportRequestTypeDiagnosticReport = 1;
+
+class KVRUserEventReporter {
+ public:
+  KVRUserEventReporter() = delete;
+
+  // Sharing. additionalBeaconData is merged last, so the host can override
+  // anything, "type" included.
+  static std::optional<std::string> reportShareActionWithAdditionalBeaconData(
+      const std::optional<KVRParameters>& additionalBeaconData);
+  // A missing or empty provider means the sheet was dismissed.
+  static void reportShareSheetSelectedForProvider(
+      const std::optional<std::string>& provider, bool shareCompleted,
+      const std::optional<KVRParameters>& additionalBeaconData);
+
+  static void reportShortcutUsed(const std::optional<std::string>& shortcut);
+  static void reportSupportRequestedOfType(KVRSupportRequestType type);
+  static void reportAboutIconEasterEggSuccess(bool success);
+
+  // Carries no type of its own; the host supplies one in
+  // additionalBeaconData if it wants one.
+  static std::optional<std::string> reportHubButtonTappedForTagDetails(
+      const KVRTagDetails* tagDetails, const std::optional<KVRParameters>& additionalBeaconData);
+  static void reportOverflowArtistTappedWithTagDetails(
+      const KVRTagDetails* tagDetails, const std::optional<KVRParameters>& additionalBeaconData);
+
+  static void reportUserScrolled();
+  static void reportWelcomeGotItTapped();
+  static void reportPrivacyLearnMoreTapped();
+  static void reportAutoKorvelSwitchEnabled(bool enabled);
+  static void reportNewConfigReceived();
+  static void reportUpdateAppButtonTapped();
+
+  // Opening an item in another app.
+  static void reportOpenActionWithProviderName(const std::optional<std::string>& providerName,
+                                               const std::optional<std::string>& origin);
+  static void reportOpenYouTube();
+  static std::optional<std::string> reportOpenAppleMusicWithTrackID(
+      const std::optional<std::string>& trackID);
+  static void reportTrackPageMetadataActionButtonTapped();
+  static void reportPlayerMetadataOpen();
+  static void reportPlayerFooterOpen();
+  // The tag's parameters go even without a tag (the device's orientation),
+  // and its "trackkey" is repeated under "trackid".
+  static std::optional<std::string> reportFeaturedInItemActionButtonTappedWithTagDetails(
+      const KVRTagDetails* tagDetails, const std::optional<std::string>& providerName,
+      const std::optional<std::string>& albumId);
+
+  // The rerun and offline overlays.
+  static void reportUserLeftRerunOverlay();
+  static void reportUserLeftOfflineOverlay();
+  static void reportOpenedTrackFromRerunOverlay(const KVRTagDetails* tagDetails);
+  static void reportOpenedTrackFromOfflineOverlay(const KVRTagDetails* tagDetails);
+
+  // Sends the track id under both "trackid" and "trackkey".
+  static void reportWrongTrackSubmittedWithTrackId(const std::optional<std::string>& trackId,
+                                                   const std::optional<std::string>& tagID);
+
+  // "gethelp" for 0, "diagnosticreport" for anything else.
+  static std::string stringForSupportRequestTypeType(KVRSupportRequestType type);
+};
+
+}  // namespace korvel

@@ -1,0 +1,15 @@
+#include <korvel/reporters/KVRWebReporter.h>
+
+#include <korvel/beacon/KVRBeacon.h>
+#include <korvel/reporters/internal/KVRReporterSupport.h>
+
+namespace korvel {
+
+void KVRWebReporter::reportWebBeaconWithParameters(const KVRParameters& parameters,
+                                                   const std::optional<std::string>& event) {
+  KVRParameters beaconParameters = reporting::userEvent("webbeacon");
+  beaconParameters.merge(parameters);
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeWebInitiated, beaconParameters, event);
+}
+
+}  // namespace korvel

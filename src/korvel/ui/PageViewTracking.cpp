@@ -1,0 +1,182 @@
+#include <korvel/ui/PageViewTracking.h>
+
+namespace korvel {
+
+namespace detail {
+
+std::string unimplementedInitializer(std::string_view initializer, std::string_view className) {
+  return "Use of unimplemented initializer '" + std::string(initializer) + "' for class '" +
+         std::string(className) + "'";
+}
+
+}  // namespace detail
+
+namespace {
+
+constexpr std::string_view kViewControllerCoderMessage =
+    "init(coder:pageViewManager:) must be used";
+// The missing colon after the last label is part of the message as hosts
+// have always seen it.
+constexpr std::string_view kCollectionAndTableCoderMessage =
+    "init(coder:pageViewManager:pageName:pageViewReportingParameters) must be used";
+
+}  // namespace
+
+// The plain forms build the platform controller with its default
+// constructor: no interface file, no bundle.
+
+// --- PageViewTrackingViewController ------------------------------------------
+
+PageViewTrackingViewController::PageViewTrackingViewController(
+    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
+    ReportingParameters pageViewReportingParameters)
+    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
+                       std::move(pageViewReportingParameters)) {}
+
+PageViewTrackingViewController::PageViewTrackingViewController(
+    std::optional<std::string> nibName, std::optional<platform::Bundle> bundle,
+    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
+    ReportingParameters pageViewReportingParameters)
+    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
+                       std::move(pageViewReportingParameters), std::move(nibName),
+                       std::move(bundle)) {}
+
+PageViewTrackingViewController::PageViewTrackingViewController(
+    const platform::Coder& coder, std::shared_ptr<PageViewManager> pageViewManager,
+    PageName pageName, ReportingParameters pageViewReportingParameters)
+    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
+                       std::move(pageViewReportingParameters), coder) {}
+
+PageViewTrackingViewController::PageViewTrackingViewController(const platform::Coder&)
+    : PageViewTracking(Refused{}, kViewControllerCoderMessage) {}
+
+PageViewTrackingViewController::PageViewTrackingViewController(std::optional<std::string>,
+                                                               std::optional<platform::Bundle>)
+    : PageViewTracking(Refused{}, detail::unimplementedInitializer(
+                                      "init(nibName:bundle:)", "PageViewTrackingViewController")) {}
+
+// --- PageViewTrackingCollectionViewController --------------------------------
+
+PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
+    platform::CollectionViewLayout collectionViewLayout,
+    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
+    ReportingParameters pageViewReportingParameters)
+    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
+                       std::move(pageViewReportingParameters), collectionViewLayout) {}
+
+PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
+    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
+    ReportingParameters pageViewReportingParameters)
+    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
+                       std::move(pageViewReportingParameters)) {}
+
+PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
+    std::optional<std::string> nibName, std::optional<platform::Bundle> bundle,
+    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
+    ReportingParameters pageViewReportingParameters)
+    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
+                       std::move(pageViewReportingParameters), std::move(nibName),
+                       std::move(bundle)) {}
+
+PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
+    const platform::Coder& coder, std::shared_ptr<PageViewManager> pageViewManager,
+    PageName pageName, ReportingParameters pageViewReportingParameters)
+    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
+                       std::move(pageViewReportingParameters), coder) {}
+
+PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
+    const platform::Coder&)
+    : PageViewTracking(Refused{}, kCollectionAndTableCoderMessage) {}
+
+PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
+    std::optional<std::string>, std::optional<platform::Bundle>)
+    : PageViewTracking(Refused{},
+                       detail::unimplementedInitializer(
+                           "init(nibName:bundle:)", "PageViewTrackingCollectionViewController")) {}
+
+PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
+    platform::CollectionViewLayout)
+    : PageViewTracking(Refused{}, detail::unimplementedInitializer(
+                                      "init(collectionViewLayout:)",
+                                      "PageViewTrackingCollectionViewController")) {}
+
+// --- PageViewTrackingTableViewController -------------------------------------
+
+PageViewTrackingTableViewController::PageViewTrackingTableViewController(
+    platform::TableViewStyle style, std::shared_ptr<PageViewManager> pageViewManager,
+    PageName pageName, ReportingParameters pageViewReportingParameters)
+    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
+                       std::move(pageViewReportingParameters), style) {}
+
+PageViewTrackingTableViewController::PageViewTrackingTableViewController(
+    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
+    ReportingParameters pageViewReportingParameters)
+    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
+                       std::move(pageViewReportingParameters)) {}
+
+PageViewTrackingTableViewController::PageViewTrackingTableViewController(
+    std::optional<std::string> nibName, std::optional<platform::Bundle> bundle,
+    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
+    ReportingParameters pageViewReportingParameters)
+    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
+                       std::move(pageViewReportingParameters), std::move(nibName),
+                       std::move(bundle)) {}
+
+PageViewTrackingTableViewController::PageViewTrackingTableViewController(
+    const platform::Coder& coder, std::shared_ptr<PageViewManager> pageViewManager,
+    PageName pageName, ReportingParameters pageViewReportingParameters)
+    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
+                       std::move(pageViewReportingParameters), coder) {}
+
+PageViewTrackingTableViewController::PageViewTrackingTableViewController(const platform::Coder&)
+    : PageViewTracking(Refused{}, kCollectionAndTableCoderMessage) {}
+
+PageViewTrackingTableViewController::PageViewTrackingTableViewController(
+    std::optional<std::string>, std::optional<platform::Bundle>)
+    : PageViewTracking(Refused{},
+                       detail::unimplementedInitializer("init(nibName:bundle:)",
+                                                        "PageViewTrackingTableViewController")) {}
+
+PageViewTrackingTableViewController::PageViewTrackingTableViewController(platform::TableViewStyle)
+    : PageViewTracking(Refused{}, detail::unimplementedInitializer(
+                                      "init(style:)", "PageViewTrackingTableViewController")) {}
+
+// --- PageViewModifier -----------------------------------------------------------
+
+PageViewModifier::PageViewModifier(PageName name, ReportingParameters reportingParameters,
+                                   std::shared_ptr<PageViewManager> manager)
+    : name_(std::move(name)),
+      reportingParameters_(std::move(reportingParameters)),
+      manager_(std::move(manager)),
+      pageID_(platform::State<PageID>::perIdentity(&PageID::make)) {
+  if (!manager_) throw std::invalid_argument("PageViewModifier needs a PageViewManager");
+}
+
+platform::View PageViewModifier::body(const platform::View& content) const {
+  // The handlers read the page id through the state slot at call time, so
+  // they see the id kept for the view's identity, not this value's fresh one.
+  const auto manager = manager_;
+  const auto pageID = pageID_;
+  return content.state(pageID_)
+      .onAppear([manager, pageID, name = name_, parameters = reportingParameters_] {
+        manager->trackPageAppeared(pageID.value(), name, parameters);
+      })
+      .onDisappear([manager, pageID] { manager->trackPageClosed(pageID.value()); })
+      .onChange<PageName>(name_,
+                          [manager, pageID](const PageName& name) {
+                            manager->trackPageNameChanged(name, pageID.value());
+                          })
+      .onChange<ReportingParameters>(
+          reportingParameters_, [manager, pageID](const ReportingParameters& parameters) {
+            manager->trackPageViewReportingParametersChanged(parameters, pageID.value());
+          });
+}
+
+platform::View pageView(const platform::View& content, PageName name,
+                        ReportingParameters reportingParameters,
+                        std::shared_ptr<PageViewManager> manager) {
+  return content.modifier(
+      PageViewModifier(std::move(name), std::move(reportingParameters), std::move(manager)));
+}
+
+}  // namespace korvel

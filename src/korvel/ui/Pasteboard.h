@@ -1,0 +1,57 @@
+// The general pasteboard: what the user copied, in one or more
+// representations keyed by type identifier ("public.utf8-plain-text",
+// "public.rtf").
+//
+// The library only writes to it; a host mirrors it to the system clipboard
+// (an ImGui renderer, for instance, hands string() to its clipboard when
+// changeCount() moved). Any thread.
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <string>
+#include <string_view>
+
+#include <korvel/foundation/Data.h>
+
+namespace korvel::platform {
+
+inline constexpr std::string_view kPasteboardTypePlainText = "public.utf8-plain-text";
+inline constexpr std::string_view kPasteboardTypeRTF = "public.rtf";
+
+class Pasteboard {
+ public:
+  // One copied item: its representations by type.
+  using Item = std::map<std::string, Data, std::less<>>;
+
+  // The process-wide pasteboard.
+  static Pasteboard& general();
+
+  Pasteboard() = default;
+  Pasteboard(const Pasteboard&) = delete;
+  Pasteboard& operator=(const Pasteboard&) = delete;
+
+  // Replaces the content with text (as plain text).
+  void setString(std::string_view text);
+  // Replaces the content with one representation.
+  void setData(Data data, std::string_view type);
+  // Replaces the content with one item of several representations.
+  void setItem(Item item);
+  void clear();
+
+  // The plain text, when the content has one.
+  std::optional<std::string> string() const;
+  std::optional<Data> dataForType(std::string_view type) const;
+  Item item() const;
+  // Bumped by every change.
+  uint64_t changeCount() const;
+
+ private:
+  mutable std::mutex mutex_;
+  Item item_;
+  uint64_t changeCount_ = 0;
+};
+
+}  // namespace korvel::platform

@@ -1,0 +1,131 @@
+#include <korvel/ui/RichText.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <vector>
+
+namespace korvel::platform {
+
+namespace {
+
+// One code point from UTF-8 at text[i], advancing i; U+FFFD for a broken or
+// overlong sequence (one byte is consumed then, so decoding resynchronises).
+char32_t nextCodePoint(const std::string& text, size_t& i) {
+  const auto byte = [&](size_t at) { return static_cast<unsigned char>(text[at]); };
+  const unsigned char lead = byte(i);
+  if (lead < 0x80) {
+    ++i;
+    return lead;
+  }
+  size_t length = 0;
+  char32_t cp = 0;
+  char32_t minimum = 0;
+  if ((lead & 0xE0) == 0xC0) {
+    length = 2, cp = lead & 0x1F, minimum = 0x80;
+  } else if ((lead & 0xF0) == 0xE0) {
+    length = 3, cp = lead & 0x0F, minimum = 0x800;
+  } else if ((lead & 0xF8) == 0xF0) {
+    length = 4, cp = lead & 0x07, minimum = 0x10000;
+  } else {
+    ++i;
+    return 0xFFFD;
+  }
+  if (i + length > text.size()) {
+    ++i;
+    return 0xFFFD;
+  }
+  for (size_t k = 1; k < length; ++k) {
+    const unsigned char next = byte(i + k);
+    if ((next & 0xC0) != 0x80) {
+      ++i;
+      return 0xFFFD;
+    }
+    cp = (cp << 6) | (next & 0x3F);
+  }
+  if (cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
+    ++i;
+    return 0xFFFD;
+  }
+  i += length;
+  return cp;
+}
+
+void appendUnicodeEscape(std::string& out, uint16_t unit) {
+  // \uN takes a signed 16-bit decimal.
+  out += "\\u" + std::to_string(static_cast<int16_t>(unit)) + "?";
+}
+
+void appendEscaped(std::string& out, const std::string& text) {
+  for (size_t i = 0; i < text.size();) {
+    const char32_t cp = nextCodePoint(text, i);
+    switch (cp) {
+      case '\\': out += "\\\\"; break;
+      case '{': out += "\\{"; break;
+      case '}': out += "\\}"; break;
+      case '\n': out += "\\line\n"; break;
+      case '\r': break;  // part of a CRLF; the LF makes the break
+      case '\t': out += "\\tab "; break;
+      default:
+        if (cp < 0x20) break;  // other controls have no place in a document
+        if (cp < 0x80) {
+          out += static_cast<char>(cp);
+        } else if (cp < 0x10000) {
+          appendUnicodeEscape(out, static_cast<uint16_t>(cp));
+        } else {
+          const char32_t v = cp - 0x10000;
+          appendUnicodeEscape(out, static_cast<uint16_t>(0xD800 + (v >> 10)));
+          appendUnicodeEscape(out, static_cast<uint16_t>(0xDC00 + (v & 0x3FF)));
+        }
+    }
+  }
+}
+
+std::string halfPoints(double pointSize) {
+  const double clamped = std::clamp(pointSize, 1.0, 1000.0);
+  return std::to_string(static_cast<long>(clamped * 2 + 0.5));
+}
+
+}  // namespace
+
+RGB8 rgbOfTextColor(TextColor color) {
+  switch (color) {
+    case TextColor::Label: return {0, 0, 0};
+    case TextColor::SystemBlue: return {0, 122, 255};
+  }
+  return {0, 0, 0};
+}
+
+std::string rtfFromStyledText(const StyledText& text) {
+  std::vector<TextColor> colors;
+  for (const auto& run : text.runs()) {
+    if (std::find(colors.begin(), colors.end(), run.color) == colors.end()) {
+      colors.push_back(run.color);
+    }
+  }
+  std::string out = "{\\rtf1\\ansi\\ansicpg1252\\deff0\\uc1\n";
+  out += "{\\fonttbl{\\f0\\fswiss\\fcharset0 Helvetica;}}\n";
+  // Entry 0 is the reader's default colour; ours start at 1.
+  out += "{\\colortbl;";
+  for (TextColor color : colors) {
+    const RGB8 rgb = rgbOfTextColor(color);
+    out += "\\red" + std::to_string(rgb.red) + "\\green" + std::to_string(rgb.green) + "\\blue" +
+           std::to_string(rgb.blue) + ";";
+  }
+  out += "}\n";
+  for (const auto& run : text.runs()) {
+    const size_t colorIndex =
+        static_cast<size_t>(std::find(colors.begin(), colors.end(), run.color) - colors.begin()) +
+        1;
+    const bool bold = run.weight != FontWeight::Regular;
+    out += "{\\f0";
+    out += bold ? "\\b" : "\\b0";
+    out += "\\fs" + halfPoints(run.pointSize);
+    out += "\\cf" + std::to_string(colorIndex) + " ";
+    appendEscaped(out, run.text);
+    out += "}";
+  }
+  out += "}";
+  return out;
+}
+
+}  // namespace korvel::platform

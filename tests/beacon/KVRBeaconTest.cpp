@@ -1,0 +1,503 @@
+// The dispatcher as the collector sees it: every test reads the URL that the
+// executor would request, decoded with a plain form decoder.
+#include <korvel/beacon/KVRBeacon.h>
+
+#include <gtest/gtest.h>
+
+#include <any>
+#include <atomic>
+#include <climits>
+#include <limits>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/foundation/KVNNetwork.h>
+#include "support/TestEnv.h"
+
+namespace korvel {
+namespace {
+
+using testing::CapturingExecutor;
+using testing::decodeWireBeacon;
+using testing::WireBeacon;
+using Items = std::vector<std::pair<std::string, std::string>>;
+using Names = std::vector<std::string>;
+
+constexpr const char* kReferenceTemplate =
+    "https://b.example.com/b/{inid}/{appversion}/{devicemodel}?x=1";
+constexpr const char* kUUID = "0F8C2A4E-6B1D-4E7F-9A3C-5D2E8B7F1A60";
+
+Names queryNames(const WireBeacon& beacon) {
+  Names names;
+  for (const auto& item : beacon.query) names.push_back(item.first);
+  return names;
+}
+
+// Every created and submitted notification posted on a centre, in order.
+class NotificationLog {
+ public:
+  struct Entry {
+    std::string name;
+    std::any object;
+    std::thread::id thread;
+  };
+
+  explicit NotificationLog(platform::NotificationCenter& center) {
+    for (auto name : {KVRReliableNetworkingTaskCreatedNotification,
+                      KVRReliableNetworkingTaskSubmittedNotification}) {
+      registrations_.emplace_back(
+          center, center.addObserver(std::string(name), [this](const platform::Notification& n) {
+            std::lock_guard lock(mutex_);
+            entries_.push_back({std::string(n.name), n.object, std::this_thread::get_id()});
+          }));
+    }
+  }
+
+  std::vector<Entry> entries() const {
+    std::lock_guard lock(mutex_);
+    return entries_;
+  }
+  std::vector<Entry> named(std::string_view name) const {
+    std::vector<Entry> out;
+    for (auto& e : entries()) {
+      if (e.name == name) out.push_back(e);
+    }
+    return out;
+  }
+  std::vector<KVRParameters> created() const {
+    std::vector<KVRParameters> out;
+    for (auto& e : named(KVRReliableNetworkingTaskCreatedNotification)) {
+      out.push_back(std::any_cast<KVRParameters>(e.object));
+    }
+    return out;
+  }
+  std::vector<std::shared_ptr<const KVRReliableNetworkingTask>> submitted() const {
+    std::vector<std::shared_ptr<const KVRReliableNetworkingTask>> out;
+    for (auto& e : named(KVRReliableNetworkingTaskSubmittedNotification)) {
+      out.push_back(std::any_cast<std::shared_ptr<const KVRReliableNetworkingTask>>(e.object));
+    }
+    return out;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<Entry> entries_;
+  std::vector<platform::ObserverRegistration> registrations_;
+};
+
+class KVRBeaconTest : public testing::BeaconTest {
+ protected:
+  void SetUp() override {
+    BeaconTest::SetUp();
+    configure(kReferenceTemplate, "I", "iPhone14,2");
+    KVNConfiguration::setAppShortVersion("1.0");
+  }
+
+  static void configure(std::optional<std::string> endpoint, std::optional<std::string> inid,
+                        std::optional<std::string> model) {
+    KVNConfiguration::sharedInstance().update([&](KVNConfiguration::Snapshot& s) {
+      s.beacons.beaconEndpoint = std::move(endpoint);
+      s.inid = std::move(inid);
+      s.deviceModel = std::move(model);
+    });
+  }
+};
+
+TEST_F(KVRBeaconTest, ReferenceBeaconURL) {
+  env_.queueUUIDs({kUUID});
+  const auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"a", "b"}});
+  ASSERT_EQ(uuid, kUUID);
+
+  ASSERT_EQ(executor_->count(), 1u);
+  EXPECT_EQ(executor_->urlAt(0),
+            "https://b.example.com/b/I/1.0/iPhone14%2C2/userevent"
+            "?clientcreationtimestamp=1700000000&clientbeaconuuid=" +
+                std::string(kUUID) + "&a=b&x=1");
+
+  const auto beacon = onlySent();
+  EXPECT_TRUE(beacon.path.ends_with("/I/1.0/iPhone14%2C2/userevent")) << beacon.path;
+  EXPECT_EQ(beacon.event, "userevent");
+  EXPECT_EQ(beacon.query, (Items{{"clientcreationtimestamp", "1700000000"},
+                                 {"clientbeaconuuid", kUUID},
+                                 {"a", "b"},
+                                 {"x", "1"}}));
+}
+
+TEST_F(KVRBeaconTest, DeviceModelPerType) {
+  struct Case {
+    KVRBeaconType type;
+    const char* pathEnd;
+  };
+  const std::vector<Case> cases = {
+      {KVRBeaconTypeTagged, "/I/1.0/iPhone14%2C2/tagged"},
+      {KVRBeaconTypeWatchTagged, "/I/1.0/watch/tagged"},
+      {KVRBeaconTypeTaggedVariant, "/I/1.0/iPhone14%2C2/tagged"},
+      {KVRBeaconTypeTestTagged, "/I/1.0/iPhone14%2C2/testtagged"},
+      {KVRBeaconTypeAutoTag, "/I/1.0/iPhone14%2C2/autotag"},
+  };
+  for (const auto& c : cases) KVRBeacon::sendBeaconOfType(c.type, {});
+  auto beacons = sent();
+  ASSERT_EQ(beacons.size(), cases.size());
+  for (size_t i = 0; i < cases.size(); ++i) {
+    EXPECT_TRUE(beacons[i].path.ends_with(cases[i].pathEnd))
+        << "type " << cases[i].type << ": " << beacons[i].path;
+  }
+
+  // Every comma of the model is encoded.
+  executor_->clear();
+  configure(kReferenceTemplate, "I", "Mac,1,2");
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {});
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeWatchTagged, {});
+  beacons = sent();
+  ASSERT_EQ(beacons.size(), 2u);
+  EXPECT_TRUE(beacons[0].path.ends_with("/I/1.0/Mac%2C1%2C2/userevent")) << beacons[0].path;
+  EXPECT_TRUE(beacons[1].path.ends_with("/I/1.0/watch/tagged")) << beacons[1].path;
+}
+
+TEST_F(KVRBeaconTest, ValuesGoOutAsTheirDescription) {
+  KVRBeacon::sendBeaconOfType(
+      KVRBeaconTypeUserEvent,
+      {{"five", 5},
+       {"half", 2.5},
+       {"whole", 2500.0},
+       {"max", std::numeric_limits<uint64_t>::max()},
+       {"min", std::numeric_limits<int64_t>::min()},
+       {"neg", -7},
+       {"yes", true},
+       {"no", false},
+       {"text", "plain"},
+       {"empty", ""}});
+  EXPECT_EQ(onlySent().parameters(), (Items{{"five", "5"},
+                                            {"half", "2.5"},
+                                            {"whole", "2500"},
+                                            {"max", "18446744073709551615"},
+                                            {"min", "-9223372036854775808"},
+                                            {"neg", "-7"},
+                                            {"yes", "1"},
+                                            {"no", "0"},
+                                            {"text", "plain"},
+                                            {"empty", ""},
+                                            {"x", "1"}}));
+}
+
+TEST_F(KVRBeaconTest, ParametersKeepTheCallersOrder) {
+  KVRParameters p;
+  for (const char* key : {"zulu", "alpha", "mike", "bravo", "yankee"}) p.set(key, key);
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, p);
+  EXPECT_EQ(queryNames(onlySent()), (Names{"clientcreationtimestamp", "clientbeaconuuid", "zulu",
+                                           "alpha", "mike", "bravo", "yankee", "x"}));
+}
+
+TEST_F(KVRBeaconTest, EmptyDictionaryStillCarriesTheTwoClientItems) {
+  configure("https://b.example.com/b/{inid}", "I", "m");
+  env_.queueUUIDs({kUUID});
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {});
+  EXPECT_EQ(onlySent().query,
+            (Items{{"clientcreationtimestamp", "1700000000"}, {"clientbeaconuuid", kUUID}}));
+}
+
+TEST_F(KVRBeaconTest, HostileTextSurvivesAsSingleItems) {
+  const Items hostile = {
+      {"amp", "a&b"},
+      {"eq", "x=y=z"},
+      {"plus", "1+1"},
+      {"hash", "#frag?q"},
+      {"percent", "100% %41"},
+      {"space", " two words "},
+      {"newline", "line1\nline2\r\n"},
+      {"unicode", "日本🎵"},
+      {"k=&y", "key with = and &"},
+      {"日本", "unicode key"},
+      {"slash", "a/b?c"},
+  };
+  KVRParameters p;
+  for (const auto& [k, v] : hostile) p.set(k, v);
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, p);
+
+  const auto beacon = onlySent();
+  EXPECT_EQ(beacon.query.size(), 2 + hostile.size() + 1);
+  Items expected = hostile;
+  expected.push_back({"x", "1"});
+  EXPECT_EQ(beacon.parameters(), expected);
+  // Nothing raw that a server would split on or stop at.
+  const auto query = beacon.url.substr(beacon.url.find('?') + 1);
+  EXPECT_EQ(query.find_first_of("# \n\r+"), std::string::npos) << query;
+}
+
+TEST_F(KVRBeaconTest, TemplateWithoutPlaceholdersIsUsedAsIs) {
+  configure("https://collector.example.net/beacon", "I", "m");
+  env_.queueUUIDs({kUUID});
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"a", "b"}});
+  EXPECT_EQ(executor_->urlAt(0),
+            "https://collector.example.net/beacon/userevent?clientcreationtimestamp=1700000000"
+            "&clientbeaconuuid=" + std::string(kUUID) + "&a=b");
+}
+
+TEST_F(KVRBeaconTest, TemplatePathEdges) {
+  struct Case {
+    const char* templ;
+    const char* path;
+  };
+  const std::vector<Case> cases = {
+      {"https://b.example.com/b/{inid}/", "/b/I/userevent"},
+      {"https://b.example.com/", "/userevent"},
+      {"https://b.example.com", "/userevent"},
+      {"https://b.example.com/{inid}/{inid}/{devicemodel}/{devicemodel}",
+       "/I/I/iPhone14%2C2/iPhone14%2C2/userevent"},
+      {"https://b.example.com:8443/v1/{appversion}?a=1&b=2", "/v1/1.0/userevent"},
+  };
+  for (const auto& c : cases) {
+    executor_->clear();
+    configure(c.templ, "I", "iPhone14,2");
+    KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {});
+    EXPECT_EQ(onlySent().path, c.path) << c.templ;
+  }
+  // The template's own items come after the beacon's.
+  EXPECT_EQ(queryNames(onlySent()),
+            (Names{"clientcreationtimestamp", "clientbeaconuuid", "a", "b"}));
+  EXPECT_TRUE(onlySent().url.starts_with("https://b.example.com:8443/v1/1.0/userevent?"));
+
+  // Placeholders in the template's query are filled in too.
+  executor_->clear();
+  configure("https://b.example.com/b?i={inid}&m={devicemodel}&v={appversion}", "I",
+            "iPhone14,2");
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"a", "b"}});
+  const auto beacon = onlySent();
+  EXPECT_EQ(beacon.path, "/b/userevent");
+  EXPECT_EQ(beacon.parameters(), (Items{{"a", "b"}, {"i", "I"}, {"m", "iPhone14,2"}, {"v", "1.0"}}));
+}
+
+TEST_F(KVRBeaconTest, URLUsesTheConfigurationAsItIsWhenBuilt) {
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"a", "b"}});
+  const auto records = submitted();
+  ASSERT_EQ(records.size(), 1u);
+
+  configure("https://other.example.org/c/{inid}/{appversion}/{devicemodel}?y=2", "J", "Pixel,7");
+  KVNConfiguration::setAppShortVersion("2.0");
+
+  const auto beacon = onlySent();
+  EXPECT_TRUE(beacon.url.starts_with("https://other.example.org/c/J/2.0/Pixel%2C7/userevent?"))
+      << beacon.url;
+  EXPECT_EQ(queryNames(beacon),
+            (Names{"clientcreationtimestamp", "clientbeaconuuid", "a", "y"}));
+  // The record keeps what it captured; only the URL follows the configuration.
+  EXPECT_EQ(records[0]->inid(), "I");
+  EXPECT_EQ(records[0]->appVersion(), "1.0");
+
+  // Beacons switched off after submission: the builder gives no endpoint.
+  configure(std::nullopt, "J", "Pixel,7");
+  ASSERT_EQ(executor_->count(), 1u);
+  EXPECT_FALSE(executor_->requests()[0].buildEndpoint().has_value());
+  configure("not a url", "J", "Pixel,7");
+  EXPECT_FALSE(executor_->requests()[0].buildEndpoint().has_value());
+}
+
+TEST_F(KVRBeaconTest, NoEndpointMeansNothingSentButTheRecordIsStillMade) {
+  for (std::optional<std::string> endpoint : {std::optional<std::string>(),
+                                              std::optional<std::string>("")}) {
+    configure(endpoint, "I", "m");
+    NotificationLog log(env_.notificationCenter());
+    env_.queueUUIDs({kUUID});
+
+    const auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"a", "b"}});
+
+    EXPECT_EQ(uuid, kUUID);
+    EXPECT_EQ(executor_->count(), 0u);
+    EXPECT_TRUE(log.submitted().empty());
+    const auto created = log.created();
+    ASSERT_EQ(created.size(), 1u);
+    EXPECT_EQ(created[0].find("parameters")->asDictionary()->stringForKey("clientbeaconuuid"),
+              kUUID);
+  }
+  EXPECT_TRUE(submitted().empty());
+}
+
+TEST_F(KVRBeaconTest, UnknownTypesMakeNothing) {
+  NotificationLog log(env_.notificationCenter());
+  for (int type : {0, -1, 21, INT_MIN, INT_MAX}) {
+    const auto t = static_cast<KVRBeaconType>(type);
+    EXPECT_EQ(KVRBeacon::sendBeaconOfType(t, {{"a", "b"}}), std::nullopt) << type;
+    EXPECT_EQ(KVRBeacon::sendBeaconOfType(t, {{"a", "b"}}, "foo"), std::nullopt) << type;
+    EXPECT_EQ(KVRBeacon::taskOfType(t, {}, std::nullopt), nullptr) << type;
+  }
+  EXPECT_TRUE(log.entries().empty());
+  EXPECT_EQ(executor_->count(), 0u);
+  // A missing record handed to sendBeacon queues nothing.
+  KVRBeacon::sendBeacon(nullptr, KVRBeaconTypeUserEvent);
+  EXPECT_EQ(executor_->count(), 0u);
+}
+
+TEST_F(KVRBeaconTest, CreatedThenSubmittedWithTheirPayloads) {
+  NotificationLog log(env_.notificationCenter());
+  env_.setNow(1700000000.6);
+  env_.queueUUIDs({kUUID});
+
+  const auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"a", "b"}});
+
+  const auto entries = log.entries();
+  ASSERT_EQ(entries.size(), 2u);
+  EXPECT_EQ(entries[0].name, KVRReliableNetworkingTaskCreatedNotification);
+  EXPECT_EQ(entries[1].name, KVRReliableNetworkingTaskSubmittedNotification);
+  // Both are posted synchronously on the reporting thread.
+  EXPECT_EQ(entries[0].thread, std::this_thread::get_id());
+  EXPECT_EQ(entries[1].thread, std::this_thread::get_id());
+
+  // Created: the dictionary representation, not the record.
+  ASSERT_EQ(entries[0].object.type(), typeid(KVRParameters));
+  const auto& representation = std::any_cast<const KVRParameters&>(entries[0].object);
+  EXPECT_EQ(representation.keys(), (Names{"type", "parameters"}));
+  EXPECT_EQ(representation.stringForKey("type"), "userevent");
+  EXPECT_EQ(*representation.find("parameters")->asDictionary(),
+            (KVRParameters{{"a", "b"},
+                           {"clientcreationtimestamp", "1700000001"},
+                           {"clientbeaconuuid", kUUID},
+                           {"inid", "I"}}));
+
+  // Submitted: the record itself, the one whose uuid was returned.
+  ASSERT_EQ(entries[1].object.type(), typeid(std::shared_ptr<const KVRReliableNetworkingTask>));
+  const auto record = log.submitted().at(0);
+  EXPECT_EQ(record->uuid(), uuid);
+  EXPECT_EQ(record->event(), "userevent");
+  EXPECT_EQ(record->parameters(), (KVRParameters{{"a", "b"}}));
+  EXPECT_EQ(record->className(), "KVRUserEventBeacon");
+  EXPECT_EQ(submitted().at(0).get(), record.get());
+  EXPECT_EQ(onlySent().value("clientbeaconuuid"), uuid);
+}
+
+TEST_F(KVRBeaconTest, WebInitiatedBeaconsTakeTheirEventFromTheCaller) {
+  NotificationLog log(env_.notificationCenter());
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeWebInitiated, {{"a", "b"}}, "foo");
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeWebInitiated, {}, "two words/and a slash");
+  // The event is set after the record announced itself: no "type" at creation.
+  const auto created = log.created();
+  ASSERT_EQ(created.size(), 2u);
+  EXPECT_FALSE(created[0].contains("type"));
+  EXPECT_TRUE(created[0].contains("parameters"));
+  EXPECT_EQ(log.submitted().at(0)->event(), "foo");
+
+  const auto beacons = sent();
+  ASSERT_EQ(beacons.size(), 2u);
+  EXPECT_TRUE(beacons[0].path.ends_with("/I/1.0/iPhone14%2C2/foo")) << beacons[0].path;
+  // An event stays one path component whatever it holds.
+  EXPECT_TRUE(beacons[1].path.starts_with("/b/I/1.0/iPhone14%2C2/")) << beacons[1].path;
+  EXPECT_EQ(beacons[1].event, "two words/and a slash");
+}
+
+// A web-initiated beacon sent without an event has its event cleared and
+// goes out to the template's own path, with no event component at all.
+TEST_F(KVRBeaconTest, WebInitiatedWithoutEventHasNoEventComponent) {
+  const auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeWebInitiated, {{"a", "b"}});
+  ASSERT_TRUE(uuid.has_value());
+  EXPECT_EQ(submitted().at(0)->event(), std::nullopt);
+  const auto beacon = onlySent();
+  EXPECT_EQ(beacon.path, "/b/I/1.0/iPhone14%2C2");
+  EXPECT_EQ(queryNames(beacon), (Names{"clientcreationtimestamp", "clientbeaconuuid", "a", "x"}));
+}
+
+TEST_F(KVRBeaconTest, ConstantEventsIgnoreTheCallersEvent) {
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {}, "foo");
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeTestTagged, {}, "foo");
+  const auto beacons = sent();
+  ASSERT_EQ(beacons.size(), 2u);
+  EXPECT_EQ(beacons[0].event, "userevent");
+  EXPECT_EQ(beacons[1].event, "testtagged");
+}
+
+TEST_F(KVRBeaconTest, PinnedUUIDIsTheIdentifierAndIsSentOnce) {
+  NotificationLog log(env_.notificationCenter());
+  const auto uuid = KVRBeacon::sendBeaconOfType(
+      KVRBeaconTypeUserEvent, {{"a", "b"}, {"clientbeaconuuid", "PINNED-1"}, {"c", "d"}});
+  EXPECT_EQ(uuid, "PINNED-1");
+
+  const auto beacon = onlySent();
+  EXPECT_EQ(queryNames(beacon),
+            (Names{"clientcreationtimestamp", "clientbeaconuuid", "a", "c", "x"}));
+  EXPECT_EQ(beacon.value("clientbeaconuuid"), "PINNED-1");
+  EXPECT_FALSE(submitted().at(0)->parameters().contains("clientbeaconuuid"));
+  EXPECT_EQ(log.created().at(0).find("parameters")->asDictionary()->stringForKey(
+                "clientbeaconuuid"),
+            "PINNED-1");
+}
+
+TEST_F(KVRBeaconTest, RequestSettings) {
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {});
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeWatchTagged, {});
+  const auto requests = executor_->requests();
+  ASSERT_EQ(requests.size(), 2u);
+  for (const auto& r : requests) {
+    EXPECT_EQ(r.httpMethod(), KVNNetworkRequestHTTPMethodGET);
+    EXPECT_EQ(r.backgroundSessionRetryCount(), 3);
+    EXPECT_EQ(r.priority(), 1);
+    EXPECT_EQ(r.configurationPolicy(), 2);
+    EXPECT_TRUE(r.endpointBuilderBlock() != nullptr);
+  }
+}
+
+// Counts the executors the library asks the Env to make.
+class CountingEnv : public platform::EnvWrapper {
+ public:
+  using EnvWrapper::EnvWrapper;
+  std::shared_ptr<KVNNetworkBackgroundRequestExecutor> makeBackgroundExecutor(
+      const std::string& identifier) override {
+    ++made;
+    return EnvWrapper::makeBackgroundExecutor(identifier);
+  }
+  std::atomic<int> made{0};
+};
+
+TEST_F(KVRBeaconTest, BackgroundSessionIsMadeOnceOnFirstUse) {
+  CountingEnv counting(env_);
+  platform::ScopedEnv scope(counting);
+  KVRBeacon::setBackgroundSession(nullptr);
+
+  // Beacons switched off: nothing asks for the executor.
+  configure(std::nullopt, "I", "m");
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {});
+  EXPECT_EQ(counting.made, 0);
+
+  configure(kReferenceTemplate, "I", "m");
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {});
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {});
+  EXPECT_EQ(counting.made, 1);
+
+  auto session = std::dynamic_pointer_cast<CapturingExecutor>(KVRBeacon::backgroundSession());
+  ASSERT_NE(session, nullptr);
+  EXPECT_EQ(session->backgroundSessionIdentifier(), "com.korvel.tests.backgroundBeacons");
+  EXPECT_EQ(session->count(), 2u);
+  EXPECT_EQ(KVRBeacon::backgroundSession(), session);
+  EXPECT_EQ(executor_->count(), 0u);
+}
+
+TEST_F(KVRBeaconTest, BackgroundSessionIdentifierWithoutBundle) {
+  env_.setMainBundleIdentifier(std::nullopt);
+  KVRBeacon::setBackgroundSession(nullptr);
+  EXPECT_EQ(KVRBeacon::backgroundSession()->backgroundSessionIdentifier(),
+            "Unknown bundle.backgroundBeacons");
+}
+
+TEST_F(KVRBeaconTest, BackgroundSessionFirstUseRacesMakeOne) {
+  CountingEnv counting(env_);
+  platform::ScopedEnv scope(counting);
+  KVRBeacon::setBackgroundSession(nullptr);
+
+  constexpr int kThreads = 8;
+  std::vector<std::shared_ptr<KVNNetworkBackgroundRequestExecutor>> seen(kThreads);
+  std::atomic<bool> go{false};
+  std::vector<std::thread> threads;
+  for (int i = 0; i < kThreads; ++i) {
+    threads.emplace_back([&, i] {
+      while (!go) std::this_thread::yield();
+      seen[static_cast<size_t>(i)] = KVRBeacon::backgroundSession();
+    });
+  }
+  go = true;
+  for (auto& t : threads) t.join();
+  EXPECT_EQ(counting.made, 1);
+  for (const auto& s : seen) EXPECT_EQ(s, seen[0]);
+}
+
+}  // namespace
+}  // namespace korvel

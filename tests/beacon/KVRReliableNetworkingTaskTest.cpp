@@ -1,0 +1,353 @@
+#include <korvel/beacon/KVRReliableNetworkingTask.h>
+
+#include <gtest/gtest.h>
+
+#include <any>
+#include <charconv>
+#include <limits>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include <korvel/beacon/KVRBeaconTypes.h>
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/foundation/KeyedArchive.h>
+#include "support/TestEnv.h"
+
+namespace korvel {
+namespace {
+
+using Names = std::vector<std::string>;
+constexpr const char* kUUID = "7A3E1B2C-4D5F-4A6B-8C7D-9E0F1A2B3C4D";
+
+class KVRReliableNetworkingTaskTest : public testing::BeaconTest {
+ protected:
+  void SetUp() override {
+    BeaconTest::SetUp();
+    auto& center = env_.notificationCenter();
+    created_ = platform::ObserverRegistration(
+        center, center.addObserver(std::string(KVRReliableNetworkingTaskCreatedNotification),
+                                   [this](const platform::Notification& n) {
+                                     std::lock_guard lock(mutex_);
+                                     created_list_.push_back(
+                                         std::any_cast<KVRParameters>(n.object));
+                                   }));
+  }
+  void TearDown() override {
+    created_.reset();
+    BeaconTest::TearDown();
+  }
+
+  std::vector<KVRParameters> created() const {
+    std::lock_guard lock(mutex_);
+    return created_list_;
+  }
+
+  template <class T = KVRUserEventBeacon>
+  std::shared_ptr<T> makeRecord(const KVRParameters& parameters, bool withSession = true) {
+    const KVRUserSession session;
+    return KVRReliableNetworkingTask::make<T>(parameters, withSession ? &session : nullptr);
+  }
+
+  static void setInid(std::optional<std::string> inid) {
+    KVNConfiguration::sharedInstance().setInid(std::move(inid));
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::vector<KVRParameters> created_list_;
+  platform::ObserverRegistration created_;
+};
+
+TEST_F(KVRReliableNetworkingTaskTest, CreationMergesCommonParametersOverTheCallers) {
+  KVNConfiguration::sharedInstance().setBeaconParameters({{"srv", "S"}});
+  KVRUserSession::setSessionID("SESSION");
+  env_.queueUUIDs({kUUID});
+  env_.setNow(1700000123.25);
+
+  const KVRParameters caller{{"sessionid", "caller"}, {"a", "1"}, {"screenname", "mine"}};
+  const auto task = makeRecord(caller);
+
+  EXPECT_EQ(task->nonCommonParameters(), caller);
+  EXPECT_EQ(task->nonCommonParameters().keys(), caller.keys());
+  EXPECT_EQ(task->commonParameters().keys(), (Names{"sessionid", "srv"}));
+  EXPECT_EQ(task->commonParameters().stringForKey("sessionid"), "SESSION");
+  // Common parameters win on a clash; new ones follow the caller's keys.
+  EXPECT_EQ(task->parameters().keys(), (Names{"sessionid", "a", "screenname", "srv"}));
+  EXPECT_EQ(task->parameters().stringForKey("sessionid"), "SESSION");
+  EXPECT_EQ(task->parameters().stringForKey("screenname"), "mine");
+
+  EXPECT_EQ(task->uuid(), kUUID);
+  EXPECT_EQ(task->creationTimestamp(), 1700000123.25);
+  EXPECT_EQ(task->inid(), "TEST-INID");
+  EXPECT_EQ(task->debugInid(), "TEST-INID");
+  EXPECT_EQ(task->appVersion(), "9.9");
+  EXPECT_FALSE(task->hasINIDExpired());
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, WithoutSessionTheParametersAreTheCallers) {
+  KVRUserSession::setSessionID("SESSION");
+  const KVRParameters caller{{"b", 2}, {"a", "1"}};
+  const auto task = makeRecord(caller, /*withSession=*/false);
+  EXPECT_TRUE(task->commonParameters().empty());
+  EXPECT_EQ(task->parameters().keys(), (Names{"b", "a"}));
+  EXPECT_EQ(task->parameters(), caller);
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, CreationIsAnnouncedOnceWithTheStampedRecord) {
+  env_.queueUUIDs({kUUID});
+  env_.setNow(1700000000.6);
+  const auto task = makeRecord({{"a", "b"}});
+
+  const auto all = created();
+  ASSERT_EQ(all.size(), 1u);
+  EXPECT_EQ(all[0], task->dictionaryRepresentation());
+  EXPECT_EQ(all[0].stringForKey("type"), "userevent");
+  const auto* wire = all[0].find("parameters")->asDictionary();
+  ASSERT_NE(wire, nullptr);
+  EXPECT_EQ(wire->keys(), (Names{"a", "clientcreationtimestamp", "clientbeaconuuid", "inid"}));
+  EXPECT_EQ(wire->stringForKey("clientcreationtimestamp"), "1700000001");
+  EXPECT_EQ(wire->stringForKey("clientbeaconuuid"), kUUID);
+  EXPECT_EQ(wire->stringForKey("inid"), "TEST-INID");
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, RecordMadeBeforeConfigurationPicksUpTheInidLater) {
+  setInid(std::nullopt);
+  const auto task = makeRecord({});
+  EXPECT_EQ(task->debugInid(), KVNConfigurationUnconfiguredInid);
+  EXPECT_EQ(task->inid(), std::nullopt);
+  // Neither side has an inid yet: that counts as expired.
+  EXPECT_TRUE(task->hasINIDExpired());
+  EXPECT_FALSE(created().at(0).find("parameters")->asDictionary()->contains("inid"));
+
+  setInid("LATER");
+  EXPECT_EQ(task->inid(), "LATER");
+  EXPECT_EQ(task->debugInid(), KVNConfigurationUnconfiguredInid);
+  EXPECT_FALSE(task->hasINIDExpired());
+  const auto wire = *task->dictionaryRepresentation().find("parameters")->asDictionary();
+  EXPECT_EQ(wire.stringForKey("inid"), "LATER");
+  EXPECT_FALSE(wire.contains("expiredinid"));
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, InidChangedAfterCreationMarksTheRecordExpired) {
+  setInid("A");
+  const auto task = makeRecord({{"k", "v"}});
+  setInid("B");
+  EXPECT_EQ(task->inid(), "A");
+  EXPECT_TRUE(task->hasINIDExpired());
+  const auto wire = *task->dictionaryRepresentation().find("parameters")->asDictionary();
+  EXPECT_EQ(wire.stringForKey("inid"), "B");
+  ASSERT_TRUE(wire.contains("expiredinid"));
+  EXPECT_EQ(*wire.find("expiredinid"), KVRValue(true));
+
+  // The configuration losing its inid also expires the record.
+  setInid(std::nullopt);
+  EXPECT_TRUE(task->hasINIDExpired());
+  const auto lost = *task->dictionaryRepresentation().find("parameters")->asDictionary();
+  EXPECT_FALSE(lost.contains("inid"));
+  EXPECT_TRUE(lost.contains("expiredinid"));
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, CreationTimestampIsPrintedAsWholeSeconds) {
+  struct Case {
+    double t;
+    const char* text;
+  };
+  const std::vector<Case> cases = {
+      {1700000000.6, "1700000001"},
+      {1700000000.4, "1700000000"},
+      {1700000000.0, "1700000000"},
+      {0.0, "0"},
+      {0.9, "1"},
+      {4102444800.75, "4102444801"},  // beyond 32-bit seconds
+  };
+  KVRReliableNetworkingTask task;
+  for (const auto& c : cases) {
+    task.setCreationTimestamp(c.t);
+    EXPECT_EQ(task.formattedCreationTimestampString(), c.text) << c.t;
+  }
+  // A decoded archive can carry any time; the text is never cut short.
+  task.setCreationTimestamp(1e80);
+  char expected[200];
+  const auto end =
+      std::to_chars(expected, expected + sizeof expected, 1e80, std::chars_format::fixed, 0);
+  EXPECT_EQ(task.formattedCreationTimestampString(), std::string(expected, end.ptr));
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, AppVersionIsCapturedWithConfigurationFallback) {
+  const auto task = makeRecord({});
+  KVNConfiguration::setAppShortVersion("10.0");
+  EXPECT_EQ(task->appVersion(), "9.9");
+
+  KVRReliableNetworkingTask plain;
+  EXPECT_EQ(plain.appVersion(), "10.0");
+  task->setAppVersion(std::nullopt);
+  EXPECT_EQ(task->appVersion(), "10.0");
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, ArchiveRoundTripKeepsTheRecord) {
+  const KVRParameters typed{
+      {"s", "text with spaces & 日本"},
+      {"i", -5},
+      {"zero", 0},
+      {"u", std::numeric_limits<uint64_t>::max()},
+      {"d", 2.5},
+      {"b", true},
+      {"f", false},
+      {"date", KVRDate{1700000000.5}},
+      {"url", KVRURL{"https://a.example/x?y=1"}},
+      {"dict", KVRParameters{{"z", 1}, {"a", KVRList{"x", 2, KVRParameters{{"n", 1.5}}}}}},
+      {"empty", ""},
+  };
+  setInid(std::nullopt);
+  env_.queueUUIDs({kUUID});
+  env_.setNow(1700000000.75);
+  const auto original = makeRecord(typed, /*withSession=*/false);
+  // The resolved inid is what gets archived.
+  setInid("RESOLVED");
+  const std::string data = original->archivedData();
+
+  KVNConfiguration::setAppShortVersion("10.0");
+  setInid("NEWER");
+  env_.setNow(1800000000);
+  ASSERT_EQ(created().size(), 1u);
+
+  const auto decoded = KVRReliableNetworkingTask::unarchive(data);
+  ASSERT_NE(decoded, nullptr);
+  EXPECT_EQ(decoded->className(), "KVRUserEventBeacon");
+  EXPECT_NE(std::dynamic_pointer_cast<KVRUserEventBeacon>(decoded), nullptr);
+  EXPECT_EQ(decoded->event(), "userevent");
+  EXPECT_EQ(decoded->uuid(), kUUID);
+  EXPECT_EQ(decoded->creationTimestamp(), 1700000000.75);
+  EXPECT_EQ(decoded->debugInid(), "RESOLVED");
+  EXPECT_EQ(decoded->appVersion(), "9.9");
+  EXPECT_EQ(decoded->parameters(), typed);
+  EXPECT_EQ(decoded->parameters().keys(), typed.keys());
+  EXPECT_EQ(decoded->parameters().find("u")->kind(), KVRValue::Kind::UInt);
+  EXPECT_EQ(decoded->parameters().find("zero")->kind(), KVRValue::Kind::Int);
+
+  // Decoding announces a record once more: two creations in all.
+  EXPECT_EQ(created().size(), 2u);
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, ArchiveKeepsEveryRecordClass) {
+  for (int type = 1; type <= 20; ++type) {
+    const auto original =
+        KVRBeaconFactory::beaconForType(static_cast<KVRBeaconType>(type), {{"k", "v"}});
+    ASSERT_NE(original, nullptr);
+    const auto decoded = KVRReliableNetworkingTask::unarchive(original->archivedData());
+    ASSERT_NE(decoded, nullptr) << type;
+    EXPECT_EQ(decoded->className(), original->className()) << type;
+    EXPECT_EQ(typeid(*decoded), typeid(*original)) << type;
+    EXPECT_EQ(decoded->uuid(), original->uuid());
+  }
+  KVRReliableNetworkingTask base;
+  base.setUuid("U");
+  const auto decoded = KVRReliableNetworkingTask::unarchive(base.archivedData());
+  ASSERT_NE(decoded, nullptr);
+  EXPECT_EQ(decoded->className(), "KVRReliableNetworkingTask");
+  EXPECT_EQ(decoded->uuid(), "U");
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, DamagedArchivesDecodeToNothing) {
+  const auto original = makeRecord({{"a", "b"}, {"n", KVRParameters{{"c", KVRList{1, 2}}}}});
+  const std::string data = original->archivedData();
+
+  for (size_t length = 0; length < data.size(); ++length) {
+    EXPECT_EQ(KVRReliableNetworkingTask::unarchive(data.substr(0, length)), nullptr)
+        << "prefix of " << length << " bytes";
+  }
+  // Flipped bytes must never crash; whatever decodes is a whole record.
+  for (size_t i = 0; i < data.size(); ++i) {
+    for (unsigned char mask : {0x01, 0x80, 0xFF}) {
+      std::string damaged = data;
+      damaged[i] = static_cast<char>(static_cast<unsigned char>(damaged[i]) ^ mask);
+      if (auto task = KVRReliableNetworkingTask::unarchive(damaged)) {
+        EXPECT_FALSE(task->className().empty());
+      }
+    }
+  }
+  for (std::string_view garbage : {std::string_view(""), std::string_view("not an archive"),
+                                   std::string_view("\xff\xff\xff\xff", 4),
+                                   std::string_view("\x00", 1)}) {
+    EXPECT_EQ(KVRReliableNetworkingTask::unarchive(garbage), nullptr);
+  }
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, ArchivesMissingFieldsOrClassDecodeToNothing) {
+  auto archive = [](std::optional<std::string> className, bool withUUID, bool uuidAsNumber,
+                    bool withParameters, bool withTime) {
+    platform::KeyedArchiver coder;
+    if (className) coder.encodeObject("$class", *className);
+    if (withParameters) coder.encodeObject("parameters", KVRParameters{{"a", "b"}});
+    if (withTime) coder.encodeDouble("creationTimestamp", 1.0);
+    if (withUUID) {
+      if (uuidAsNumber) {
+        coder.encodeDouble("uuid", 1.0);
+      } else {
+        coder.encodeObject("uuid", std::string("U"));
+      }
+    }
+    return coder.encodedData();
+  };
+  const size_t before = created().size();
+  using R = KVRReliableNetworkingTask;
+  EXPECT_NE(R::unarchive(archive("KVRUserEventBeacon", true, false, true, true)), nullptr);
+  EXPECT_EQ(created().size(), before + 1);
+
+  EXPECT_EQ(R::unarchive(archive("NoSuchBeacon", true, false, true, true)), nullptr);
+  EXPECT_EQ(R::unarchive(archive(std::nullopt, true, false, true, true)), nullptr);
+  EXPECT_EQ(R::unarchive(archive("KVRUserEventBeacon", false, false, true, true)), nullptr);
+  EXPECT_EQ(R::unarchive(archive("KVRUserEventBeacon", true, true, true, true)), nullptr);
+  EXPECT_EQ(R::unarchive(archive("KVRUserEventBeacon", true, false, false, true)), nullptr);
+  EXPECT_EQ(R::unarchive(archive("KVRUserEventBeacon", true, false, true, false)), nullptr);
+  // A failed decode announces nothing.
+  EXPECT_EQ(created().size(), before + 1);
+
+  // inid and app version are optional in an archive.
+  const auto minimal = R::unarchive(archive("KVRPageViewBeacon", true, false, true, true));
+  ASSERT_NE(minimal, nullptr);
+  EXPECT_EQ(minimal->debugInid(), std::nullopt);
+  EXPECT_EQ(minimal->appVersion(), KVNConfiguration::appShortVersion());
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, CopyCarriesTheWireFieldsOnly) {
+  KVRUserSession::setSessionID("SESSION");
+  setInid(std::nullopt);
+  const auto original = makeRecord<KVRPageViewBeacon>({{"screenname", "home"}});
+  setInid("RESOLVED");
+  const size_t announced = created().size();
+
+  const auto copy = original->copy();
+  EXPECT_EQ(created().size(), announced);  // a copy is not announced
+  ASSERT_NE(std::dynamic_pointer_cast<KVRPageViewBeacon>(copy), nullptr);
+  EXPECT_EQ(copy->className(), "KVRPageViewBeacon");
+  EXPECT_EQ(copy->parameters(), original->parameters());
+  EXPECT_EQ(copy->uuid(), original->uuid());
+  EXPECT_EQ(copy->creationTimestamp(), original->creationTimestamp());
+  EXPECT_EQ(copy->event(), "pageview");
+  EXPECT_TRUE(copy->isValid());
+  // The copy stores the inid resolved at copy time, not the marker.
+  EXPECT_EQ(copy->debugInid(), "RESOLVED");
+  EXPECT_FALSE(original->commonParameters().empty());
+  EXPECT_TRUE(copy->commonParameters().empty());
+  EXPECT_TRUE(copy->nonCommonParameters().empty());
+
+  // The app version is not copied: the copy reads the configuration's.
+  KVNConfiguration::setAppShortVersion("10.0");
+  EXPECT_EQ(original->appVersion(), "9.9");
+  EXPECT_EQ(copy->appVersion(), "10.0");
+}
+
+TEST_F(KVRReliableNetworkingTaskTest, CopyOfWebInitiatedKeepsItsEvent) {
+  const auto original =
+      KVRBeaconFactory::beaconForType(KVRBeaconTypeWebInitiated, {{"a", "b"}}, "from_web");
+  const auto copy = original->copy();
+  ASSERT_NE(std::dynamic_pointer_cast<KVRWebInitiatedBeacon>(copy), nullptr);
+  EXPECT_EQ(copy->event(), "from_web");
+  EXPECT_EQ(copy->isReliable(), true);
+}
+
+}  // namespace
+}  // namespace korvel

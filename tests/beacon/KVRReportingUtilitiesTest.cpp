@@ -1,0 +1,145 @@
+#include <korvel/beacon/KVRReportingUtilities.h>
+
+#include <gtest/gtest.h>
+
+#include <charconv>
+#include <cstdint>
+#include <limits>
+#include <string>
+#include <vector>
+
+#include <korvel/beacon/KVRLogging.h>
+#include "support/TestEnv.h"
+
+namespace korvel {
+namespace {
+
+using testing::TestEnv;
+
+TEST(KVRReportingUtilitiesTest, TaggingOutcomeWords) {
+  struct Case {
+    uint64_t outcome;
+    const char* word;
+  };
+  const std::vector<Case> cases = {
+      {0, "match"},
+      {1, "nomatch"},
+      {2, "error"},
+      {3, "canceled"},
+      // "background" sits after "canceled" in the word list but is out of
+      // reach: everything above 3 is unknown.
+      {4, "unknown"},
+      {5, "unknown"},
+      {uint64_t{1} << 32, "unknown"},
+      {std::numeric_limits<uint64_t>::max(), "unknown"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(KVRReportingUtilities::taggingOutcomeStringForTaggingOutcome(c.outcome), c.word)
+        << c.outcome;
+  }
+}
+
+TEST(KVRReportingUtilitiesTest, BeaconTimeStringsAreWholeMilliseconds) {
+  struct Case {
+    double seconds;
+    const char* text;
+  };
+  const std::vector<Case> cases = {
+      // 1.2345 * 1000 is 1234.4999999999998 in binary floating point, so
+      // rounding to the nearest whole millisecond gives 1234.
+      {1.2345, "1234"},
+      {0, "0"},
+      {2.5, "2500"},
+      {0.0016, "2"},
+      {-1.5, "-1500"},
+      {-2.0004, "-2000"},
+      {1700000000.123, "1700000000123"},
+      {1e12, "1000000000000000"},
+  };
+  for (const auto& c : cases) {
+    EXPECT_EQ(KVRReportingUtilities::beaconFormattedTimeStringForTimeInterval(c.seconds), c.text)
+        << c.seconds;
+  }
+}
+
+// However large, the text is the whole number, never cut short: compared
+// with an independent fixed-notation formatter.
+TEST(KVRReportingUtilitiesTest, HugeIntervalsKeepEveryDigit) {
+  for (double seconds : {1e20, 1e70, -3.5e150, 1.7976931348623157e305}) {
+    char expected[400];
+    const double millis = seconds * 1000.0;
+    const auto end =
+        std::to_chars(expected, expected + sizeof expected, millis, std::chars_format::fixed, 0);
+    ASSERT_EQ(end.ec, std::errc());
+    EXPECT_EQ(KVRReportingUtilities::beaconFormattedTimeStringForTimeInterval(seconds),
+              std::string(expected, end.ptr))
+        << seconds;
+  }
+}
+
+TEST(KVRReportingUtilitiesTest, DefaultParameterBuilders) {
+  using U = KVRReportingUtilities;
+  const auto userEvent = U::defaultUserEventBeaconParametersOfType("share");
+  EXPECT_EQ(userEvent, (KVRParameters{{"type", "share"}}));
+  EXPECT_EQ(userEvent.size(), 1u);
+  EXPECT_TRUE(U::defaultUserEventBeaconParametersOfType(std::nullopt).empty());
+  // An empty word from the caller is still written.
+  EXPECT_EQ(U::defaultUserEventBeaconParametersOfType(""), (KVRParameters{{"type", ""}}));
+
+  EXPECT_EQ(U::defaultErrorBeaconParametersWithErrorCode("E42"), (KVRParameters{{"code", "E42"}}));
+  EXPECT_TRUE(U::defaultErrorBeaconParametersWithErrorCode(std::nullopt).empty());
+  EXPECT_EQ(U::defaultErrorBeaconParametersWithErrorCode(""), (KVRParameters{{"code", ""}}));
+
+  // Each call starts a fresh dictionary.
+  auto first = U::defaultUserEventBeaconParametersOfType("a");
+  first.set("extra", 1);
+  EXPECT_EQ(U::defaultUserEventBeaconParametersOfType("a").size(), 1u);
+}
+
+TEST(KVRReportingUtilitiesTest, CurrentTimeIsSecondsSince1970FromTheEnv) {
+  TestEnv env;
+  platform::ScopedEnv scope(env);
+  env.setNow(1234567890.25);
+  EXPECT_EQ(KVRReportingUtilities::timeIntervalSinceReferenceDate(), 1234567890.25);
+}
+
+TEST(KVRLoggingTest, SubsystemIsTheBundleIdentifierOrUnknownBundle) {
+  TestEnv env;
+  platform::ScopedEnv scope(env);
+  env.setMainBundleIdentifier("com.korvel.host");
+  EXPECT_EQ(KVRLogging::subsystem(), "com.korvel.host");
+  env.setMainBundleIdentifier(std::nullopt);
+  EXPECT_EQ(KVRLogging::subsystem(), "Unknown bundle");
+  EXPECT_EQ(KVRLogging::categoryPageView(), "PageView");
+  EXPECT_EQ(KorvelReportingLogging::categoryPageView(), "PageView");
+}
+
+TEST(KVRLoggingTest, PageViewLoggerWritesToTheEnvSinkAtDefaultLevel) {
+  TestEnv env;
+  platform::ScopedEnv scope(env);
+  env.setMainBundleIdentifier("com.korvel.logger");
+
+  const auto& logger = KVRLogging::pageViewLogger();
+  EXPECT_EQ(&logger, &KVRLogging::pageViewLogger());  // made once
+  EXPECT_EQ(logger.subsystem(), "com.korvel.logger");
+  EXPECT_EQ(logger.category(), "PageView");
+
+  logger.log("page closed");
+  const auto records = env.logs().records();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].level, platform::LogLevel::Default);
+  EXPECT_EQ(records[0].subsystem, "com.korvel.logger");
+  EXPECT_EQ(records[0].category, "PageView");
+  EXPECT_EQ(records[0].message, "page closed");
+}
+
+TEST(KVRLoggingTest, VersionNumberMatchesVersionString) {
+  const std::string text = KorvelReportingVersionString;
+  ASSERT_FALSE(text.empty());
+  // The number is the string's leading "major.minor".
+  EXPECT_DOUBLE_EQ(std::stod(text), KorvelReportingVersionNumber);
+  EXPECT_GT(KorvelReportingVersionNumber, 0);
+}
+
+}  // namespace
+}  // namespace korvel

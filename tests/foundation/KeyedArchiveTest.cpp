@@ -1,0 +1,216 @@
+#include <korvel/foundation/KeyedArchive.h>
+
+#include <gtest/gtest.h>
+
+#include <cmath>
+#include <limits>
+#include <random>
+
+namespace korvel::platform {
+namespace {
+
+KVRParameters sampleDictionary() {
+  KVRParameters inner{{"zeta", "last-first"}, {"alpha", int64_t{-3}}, {"mid", true}};
+  return KVRParameters{
+      {"text", "héllo \"wörld\"\n"},
+      {"empty", ""},
+      {"int", int64_t{42}},
+      {"zero", int64_t{0}},
+      {"negative", int64_t{-7}},
+      {"intMin", std::numeric_limits<int64_t>::min()},
+      {"intMax", std::numeric_limits<int64_t>::max()},
+      {"uint", uint64_t{5}},
+      {"uintMax", std::numeric_limits<uint64_t>::max()},
+      {"double", 1.0},
+      {"fraction", 0.1},
+      {"negZero", -0.0},
+      {"huge", 1e300},
+      {"yes", true},
+      {"no", false},
+      {"date", KVRDate{1710493507.25}},
+      {"url", KVRURL{"https://example.com/a?b=c"}},
+      {"inner", inner},
+      {"list", KVRList{"a", int64_t{1}, uint64_t{2}, 2.5, false, KVRList{}, inner}},
+  };
+}
+
+std::string sampleArchive() {
+  KeyedArchiver archiver;
+  archiver.encodeObject("dict", sampleDictionary());
+  archiver.encodeObject("name", std::string("record"));
+  archiver.encodeDouble("time", 12.5);
+  archiver.encodeInt("count", -9);
+  archiver.encodeBool("sent", true);
+  return archiver.encodedData();
+}
+
+TEST(KeyedArchiveTest, EveryValueKindRoundTripsExactly) {
+  auto unarchiver = KeyedUnarchiver::open(sampleArchive());
+  ASSERT_TRUE(unarchiver);
+  auto dict = unarchiver->decodeDictionary("dict");
+  ASSERT_TRUE(dict);
+  const KVRParameters expected = sampleDictionary();
+  EXPECT_EQ(*dict, expected);
+
+  // Equality is by value and kind; check the kinds that CBOR could blur and
+  // the order, which equality ignores.
+  EXPECT_EQ(dict->keys(), expected.keys());
+  struct KindCase {
+    const char* key;
+    KVRValue::Kind kind;
+  };
+  const KindCase kinds[] = {
+      {"int", KVRValue::Kind::Int},       {"zero", KVRValue::Kind::Int},
+      {"intMax", KVRValue::Kind::Int},    {"uint", KVRValue::Kind::UInt},
+      {"uintMax", KVRValue::Kind::UInt},  {"double", KVRValue::Kind::Double},
+      {"yes", KVRValue::Kind::Bool},      {"date", KVRValue::Kind::Date},
+      {"url", KVRValue::Kind::URL},       {"list", KVRValue::Kind::List},
+      {"inner", KVRValue::Kind::Dictionary},
+  };
+  for (const auto& k : kinds) {
+    const KVRValue* value = dict->find(k.key);
+    ASSERT_NE(value, nullptr) << k.key;
+    EXPECT_EQ(value->kind(), k.kind) << k.key;
+  }
+  EXPECT_TRUE(std::signbit(*dict->find("negZero")->asDouble()));
+  EXPECT_EQ(dict->find("inner")->asDictionary()->keys(),
+            (std::vector<std::string>{"zeta", "alpha", "mid"}));
+  const KVRList& list = *dict->find("list")->asList();
+  ASSERT_EQ(list.size(), 7u);
+  EXPECT_EQ(list[2].kind(), KVRValue::Kind::UInt);
+  EXPECT_EQ(list[6].asDictionary()->keys(), (std::vector<std::string>{"zeta", "alpha", "mid"}));
+
+  EXPECT_EQ(unarchiver->decodeString("name"), "record");
+  EXPECT_EQ(unarchiver->decodeDouble("time"), 12.5);
+  EXPECT_EQ(unarchiver->decodeInt("count"), -9);
+  EXPECT_EQ(unarchiver->decodeBool("sent"), true);
+}
+
+TEST(KeyedArchiveTest, WrongKindOrMissingKeyGivesNothing) {
+  KeyedArchiver archiver;
+  archiver.encodeObject("dict", KVRParameters{{"a", "b"}});
+  archiver.encodeObject("text", std::string("12"));
+  archiver.encodeDouble("real", 1.0);
+  archiver.encodeInt("int", 3);
+  archiver.encodeBool("flag", true);
+  archiver.encodeObject("big", KVRParameters{{"u", std::numeric_limits<uint64_t>::max()}});
+  auto u = KeyedUnarchiver::open(archiver.encodedData());
+  ASSERT_TRUE(u);
+
+  EXPECT_TRUE(u->containsValueForKey("flag"));
+  EXPECT_FALSE(u->containsValueForKey("missing"));
+  EXPECT_FALSE(u->decodeString("missing"));
+  EXPECT_FALSE(u->decodeDictionary("missing"));
+
+  EXPECT_FALSE(u->decodeDictionary("text"));
+  EXPECT_FALSE(u->decodeString("int"));
+  EXPECT_FALSE(u->decodeString("dict"));
+  EXPECT_FALSE(u->decodeInt("real"));    // a double, even an integral one
+  EXPECT_FALSE(u->decodeInt("text"));
+  EXPECT_FALSE(u->decodeInt("flag"));
+  EXPECT_FALSE(u->decodeBool("int"));
+  EXPECT_FALSE(u->decodeDouble("text"));
+  EXPECT_FALSE(u->decodeDouble("flag"));
+  EXPECT_EQ(u->decodeDouble("int"), 3.0);  // any number reads as a double
+}
+
+// Archives built by hand to hold CBOR that no archiver writes.
+TEST(KeyedArchiveTest, UnsupportedNestedValuesFailTheDictionary) {
+  struct Case {
+    const char* name;
+    std::string bytes;  // a map {"d": {"v": <value>}, "s": "ok"}
+  };
+  auto wrap = [](std::string value) {
+    return std::string("\xA2\x61" "d\xA1\x61v", 6) + value + std::string("\x61s\x62ok", 5);
+  };
+  const Case cases[] = {
+      {"null", wrap("\xF6")},
+      {"untagged bytes", wrap(std::string("\x41\x00", 2))},
+      {"unknown subtype", wrap(std::string("\xD8\x09\x41\x00", 4))},
+      {"short date", wrap(std::string("\xD8\x01\x44\x00\x00\x00\x00", 7))},
+      {"short unsigned", wrap(std::string("\xD8\x03\x41\x01", 4))},
+      {"null in list", wrap("\x82\x01\xF6")},
+  };
+  for (const auto& c : cases) {
+    auto u = KeyedUnarchiver::open(c.bytes);
+    ASSERT_TRUE(u) << c.name;
+    EXPECT_FALSE(u->decodeDictionary("d")) << c.name;
+    EXPECT_EQ(u->decodeString("s"), "ok") << c.name;
+  }
+}
+
+TEST(KeyedArchiveTest, OpenRejectsWhatIsNotAWholeMap) {
+  const std::string bad[] = {
+      "",
+      std::string("\x80", 1),              // an array
+      std::string("\x01", 1),              // a number
+      std::string("\xA0\x00", 2),          // trailing byte
+      std::string("\xA1\x01\x02", 3),      // non-text key
+      std::string("\xBB\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF", 9),  // absurd length
+      std::string("\xBF\x61k\x01", 4),     // indefinite map without break
+      std::string("\xFF", 1),              // lone break
+      std::string("\xA1\x61k\x1C", 4),     // reserved additional info
+      "not cbor at all",
+  };
+  for (const auto& bytes : bad) EXPECT_FALSE(KeyedUnarchiver::open(bytes)) << bytes.size();
+
+  // An indefinite-length map is still a map.
+  auto indefinite = KeyedUnarchiver::open(std::string("\xBF\x61k\x01\xFF", 5));
+  ASSERT_TRUE(indefinite);
+  EXPECT_EQ(indefinite->decodeInt("k"), 1);
+}
+
+TEST(KeyedArchiveTest, DeepNestingIsRefusedNotRecursedInto) {
+  std::string bytes("\xA1\x61k", 3);
+  bytes.append(200000, '\x81');  // arrays nested 200000 deep
+  bytes += '\x01';
+  EXPECT_FALSE(KeyedUnarchiver::open(bytes));
+
+  std::string tags("\xA1\x61k", 3);
+  tags.append(200000, '\xC6');  // tag upon tag
+  tags += '\x01';
+  EXPECT_FALSE(KeyedUnarchiver::open(tags));
+}
+
+void exercise(const KeyedUnarchiver& u) {
+  for (const char* key : {"dict", "name", "time", "count", "sent"}) {
+    (void)u.containsValueForKey(key);
+    (void)u.decodeDictionary(key);
+    (void)u.decodeString(key);
+    (void)u.decodeDouble(key);
+    (void)u.decodeInt(key);
+    (void)u.decodeBool(key);
+  }
+}
+
+TEST(KeyedArchiveTest, TruncatedArchivesAreRejected) {
+  const std::string archive = sampleArchive();
+  for (size_t length = 0; length < archive.size(); ++length) {
+    auto u = KeyedUnarchiver::open(std::string_view(archive).substr(0, length));
+    // A definite-length map cannot be complete before its last byte.
+    EXPECT_FALSE(u) << length;
+    if (u) exercise(*u);
+  }
+}
+
+TEST(KeyedArchiveTest, CorruptedArchivesNeverCrash) {
+  const std::string archive = sampleArchive();
+  std::mt19937 rng(20240315);
+  std::uniform_int_distribution<size_t> position(0, archive.size() - 1);
+  std::uniform_int_distribution<int> byte(0, 255);
+  int opened = 0;
+  for (int round = 0; round < 500; ++round) {
+    std::string corrupt = archive;
+    const int flips = 1 + round % 4;
+    for (int i = 0; i < flips; ++i) corrupt[position(rng)] = static_cast<char>(byte(rng));
+    if (auto u = KeyedUnarchiver::open(corrupt)) {
+      ++opened;
+      exercise(*u);
+    }
+  }
+  // Most flips land in text or numbers and leave a readable archive.
+  EXPECT_GT(opened, 0);
+}
+
+}  // namespace
+}  // namespace korvel::platform

@@ -1,0 +1,357 @@
+// The durable executor's queue, retry, cap and restart rules, against a
+// scripted in-process transport (no network, millisecond backoff).
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <condition_variable>
+#include <deque>
+#include <filesystem>
+#include <fstream>
+
+#include <korvel/network/DurableRequestExecutor.h>
+#include "support/TestEnv.h"
+
+namespace korvel::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using namespace std::chrono_literals;
+using ::testing::ElementsAre;
+using ::testing::IsEmpty;
+
+constexpr const char* kKind = "test.request";
+
+// Answers from a script (204 once it runs out) and records every URL asked.
+class FakeServer {
+ public:
+  void script(std::vector<DeliveryResponse> responses) {
+    std::lock_guard lock(mutex_);
+    script_.assign(responses.begin(), responses.end());
+  }
+  void holdUntilCancelled(bool hold) {
+    std::lock_guard lock(mutex_);
+    hold_ = hold;
+  }
+  std::vector<std::string> urls() const {
+    std::lock_guard lock(mutex_);
+    return urls_;
+  }
+  bool waitForAttempts(size_t n, std::chrono::milliseconds deadline) {
+    std::unique_lock lock(mutex_);
+    return changed_.wait_for(lock, deadline, [&] { return urls_.size() >= n; });
+  }
+
+  DeliveryResponse handle(const std::string& url, const std::atomic<bool>& cancelled) {
+    std::unique_lock lock(mutex_);
+    urls_.push_back(url);
+    changed_.notify_all();
+    if (hold_) {
+      while (!cancelled) changed_.wait_for(lock, 5ms);
+      return DeliveryResponse{};  // abandoned: no connection
+    }
+    if (script_.empty()) return status(204);
+    DeliveryResponse r = script_.front();
+    script_.pop_front();
+    return r;
+  }
+
+  static DeliveryResponse status(long s) {
+    DeliveryResponse r;
+    r.status = s;
+    r.reachedServer = true;
+    return r;
+  }
+  static DeliveryResponse offline() {
+    DeliveryResponse r;
+    r.error = "Couldn't connect to server";
+    return r;
+  }
+
+ private:
+  mutable std::mutex mutex_;
+  std::condition_variable changed_;
+  std::deque<DeliveryResponse> script_;
+  std::vector<std::string> urls_;
+  bool hold_ = false;
+};
+
+class FakeTransport : public DeliveryTransport {
+ public:
+  FakeTransport(FakeServer& server, const std::atomic<bool>& cancelled)
+      : server_(server), cancelled_(cancelled) {}
+  DeliveryResponse get(const std::string& url) override { return server_.handle(url, cancelled_); }
+
+ private:
+  FakeServer& server_;
+  const std::atomic<bool>& cancelled_;
+};
+
+KVNNetworkRequest makeRequest(const std::string& name, int priority = 1, int policy = 0,
+                              int retries = 3, bool durable = true) {
+  KVNNetworkRequest r;
+  r.setPriority(priority);
+  r.setConfigurationPolicy(policy);
+  r.setBackgroundSessionRetryCount(retries);
+  r.setEndpointBuilderBlock([name] { return KVNEndpoint("http://fake/" + name); });
+  if (durable) r.setRestorationPayload(kKind, [name] { return name; });
+  return r;
+}
+
+class DurableRequestExecutorTest : public ::testing::Test {
+ protected:
+  static void SetUpTestSuite() {
+    KVNRequestRestorers::registerRestorer(kKind, [](std::string_view payload) {
+      return std::optional<KVNNetworkRequest>(makeRequest(std::string(payload)));
+    });
+  }
+
+  void SetUp() override {
+    scope_.emplace(env_);
+    savedConfiguration_ = *KVNConfiguration::sharedInstance().snapshot();
+    char pattern[] = "/tmp/korvel-executor-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+  }
+
+  void TearDown() override {
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+    KVNConfiguration::sharedInstance().replace(savedConfiguration_);
+    scope_.reset();
+  }
+
+  DurableRequestExecutor::Options options() {
+    DurableRequestExecutor::Options o;
+    o.directory = dir_;
+    o.retryBaseDelay = 1ms;
+    o.maxRetryDelay = 4ms;
+    o.syncInterval = 20ms;
+    o.concurrency = 2;
+    o.transport = [this](const std::atomic<bool>& cancelled) {
+      return std::make_unique<FakeTransport>(server_, cancelled);
+    };
+    return o;
+  }
+
+  std::unique_ptr<DurableRequestExecutor> start(DurableRequestExecutor::Options o) {
+    return std::make_unique<DurableRequestExecutor>("test.backgroundBeacons", std::move(o));
+  }
+
+  bool logged(const std::string& text) {
+    for (const auto& m : env_.logs().messages()) {
+      if (m.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+  testing::TestEnv env_;
+  std::optional<ScopedEnv> scope_;
+  KVNConfiguration::Snapshot savedConfiguration_;
+  fs::path dir_;
+  FakeServer server_;
+};
+
+TEST_F(DurableRequestExecutorTest, SendsHigherPrioritiesFirstThenInSubmissionOrder) {
+  auto o = options();
+  o.startPaused = true;
+  o.concurrency = 1;
+  auto executor = start(o);
+  executor->executeRequest(makeRequest("a", 1));
+  executor->executeRequest(makeRequest("b", 5));
+  executor->executeRequest(makeRequest("c", 1));
+  executor->executeRequest(makeRequest("d", 5));
+  executor->executeRequest(makeRequest("e", 0));
+  executor->setPaused(false);
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/b", "http://fake/d", "http://fake/a",
+                                          "http://fake/c", "http://fake/e"));
+}
+
+TEST_F(DurableRequestExecutorTest, HoldsRequestsUntilTheirConfigurationPolicyIsMet) {
+  auto& configuration = KVNConfiguration::sharedInstance();
+  configuration.update([](auto& s) {
+    s.beacons.beaconEndpoint.reset();
+    s.inid = "INID";
+    s.configured = false;
+  });
+  auto executor = start(options());
+  executor->executeRequest(makeRequest("needs-endpoint", 1, 2));
+  executor->executeRequest(makeRequest("needs-configured", 1, 1));
+  executor->executeRequest(makeRequest("anytime", 1, 0));
+  EXPECT_FALSE(executor->flush(200ms));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/anytime"));
+
+  configuration.setBeaconEndpoint("http://fake/{inid}");
+  ASSERT_TRUE(server_.waitForAttempts(2, 5s));
+  EXPECT_EQ(server_.urls().back(), "http://fake/needs-endpoint");
+  configuration.setConfigured(true);
+  EXPECT_TRUE(executor->flush(5s));
+  EXPECT_EQ(server_.urls().size(), 3u);
+}
+
+TEST_F(DurableRequestExecutorTest, RetriesServerErrorsAndGivesUpAfterTheRetryCount) {
+  auto executor = start(options());
+  server_.script({FakeServer::status(500), FakeServer::status(503), FakeServer::status(200)});
+  executor->executeRequest(makeRequest("flaky", 1, 0, 3));
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_EQ(server_.urls().size(), 3u);
+  EXPECT_EQ(executor->stats().delivered, 1u);
+
+  server_.script({FakeServer::status(500), FakeServer::status(429), FakeServer::status(408),
+                  FakeServer::status(502)});
+  executor->executeRequest(makeRequest("down", 1, 0, 2));
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_EQ(server_.urls().size(), 3u + 3u) << "one attempt and two retries";
+  EXPECT_EQ(executor->stats().droppedByServer, 1u);
+  EXPECT_TRUE(logged("after 3 failed attempts, the last HTTP 408: GET http://fake/down"));
+}
+
+TEST_F(DurableRequestExecutorTest, DropsARefusedRequestAtOnceAndLogsIt) {
+  auto executor = start(options());
+  server_.script({FakeServer::status(400)});
+  executor->executeRequest(makeRequest("bad", 1, 0, 3));
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_EQ(server_.urls().size(), 1u);
+  EXPECT_EQ(executor->stats().droppedByServer, 1u);
+  EXPECT_TRUE(logged("refused with HTTP 400"));
+}
+
+TEST_F(DurableRequestExecutorTest, WaitingForTheNetworkDoesNotUseUpRetries) {
+  auto executor = start(options());
+  server_.script({FakeServer::offline(), FakeServer::offline(), FakeServer::offline(),
+                  FakeServer::offline(), FakeServer::offline(), FakeServer::status(204)});
+  executor->executeRequest(makeRequest("patient", 1, 0, 1));
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_EQ(server_.urls().size(), 6u);
+  EXPECT_EQ(executor->stats().delivered, 1u);
+}
+
+TEST_F(DurableRequestExecutorTest, BuildsTheEndpointWhenSendingNotWhenQueued) {
+  auto o = options();
+  o.startPaused = true;
+  auto executor = start(o);
+  auto target = std::make_shared<std::atomic<int>>(1);
+  KVNNetworkRequest r;
+  r.setEndpointBuilderBlock(
+      [target] { return KVNEndpoint("http://fake/v" + std::to_string(target->load())); });
+  executor->executeRequest(r);
+  *target = 2;
+  executor->setPaused(false);
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/v2"));
+}
+
+TEST_F(DurableRequestExecutorTest, PastTheCapTheOldestAreDroppedAndCounted) {
+  auto o = options();
+  o.startPaused = true;
+  o.maxStoredRequests = 3;
+  o.concurrency = 1;
+  auto executor = start(o);
+  for (const char* name : {"1", "2", "3", "4", "5"}) executor->executeRequest(makeRequest(name));
+  ASSERT_TRUE(executor->syncStore(5s));
+  EXPECT_TRUE(logged("dropped the 2 oldest requests: more than 3 were waiting"));
+  executor->setPaused(false);
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/3", "http://fake/4", "http://fake/5"));
+  EXPECT_EQ(executor->stats().droppedOverCap, 2u);
+}
+
+TEST_F(DurableRequestExecutorTest, RequestsOlderThanTheAgeCapAreDropped) {
+  auto o = options();
+  o.startPaused = true;
+  o.maxAge = 60s;
+  {
+    auto executor = start(o);
+    executor->executeRequest(makeRequest("old"));
+    env_.setNow(env_.now() + 45);
+    executor->executeRequest(makeRequest("younger"));
+  }
+  // Both are stored; by the next start the first has passed the cap.
+  env_.setNow(env_.now() + 30);
+  o.startPaused = false;
+  auto executor = start(o);
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/younger"));
+  EXPECT_EQ(executor->stats().droppedTooOld, 1u);
+  EXPECT_TRUE(logged("dropped 1 requests older than 60 s"));
+}
+
+TEST_F(DurableRequestExecutorTest, ARestartSendsWhatWasNotDeliveredAndOnlyThat) {
+  {
+    auto executor = start(options());
+    executor->executeRequest(makeRequest("delivered"));
+    ASSERT_TRUE(executor->flush(5s));
+    executor->setPaused(true);
+    executor->executeRequest(makeRequest("pending-1"));
+    executor->executeRequest(makeRequest("pending-2", 3));
+    executor->executeRequest(makeRequest("memory-only", 1, 0, 3, false));
+  }
+  auto executor = start(options());
+  ASSERT_TRUE(executor->flush(5s));
+  // Stored ones come back with their own priority; memory-only ones are gone.
+  EXPECT_THAT(server_.urls(),
+              ElementsAre("http://fake/delivered", "http://fake/pending-2", "http://fake/pending-1"));
+  EXPECT_EQ(executor->stats().restored, 2u);
+}
+
+TEST_F(DurableRequestExecutorTest, RequestsNoRestorerKnowsAreKeptNotSent) {
+  {
+    auto o = options();
+    o.startPaused = true;
+    auto executor = start(o);
+    KVNNetworkRequest r = makeRequest("unknown");
+    r.setRestorationPayload("kind.nobody.registered", [] { return std::string("x"); });
+    executor->executeRequest(r);
+  }
+  for (int run = 0; run < 2; ++run) {
+    auto executor = start(options());
+    EXPECT_TRUE(executor->flush(5s));
+    auto stored = executor->syncStore(5s);
+    ASSERT_TRUE(stored);
+    EXPECT_EQ(stored->storedRequests, 1u);
+  }
+  EXPECT_THAT(server_.urls(), IsEmpty());
+  EXPECT_TRUE(logged("1 stored requests could not be restored"));
+}
+
+TEST_F(DurableRequestExecutorTest, ShutdownAbandonsATransferInProgressAndKeepsTheRequest) {
+  server_.holdUntilCancelled(true);
+  {
+    auto executor = start(options());
+    executor->executeRequest(makeRequest("slow"));
+    ASSERT_TRUE(server_.waitForAttempts(1, 5s));
+    const auto before = std::chrono::steady_clock::now();
+    executor.reset();
+    EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
+  }
+  server_.holdUntilCancelled(false);
+  auto executor = start(options());
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/slow", "http://fake/slow"));
+}
+
+TEST_F(DurableRequestExecutorTest, WithoutAUsableDirectoryItStillDeliversFromMemory) {
+  const fs::path file = dir_ / "not-a-directory";
+  std::ofstream(file) << "x";
+  auto o = options();
+  o.directory = file;
+  auto executor = start(o);
+  executor->executeRequest(makeRequest("still-sent"));
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_FALSE(executor->stats().durable);
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/still-sent"));
+  EXPECT_TRUE(logged("kept in memory only"));
+}
+
+TEST_F(DurableRequestExecutorTest, FlushGivesUpAtItsDeadline) {
+  auto o = options();
+  o.startPaused = true;
+  auto executor = start(o);
+  executor->executeRequest(makeRequest("held"));
+  const auto before = std::chrono::steady_clock::now();
+  EXPECT_FALSE(executor->flush(100ms));
+  EXPECT_GE(std::chrono::steady_clock::now() - before, 100ms);
+}
+
+}  // namespace
+}  // namespace korvel::platform

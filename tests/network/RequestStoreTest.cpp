@@ -1,0 +1,373 @@
+// The request stores behind the durable executor: frame format, recovery
+// after kills and damage, delivered marks, compaction, and both store kinds
+// against the same expectations.
+#include <fcntl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <csignal>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <fstream>
+#include <random>
+
+#include <korvel/network/internal/RequestStore.h>
+#include "support/TestEnv.h"
+
+namespace korvel::platform {
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::ElementsAre;
+using ::testing::HasSubstr;
+
+StoredRequest request(uint64_t id, std::string payload = "payload") {
+  StoredRequest r;
+  r.id = id;
+  r.createdMillis = 1'700'000'000'000 + static_cast<int64_t>(id);
+  r.priority = 1;
+  r.configurationPolicy = 2;
+  r.retryCount = 3;
+  r.kind = "KVRBeacon";
+  r.payload = std::move(payload);
+  return r;
+}
+
+std::vector<uint64_t> idsOf(const std::vector<StoredRequest>& requests) {
+  std::vector<uint64_t> ids;
+  for (const auto& r : requests) ids.push_back(r.id);
+  return ids;
+}
+
+// MARK: - Frames
+
+TEST(RequestFrameTest, Crc32cMatchesTheStandardCheckValueAndABitwiseReference) {
+  EXPECT_EQ(crc32c("123456789", 9), 0xE3069283u);
+  auto bitwise = [](const unsigned char* p, size_t n) {
+    uint32_t c = 0xFFFFFFFFu;
+    for (size_t i = 0; i < n; ++i) {
+      c ^= p[i];
+      for (int k = 0; k < 8; ++k) c = (c & 1) ? (c >> 1) ^ 0x82F63B78u : c >> 1;
+    }
+    return ~c;
+  };
+  std::mt19937 random(7);
+  std::vector<unsigned char> bytes(200);
+  for (auto& b : bytes) b = static_cast<unsigned char>(random());
+  // Every length and alignment, so the eight-byte steps and the tail agree.
+  for (size_t start = 0; start < 8; ++start) {
+    for (size_t n = 0; start + n <= bytes.size(); n += 3) {
+      ASSERT_EQ(crc32c(bytes.data() + start, n), bitwise(bytes.data() + start, n))
+          << start << "+" << n;
+    }
+  }
+  // Continuing a checksum equals checksumming the concatenation.
+  EXPECT_EQ(crc32c(bytes.data() + 50, 150, crc32c(bytes.data(), 50)), crc32c(bytes.data(), 200));
+}
+
+TEST(RequestFrameTest, RoundTripsEveryFieldIncludingBinaryPayloads) {
+  StoredRequest r = request(0x0000000500000007ull, std::string("\0\xff\x01 binary", 10));
+  r.priority = -4;
+  r.configurationPolicy = 0;
+  r.retryCount = 0;
+  std::string data = encodeFrame(r) + encodeFrame(request(9));
+  size_t offset = 0;
+  StoredRequest decoded;
+  ASSERT_EQ(decodeFrame(data, offset, decoded), FrameStatus::Ok);
+  EXPECT_EQ(decoded, r);
+  ASSERT_EQ(decodeFrame(data, offset, decoded), FrameStatus::Ok);
+  EXPECT_EQ(decoded, request(9));
+  EXPECT_EQ(decodeFrame(data, offset, decoded), FrameStatus::End);
+}
+
+TEST(RequestFrameTest, EveryCutIsTruncatedAndEveryFlippedBitIsDetected) {
+  const std::string frame = encodeFrame(request(42));
+  for (size_t cut = 1; cut < frame.size(); ++cut) {
+    size_t offset = 0;
+    StoredRequest ignored;
+    const auto status = decodeFrame(std::string_view(frame).substr(0, cut), offset, ignored);
+    EXPECT_NE(status, FrameStatus::Ok) << "cut at " << cut;
+    EXPECT_EQ(offset, 0u);
+  }
+  for (size_t bit = 0; bit < frame.size() * 8; ++bit) {
+    std::string damaged = frame;
+    damaged[bit / 8] = static_cast<char>(damaged[bit / 8] ^ (1 << (bit % 8)));
+    size_t offset = 0;
+    StoredRequest ignored;
+    ASSERT_NE(decodeFrame(damaged, offset, ignored), FrameStatus::Ok) << "bit " << bit;
+  }
+}
+
+TEST(RequestFrameTest, FindsTheNextWholeFrameAfterDamage) {
+  const std::string first = encodeFrame(request(1));
+  const std::string second = encodeFrame(request(2));
+  std::string data = first + "garbage that is not a frame" + second;
+  data[20] ^= 0x10;  // inside the first frame's body
+  EXPECT_EQ(findNextFrame(data, 1), first.size() + 27);
+  EXPECT_EQ(findNextFrame(data.substr(0, data.size() - 1), 1), std::nullopt);
+}
+
+// MARK: - Stores
+
+class RequestStoreTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    scope_.emplace(env_);
+    char pattern[] = "/tmp/korvel-store-XXXXXX";
+    ASSERT_NE(mkdtemp(pattern), nullptr);
+    dir_ = pattern;
+  }
+  void TearDown() override {
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
+    scope_.reset();
+  }
+
+  std::unique_ptr<RequestStore> open(uint64_t segmentBytes = 1u << 20) {
+    RequestStoreOptions options;
+    options.directory = dir_;
+    options.segmentBytes = segmentBytes;
+    return openJournalRequestStore(options);
+  }
+
+  // Appends requests with ids of the store's epoch; returns the ids.
+  std::vector<uint64_t> appendSome(RequestStore& store, int count, size_t payloadBytes = 40) {
+    std::vector<uint64_t> ids;
+    for (int i = 0; i < count; ++i) {
+      const uint64_t id = (uint64_t{store.epoch()} << 32) | static_cast<uint32_t>(i);
+      EXPECT_TRUE(store.append(encodeFrame(request(id, std::string(payloadBytes, 'p'))), id));
+      ids.push_back(id);
+    }
+    return ids;
+  }
+
+  std::vector<fs::path> files(const std::string& suffix, const fs::path& in = {}) const {
+    std::vector<fs::path> out;
+    std::error_code ec;
+    for (const auto& e : fs::directory_iterator(in.empty() ? dir_ : in, ec)) {
+      if (e.path().string().ends_with(suffix)) out.push_back(e.path());
+    }
+    std::sort(out.begin(), out.end());
+    return out;
+  }
+
+  std::vector<fs::path> setAside() const { return files("", dir_ / "aside"); }
+
+  bool logged(const std::string& text) const {
+    for (const auto& m : env_.logs().messages()) {
+      if (m.find(text) != std::string::npos) return true;
+    }
+    return false;
+  }
+
+  mutable testing::TestEnv env_;
+  std::optional<ScopedEnv> scope_;
+  fs::path dir_;
+};
+
+TEST_F(RequestStoreTest, WhatWasAppendedSurvivesWithoutAnySyncAndFinishedRequestsDoNot) {
+  std::vector<uint64_t> ids;
+  {
+    auto store = open();
+    ASSERT_TRUE(store);
+    EXPECT_TRUE(store->recover().empty());
+    ids = appendSome(*store, 5);
+    store->sync(std::vector<uint64_t>{ids[1], ids[3]});
+    // Appended after the last sync and never synced: still there (the store
+    // object going away is as close to a kill as a test gets in-process).
+    const uint64_t late = (uint64_t{store->epoch()} << 32) | 99;
+    ASSERT_TRUE(store->append(encodeFrame(request(late)), late));
+    ids.push_back(late);
+  }
+  auto store = open();
+  ASSERT_TRUE(store);
+  const auto recovered = store->recover();
+  EXPECT_THAT(idsOf(recovered), ElementsAre(ids[0], ids[2], ids[4], ids[5]));
+  EXPECT_EQ(recovered[0], request(ids[0], std::string(40, 'p')));
+}
+
+TEST_F(RequestStoreTest, EachOpeningTakesANewEpochEvenWithoutTheEpochFile) {
+  uint32_t first;
+  {
+    auto store = open();
+    first = store->epoch();
+    appendSome(*store, 1);  // leaves a segment
+    store->sync({});
+  }
+  fs::remove(dir_ / "epoch");
+  auto store = open();
+  EXPECT_GT(store->epoch(), first);
+  // Opening once more is refused while this store holds the directory.
+  EXPECT_EQ(open(), nullptr);
+  EXPECT_TRUE(logged("in use by another process"));
+}
+
+TEST_F(RequestStoreTest, ATornLastRecordIsSetAsideAndTheRestKept) {
+  std::vector<uint64_t> ids;
+  {
+    auto store = open();
+    ids = appendSome(*store, 3);
+  }
+  // A kill in the middle of the third write(2).
+  const auto segment = files(".log").at(0);
+  fs::resize_file(segment, fs::file_size(segment) - 10);
+  {
+    auto store = open();
+    EXPECT_THAT(idsOf(store->recover()), ElementsAre(ids[0], ids[1]));
+    EXPECT_EQ(setAside().size(), 1u);
+    EXPECT_TRUE(logged("torn record at its end"));
+  }
+  // Nothing is lost or set aside again at the next start.
+  auto store = open();
+  EXPECT_THAT(idsOf(store->recover()), ElementsAre(ids[0], ids[1]));
+  EXPECT_EQ(setAside().size(), 1u);
+}
+
+TEST_F(RequestStoreTest, ADamagedRecordInTheMiddleLosesOnlyThatRecord) {
+  std::vector<uint64_t> ids;
+  {
+    auto store = open();
+    ids = appendSome(*store, 3, 100);
+  }
+  const auto segment = files(".log").at(0);
+  {
+    std::fstream f(segment, std::ios::in | std::ios::out | std::ios::binary);
+    const auto frameBytes = static_cast<std::streamoff>(encodeFrame(request(0, std::string(100, 'p'))).size());
+    f.seekp(16 + frameBytes + 60);  // inside the second record's payload
+    f.put('X');
+  }
+  auto store = open();
+  EXPECT_THAT(idsOf(store->recover()), ElementsAre(ids[0], ids[2]));
+  EXPECT_TRUE(logged("bad record checksum"));
+  EXPECT_EQ(setAside().size(), 1u);
+}
+
+TEST_F(RequestStoreTest, AGarbageSegmentIsSetAsideAndOthersAreRead) {
+  std::vector<uint64_t> ids;
+  {
+    auto store = open();
+    ids = appendSome(*store, 2);
+    store->sync({});
+  }
+  {
+    std::ofstream garbage(dir_ / "seg-0000000099.log", std::ios::binary);
+    garbage << "this was never a journal segment";
+  }
+  {
+    // Empty: killed between creating a segment and writing its header.
+    std::ofstream empty(dir_ / "seg-4000000000.log", std::ios::binary);
+  }
+  auto store = open();
+  EXPECT_THAT(idsOf(store->recover()), ElementsAre(ids[0], ids[1]));
+  EXPECT_TRUE(logged("not a journal segment"));
+  EXPECT_EQ(setAside().size(), 1u) << "an empty segment is removed, not set aside";
+  EXPECT_FALSE(fs::exists(dir_ / "seg-4000000000.log"));
+}
+
+TEST_F(RequestStoreTest, ClosedSegmentsGoOnceFinishedAndSmallFilesRemain) {
+  auto store = open(4096);
+  std::vector<uint64_t> all;
+  for (int round = 0; round < 6; ++round) {
+    const uint32_t epoch = store->epoch();
+    for (int i = 0; i < 20; ++i) {
+      const uint64_t id = (uint64_t{epoch} << 32) | static_cast<uint32_t>(round * 20 + i);
+      ASSERT_TRUE(store->append(encodeFrame(request(id, std::string(200, 'x'))), id));
+      all.push_back(id);
+    }
+    store->sync({});
+  }
+  const uint64_t full = store->stats().bytesOnDisk;
+  // Everything but the last request finishes.
+  store->sync(std::span<const uint64_t>(all.data(), all.size() - 1));
+  store->compact();
+  const auto stats = store->stats();
+  EXPECT_EQ(stats.storedRequests, 1u);
+  EXPECT_LT(stats.bytesOnDisk, full / 3) << "finished requests still take space";
+  store.reset();
+  store = open(4096);
+  EXPECT_THAT(idsOf(store->recover()), ElementsAre(all.back()));
+}
+
+TEST_F(RequestStoreTest, StoresATypicalBeaconInFewBytesOverItsPayload) {
+  auto store = open();
+  const std::string payload(600, 'b');
+  for (int i = 0; i < 500; ++i) {
+    const uint64_t id = (uint64_t{store->epoch()} << 32) | static_cast<uint32_t>(i);
+    ASSERT_TRUE(store->append(encodeFrame(request(id, payload)), id));
+  }
+  store->sync({});
+  store->compact();
+  const double perRequest = static_cast<double>(store->stats().bytesOnDisk) / 500.0;
+  EXPECT_GT(perRequest, 600);
+  EXPECT_LT(perRequest, 600 * 1.35);
+}
+
+TEST_F(RequestStoreTest, EveryAppendSurvivesAKillWhateverTheSegmentsLookLike) {
+  // A child appends across several segments without a single sync (so the
+  // caller's thread makes each next segment itself), including a record
+  // larger than a segment and payloads ending in zero bytes, then dies by
+  // SIGKILL with its segments still mapped and their reserved ends unwritten.
+  const std::vector<std::string> payloads = {
+      std::string("ends in zeros\0\0\0", 16), std::string(3000, 'a'),
+      std::string(9000, 'L'),  // more than a whole segment
+      std::string(1, '\0'), std::string(700, 'c') + std::string(20, '\0')};
+  constexpr int kRounds = 6;
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    auto store = open(4096);
+    if (!store) _exit(3);
+    store->recover();
+    for (int round = 0; round < kRounds; ++round) {
+      for (size_t i = 0; i < payloads.size(); ++i) {
+        const uint64_t id = (uint64_t{store->epoch()} << 32) | (round * 10 + i);
+        if (!store->append(encodeFrame(request(id, payloads[i])), id)) _exit(4);
+      }
+    }
+    raise(SIGKILL);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status)) << "child exit " << WEXITSTATUS(status);
+
+  auto store = open(4096);
+  ASSERT_TRUE(store);
+  const auto recovered = store->recover();
+  ASSERT_EQ(recovered.size(), payloads.size() * kRounds);
+  for (size_t n = 0; n < recovered.size(); ++n) {
+    EXPECT_EQ(recovered[n].payload, payloads[n % payloads.size()]) << "record " << n;
+  }
+  EXPECT_TRUE(setAside().empty()) << "an unwritten segment end is not damage";
+  // Reserved space is given back, not counted as stored.
+  store->sync({});
+  store->compact();
+  uint64_t payloadBytes = 0;
+  for (const auto& r : recovered) payloadBytes += r.payload.size();
+  EXPECT_LT(store->stats().bytesOnDisk, payloadBytes * 2);
+}
+
+TEST_F(RequestStoreTest, ADamagedMarksFileResendsInsteadOfLosing) {
+  std::vector<uint64_t> ids;
+  {
+    auto store = open();
+    ids = appendSome(*store, 4);
+    store->sync(std::vector<uint64_t>{ids[0]});
+    store->sync(std::vector<uint64_t>{ids[1]});
+  }
+  const auto marks = files(".done").at(0);
+  {
+    // Damage the second batch: the first one still counts.
+    std::fstream f(marks, std::ios::in | std::ios::out | std::ios::binary);
+    f.seekp(8 + 8 + 9);
+    f.put('\x7f');
+  }
+  auto store = open();
+  EXPECT_THAT(idsOf(store->recover()), ElementsAre(ids[1], ids[2], ids[3]));
+  EXPECT_TRUE(logged("bad delivered-marks batch"));
+}
+
+}  // namespace
+}  // namespace korvel::platform
