@@ -30,6 +30,8 @@ struct ExecutorSlot {
   platform::SharedSlot<KVNNetworkBackgroundRequestExecutor> executor;
 };
 
+std::atomic<bool> reportingAllowedFlag{true};
+
 ExecutorSlot& executorSlot() {
   static ExecutorSlot* slot = new ExecutorSlot;
   return *slot;
@@ -100,6 +102,7 @@ std::optional<std::string> KVRBeacon::sendBeaconOfType(KVRBeaconType type,
 std::optional<std::string> KVRBeacon::sendBeaconOfType(KVRBeaconType type,
                                                        const KVRParameters& parameters,
                                                        std::optional<std::string> event) {
+  if (!reportingAllowed()) return std::nullopt;
   auto task = taskOfType(type, parameters, event);
   if (!task) return std::nullopt;
   // Set also when no event was given: a web-initiated beacon sent without
@@ -124,8 +127,20 @@ KVRTaskPtr KVRBeacon::taskOfType(KVRBeaconType type, const KVRParameters& parame
 }
 
 void KVRBeacon::sendBeacon(const KVRTaskPtr& task, KVRBeaconType type) {
-  if (!task) return;
+  if (!task || !reportingAllowed()) return;
   backgroundSession()->executeRequest(makeRequest(task, type));
+}
+
+void KVRBeacon::setReportingAllowed(bool allowed) {
+  reportingAllowedFlag.store(allowed, std::memory_order_relaxed);
+}
+
+bool KVRBeacon::reportingAllowed() {
+  return reportingAllowedFlag.load(std::memory_order_relaxed);
+}
+
+std::shared_ptr<KVNNetworkBackgroundRequestExecutor> KVRBeacon::existingBackgroundSession() {
+  return executorSlot().executor.load();
 }
 
 std::shared_ptr<KVNNetworkBackgroundRequestExecutor> KVRBeacon::backgroundSession() {

@@ -2,13 +2,15 @@
 // ("Unknown bundle" without one), and the page-view category.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <string>
 
 #include <korvel/platform/Logging.h>
 
 namespace korvel {
 
-class KVRLogging {
+class KORVEL_EXPORT KVRLogging {
  public:
   KVRLogging() = delete;
   static std::string subsystem();
@@ -21,7 +23,7 @@ class KVRLogging {
 using KorvelReportingLogging = KVRLogging;
 
 // The library's version.
-extern const double KorvelReportingVersionNumber;
-extern const char* const KorvelReportingVersionString;
+extern KORVEL_EXPORT const double KorvelReportingVersionNumber;
+extern KORVEL_EXPORT const char* const KorvelReportingVersionString;
 
 }  // namespace korvel

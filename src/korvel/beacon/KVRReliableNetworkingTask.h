@@ -7,6 +7,8 @@
 // may read it without locks.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,7 +28,7 @@ class KeyedUnarchiver;
 class KVRReliableNetworkingTask;
 using KVRTaskPtr = std::shared_ptr<KVRReliableNetworkingTask>;
 
-class KVRReliableNetworkingTask {
+class KORVEL_EXPORT KVRReliableNetworkingTask {
  public:
   // The plain initialiser: empty fields, no merge, no notification.
   KVRReliableNetworkingTask() = default;

@@ -11,6 +11,8 @@
 // Thread-safe: every member may be used from any thread.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -26,9 +28,9 @@ namespace korvel {
 class KVNUserDefaults;
 
 // Shared user defaults key of the chosen configuration URL (text).
-extern const char* const kKVRConfigurationURLKey;  // "configurationURL"
+extern KORVEL_EXPORT const char* const kKVRConfigurationURLKey;  // "configurationURL"
 
-class KVRDebugConfiguration {
+class KORVEL_EXPORT KVRDebugConfiguration {
  public:
   // Built-in configuration endpoints: HTTPS, distinct hosts, the same path
   // and no query.

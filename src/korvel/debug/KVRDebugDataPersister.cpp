@@ -103,7 +103,7 @@ bool KVRDebugDataPersister::createMissingDirectoriesForPath(const std::filesyste
       std::filesystem::file_type::not_found) {
     return true;
   }
-  std::filesystem::create_directories(folder, ec);
+  platform::createPrivateDirectories(folder, ec);
   return !ec;
 }
 

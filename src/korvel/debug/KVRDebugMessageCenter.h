@@ -32,6 +32,8 @@
 // is the last release of the center (stopDebugging() on the main thread).
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <mutex>
 #include <string>
@@ -49,14 +51,14 @@ class KVRWaitingForConfigDetector;
 class KVRWaitingForConfigView;
 struct KVNTaggingDebugResultContext;
 
-class KVRDebugMessageCenterDelegate {
+class KORVEL_EXPORT KVRDebugMessageCenterDelegate {
  public:
   virtual ~KVRDebugMessageCenterDelegate() = default;
   // Whether this build may run the debug center.
   virtual bool isDebugCenterAllowed() = 0;
 };
 
-class KVRDebugMessageCenter : public std::enable_shared_from_this<KVRDebugMessageCenter> {
+class KORVEL_EXPORT KVRDebugMessageCenter : public std::enable_shared_from_this<KVRDebugMessageCenter> {
  public:
   // The shared center: made on first call while the delegate allows it;
   // null when no center exists and debugging is not allowed.

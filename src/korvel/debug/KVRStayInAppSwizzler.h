@@ -13,6 +13,8 @@
 // URL opening back. Any thread.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <mutex>
 #include <string>
@@ -21,7 +23,7 @@
 
 namespace korvel {
 
-class KVRStayInAppSwizzler {
+class KORVEL_EXPORT KVRStayInAppSwizzler {
  public:
   explicit KVRStayInAppSwizzler(platform::Application& application = platform::Application::shared());
   ~KVRStayInAppSwizzler();

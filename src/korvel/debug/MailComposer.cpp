@@ -423,7 +423,7 @@ std::optional<std::string> runCommand(const std::vector<std::string>& command,
 std::optional<std::string> writeToOutbox(const std::filesystem::path& directory,
                                          const std::string& message) {
   std::error_code ec;
-  std::filesystem::create_directories(directory, ec);
+  createPrivateDirectories(directory, ec);
   if (ec) return "cannot make the outbox folder: " + ec.message();
   const auto t = static_cast<time_t>(env().now());
   std::tm tm{};

@@ -8,6 +8,8 @@
 // consistent configuration and never a half-written one.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <atomic>
 #include <functional>
 #include <memory>
@@ -21,16 +23,16 @@
 namespace korvel {
 
 // The inid a record stores when the configuration has none yet.
-extern const char* const KVNConfigurationUnconfiguredInid;
+extern KORVEL_EXPORT const char* const KVNConfigurationUnconfiguredInid;
 
-struct KVNBeaconsConfiguration {
+struct KORVEL_EXPORT KVNBeaconsConfiguration {
   // URL template of the beacon endpoint; empty or missing when beacons are off.
   std::optional<std::string> beaconEndpoint;
   // Server-provided parameters added to every beacon.
   KVRParameters beaconParameters;
 };
 
-class KVNConfiguration {
+class KORVEL_EXPORT KVNConfiguration {
  public:
   struct Snapshot {
     std::optional<std::string> inid;

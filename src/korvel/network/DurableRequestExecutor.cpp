@@ -200,6 +200,31 @@ void DurableRequestExecutor::setPaused(bool paused) {
   workAvailable_.notify_all();
 }
 
+size_t DurableRequestExecutor::purge() {
+  std::unique_lock lock(mutex_);
+  progress_.wait(lock, [&] { return restored_; });
+  size_t purged = 0;
+  for (auto it = entries_.begin(); it != entries_.end();) {
+    if (it->second.state == State::InFlight) {  // already on the wire
+      ++it;
+      continue;
+    }
+    unlink(it);
+    if (it->second.durable) finished_.push_back(it->first);
+    it = entries_.erase(it);
+    ++purged;
+  }
+  if (drained()) progress_.notify_all();
+  // The store forgets them (and compacts them away) before this returns.
+  const uint64_t wanted = syncStarted_ + 1;
+  syncRequested_ = true;
+  compactRequested_ = true;
+  writerWake_.notify_one();
+  progress_.wait(lock, [&] { return syncCompleted_ >= wanted; });
+  logger_.log(LogLevel::Info, "purged " + std::to_string(purged) + " waiting requests");
+  return purged;
+}
+
 DurableRequestExecutor::Stats DurableRequestExecutor::stats() const {
   std::lock_guard lock(mutex_);
   Stats s = stats_;

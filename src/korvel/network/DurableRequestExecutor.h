@@ -125,7 +125,10 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // to have recorded it; false when the deadline came first.
   bool flush(std::chrono::milliseconds deadline) override;
 
-  void setPaused(bool paused);
+  void setPaused(bool paused) override;
+  // Also waits for the requests an earlier run stored to be restored (so
+  // they are dropped too) and for the store to record the drop.
+  size_t purge() override;
   Stats stats() const;
   const std::filesystem::path& directory() const { return directory_; }
 

@@ -5,6 +5,8 @@
 // DurableRequestExecutor for delivery that does.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <condition_variable>
 #include <deque>
 #include <functional>
@@ -15,7 +17,7 @@
 
 namespace korvel {
 
-class InProcessRequestExecutor : public KVNNetworkBackgroundRequestExecutor {
+class KORVEL_EXPORT InProcessRequestExecutor : public KVNNetworkBackgroundRequestExecutor {
  public:
   // Delivers one request to its endpoint; true when delivered. A failed
   // attempt is retried up to the request's retry count.

@@ -18,6 +18,7 @@
 #include <unordered_set>
 
 #include <korvel/network/internal/RequestStore.h>
+#include <korvel/platform/Files.h>
 
 namespace korvel::platform {
 
@@ -251,7 +252,7 @@ bool JournalFront::lockDirectory() {
   if (lockFd_ >= 0) return true;
   const fs::path& dir = options_.directory;
   std::error_code ec;
-  fs::create_directories(dir, ec);
+  createPrivateDirectories(dir, ec);
   if (ec) {
     logger().log(LogLevel::Error, "cannot create " + dir.string() + ": " + ec.message());
     return false;
@@ -599,7 +600,7 @@ void JournalFront::trimSegment(uint32_t number, uint64_t usedBytes) {
 void JournalFront::setAside(const fs::path& file, const std::string& reason) {
   const fs::path aside = options_.directory / kAsideFolder;
   std::error_code ec;
-  fs::create_directories(aside, ec);
+  createPrivateDirectories(aside, ec);
   static std::atomic<unsigned> counter{0};
   const fs::path target =
       aside / (file.filename().string() + "." + std::to_string(::time(nullptr)) + "-" +

@@ -12,6 +12,8 @@
 // goes first) and thread-safe.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstddef>
 #include <list>
 #include <mutex>
@@ -21,7 +23,7 @@
 
 namespace korvel::platform {
 
-struct CachedURLResponse {
+struct KORVEL_EXPORT CachedURLResponse {
   long status = 200;
   std::string body;
   std::optional<std::string> etag;
@@ -29,7 +31,7 @@ struct CachedURLResponse {
   double storedAt = 0;  // Env::now() when stored
 };
 
-class URLCache {
+class KORVEL_EXPORT URLCache {
  public:
   static constexpr size_t kDefaultMaxEntries = 64;
   static constexpr size_t kDefaultMaxBytes = 4 * 1024 * 1024;

@@ -30,6 +30,8 @@
 // reporter is called on the thread of the operation, before it returns.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
@@ -44,7 +46,7 @@
 namespace korvel {
 
 // Implemented by the host, normally by forwarding to BeaconReporter.
-class PageViewReporter {
+class KORVEL_EXPORT PageViewReporter {
  public:
   virtual ~PageViewReporter() = default;
   // One finished visible stretch of a page. Called synchronously while the
@@ -53,7 +55,7 @@ class PageViewReporter {
   virtual void report(const PageView& pageView) = 0;
 };
 
-class PageViewManager {
+class KORVEL_EXPORT PageViewManager {
  public:
   // Starts the clock and observes the application's did-enter-background
   // and will-enter-foreground notifications on the Env's notification

@@ -1,6 +1,8 @@
 // A keyed stopwatch on the Env's monotonic clock. Thread-safe.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -9,7 +11,7 @@
 
 namespace korvel {
 
-class KVNTimer {
+class KORVEL_EXPORT KVNTimer {
  public:
   // Starts (or restarts) the stopwatch under key.
   void startTimerForKey(const std::string& key);

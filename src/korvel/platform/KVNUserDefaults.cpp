@@ -16,6 +16,7 @@
 #include <nlohmann/json.hpp>
 
 #include <korvel/platform/Env.h>
+#include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>
 
 namespace korvel {
@@ -170,7 +171,7 @@ bool writeAll(int fd, const std::string& data) {
 bool writeFileAtomically(const std::string& path, const std::string& data, std::string& error) {
   const fs::path target(path);
   std::error_code ec;
-  if (target.has_parent_path()) fs::create_directories(target.parent_path(), ec);
+  if (target.has_parent_path()) platform::createPrivateDirectories(target.parent_path(), ec);
   if (ec) {
     error = "cannot create " + target.parent_path().string() + ": " + ec.message();
     return false;

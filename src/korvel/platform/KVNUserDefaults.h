@@ -20,6 +20,8 @@
 // Thread-safe: any thread may read and write.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -30,7 +32,7 @@
 
 namespace korvel {
 
-class KVNUserDefaults {
+class KORVEL_EXPORT KVNUserDefaults {
  public:
   // Opens the store kept in filePath (loading it, or starting empty when the
   // file does not exist yet). The file and its directory are created on the

@@ -2,6 +2,8 @@
 // and goes to the current Env's LogSink.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <mutex>
 #include <string>
 #include <string_view>
@@ -10,16 +12,16 @@ namespace korvel::platform {
 
 enum class LogLevel { Debug, Info, Default, Error, Fault };
 
-std::string_view logLevelName(LogLevel level);
+KORVEL_EXPORT std::string_view logLevelName(LogLevel level);
 
-struct LogRecord {
+struct KORVEL_EXPORT LogRecord {
   LogLevel level;
   std::string subsystem;
   std::string category;
   std::string message;
 };
 
-class LogSink {
+class KORVEL_EXPORT LogSink {
  public:
   virtual ~LogSink() = default;
   virtual void write(const LogRecord& record) = 0;
@@ -30,7 +32,7 @@ class LogSink {
 // Records below the minimum level are dropped; the minimum comes from the
 // KORVEL_LOG_LEVEL environment variable (debug, info, default, error, fault;
 // "default" when unset).
-class StderrLogSink : public LogSink {
+class KORVEL_EXPORT StderrLogSink : public LogSink {
  public:
   StderrLogSink();
   void write(const LogRecord& record) override;
@@ -41,7 +43,7 @@ class StderrLogSink : public LogSink {
 };
 
 // A logger bound to one subsystem and category.
-class Logger {
+class KORVEL_EXPORT Logger {
  public:
   Logger(std::string subsystem, std::string category)
       : subsystem_(std::move(subsystem)), category_(std::move(category)) {}

@@ -9,6 +9,8 @@
 // its own call simply returns).
 #pragma once
 
+#include <korvel/export.h>
+
 #include <any>
 #include <atomic>
 #include <cstdint>
@@ -23,7 +25,7 @@
 
 namespace korvel::platform {
 
-struct Notification {
+struct KORVEL_EXPORT Notification {
   std::string_view name;
   const std::any& object;  // empty when the poster gave none
 };
@@ -31,7 +33,7 @@ struct Notification {
 using ObserverToken = uint64_t;
 using NotificationBlock = std::function<void(const Notification&)>;
 
-class NotificationCenter {
+class KORVEL_EXPORT NotificationCenter {
  public:
   NotificationCenter();
   ~NotificationCenter();
@@ -59,7 +61,7 @@ class NotificationCenter {
 };
 
 // Removes its observer when destroyed; movable.
-class ObserverRegistration {
+class KORVEL_EXPORT ObserverRegistration {
  public:
   ObserverRegistration() = default;
   ObserverRegistration(NotificationCenter& center, ObserverToken token)

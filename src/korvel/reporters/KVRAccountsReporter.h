@@ -1,6 +1,8 @@
 // Migration of the user's account to a streaming service.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <string>
 
@@ -12,7 +14,7 @@ using KVRAccountsProvider = int64_t;
 inline constexpr KVRAccountsProvider KVRAccountsProviderAppleMusic = 0;
 inline constexpr KVRAccountsProvider KVRAccountsProviderSpotify = 1;
 
-class KVRAccountsReporter {
+class KORVEL_EXPORT KVRAccountsReporter {
  public:
   KVRAccountsReporter() = delete;
 

@@ -2,6 +2,8 @@
 // another artist, out to a streaming app, and playback.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,7 +24,7 @@ inline constexpr KVRArtistPageOrigin KVRArtistPageOriginMoreAlbums = 5;
 inline constexpr KVRArtistPageOrigin KVRArtistPageOriginPlaylists = 6;
 inline constexpr KVRArtistPageOrigin KVRArtistPageOriginRelatedArtists = 7;
 
-class KVRArtistPageReporter {
+class KORVEL_EXPORT KVRArtistPageReporter {
  public:
   KVRArtistPageReporter() = delete;
 

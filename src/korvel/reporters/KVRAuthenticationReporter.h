@@ -2,6 +2,8 @@
 // layer and on the AMS layer.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,7 +15,7 @@ using KVRAuthenticationSuccessType = int64_t;
 // Why token generation failed; any failure is reason code 1.
 using KVRAuthenticationFailureType = int64_t;
 
-class KVRAuthenticationReporter {
+class KORVEL_EXPORT KVRAuthenticationReporter {
  public:
   KVRAuthenticationReporter() = delete;
 

@@ -4,6 +4,8 @@
 // an event page.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -16,7 +18,7 @@ namespace korvel {
 // rail.
 using KVREventPageOrigin = uint64_t;
 
-class KVREventsReporter {
+class KORVEL_EXPORT KVREventsReporter {
  public:
   KVREventsReporter() = delete;
 

@@ -2,6 +2,8 @@
 // leaving for Apple Music, and what was shown.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <optional>
 #include <string>
 
@@ -9,7 +11,7 @@ namespace korvel {
 
 struct KVRTagDetails;
 
-class KVRHighlightsReporter {
+class KORVEL_EXPORT KVRHighlightsReporter {
  public:
   KVRHighlightsReporter() = delete;
 

@@ -1,6 +1,8 @@
 // The messages extension: opened, a track expanded, sent, played.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,7 +15,7 @@ inline constexpr KVRIMessageOrigin KVRIMessageOriginManual = 0;
 inline constexpr KVRIMessageOrigin KVRIMessageOriginMyKorvel = 1;
 inline constexpr KVRIMessageOrigin KVRIMessageOriginTag = 2;
 
-class KVRIMessageReporter {
+class KORVEL_EXPORT KVRIMessageReporter {
  public:
   KVRIMessageReporter() = delete;
 

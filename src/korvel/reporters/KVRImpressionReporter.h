@@ -2,9 +2,11 @@
 // section under "providername".
 #pragma once
 
+#include <korvel/export.h>
+
 namespace korvel {
 
-class KVRImpressionReporter {
+class KORVEL_EXPORT KVRImpressionReporter {
  public:
   KVRImpressionReporter() = delete;
 

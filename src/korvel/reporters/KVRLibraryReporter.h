@@ -2,6 +2,8 @@
 // upsell card, and the search and record buttons.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,7 +24,7 @@ inline constexpr KVRLibraryCardType KVRLibraryCardTypeTrending = 4;
 inline constexpr KVRLibraryCardType KVRLibraryCardTypePlaylistsForYou = 5;
 inline constexpr KVRLibraryCardType KVRLibraryCardTypeICloudHalfsheet = 6;
 
-class KVRLibraryReporter {
+class KORVEL_EXPORT KVRLibraryReporter {
  public:
   KVRLibraryReporter() = delete;
 

@@ -3,6 +3,8 @@
 // describe its library sync state in the session beacon.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -16,7 +18,7 @@ using KVRLibrarySyncAuthorizationOrigin = int64_t;
 inline constexpr KVRLibrarySyncAuthorizationOrigin KVRLibrarySyncAuthorizationOriginAuthMigrationAnon = 0;
 inline constexpr KVRLibrarySyncAuthorizationOrigin KVRLibrarySyncAuthorizationOriginOptOut = 1;
 
-class KVRLibrarySyncReporter {
+class KORVEL_EXPORT KVRLibrarySyncReporter {
  public:
   KVRLibrarySyncReporter() = delete;
 

@@ -2,9 +2,11 @@
 // what was shown and where the user went from them.
 #pragma once
 
+#include <korvel/export.h>
+
 namespace korvel {
 
-class KVRMetadataPageReporter {
+class KORVEL_EXPORT KVRMetadataPageReporter {
  public:
   KVRMetadataPageReporter() = delete;
 

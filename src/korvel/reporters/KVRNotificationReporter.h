@@ -2,6 +2,8 @@
 // posts after a recognition in the background.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <optional>
 #include <string>
 
@@ -9,7 +11,7 @@
 
 namespace korvel {
 
-class KVRNotificationReporter {
+class KORVEL_EXPORT KVRNotificationReporter {
  public:
   KVRNotificationReporter() = delete;
 

@@ -2,6 +2,8 @@
 // playlist.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,7 +15,7 @@ struct KVRTagDetails;
 // What the player is playing; every kind is reported as a playlist today.
 using KVRPlayerContentType = int64_t;
 
-class KVRPlayerReporter {
+class KORVEL_EXPORT KVRPlayerReporter {
  public:
   KVRPlayerReporter() = delete;
 

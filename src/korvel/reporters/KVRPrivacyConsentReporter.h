@@ -2,11 +2,13 @@
 // it (PIPL).
 #pragma once
 
+#include <korvel/export.h>
+
 #include <korvel/foundation/KVRParameters.h>
 
 namespace korvel {
 
-class KVRPrivacyConsentReporter {
+class KORVEL_EXPORT KVRPrivacyConsentReporter {
  public:
   KVRPrivacyConsentReporter() = delete;
 

@@ -1,6 +1,8 @@
 // Permission and opt-in prompts: shown, and what the user chose.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <string>
 
@@ -19,7 +21,7 @@ inline constexpr KVRPromptAction KVRPromptActionNotifyMe = 1;
 inline constexpr KVRPromptAction KVRPromptActionOK = 2;
 inline constexpr KVRPromptAction KVRPromptActionSettings = 3;
 
-class KVRPromptReporter {
+class KORVEL_EXPORT KVRPromptReporter {
  public:
   KVRPromptReporter() = delete;
 

@@ -2,6 +2,8 @@
 // charts and radio-spins cards of the search screen.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -24,7 +26,7 @@ inline constexpr KVRSearchResultType KVRSearchResultTypeArtist = 3;
 inline constexpr KVRSearchResultType KVRSearchResultTypeRecentArtist = 4;
 inline constexpr KVRSearchResultType KVRSearchResultTypeTopResultArtist = 5;
 
-class KVRSearchReporter {
+class KORVEL_EXPORT KVRSearchReporter {
  public:
   KVRSearchReporter() = delete;
 

@@ -2,6 +2,8 @@
 // networks.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <string>
 
@@ -12,7 +14,7 @@ inline constexpr KVRSocialNetworkType KVRSocialNetworkTypeTwitter = 0;
 inline constexpr KVRSocialNetworkType KVRSocialNetworkTypeInstagram = 1;
 inline constexpr KVRSocialNetworkType KVRSocialNetworkTypeFacebook = 2;
 
-class KVRSocialReporter {
+class KORVEL_EXPORT KVRSocialReporter {
  public:
   KVRSocialReporter() = delete;
 

@@ -8,6 +8,8 @@
 // page, events and library reporters all end in.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -40,7 +42,7 @@ using KVRAppleMusicPreviewUpsellAction = int64_t;
 // other values carry no action.
 using KVRStreamingLoginUpsellAction = int64_t;
 
-class KVRStreamingServiceReporter {
+class KORVEL_EXPORT KVRStreamingServiceReporter {
  public:
   KVRStreamingServiceReporter() = delete;
 

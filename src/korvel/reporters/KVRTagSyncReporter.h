@@ -2,6 +2,8 @@
 // between devices.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -23,7 +25,7 @@ inline constexpr KVRTagSyncStep KVRTagSyncStepOne = 0;
 inline constexpr KVRTagSyncStep KVRTagSyncStepTwo = 1;
 inline constexpr KVRTagSyncStep KVRTagSyncStepOther = 2;
 
-class KVRTagSyncReporter {
+class KORVEL_EXPORT KVRTagSyncReporter {
  public:
   KVRTagSyncReporter() = delete;
 

@@ -7,6 +7,8 @@
 // serialises its session calls (one thread at a time).
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <exception>
 #include <optional>
@@ -26,7 +28,7 @@ namespace korvel {
 // Raised for misuse of the tagging session calls, and only while the
 // configuration's korvelFrameworksRaiseExceptions is on. what() is
 // "KORVEL ASSERTION: " followed by the message.
-class KVRAssertionException : public std::logic_error {
+class KORVEL_EXPORT KVRAssertionException : public std::logic_error {
  public:
   explicit KVRAssertionException(const std::string& message);
 };
@@ -43,7 +45,7 @@ using KVRTaggingType = int64_t;
 using KVRFeatureExtractionOutcome = int64_t;
 
 // What the host knows about one tag.
-struct KVRTagDetails {
+struct KORVEL_EXPORT KVRTagDetails {
   std::optional<std::string> thirdPartyOrigin;
   int64_t tagOrigin = 0;
   std::optional<std::string> tagTypeString;   // "tagtype"
@@ -71,20 +73,20 @@ struct KVRTagDetails {
   bool isUnsubmitted() const { return unsubmitted; }
 };
 
-struct KVRFeatureExtractionDetails {
+struct KORVEL_EXPORT KVRFeatureExtractionDetails {
   double duration = 0;  // seconds the extraction took
   // Length of the extracted sample in milliseconds, when known.
   std::optional<KVRValue> sampleLengthMillis;
 };
 
 // One open tagging session.
-struct KVRTaggingSession {
+struct KORVEL_EXPORT KVRTaggingSession {
   std::optional<std::string> origin;
   double startTime = 0;  // seconds since 1970
 };
 
 // What readers of a tag result ask of it.
-class KVRTagResultInfo {
+class KORVEL_EXPORT KVRTagResultInfo {
  public:
   virtual ~KVRTagResultInfo() = default;
   virtual std::optional<std::string> tagID() const = 0;
@@ -98,7 +100,7 @@ class KVRTagResultInfo {
 };
 
 // A recognition that found nothing: only its tag id and date are set.
-class KVRNoMatchTagInfo : public KVRTagResultInfo {
+class KORVEL_EXPORT KVRNoMatchTagInfo : public KVRTagResultInfo {
  public:
   // Ends now.
   KVRNoMatchTagInfo();
@@ -122,7 +124,7 @@ class KVRNoMatchTagInfo : public KVRTagResultInfo {
   std::string tagID_;
 };
 
-class KVRTaggingReporter {
+class KORVEL_EXPORT KVRTaggingReporter {
  public:
   KVRTaggingReporter() = delete;
 
@@ -176,7 +178,7 @@ class KVRTaggingReporter {
 };
 
 // The orientation the device had at launch; set once by the host.
-class KVRInitialOrientation {
+class KORVEL_EXPORT KVRInitialOrientation {
  public:
   static std::optional<platform::DeviceOrientation> initialOrientation();
   static void setInitialOrientation(std::optional<platform::DeviceOrientation> orientation);
@@ -184,6 +186,6 @@ class KVRInitialOrientation {
 
 // "portrait", "portraitupsidedown", "landscapeleft", "landscaperight",
 // "faceup", "facedown"; anything else "unknown".
-std::string orientationString(platform::DeviceOrientation orientation);
+KORVEL_EXPORT std::string orientationString(platform::DeviceOrientation orientation);
 
 }  // namespace korvel

@@ -2,6 +2,8 @@
 // details, out to a streaming app, and playback.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -23,7 +25,7 @@ inline constexpr KVRTrackPageOrigin KVRTrackPageOriginFeaturedAlbum = 4;
 inline constexpr KVRTrackPageOrigin KVRTrackPageOriginRelatedSongs = 5;
 inline constexpr KVRTrackPageOrigin KVRTrackPageOriginDetails = 7;
 
-class KVRTrackPageReporter {
+class KORVEL_EXPORT KVRTrackPageReporter {
  public:
   KVRTrackPageReporter() = delete;
 

@@ -6,6 +6,8 @@
 // Every one is a user-event beacon.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -21,7 +23,7 @@ using KVRSupportRequestType = uint64_t;
 inline constexpr KVRSupportRequestType KVRSupportRequestTypeGetHelp = 0;
 inline constexpr KVRSupportRequestType KVRSupportRequestTypeDiagnosticReport = 1;
 
-class KVRUserEventReporter {
+class KORVEL_EXPORT KVRUserEventReporter {
  public:
   KVRUserEventReporter() = delete;
 

@@ -1,6 +1,8 @@
 // Beacons that web content inside the app asks for.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <optional>
 #include <string>
 
@@ -8,7 +10,7 @@
 
 namespace korvel {
 
-class KVRWebReporter {
+class KORVEL_EXPORT KVRWebReporter {
  public:
   KVRWebReporter() = delete;
 

@@ -1,9 +1,11 @@
 // Home-screen widgets.
 #pragma once
 
+#include <korvel/export.h>
+
 namespace korvel {
 
-class KVRWidgetReporter {
+class KORVEL_EXPORT KVRWidgetReporter {
  public:
   KVRWidgetReporter() = delete;
 

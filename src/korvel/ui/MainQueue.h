@@ -8,6 +8,8 @@
 // exactly the timers that are due, with no real waiting.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
@@ -18,7 +20,7 @@
 
 namespace korvel::platform {
 
-class MainQueue {
+class KORVEL_EXPORT MainQueue {
  public:
   using Task = std::function<void()>;
   using TimerID = uint64_t;

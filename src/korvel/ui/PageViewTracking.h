@@ -19,6 +19,8 @@
 // the stack (its own PageID). Main thread only.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -35,7 +37,7 @@
 namespace korvel {
 
 // What a tracked screen reports about its page.
-class PageViewDataProviding {
+class KORVEL_EXPORT PageViewDataProviding {
  public:
   virtual ~PageViewDataProviding() = default;
   virtual PageName pageName() const = 0;
@@ -122,11 +124,11 @@ class PageViewTracking : public PlatformController {
   std::shared_ptr<PageViewManager> pageViewManager_;
 };
 
-std::string unimplementedInitializer(std::string_view initializer, std::string_view className);
+KORVEL_EXPORT std::string unimplementedInitializer(std::string_view initializer, std::string_view className);
 
 }  // namespace detail
 
-class PageViewTrackingViewController
+class KORVEL_EXPORT PageViewTrackingViewController
     : public detail::PageViewTracking<platform::ViewController> {
  public:
   PageViewTrackingViewController(std::shared_ptr<PageViewManager> pageViewManager,
@@ -152,7 +154,7 @@ class PageViewTrackingViewController
                                  std::optional<platform::Bundle> bundle);
 };
 
-class PageViewTrackingCollectionViewController
+class KORVEL_EXPORT PageViewTrackingCollectionViewController
     : public detail::PageViewTracking<platform::CollectionViewController> {
  public:
   PageViewTrackingCollectionViewController(platform::CollectionViewLayout collectionViewLayout,
@@ -180,7 +182,7 @@ class PageViewTrackingCollectionViewController
       platform::CollectionViewLayout collectionViewLayout);
 };
 
-class PageViewTrackingTableViewController
+class KORVEL_EXPORT PageViewTrackingTableViewController
     : public detail::PageViewTracking<platform::TableViewController> {
  public:
   PageViewTrackingTableViewController(platform::TableViewStyle style,
@@ -221,7 +223,7 @@ class PageViewDataProvidingController : public TrackingController, public PageVi
 
 // Tracks a declarative view as one page: appear pushes it, disappear closes
 // it, a new name or new parameters in a later description are reported.
-class PageViewModifier {
+class KORVEL_EXPORT PageViewModifier {
  public:
   // Throws std::invalid_argument for a null manager.
   PageViewModifier(PageName name, ReportingParameters reportingParameters,
@@ -244,7 +246,7 @@ class PageViewModifier {
 };
 
 // content tracked as a page: content.modifier(PageViewModifier(...)).
-platform::View pageView(const platform::View& content, PageName name,
+KORVEL_EXPORT platform::View pageView(const platform::View& content, PageName name,
                         ReportingParameters reportingParameters,
                         std::shared_ptr<PageViewManager> manager);
 

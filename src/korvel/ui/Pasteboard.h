@@ -7,6 +7,8 @@
 // changeCount() moved). Any thread.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -21,7 +23,7 @@ namespace korvel::platform {
 inline constexpr std::string_view kPasteboardTypePlainText = "public.utf8-plain-text";
 inline constexpr std::string_view kPasteboardTypeRTF = "public.rtf";
 
-class Pasteboard {
+class KORVEL_EXPORT Pasteboard {
  public:
   // One copied item: its representations by type.
   using Item = std::map<std::string, Data, std::less<>>;

@@ -13,6 +13,8 @@
 // may itself use the application.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <functional>
 #include <memory>
 #include <mutex>
@@ -20,7 +22,7 @@
 
 namespace korvel::platform {
 
-class Application {
+class KORVEL_EXPORT Application {
  public:
   // Answers whether the URL was handed on.
   using OpenURLImplementation = std::function<bool(const std::string& url)>;
