@@ -4,6 +4,7 @@
 #include <mutex>
 
 #include <korvel/beacon/KVRConstants.h>
+#include <korvel/foundation/Mutex.h>
 #include <korvel/network/DurableRequestExecutor.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
@@ -25,8 +26,10 @@ constexpr int kConfigurationPolicy = 2;
 constexpr std::string_view kPayloadTypeKey = "beaconType";
 constexpr std::string_view kPayloadEventKey = "beaconEvent";
 
+// The executor is read without a lock; making or replacing it takes
+// makeMutex, so two first reports cannot make two executors.
 struct ExecutorSlot {
-  std::mutex makeMutex;
+  Mutex makeMutex;
   platform::SharedSlot<KVNNetworkBackgroundRequestExecutor> executor;
 };
 
@@ -131,7 +134,7 @@ void KVRBeacon::sendBeacon(const KVRTaskPtr& task, KVRBeaconType type) {
 std::shared_ptr<KVNNetworkBackgroundRequestExecutor> KVRBeacon::backgroundSession() {
   auto& slot = executorSlot();
   if (auto existing = slot.executor.load()) return existing;
-  std::lock_guard lock(slot.makeMutex);
+  MutexLock lock(slot.makeMutex);
   if (auto existing = slot.executor.load()) return existing;
   registerRequestRestorer();
   // The default Env makes this library's durable executor unless the host
@@ -149,7 +152,7 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> KVRBeacon::backgroundSessio
 void KVRBeacon::setBackgroundSession(
     std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor) {
   auto& slot = executorSlot();
-  std::lock_guard lock(slot.makeMutex);
+  MutexLock lock(slot.makeMutex);
   registerRequestRestorer();
   slot.executor.store(std::move(executor));
 }

@@ -219,15 +219,21 @@ std::string moveAside(const std::string& path) {
   return aside;
 }
 
-std::mutex sharedMutex;
-std::shared_ptr<KVNUserDefaults>& sharedSlot() {
-  static auto* slot = new std::shared_ptr<KVNUserDefaults>;
-  return *slot;
+// The process-wide instance, made on first use.
+struct SharedDefaults {
+  Mutex mutex;
+  std::shared_ptr<KVNUserDefaults> defaults KORVEL_GUARDED_BY(mutex);
+};
+
+SharedDefaults& shared() {
+  static auto* instance = new SharedDefaults;
+  return *instance;
 }
 
 }  // namespace
 
 KVNUserDefaults::KVNUserDefaults(std::string filePath) : filePath_(std::move(filePath)) {
+  MutexLock lock(mutex_);
   load();
 }
 
@@ -280,15 +286,16 @@ bool KVNUserDefaults::persistLocked() {
 }
 
 std::shared_ptr<KVNUserDefaults> KVNUserDefaults::sharedUserDefaults() {
-  std::lock_guard lock(sharedMutex);
-  auto& slot = sharedSlot();
-  if (!slot) slot = std::make_shared<KVNUserDefaults>(defaultFilePath());
-  return slot;
+  auto& s = shared();
+  MutexLock lock(s.mutex);
+  if (!s.defaults) s.defaults = std::make_shared<KVNUserDefaults>(defaultFilePath());
+  return s.defaults;
 }
 
 void KVNUserDefaults::setSharedUserDefaults(std::shared_ptr<KVNUserDefaults> defaults) {
-  std::lock_guard lock(sharedMutex);
-  sharedSlot() = std::move(defaults);
+  auto& s = shared();
+  MutexLock lock(s.mutex);
+  s.defaults = std::move(defaults);
 }
 
 std::string KVNUserDefaults::defaultFilePath() {
@@ -310,36 +317,36 @@ std::string KVNUserDefaults::defaultFilePath() {
 }
 
 std::optional<KVRValue> KVNUserDefaults::objectForKey(std::string_view key) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (const KVRValue* value = values_.find(key)) return *value;
   return std::nullopt;
 }
 
 std::optional<std::string> KVNUserDefaults::stringForKey(std::string_view key) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return values_.stringForKey(key);
 }
 
 std::optional<KVRDate> KVNUserDefaults::dateForKey(std::string_view key) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (const KVRValue* value = values_.find(key)) return value->asDate();
   return std::nullopt;
 }
 
 bool KVNUserDefaults::setObject(KVRValue value, std::string_view key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   values_.set(key, std::move(value));
   return persistLocked();
 }
 
 bool KVNUserDefaults::removeObjectForKey(std::string_view key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (!values_.remove(key)) return true;
   return persistLocked();
 }
 
 KVRParameters KVNUserDefaults::dictionaryRepresentation() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return values_;
 }
 

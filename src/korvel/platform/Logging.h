@@ -2,9 +2,10 @@
 // and goes to the current Env's LogSink.
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <string_view>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -37,7 +38,8 @@ class StderrLogSink : public LogSink {
 
  private:
   LogLevel minimum_;
-  std::mutex mutex_;
+  // Keeps the lines of concurrent writers whole.
+  Mutex mutex_;
 };
 
 // A logger bound to one subsystem and category.
