@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include <korvel/platform/Env.h>
+#include <korvel/platform/Logging.h>
+
 namespace korvel {
 
 namespace {
@@ -29,14 +32,23 @@ void InProcessRequestExecutor::stop() {
   drained_.signalAll();
 }
 
-void InProcessRequestExecutor::executeRequest(KVNNetworkRequest request) {
-  {
+void InProcessRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept {
+  try {
     MutexLock lock(mutex_);
     // Keep the queue ordered by priority (higher first), FIFO within one.
     auto at = std::find_if(queue_.begin(), queue_.end(), [&](const KVNNetworkRequest& r) {
       return r.priority() < request.priority();
     });
     queue_.insert(at, std::move(request));
+  } catch (...) {
+    // Out of memory growing the queue: the request is dropped.
+    try {
+      platform::Logger(platform::env().mainBundleIdentifier().value_or("Unknown bundle"),
+                       "Delivery")
+          .log(platform::LogLevel::Error, "dropped a request that could not be queued");
+    } catch (...) {
+    }
+    return;
   }
   wake_.signal();
 }

@@ -28,7 +28,7 @@ class InProcessRequestExecutor : public KVNNetworkBackgroundRequestExecutor {
   ~InProcessRequestExecutor() override;
 
   const std::string& backgroundSessionIdentifier() const override { return identifier_; }
-  void executeRequest(KVNNetworkRequest request) override;
+  void executeRequest(KVNNetworkRequest request) noexcept override;
   bool flush(std::chrono::milliseconds deadline) override;
 
   // Stops the worker; requests still queued are dropped.

@@ -30,7 +30,8 @@ class LogSink {
 //   [subsystem:category] level: message
 // Records below the minimum level are dropped; the minimum comes from the
 // KORVEL_LOG_LEVEL environment variable (debug, info, default, error, fault;
-// "default" when unset).
+// "default" when unset). Any thread may write; the Env that made the sink
+// owns it.
 class StderrLogSink : public LogSink {
  public:
   StderrLogSink();
