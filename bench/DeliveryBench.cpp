@@ -82,7 +82,7 @@ DurableRequestExecutor::Options storeOptions(const fs::path& dir) {
 class NullExecutor : public KVNNetworkBackgroundRequestExecutor {
  public:
   const std::string& backgroundSessionIdentifier() const override { return id_; }
-  void executeRequest(KVNNetworkRequest request) override { benchmark::DoNotOptimize(request); }
+  void executeRequest(KVNNetworkRequest request) noexcept override { benchmark::DoNotOptimize(request); }
   bool flush(std::chrono::milliseconds) override { return true; }
 
  private:
@@ -91,13 +91,13 @@ class NullExecutor : public KVNNetworkBackgroundRequestExecutor {
 
 class KeepAllExecutor : public NullExecutor {
  public:
-  void executeRequest(KVNNetworkRequest request) override { all.push_back(std::move(request)); }
+  void executeRequest(KVNNetworkRequest request) noexcept override { all.push_back(std::move(request)); }
   std::deque<KVNNetworkRequest> all;
 };
 
 class LastRequestExecutor : public NullExecutor {
  public:
-  void executeRequest(KVNNetworkRequest request) override { last = std::move(request); }
+  void executeRequest(KVNNetworkRequest request) noexcept override { last = std::move(request); }
   KVNNetworkRequest last;
 };
 

@@ -13,6 +13,7 @@
 #include <limits>
 #include <sstream>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/TestEnv.h"
@@ -188,14 +189,17 @@ TEST_F(KVNUserDefaultsTest, AKilledWriterLeavesACompleteOldOrNewFile) {
 }
 
 TEST_F(KVNUserDefaultsTest, UnusableFilesAreMovedAsideAndTheStoreStartsEmpty) {
-  const std::vector<std::pair<std::string, std::string>> damaged = {
-      {"truncated", "{\"configurationURL\": \"https://x"},
-      {"not an object", "[1, 2, 3]"},
-      {"empty", ""},
-      {"bad marker", "{\"d\": {\"$date\": \"yesterday\"}}"},
-      {"null value", "{\"k\": null}"},
+  // The file's content and the reason the log line gives.
+  const std::vector<std::tuple<std::string, std::string, std::string>> damaged = {
+      {"truncated", "{\"configurationURL\": \"https://x", "it is not JSON"},
+      {"not an object", "[1, 2, 3]", "the top level is not an object"},
+      {"empty", "", "it is empty"},
+      {"bad marker", "{\"d\": {\"$date\": \"yesterday\"}}", "a date that is not a number"},
+      {"bad nested marker", "{\"l\": [1, {\"$url\": 2}]}", "a URL that is not text"},
+      {"bad number marker", "{\"d\": {\"$double\": \"big\"}}", "an unknown special number"},
+      {"null value", "{\"k\": null}", "a null or binary value"},
   };
-  for (const auto& [what, content] : damaged) {
+  for (const auto& [what, content, reason] : damaged) {
     SCOPED_TRACE(what);
     fs::remove_all(dir_);
     env_.logs().clear();
@@ -210,6 +214,8 @@ TEST_F(KVNUserDefaultsTest, UnusableFilesAreMovedAsideAndTheStoreStartsEmpty) {
     ASSERT_EQ(records.size(), 1u);
     EXPECT_EQ(records[0].level, platform::LogLevel::Error);
     EXPECT_NE(records[0].message.find("moved aside to " + aside), std::string::npos)
+        << records[0].message;
+    EXPECT_NE(records[0].message.find("(" + reason + ")"), std::string::npos)
         << records[0].message;
 
     // The store works on: the next write makes a fresh file.

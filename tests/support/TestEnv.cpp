@@ -30,7 +30,7 @@ void CapturingLogSink::clear() {
   records_.clear();
 }
 
-void CapturingExecutor::executeRequest(KVNNetworkRequest request) {
+void CapturingExecutor::executeRequest(KVNNetworkRequest request) noexcept {
   std::lock_guard lock(mutex_);
   requests_.push_back(std::move(request));
 }

@@ -3,11 +3,11 @@
 #include <array>
 #include <atomic>
 #include <functional>
-#include <mutex>
 
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRReportingUtilities.h>
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/platform/KVNTimer.h>
@@ -30,8 +30,8 @@ class SharedSession {
  public:
   std::shared_ptr<const SessionState> state() const { return state_.load(); }
 
-  void edit(const std::function<void(SessionState&)>& change) {
-    std::lock_guard lock(writeMutex_);
+  void edit(const std::function<void(SessionState&)>& change) KORVEL_EXCLUDES(writeMutex_) {
+    MutexLock lock(writeMutex_);
     auto next = std::make_shared<SessionState>(*state_.load());
     change(*next);
     state_.store(std::move(next));
@@ -43,13 +43,14 @@ class SharedSession {
   KVNTimer timer;
 
   // Life-cycle observers while loaded.
-  std::mutex lifecycleMutex;
-  platform::NotificationCenter* observedCenter = nullptr;
-  platform::ObserverRegistration background;
-  platform::ObserverRegistration foreground;
+  Mutex lifecycleMutex;
+  platform::NotificationCenter* observedCenter KORVEL_GUARDED_BY(lifecycleMutex) = nullptr;
+  platform::ObserverRegistration background KORVEL_GUARDED_BY(lifecycleMutex);
+  platform::ObserverRegistration foreground KORVEL_GUARDED_BY(lifecycleMutex);
 
  private:
-  std::mutex writeMutex_;
+  // Serialises edits: each starts from the state the previous one published.
+  Mutex writeMutex_;
   platform::SharedSlot<const SessionState> state_{std::make_shared<const SessionState>()};
   platform::SharedSlot<KVRUserSessionDelegate> delegate_;
 };
@@ -68,7 +69,7 @@ void setBool(KVRParameters& p, std::string_view key, bool value) {
 void KVRUserSession::load() {
   auto& s = shared();
   {
-    std::lock_guard lock(s.lifecycleMutex);
+    MutexLock lock(s.lifecycleMutex);
     auto& center = platform::env().notificationCenter();
     if (s.observedCenter == &center) return;
     s.observedCenter = &center;
@@ -88,7 +89,7 @@ void KVRUserSession::load() {
 
 void KVRUserSession::unload() {
   auto& s = shared();
-  std::lock_guard lock(s.lifecycleMutex);
+  MutexLock lock(s.lifecycleMutex);
   s.background.reset();
   s.foreground.reset();
   s.observedCenter = nullptr;

@@ -1,9 +1,9 @@
 #include <korvel/debug/KVRDebugDataPersister.h>
 
 #include <cstdlib>
-#include <mutex>
 #include <system_error>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 #include <korvel/debug/WaveWriter.h>
@@ -16,8 +16,10 @@ namespace {
 // The longest file name the file systems we run on accept.
 constexpr size_t kMaxFileNameBytes = 255;
 
-std::mutex& writeMutex() {
-  static std::mutex* mutex = new std::mutex;
+// Serialises the writers of debug files, so two saves of one tag cannot
+// interleave their folder checks and writes.
+Mutex& writeMutex() {
+  static Mutex* mutex = new Mutex;
   return *mutex;
 }
 
@@ -112,7 +114,7 @@ bool KVRDebugDataPersister::persistSignatureData(const platform::Data& data,
                                                  std::string_view extension) const {
   const auto path = debugFilePathForUniqueId(uniqueId, extension);
   if (!path) return false;
-  std::lock_guard lock(writeMutex());
+  MutexLock lock(writeMutex());
   if (!createMissingDirectoriesForPath(*path) || folderIsLink(*path)) return false;
   std::error_code ignored;
   return platform::writeFileReplacing(*path, data, ignored);
@@ -122,7 +124,7 @@ bool KVRDebugDataPersister::persistAudioFile(const KVNPCMBuffer& buffer,
                                              std::string_view uniqueId) const {
   const auto path = debugFilePathForUniqueId(uniqueId, kAudioExtension);
   if (!path) return false;
-  std::lock_guard lock(writeMutex());
+  MutexLock lock(writeMutex());
   if (!createMissingDirectoriesForPath(*path) || folderIsLink(*path)) return false;
   return platform::writeWaveFile(*path, buffer) == platform::WaveWriteStatus::Written;
 }

@@ -33,10 +33,10 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/NotificationCenter.h>
 
 namespace korvel {
@@ -126,12 +126,12 @@ class KVRDebugMessageCenter : public std::enable_shared_from_this<KVRDebugMessag
   void placeWaitingView();
   void removeWaitingView();
 
-  mutable std::mutex mutex_;
-  bool isDebugging_ = false;
-  bool isShowingTagResult_ = false;
-  std::shared_ptr<const KVRTagResultInfo> tagResult_;
-  std::shared_ptr<KVRDebugLogsDataProvider> dataProvider_;
-  std::vector<platform::ObserverRegistration> observers_;
+  mutable Mutex mutex_;
+  bool isDebugging_ KORVEL_GUARDED_BY(mutex_) = false;
+  bool isShowingTagResult_ KORVEL_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<const KVRTagResultInfo> tagResult_ KORVEL_GUARDED_BY(mutex_);
+  std::shared_ptr<KVRDebugLogsDataProvider> dataProvider_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<platform::ObserverRegistration> observers_ KORVEL_GUARDED_BY(mutex_);
 
   std::unique_ptr<KVRWaitingForConfigDetector> detector_;
 

@@ -8,16 +8,17 @@
 
 #include <algorithm>
 #include <memory>
-#include <mutex>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
 namespace {
 
 struct Settings {
-  std::mutex mutex;
-  std::optional<std::string> locale;
-  std::optional<std::string> timeZone;
+  Mutex mutex;
+  std::optional<std::string> locale KORVEL_GUARDED_BY(mutex);
+  std::optional<std::string> timeZone KORVEL_GUARDED_BY(mutex);
 };
 
 Settings& settings() {
@@ -89,7 +90,7 @@ int compareWith(UCollator* collator, std::string_view a, std::string_view b) {
 std::string currentLocaleIdentifier() {
   {
     auto& s = settings();
-    std::lock_guard lock(s.mutex);
+    MutexLock lock(s.mutex);
     if (s.locale) return *s.locale;
   }
   return uloc_getDefault();
@@ -97,14 +98,14 @@ std::string currentLocaleIdentifier() {
 
 void setCurrentLocaleIdentifier(std::optional<std::string> identifier) {
   auto& s = settings();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   s.locale = std::move(identifier);
 }
 
 std::string currentTimeZoneIdentifier() {
   {
     auto& s = settings();
-    std::lock_guard lock(s.mutex);
+    MutexLock lock(s.mutex);
     if (s.timeZone) return *s.timeZone;
   }
   UChar zone[128];
@@ -116,7 +117,7 @@ std::string currentTimeZoneIdentifier() {
 
 void setCurrentTimeZoneIdentifier(std::optional<std::string> identifier) {
   auto& s = settings();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   s.timeZone = std::move(identifier);
 }
 

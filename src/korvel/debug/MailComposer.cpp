@@ -17,9 +17,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <mutex>
 #include <thread>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 
@@ -61,8 +61,8 @@ void MailComposer::finish(MailComposeResult result, const std::optional<std::str
 namespace {
 
 struct FactorySlot {
-  std::mutex mutex;
-  std::shared_ptr<MailComposerFactory> factory;
+  Mutex mutex;
+  std::shared_ptr<MailComposerFactory> factory KORVEL_GUARDED_BY(mutex);
 };
 
 FactorySlot& factorySlot() {
@@ -74,14 +74,14 @@ FactorySlot& factorySlot() {
 
 std::shared_ptr<MailComposerFactory> mailComposerFactory() {
   auto& slot = factorySlot();
-  std::lock_guard lock(slot.mutex);
+  MutexLock lock(slot.mutex);
   if (!slot.factory) slot.factory = std::make_shared<MimeMailComposerFactory>();
   return slot.factory;
 }
 
 void setMailComposerFactory(std::shared_ptr<MailComposerFactory> factory) {
   auto& slot = factorySlot();
-  std::lock_guard lock(slot.mutex);
+  MutexLock lock(slot.mutex);
   slot.factory = std::move(factory);
 }
 

@@ -125,7 +125,7 @@ DurableRequestExecutor::~DurableRequestExecutor() {
 
 int DurableRequestExecutor::bucketOf(int policy) { return policy == 1 || policy == 2 ? policy : 0; }
 
-void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) {
+void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept try {
   const uint64_t id = epochBits_ | nextCounter_.fetch_add(1, std::memory_order_relaxed);
   const int64_t created = wallMillis();
   bool durable = false;
@@ -164,6 +164,13 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) {
     wake = !paused_ && sleepingWorkers_ > 0;
   }
   if (wake) workAvailable_.notify_one();
+} catch (...) {
+  // Out of memory queueing it: the request is dropped, and said so when the
+  // line itself can be made.
+  try {
+    logger_.log(LogLevel::Error, "dropped a request that could not be queued");
+  } catch (...) {
+  }
 }
 
 bool DurableRequestExecutor::flush(std::chrono::milliseconds deadline) {

@@ -120,7 +120,7 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   DurableRequestExecutor& operator=(const DurableRequestExecutor&) = delete;
 
   const std::string& backgroundSessionIdentifier() const override { return identifier_; }
-  void executeRequest(KVNNetworkRequest request) override;
+  void executeRequest(KVNNetworkRequest request) noexcept override;
   // Waits for every request to be delivered or given up, and for the store
   // to have recorded it; false when the deadline came first.
   bool flush(std::chrono::milliseconds deadline) override;

@@ -1,11 +1,13 @@
-// A keyed stopwatch on the Env's monotonic clock. Thread-safe.
+// A keyed stopwatch on the Env's monotonic clock. Any thread may call; the
+// owner of the timer (a session, a reporter) keeps it alive.
 #pragma once
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel {
 
@@ -19,8 +21,8 @@ class KVNTimer {
   void endTimerForKey(const std::string& key);
 
  private:
-  mutable std::mutex mutex_;
-  std::map<std::string, uint64_t, std::less<>> startedAt_;
+  mutable Mutex mutex_;
+  std::map<std::string, uint64_t, std::less<>> startedAt_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel

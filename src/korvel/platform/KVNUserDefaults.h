@@ -21,12 +21,12 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include <korvel/foundation/KVRParameters.h>
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel {
 
@@ -66,12 +66,12 @@ class KVNUserDefaults {
   const std::string& filePath() const { return filePath_; }
 
  private:
-  void load();
-  bool persistLocked();
+  void load() KORVEL_REQUIRES(mutex_);
+  bool persistLocked() KORVEL_REQUIRES(mutex_);
 
   const std::string filePath_;
-  mutable std::mutex mutex_;
-  KVRParameters values_;
+  mutable Mutex mutex_;
+  KVRParameters values_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel

@@ -2,9 +2,10 @@
 // and goes to the current Env's LogSink.
 #pragma once
 
-#include <mutex>
 #include <string>
 #include <string_view>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -29,7 +30,8 @@ class LogSink {
 //   [subsystem:category] level: message
 // Records below the minimum level are dropped; the minimum comes from the
 // KORVEL_LOG_LEVEL environment variable (debug, info, default, error, fault;
-// "default" when unset).
+// "default" when unset). Any thread may write; the Env that made the sink
+// owns it.
 class StderrLogSink : public LogSink {
  public:
   StderrLogSink();
@@ -37,7 +39,8 @@ class StderrLogSink : public LogSink {
 
  private:
   LogLevel minimum_;
-  std::mutex mutex_;
+  // Keeps the lines of concurrent writers whole.
+  Mutex mutex_;
 };
 
 // A logger bound to one subsystem and category.

@@ -20,8 +20,8 @@ class KVRLibrarySyncReporter {
  public:
   KVRLibrarySyncReporter() = delete;
 
-  static void reportUserAuthorizedSyncWithOrigin(KVRLibrarySyncAuthorizationOrigin origin);
-  static void reportSyncStatusPrivacyTappedWithOrigin(KVRLibrarySyncStatusValue status);
+  static void reportUserAuthorizedSyncWithOrigin(KVRLibrarySyncAuthorizationOrigin origin) noexcept;
+  static void reportSyncStatusPrivacyTappedWithOrigin(KVRLibrarySyncStatusValue status) noexcept;
 
   // The status word, for the app to use as a provider name.
   static std::string providerStringForSettingsLibrarySyncStatus(KVRLibrarySyncStatusValue status);

@@ -11,7 +11,8 @@ class KVRPrivacyConsentReporter {
   KVRPrivacyConsentReporter() = delete;
 
   // The time of consent goes out in seconds since 1970, fraction kept.
-  static void reportChinaPIPLPrivacyConsentGrantedAtTimestamp(KVRDate timestamp, bool isNewUser);
+  static void reportChinaPIPLPrivacyConsentGrantedAtTimestamp(KVRDate timestamp,
+                                                              bool isNewUser) noexcept;
 };
 
 }  // namespace korvel

@@ -208,7 +208,7 @@ void reportForService(std::string_view type,
 std::optional<std::string> KVRStreamingServiceReporter::reportStreamingLoginWithAction(
     KVRStreamingLoginAction action, const std::optional<std::string>& streamingServiceIdentifier,
     KVRStreamingOrigin loginOrigin, const KVRTagDetails* tagDetails, const KVNError* error,
-    const std::optional<KVRParameters>& additionalBeaconData) {
+    const std::optional<KVRParameters>& additionalBeaconData) noexcept try {
   auto parameters = reporting::userEvent(kLoginFlowType);
   parameters.set(kKVRAction, streamingLoginActionStringForAction(action));
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
@@ -223,27 +223,37 @@ std::optional<std::string> KVRStreamingServiceReporter::reportStreamingLoginWith
   }
   parameters.merge(additionalBeaconData);
   return reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportStreamingLoginWithAction");
+  return std::nullopt;
 }
 
 void KVRStreamingServiceReporter::reportStreamingLogoutWithAction(
-    KVRStreamingLogoutAction action, const std::optional<std::string>& streamingServiceIdentifier) {
+    KVRStreamingLogoutAction action,
+    const std::optional<std::string>& streamingServiceIdentifier) noexcept try {
   auto parameters = reporting::userEvent("streamingmusiclogout");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set(kKVRAction, streamingLogoutActionStringForAction(action));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportStreamingLogoutWithAction");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellImpressionShowingPrivacy(
-    bool showingPrivacy, KVRStreamingOrigin loginOrigin) {
+    bool showingPrivacy, KVRStreamingOrigin loginOrigin) noexcept try {
   KVRParameters parameters;
   parameters.set(kKVRProviderName,
                  showingPrivacy ? "am_previewupsell_privacy" : "am_previewupsell");
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
   reporting::send(KVRBeaconTypeImpression, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellImpressionShowingPrivacy");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellUserEventAction(
-    KVRAppleMusicPreviewUpsellAction action, bool showingPrivacy, KVRStreamingOrigin loginOrigin) {
+    KVRAppleMusicPreviewUpsellAction action, bool showingPrivacy,
+    KVRStreamingOrigin loginOrigin) noexcept try {
   auto parameters = reporting::userEvent(kAppleMusicUpsellType);
   parameters.set(kKVRAction, reporting::wordFor(showingPrivacy ? kPreviewUpsellPrivacyActions
                                                                : kPreviewUpsellActions,
@@ -252,44 +262,60 @@ void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellUserEvent
   parameters.set(kKVRType, kAppleMusicUpsellType);
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellUserEventAction");
 }
 
-void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyCardUpsellImpression() {
+void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyCardUpsellImpression() noexcept
+    try {
   reporting::sendProviderImpression(kAppleMusicPrivacy);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyCardUpsellImpression");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyRejectedFromLoginOrigin(
-    KVRStreamingOrigin loginOrigin) {
+    KVRStreamingOrigin loginOrigin) noexcept try {
   auto parameters = reporting::userEvent(kKVRNavType);
   // Rejecting the consent returns the user to the screen they came from.
   parameters.set(kKVRDestination, KVRUserSession().currentScreenName());
   parameters.set(kKVROrigin, kAppleMusicPrivacy);
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyRejectedFromLoginOrigin");
 }
 
 void KVRStreamingServiceReporter::reportStreamingLoginUpsellUserEventAction(
-    KVRStreamingLoginUpsellAction action) {
+    KVRStreamingLoginUpsellAction action) noexcept try {
   auto parameters = reporting::userEvent("streamingloginupsell");
   parameters.set(kKVRAction, reporting::wordFor(kLoginUpsellActions, action));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportStreamingLoginUpsellUserEventAction");
 }
 
 void KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
     const std::optional<std::string>& streamingServiceIdentifier,
-    const std::optional<KVRParameters>& beaconData) {
+    const std::optional<KVRParameters>& beaconData) noexcept try {
   auto parameters = reporting::userEvent(kKVRPlayerPlay);
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   markPreviewIf(parameters, !streamingServiceIdentifier || streamingServiceIdentifier->empty());
   parameters.merge(beaconData);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlaybackSessionEndedWithStreamingServiceIdentifier(
     const std::optional<std::string>& streamingServiceIdentifier,
     const std::optional<KVRValue>& playbackDurationMilliseconds,
     const std::optional<KVRValue>& playbackTrackCount, const std::optional<std::string>& playlistID,
-    uint64_t applicationState, const std::optional<KVRParameters>& beaconData) {
+    uint64_t applicationState, const std::optional<KVRParameters>& beaconData) noexcept try {
   auto parameters = reporting::userEvent(kPlayerSessionEndType);
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set(kPlayQueueKey, playlistID);
@@ -299,44 +325,61 @@ void KVRStreamingServiceReporter::reportPlaybackSessionEndedWithStreamingService
   markPreviewIf(parameters, !streamingServiceIdentifier);
   parameters.merge(beaconData);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlaybackSessionEndedWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlayAllUserEventWithStreamingServiceIdentifier(
     const std::optional<std::string>& streamingServiceIdentifier,
-    const std::optional<std::string>& playlistID, const std::optional<std::string>& origin) {
+    const std::optional<std::string>& playlistID, const std::optional<std::string>& origin) noexcept
+    try {
   auto parameters = reporting::userEvent(kKVRPlayerPlay);
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   markPreviewIf(parameters, !streamingServiceIdentifier);
   parameters.set(kPlayQueueKey, playlistID);
   parameters.set(kKVROrigin, origin);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlayAllUserEventWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportTrackPageFeaturedAlbumWithTagDetails(
-    const KVRTagDetails* tagDetails, const std::optional<std::string>& albumId) {
+    const KVRTagDetails* tagDetails, const std::optional<std::string>& albumId) noexcept try {
   auto parameters = reporting::userEvent(kKVRPlayerPlay);
   parameters.set(kKVROrigin, kKVRFeaturedAlbum);
   parameters.set(kKVRAlbumId, albumId);
   parameters.set(kKVRProviderName, kKVRProviderAppleMusicValue);
   reporting::mergeFeaturedTagParameters(parameters, tagDetails);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportTrackPageFeaturedAlbumWithTagDetails");
 }
 
 void KVRStreamingServiceReporter::reportPlaylistUpdatedWithStreamingServiceIdentifier(
-    const std::optional<std::string>& streamingServiceIdentifier) {
+    const std::optional<std::string>& streamingServiceIdentifier) noexcept try {
   reportForService("playlistupdated", streamingServiceIdentifier);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlaylistUpdatedWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlaylistSelectionWithStreamingServiceIdentifier(
-    const std::optional<std::string>& streamingServiceIdentifier) {
+    const std::optional<std::string>& streamingServiceIdentifier) noexcept try {
   auto parameters = reporting::userEvent("streamingmusicplaylistaction");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set("playlistwasselected", "1");  // text, not a number
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlaylistSelectionWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlaylistUpdateError(
-    const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) {
+    const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) noexcept
+    try {
   // An error beacon that still carries a user-event type, as the dashboards
   // expect; the code is written even when the host has no error to give.
   auto parameters = reporting::userEvent("playlistupdateerror");
@@ -344,24 +387,33 @@ void KVRStreamingServiceReporter::reportPlaylistUpdateError(
   parameters.set(kKVRErrorDetailCode, error != nullptr ? error->code() : int64_t{0});
   if (error != nullptr) parameters.set(kErrorDescriptionKey, error->description());
   reporting::send(KVRBeaconTypeError, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportPlaylistUpdateError");
 }
 
 void KVRStreamingServiceReporter::reportMyKorvelPlaylistCreatedWithStreamingServiceIdentifier(
     const std::optional<std::string>& streamingServiceIdentifier,
-    const std::optional<KVRValue>& numberOfTracks) {
+    const std::optional<KVRValue>& numberOfTracks) noexcept try {
   auto parameters = reporting::userEvent("mykorvelsplaylistcreated");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set("mykorvelscount", numberOfTracks);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportMyKorvelPlaylistCreatedWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlaylistSavedWithStreamingServiceIdentifier(
-    const std::optional<std::string>& streamingServiceIdentifier) {
+    const std::optional<std::string>& streamingServiceIdentifier) noexcept try {
   reportForService("playlistsaved", streamingServiceIdentifier);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlaylistSavedWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlaylistSaveFailedWithError(
-    const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) {
+    const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) noexcept
+    try {
   auto parameters = reporting::userEvent("playlistsavefailed");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   if (error != nullptr) {
@@ -369,62 +421,95 @@ void KVRStreamingServiceReporter::reportPlaylistSaveFailedWithError(
     parameters.set(kErrorDescriptionKey, error->description());
   }
   reporting::send(KVRBeaconTypeError, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportPlaylistSaveFailedWithError");
 }
 
-void KVRStreamingServiceReporter::reportAppleMusicMediaLibraryPermissionGranted(bool granted) {
+void KVRStreamingServiceReporter::reportAppleMusicMediaLibraryPermissionGranted(
+    bool granted) noexcept try {
   auto parameters = reporting::userEvent("applemusicpermission");
   parameters.set("am", reporting::flag(granted));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicMediaLibraryPermissionGranted");
 }
 
 void KVRStreamingServiceReporter::reportStreamingServiceSyncCardImpressionWithProvider(
-    KVRStreamingServiceProvider provider) {
+    KVRStreamingServiceProvider provider) noexcept try {
   KVRParameters parameters;
   parameters.set(kKVRProviderName, reporting::wordFor(kSyncCardNames, provider));
   reporting::send(KVRBeaconTypeImpression, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportStreamingServiceSyncCardImpressionWithProvider");
 }
 
 void KVRStreamingServiceReporter::reportStreamingServiceSyncCardAcceptTappedWithProvider(
-    KVRStreamingServiceProvider provider) {
+    KVRStreamingServiceProvider provider) noexcept try {
   auto parameters = reporting::userEvent("streamsync");
   parameters.set(kKVRProviderName, providerNameForProvider(provider));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportStreamingServiceSyncCardAcceptTappedWithProvider");
 }
 
 void KVRStreamingServiceReporter::reportStreamingServiceAutoSyncEnabled(
-    bool enabled, KVRStreamingServiceProvider provider) {
+    bool enabled, KVRStreamingServiceProvider provider) noexcept try {
   auto parameters = reporting::userEvent("pk_autoadd_korvels");
   parameters.set(kKVRProviderName, providerNameForProvider(provider));
   parameters.set(kKVRValue, enabled ? kKVROn : kKVROff);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportStreamingServiceAutoSyncEnabled");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicMemberStatusFetchingFinishedWithSuccess(
-    bool success, const KVNError* error, double duration) {
+    bool success, const KVNError* error, double duration) noexcept try {
   reportAccountCheck("ammember_check", success, error, duration);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicMemberStatusFetchingFinishedWithSuccess");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicSubscriptionOfferFetchingFinishedWithSuccess(
-    bool success, const KVNError* error, double duration) {
+    bool success, const KVNError* error, double duration) noexcept try {
   reportAccountCheck("amoffer_check", success, error, duration);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicSubscriptionOfferFetchingFinishedWithSuccess");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicClassicalDismissedForProviderName(
-    const std::optional<std::string>& providerName) {
+    const std::optional<std::string>& providerName) noexcept try {
   reportForService(kKVRCloseType, providerName);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicClassicalDismissedForProviderName");
 }
 
-void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardImpression() {
+void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardImpression() noexcept try {
   reporting::sendProviderImpression(kClassicalHalfSheet);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardImpression");
 }
 
-void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardOpen() {
+void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardOpen() noexcept try {
   reporting::send(KVRBeaconTypeUserEvent,
                   reporting::openEvent(kKVRAppleMusicClassical, kClassicalHalfSheet));
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardOpen");
 }
 
-void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardDismissed() {
+void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardDismissed() noexcept try {
   reportAppleMusicClassicalDismissedForProviderName(std::string(kClassicalHalfSheet));
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardDismissed");
 }
 
 std::string KVRStreamingServiceReporter::streamingOriginStringFromOrigin(

@@ -22,7 +22,7 @@ class KVRUserPreferenceReporter {
 
   // The tag's current favourite flag is the new status.
   static void reportUpdatedFavouriteStatusForTag(const KVRTagDetails* tag,
-                                                 KVRFavouriteOrigin fromOrigin);
+                                                 KVRFavouriteOrigin fromOrigin) noexcept;
 };
 
 }  // namespace korvel

@@ -15,8 +15,9 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -53,8 +54,8 @@ class Application {
   static bool defaultOpenURL(const std::string& url);
 
  private:
-  mutable std::mutex mutex_;
-  std::shared_ptr<const OpenURLImplementation> own_;
+  mutable Mutex mutex_;
+  std::shared_ptr<const OpenURLImplementation> own_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel::platform
