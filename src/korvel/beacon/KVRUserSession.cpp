@@ -4,6 +4,7 @@
 #include <atomic>
 #include <functional>
 #include <mutex>
+#include <utility>
 
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
@@ -24,6 +25,9 @@ constexpr const char* kSessionTimerKey = "kKVRUserSessionTimer";
 struct SessionState {
   std::optional<std::string> sessionID;
   KVRParameters sessionParameters;
+  // Between a start and the next end; entering the background ends only a
+  // running session.
+  bool running = false;
 };
 
 class SharedSession {
@@ -95,7 +99,10 @@ void KVRUserSession::unload() {
 }
 
 void KVRUserSession::startSession() {
-  setSessionID(platform::env().makeUUIDString());
+  shared().edit([id = platform::env().makeUUIDString()](SessionState& state) {
+    state.sessionID = id;
+    state.running = true;
+  });
   shared().timer.startTimerForKey(kSessionTimerKey);
 }
 
@@ -104,7 +111,10 @@ void KVRUserSession::endSession() {
   const auto elapsed = s.timer.elapsedTimeForKey(kSessionTimerKey);
   reportUserSessionWithDuration(elapsed ? std::optional<KVRValue>(*elapsed) : std::nullopt);
   s.timer.endTimerForKey(kSessionTimerKey);
-  s.edit([](SessionState& state) { state.sessionParameters.clear(); });
+  s.edit([](SessionState& state) {
+    state.sessionParameters.clear();
+    state.running = false;
+  });
 }
 
 void KVRUserSession::resetSession() {
@@ -113,7 +123,13 @@ void KVRUserSession::resetSession() {
 }
 
 void KVRUserSession::applicationWillEnterForeground() { startSession(); }
-void KVRUserSession::applicationEnteredBackground() { endSession(); }
+void KVRUserSession::applicationEnteredBackground() {
+  // A second background without a foreground in between has no session to
+  // end: reporting again would send the old identifier without a duration.
+  bool running = false;
+  shared().edit([&](SessionState& state) { running = std::exchange(state.running, false); });
+  if (running) endSession();
+}
 
 std::optional<std::string> KVRUserSession::sessionID() { return shared().state()->sessionID; }
 
@@ -187,8 +203,10 @@ KVRParameters KVRUserSession::commonBeaconParametersForBeaconWithParameters(
     common.set("devicelanguage", global->deviceLanguage());
   }
   common.merge(config->beacons.beaconParameters);
-  if (!parameters.contains(kKVRScreenName)) {
-    common.set(kKVRScreenName, global ? global->currentScreenName() : std::nullopt);
+  // A screen name only when there is one to give: without it the step leaves
+  // a server-provided "screenname" where it is.
+  if (!parameters.contains(kKVRScreenName) && global) {
+    if (const auto& screen = global->currentScreenName()) common.set(kKVRScreenName, *screen);
   }
   common.merge(state->sessionParameters);
   return common;
