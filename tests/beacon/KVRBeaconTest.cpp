@@ -15,6 +15,7 @@
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/foundation/KVNNetwork.h>
+#include <korvel/foundation/KeyedArchive.h>
 #include "support/TestEnv.h"
 
 namespace korvel {
@@ -420,6 +421,37 @@ TEST_F(KVRBeaconTest, PinnedUUIDIsTheIdentifierAndIsSentOnce) {
   EXPECT_EQ(log.created().at(0).find("parameters")->asDictionary()->stringForKey(
                 "clientbeaconuuid"),
             "PINNED-1");
+}
+
+TEST_F(KVRBeaconTest, StoredBeaconsAreRestoredOnlyWithTheirArchivedUUID) {
+  KVRBeacon::registerRequestRestorer();
+  env_.queueUUIDs({kUUID});
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"a", "b"}});
+  const auto stored = executor_->requests().at(0);
+  ASSERT_EQ(stored.restorationKind(), KVRBeacon::kRestorationKind);
+  const auto restored =
+      KVNRequestRestorers::restore(stored.restorationKind(), stored.restorationPayloadEncoder()());
+  ASSERT_TRUE(restored.has_value());
+  EXPECT_EQ(restored->buildEndpoint()->urlString(), executor_->urlAt(0));
+
+  // A stored payload whose record has no uuid as text would go out under a
+  // fresh one, so it is not restored, and the log says why.
+  const std::vector<std::optional<double>> uuids = {std::nullopt, 42.0};
+  for (const auto& uuidAsNumber : uuids) {
+    platform::KeyedArchiver coder;
+    coder.encodeObject("$class", std::string("KVRUserEventBeacon"));
+    coder.encodeObject("parameters", KVRParameters{{"a", "b"}});
+    coder.encodeDouble("creationTimestamp", 1700000000);
+    if (uuidAsNumber) coder.encodeDouble("uuid", *uuidAsNumber);
+    coder.encodeInt("beaconType", KVRBeaconTypeUserEvent);
+    coder.encodeObject("beaconEvent", std::string("userevent"));
+    env_.logs().clear();
+    EXPECT_FALSE(KVNRequestRestorers::restore(KVRBeacon::kRestorationKind, coder.encodedData())
+                     .has_value());
+    const auto messages = env_.logs().messages();
+    ASSERT_EQ(messages.size(), 1u);
+    EXPECT_NE(messages[0].find("uuid"), std::string::npos) << messages[0];
+  }
 }
 
 TEST_F(KVRBeaconTest, RequestSettings) {

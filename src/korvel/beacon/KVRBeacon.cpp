@@ -8,6 +8,7 @@
 #include <korvel/foundation/Mutex.h>
 #include <korvel/network/DurableRequestExecutor.h>
 #include <korvel/platform/Env.h>
+#include <korvel/platform/Logging.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/foundation/KVNNetwork.h>
 #include <korvel/foundation/KeyedArchive.h>
@@ -82,9 +83,20 @@ KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
 }
 
 std::optional<KVNNetworkRequest> restoreRequest(std::string_view payload) {
+  auto coder = platform::KeyedUnarchiver::open(payload);
+  if (!coder) return std::nullopt;
+  // Decoding would give a record without its archived uuid a fresh one, and
+  // the beacon, perhaps delivered already under the first, would then count
+  // twice at the collector. Such a stored request is not restored.
+  if (!coder->decodeString(KVRReliableNetworkingTask::kArchiveUUIDKey)) {
+    platform::Logger(KVRLogging::subsystem(), "Beacon")
+        .log(platform::LogLevel::Error,
+             "A stored beacon has no archived uuid; it is not restored, so that it never goes "
+             "out under a second uuid");
+    return std::nullopt;
+  }
   auto task = KVRReliableNetworkingTask::unarchive(payload);
   if (!task) return std::nullopt;
-  auto coder = platform::KeyedUnarchiver::open(payload);
   auto type = coder->decodeInt(kPayloadTypeKey);
   if (!type) return std::nullopt;
   if (auto tagged = std::dynamic_pointer_cast<KVRTaggedBeacon>(task)) {

@@ -9,12 +9,13 @@ namespace korvel {
 const double KorvelReportingVersionNumber = 1.0;
 const char* const KorvelReportingVersionString = KORVEL_REPORTING_VERSION_STRING;
 
-std::string KVRLogging::subsystem() {
-  return platform::env().mainBundleIdentifier().value_or("Unknown bundle");
+const std::string& KVRLogging::subsystem() {
+  static const std::string subsystem =
+      platform::env().mainBundleIdentifier().value_or("Unknown bundle");
+  return subsystem;
 }
 
 const platform::Logger& KVRLogging::pageViewLogger() {
-  // Made once; the subsystem is read when the logger is first used.
   static const platform::Logger logger(subsystem(), categoryPageView());
   return logger;
 }

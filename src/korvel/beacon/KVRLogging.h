@@ -12,7 +12,9 @@ namespace korvel {
 class KVRLogging {
  public:
   KVRLogging() = delete;
-  static std::string subsystem();
+  // Read from the Env once, at the first use of any logger of the library,
+  // and kept for the process: every logger names the same subsystem.
+  static const std::string& subsystem();
   static std::string categoryPageView() { return "PageView"; }
   // The logger the page-view code writes through.
   static const platform::Logger& pageViewLogger();

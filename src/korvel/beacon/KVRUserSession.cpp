@@ -3,6 +3,7 @@
 #include <array>
 #include <atomic>
 #include <functional>
+#include <utility>
 
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
@@ -24,6 +25,9 @@ constexpr const char* kSessionTimerKey = "kKVRUserSessionTimer";
 struct SessionState {
   std::optional<std::string> sessionID;
   KVRParameters sessionParameters;
+  // Between a start and the next end; entering the background ends only a
+  // running session.
+  bool running = false;
 };
 
 class SharedSession {
@@ -96,7 +100,10 @@ void KVRUserSession::unload() {
 }
 
 void KVRUserSession::startSession() {
-  setSessionID(platform::env().makeUUIDString());
+  shared().edit([id = platform::env().makeUUIDString()](SessionState& state) {
+    state.sessionID = id;
+    state.running = true;
+  });
   shared().timer.startTimerForKey(kSessionTimerKey);
 }
 
@@ -105,7 +112,10 @@ void KVRUserSession::endSession() {
   const auto elapsed = s.timer.elapsedTimeForKey(kSessionTimerKey);
   reportUserSessionWithDuration(elapsed ? std::optional<KVRValue>(*elapsed) : std::nullopt);
   s.timer.endTimerForKey(kSessionTimerKey);
-  s.edit([](SessionState& state) { state.sessionParameters.clear(); });
+  s.edit([](SessionState& state) {
+    state.sessionParameters.clear();
+    state.running = false;
+  });
 }
 
 void KVRUserSession::resetSession() {
@@ -114,7 +124,13 @@ void KVRUserSession::resetSession() {
 }
 
 void KVRUserSession::applicationWillEnterForeground() { startSession(); }
-void KVRUserSession::applicationEnteredBackground() { endSession(); }
+void KVRUserSession::applicationEnteredBackground() {
+  // A second background without a foreground in between has no session to
+  // end: reporting again would send the old identifier without a duration.
+  bool running = false;
+  shared().edit([&](SessionState& state) { running = std::exchange(state.running, false); });
+  if (running) endSession();
+}
 
 std::optional<std::string> KVRUserSession::sessionID() { return shared().state()->sessionID; }
 
@@ -188,8 +204,10 @@ KVRParameters KVRUserSession::commonBeaconParametersForBeaconWithParameters(
     common.set("devicelanguage", global->deviceLanguage());
   }
   common.merge(config->beacons.beaconParameters);
-  if (!parameters.contains(kKVRScreenName)) {
-    common.set(kKVRScreenName, global ? global->currentScreenName() : std::nullopt);
+  // A screen name only when there is one to give: without it the step leaves
+  // a server-provided "screenname" where it is.
+  if (!parameters.contains(kKVRScreenName) && global) {
+    if (const auto& screen = global->currentScreenName()) common.set(kKVRScreenName, *screen);
   }
   common.merge(state->sessionParameters);
   return common;

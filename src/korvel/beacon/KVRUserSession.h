@@ -83,7 +83,10 @@ class KVRUserSession {
   static void startSession();
   static void endSession();
   static void resetSession();
+  // startSession().
   static void applicationWillEnterForeground();
+  // endSession() when a session is running (started and not yet ended); a
+  // repeated background is ignored.
   static void applicationEnteredBackground();
 
   static std::optional<std::string> sessionID();

@@ -64,13 +64,26 @@ struct CollatorCloser {
 };
 using Collator = std::unique_ptr<UCollator, CollatorCloser>;
 
-// Case-insensitive and accent-sensitive: secondary strength.
-Collator openCaseInsensitiveCollator() {
+Collator openSecondaryStrengthCollator(const char* locale) {
   UErrorCode status = U_ZERO_ERROR;
-  Collator collator(ucol_open(currentLocaleIdentifier().c_str(), &status));
+  Collator collator(ucol_open(locale, &status));
   if (U_FAILURE(status)) return nullptr;
   ucol_setStrength(collator.get(), UCOL_SECONDARY);
   return collator;
+}
+
+bool ignoresCase(const UCollator* collator) {
+  return ucol_strcoll(collator, u"a", 1, u"A", 1) == UCOL_EQUAL;
+}
+
+// Case-insensitive and accent-sensitive: secondary strength. A locale whose
+// rules make case a primary difference (the POSIX locale, which LANG=C gives
+// ICU, orders by code point with all capitals first) is compared by the root
+// rules instead, which ignore case at that strength.
+Collator openCaseInsensitiveCollator() {
+  Collator collator = openSecondaryStrengthCollator(currentLocaleIdentifier().c_str());
+  if (collator && ignoresCase(collator.get())) return collator;
+  return openSecondaryStrengthCollator("");
 }
 
 int compareWith(UCollator* collator, std::string_view a, std::string_view b) {

@@ -5,6 +5,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
@@ -17,7 +18,10 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
+#include <limits>
 #include <thread>
+
+#include <unicode/utf8.h>
 
 #include <korvel/foundation/Mutex.h>
 #include <korvel/platform/Env.h>
@@ -222,6 +226,29 @@ std::string safeMimeType(std::string_view type) {
   return "application/octet-stream";
 }
 
+bool isUTF8(std::span<const uint8_t> bytes) {
+  if (bytes.size() > static_cast<size_t>(std::numeric_limits<int32_t>::max())) return false;
+  const auto length = static_cast<int32_t>(bytes.size());
+  int32_t i = 0;
+  while (i < length) {
+    UChar32 c;
+    U8_NEXT(bytes.data(), i, length, c);
+    if (c < 0) return false;
+  }
+  return true;
+}
+
+// A text attachment's Content-Type names its charset: UTF-8 when its bytes
+// are, none otherwise (the reader then guesses, as it would anyway).
+std::string attachmentContentType(const MailAttachment& attachment) {
+  std::string type = safeMimeType(attachment.mimeType);
+  const bool isText = type.size() > 5 && strncasecmp(type.c_str(), "text/", 5) == 0;
+  if (isText && isUTF8(attachment.data)) {
+    type += "; charset=utf-8";
+  }
+  return type;
+}
+
 // Lines end in CRLF, whatever they ended in before.
 std::string withCRLF(std::string_view text) {
   std::string out;
@@ -317,7 +344,7 @@ std::string MimeMailComposer::mimeMessage() const {
 
   for (const auto& attachment : attachments()) {
     m += "\r\n--" + boundary + "\r\n";
-    m += "Content-Type: " + safeMimeType(attachment.mimeType) + "; " +
+    m += "Content-Type: " + attachmentContentType(attachment) + "; " +
          mime::fileNameParameter("name", attachment.fileName) + "\r\n";
     m += "Content-Disposition: attachment; " +
          mime::fileNameParameter("filename", attachment.fileName) + "\r\n";
