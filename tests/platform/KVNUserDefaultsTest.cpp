@@ -194,6 +194,16 @@ TEST_F(KVNUserDefaultsTest, UnusableFilesAreMovedAsideAndTheStoreStartsEmpty) {
       {"empty", ""},
       {"bad marker", "{\"d\": {\"$date\": \"yesterday\"}}"},
       {"null value", "{\"k\": null}"},
+      // Nested far past the cap: read without running out of stack.
+      {"100,000 lists deep", "{\"k\": " + std::string(100'000, '[') + std::string(100'000, ']') + "}"},
+      {"100,000 objects deep", [] {
+         std::string text = "{";
+         for (int i = 0; i < 100'000; ++i) text += "\"a\":{";
+         return text + std::string(100'001, '}');
+       }()},
+      {"one level past the cap",
+       "{\"k\": " + std::string(KVNUserDefaults::kMaxDepth, '[') +
+           std::string(KVNUserDefaults::kMaxDepth, ']') + "}"},
   };
   for (const auto& [what, content] : damaged) {
     SCOPED_TRACE(what);
@@ -216,6 +226,29 @@ TEST_F(KVNUserDefaultsTest, UnusableFilesAreMovedAsideAndTheStoreStartsEmpty) {
     EXPECT_TRUE(defaults.setObject("fresh", "k"));
     EXPECT_EQ(KVNUserDefaults(path_).stringForKey("k"), "fresh");
   }
+}
+
+TEST_F(KVNUserDefaultsTest, TheDeepestAllowedNestingRoundTripsAndDeeperIsNotWritten) {
+  auto nested = [](int levels) {
+    KVRValue value("leaf");
+    for (int i = 1; i < levels; ++i) value = KVRValue(KVRList{std::move(value)});
+    return value;
+  };
+  {
+    KVNUserDefaults defaults(path_);
+    // The top-level object is one level, the leaf none.
+    ASSERT_TRUE(defaults.setObject(nested(KVNUserDefaults::kMaxDepth), "deep"));
+  }
+  EXPECT_EQ(KVNUserDefaults(path_).objectForKey("deep"), nested(KVNUserDefaults::kMaxDepth));
+  EXPECT_FALSE(logged("unusable"));
+
+  KVNUserDefaults defaults(path_);
+  EXPECT_FALSE(defaults.setObject(nested(KVNUserDefaults::kMaxDepth + 1), "deeper"));
+  EXPECT_TRUE(logged("nested deeper than 64 levels"));
+  // Kept in memory; the file still has what was there.
+  EXPECT_TRUE(defaults.objectForKey("deeper").has_value());
+  EXPECT_FALSE(KVNUserDefaults(path_).objectForKey("deeper").has_value());
+  EXPECT_TRUE(KVNUserDefaults(path_).objectForKey("deep").has_value());
 }
 
 TEST_F(KVNUserDefaultsTest, ASecondDamagedFileInTheSameSecondGetsItsOwnName) {
