@@ -43,6 +43,11 @@ platform::DurableRequestExecutor::Options childOptions(const char* directory) {
   // many times between two kills.
   if (const char* bytes = std::getenv("KORVEL_CRASH_SEGMENT_BYTES")) o.segmentBytes = std::stoull(bytes);
   if (const char* ms = std::getenv("KORVEL_CRASH_SYNC_MS")) o.syncInterval = std::chrono::milliseconds(std::stol(ms));
+  // Every 503 makes the collector's host back off: keep those waits short.
+  if (std::getenv("KORVEL_CRASH_SHORT_BACKOFF") != nullptr) {
+    o.retryBaseDelay = 1ms;
+    o.maxRetryDelay = 4ms;
+  }
   o.requestTimeout = 5s;
   o.maxStoredRequests = 1'000'000;  // the test counts every beacon
   return o;
@@ -237,7 +242,7 @@ TEST(CrashRecoveryTest, KillsDuringCompactionLoseNoReturnedBeacon) {
   ASSERT_NE(mkdtemp(pattern), nullptr);
   const fs::path dir = pattern;
   const std::vector<std::string> small = {"KORVEL_CRASH_SEGMENT_BYTES=131072",
-                                          "KORVEL_CRASH_SYNC_MS=5"};
+                                          "KORVEL_CRASH_SYNC_MS=5", "KORVEL_CRASH_SHORT_BACKOFF=1"};
 
   std::mt19937 random(std::random_device{}());
   std::map<long, std::string> reported;
@@ -253,7 +258,7 @@ TEST(CrashRecoveryTest, KillsDuringCompactionLoseNoReturnedBeacon) {
     ASSERT_GT(reporter, 0);
     std::string partial;
     readLines(fds[0], partial, reported,
-              reported.size() + std::uniform_int_distribution<size_t>(200, 2000)(random));
+              reported.size() + std::uniform_int_distribution<size_t>(100, 1200)(random));
     std::this_thread::sleep_for(
         std::chrono::microseconds(std::uniform_int_distribution<int>(0, 3000)(random)));
     kill(reporter, SIGKILL);
