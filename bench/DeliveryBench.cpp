@@ -95,6 +95,7 @@ DurableRequestExecutor::Options storeOptions(const fs::path& dir) {
   DurableRequestExecutor::Options o;
   o.directory = dir;
   o.maxStoredRequests = 10'000'000;  // nothing dropped while paused
+  o.maxStoredBytes = uint64_t{1} << 40;
   return o;
 }
 

@@ -888,7 +888,9 @@ class JournalRequestStore final : public RequestStore {
       at = segmentOf_.find(id);
       if (at == segmentOf_.end()) return std::nullopt;
     }
-    auto& segment = segments_[at->second];
+    auto found = segments_.find(at->second);
+    if (found == segments_.end()) return std::nullopt;
+    auto& segment = found->second;
     auto loc = segment.live.find(id);
     if (loc == segment.live.end()) return std::nullopt;
     std::string frame(loc->second.length, '\0');
@@ -1141,7 +1143,10 @@ class JournalRequestStore final : public RequestStore {
       ::close(fd);
       // The copies must be durable before the originals go; on failure the
       // originals stay and any copies are merely duplicates (same id).
+      // Workers read requests back meanwhile, from the originals.
+      indexMutex_.unlock();
       front_.syncActive();
+      indexMutex_.lock();
       if (!ok) continue;
       removeSegment(segments_.find(number));
       for (const auto& a : moved) {
