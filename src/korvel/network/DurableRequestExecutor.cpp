@@ -714,13 +714,21 @@ void DurableRequestExecutor::restoreStored() {
   // them: a kill during a long restore sends little twice.
   constexpr size_t kChunk = 1024;
   size_t unknown = 0;
+  // Past the age cap already: dropped before anything could send them.
+  const int64_t cutoff =
+      wallMillis() - std::chrono::duration_cast<std::chrono::milliseconds>(options_.maxAge).count();
   for (size_t begin = 0; begin < stored.size() && !cancel_; begin += kChunk) {
     const size_t end = std::min(stored.size(), begin + kChunk);
     std::vector<std::pair<uint64_t, Entry>> chunk;
     chunk.reserve(end - begin);
+    std::vector<uint64_t> expired;
     size_t chunkUnknown = 0;
     for (size_t i = begin; i < end; ++i) {
       StoredRequest& s = stored[i];
+      if (s.createdMillis < cutoff) {
+        expired.push_back(s.id);
+        continue;
+      }
       Entry entry;
       entry.priority = s.priority;
       entry.policy = static_cast<int8_t>(bucketOf(s.configurationPolicy));
@@ -745,6 +753,9 @@ void DurableRequestExecutor::restoreStored() {
       if (writerStopping_) break;  // the rest stays stored for the next start
       for (auto& [id, entry] : chunk) enqueue(id, std::move(entry));
       stats_.restored += chunk.size() - chunkUnknown;
+      stats_.droppedTooOld += expired.size();
+      tooOldSinceLog_ += expired.size();
+      finished_.insert(finished_.end(), expired.begin(), expired.end());
       enforceCap();
       finished.swap(finished_);
     }
