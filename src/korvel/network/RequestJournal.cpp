@@ -268,6 +268,7 @@ bool JournalFront::lockDirectory() {
     logger().log(LogLevel::Error, "cannot create " + dir.string() + ": " + ec.message());
     return false;
   }
+  ::chmod(dir.c_str(), 0700);  // the user's own: no one else reads what is queued
   lockFd_ = ::open((dir / "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (lockFd_ < 0) {
     logger().log(LogLevel::Error, "cannot open the lock in " + dir.string() + ": " + errnoText());
@@ -652,6 +653,7 @@ void JournalFront::setAside(const fs::path& file, const std::string& reason) {
   const fs::path aside = options_.directory / kAsideFolder;
   std::error_code ec;
   fs::create_directories(aside, ec);
+  ::chmod(aside.c_str(), 0700);
   static std::atomic<unsigned> counter{0};
   const fs::path target =
       aside / (file.filename().string() + "." + std::to_string(::time(nullptr)) + "-" +
