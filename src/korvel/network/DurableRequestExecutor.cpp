@@ -31,6 +31,11 @@ constexpr auto kFullAgeScanInterval = std::chrono::minutes(1);
 // While a host backs off, new reports wake no worker; a worker looks at
 // them this often (they may be for another host).
 constexpr auto kBackoffRecheckInterval = std::chrono::milliseconds(500);
+// A stored request that is about to go out keeps its request object while
+// fewer than this many are ready to send (no read-back on the healthy
+// path); past that, and whenever a request has to wait, only its index is
+// kept. Bounds the memory held whole, whatever the backlog.
+constexpr size_t kKeptWhole = 64;
 // Repeated log lines are summed up this often.
 constexpr auto kRepeatedLogInterval = std::chrono::seconds(1);
 // The file in the store's directory that keeps hosts' Retry-After times.
@@ -198,13 +203,18 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) {
   entry.createdMillis = created;
   entry.durable = durable;
   entry.bytes = durable ? static_cast<uint32_t>(bytes) : 0;
-  // A stored request is read back when sent; only the others are kept.
-  if (!durable) entry.request = std::make_shared<const KVNNetworkRequest>(std::move(request));
+  entry.request = std::make_shared<const KVNNetworkRequest>(std::move(request));
+  std::shared_ptr<const KVNNetworkRequest> dropped;  // destroyed outside the lock
   bool wake;
   {
     MutexLock lock(mutex_);
     if (appendFailed) ++appendFailuresSinceLog_;
     if (durable) ++appendsSinceLog_;
+    // A stored request that has to wait is read back when its turn comes.
+    if (durable && (hostsBackingOff_ > 0 || paused_ ||
+                    ready_[0].size() + ready_[1].size() + ready_[2].size() >= kKeptWhole)) {
+      dropped = std::move(entry.request);
+    }
     enqueue(id, std::move(entry));
     enforceCap();
     // A futex wake costs the caller more than everything else here: only
@@ -289,6 +299,7 @@ void DurableRequestExecutor::makeReady(uint64_t id, Entry& entry) {
 }
 
 void DurableRequestExecutor::hold(uint64_t id, Entry& entry, int host) {
+  if (entry.durable) entry.request.reset();  // read back when the host is healthy
   entry.state = State::Held;
   entry.host = static_cast<int16_t>(host);
   hosts_[static_cast<size_t>(host)].held.emplace(-entry.priority, id);
@@ -543,6 +554,7 @@ void DurableRequestExecutor::settle(uint64_t id, DeliveryVerdict verdict,
   }
   // No host to back off from: the request waits on its own.
   auto delay = retryDelay(++e.backoffSteps, options_.retryBaseDelay, options_.maxRetryDelay, jitter);
+  if (e.durable) e.request.reset();
   e.state = State::Waiting;
   e.due = Clock::now() + delay;
   waiting_.emplace(e.due, id);

@@ -10,7 +10,8 @@
 // attempts, age and where it waits. A stored request is read back from the
 // journal and restored (KVNReloadRequest, which announces no creation
 // again) when its turn to be sent comes, so memory stays flat with
-// the backlog; only requests without a restoration payload are held whole.
+// the backlog. Held whole are only requests without a restoration payload
+// and, while few are ready and nothing backs off, the ones about to go out.
 //
 // Workers (Options::concurrency threads, each with its own keep-alive
 // connection) take requests by priority (higher first, then submission
