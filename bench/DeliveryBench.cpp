@@ -9,7 +9,8 @@
 //                    of one record), the largest part of the report call.
 //   BytesPerBeacon   store bytes per queued beacon with 25 parameters.
 //   Throughput       beacons per second delivered, one GET each, to a
-//                    collector on 127.0.0.1 in this process.
+//                    collector on 127.0.0.1 in this process; queued while
+//                    paused, so each is read back from the journal first.
 //   QueuedMemory     RSS growth per queued beacon with N queued (delivery
 //                    paused), and the report call's p50/p99 over the last
 //                    10,000 of them with the collector down instead.
