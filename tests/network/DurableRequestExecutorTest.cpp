@@ -7,6 +7,7 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <set>
 
 #include <korvel/network/DurableRequestExecutor.h>
 #include "support/TestEnv.h"
@@ -377,8 +378,11 @@ TEST_F(DurableRequestExecutorTest, AVanishedDirectoryIsMadeAgainWithEverythingWa
   // A later run finds all of them there.
   auto executor = start(options());
   ASSERT_TRUE(executor->flush(5s));
-  EXPECT_EQ(server_.urls().size(), 31u);
-  EXPECT_EQ(server_.urls().back(), "http://fake/after");
+  const auto urls = server_.urls();
+  const std::set<std::string> distinct(urls.begin(), urls.end());
+  EXPECT_EQ(urls.size(), 31u);
+  EXPECT_EQ(distinct.size(), 31u);
+  EXPECT_TRUE(distinct.contains("http://fake/after"));
 }
 
 // MARK: - One backoff per host
@@ -536,6 +540,7 @@ TEST_F(DurableRequestExecutorTest, StoredRequestsAreReadBackWhenSentAndOthersKep
   });
   auto o = options();
   o.startPaused = true;
+  o.concurrency = 1;  // in order
   auto executor = start(o);
   for (const char* name : {"one", "two", "three"}) {
     KVNNetworkRequest r = makeRequest(name);

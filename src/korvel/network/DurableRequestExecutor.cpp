@@ -313,8 +313,8 @@ void DurableRequestExecutor::unlink(Entries::iterator it) {
       ready_[bucketOf(e.policy)].erase({-e.priority, it->first});
       break;
     case State::Waiting: {
-      auto [first, last] = waiting_.equal_range(e.due);
-      for (auto w = first; w != last; ++w) {
+      // Few wait on their own (only requests without a host): a scan.
+      for (auto w = waiting_.begin(); w != waiting_.end(); ++w) {
         if (w->second == it->first) {
           waiting_.erase(w);
           break;
@@ -556,8 +556,7 @@ void DurableRequestExecutor::settle(uint64_t id, DeliveryVerdict verdict,
   auto delay = retryDelay(++e.backoffSteps, options_.retryBaseDelay, options_.maxRetryDelay, jitter);
   if (e.durable) e.request.reset();
   e.state = State::Waiting;
-  e.due = Clock::now() + delay;
-  waiting_.emplace(e.due, id);
+  waiting_.emplace(Clock::now() + delay, id);
 }
 
 void DurableRequestExecutor::logRepeated(const std::string& line) {

@@ -172,7 +172,6 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   struct Entry {
     std::shared_ptr<const KVNNetworkRequest> request;  // memory-only requests
     int64_t createdMillis = 0;
-    std::chrono::steady_clock::time_point due{};  // when Waiting
     int32_t priority = 1;
     uint32_t bytes = 0;     // its stored record
     int16_t retryCount = 0;

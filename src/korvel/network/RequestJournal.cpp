@@ -366,7 +366,8 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
   directoryDirty_ = true;
 
   static const uint64_t pageBytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-  const uint64_t wanted = std::max<uint64_t>(options_.segmentBytes, kSegmentHeaderBytes + frameBytes);
+  const uint64_t wanted = std::max<uint64_t>(std::min(options_.segmentBytes, kMaxSegmentBytes / 2),
+                                             kSegmentHeaderBytes + frameBytes);
   const uint64_t capacity = (wanted + pageBytes - 1) / pageBytes * pageBytes;
   // Reserving the blocks now is what keeps a full disk from turning into a
   // SIGBUS inside a mapped write later.
@@ -983,8 +984,10 @@ class JournalRequestStore final : public RequestStore {
   }
 
  private:
+  // Eight bytes: one per waiting request adds up. A segment never reaches
+  // 4 GiB (its size is bounded, and so is a record).
   struct Loc {
-    uint64_t offset;
+    uint32_t offset;
     uint32_t length;
   };
   struct Segment {
@@ -1091,7 +1094,8 @@ class JournalRequestStore final : public RequestStore {
     if (segment.readFd < 0) {
       segment.readFd = ::open(front_.segmentPath(a.segment).c_str(), O_RDONLY | O_CLOEXEC);
     }
-    auto [it, inserted] = segment.live.try_emplace(a.id, Loc{a.offset, a.length});
+    auto [it, inserted] =
+        segment.live.try_emplace(a.id, Loc{static_cast<uint32_t>(a.offset), a.length});
     if (inserted) segment.liveBytes += a.length;
     segment.fileBytes = std::max(segment.fileBytes, a.offset + a.length);
     segmentOf_[a.id] = a.segment;

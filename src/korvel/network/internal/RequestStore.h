@@ -279,7 +279,9 @@ class JournalFront {
     bool dirty = false;     // appended to since the last sync
     bool broken = false;    // a failed pwrite left it unusable
 
-    bool hasRoom(size_t size) const { return map == nullptr || bytes + size <= capacity; }
+    bool hasRoom(size_t size) const {
+      return bytes + size <= (map == nullptr ? kMaxSegmentBytes : capacity);
+    }
   };
 
   // Creates, reserves and maps a new segment with room for at least
@@ -301,6 +303,9 @@ class JournalFront {
   std::vector<uint32_t> earlierSegments_;
   std::atomic<uint32_t> nextSegment_{1};
   std::atomic<bool> directoryDirty_{false};
+
+  // Offsets in a segment fit 32 bits (the store's index keeps them so).
+  static constexpr uint64_t kMaxSegmentBytes = 1ull << 30;
 
   // Two spares carry a burst of appends over the time the writer takes to
   // notice that one was taken and to make the next.
