@@ -189,6 +189,8 @@ TEST_F(KVNUserDefaultsTest, AKilledWriterLeavesACompleteOldOrNewFile) {
 }
 
 TEST_F(KVNUserDefaultsTest, UnusableFilesAreMovedAsideAndTheStoreStartsEmpty) {
+  const std::string tooDeep =
+      "nested deeper than " + std::to_string(KVNUserDefaults::kMaxDepth) + " levels";
   // The file's content and the reason the log line gives.
   const std::vector<std::tuple<std::string, std::string, std::string>> damaged = {
       {"truncated", "{\"configurationURL\": \"https://x", "it is not JSON"},
@@ -198,6 +200,21 @@ TEST_F(KVNUserDefaultsTest, UnusableFilesAreMovedAsideAndTheStoreStartsEmpty) {
       {"bad nested marker", "{\"l\": [1, {\"$url\": 2}]}", "a URL that is not text"},
       {"bad number marker", "{\"d\": {\"$double\": \"big\"}}", "an unknown special number"},
       {"null value", "{\"k\": null}", "a null or binary value"},
+      // Nested far past the cap: read without running out of stack.
+      {"100,000 lists deep",
+       "{\"k\": " + std::string(100'000, '[') + std::string(100'000, ']') + "}",
+       tooDeep},
+      {"100,000 objects deep",
+       [] {
+         std::string text = "{";
+         for (int i = 0; i < 100'000; ++i) text += "\"a\":{";
+         return text + std::string(100'001, '}');
+       }(),
+       tooDeep},
+      {"one level past the cap",
+       "{\"k\": " + std::string(KVNUserDefaults::kMaxDepth, '[') +
+           std::string(KVNUserDefaults::kMaxDepth, ']') + "}",
+       tooDeep},
   };
   for (const auto& [what, content, reason] : damaged) {
     SCOPED_TRACE(what);
@@ -222,6 +239,29 @@ TEST_F(KVNUserDefaultsTest, UnusableFilesAreMovedAsideAndTheStoreStartsEmpty) {
     EXPECT_TRUE(defaults.setObject("fresh", "k"));
     EXPECT_EQ(KVNUserDefaults(path_).stringForKey("k"), "fresh");
   }
+}
+
+TEST_F(KVNUserDefaultsTest, TheDeepestAllowedNestingRoundTripsAndDeeperIsNotWritten) {
+  auto nested = [](int levels) {
+    KVRValue value("leaf");
+    for (int i = 1; i < levels; ++i) value = KVRValue(KVRList{std::move(value)});
+    return value;
+  };
+  {
+    KVNUserDefaults defaults(path_);
+    // The top-level object is one level, the leaf none.
+    ASSERT_TRUE(defaults.setObject(nested(KVNUserDefaults::kMaxDepth), "deep"));
+  }
+  EXPECT_EQ(KVNUserDefaults(path_).objectForKey("deep"), nested(KVNUserDefaults::kMaxDepth));
+  EXPECT_FALSE(logged("unusable"));
+
+  KVNUserDefaults defaults(path_);
+  EXPECT_FALSE(defaults.setObject(nested(KVNUserDefaults::kMaxDepth + 1), "deeper"));
+  EXPECT_TRUE(logged("nested deeper than 64 levels"));
+  // Kept in memory; the file still has what was there.
+  EXPECT_TRUE(defaults.objectForKey("deeper").has_value());
+  EXPECT_FALSE(KVNUserDefaults(path_).objectForKey("deeper").has_value());
+  EXPECT_TRUE(KVNUserDefaults(path_).objectForKey("deep").has_value());
 }
 
 TEST_F(KVNUserDefaultsTest, ASecondDamagedFileInTheSameSecondGetsItsOwnName) {

@@ -126,6 +126,8 @@ bool BeaconCollector::start() {
         --failLeft_;
         failStatus = failStatus_;
         retryAfter = retryAfter_;
+      } else if (options_.failEvery > 0 && ++answered_ % options_.failEvery == 0) {
+        failStatus = options_.failStatus;
       }
     }
     if (drop) {

@@ -8,6 +8,7 @@
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/KVNRequestReload.h>
 #include <korvel/foundation/KeyedArchive.h>
 #include <korvel/platform/NotificationCenter.h>
 
@@ -47,6 +48,8 @@ void KVRReliableNetworkingTask::initWithParameters(const KVRParameters& paramete
 }
 
 void KVRReliableNetworkingTask::postCreationNotification() const {
+  // A stored request read back to be sent was announced when it was made.
+  if (KVNRequestReloading()) return;
   auto& center = platform::env().notificationCenter();
   // The representation is only built when someone listens.
   if (!center.hasObservers(KVRReliableNetworkingTaskCreatedNotification)) return;

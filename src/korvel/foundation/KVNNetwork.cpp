@@ -1,4 +1,5 @@
 #include <korvel/foundation/KVNNetwork.h>
+#include <korvel/foundation/KVNRequestReload.h>
 
 #include <map>
 
@@ -37,6 +38,21 @@ std::optional<KVNNetworkRequest> KVNRequestRestorers::restore(const std::string&
   }
   return restorer(payload);
 }
+
+namespace {
+thread_local bool reloading = false;
+}  // namespace
+
+std::optional<KVNNetworkRequest> KVNReloadRequest(const std::string& kind, std::string_view payload) {
+  struct Flag {
+    bool outer = reloading;
+    Flag() { reloading = true; }
+    ~Flag() { reloading = outer; }
+  } flag;
+  return KVNRequestRestorers::restore(kind, payload);
+}
+
+bool KVNRequestReloading() { return reloading; }
 
 bool KVNConfigurationPolicySatisfied(int configurationPolicy) {
   const auto config = KVNConfiguration::sharedInstance().snapshot();

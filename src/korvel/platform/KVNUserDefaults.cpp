@@ -37,18 +37,26 @@ void logLine(platform::LogLevel level, std::string message) {
 
 // --- Encoding ---------------------------------------------------------------
 
-Json encode(const KVRValue& value);
+struct FormatError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
 
-Json encodeDictionary(const KVRParameters& dictionary) {
+const std::string kTooDeep =
+    "nested deeper than " + std::to_string(KVNUserDefaults::kMaxDepth) + " levels";
+
+Json encode(const KVRValue& value, int depth);
+
+Json encodeDictionary(const KVRParameters& dictionary, int depth = 1) {
+  if (depth > KVNUserDefaults::kMaxDepth) throw FormatError(kTooDeep);
   Json object = Json::object();
-  for (const auto& [key, value] : dictionary) object[key] = encode(value);
+  for (const auto& [key, value] : dictionary) object[key] = encode(value, depth + 1);
   if (dictionary.size() == 1 && dictionary.begin()->first.starts_with('$')) {
     return Json{{kDictionaryTag, std::move(object)}};
   }
   return object;
 }
 
-Json encode(const KVRValue& value) {
+Json encode(const KVRValue& value, int depth) {
   switch (value.kind()) {
     case KVRValue::Kind::String:
       return *value.asString();
@@ -70,10 +78,11 @@ Json encode(const KVRValue& value) {
     case KVRValue::Kind::URL:
       return Json{{kURLTag, value.asURL()->absoluteString}};
     case KVRValue::Kind::Dictionary:
-      return encodeDictionary(*value.asDictionary());
+      return encodeDictionary(*value.asDictionary(), depth);
     case KVRValue::Kind::List: {
+      if (depth > KVNUserDefaults::kMaxDepth) throw FormatError(kTooDeep);
       Json array = Json::array();
-      for (const auto& item : *value.asList()) array.push_back(encode(item));
+      for (const auto& item : *value.asList()) array.push_back(encode(item, depth + 1));
       return array;
     }
   }
@@ -269,8 +278,25 @@ void KVNUserDefaults::load() {
       // An empty file reads as nothing, which is as unusable as garbage.
       problem = in ? "it is empty" : std::string("cannot open it: ") + std::strerror(errno);
     } else {
-      const Json json = Json::parse(content.str(), nullptr, /*allow_exceptions=*/false);
-      if (json.is_discarded()) {
+      // The parser keeps its own stack; the depth cap keeps decode() and
+      // dump(), which recurse, within the thread's. The top-level object
+      // starts at depth 0 here, 1 when saving.
+      bool tooDeep = false;
+      const Json json = Json::parse(
+          content.str(),
+          [&tooDeep](int depth, Json::parse_event_t event, Json&) {
+            const bool opens = event == Json::parse_event_t::object_start ||
+                               event == Json::parse_event_t::array_start;
+            if (opens && depth >= kMaxDepth) {
+              tooDeep = true;
+              return false;
+            }
+            return true;
+          },
+          /*allow_exceptions=*/false);
+      if (tooDeep) {
+        problem = kTooDeep;
+      } else if (json.is_discarded()) {
         problem = "it is not JSON";
       } else if (!json.is_object()) {
         problem = "the top level is not an object";
@@ -294,8 +320,14 @@ void KVNUserDefaults::load() {
 }
 
 bool KVNUserDefaults::persistLocked() {
-  const std::string data =
-      encodeDictionary(values_).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  std::string data;
+  try {
+    data = encodeDictionary(values_).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  } catch (const FormatError& e) {
+    logLine(platform::LogLevel::Error, std::string("Could not save user defaults: a value is ") +
+                                           e.what());
+    return false;
+  }
   std::string error;
   if (writeFileAtomically(filePath_, data, error)) return true;
   logLine(platform::LogLevel::Error, "Could not save user defaults: " + error);

@@ -17,6 +17,11 @@
 // for one of those. Integers are read back as signed when they fit a signed
 // 64-bit integer, as unsigned otherwise.
 //
+// Values nest at most kMaxDepth levels (dictionaries and lists inside one
+// another): a file nested deeper is unusable (moved aside as above), and a
+// value nested deeper is kept in memory but not written, with an error log
+// line. Reading and writing so never run out of stack, whatever the file.
+//
 // Thread-safe: any thread may read and write.
 #pragma once
 
@@ -36,6 +41,7 @@ class KVNUserDefaults {
   // file does not exist yet). The file and its directory are created on the
   // first write.
   explicit KVNUserDefaults(std::string filePath);
+  static constexpr int kMaxDepth = 64;
   KVNUserDefaults(const KVNUserDefaults&) = delete;
   KVNUserDefaults& operator=(const KVNUserDefaults&) = delete;
 
