@@ -8,6 +8,7 @@
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unicode/utf8.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -144,14 +145,16 @@ std::string encodeHeaderText(std::string_view text) {
   std::string out;
   size_t at = 0;
   while (at < cleaned.size()) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(cleaned.data()) + at;
     size_t end = std::min(at + kEncodedWordBytes, cleaned.size());
-    // Never split a UTF-8 sequence: back up over continuation bytes.
-    while (end < cleaned.size() && end > at + 1 &&
-           (static_cast<unsigned char>(cleaned[end]) & 0xC0) == 0x80) {
-      --end;
+    if (end < cleaned.size()) {
+      // Never split a character: a word that would end inside one ends
+      // before it (and always holds at least one byte).
+      auto length = static_cast<int32_t>(end - at);
+      U8_TRUNCATE_IF_INCOMPLETE(bytes, 0, length);
+      if (length > 0) end = at + static_cast<size_t>(length);
     }
     if (!out.empty()) out += "\r\n ";
-    const auto* bytes = reinterpret_cast<const uint8_t*>(cleaned.data()) + at;
     out += "=?UTF-8?B?" + base64(std::span<const uint8_t>(bytes, end - at), 0) + "?=";
     at = end;
   }
