@@ -16,6 +16,7 @@
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/foundation/KVNNetwork.h>
 #include "support/TestEnv.h"
+#include "support/WireText.h"
 
 namespace korvel {
 namespace {
@@ -24,6 +25,7 @@ using testing::CapturingExecutor;
 using testing::decodeWireBeacon;
 using testing::WireBeacon;
 using Items = std::vector<std::pair<std::string, std::string>>;
+using testing::params;
 using Names = std::vector<std::string>;
 
 constexpr const char* kReferenceTemplate =
@@ -170,17 +172,9 @@ TEST_F(KVRBeaconTest, ValuesGoOutAsTheirDescription) {
        {"no", false},
        {"text", "plain"},
        {"empty", ""}});
-  EXPECT_EQ(onlySent().parameters(), (Items{{"five", "5"},
-                                            {"half", "2.5"},
-                                            {"whole", "2500"},
-                                            {"max", "18446744073709551615"},
-                                            {"min", "-9223372036854775808"},
-                                            {"neg", "-7"},
-                                            {"yes", "1"},
-                                            {"no", "0"},
-                                            {"text", "plain"},
-                                            {"empty", ""},
-                                            {"x", "1"}}));
+  EXPECT_EQ(onlySent().parameters(),
+            params("five=5&half=2.5&whole=2500&max=18446744073709551615&min=-9223372036854775808&"
+                   "neg=-7&yes=1&no=0&text=plain&empty=&x=1"));
 }
 
 TEST_F(KVRBeaconTest, ParametersKeepTheCallersOrder) {
@@ -267,7 +261,7 @@ TEST_F(KVRBeaconTest, TemplatePathEdges) {
   KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"a", "b"}});
   const auto beacon = onlySent();
   EXPECT_EQ(beacon.path, "/b/userevent");
-  EXPECT_EQ(beacon.parameters(), (Items{{"a", "b"}, {"i", "I"}, {"m", "iPhone14,2"}, {"v", "1.0"}}));
+  EXPECT_EQ(beacon.parameters(), params("a=b&i=I&m=iPhone14,2&v=1.0"));
 }
 
 TEST_F(KVRBeaconTest, URLUsesTheConfigurationAsItIsWhenBuilt) {

@@ -4,43 +4,10 @@
 
 #include <utility>
 
+#include "collector/FormDecoding.h"
+
 namespace korvel::platform {
 namespace {
-
-// A form decoder written independently of the library, the way a collecting
-// server reads a query: split on "&", then on the first "=", "+" is a space,
-// %XX is a byte.
-std::vector<std::pair<std::string, std::string>> formDecode(std::string_view query) {
-  auto decode = [](std::string_view s) {
-    std::string out;
-    for (size_t i = 0; i < s.size(); ++i) {
-      if (s[i] == '+') {
-        out += ' ';
-      } else if (s[i] == '%' && i + 2 < s.size()) {
-        out += static_cast<char>(std::stoi(std::string(s.substr(i + 1, 2)), nullptr, 16));
-        i += 2;
-      } else {
-        out += s[i];
-      }
-    }
-    return out;
-  };
-  std::vector<std::pair<std::string, std::string>> pairs;
-  size_t start = 0;
-  while (start <= query.size()) {
-    size_t end = query.find('&', start);
-    if (end == std::string_view::npos) end = query.size();
-    std::string_view piece = query.substr(start, end - start);
-    size_t eq = piece.find('=');
-    if (eq == std::string_view::npos) {
-      pairs.emplace_back(decode(piece), "");
-    } else {
-      pairs.emplace_back(decode(piece.substr(0, eq)), decode(piece.substr(eq + 1)));
-    }
-    start = end + 1;
-  }
-  return pairs;
-}
 
 // The query exactly as it appears in the URL text.
 std::string rawQuery(const std::string& url) {
@@ -73,7 +40,8 @@ TEST(URLComponentsTest, QueryItemsSurviveAnIndependentFormDecoder) {
   url->setQueryItems(kAwkwardItems);
   const std::string text = url->string();
 
-  auto decoded = formDecode(rawQuery(text));
+  // Read as a collecting server reads it, independently of the library.
+  auto decoded = tools::formDecodeQuery(rawQuery(text));
   ASSERT_EQ(decoded.size(), kAwkwardItems.size()) << text;
   for (size_t i = 0; i < decoded.size(); ++i) {
     EXPECT_EQ(decoded[i].first, kAwkwardItems[i].name) << i;

@@ -12,11 +12,13 @@
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include "support/TestEnv.h"
+#include "support/WireText.h"
 
 namespace korvel {
 namespace {
 
 using Items = std::vector<std::pair<std::string, std::string>>;
+using testing::params;
 
 class BeaconReporterTest : public testing::BeaconTest {};
 
@@ -77,7 +79,7 @@ TEST_F(BeaconReporterTest, ServerProvidedParametersOverrideTypedOnes) {
   auto parameters = onlySent().parameters();
   std::sort(parameters.begin(), parameters.end());
   EXPECT_EQ(parameters,
-            (Items{{"cohort", "b"}, {"rank", "3"}, {"screenname", "server"}, {"tagid", "tag-1"}}));
+            params("cohort=b&rank=3&screenname=server&tagid=tag-1"));
 }
 
 TEST_F(BeaconReporterTest, OneEntrySurvivesForAKeyHeldByTwoCases) {

@@ -555,31 +555,6 @@ void expectSameContent(const ReportingParameters& set, const KVRParameters& dict
   }
 }
 
-TEST_F(TaggingReporterTest, OnlyHeadphonesAndSampleRate) {
-  KVRTagDetails d;
-  d.headphonesConnected = 1;
-  d.sampleRate = 44100;
-
-  const auto set = KVRTaggingReporter::reportingParameters(&d);
-  const ReportingParameters expected = {
-      ReportingParameter::headphonesConnected(1),
-      ReportingParameter::sampleRate(44100),
-      ReportingParameter::currentOrientation("unknown"),
-  };
-  EXPECT_EQ(set, expected);
-  expectSameContent(set, KVRTaggingReporter::reportingParametersForTagDetails(&d));
-
-  KVRInitialOrientation::setInitialOrientation(DeviceOrientation::FaceDown);
-  const auto withInitial = KVRTaggingReporter::reportingParameters(&d);
-  EXPECT_EQ(withInitial.size(), 4u);
-  EXPECT_EQ(withInitial.count(ReportingParameter::initialOrientation("facedown")), 1u);
-
-  const auto dictionary = KVRTaggingReporter::reportingParametersForTagDetails(&d);
-  EXPECT_EQ(dictionary.find("headphones")->kind(), KVRValue::Kind::Int);
-  EXPECT_EQ(dictionary.find("samplerate")->kind(), KVRValue::Kind::Double);
-  expectSameContent(withInitial, dictionary);
-}
-
 TEST_F(TaggingReporterTest, TypedSetAndDictionariesAgreeForEveryField) {
   KVRInitialOrientation::setInitialOrientation(DeviceOrientation::Portrait);
   env_.setDeviceOrientation(DeviceOrientation::FaceUp);
