@@ -21,6 +21,7 @@
 #include <mutex>
 #include <thread>
 
+#include <korvel/foundation/URLComponents.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 
@@ -169,20 +170,11 @@ std::string fileNameParameter(std::string_view parameter, std::string_view fileN
   }
   if (plain) return std::string(parameter) + "=\"" + std::string(fileName) + "\"";
   // RFC 2231 / 5987: attr-char stays, everything else is %XX.
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out = std::string(parameter) + "*=UTF-8''";
-  for (const char ch : fileName) {
-    const auto c = static_cast<unsigned char>(ch);
-    if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-        std::strchr("!#$&+-.^_`|~", c) != nullptr) {
-      out += ch;
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 0xF];
-    }
-  }
-  return out;
+  const auto isAttrChar = [](unsigned char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+           (c != 0 && std::strchr("!#$&+-.^_`|~", c) != nullptr);
+  };
+  return std::string(parameter) + "*=UTF-8''" + platform::percentEncode(fileName, isAttrChar);
 }
 
 std::string rfc5322Date(double secondsSince1970) {
