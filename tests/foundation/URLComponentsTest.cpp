@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include <optional>
 #include <utility>
 
 #include "collector/FormDecoding.h"
@@ -142,12 +143,11 @@ TEST(URLComponentsTest, AuthorityPartsArePreserved) {
   EXPECT_EQ(v6->port(), 8080);
 }
 
-TEST(URLComponentsTest, InvalidCharactersAreEncoded) {
-  struct Case {
-    const char* in;
-    const char* out;
-  };
-  const Case cases[] = {
+// Text in, the URL's text out: characters that may not stand raw are
+// encoded, valid URLs come back unchanged, and text that is not an absolute
+// URL gives nothing.
+TEST(URLComponentsTest, ParseThenPrint) {
+  const std::pair<const char*, std::optional<std::string>> cases[] = {
       {"http://h/a b", "http://h/a%20b"},
       {"http://h/a%2Cb%", "http://h/a%2Cb%25"},
       {"http://h/%zz%4", "http://h/%25zz%254"},
@@ -156,37 +156,21 @@ TEST(URLComponentsTest, InvalidCharactersAreEncoded) {
       {"http://h/p?a=\n", "http://h/p?a=%0A"},
       {"http://h/p#a b#c", "http://h/p#a%20b%23c"},
   };
-  for (const auto& c : cases) {
-    auto url = URLComponents::parse(c.in);
-    ASSERT_TRUE(url) << c.in;
-    EXPECT_EQ(url->string(), c.out) << c.in;
+  for (const auto& [in, out] : cases) {
+    auto url = URLComponents::parse(in);
+    EXPECT_EQ(url ? std::optional(url->string()) : std::nullopt, out) << in;
   }
-}
-
-TEST(URLComponentsTest, ValidURLsRoundTripUnchanged) {
-  const char* urls[] = {
-      "https://b.example.com/b/I/1.0/iPhone14%2C2?x=1",
-      "http://example.com",
-      "http://example.com/",
-      "https://u@h:1/p/q;r=s?a=1&b&c=#f",
-      "http://h/p?a=b?c/d",
-      "ftp://h/%7E/~user/!$&'()*+,;=:@",
-      "http://[fe80::1]/",
-  };
-  for (const char* text : urls) {
+  for (const char* text : {"https://b.example.com/b/I/1.0/iPhone14%2C2?x=1", "http://example.com",
+                           "http://example.com/", "https://u@h:1/p/q;r=s?a=1&b&c=#f",
+                           "http://h/p?a=b?c/d", "ftp://h/%7E/~user/!$&'()*+,;=:@",
+                           "http://[fe80::1]/"}) {
     auto url = URLComponents::parse(text);
-    ASSERT_TRUE(url) << text;
-    EXPECT_EQ(url->string(), text);
+    EXPECT_EQ(url ? std::optional(url->string()) : std::nullopt, text);
   }
-}
-
-TEST(URLComponentsTest, RejectsTextThatIsNotAnAbsoluteURL) {
-  const char* bad[] = {
-      "", "not a url", "/relative/path", "mailto:x", "http:/one-slash", "://h/p",
-      "1http://h", "ht tp://h", "http://h:port/", "http://h:99999/", "http://h:-1/",
-      "http://[::1/", "http://[::1]x/", "http://ho st/", "http://h\x01/",
-  };
-  for (const char* text : bad) {
+  for (const char* text : {"", "not a url", "/relative/path", "mailto:x", "http:/one-slash",
+                           "://h/p", "1http://h", "ht tp://h", "http://h:port/", "http://h:99999/",
+                           "http://h:-1/", "http://[::1/", "http://[::1]x/", "http://ho st/",
+                           "http://h\x01/"}) {
     EXPECT_FALSE(URLComponents::parse(text)) << text;
   }
 }
