@@ -19,29 +19,6 @@ namespace {
 
 using testing::TestEnv;
 
-TEST(KVRReportingUtilitiesTest, TaggingOutcomeWords) {
-  struct Case {
-    uint64_t outcome;
-    const char* word;
-  };
-  const std::vector<Case> cases = {
-      {0, "match"},
-      {1, "nomatch"},
-      {2, "error"},
-      {3, "canceled"},
-      // "background" sits after "canceled" in the word list but is out of
-      // reach: everything above 3 is unknown.
-      {4, "unknown"},
-      {5, "unknown"},
-      {uint64_t{1} << 32, "unknown"},
-      {std::numeric_limits<uint64_t>::max(), "unknown"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(KVRReportingUtilities::taggingOutcomeStringForTaggingOutcome(c.outcome), c.word)
-        << c.outcome;
-  }
-}
-
 TEST(KVRReportingUtilitiesTest, BeaconTimeStringsAreWholeMilliseconds) {
   struct Case {
     double seconds;

@@ -16,11 +16,13 @@
 #include <korvel/pageviews/PageViewBeaconReporter.h>
 #include <korvel/pageviews/PageViewManager.h>
 #include "support/TestEnv.h"
+#include "support/WireText.h"
 
 namespace korvel {
 namespace {
 
 using Items = std::vector<std::pair<std::string, std::string>>;
+using testing::params;
 
 class BeaconReporterTest : public testing::BeaconTest {};
 
@@ -81,7 +83,7 @@ TEST_F(BeaconReporterTest, ServerProvidedParametersOverrideTypedOnes) {
   auto parameters = onlySent().parameters();
   std::sort(parameters.begin(), parameters.end());
   EXPECT_EQ(parameters,
-            (Items{{"cohort", "b"}, {"rank", "3"}, {"screenname", "server"}, {"tagid", "tag-1"}}));
+            params("cohort=b&rank=3&screenname=server&tagid=tag-1"));
 }
 
 TEST_F(BeaconReporterTest, OneEntrySurvivesForAKeyHeldByTwoCases) {

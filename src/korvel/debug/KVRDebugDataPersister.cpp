@@ -7,6 +7,7 @@
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 #include <korvel/debug/WaveWriter.h>
+#include <korvel/foundation/URLComponents.h>
 #include <korvel/reporters/KVRTaggingReporter.h>
 
 namespace korvel {
@@ -26,23 +27,6 @@ Mutex& writeMutex() {
 bool isSafeByte(unsigned char c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
          c == '_' || c == '-';
-}
-
-std::string percentEncode(std::string_view text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(text.size());
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (isSafeByte(c)) {
-      out += ch;
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 0xF];
-    }
-  }
-  return out;
 }
 
 std::filesystem::path expandTilde(const std::string& path) {
@@ -75,7 +59,7 @@ std::optional<std::string> KVRDebugDataPersister::safePathComponent(std::string_
   if (uniqueId.empty() || uniqueId == "." || uniqueId == "..") return std::nullopt;
   // Cheap early refusal before encoding a huge identifier.
   if (uniqueId.size() > kMaxFileNameBytes) return std::nullopt;
-  std::string encoded = percentEncode(uniqueId);
+  std::string encoded = platform::percentEncode(uniqueId, isSafeByte);
   if (encoded.size() > kMaxFileNameBytes) return std::nullopt;
   return encoded;
 }
@@ -90,7 +74,7 @@ std::optional<std::filesystem::path> KVRDebugDataPersister::debugFilePathForUniq
     std::string_view uniqueId, std::string_view extension) {
   auto folder = safePathComponent(uniqueId);
   if (!folder) return std::nullopt;
-  std::string fileName = *folder + "-" + percentEncode(extension);
+  std::string fileName = *folder + "-" + platform::percentEncode(extension, isSafeByte);
   if (fileName.size() > kMaxFileNameBytes) return std::nullopt;
   auto root = debugDirectory();
   if (!root) return std::nullopt;

@@ -10,9 +10,9 @@
 #include <unicode/bytestream.h>
 #include <unicode/normalizer2.h>
 #include <unicode/stringpiece.h>
-#include <unicode/utf8.h>
 
 #include <korvel/beacon/KVRConstants.h>
+#include <korvel/foundation/UTF8.h>
 
 namespace korvel {
 
@@ -33,18 +33,6 @@ constexpr const char* kPayloadKey = "_0";
 bool isASCII(std::string_view text) {
   for (unsigned char c : text) {
     if (c >= 0x80) return false;
-  }
-  return true;
-}
-
-bool isWellFormedUTF8(std::string_view text) {
-  const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
-  const int32_t length = static_cast<int32_t>(text.size());
-  int32_t i = 0;
-  while (i < length) {
-    UChar32 c;
-    U8_NEXT(bytes, i, length, c);
-    if (c < 0) return false;
   }
   return true;
 }
@@ -197,7 +185,7 @@ struct EncodingPath {
 const EncodingPath kRootPath{nullptr, {}};
 
 const std::string& encodableText(const std::string& text, const EncodingPath& at) {
-  if (!isASCII(text) && (!fitsICU(text) || !isWellFormedUTF8(text))) {
+  if (!isASCII(text) && (!fitsICU(text) || !platform::isWellFormedUTF8(text))) {
     throw ReportingEncodingError(at.components(),
                                  "Unable to encode text that is not valid UTF-8 in JSON.");
   }
@@ -297,7 +285,7 @@ ReportingEncodingError::ReportingEncodingError(std::vector<std::string> codingPa
       description_(std::move(description)) {}
 
 std::string canonicalDecomposition(const std::string& text) {
-  if (isASCII(text) || !fitsICU(text) || !isWellFormedUTF8(text)) return text;
+  if (isASCII(text) || !fitsICU(text) || !platform::isWellFormedUTF8(text)) return text;
   const icu::Normalizer2* nfd = nfdNormalizer();
   if (nfd == nullptr) return text;
 

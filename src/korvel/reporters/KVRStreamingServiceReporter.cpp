@@ -6,6 +6,7 @@
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNError.h>
+#include <korvel/foundation/UTF8.h>
 #include <korvel/reporters/internal/KVRReporterSupport.h>
 #include <korvel/reporters/KVRTaggingReporter.h>
 
@@ -108,37 +109,6 @@ constexpr std::string_view kLoginUpsellActions[] = {"cancel", "spotify"};
 constexpr std::string_view kPreviewUpsellActions[] = {"continue", "cancel"};
 constexpr std::string_view kPreviewUpsellPrivacyActions[] = {"continue_privacy", "cancel_privacy"};
 
-// The byte length of the well-formed UTF-8 sequence starting at text[i], or
-// 0 when the bytes there are not one (stray continuation byte, overlong
-// form, encoded surrogate, beyond U+10FFFF, or cut short by the end).
-size_t wellFormedSequenceLength(std::string_view text, size_t i) {
-  const auto at = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
-  const unsigned char lead = at(i);
-  if (lead < 0x80) return 1;
-  size_t length = 0;
-  unsigned char low = 0x80;
-  unsigned char high = 0xBF;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-    if (lead == 0xE0) low = 0xA0;   // overlong
-    if (lead == 0xED) high = 0x9F;  // surrogates
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    if (lead == 0xF0) low = 0x90;   // overlong
-    if (lead == 0xF4) high = 0x8F;  // beyond U+10FFFF
-  } else {
-    return 0;
-  }
-  if (text.size() - i < length) return 0;
-  if (at(i + 1) < low || at(i + 1) > high) return 0;
-  for (size_t k = 2; k < length; ++k) {
-    if ((at(i + k) & 0xC0) != 0x80) return 0;
-  }
-  return length;
-}
-
 // The longest prefix of text that is at most maxUnits UTF-16 code units
 // long. A character outside the Basic Multilingual Plane (four UTF-8 bytes)
 // is a surrogate pair, two units; when the limit falls between the two
@@ -151,16 +121,15 @@ std::string prefixOfUTF16Length(std::string_view text, size_t maxUnits) {
   std::string prefix;
   size_t units = 0;
   for (size_t i = 0; i < text.size();) {
-    const size_t length = wellFormedSequenceLength(text, i);
-    const size_t cost = length == 4 ? 2 : 1;
+    const auto character = platform::utf8CharacterAt(text, i);
+    const size_t cost = character.codePoint > 0xFFFF ? 2 : 1;
     if (units + cost > maxUnits) break;
-    if (length == 0) {
-      prefix += kReplacementCharacter;
-      i += 1;
+    if (character.wellFormed) {
+      prefix.append(text.substr(i, character.length));
     } else {
-      prefix.append(text.substr(i, length));
-      i += length;
+      prefix += kReplacementCharacter;
     }
+    i += character.length;
     units += cost;
   }
   return prefix;
