@@ -141,12 +141,12 @@ std::optional<fs::path> Reporting::dataDirectory() {
 
 namespace {
 
-// While the user is opted out the executor is held and kept beacons never
-// drain: the flush only looks, it does not wait.
+// While the user is opted out the executor is held: a flush answers false at
+// once when kept beacons wait, and still waits for the store's last sync.
 bool flushExecutor(std::chrono::milliseconds deadline) {
   auto executor = KVRBeacon::existingBackgroundSession();
   if (!executor) return true;
-  return executor->flush(state().optedOut.load() ? std::chrono::milliseconds(0) : deadline);
+  return executor->flush(deadline);
 }
 
 }  // namespace

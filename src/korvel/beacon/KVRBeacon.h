@@ -1,6 +1,11 @@
 // The single door through which every report leaves the process: builds the
 // beacon record, hands it to the background executor as one HTTP GET whose
 // whole content is in the URL, and announces the submission.
+//
+// Any thread may send. The send functions never throw: a failure inside
+// the library (out of memory, an executor factory answering null) is logged
+// on the "Reporting" category and the call returns no uuid. The executor is
+// shared by every sender and lives until replaced.
 #pragma once
 
 #include <korvel/export.h>
@@ -24,20 +29,23 @@ class KORVEL_EXPORT KVRBeacon {
   // type. The uuid is returned also when beacons are off (empty endpoint) and
   // nothing was sent. While reporting is not allowed (see
   // setReportingAllowed) no record is made, nothing is sent and the result
-  // is nothing.
+  // is nothing. Nothing either when the beacon could not be built or queued;
+  // an observer of the submission that throws is logged and does not change
+  // the answer.
   static std::optional<std::string> sendBeaconOfType(KVRBeaconType type,
-                                                     const KVRParameters& parameters);
+                                                     const KVRParameters& parameters) noexcept;
   static std::optional<std::string> sendBeaconOfType(KVRBeaconType type,
                                                      const KVRParameters& parameters,
-                                                     std::optional<std::string> event);
+                                                     std::optional<std::string> event) noexcept;
 
-  // The record a send would make, without sending it.
+  // The record a send would make, without sending it; null for an unknown
+  // type or when it could not be built.
   static KVRTaskPtr taskOfType(KVRBeaconType type, const KVRParameters& parameters,
-                               std::optional<std::string> event);
+                               std::optional<std::string> event) noexcept;
 
   // Queues a GET for the record on the background executor (nothing while
   // reporting is not allowed).
-  static void sendBeacon(const KVRTaskPtr& task, KVRBeaconType type);
+  static void sendBeacon(const KVRTaskPtr& task, KVRBeaconType type) noexcept;
 
   // The shared executor, made on first use by the Env for the session
   // identifier "<bundle identifier>.backgroundBeacons".

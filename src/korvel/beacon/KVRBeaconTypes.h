@@ -206,11 +206,11 @@ class KORVEL_EXPORT KVRBeaconFactory {
   KVRBeaconFactory() = delete;
 
   // A record of the type's class, or null for a type outside 1...20.
-  static KVRTaskPtr beaconForType(KVRBeaconType type, const KVRParameters& parameters);
+  static KVRTaskPtr beaconForType(KVRBeaconType type, const KVRParameters& parameters) noexcept;
   // The same, then the event set (it shows only on web-initiated beacons;
   // the other classes' constant event hides it).
   static KVRTaskPtr beaconForType(KVRBeaconType type, const KVRParameters& parameters,
-                                  std::optional<std::string> event);
+                                  std::optional<std::string> event) noexcept;
 
   // A record of the class stored in an archive, made with the plain
   // initialiser; null for an unknown class name.

@@ -85,7 +85,10 @@ class KORVEL_EXPORT KVRUserSession {
   static void startSession();
   static void endSession();
   static void resetSession();
+  // startSession().
   static void applicationWillEnterForeground();
+  // endSession() when a session is running (started and not yet ended); a
+  // repeated background is ignored.
   static void applicationEnteredBackground();
 
   static std::optional<std::string> sessionID();

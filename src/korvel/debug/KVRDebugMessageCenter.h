@@ -35,10 +35,10 @@
 #include <korvel/export.h>
 
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/NotificationCenter.h>
 
 namespace korvel {
@@ -128,12 +128,12 @@ class KORVEL_EXPORT KVRDebugMessageCenter : public std::enable_shared_from_this<
   void placeWaitingView();
   void removeWaitingView();
 
-  mutable std::mutex mutex_;
-  bool isDebugging_ = false;
-  bool isShowingTagResult_ = false;
-  std::shared_ptr<const KVRTagResultInfo> tagResult_;
-  std::shared_ptr<KVRDebugLogsDataProvider> dataProvider_;
-  std::vector<platform::ObserverRegistration> observers_;
+  mutable Mutex mutex_;
+  bool isDebugging_ KORVEL_GUARDED_BY(mutex_) = false;
+  bool isShowingTagResult_ KORVEL_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<const KVRTagResultInfo> tagResult_ KORVEL_GUARDED_BY(mutex_);
+  std::shared_ptr<KVRDebugLogsDataProvider> dataProvider_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<platform::ObserverRegistration> observers_ KORVEL_GUARDED_BY(mutex_);
 
   std::unique_ptr<KVRWaitingForConfigDetector> detector_;
 

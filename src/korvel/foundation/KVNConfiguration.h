@@ -13,11 +13,11 @@
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include <korvel/foundation/KVRParameters.h>
+#include <korvel/foundation/Mutex.h>
 #include <korvel/foundation/SharedSlot.h>
 
 namespace korvel {
@@ -60,9 +60,9 @@ class KORVEL_EXPORT KVNConfiguration {
   }
 
   // Applies edit to a copy of the current snapshot and publishes the result.
-  void update(const std::function<void(Snapshot&)>& edit);
+  void update(const std::function<void(Snapshot&)>& edit) KORVEL_EXCLUDES(writeMutex_);
   // Replaces the whole configuration.
-  void replace(Snapshot snapshot);
+  void replace(Snapshot snapshot) KORVEL_EXCLUDES(writeMutex_);
 
   void setInid(std::optional<std::string> inid);
   void setConfigured(bool configured);
@@ -87,7 +87,9 @@ class KORVEL_EXPORT KVNConfiguration {
   KVNConfiguration();
 
  private:
-  std::mutex writeMutex_;
+  // Serialises writers: each edit starts from the snapshot the previous one
+  // published.
+  Mutex writeMutex_;
   platform::SharedSlot<const Snapshot> snapshot_;
 };
 

@@ -113,11 +113,14 @@ class KORVEL_EXPORT KVNNetworkBackgroundRequestExecutor {
   // The identifier given at construction ("<bundle id>.backgroundBeacons").
   virtual const std::string& backgroundSessionIdentifier() const = 0;
 
-  // Queues the request; returns at once. Safe from any thread.
-  virtual void executeRequest(KVNNetworkRequest request) = 0;
+  // Queues the request; returns at once. Safe from any thread. Never
+  // throws: it is on the path of every report call, so an executor that
+  // cannot queue a request (out of memory) logs and drops it.
+  virtual void executeRequest(KVNNetworkRequest request) noexcept = 0;
 
   // Waits until every queued request has been delivered or given up, or the
-  // deadline passes; true when nothing is left pending.
+  // deadline passes; true when nothing is left pending. While paused it does
+  // not wait for held requests: false at once when any is queued.
   virtual bool flush(std::chrono::milliseconds deadline) = 0;
 
   // Holds every request (paused) or lets them go again; queued requests

@@ -59,6 +59,8 @@ class KORVEL_EXPORT URLComponents {
   std::optional<std::string> fragment_;
 };
 
+// Percent-encodes (%XX, upper-case hex) every byte that keep() does not keep.
+std::string percentEncode(std::string_view text, bool (*keep)(unsigned char));
 // Percent-encodes every byte outside the unreserved set (RFC 3986 2.3).
 KORVEL_EXPORT std::string percentEncodeQueryComponent(std::string_view text);
 // Decodes %XX escapes (malformed escapes are kept as they are). "+" is left

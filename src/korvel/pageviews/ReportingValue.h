@@ -46,6 +46,20 @@ class KORVEL_EXPORT ReportingDecodingError : public std::runtime_error {
   std::string description_;
 };
 
+// An encoding failure: a value that JSON cannot hold (a NaN or infinite
+// double, text that is not well-formed UTF-8), with the coding path where it
+// sits (as for ReportingDecodingError).
+class ReportingEncodingError : public std::runtime_error {
+ public:
+  ReportingEncodingError(std::vector<std::string> codingPath, std::string description);
+  const std::vector<std::string>& codingPath() const { return codingPath_; }
+  const std::string& description() const { return description_; }
+
+ private:
+  std::vector<std::string> codingPath_;
+  std::string description_;
+};
+
 // A tagged value with exactly four cases, in this order (the order is the
 // case index fed first into the hash).
 class KORVEL_EXPORT ReportingValue {
@@ -68,6 +82,8 @@ class KORVEL_EXPORT ReportingValue {
   friend bool operator==(const ReportingValue& a, const ReportingValue& b);
   size_t hash() const;
 
+  // Throws ReportingEncodingError for a double that is not finite or text
+  // that is not UTF-8; so do the other types' encoders.
   nlohmann::json toJSON() const;
   // Throws ReportingDecodingError.
   static ReportingValue fromJSON(const nlohmann::json& json,
@@ -149,6 +165,8 @@ struct KORVEL_EXPORT PageView {
   ReportingParameters reportingParameters;
 
   friend bool operator==(const PageView& a, const PageView& b);
+  // Agrees with ==: the parameters count whatever order the set holds them in.
+  size_t hash() const;
 
   nlohmann::json toJSON() const;
   static PageView fromJSON(const nlohmann::json& json, std::vector<std::string> codingPath = {});
@@ -172,6 +190,14 @@ struct std::hash<korvel::ReportingValue> {
   size_t operator()(const korvel::ReportingValue& v) const { return v.hash(); }
 };
 template <>
+struct std::hash<korvel::ReportingParameter> {
+  size_t operator()(const korvel::ReportingParameter& v) const { return v.hash(); }
+};
+template <>
 struct std::hash<korvel::PageName> {
   size_t operator()(const korvel::PageName& v) const { return v.hash(); }
+};
+template <>
+struct std::hash<korvel::PageView> {
+  size_t operator()(const korvel::PageView& v) const { return v.hash(); }
 };

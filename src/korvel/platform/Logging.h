@@ -4,9 +4,10 @@
 
 #include <korvel/export.h>
 
-#include <mutex>
 #include <string>
 #include <string_view>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -31,7 +32,8 @@ class KORVEL_EXPORT LogSink {
 //   [subsystem:category] level: message
 // Records below the minimum level are dropped; the minimum comes from the
 // KORVEL_LOG_LEVEL environment variable (debug, info, default, error, fault;
-// "default" when unset).
+// "default" when unset). Any thread may write; the Env that made the sink
+// owns it.
 class KORVEL_EXPORT StderrLogSink : public LogSink {
  public:
   StderrLogSink();
@@ -39,7 +41,8 @@ class KORVEL_EXPORT StderrLogSink : public LogSink {
 
  private:
   LogLevel minimum_;
-  std::mutex mutex_;
+  // Keeps the lines of concurrent writers whole.
+  Mutex mutex_;
 };
 
 // A logger bound to one subsystem and category.

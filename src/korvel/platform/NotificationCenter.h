@@ -16,11 +16,11 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/foundation/SharedSlot.h>
 
 namespace korvel::platform {
@@ -55,9 +55,11 @@ class KORVEL_EXPORT NotificationCenter {
   struct Observer;
   using Snapshot = std::vector<std::shared_ptr<Observer>>;
 
-  mutable std::mutex writeMutex_;
+  // Serialises changes to the observer list; readers load the snapshot
+  // without it.
+  mutable Mutex writeMutex_;
   SharedSlot<const Snapshot> observers_;
-  ObserverToken nextToken_ = 1;
+  ObserverToken nextToken_ KORVEL_GUARDED_BY(writeMutex_) = 1;
 };
 
 // Removes its observer when destroyed; movable.

@@ -18,10 +18,11 @@ class KORVEL_EXPORT KVRAccountsReporter {
  public:
   KVRAccountsReporter() = delete;
 
-  static void reportSuccessfulAccountMigrationImpressionForAccount(KVRAccountsProvider account);
+  static void reportSuccessfulAccountMigrationImpressionForAccount(
+      KVRAccountsProvider account) noexcept;
   // The error's description goes along when there is one.
   static void reportFailedAccountMigrationImpressionForAccount(KVRAccountsProvider account,
-                                                               const KVNError* withError);
+                                                               const KVNError* withError) noexcept;
 
   // 1 "spotify", anything else "applemusic".
   static std::string accountsProviderStringFromAccountsProvider(KVRAccountsProvider provider);

@@ -29,18 +29,19 @@ class KORVEL_EXPORT KVRArtistPageReporter {
   KVRArtistPageReporter() = delete;
 
   static void reportNavigationToAboutModalFromAboutArtistSectionForArtistID(
-      const std::optional<std::string>& artistID);
-  static void reportNavigationToTrackPageFromOrigin(KVRArtistPageOrigin origin,
-                                                    const std::optional<std::string>& artistID);
-  static void reportNavigationToArtistPageFromOrigin(KVRArtistPageOrigin origin,
-                                                     const std::optional<std::string>& artistID);
+      const std::optional<std::string>& artistID) noexcept;
+  static void reportNavigationToTrackPageFromOrigin(
+      KVRArtistPageOrigin origin, const std::optional<std::string>& artistID) noexcept;
+  static void reportNavigationToArtistPageFromOrigin(
+      KVRArtistPageOrigin origin, const std::optional<std::string>& artistID) noexcept;
   static std::optional<std::string> reportOpenAppForStreamingServiceProvider(
       KVRStreamingServiceProvider provider, const std::optional<std::string>& artistID,
-      KVRArtistPageOrigin origin);
+      KVRArtistPageOrigin origin) noexcept;
   // Forwards to the streaming service reporter's playback beacon.
   static void reportPlaybackForArtistID(
       const std::optional<std::string>& artistID,
-      const std::optional<std::string>& streamingServiceIdentifier, KVRArtistPageOrigin origin);
+      const std::optional<std::string>& streamingServiceIdentifier,
+      KVRArtistPageOrigin origin) noexcept;
 
   static std::string originStringForOrigin(KVRArtistPageOrigin origin);
 };

@@ -19,16 +19,17 @@ class KORVEL_EXPORT KVRIMessageReporter {
  public:
   KVRIMessageReporter() = delete;
 
-  static void reportIMessageOpened();
-  static void reportIMessageExpandedForTrackID(const std::optional<std::string>& trackID);
-  static void reportIMessageWillSendMessageForTrackID(const std::optional<std::string>& trackID);
-  static void reportIMessageWillSendMessageFromOrigin(KVRIMessageOrigin origin,
-                                                      const std::optional<std::string>& forTrackID);
+  static void reportIMessageOpened() noexcept;
+  static void reportIMessageExpandedForTrackID(const std::optional<std::string>& trackID) noexcept;
+  static void reportIMessageWillSendMessageForTrackID(
+      const std::optional<std::string>& trackID) noexcept;
+  static void reportIMessageWillSendMessageFromOrigin(
+      KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) noexcept;
   // Playing always starts from a tag in a message.
-  static void reportIMessageTapPlayWithTrackID(const std::optional<std::string>& trackID);
+  static void reportIMessageTapPlayWithTrackID(const std::optional<std::string>& trackID) noexcept;
   // The beacon's uuid.
   static std::optional<std::string> reportIMessageOpenAppleMusicTappedFromOrigin(
-      KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID);
+      KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) noexcept;
 
   // 1 "imessage_mykorvel", 2 "imessagetag", anything else "manual".
   static std::string imessageOriginStringForIMessageOrigin(KVRIMessageOrigin origin);

@@ -29,19 +29,19 @@ class KORVEL_EXPORT KVRLibraryReporter {
   KVRLibraryReporter() = delete;
 
   static void reportLibraryImpressionOfType(KVRLibraryCardType type,
-                                            const KVRTagDetails* tagDetails);
+                                            const KVRTagDetails* tagDetails) noexcept;
   static void reportOpenedTrack(const KVRTagDetails* tagDetails,
                                 const std::optional<KVRValue>& cardPosition,
-                                KVRLibraryCardType cardType);
+                                KVRLibraryCardType cardType) noexcept;
   // Goes out as the common playback beacon of the streaming service.
   static void reportPlayTrack(const KVRTagDetails* tagDetails,
                               const std::optional<std::string>& withStreamingServiceIdentifier,
-                              const std::optional<KVRValue>& cardPosition);
+                              const std::optional<KVRValue>& cardPosition) noexcept;
   static void reportTappedSeeAllForType(KVRLibraryCardType type,
-                                        const std::optional<std::string>& origin);
-  static void reportOpenedUpsellCard();
-  static void reportSearchTapped();
-  static void reportKorvelButtonTapped();
+                                        const std::optional<std::string>& origin) noexcept;
+  static void reportOpenedUpsellCard() noexcept;
+  static void reportSearchTapped() noexcept;
+  static void reportKorvelButtonTapped() noexcept;
 
   // The card type's word; unknown types read as the history card.
   static std::string reportingStringForType(KVRLibraryCardType type);

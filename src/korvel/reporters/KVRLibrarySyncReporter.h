@@ -22,8 +22,8 @@ class KORVEL_EXPORT KVRLibrarySyncReporter {
  public:
   KVRLibrarySyncReporter() = delete;
 
-  static void reportUserAuthorizedSyncWithOrigin(KVRLibrarySyncAuthorizationOrigin origin);
-  static void reportSyncStatusPrivacyTappedWithOrigin(KVRLibrarySyncStatusValue status);
+  static void reportUserAuthorizedSyncWithOrigin(KVRLibrarySyncAuthorizationOrigin origin) noexcept;
+  static void reportSyncStatusPrivacyTappedWithOrigin(KVRLibrarySyncStatusValue status) noexcept;
 
   // The status word, for the app to use as a provider name.
   static std::string providerStringForSettingsLibrarySyncStatus(KVRLibrarySyncStatusValue status);

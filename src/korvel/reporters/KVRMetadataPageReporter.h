@@ -10,16 +10,16 @@ class KORVEL_EXPORT KVRMetadataPageReporter {
  public:
   KVRMetadataPageReporter() = delete;
 
-  static void reportHighlightsNavigationFromHighlightsCard();
-  static void reportArtistBioNavigationFromArtistCard();
-  static void reportArtistPageNavigationFromArtistCard();
-  static void reportTrackImageNavigationFromTrackCard();
-  static void reportArtistImageNavigationFromArtistCard();
+  static void reportHighlightsNavigationFromHighlightsCard() noexcept;
+  static void reportArtistBioNavigationFromArtistCard() noexcept;
+  static void reportArtistPageNavigationFromArtistCard() noexcept;
+  static void reportTrackImageNavigationFromTrackCard() noexcept;
+  static void reportArtistImageNavigationFromArtistCard() noexcept;
 
   // Impressions name the card under "providername".
-  static void reportImpressionForHighlightsCard();
-  static void reportImpressionForTrackCard();
-  static void reportImpressionForArtistCard();
+  static void reportImpressionForHighlightsCard() noexcept;
+  static void reportImpressionForTrackCard() noexcept;
+  static void reportImpressionForArtistCard() noexcept;
 };
 
 }  // namespace korvel

@@ -19,14 +19,14 @@ class KORVEL_EXPORT KVRPlayerReporter {
  public:
   KVRPlayerReporter() = delete;
 
-  static void reportNavigationToArtistPage();
+  static void reportNavigationToArtistPage() noexcept;
   static void reportUserTappedOnTrackInPlayerTracklistWithTagDetails(
       const KVRTagDetails* tagDetails,
-      const std::optional<std::string>& streamingServiceProviderName);
+      const std::optional<std::string>& streamingServiceProviderName) noexcept;
   static void reportUserTappedSavePlaylistWithStreamingServiceProviderName(
-      const std::optional<std::string>& providerName);
+      const std::optional<std::string>& providerName) noexcept;
   // Reported as the app-wide scroll event.
-  static void reportUserScrolledToBottomOfTracklist();
+  static void reportUserScrolledToBottomOfTracklist() noexcept;
 
   // Always "playlist".
   static std::string playerContentTypeStringFromPlayerContentType(KVRPlayerContentType type);

@@ -13,7 +13,8 @@ class KORVEL_EXPORT KVRPrivacyConsentReporter {
   KVRPrivacyConsentReporter() = delete;
 
   // The time of consent goes out in seconds since 1970, fraction kept.
-  static void reportChinaPIPLPrivacyConsentGrantedAtTimestamp(KVRDate timestamp, bool isNewUser);
+  static void reportChinaPIPLPrivacyConsentGrantedAtTimestamp(KVRDate timestamp,
+                                                              bool isNewUser) noexcept;
 };
 
 }  // namespace korvel

@@ -25,8 +25,8 @@ class KORVEL_EXPORT KVRPromptReporter {
  public:
   KVRPromptReporter() = delete;
 
-  static void reportImpressionForPromptType(KVRPromptType promptType);
-  static void reportAction(KVRPromptAction action, KVRPromptType forPromptType);
+  static void reportImpressionForPromptType(KVRPromptType promptType) noexcept;
+  static void reportAction(KVRPromptAction action, KVRPromptType forPromptType) noexcept;
 
   // 1 to 4 have words; 0 and anything else is "calendar_permissions".
   static std::string promptTypeStringForPromptType(KVRPromptType promptType);

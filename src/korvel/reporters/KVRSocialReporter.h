@@ -18,10 +18,10 @@ class KORVEL_EXPORT KVRSocialReporter {
  public:
   KVRSocialReporter() = delete;
 
-  static void reportTookScreenshot();
-  static void reportMyKorvelScreenshotEducationSeen();
-  static void reportMyKorvelScreenshotEducationActionTapped();
-  static void reportTappedSocialMediaLink(KVRSocialNetworkType network);
+  static void reportTookScreenshot() noexcept;
+  static void reportMyKorvelScreenshotEducationSeen() noexcept;
+  static void reportMyKorvelScreenshotEducationActionTapped() noexcept;
+  static void reportTappedSocialMediaLink(KVRSocialNetworkType network) noexcept;
 
   // 1 "instagram", 2 "facebook", anything else "twitter".
   static std::string stringForSocialNetworkType(KVRSocialNetworkType network);

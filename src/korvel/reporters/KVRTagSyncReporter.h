@@ -35,7 +35,8 @@ class KORVEL_EXPORT KVRTagSyncReporter {
                                const std::optional<KVRValue>& uploaded,
                                const std::optional<KVRValue>& added,
                                const std::optional<KVRValue>& removed,
-                               const std::optional<KVRValue>& updated, const KVNError* error);
+                               const std::optional<KVRValue>& updated,
+                               const KVNError* error) noexcept;
 
   // The codes of the error and of every error under it, outermost first,
   // joined by ":" (4:-1009); nothing without an error.

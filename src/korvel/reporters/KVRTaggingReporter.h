@@ -128,7 +128,10 @@ class KORVEL_EXPORT KVRTaggingReporter {
  public:
   KVRTaggingReporter() = delete;
 
-  // Session ids are the host's; a missing id is misuse.
+  // Session ids are the host's; a missing id (or ending a session that is
+  // not open) is misuse, raised as KVRAssertionException while the
+  // configuration asks for it. These two are the only report operations that
+  // may throw, and only that; every other failure is logged and swallowed.
   static void reportTaggingSessionStarted(const std::optional<std::string>& sessionID,
                                           KVRTagInitiationOrigin fromOrigin,
                                           const std::optional<std::string>& thirdPartyOrigin,
@@ -137,26 +140,27 @@ class KORVEL_EXPORT KVRTaggingReporter {
                                         const KVRTagDetails* tagDetails,
                                         KVRTaggingOutcome outcome, bool isInBackground,
                                         const KVNError* error);
-  static void reportTag(const KVRTagDetails* tagDetails, KVRTaggingType ofType);
+  static void reportTag(const KVRTagDetails* tagDetails, KVRTaggingType ofType) noexcept;
   static KVRParameters reportingParametersForSuccessfulTagWithTagDetails(
       const KVRTagDetails* tagDetails);
   static void reportTaggingCancelledFromOrigin(KVRCancelTaggingOrigin origin,
-                                               bool isInBackground);
+                                               bool isInBackground) noexcept;
   static void reportTaggingErrorWithTagID(const std::optional<std::string>& tagID,
-                                          const std::optional<int64_t>& code);
+                                          const std::optional<int64_t>& code) noexcept;
   static void reportDeletedTagWithTrackID(const std::optional<std::string>& trackID,
-                                          const std::optional<std::string>& tagOrigin);
-  static void reportMagicTap();
-  static void reportFeatureExtractionEndedWithOutcome(
-      KVRFeatureExtractionOutcome outcome, const KVRFeatureExtractionDetails* details,
-      const std::optional<std::string>& tagID, const KVNError* error);
+                                          const std::optional<std::string>& tagOrigin) noexcept;
+  static void reportMagicTap() noexcept;
+  static void reportFeatureExtractionEndedWithOutcome(KVRFeatureExtractionOutcome outcome,
+                                                      const KVRFeatureExtractionDetails* details,
+                                                      const std::optional<std::string>& tagID,
+                                                      const KVNError* error) noexcept;
   static void reportHardwareConfigurationFailure(
       int64_t reason, const std::optional<std::string>& errorCode,
       const std::optional<std::string>& currentMicrophone,
       const std::optional<std::string>& currentPolarPattern,
       const std::optional<std::string>& targetMicrophone,
       const std::optional<std::string>& targetPolarPattern,
-      const std::optional<std::string>& stereoOrientation);
+      const std::optional<std::string>& stereoOrientation) noexcept;
 
   // The tag's parameters as a plain dictionary (the typed set below, entry
   // for entry); with no tag details, only the orientation entries.

@@ -24,7 +24,7 @@ class KORVEL_EXPORT KVRUserPreferenceReporter {
 
   // The tag's current favourite flag is the new status.
   static void reportUpdatedFavouriteStatusForTag(const KVRTagDetails* tag,
-                                                 KVRFavouriteOrigin fromOrigin);
+                                                 KVRFavouriteOrigin fromOrigin) noexcept;
 };
 
 }  // namespace korvel

@@ -17,7 +17,7 @@ class KORVEL_EXPORT KVRWebReporter {
   // The page's parameters go out as given (a "type" among them wins over
   // "webbeacon"); the event becomes the last component of the beacon's path.
   static void reportWebBeaconWithParameters(const KVRParameters& parameters,
-                                            const std::optional<std::string>& event);
+                                            const std::optional<std::string>& event) noexcept;
 };
 
 }  // namespace korvel

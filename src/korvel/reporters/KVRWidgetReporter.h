@@ -10,7 +10,7 @@ class KORVEL_EXPORT KVRWidgetReporter {
   KVRWidgetReporter() = delete;
 
   // Whether the user has any of the widgets of the iOS 14 generation.
-  static void reportUserHasiOS14Widgets(bool hasWidgets);
+  static void reportUserHasiOS14Widgets(bool hasWidgets) noexcept;
 };
 
 }  // namespace korvel

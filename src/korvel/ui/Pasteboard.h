@@ -11,12 +11,12 @@
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include <korvel/foundation/Data.h>
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -51,9 +51,9 @@ class KORVEL_EXPORT Pasteboard {
   uint64_t changeCount() const;
 
  private:
-  mutable std::mutex mutex_;
-  Item item_;
-  uint64_t changeCount_ = 0;
+  mutable Mutex mutex_;
+  Item item_ KORVEL_GUARDED_BY(mutex_);
+  uint64_t changeCount_ KORVEL_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace korvel::platform

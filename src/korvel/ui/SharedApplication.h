@@ -17,8 +17,9 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -55,8 +56,8 @@ class KORVEL_EXPORT Application {
   static bool defaultOpenURL(const std::string& url);
 
  private:
-  mutable std::mutex mutex_;
-  std::shared_ptr<const OpenURLImplementation> own_;
+  mutable Mutex mutex_;
+  std::shared_ptr<const OpenURLImplementation> own_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel::platform
