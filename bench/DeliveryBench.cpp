@@ -42,7 +42,7 @@
 #include "collector/BeaconCollector.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRUserSession.h>
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/network/internal/RequestStore.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>

@@ -17,9 +17,8 @@ install(TARGETS ${korvel_installed_targets}
   INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 # Public headers: those of the layers each installed library holds, never
-# those under internal/. The network layer is the library's own delivery
-# engine; of it a host sees only the in-memory executor (a host delivering
-# beacons its own way).
+# those under internal/ (the delivery engine's executor, store, transport and
+# HTTP client among them).
 set(korvel_header_layers foundation platform network beacon pageviews reporters)
 if(TARGET korvel_debug)
   list(APPEND korvel_header_layers ui debug)
@@ -27,11 +26,6 @@ endif()
 if(TARGET korvel_overlay)
   list(APPEND korvel_header_layers overlay)
 endif()
-set(korvel_private_headers
-  network/DurableRequestExecutor.h
-  network/HttpClient.h
-  network/KVNRetryHandler.h
-  network/URLCache.h)
 set(korvel_source_root ${PROJECT_SOURCE_DIR}/src/korvel)
 install(FILES ${korvel_source_root}/Korvel.h
               ${korvel_generated_include}/korvel/version.h
@@ -39,7 +33,6 @@ install(FILES ${korvel_source_root}/Korvel.h
   DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/korvel COMPONENT Development)
 foreach(layer IN LISTS korvel_header_layers)
   file(GLOB headers RELATIVE ${korvel_source_root} CONFIGURE_DEPENDS ${korvel_source_root}/${layer}/*.h)
-  list(REMOVE_ITEM headers ${korvel_private_headers})
   list(TRANSFORM headers PREPEND ${korvel_source_root}/)
   install(FILES ${headers} DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/korvel/${layer}
           COMPONENT Development)

@@ -5,7 +5,7 @@
 #include <span>
 #include <system_error>
 
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>
 

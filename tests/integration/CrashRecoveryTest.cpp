@@ -20,7 +20,7 @@
 
 #include "collector/BeaconCollector.h"
 #include <korvel/beacon/KVRBeacon.h>
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/foundation/KVNConfiguration.h>
 
 extern char** environ;

@@ -9,7 +9,7 @@
 #include <fstream>
 #include <set>
 
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include "support/TestEnv.h"
 
 namespace korvel::platform {

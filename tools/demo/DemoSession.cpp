@@ -13,7 +13,7 @@
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/pageviews/PageViewBeaconReporter.h>
 #include <korvel/platform/Application.h>
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/reporters/KVRNotificationReporter.h>

@@ -6,7 +6,7 @@
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRLogging.h>
 #include <korvel/foundation/Mutex.h>
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Logging.h>
 #include <korvel/foundation/KVNConfiguration.h>

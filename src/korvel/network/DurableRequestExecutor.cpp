@@ -1,4 +1,4 @@
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 
 #include <pwd.h>
 #include <unistd.h>
