@@ -42,7 +42,7 @@
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNConfiguration.h>
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/platform/Env.h>
 
 namespace {
@@ -112,7 +112,7 @@ fs::path temporaryDirectory() {
 class NullExecutor final : public KVNNetworkBackgroundRequestExecutor {
  public:
   const std::string& backgroundSessionIdentifier() const override { return id_; }
-  void executeRequest(KVNNetworkRequest) override {}
+  void executeRequest(KVNNetworkRequest) noexcept override {}
   bool flush(std::chrono::milliseconds) override { return true; }
 
  private:

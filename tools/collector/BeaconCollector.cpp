@@ -1,41 +1,12 @@
 #include "collector/BeaconCollector.h"
 #include "collector/ConfigurationEndpoint.h"
+#include "collector/FormDecoding.h"
 
 #include <httplib.h>
 
 #include <nlohmann/json.hpp>
 
 namespace korvel::tools {
-
-namespace {
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-std::string percentDecode(std::string_view text, bool plusIsSpace) {
-  std::string out;
-  out.reserve(text.size());
-  for (size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '%' && i + 2 < text.size()) {
-      const int hi = hexValue(text[i + 1]);
-      const int lo = hexValue(text[i + 2]);
-      if (hi >= 0 && lo >= 0) {
-        out += static_cast<char>(hi * 16 + lo);
-        i += 2;
-        continue;
-      }
-    }
-    out += (plusIsSpace && c == '+') ? ' ' : c;
-  }
-  return out;
-}
-
-}  // namespace
 
 CollectedBeacon CollectedBeacon::decode(std::string_view target) {
   CollectedBeacon beacon;
@@ -44,21 +15,8 @@ CollectedBeacon CollectedBeacon::decode(std::string_view target) {
   std::string_view path = beacon.path;
   while (!path.empty() && path.back() == '/') path.remove_suffix(1);
   const size_t slash = path.rfind('/');
-  beacon.event = percentDecode(slash == std::string_view::npos ? path : path.substr(slash + 1), false);
-  if (question == std::string_view::npos) return beacon;
-  std::string_view query = target.substr(question + 1);
-  while (!query.empty()) {
-    const size_t amp = query.find('&');
-    const std::string_view item = query.substr(0, amp);
-    if (!item.empty()) {
-      const size_t eq = item.find('=');
-      beacon.params.emplace_back(
-          percentDecode(item.substr(0, eq), true),
-          eq == std::string_view::npos ? std::string() : percentDecode(item.substr(eq + 1), true));
-    }
-    if (amp == std::string_view::npos) break;
-    query.remove_prefix(amp + 1);
-  }
+  beacon.event = formDecode(slash == std::string_view::npos ? path : path.substr(slash + 1), false);
+  if (question != std::string_view::npos) beacon.params = formDecodeQuery(target.substr(question + 1));
   return beacon;
 }
 
@@ -126,6 +84,8 @@ bool BeaconCollector::start() {
         --failLeft_;
         failStatus = failStatus_;
         retryAfter = retryAfter_;
+      } else if (options_.failEvery > 0 && ++answered_ % options_.failEvery == 0) {
+        failStatus = options_.failStatus;
       }
     }
     if (drop) {

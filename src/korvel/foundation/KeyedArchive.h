@@ -6,6 +6,8 @@
 // never a crash.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -20,7 +22,7 @@ namespace korvel::platform {
 // complete archive. Encoding allocates nothing beyond the buffer's growth, so
 // an archiver over a buffer that is reused (cleared, capacity kept) does not
 // allocate at all.
-class KeyedArchiver {
+class KORVEL_EXPORT KeyedArchiver {
  public:
   // Into a buffer of its own.
   KeyedArchiver();
@@ -68,7 +70,7 @@ class KeyedArchiver {
   Slot slots_[kSlots];
 };
 
-class KeyedUnarchiver {
+class KORVEL_EXPORT KeyedUnarchiver {
  public:
   // Opens an archive; nothing when the bytes are not a whole, valid archive.
   static std::optional<KeyedUnarchiver> open(std::string_view data);
