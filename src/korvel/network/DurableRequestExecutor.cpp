@@ -237,8 +237,9 @@ bool DurableRequestExecutor::flush(std::chrono::milliseconds deadline) {
   const auto until = Clock::now() + deadline;
   MutexLock lock(mutex_);
   while (!drained()) {
-    // Held requests do not leave while paused: no point waiting for them.
-    if (paused_) return false;
+    // Held requests do not leave while paused: no point waiting for them
+    // once restoration and the requests on the wire are done.
+    if (paused_ && restored_ && inFlight_ == 0) return false;
     if (!progress_.waitUntil(mutex_, until) && !drained()) return false;
   }
   const uint64_t wanted = syncStarted_ + 1;
