@@ -128,7 +128,9 @@ struct DurableUnderTest {
     directory = temporaryDirectory();
     DurableRequestExecutor::Options o;
     o.directory = directory;
-    o.maxStoredRequests = 10'000'000;  // nothing dropped over the cap
+    // Nothing dropped over the caps.
+    o.maxStoredRequests = 10'000'000;
+    o.maxStoredBytes = 16ull << 30;
     tune(o);
     executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
     KVRBeacon::setBackgroundSession(executor);
