@@ -1,5 +1,7 @@
 #include "collector/BeaconCollector.h"
+#include "collector/BeaconStore.h"
 #include "collector/ConfigurationEndpoint.h"
+#include "collector/InspectorRoutes.h"
 
 #include <httplib.h>
 
@@ -16,19 +18,23 @@ int hexValue(char c) {
   return -1;
 }
 
-std::string percentDecode(std::string_view text, bool plusIsSpace) {
+// A "%" not followed by two hex digits is kept as it is and noted in
+// *malformed.
+std::string percentDecode(std::string_view text, bool plusIsSpace,
+                          std::vector<std::string>* malformed) {
   std::string out;
   out.reserve(text.size());
   for (size_t i = 0; i < text.size(); ++i) {
     const char c = text[i];
-    if (c == '%' && i + 2 < text.size()) {
-      const int hi = hexValue(text[i + 1]);
-      const int lo = hexValue(text[i + 2]);
+    if (c == '%') {
+      const int hi = i + 1 < text.size() ? hexValue(text[i + 1]) : -1;
+      const int lo = i + 2 < text.size() ? hexValue(text[i + 2]) : -1;
       if (hi >= 0 && lo >= 0) {
         out += static_cast<char>(hi * 16 + lo);
         i += 2;
         continue;
       }
+      if (malformed) malformed->emplace_back(text.substr(i, 3));
     }
     out += (plusIsSpace && c == '+') ? ' ' : c;
   }
@@ -44,7 +50,8 @@ CollectedBeacon CollectedBeacon::decode(std::string_view target) {
   std::string_view path = beacon.path;
   while (!path.empty() && path.back() == '/') path.remove_suffix(1);
   const size_t slash = path.rfind('/');
-  beacon.event = percentDecode(slash == std::string_view::npos ? path : path.substr(slash + 1), false);
+  beacon.event = percentDecode(slash == std::string_view::npos ? path : path.substr(slash + 1), false,
+                    &beacon.malformed);
   if (question == std::string_view::npos) return beacon;
   std::string_view query = target.substr(question + 1);
   while (!query.empty()) {
@@ -53,8 +60,9 @@ CollectedBeacon CollectedBeacon::decode(std::string_view target) {
     if (!item.empty()) {
       const size_t eq = item.find('=');
       beacon.params.emplace_back(
-          percentDecode(item.substr(0, eq), true),
-          eq == std::string_view::npos ? std::string() : percentDecode(item.substr(eq + 1), true));
+          percentDecode(item.substr(0, eq), true, &beacon.malformed),
+          eq == std::string_view::npos ? std::string()
+                                       : percentDecode(item.substr(eq + 1), true, &beacon.malformed));
     }
     if (amp == std::string_view::npos) break;
     query.remove_prefix(amp + 1);
@@ -102,6 +110,12 @@ bool BeaconCollector::start() {
   // Delivery keeps its connections open: never close them on a count.
   http.set_keep_alive_max_count(1'000'000);
   http.set_keep_alive_timeout(30);
+  stopping_ = false;
+  if (options_.store) {
+    // Live pages hold a worker each for their stream.
+    http.new_task_queue = [] { return new httplib::ThreadPool(16); };
+    installInspectorRoutes(http, options_.store, &stopping_);
+  }
   http.Get(R"(/.*)", [this](const httplib::Request& req, httplib::Response& res) {
     if (options_.configuration && ConfigurationEndpoint::handles(req.path)) {
       std::optional<std::string> ifNoneMatch;
@@ -143,6 +157,12 @@ bool BeaconCollector::start() {
       record.status = 204;
     }
 
+    if (options_.store) {
+      const auto now = std::chrono::system_clock::now().time_since_epoch();
+      options_.store->add(
+          {std::chrono::duration_cast<std::chrono::milliseconds>(now).count(), record.status,
+           req.target});
+    }
     std::optional<CollectedBeacon> beacon;
     if (record.status == 204) beacon = CollectedBeacon::decode(req.target);
     if (beacon && options_.onBeacon) {
@@ -184,6 +204,7 @@ bool BeaconCollector::start() {
 
 void BeaconCollector::stop() {
   if (!server_) return;
+  stopping_ = true;
   server_->http.stop();
   if (thread_.joinable()) thread_.join();
   server_.reset();

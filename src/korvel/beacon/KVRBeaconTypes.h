@@ -4,6 +4,10 @@
 #pragma once
 
 #include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRReliableNetworkingTask.h>
@@ -199,9 +203,21 @@ class KVRPerformanceBeacon final : public KVRBeaconClass<KVRPerformanceBeacon> {
   std::optional<bool> isReliable() const override { return true; }
 };
 
+// One beacon type as the factory makes it: its record class and the event
+// it sends (none for a web-initiated beacon, whose event the page chooses).
+struct KVRBeaconTypeDescription {
+  KVRBeaconType type;
+  std::string_view className;
+  std::optional<std::string> event;
+};
+
 class KVRBeaconFactory {
  public:
   KVRBeaconFactory() = delete;
+
+  // Every type 1...20 in order, read from the record classes themselves
+  // (tools that check beacons use it to know which events exist).
+  static std::vector<KVRBeaconTypeDescription> beaconTypes();
 
   // A record of the type's class, or null for a type outside 1...20.
   static KVRTaskPtr beaconForType(KVRBeaconType type, const KVRParameters& parameters);

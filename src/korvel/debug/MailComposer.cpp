@@ -423,7 +423,11 @@ std::optional<std::string> runCommand(const std::vector<std::string>& command,
 std::optional<std::string> writeToOutbox(const std::filesystem::path& directory,
                                          const std::string& message) {
   std::error_code ec;
-  std::filesystem::create_directories(directory, ec);
+  // A folder made here is the user's alone.
+  if (std::filesystem::create_directories(directory, ec)) {
+    std::filesystem::permissions(directory, std::filesystem::perms::owner_all,
+                                 std::filesystem::perm_options::replace, ec);
+  }
   if (ec) return "cannot make the outbox folder: " + ec.message();
   const auto t = static_cast<time_t>(env().now());
   std::tm tm{};
