@@ -135,6 +135,7 @@ TEST_F(InspectorApiTest, ServesThePageAndTheLibrarysEvents) {
   const auto script = client_->Get("/inspector.js");
   ASSERT_TRUE(script);
   EXPECT_NE(script->body.find("EventSource"), std::string::npos);
+  ASSERT_TRUE(client_->Get("/favicon.ico"));
   EXPECT_EQ(collector_->beaconCount(), 0u);  // the page is not a beacon
 
   const json types = get("/api/events")["types"];

@@ -42,6 +42,8 @@ void installInspectorRoutes(httplib::Server& http, std::shared_ptr<BeaconStore> 
   asset("/", assets::index_html, "text/html; charset=utf-8");
   asset("/inspector.js", assets::inspector_js, "text/javascript; charset=utf-8");
   asset("/inspector.css", assets::inspector_css, "text/css; charset=utf-8");
+  // Browsers ask for it on their own; it is not a beacon.
+  http.Get("/favicon.ico", [](const httplib::Request&, httplib::Response& res) { res.status = 204; });
 
   auto listWith = [store](std::optional<bool> good) {
     return [store, good](const httplib::Request& req, httplib::Response& res) {

@@ -1,6 +1,7 @@
 // The inspector's HTTP side, on the collector's own port:
 //
-//   GET    /                      the page (assets embedded in the program)
+//   GET    /                      the page (assets embedded in the program;
+//                                 /favicon.ico answers 204, not a beacon)
 //   GET    /api/beacons?filter    a page of beacons, newest first
 //   GET    /api/good?filter       the same, good ones (and resends) only
 //   GET    /api/bad?filter        the same, bad ones only
