@@ -9,13 +9,32 @@
 //                    of one record), the largest part of the report call.
 //   BytesPerBeacon   store bytes per queued beacon with 25 parameters.
 //   Throughput       beacons per second delivered, one GET each, to a
-//                    collector on 127.0.0.1 in this process.
+//                    collector on 127.0.0.1 in this process; queued while
+//                    paused, so each is read back from the journal first.
+//   QueuedMemory     RSS growth per queued beacon with N queued (delivery
+//                    paused), and the report call's p50/p99 over the last
+//                    10,000 of them with the collector down instead.
+//   Outage           a collector outage with reports going on: connection
+//                    attempts while it is down, then the time from the first
+//                    answered probe to the last of the backlog delivered.
+//                    Delays are scaled down ten times (retry base 100 ms,
+//                    cap 30 s, outage 6 s): the attempts are those of a 60 s
+//                    outage with the default delays (1 s, 5 min).
+//   CraftedSegment   recovery time of a 1 MiB segment made of frame headers
+//                    that each claim a long body with a bad checksum, and how
+//                    long the executor takes to shut down during it.
 // Run with --benchmark_filter to pick; each figure repeats a few times and
 // reports the median.
 #include <benchmark/benchmark.h>
 
+#include <fcntl.h>
+#include <unistd.h>
+
 #include <algorithm>
 #include <atomic>
+#include <cstring>
+#include <fstream>
+#include <thread>
 #include <deque>
 #include <filesystem>
 #include <vector>
@@ -23,7 +42,8 @@
 #include "collector/BeaconCollector.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRUserSession.h>
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
+#include <korvel/network/internal/RequestStore.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
 
@@ -76,13 +96,14 @@ DurableRequestExecutor::Options storeOptions(const fs::path& dir) {
   DurableRequestExecutor::Options o;
   o.directory = dir;
   o.maxStoredRequests = 10'000'000;  // nothing dropped while paused
+  o.maxStoredBytes = uint64_t{1} << 40;
   return o;
 }
 
 class NullExecutor : public KVNNetworkBackgroundRequestExecutor {
  public:
   const std::string& backgroundSessionIdentifier() const override { return id_; }
-  void executeRequest(KVNNetworkRequest request) override { benchmark::DoNotOptimize(request); }
+  void executeRequest(KVNNetworkRequest request) noexcept override { benchmark::DoNotOptimize(request); }
   bool flush(std::chrono::milliseconds) override { return true; }
 
  private:
@@ -91,13 +112,13 @@ class NullExecutor : public KVNNetworkBackgroundRequestExecutor {
 
 class KeepAllExecutor : public NullExecutor {
  public:
-  void executeRequest(KVNNetworkRequest request) override { all.push_back(std::move(request)); }
+  void executeRequest(KVNNetworkRequest request) noexcept override { all.push_back(std::move(request)); }
   std::deque<KVNNetworkRequest> all;
 };
 
 class LastRequestExecutor : public NullExecutor {
  public:
-  void executeRequest(KVNNetworkRequest request) override { last = std::move(request); }
+  void executeRequest(KVNNetworkRequest request) noexcept override { last = std::move(request); }
   KVNNetworkRequest last;
 };
 
@@ -237,6 +258,181 @@ BENCHMARK(Throughput)
     ->ReportAggregatesOnly(true)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
+
+// Resident anonymous memory (the heap; the journal's mapped file pages are
+// not counted) and all resident memory, in bytes.
+std::pair<double, double> residentBytes() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  double anon = 0, rss = 0;
+  while (std::getline(status, line)) {
+    if (line.starts_with("RssAnon:")) anon = std::stod(line.substr(8)) * 1024;
+    if (line.starts_with("VmRSS:")) rss = std::stod(line.substr(6)) * 1024;
+  }
+  return {anon, rss};
+}
+
+// Arg: beacons queued.
+void QueuedMemory(benchmark::State& state) {
+  const int queued = static_cast<int>(state.range(0));
+  const KVRParameters parameters = userEvent(20);
+  double anonPerBeacon = 0, rssPerBeacon = 0, p50 = 0, p99 = 0;
+  for (auto _ : state) {
+    // Paused: what the backlog costs in memory.
+    configure(9);
+    {
+      const fs::path dir = temporaryDirectory();
+      auto o = storeOptions(dir);
+      o.startPaused = true;
+      auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
+      KVRBeacon::setBackgroundSession(executor);
+      for (int i = 0; i < 1000; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
+      executor->syncStore(std::chrono::seconds(60));
+      const auto before = residentBytes();
+      for (int i = 0; i < queued; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
+      executor->syncStore(std::chrono::seconds(60));
+      const auto after = residentBytes();
+      anonPerBeacon = (after.first - before.first) / queued;
+      rssPerBeacon = (after.second - before.second) / queued;
+      KVRBeacon::setBackgroundSession(nullptr);
+      executor.reset();
+      std::error_code ec;
+      fs::remove_all(dir, ec);
+    }
+    // The collector down (nothing listens on the port): the caller's cost
+    // with the backlog growing.
+    {
+      const fs::path dir = temporaryDirectory();
+      auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", storeOptions(dir));
+      KVRBeacon::setBackgroundSession(executor);
+      std::vector<double> micros;
+      micros.reserve(10'000);
+      for (int i = 0; i < queued; ++i) {
+        const auto start = std::chrono::steady_clock::now();
+        auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
+        const auto end = std::chrono::steady_clock::now();
+        benchmark::DoNotOptimize(uuid);
+        if (i >= queued - 10'000) micros.push_back(std::chrono::duration<double, std::micro>(end - start).count());
+      }
+      std::sort(micros.begin(), micros.end());
+      p50 = micros[micros.size() / 2];
+      p99 = micros[micros.size() * 99 / 100];
+      KVRBeacon::setBackgroundSession(nullptr);
+      executor.reset();
+      std::error_code ec;
+      fs::remove_all(dir, ec);
+    }
+  }
+  state.counters["heap_bytes_per_beacon"] = anonPerBeacon;
+  state.counters["rss_bytes_per_beacon"] = rssPerBeacon;
+  state.counters["down_p50_us"] = p50;
+  state.counters["down_p99_us"] = p99;
+}
+BENCHMARK(QueuedMemory)->Arg(10'000)->Arg(100'000)->Iterations(1)->Unit(benchmark::kMillisecond);
+
+void Outage(benchmark::State& state) {
+  constexpr int kBacklog = 5'000;
+  // A port that nothing listens on until the collector comes back there.
+  int port = 0;
+  {
+    tools::BeaconCollector probe;
+    if (!probe.start()) {
+      state.SkipWithError("cannot listen on 127.0.0.1");
+      return;
+    }
+    port = probe.port();
+  }
+  configure(port);
+  const KVRParameters parameters = userEvent(20);
+  double attempts = 0, drainMillis = 0;
+  for (auto _ : state) {
+    const fs::path dir = temporaryDirectory();
+    auto o = storeOptions(dir);
+    o.retryBaseDelay = std::chrono::milliseconds(100);
+    o.maxRetryDelay = std::chrono::seconds(30);
+    auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
+    KVRBeacon::setBackgroundSession(executor);
+    // Reports spread over the outage.
+    const auto outageEnd = std::chrono::steady_clock::now() + std::chrono::seconds(6);
+    for (int i = 0; i < kBacklog; ++i) {
+      KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
+      std::this_thread::sleep_until(outageEnd - std::chrono::microseconds(1) * ((kBacklog - i) * 6'000'000 / kBacklog));
+    }
+    std::this_thread::sleep_until(outageEnd);
+    attempts = static_cast<double>(executor->stats().attempts);
+
+    tools::BeaconCollector::Options collectorOptions;
+    collectorOptions.port = port;
+    tools::BeaconCollector collector(collectorOptions);
+    if (!collector.start()) {
+      state.SkipWithError("cannot listen again on the port");
+      break;
+    }
+    collector.waitForBeacons(kBacklog, std::chrono::seconds(120));
+    const auto requests = collector.requests();
+    if (requests.size() >= kBacklog) {
+      drainMillis = std::chrono::duration<double, std::milli>(requests.back().at - requests.front().at).count();
+    }
+    state.SetIterationTime(drainMillis / 1000);
+    KVRBeacon::setBackgroundSession(nullptr);
+    executor.reset();
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+  }
+  state.counters["attempts_while_down"] = attempts;
+  state.counters["drain_ms"] = drainMillis;
+}
+BENCHMARK(Outage)->Iterations(1)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+void CraftedSegment(benchmark::State& state) {
+  using namespace korvel::platform;
+  // Header, then frame headers whose bodies would run to the end of the
+  // file, each with a wrong checksum: every marker is a candidate.
+  std::string segment("KVRJRNL1", 8);
+  const uint32_t number = 1, epoch = 1;
+  segment.append(reinterpret_cast<const char*>(&number), 4);
+  segment.append(reinterpret_cast<const char*>(&epoch), 4);
+  constexpr size_t kBytes = 1u << 20;
+  while (segment.size() + kFrameHeaderBytes <= kBytes) {
+    const uint32_t marker = kFrameMarker;
+    const uint32_t body = static_cast<uint32_t>(kBytes - segment.size() - kFrameHeaderBytes);
+    const uint32_t crc = 0;
+    segment.append(reinterpret_cast<const char*>(&marker), 4);
+    segment.append(reinterpret_cast<const char*>(&body), 4);
+    segment.append(reinterpret_cast<const char*>(&crc), 4);
+  }
+  double recoverMillis = 0, shutdownMillis = 0;
+  for (auto _ : state) {
+    const fs::path dir = temporaryDirectory();
+    auto write = [&] { std::ofstream(dir / "seg-0000000001.log", std::ios::binary) << segment; };
+    write();
+    const auto start = std::chrono::steady_clock::now();
+    {
+      RequestStoreOptions options;
+      options.directory = dir;
+      auto store = openJournalRequestStore(options);
+      if (store) store->recover();
+    }
+    recoverMillis = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - start).count();
+    state.SetIterationTime(recoverMillis / 1000);
+    // Again, with an executor destroyed while it recovers.
+    fs::remove_all(dir);
+    fs::create_directories(dir);
+    write();
+    {
+      auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", storeOptions(dir));
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      const auto stop = std::chrono::steady_clock::now();
+      executor.reset();
+      shutdownMillis = std::chrono::duration<double, std::milli>(std::chrono::steady_clock::now() - stop).count();
+    }
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+  }
+  state.counters["recover_ms"] = recoverMillis;
+  state.counters["shutdown_ms"] = shutdownMillis;
+}
+BENCHMARK(CraftedSegment)->Iterations(1)->Repetitions(3)->UseManualTime()->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

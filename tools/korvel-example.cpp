@@ -19,38 +19,16 @@
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRReportingUtilities.h>
 #include <korvel/beacon/KVRUserSession.h>
-#include <korvel/pageviews/BeaconReporter.h>
+#include <korvel/pageviews/PageViewBeaconReporter.h>
 #include <korvel/pageviews/PageViewManager.h>
 #include <korvel/platform/Application.h>
 #include <korvel/platform/Env.h>
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/network/InProcessRequestExecutor.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/platform/NotificationCenter.h>
 
 using namespace korvel;
-
-namespace {
-
-// The host's side of page views: each finished visible stretch becomes one
-// "pageview" beacon with the page's name under "screenname" and its duration
-// under "duration" in seconds, as a double. Seconds because every "duration"
-// key on these beacons is in seconds (the usersession beacon's among them);
-// milliseconds belong to the "time"-style keys.
-class PageViewBeacons : public PageViewReporter {
- public:
-  void report(const PageView& pageView) override {
-    ReportingParameters parameters = pageView.reportingParameters;
-    parameters.insert(
-        ReportingParameter(std::string(kKVRScreenName), pageView.name.reportingValue()));
-    parameters.insert(
-        ReportingParameter(std::string(kKVRDuration), ReportingValue::double_(pageView.duration)));
-    // A host passes along whatever its content service sent for the page.
-    BeaconReporter::report(KVRBeaconTypePageView, parameters, KVRParameters{});
-  }
-};
-
-}  // namespace
 
 int main(int argc, char** argv) {
   std::string base = "https://beacons.example.com";
@@ -113,7 +91,8 @@ int main(int argc, char** argv) {
 
   // Page views: screens push, rename and close pages; the manager times the
   // visible page and reports each stretch when it ends.
-  auto pageViews = std::make_shared<PageViewManager>(std::make_shared<PageViewBeacons>(), true);
+  auto pageViews =
+      std::make_shared<PageViewManager>(std::make_shared<PageViewBeaconReporter>(), true);
   const auto home = PageID::make();
   const auto track = PageID::make();
   pageViews->trackPageAppeared(home, PageName("home"), {});

@@ -275,41 +275,82 @@ TEST_F(KVRReliableNetworkingTaskTest, DamagedArchivesDecodeToNothing) {
   }
 }
 
-TEST_F(KVRReliableNetworkingTaskTest, ArchivesMissingFieldsOrClassDecodeToNothing) {
-  auto archive = [](std::optional<std::string> className, bool withUUID, bool uuidAsNumber,
-                    bool withParameters, bool withTime) {
+TEST_F(KVRReliableNetworkingTaskTest, ArchivesWithoutAKnownClassDecodeToNothing) {
+  auto archive = [](std::optional<std::string> className) {
     platform::KeyedArchiver coder;
     if (className) coder.encodeObject("$class", *className);
-    if (withParameters) coder.encodeObject("parameters", KVRParameters{{"a", "b"}});
-    if (withTime) coder.encodeDouble("creationTimestamp", 1.0);
-    if (withUUID) {
-      if (uuidAsNumber) {
-        coder.encodeDouble("uuid", 1.0);
-      } else {
-        coder.encodeObject("uuid", std::string("U"));
-      }
-    }
+    coder.encodeObject("parameters", KVRParameters{{"a", "b"}});
+    coder.encodeDouble("creationTimestamp", 1.0);
+    coder.encodeObject("uuid", std::string("U"));
     return coder.encodedData();
   };
-  const size_t before = created().size();
   using R = KVRReliableNetworkingTask;
-  EXPECT_NE(R::unarchive(archive("KVRUserEventBeacon", true, false, true, true)), nullptr);
-  EXPECT_EQ(created().size(), before + 1);
+  EXPECT_EQ(R::unarchive(archive("NoSuchBeacon")), nullptr);
+  EXPECT_EQ(R::unarchive(archive(std::nullopt)), nullptr);
+  EXPECT_EQ(R::unarchive(archive("")), nullptr);
+  EXPECT_TRUE(created().empty()) << "a failed decode announces nothing";
+}
 
-  EXPECT_EQ(R::unarchive(archive("NoSuchBeacon", true, false, true, true)), nullptr);
-  EXPECT_EQ(R::unarchive(archive(std::nullopt, true, false, true, true)), nullptr);
-  EXPECT_EQ(R::unarchive(archive("KVRUserEventBeacon", false, false, true, true)), nullptr);
-  EXPECT_EQ(R::unarchive(archive("KVRUserEventBeacon", true, true, true, true)), nullptr);
-  EXPECT_EQ(R::unarchive(archive("KVRUserEventBeacon", true, false, false, true)), nullptr);
-  EXPECT_EQ(R::unarchive(archive("KVRUserEventBeacon", true, false, true, false)), nullptr);
-  // A failed decode announces nothing.
-  EXPECT_EQ(created().size(), before + 1);
+// Decoding runs the designated initialiser first; a field the archive lacks,
+// or holds as another kind, keeps what the initialiser gave it.
+TEST_F(KVRReliableNetworkingTaskTest, ArchivesMissingFieldsKeepTheInitialisersValues) {
+  enum class Field { None, Parameters, Time, UUID, Inid, AppVersion };
+  enum class Damage { Missing, OtherKind };
+  struct Row {
+    Field field;
+    Damage damage;
+  };
+  const std::vector<Row> rows = {
+      {Field::None, Damage::Missing},
+      {Field::Parameters, Damage::Missing},  {Field::Parameters, Damage::OtherKind},
+      {Field::Time, Damage::Missing},        {Field::Time, Damage::OtherKind},
+      {Field::UUID, Damage::Missing},        {Field::UUID, Damage::OtherKind},
+      {Field::Inid, Damage::Missing},        {Field::Inid, Damage::OtherKind},
+      {Field::AppVersion, Damage::Missing},  {Field::AppVersion, Damage::OtherKind},
+  };
+  const KVRParameters archived{{"a", "b"}, {"n", 2}};
+  constexpr const char* kFresh = "11111111-2222-4333-8444-555555555555";
+  env_.setNow(1800000000.5);
+  KVNConfiguration::setAppShortVersion("10.0");
+  setInid("CURRENT");
 
-  // inid and app version are optional in an archive.
-  const auto minimal = R::unarchive(archive("KVRPageViewBeacon", true, false, true, true));
-  ASSERT_NE(minimal, nullptr);
-  EXPECT_EQ(minimal->debugInid(), std::nullopt);
-  EXPECT_EQ(minimal->appVersion(), KVNConfiguration::appShortVersion());
+  for (const auto& row : rows) {
+    SCOPED_TRACE(::testing::Message() << "field " << static_cast<int>(row.field) << ", damage "
+                                    << static_cast<int>(row.damage));
+    platform::KeyedArchiver coder;
+    coder.encodeObject("$class", std::string("KVRPageViewBeacon"));
+    auto put = [&](Field field, auto write, auto writeOtherKind) {
+      if (row.field != field) return write();
+      if (row.damage == Damage::OtherKind) writeOtherKind();
+    };
+    const std::string wrongKind = "not a dictionary";
+    put(Field::Parameters, [&] { coder.encodeObject("parameters", archived); },
+        [&] { coder.encodeObject("parameters", wrongKind); });
+    put(Field::Time, [&] { coder.encodeDouble("creationTimestamp", 1700000000.25); },
+        [&] { coder.encodeObject("creationTimestamp", std::string("1700000000.25")); });
+    put(Field::UUID, [&] { coder.encodeObject("uuid", std::string(kUUID)); },
+        [&] { coder.encodeDouble("uuid", 7.0); });
+    put(Field::Inid, [&] { coder.encodeObject("inid", std::string("OLD-INID")); },
+        [&] { coder.encodeInt("inid", 3); });
+    put(Field::AppVersion, [&] { coder.encodeObject("appVersion", std::string("8.0")); },
+        [&] { coder.encodeBool("appVersion", true); });
+
+    env_.queueUUIDs({kFresh});
+    const size_t announced = created().size();
+    const auto decoded = KVRReliableNetworkingTask::unarchive(coder.encodedData());
+    ASSERT_NE(decoded, nullptr);
+    EXPECT_NE(std::dynamic_pointer_cast<KVRPageViewBeacon>(decoded), nullptr);
+    EXPECT_EQ(created().size(), announced + 1);
+
+    const bool lost = row.field != Field::None;
+    EXPECT_EQ(decoded->parameters(),
+              lost && row.field == Field::Parameters ? KVRParameters{} : archived);
+    EXPECT_EQ(decoded->creationTimestamp(),
+              lost && row.field == Field::Time ? 1800000000.5 : 1700000000.25);
+    EXPECT_EQ(decoded->uuid(), lost && row.field == Field::UUID ? kFresh : kUUID);
+    EXPECT_EQ(decoded->debugInid(), lost && row.field == Field::Inid ? "CURRENT" : "OLD-INID");
+    EXPECT_EQ(decoded->appVersion(), lost && row.field == Field::AppVersion ? "10.0" : "8.0");
+  }
 }
 
 TEST_F(KVRReliableNetworkingTaskTest, CopyCarriesTheWireFieldsOnly) {

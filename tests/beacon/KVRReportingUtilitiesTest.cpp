@@ -3,8 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <charconv>
+#include <cstdio>
+#include <cstdlib>
 #include <cstdint>
 #include <limits>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -15,29 +18,6 @@ namespace korvel {
 namespace {
 
 using testing::TestEnv;
-
-TEST(KVRReportingUtilitiesTest, TaggingOutcomeWords) {
-  struct Case {
-    uint64_t outcome;
-    const char* word;
-  };
-  const std::vector<Case> cases = {
-      {0, "match"},
-      {1, "nomatch"},
-      {2, "error"},
-      {3, "canceled"},
-      // "background" sits after "canceled" in the word list but is out of
-      // reach: everything above 3 is unknown.
-      {4, "unknown"},
-      {5, "unknown"},
-      {uint64_t{1} << 32, "unknown"},
-      {std::numeric_limits<uint64_t>::max(), "unknown"},
-  };
-  for (const auto& c : cases) {
-    EXPECT_EQ(KVRReportingUtilities::taggingOutcomeStringForTaggingOutcome(c.outcome), c.word)
-        << c.outcome;
-  }
-}
 
 TEST(KVRReportingUtilitiesTest, BeaconTimeStringsAreWholeMilliseconds) {
   struct Case {
@@ -103,13 +83,40 @@ TEST(KVRReportingUtilitiesTest, CurrentTimeIsSecondsSince1970FromTheEnv) {
   EXPECT_EQ(KVRReportingUtilities::timeIntervalSinceReferenceDate(), 1234567890.25);
 }
 
-TEST(KVRLoggingTest, SubsystemIsTheBundleIdentifierOrUnknownBundle) {
-  TestEnv env;
-  platform::ScopedEnv scope(env);
-  env.setMainBundleIdentifier("com.korvel.host");
-  EXPECT_EQ(KVRLogging::subsystem(), "com.korvel.host");
-  env.setMainBundleIdentifier(std::nullopt);
-  EXPECT_EQ(KVRLogging::subsystem(), "Unknown bundle");
+// The subsystem is fixed by the first read in a process, so each row runs in
+// a process of its own (a death test that re-runs the program, not a fork
+// that would inherit this process's value).
+TEST(KVRLoggingTest, SubsystemIsComputedOnceFromTheBundleIdentifier) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  struct Row {
+    std::optional<std::string> bundle;
+    const char* subsystem;
+  };
+  const std::vector<Row> rows = {{"com.korvel.host", "com.korvel.host"},
+                                 {std::nullopt, "Unknown bundle"}};
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.subsystem);
+    EXPECT_EXIT(
+        {
+          TestEnv env;
+          platform::ScopedEnv scope(env);
+          env.setMainBundleIdentifier(row.bundle);
+          const std::string first = KVRLogging::subsystem();
+          // A later change of the bundle identifier changes neither the
+          // subsystem nor the page-view logger, whichever is asked first.
+          env.setMainBundleIdentifier("com.korvel.later");
+          const auto& logger = KVRLogging::pageViewLogger();
+          logger.log("page closed");
+          const auto records = env.logs().records();
+          const bool agree = first == row.subsystem && KVRLogging::subsystem() == first &&
+                             logger.subsystem() == first && records.size() == 1 &&
+                             records[0].subsystem == first;
+          std::fprintf(stderr, "subsystem %s, later %s, logger %s\n", first.c_str(),
+                       KVRLogging::subsystem().c_str(), logger.subsystem().c_str());
+          std::exit(agree ? 0 : 1);
+        },
+        ::testing::ExitedWithCode(0), "");
+  }
   EXPECT_EQ(KVRLogging::categoryPageView(), "PageView");
   EXPECT_EQ(KorvelReportingLogging::categoryPageView(), "PageView");
 }
@@ -117,18 +124,17 @@ TEST(KVRLoggingTest, SubsystemIsTheBundleIdentifierOrUnknownBundle) {
 TEST(KVRLoggingTest, PageViewLoggerWritesToTheEnvSinkAtDefaultLevel) {
   TestEnv env;
   platform::ScopedEnv scope(env);
-  env.setMainBundleIdentifier("com.korvel.logger");
 
   const auto& logger = KVRLogging::pageViewLogger();
   EXPECT_EQ(&logger, &KVRLogging::pageViewLogger());  // made once
-  EXPECT_EQ(logger.subsystem(), "com.korvel.logger");
+  EXPECT_EQ(logger.subsystem(), KVRLogging::subsystem());
   EXPECT_EQ(logger.category(), "PageView");
 
   logger.log("page closed");
   const auto records = env.logs().records();
   ASSERT_EQ(records.size(), 1u);
   EXPECT_EQ(records[0].level, platform::LogLevel::Default);
-  EXPECT_EQ(records[0].subsystem, "com.korvel.logger");
+  EXPECT_EQ(records[0].subsystem, KVRLogging::subsystem());
   EXPECT_EQ(records[0].category, "PageView");
   EXPECT_EQ(records[0].message, "page closed");
 }

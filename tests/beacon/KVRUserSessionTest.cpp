@@ -159,6 +159,30 @@ TEST_F(KVRUserSessionTest, LifecycleNotificationsEndAndStartSessions) {
   EXPECT_EQ(sessions[1].value("duration"), "90.25");
 }
 
+TEST_F(KVRUserSessionTest, OnlyARunningSessionEndsOnEnteringTheBackground) {
+  KVRUserSession::load();
+  const auto id = KVRUserSession::sessionID();
+  env_.advanceMonotonic(2 * kSecond);
+  post(ApplicationDidEnterBackgroundNotification);
+  // A second background without a foreground in between finds no session.
+  env_.advanceMonotonic(kSecond);
+  post(ApplicationDidEnterBackgroundNotification);
+  auto sessions = sentWithEvent("usersession");
+  ASSERT_EQ(sessions.size(), 1u);
+  EXPECT_EQ(sessions[0].value("sessionid"), id);
+  EXPECT_EQ(sessions[0].value("duration"), "2");
+  EXPECT_EQ(KVRUserSession::sessionID(), id);
+
+  // The next foreground starts one again, and its background reports it.
+  post(ApplicationWillEnterForegroundNotification);
+  env_.advanceMonotonic(5 * kSecond);
+  post(ApplicationDidEnterBackgroundNotification);
+  sessions = sentWithEvent("usersession");
+  ASSERT_EQ(sessions.size(), 2u);
+  EXPECT_NE(sessions[1].value("sessionid"), id);
+  EXPECT_EQ(sessions[1].value("duration"), "5");
+}
+
 TEST_F(KVRUserSessionTest, LoadTwiceObservesOnce) {
   KVRUserSession::load();
   const auto id = KVRUserSession::sessionID();
@@ -303,26 +327,36 @@ TEST_F(KVRUserSessionTest, LaterStepsOverwriteEarlierOnes) {
 }
 
 TEST_F(KVRUserSessionTest, ScreenNamePrecedence) {
-  useFullDelegate();  // current screen "home"
+  enum class Host { Screen, NoScreen, NoDelegate };
   struct Case {
+    Host host;  // Screen: the delegate's current screen is "home"
     std::optional<std::string> beacons;
     std::optional<std::string> servers;
     std::optional<std::string> sessions;
-    std::string wire;
+    std::optional<std::string> wire;
   };
   const std::vector<Case> cases = {
-      {std::nullopt, std::nullopt, std::nullopt, "home"},
-      {"mine", std::nullopt, std::nullopt, "mine"},
+      {Host::Screen, std::nullopt, std::nullopt, std::nullopt, "home"},
+      {Host::Screen, "mine", std::nullopt, std::nullopt, "mine"},
       // The delegate's screen replaces a server-provided one ...
-      {std::nullopt, "server", std::nullopt, "home"},
+      {Host::Screen, std::nullopt, "server", std::nullopt, "home"},
       // ... but a beacon with its own screen name skips that step, so the
       // server's value, being common, wins over the beacon's.
-      {"mine", "server", std::nullopt, "server"},
+      {Host::Screen, "mine", "server", std::nullopt, "server"},
       // Session parameters win over everything.
-      {"mine", "server", "session", "session"},
-      {std::nullopt, std::nullopt, "session", "session"},
+      {Host::Screen, "mine", "server", "session", "session"},
+      {Host::Screen, std::nullopt, std::nullopt, "session", "session"},
+      // Without a screen name to give, the step leaves the server's alone.
+      {Host::NoScreen, std::nullopt, "server", std::nullopt, "server"},
+      {Host::NoDelegate, std::nullopt, "server", std::nullopt, "server"},
+      {Host::NoScreen, "mine", std::nullopt, std::nullopt, "mine"},
+      {Host::NoDelegate, std::nullopt, std::nullopt, std::nullopt, std::nullopt},
   };
   for (const auto& c : cases) {
+    auto global = fullGlobalData();
+    if (c.host == Host::NoScreen) global.setCurrentScreenName(std::nullopt);
+    delegate_->setGlobal(global);
+    KVRUserSession::setUserSessionDelegate(c.host == Host::NoDelegate ? nullptr : delegate_);
     executor_->clear();
     KVRParameters server;
     server.set("screenname", c.servers);
@@ -343,8 +377,9 @@ TEST_F(KVRUserSessionTest, ScreenNamePrecedence) {
     const auto params = sent.parameters();
     EXPECT_EQ(std::count_if(params.begin(), params.end(),
                             [](const auto& item) { return item.first == "screenname"; }),
-              1);
+              c.wire ? 1 : 0);
   }
+  useFullDelegate();
   EXPECT_EQ(KVRUserSession().currentScreenName(), "home");
 }
 

@@ -190,5 +190,21 @@ TEST(LocaleTest, SortsAsTheLocaleDoesIgnoringCaseOnly) {
   setCurrentLocaleIdentifier(std::nullopt);
 }
 
+// The POSIX locale (what LANG=C.UTF-8 gives ICU) orders by code point, upper
+// case first; case must still not count there.
+TEST(LocaleTest, CaseIsIgnoredInEveryLocale) {
+  for (const char* locale : {"en_US_POSIX", "C", "POSIX", "c", "en_US", "de_DE", "ja_JP", "",
+                             "no_such_locale"}) {
+    SCOPED_TRACE(locale);
+    setCurrentLocaleIdentifier(locale);
+    EXPECT_EQ(sortedLocalizedCaseInsensitive({"Beta", "Apple_x", "b", "alpha", "ALPHA"}),
+              (std::vector<std::string>{"ALPHA", "alpha", "Apple_x", "b", "Beta"}));
+    EXPECT_EQ(localizedCaseInsensitiveCompare("Apple_x", "aPPLE_X"), 0);
+    EXPECT_LT(localizedCaseInsensitiveCompare("alpha", "Apple_x"), 0);
+    EXPECT_GT(localizedCaseInsensitiveCompare("Zeta", "beta"), 0);
+  }
+  setCurrentLocaleIdentifier(std::nullopt);
+}
+
 }  // namespace
 }  // namespace korvel::platform

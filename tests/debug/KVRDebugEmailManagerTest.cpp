@@ -166,6 +166,7 @@ TEST_F(KVRDebugEmailManagerTest, RealComposerDeliversToTheOutbox) {
       platform::MailTransport::outbox(outbox)));
   ASSERT_TRUE(KVRDebugDataPersister().persistSignatureData({1, 2, 3}, "T1", "sig"));
   auto manager = KVRDebugEmailManager::make(result("T1", "K1"), presenter_);
+  manager->debugStrings() = {"caf\xC3\xA9"};
   auto mail = send(manager);
   ASSERT_TRUE(mail);
   mail->send();
@@ -178,6 +179,9 @@ TEST_F(KVRDebugEmailManagerTest, RealComposerDeliversToTheOutbox) {
   EXPECT_NE(text.find("Content-Disposition: attachment; filename=\"T1.sig\"\r\n"),
             std::string::npos);
   EXPECT_NE(text.find("Content-Type: application/octet-stream; name=\"T1.sig\"\r\n"),
+            std::string::npos);
+  // The collected lines are UTF-8 text, and the attachment says so.
+  EXPECT_NE(text.find("Content-Type: text/plain; charset=utf-8; name=\"debug.txt\"\r\n"),
             std::string::npos);
 }
 

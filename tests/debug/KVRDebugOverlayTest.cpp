@@ -93,24 +93,6 @@ TEST(ViewNodeTest, PinnedViewsFollowTheirSuperviewAndTheTreeStaysATree) {
   EXPECT_EQ(tree.root->convertPointToDescendant({50, 50}, *tree.b), (Point{5, 5}));
 }
 
-TEST(CustomTouchPointViewTest, OnlyTheTouchableViewsFramesAreInside) {
-  auto view = std::make_shared<KVRCustomTouchPointView>("overlay");
-  view->setFrame(Rect::make(0, 0, 200, 200));
-  auto panel = std::make_shared<ViewNode>("panel");
-  panel->setFrame(Rect::make(50, 50, 100, 100));
-  view->addSubview(panel);
-  EXPECT_EQ(view->hitTest({60, 60}), nullptr) << "nothing touchable yet";
-
-  view->addTouchableView(panel);
-  view->addTouchableView(panel);
-  EXPECT_EQ(view->touchableViews().size(), 1u);
-  EXPECT_EQ(view->hitTest({60, 60}), panel);
-  EXPECT_EQ(view->hitTest({10, 10}), nullptr) << "inside the view but outside every touchable";
-
-  view->removeTouchableView(panel);
-  EXPECT_EQ(view->hitTest({60, 60}), nullptr);
-}
-
 // MARK: - The overlay window
 
 class OverlayTest : public testing::ScreenTest {

@@ -158,7 +158,8 @@ TEST_F(MailComposerTest, BuildsAMultipartMessageWhosePartsDecodeBack) {
   EXPECT_EQ(m.parts[0].headers.at("content-type"), "text/plain; charset=utf-8");
   EXPECT_EQ(m.parts[0].body, "Track Key : K1\r\nApp Version: 9.9\r\n");
 
-  EXPECT_EQ(m.parts[1].headers.at("content-type"), "text/plain; name=\"debug.txt\"");
+  EXPECT_EQ(m.parts[1].headers.at("content-type"),
+            "text/plain; charset=utf-8; name=\"debug.txt\"");
   EXPECT_EQ(m.parts[1].headers.at("content-disposition"), "attachment; filename=\"debug.txt\"");
   EXPECT_EQ(decodeBase64(m.parts[1].body), "a\nb\n");
 
@@ -173,6 +174,34 @@ TEST_F(MailComposerTest, BuildsAMultipartMessageWhosePartsDecodeBack) {
   ASSERT_GT(all.size(), 2u);
   for (size_t i = 0; i + 1 < all.size(); ++i) EXPECT_EQ(all[i].size(), 77u) << i;  // with the CR
   EXPECT_LE(all.back().size(), 76u);
+}
+
+// Text attachments are UTF-8 and say so; bytes that are not UTF-8 are not
+// labelled as such, and other types carry no charset.
+TEST_F(MailComposerTest, TextAttachmentsDeclareTheirCharset) {
+  struct Row {
+    std::string data;
+    const char* mimeType;
+    const char* contentType;
+  };
+  const std::vector<Row> rows = {
+      {"caf\xC3\xA9 \xE2\x98\x95\n", "text/plain", "text/plain; charset=utf-8; name=\"f\""},
+      {"", "text/plain", "text/plain; charset=utf-8; name=\"f\""},
+      {"<b>x</b>", "text/html", "text/html; charset=utf-8; name=\"f\""},
+      {"x", "Text/Plain", "Text/Plain; charset=utf-8; name=\"f\""},
+      {"caf\xE9", "text/plain", "text/plain; name=\"f\""},  // Latin-1, not UTF-8
+      {"caf\xC3\xA9", "application/octet-stream", "application/octet-stream; name=\"f\""},
+      {"caf\xC3\xA9", "audio/x-caf", "audio/x-caf; name=\"f\""},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.contentType);
+    auto c = std::make_shared<MimeMailComposer>(MailTransport::none());
+    c->addAttachmentData(platform::dataFromString(row.data), row.mimeType, "f");
+    const auto m = parseMessage(c->mimeMessage());
+    ASSERT_EQ(m.parts.size(), 2u);
+    EXPECT_EQ(m.parts[1].headers.at("content-type"), row.contentType);
+    EXPECT_EQ(decodeBase64(m.parts[1].body), row.data);
+  }
 }
 
 TEST_F(MailComposerTest, HeadersCannotBeInjectedAndNonASCIITextIsEncoded) {

@@ -10,7 +10,7 @@
 #include "collector/BeaconCollector.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include "support/TestEnv.h"
 
 namespace korvel {

@@ -7,8 +7,9 @@
 #include <deque>
 #include <filesystem>
 #include <fstream>
+#include <set>
 
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include "support/TestEnv.h"
 
 namespace korvel::platform {
@@ -344,13 +345,229 @@ TEST_F(DurableRequestExecutorTest, WithoutAUsableDirectoryItStillDeliversFromMem
 }
 
 TEST_F(DurableRequestExecutorTest, FlushGivesUpAtItsDeadline) {
-  auto o = options();
-  o.startPaused = true;
-  auto executor = start(o);
-  executor->executeRequest(makeRequest("held"));
+  server_.holdUntilCancelled(true);  // the request stays on the wire
+  auto executor = start(options());
+  executor->executeRequest(makeRequest("slow"));
+  ASSERT_TRUE(server_.waitForAttempts(1, 5s));
   const auto before = std::chrono::steady_clock::now();
   EXPECT_FALSE(executor->flush(100ms));
   EXPECT_GE(std::chrono::steady_clock::now() - before, 100ms);
+}
+
+TEST_F(DurableRequestExecutorTest, FlushWhilePausedDoesNotWaitForHeldRequests) {
+  auto o = options();
+  o.startPaused = true;
+  auto executor = start(o);
+  EXPECT_TRUE(executor->flush(5s)) << "nothing held: the store's sync is waited for";
+  executor->executeRequest(makeRequest("held"));
+  // A held request cannot leave before the deadline, so the answer is at once.
+  EXPECT_FALSE(executor->flush(1h));
+  executor->setPaused(false);
+  EXPECT_TRUE(executor->flush(5s));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/held"));
+}
+
+// MARK: - Storage faults
+
+TEST_F(DurableRequestExecutorTest, AVanishedDirectoryIsMadeAgainWithEverythingWaitingInIt) {
+  {
+    auto o = options();
+    o.startPaused = true;
+    o.segmentBytes = 4096;  // several segments, some closed, one open
+    auto executor = start(o);
+    for (int i = 0; i < 30; ++i) executor->executeRequest(makeRequest("before-" + std::to_string(i)));
+    ASSERT_TRUE(executor->syncStore(5s));
+    fs::remove_all(dir_);
+    executor->executeRequest(makeRequest("after"));
+    ASSERT_TRUE(executor->syncStore(5s));
+    ASSERT_TRUE(executor->syncStore(5s));
+    EXPECT_TRUE(fs::is_directory(dir_));
+    EXPECT_TRUE(executor->stats().durable);
+    size_t lines = 0;
+    for (const auto& m : env_.logs().messages()) lines += m.find("vanished") != std::string::npos;
+    EXPECT_EQ(lines, 1u);
+    EXPECT_TRUE(logged("stored the 31 waiting requests there again"));
+  }
+  // A later run finds all of them there.
+  auto executor = start(options());
+  ASSERT_TRUE(executor->flush(5s));
+  const auto urls = server_.urls();
+  const std::set<std::string> distinct(urls.begin(), urls.end());
+  EXPECT_EQ(urls.size(), 31u);
+  EXPECT_EQ(distinct.size(), 31u);
+  EXPECT_TRUE(distinct.contains("http://fake/after"));
+}
+
+// MARK: - One backoff per host
+
+TEST_F(DurableRequestExecutorTest, AnOfflineHostGetsOneProbeAtATimeAndNewReportsWaitQuietly) {
+  auto o = options();
+  o.retryBaseDelay = 1h;  // no probe comes during the test
+  o.maxRetryDelay = 1h;
+  auto executor = start(o);
+  server_.script({FakeServer::offline()});
+  executor->executeRequest(makeRequest("first"));
+  ASSERT_TRUE(server_.waitForAttempts(1, 5s));
+  EXPECT_FALSE(executor->flush(100ms));
+  ASSERT_EQ(executor->stats().hostsBackingOff, 1u);
+
+  for (int i = 0; i < 100; ++i) executor->executeRequest(makeRequest("later-" + std::to_string(i)));
+  EXPECT_FALSE(executor->flush(200ms));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/first"));
+  const auto stats = executor->stats();
+  EXPECT_EQ(stats.attempts, 1u);
+  EXPECT_EQ(stats.waiting, 101u);
+  EXPECT_TRUE(logged("backing off from http://fake after Couldn't connect to server"));
+}
+
+TEST_F(DurableRequestExecutorTest, OnlyTheProbeGoesUntilTheHostAnswersThenAllGoAtOnce) {
+  auto o = options();
+  o.startPaused = true;
+  o.concurrency = 4;
+  o.retryBaseDelay = 20ms;
+  o.maxRetryDelay = 40ms;
+  auto executor = start(o);
+  for (int i = 0; i < 200; ++i) executor->executeRequest(makeRequest(std::to_string(1000 + i)));
+  // Four workers start four requests at once; every answer until the host is
+  // back is a refused connection or a 503.
+  server_.script({FakeServer::offline(), FakeServer::offline(), FakeServer::offline(),
+                  FakeServer::offline(), FakeServer::status(503), FakeServer::offline()});
+  executor->setPaused(false);
+  ASSERT_TRUE(executor->flush(10s));
+  const auto urls = server_.urls();
+  EXPECT_EQ(urls.size(), 206u) << "one attempt per request and per failed probe";
+  // The four taken at once failed together; from then on one probe at a
+  // time, the first waiting request, until the host answered.
+  for (size_t i = 4; i < 6; ++i) EXPECT_EQ(urls[i], "http://fake/1000") << i;
+  EXPECT_EQ(executor->stats().delivered, 200u);
+  EXPECT_EQ(executor->stats().hostsBackingOff, 0u);
+  EXPECT_TRUE(logged("http://fake answers again"));
+}
+
+TEST_F(DurableRequestExecutorTest, RetryAfterHoldsTheHostAndSurvivesARestart) {
+  {
+    auto executor = start(options());
+    DeliveryResponse busy = FakeServer::status(503);
+    busy.retryAfter = "3600";
+    server_.script({busy});
+    executor->executeRequest(makeRequest("asked-to-wait"));
+    ASSERT_TRUE(server_.waitForAttempts(1, 5s));
+    EXPECT_FALSE(executor->flush(100ms));
+    executor->executeRequest(makeRequest("new-while-waiting"));
+    EXPECT_FALSE(executor->flush(100ms));
+    EXPECT_EQ(server_.urls().size(), 1u) << "a new request is not let through";
+  }
+  EXPECT_TRUE(fs::exists(dir_ / "hosts"));
+  auto executor = start(options());
+  EXPECT_FALSE(executor->flush(200ms));
+  EXPECT_EQ(server_.urls().size(), 1u);
+  EXPECT_EQ(executor->stats().hostsBackingOff, 1u);
+  EXPECT_TRUE(logged("http://fake asked for no requests before"));
+}
+
+TEST_F(DurableRequestExecutorTest, HostsAreSchemeHostAndPort) {
+  auto o = options();
+  o.retryBaseDelay = 1h;
+  o.maxRetryDelay = 1h;
+  o.concurrency = 1;
+  auto executor = start(o);
+  server_.script({FakeServer::offline()});
+  auto to = [](std::string url) {
+    KVNNetworkRequest r;
+    r.setEndpointBuilderBlock([url] { return KVNEndpoint(url); });
+    return r;
+  };
+  executor->executeRequest(to("http://down:8080/a?x=1"));
+  ASSERT_TRUE(server_.waitForAttempts(1, 5s));
+  EXPECT_FALSE(executor->flush(100ms));
+  executor->executeRequest(to("http://down:8080/b"));
+  executor->executeRequest(to("http://down:8081/c"));
+  executor->executeRequest(to("https://down:8080/d"));
+  executor->executeRequest(to("http://user@down:8080/e"));
+  // Other hosts' requests go out at the next look at the queue.
+  ASSERT_TRUE(server_.waitForAttempts(3, 5s));
+  EXPECT_FALSE(executor->flush(100ms));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://down:8080/a?x=1", "http://down:8081/c",
+                                          "https://down:8080/d"));
+}
+
+// MARK: - Bounds and log lines
+
+TEST_F(DurableRequestExecutorTest, AnOversizeRequestIsDroppedAtOnceWithOneLogLine) {
+  auto o = options();
+  o.maxRequestBytes = 1000;
+  auto executor = start(o);
+  KVNNetworkRequest big = makeRequest(std::string(1001, 'x'));
+  executor->executeRequest(big);
+  executor->executeRequest(big);
+  KVNNetworkRequest longURL = makeRequest("short", 1, 0, 3, false);
+  longURL.setEndpointBuilderBlock([] { return KVNEndpoint("http://fake/" + std::string(1000, 'u')); });
+  executor->executeRequest(longURL);
+  executor->executeRequest(makeRequest("fits"));
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/fits"));
+  EXPECT_EQ(executor->stats().droppedOversize, 3u);
+  size_t lines = 0;
+  for (const auto& m : env_.logs().messages()) lines += m.find("dropped a request") != std::string::npos;
+  EXPECT_EQ(lines, 2u) << "one for the payloads, one for the URL";
+  EXPECT_TRUE(logged("dropped a request of 1001 bytes: more than 1000 bytes are never sent"));
+}
+
+TEST_F(DurableRequestExecutorTest, TheByteBoundDropsTheOldest) {
+  auto o = options();
+  o.startPaused = true;
+  o.concurrency = 1;
+  // Room for two of these records, not three.
+  o.maxStoredBytes = 2 * (12 + 30 + std::string(kKind).size() + 100) + 50;
+  auto executor = start(o);
+  for (char c : std::string("abc")) executor->executeRequest(makeRequest(std::string(100, c)));
+  executor->setPaused(false);
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/" + std::string(100, 'b'),
+                                          "http://fake/" + std::string(100, 'c')));
+  EXPECT_EQ(executor->stats().droppedOverCap, 1u);
+}
+
+TEST_F(DurableRequestExecutorTest, RepeatedLogLinesAreCollapsedWithACount) {
+  auto executor = start(options());
+  std::vector<DeliveryResponse> refusals(40, FakeServer::status(400));
+  server_.script(refusals);
+  for (int i = 0; i < 40; ++i) executor->executeRequest(makeRequest("refused"));
+  ASSERT_TRUE(executor->flush(5s));
+  executor.reset();  // the last sync writes what was collapsed
+  std::vector<std::string> lines;
+  for (const auto& m : env_.logs().messages()) {
+    if (m.find("refused with HTTP 400") != std::string::npos) lines.push_back(m);
+  }
+  ASSERT_EQ(lines.size(), 2u);
+  EXPECT_THAT(lines[1], ::testing::HasSubstr("(and 39 more like it)"));
+}
+
+// MARK: - Waiting requests are read back from the store
+
+TEST_F(DurableRequestExecutorTest, StoredRequestsAreReadBackWhenSentAndOthersKeptWhole) {
+  static std::atomic<int> restored{0};
+  KVNRequestRestorers::registerRestorer("test.counted", [](std::string_view payload) {
+    ++restored;
+    return std::optional<KVNNetworkRequest>(makeRequest(std::string(payload)));
+  });
+  auto o = options();
+  o.startPaused = true;
+  o.concurrency = 1;  // in order
+  auto executor = start(o);
+  for (const char* name : {"one", "two", "three"}) {
+    KVNNetworkRequest r = makeRequest(name);
+    // The request's own builder would give another URL than its payload.
+    r.setEndpointBuilderBlock([] { return KVNEndpoint("http://fake/not-the-stored-one"); });
+    r.setRestorationPayload("test.counted", [name] { return std::string(name); });
+    executor->executeRequest(r);
+  }
+  executor->executeRequest(makeRequest("memory-only", 1, 0, 3, false));
+  executor->setPaused(false);
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/one", "http://fake/two",
+                                          "http://fake/three", "http://fake/memory-only"));
+  EXPECT_EQ(restored.load(), 3);
 }
 
 }  // namespace

@@ -369,5 +369,111 @@ TEST_F(RequestStoreTest, ADamagedMarksFileResendsInsteadOfLosing) {
   EXPECT_TRUE(logged("bad delivered-marks batch"));
 }
 
+// Frame headers that each claim a body running to the end, with a bad
+// checksum: every marker is a candidate that costs its whole claim.
+// They start at offset start of a file of bytes in all.
+std::string craftedCandidates(size_t bytes, size_t start = 0) {
+  std::string data;
+  while (start + data.size() + kFrameHeaderBytes <= bytes) {
+    const uint32_t header[3] = {
+        kFrameMarker, static_cast<uint32_t>(bytes - start - data.size() - kFrameHeaderBytes), 0};
+    data.append(reinterpret_cast<const char*>(header), sizeof header);
+  }
+  return data;
+}
+
+TEST(RequestFrameTest, LookingForTheNextFrameStopsWhenItsBudgetIsSpent) {
+  const std::string crafted = craftedCandidates(64 * 1024);
+  const std::string whole = encodeFrame(request(7));
+  const std::string data = crafted + whole;
+  EXPECT_EQ(findNextFrame(data, 0), crafted.size()) << "without a budget it is found, slowly";
+  uint64_t budget = 4 * data.size();
+  EXPECT_EQ(findNextFrame(data, 0, budget), std::nullopt);
+  EXPECT_LE(budget, 4 * data.size());
+  // A budget that covers one damaged stretch finds the frame after it.
+  const std::string damaged = std::string("\x4B\x56\x52\x4A\x40\x00\x00\x00junk", 12) + whole;
+  budget = 4 * damaged.size();
+  EXPECT_EQ(findNextFrame(damaged, 0, budget), 12u);
+}
+
+TEST_F(RequestStoreTest, ACraftedSegmentIsSetAsideAndAStopEndsRecoveryLeavingTheRest) {
+  {
+    auto store = open();
+    appendSome(*store, 3);
+  }
+  // A segment of an earlier run made of candidates.
+  std::string segment("KVRJRNL1", 8);
+  const uint32_t numberAndEpoch[2] = {100, 1};
+  segment.append(reinterpret_cast<const char*>(numberAndEpoch), sizeof numberAndEpoch);
+  segment += craftedCandidates(256 * 1024, segment.size());
+  std::ofstream(dir_ / "seg-0000000100.log", std::ios::binary) << segment;
+
+  {
+    const std::atomic<bool> stop{true};
+    auto store = open();
+    EXPECT_TRUE(store->recover(&stop).empty());
+  }
+  EXPECT_TRUE(fs::exists(dir_ / "seg-0000000100.log")) << "nothing is changed by a stopped recovery";
+  auto store = open();
+  EXPECT_EQ(store->recover().size(), 3u);
+  EXPECT_FALSE(fs::exists(dir_ / "seg-0000000100.log"));
+  EXPECT_TRUE(logged("bad record checksum at byte 16; 0 pending requests kept"))
+      << ::testing::PrintToString(env_.logs().messages());
+}
+
+TEST_F(RequestStoreTest, ReadsARequestBackWhereverItIsNowAndOnlyWhileStored) {
+  auto store = open(4096);
+  std::vector<StoredRequest> written;
+  for (uint32_t i = 0; i < 60; ++i) {
+    written.push_back(request((uint64_t{store->epoch()} << 32) | i, std::string(150 + i, 'r')));
+    ASSERT_TRUE(store->append(encodeFrame(written.back()), written.back().id));
+  }
+  // Not drained by any sync yet.
+  EXPECT_EQ(store->load(written[5].id), written[5]);
+  store->sync({});
+  // Most finish: their segments are compacted and the rest move on.
+  std::vector<uint64_t> finished;
+  for (size_t i = 0; i < written.size(); ++i) {
+    if (i % 10 != 0) finished.push_back(written[i].id);
+  }
+  store->sync(finished);
+  store->compact();
+  for (size_t i = 0; i < written.size(); ++i) {
+    if (i % 10 == 0) {
+      EXPECT_EQ(store->load(written[i].id), written[i]) << i;
+    } else {
+      EXPECT_FALSE(store->load(written[i].id).has_value()) << i;
+    }
+  }
+  EXPECT_FALSE(store->load(12345).has_value());
+  store.reset();
+  store = open(4096);
+  ASSERT_EQ(store->recover().size(), 6u);
+  EXPECT_EQ(store->load(written[50].id), written[50]);
+}
+
+TEST_F(RequestStoreTest, AFailedMarksWriteIsRetriedAndLoggedOnce) {
+  std::vector<uint64_t> ids;
+  {
+    auto store = open();
+    ids = appendSome(*store, 3);
+    store->sync({});
+    // The marks file cannot be made (as on a full disk).
+    const fs::path marks = files(".log").at(0).replace_extension(".done");
+    fs::create_directory(marks);
+    store->sync(std::vector<uint64_t>{ids[0]});
+    store->sync({});
+    size_t lines = 0;
+    for (const auto& m : env_.logs().messages()) lines += m.find("cannot write delivered marks") != std::string::npos;
+    EXPECT_EQ(lines, 1u);
+    fs::remove(marks);
+    store->sync({});
+    EXPECT_TRUE(logged("delivered marks are written again"));
+  }
+  auto store = open();
+  EXPECT_THAT(idsOf(store->recover()), ElementsAre(ids[1], ids[2]))
+      << "a delivered request is not sent again";
+}
+
 }  // namespace
 }  // namespace korvel::platform

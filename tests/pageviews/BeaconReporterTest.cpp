@@ -4,6 +4,8 @@
 
 #include <algorithm>
 #include <any>
+#include <cstdint>
+#include <memory>
 #include <limits>
 #include <string>
 #include <utility>
@@ -11,12 +13,16 @@
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/pageviews/PageViewBeaconReporter.h>
+#include <korvel/pageviews/PageViewManager.h>
 #include "support/TestEnv.h"
+#include "support/WireText.h"
 
 namespace korvel {
 namespace {
 
 using Items = std::vector<std::pair<std::string, std::string>>;
+using testing::params;
 
 class BeaconReporterTest : public testing::BeaconTest {};
 
@@ -77,7 +83,7 @@ TEST_F(BeaconReporterTest, ServerProvidedParametersOverrideTypedOnes) {
   auto parameters = onlySent().parameters();
   std::sort(parameters.begin(), parameters.end());
   EXPECT_EQ(parameters,
-            (Items{{"cohort", "b"}, {"rank", "3"}, {"screenname", "server"}, {"tagid", "tag-1"}}));
+            params("cohort=b&rank=3&screenname=server&tagid=tag-1"));
 }
 
 TEST_F(BeaconReporterTest, OneEntrySurvivesForAKeyHeldByTwoCases) {
@@ -127,6 +133,44 @@ TEST_F(BeaconReporterTest, WithoutAnEndpointTheBeaconIsMadeButNotSubmitted) {
   EXPECT_EQ(created, std::vector<std::string>{uuid});
   EXPECT_EQ(executor_->count(), 0u);
   EXPECT_TRUE(submitted().empty());
+}
+
+// The page-view reporter hosts use: one "pageview" beacon per visible
+// stretch, its duration in seconds like every other "duration" on the wire.
+TEST_F(BeaconReporterTest, PageViewsGoOutWithTheirNameAndSecondsVisible) {
+  auto reporter = std::make_shared<PageViewBeaconReporter>();
+  PageViewManager pages(reporter, true);
+  struct Row {
+    const char* name;
+    uint64_t visibleNanos;
+    ReportingParameters parameters;
+    Items wire;  // sorted
+  };
+  const std::vector<Row> rows = {
+      {"home", 1'500'000'000, {ReportingParameter::headphonesConnected(1)},
+       {{"duration", "1.5"}, {"headphones", "1"}, {"screenname", "home"}}},
+      {"search", 2'000'000, {}, {{"duration", "0.002"}, {"screenname", "search"}}},
+      {"track", 61'000'000'000, {}, {{"duration", "61"}, {"screenname", "track"}}},
+      // The page's own name and duration replace parameters under those keys.
+      {"artist", 250'000'000,
+       {ReportingParameter(std::string(kKVRDuration), ReportingValue::int_(250)),
+        ReportingParameter(std::string(kKVRScreenName), ReportingValue::string("stale")),
+        ReportingParameter::tagID("t")},
+       {{"duration", "0.25"}, {"screenname", "artist"}, {"tagid", "t"}}},
+  };
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    executor_->clear();
+    const auto page = PageID::make();
+    pages.trackPageAppeared(page, PageName(row.name), row.parameters);
+    env_.advanceMonotonic(row.visibleNanos);
+    pages.trackPageClosed(page);
+    const auto beacon = onlySent();
+    EXPECT_EQ(beacon.event, "pageview");
+    auto parameters = beacon.parameters();
+    std::sort(parameters.begin(), parameters.end());
+    EXPECT_EQ(parameters, row.wire);
+  }
 }
 
 using BeaconReporterDeathTest = BeaconReporterTest;

@@ -1,17 +1,18 @@
-#include <korvel/pageviews/PageViewManager.h>
-
 #include <gtest/gtest.h>
+#include <korvel/beacon/KVRLogging.h>
+#include <korvel/pageviews/PageViewManager.h>
+#include <korvel/platform/Application.h>
 
 #include <atomic>
+#include <map>
 #include <memory>
 #include <mutex>
+#include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
 #include <vector>
 
-#include <korvel/beacon/KVRLogging.h>
-#include <korvel/platform/Application.h>
 #include "support/TestEnv.h"
 
 namespace korvel {
@@ -83,75 +84,115 @@ class PageViewManagerTest : public ::testing::Test {
   const PageID p3_ = PageID::make();
 };
 
-// --- Appearing ---------------------------------------------------------------
+// --- The stack and its clock, step by step ------------------------------------
 
-TEST_F(PageViewManagerTest, FirstPageCountsFromConstructionNotFromItsAppearance) {
-  advance(2 * kSecond);
-  appear(p1_, "one");
-  EXPECT_TRUE(reported().empty());
-  EXPECT_EQ(current(), "one");
+// A scenario's steps, separated by spaces: "+1:one" page 1 appears as "one",
+// "-1" page 1 closes, "=1:new" page 1 is renamed, "t2.5" the clock moves
+// 2.5 s, "bg"/"fg" the manager is told the app went to the background or
+// comes back, "BG"/"FG" the life-cycle notifications are posted instead, "|"
+// a checkpoint. The reports are written "name@seconds", with "|" where the
+// steps have one: what was reported between two checkpoints.
+struct Scenario {
+  const char* what;
+  const char* steps;
+  const char* reports;
+  std::optional<std::string> current;  // the top page's name at the end
+  std::vector<std::string> logs = {};
+};
 
-  advance(3 * kSecond);
-  appear(p2_, "two");
-  EXPECT_EQ(reported(), std::vector{view("one", 5.0)});
-  EXPECT_EQ(current(), "two");
-}
-
-TEST_F(PageViewManagerTest, ANewTopReportsTheCoveredPageAndRestartsTheClock) {
-  appear(p1_, "one");
-  advance(1 * kSecond);
-  appear(p2_, "two");
-  advance(250 * kMillisecond);
-  appear(p3_, "three");
-  EXPECT_EQ(reported(), (std::vector{view("one", 1.0), view("two", 0.25)}));
-}
-
-TEST_F(PageViewManagerTest, ASecondAppearanceOfTheSameIdIsIgnored) {
-  appear(p1_, "one");
-  advance(1 * kSecond);
-  appear(p1_, "renamed?");
-  EXPECT_TRUE(reported().empty());
-  EXPECT_EQ(current(), "one");
-
-  advance(1 * kSecond);
-  manager_->trackPageClosed(p1_);
-  EXPECT_EQ(reported(), std::vector{view("one", 2.0)});
-  manager_->trackPageClosed(p1_);  // only one entry was ever pushed
-  EXPECT_EQ(env_.logs().messages(), std::vector<std::string>{kClosedMiss});
-}
-
-// --- Closing -----------------------------------------------------------------
-
-TEST_F(PageViewManagerTest, ClosingTheTopReportsItAndThePageBelowCountsFromThen) {
-  appear(p1_, "one");
-  advance(1 * kSecond);
-  appear(p2_, "two");
-  reported();
-  advance(2 * kSecond);
-  manager_->trackPageClosed(p2_);
-  EXPECT_EQ(reported(), std::vector{view("two", 2.0)});
-  EXPECT_EQ(current(), "one");
-
-  advance(4 * kSecond);
-  manager_->trackPageClosed(p1_);
-  EXPECT_EQ(reported(), std::vector{view("one", 4.0)});
-  EXPECT_EQ(current(), std::nullopt);
-}
-
-TEST_F(PageViewManagerTest, ClosingACoveredPageReportsNothingAndKeepsTheClock) {
-  appear(p1_, "one");
-  appear(p2_, "two");
-  appear(p3_, "three");
-  reported();
-  advance(1 * kSecond);
-  manager_->trackPageClosed(p2_);
-  EXPECT_TRUE(reported().empty());
-  EXPECT_EQ(current(), "three");
-
-  advance(1 * kSecond);
-  manager_->trackPageClosed(p3_);
-  EXPECT_EQ(reported(), std::vector{view("three", 2.0)});
-  EXPECT_EQ(current(), "one");  // the order of the others is kept
+TEST_F(PageViewManagerTest, Scenarios) {
+  const Scenario scenarios[] = {
+      // Appearing.
+      {"the first page counts from construction, not from its appearance", "t2 +1:one | t3 +2:two",
+       "| one@5", "two"},
+      {"a new top reports the covered page and restarts the clock",
+       "+1:one t1 +2:two t0.25 +3:three", "one@1 two@0.25", "three"},
+      {"a second appearance of the same id is ignored",
+       "+1:one t1 +1:renamed? | t1 -1 | -1",
+       "| one@2 |",
+       std::nullopt,
+       {kClosedMiss}},
+      // Closing.
+      {"closing the top reports it; the page below counts from then",
+       "+1:one t1 +2:two | t2 -2 | t4 -1", "one@1 | two@2 | one@4", std::nullopt},
+      {"closing a covered page reports nothing and keeps the clock",
+       "+1:one +2:two +3:three | t1 -2 | t1 -3", "one@0 two@0 | | three@2", "one"},
+      {"the last close restarts the clock for the next first page",
+       "+1:one t1 -1 t3 +2:two t1 +3:three", "one@1 two@4", "three"},
+      // Renaming.
+      {"renaming a covered page only replaces its name", "+1:one +2:two t1 =1:renamed | t1 -2",
+       "one@0 | two@2", "renamed"},
+      {"renaming on an empty stack is logged", "=1:x", "", std::nullopt, {kRenameMiss}},
+      {"renaming an unknown page on a filled stack is silent", "+1:one t1 =2:x | t1 -1", "| one@2",
+       std::nullopt},
+      // Background and foreground.
+      {"background reports once; foreground restarts the clock",
+       "+1:one t3 bg | t10 bg | t60 fg t2 -1", "one@3 | | one@2", std::nullopt},
+      {"background with an empty stack leaves the flag alone", "bg +1:one t1 +2:two", "one@1",
+       "two"},
+      {"foreground restarts the clock even when not backgrounded", "+1:one t2 fg t1 -1", "one@1",
+       std::nullopt},
+      {"while backgrounded the stack changes but nothing is reported",
+       "+1:one bg | t1 +2:two t1 =2:two_renamed +3:three -3 | t7 fg t3 -2",
+       "one@0 | | two_renamed@3", "one"},
+      {"foreground with an empty stack restarts the clock", "t5 fg +1:one t2 +2:two", "one@2",
+       "two"},
+      {"the life-cycle notifications drive the manager", "+1:one t2 BG BG | t30 FG t1 -1",
+       "one@2 | one@1", std::nullopt},
+      {"notifications interleaved with pages", "BG FG +1:one t1 +2:two t2 BG -2 t4 FG t0.5 -1",
+       "one@1 two@2 one@0.5", std::nullopt},
+  };
+  for (const auto& scenario : scenarios) {
+    SCOPED_TRACE(scenario.what);
+    env_.setMonotonicNanos(100 * kSecond);
+    env_.logs().clear();
+    manager_ = std::make_unique<PageViewManager>(reporter_, true);
+    reported();
+    std::map<std::string, PageID> ids;
+    const auto id = [&](const std::string& n) {
+      return ids.try_emplace(n, PageID::make()).first->second;
+    };
+    std::string reports;
+    const auto flush = [&] {
+      for (const auto& v : reported()) {
+        std::ostringstream item;
+        item << v.name.stringValue << "@" << v.duration;
+        reports += (reports.empty() ? "" : " ") + item.str();
+      }
+    };
+    std::istringstream steps(scenario.steps);
+    for (std::string step; steps >> step;) {
+      const auto colon = step.find(':');
+      const std::string page = step.substr(1, colon == std::string::npos ? colon : colon - 1);
+      const std::string name = colon == std::string::npos ? "" : step.substr(colon + 1);
+      if (step == "|") {
+        flush();
+        reports += reports.empty() ? "|" : " |";
+      } else if (step == "bg") {
+        manager_->trackAppBackgrounded();
+      } else if (step == "fg") {
+        manager_->trackAppForegrounded();
+      } else if (step == "BG") {
+        post(ApplicationDidEnterBackgroundNotification);
+      } else if (step == "FG") {
+        post(ApplicationWillEnterForegroundNotification);
+      } else if (step[0] == 't') {
+        advance(static_cast<uint64_t>(std::stod(step.substr(1)) * kSecond));
+      } else if (step[0] == '+') {
+        appear(id(page), name);
+      } else if (step[0] == '-') {
+        manager_->trackPageClosed(id(page));
+      } else if (step[0] == '=') {
+        manager_->trackPageNameChanged(PageName(name), id(page));
+      } else {
+        FAIL() << "unknown step " << step;
+      }
+    }
+    flush();
+    EXPECT_EQ(reports, scenario.reports);
+    EXPECT_EQ(current(), scenario.current);
+    EXPECT_EQ(env_.logs().messages(), scenario.logs);
+  }
 }
 
 TEST_F(PageViewManagerTest, ClosingAnUnknownPageIsLoggedAndChangesNothing) {
@@ -173,19 +214,7 @@ TEST_F(PageViewManagerTest, ClosingAnUnknownPageIsLoggedAndChangesNothing) {
   EXPECT_EQ(reported(), std::vector{view("one", 2.0)});  // the clock was not touched
 }
 
-TEST_F(PageViewManagerTest, TheLastCloseRestartsTheClockForTheNextFirstPage) {
-  appear(p1_, "one");
-  advance(1 * kSecond);
-  manager_->trackPageClosed(p1_);
-  reported();
-  advance(3 * kSecond);
-  appear(p2_, "two");
-  advance(1 * kSecond);
-  appear(p3_, "three");
-  EXPECT_EQ(reported(), std::vector{view("two", 4.0)});
-}
-
-// --- Renaming ----------------------------------------------------------------
+// --- Renaming and parameters --------------------------------------------------
 
 TEST_F(PageViewManagerTest, RenamingTheTopSplitsItsStretch) {
   const ReportingParameters parameters = {ReportingParameter::tagID("tag")};
@@ -199,40 +228,6 @@ TEST_F(PageViewManagerTest, RenamingTheTopSplitsItsStretch) {
   manager_->trackPageClosed(p1_);
   EXPECT_EQ(reported(), std::vector{view("new", 3.0, parameters)});
 }
-
-TEST_F(PageViewManagerTest, RenamingACoveredPageOnlyReplacesItsName) {
-  appear(p1_, "one");
-  appear(p2_, "two");
-  reported();
-  advance(1 * kSecond);
-  manager_->trackPageNameChanged(PageName("one renamed"), p1_);
-  EXPECT_TRUE(reported().empty());
-
-  advance(1 * kSecond);
-  manager_->trackPageClosed(p2_);
-  EXPECT_EQ(reported(), std::vector{view("two", 2.0)});
-  EXPECT_EQ(current(), "one renamed");
-}
-
-TEST_F(PageViewManagerTest, RenamingOnAnEmptyStackIsLogged) {
-  manager_->trackPageNameChanged(PageName("x"), p1_);
-  EXPECT_EQ(env_.logs().messages(), std::vector<std::string>{kRenameMiss});
-  EXPECT_EQ(current(), std::nullopt);
-}
-
-TEST_F(PageViewManagerTest, RenamingAnUnknownPageOnAFilledStackIsSilent) {
-  appear(p1_, "one");
-  advance(1 * kSecond);
-  manager_->trackPageNameChanged(PageName("x"), p2_);
-  EXPECT_TRUE(env_.logs().messages().empty());
-  EXPECT_TRUE(reported().empty());
-  EXPECT_EQ(current(), "one");
-  advance(1 * kSecond);
-  manager_->trackPageClosed(p1_);
-  EXPECT_EQ(reported(), std::vector{view("one", 2.0)});
-}
-
-// --- Parameters --------------------------------------------------------------
 
 TEST_F(PageViewManagerTest, ChangingParametersDoesNotSplitTheStretch) {
   const ReportingParameters before = {ReportingParameter::trackID("a")};
@@ -267,102 +262,6 @@ TEST_F(PageViewManagerTest, ChangingParametersOfAnUnknownPageIsLogged) {
   manager_->trackPageViewReportingParametersChanged({}, p1_);  // not on the stack
   EXPECT_EQ(env_.logs().messages(), (std::vector<std::string>{kParametersMiss, kParametersMiss}));
   EXPECT_TRUE(reported().empty());
-}
-
-// --- Background and foreground -----------------------------------------------
-
-TEST_F(PageViewManagerTest, BackgroundReportsOnceAndForegroundRestartsTheClock) {
-  appear(p1_, "one");
-  advance(3 * kSecond);
-  manager_->trackAppBackgrounded();
-  EXPECT_EQ(reported(), std::vector{view("one", 3.0)});
-
-  advance(10 * kSecond);
-  manager_->trackAppBackgrounded();
-  EXPECT_TRUE(reported().empty());
-
-  advance(60 * kSecond);
-  manager_->trackAppForegrounded();
-  advance(2 * kSecond);
-  manager_->trackPageClosed(p1_);
-  EXPECT_EQ(reported(), std::vector{view("one", 2.0)});
-}
-
-TEST_F(PageViewManagerTest, BackgroundWithAnEmptyStackLeavesTheFlagAlone) {
-  manager_->trackAppBackgrounded();
-  appear(p1_, "one");
-  advance(1 * kSecond);
-  appear(p2_, "two");
-  EXPECT_EQ(reported(), std::vector{view("one", 1.0)});
-}
-
-TEST_F(PageViewManagerTest, ForegroundRestartsTheClockEvenWhenNotBackgrounded) {
-  appear(p1_, "one");
-  advance(2 * kSecond);
-  manager_->trackAppForegrounded();
-  advance(1 * kSecond);
-  manager_->trackPageClosed(p1_);
-  EXPECT_EQ(reported(), std::vector{view("one", 1.0)});
-}
-
-TEST_F(PageViewManagerTest, WhileBackgroundedTheStackChangesButNothingIsReported) {
-  appear(p1_, "one");
-  manager_->trackAppBackgrounded();
-  reported();
-
-  advance(1 * kSecond);
-  appear(p2_, "two");  // restarts the clock, reports nothing
-  advance(1 * kSecond);
-  manager_->trackPageNameChanged(PageName("two renamed"), p2_);
-  appear(p3_, "three");
-  manager_->trackPageClosed(p3_);
-  EXPECT_TRUE(reported().empty());
-  EXPECT_EQ(current(), "two renamed");
-
-  advance(7 * kSecond);
-  manager_->trackAppForegrounded();
-  advance(3 * kSecond);
-  manager_->trackPageClosed(p2_);
-  EXPECT_EQ(reported(), std::vector{view("two renamed", 3.0)});
-}
-
-TEST_F(PageViewManagerTest, ForegroundWithAnEmptyStackRestartsTheClock) {
-  advance(5 * kSecond);
-  manager_->trackAppForegrounded();
-  appear(p1_, "one");
-  advance(2 * kSecond);
-  appear(p2_, "two");
-  EXPECT_EQ(reported(), std::vector{view("one", 2.0)});
-}
-
-TEST_F(PageViewManagerTest, TheLifeCycleNotificationsDriveTheManager) {
-  appear(p1_, "one");
-  advance(2 * kSecond);
-  post(ApplicationDidEnterBackgroundNotification);
-  post(ApplicationDidEnterBackgroundNotification);
-  EXPECT_EQ(reported(), std::vector{view("one", 2.0)});
-
-  advance(30 * kSecond);
-  post(ApplicationWillEnterForegroundNotification);
-  advance(1 * kSecond);
-  manager_->trackPageClosed(p1_);
-  EXPECT_EQ(reported(), std::vector{view("one", 1.0)});
-}
-
-TEST_F(PageViewManagerTest, NotificationsInterleavedWithPages) {
-  post(ApplicationDidEnterBackgroundNotification);  // empty stack: nothing happens
-  post(ApplicationWillEnterForegroundNotification);  // restart at t
-  appear(p1_, "one");
-  advance(1 * kSecond);
-  appear(p2_, "two");
-  advance(2 * kSecond);
-  post(ApplicationDidEnterBackgroundNotification);
-  manager_->trackPageClosed(p2_);  // backgrounded: restart, no report
-  advance(4 * kSecond);
-  post(ApplicationWillEnterForegroundNotification);
-  advance(500 * kMillisecond);
-  manager_->trackPageClosed(p1_);
-  EXPECT_EQ(reported(), (std::vector{view("one", 1.0), view("two", 2.0), view("one", 0.5)}));
 }
 
 TEST_F(PageViewManagerTest, ADestroyedManagerIsNeverCalledBack) {
@@ -426,8 +325,8 @@ TEST_F(PageViewManagerTest, TheReporterMayReadTheManager) {
   manager.trackPageAppeared(p1_, PageName("one"), {});
   manager.trackPageAppeared(p2_, PageName("two"), {});
   manager.trackPageClosed(p2_);
-  EXPECT_EQ(reader->seen, (std::vector<std::string>{"one while top is one",
-                                                    "two while top is two"}));
+  EXPECT_EQ(reader->seen,
+            (std::vector<std::string>{"one while top is one", "two while top is two"}));
 }
 
 TEST_F(PageViewManagerTest, AThrowingReporterIsLoggedAndTheStackStaysConsistent) {
@@ -490,8 +389,9 @@ TEST(PageIDTest, IdsAreCanonicalUUIDs) {
   EXPECT_EQ(lower, PageID::fromString("0F8FAD5B-D9CB-469F-A165-70867728950E"));
   EXPECT_EQ(lower->hash(), PageID::fromString("0F8FAD5B-D9CB-469F-A165-70867728950E")->hash());
 
-  for (const char* bad : {"", "home", "0F8FAD5B-D9CB-469F-A165-70867728950", "0F8FAD5B-D9CB-469F-A165-70867728950EE",
-                          "0F8FAD5BD-9CB-469F-A165-70867728950E", "0G8FAD5B-D9CB-469F-A165-70867728950E"}) {
+  for (const char* bad :
+       {"", "home", "0F8FAD5B-D9CB-469F-A165-70867728950", "0F8FAD5B-D9CB-469F-A165-70867728950EE",
+        "0F8FAD5BD-9CB-469F-A165-70867728950E", "0G8FAD5B-D9CB-469F-A165-70867728950E"}) {
     EXPECT_FALSE(PageID::fromString(bad)) << bad;
   }
 }

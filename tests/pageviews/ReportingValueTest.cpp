@@ -2,10 +2,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cmath>
 #include <functional>
 #include <limits>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include <nlohmann/json.hpp>
@@ -265,6 +267,60 @@ TEST(ReportingValueCodingTest, ErrorTextNamesThePath) {
   }
 }
 
+// What cannot be written as JSON is refused with the library's own error,
+// naming where it sits, from both encoders.
+TEST(ReportingValueCodingTest, UnencodableValuesFailWithTheirPath) {
+  const double nan = std::numeric_limits<double>::quiet_NaN();
+  const double inf = std::numeric_limits<double>::infinity();
+  const std::string badText = "caf\xC3";  // cut inside a two-byte sequence
+  using Path = std::vector<std::string>;
+  struct Row {
+    const char* name;
+    std::function<std::string()> toText;
+    std::function<json()> toJSON;
+    Path codingPath;
+  };
+  auto rows = std::vector<Row>{};
+  auto add = [&rows](const char* name, const auto& value, Path path) {
+    rows.push_back({name, [value] { return value.toJSONString(); },
+                    [value] { return value.toJSON(); }, std::move(path)});
+  };
+  add("NaN", ReportingValue::double_(nan), {"double", "_0"});
+  add("infinity", ReportingValue::double_(inf), {"double", "_0"});
+  add("minus infinity", ReportingValue::double_(-inf), {"double", "_0"});
+  add("ill-formed text", ReportingValue::string(badText), {"string", "_0"});
+  add("lone continuation byte", ReportingValue::string("\x80"), {"string", "_0"});
+  add("encoded surrogate", ReportingValue::string("\xED\xA0\x80"), {"string", "_0"});
+  add("parameter key", ReportingParameter(badText, ReportingValue::int_(1)), {"key"});
+  add("parameter value", ReportingParameter::sampleRate(nan), {"value", "double", "_0"});
+  add("page name", PageName(badText), {"stringValue"});
+  add("page duration", (PageView{PageName("p"), inf, {}}), {"duration"});
+  add("page view's name", (PageView{PageName(badText), 1, {}}), {"name", "stringValue"});
+  add("page view's parameter",
+      (PageView{PageName("p"), 1, {ReportingParameter::trackID(badText)}}),
+      {"reportingParameters", "0", "value", "string", "_0"});
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    for (const auto& encode : {std::function<void()>([&] { row.toText(); }),
+                               std::function<void()>([&] { row.toJSON(); })}) {
+      try {
+        encode();
+        ADD_FAILURE() << "encoded without an error";
+      } catch (const ReportingEncodingError& error) {
+        EXPECT_EQ(error.codingPath(), row.codingPath);
+        EXPECT_FALSE(error.description().empty());
+      } catch (const std::exception& other) {
+        ADD_FAILURE() << "not the library's error: " << other.what();
+      }
+    }
+  }
+  // Well-formed text of any script, and the largest finite doubles, encode.
+  EXPECT_EQ(ReportingValue::string("caf" + kPrecomposedE + "\xF0\x9F\x8E\xB5").toJSONString(),
+            "{\"string\":{\"_0\":\"caf\xC3\xA9\xF0\x9F\x8E\xB5\"}}");
+  const auto largest = ReportingValue::double_(std::numeric_limits<double>::max());
+  EXPECT_EQ(ReportingValue::fromJSONString(largest.toJSONString()), largest);
+}
+
 // ---------------------------------------------------------------------------
 // Equality and hashing
 
@@ -369,6 +425,58 @@ TEST(ReportingValueEqualityTest, PageViewsCompareFieldWise) {
   EXPECT_FALSE(base == (PageView{PageName("home"), 1.0, {ReportingParameter::tagID("y")}}));
   EXPECT_FALSE(base == (PageView{PageName("home"), 1.0, {}}));
   EXPECT_EQ(PageName("x").reportingValue(), ReportingValue::string("x"));
+}
+
+TEST(ReportingValueEqualityTest, EqualPageViewsHashAlike) {
+  // The same parameters reached through different insertion orders and
+  // bucket counts, so that the sets iterate differently.
+  std::vector<ReportingParameter> parameters;
+  for (int i = 0; i < 40; ++i) {
+    parameters.push_back(ReportingParameter("k" + std::to_string(i), ReportingValue::int_(i)));
+  }
+  ReportingParameters forward;
+  for (const auto& p : parameters) forward.insert(p);
+  ReportingParameters backward(512);
+  for (auto it = parameters.rbegin(); it != parameters.rend(); ++it) backward.insert(*it);
+  ASSERT_FALSE(std::equal(forward.begin(), forward.end(), backward.begin()))
+      << "the two sets should iterate in different orders";
+
+  struct Row {
+    const char* name;
+    PageView a;
+    PageView b;
+  };
+  const std::vector<Row> equalRows = {
+      {"parameters in another order", PageView{PageName("home"), 2.5, forward},
+       PageView{PageName("home"), 2.5, backward}},
+      {"canonically equal names", PageView{PageName("caf" + kPrecomposedE), 1, {}},
+       PageView{PageName("caf" + kDecomposedE), 1, {}}},
+      {"zero and minus zero", PageView{PageName("p"), 0.0, {}},
+       PageView{PageName("p"), -0.0, {}}},
+      {"canonically equal parameter",
+       PageView{PageName("p"), 1, {ReportingParameter::tagID(kPrecomposedE)}},
+       PageView{PageName("p"), 1, {ReportingParameter::tagID(kDecomposedE)}}},
+  };
+  for (const auto& row : equalRows) {
+    SCOPED_TRACE(row.name);
+    ASSERT_EQ(row.a, row.b);
+    EXPECT_EQ(row.a.hash(), row.b.hash());
+    EXPECT_EQ(std::hash<PageView>{}(row.a), std::hash<PageView>{}(row.b));
+  }
+
+  // Each field takes part.
+  const PageView base{PageName("home"), 2.5, forward};
+  EXPECT_NE(base.hash(), (PageView{PageName("Home"), 2.5, forward}).hash());
+  EXPECT_NE(base.hash(), (PageView{PageName("home"), 3.5, forward}).hash());
+  EXPECT_NE(base.hash(), (PageView{PageName("home"), 2.5, {}}).hash());
+  auto oneMore = forward;
+  oneMore.insert(ReportingParameter::tagID("x"));
+  EXPECT_NE(base.hash(), (PageView{PageName("home"), 2.5, oneMore}).hash());
+
+  // So page views can be kept in hashed containers.
+  std::unordered_set<PageView> views{equalRows[0].a, equalRows[0].b, equalRows[1].a,
+                                     equalRows[1].b};
+  EXPECT_EQ(views.size(), 2u);
 }
 
 }  // namespace

@@ -13,6 +13,7 @@
 #include <limits>
 #include <sstream>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/TestEnv.h"
@@ -188,14 +189,34 @@ TEST_F(KVNUserDefaultsTest, AKilledWriterLeavesACompleteOldOrNewFile) {
 }
 
 TEST_F(KVNUserDefaultsTest, UnusableFilesAreMovedAsideAndTheStoreStartsEmpty) {
-  const std::vector<std::pair<std::string, std::string>> damaged = {
-      {"truncated", "{\"configurationURL\": \"https://x"},
-      {"not an object", "[1, 2, 3]"},
-      {"empty", ""},
-      {"bad marker", "{\"d\": {\"$date\": \"yesterday\"}}"},
-      {"null value", "{\"k\": null}"},
+  const std::string tooDeep =
+      "nested deeper than " + std::to_string(KVNUserDefaults::kMaxDepth) + " levels";
+  // The file's content and the reason the log line gives.
+  const std::vector<std::tuple<std::string, std::string, std::string>> damaged = {
+      {"truncated", "{\"configurationURL\": \"https://x", "it is not JSON"},
+      {"not an object", "[1, 2, 3]", "the top level is not an object"},
+      {"empty", "", "it is empty"},
+      {"bad marker", "{\"d\": {\"$date\": \"yesterday\"}}", "a date that is not a number"},
+      {"bad nested marker", "{\"l\": [1, {\"$url\": 2}]}", "a URL that is not text"},
+      {"bad number marker", "{\"d\": {\"$double\": \"big\"}}", "an unknown special number"},
+      {"null value", "{\"k\": null}", "a null or binary value"},
+      // Nested far past the cap: read without running out of stack.
+      {"100,000 lists deep",
+       "{\"k\": " + std::string(100'000, '[') + std::string(100'000, ']') + "}",
+       tooDeep},
+      {"100,000 objects deep",
+       [] {
+         std::string text = "{";
+         for (int i = 0; i < 100'000; ++i) text += "\"a\":{";
+         return text + std::string(100'001, '}');
+       }(),
+       tooDeep},
+      {"one level past the cap",
+       "{\"k\": " + std::string(KVNUserDefaults::kMaxDepth, '[') +
+           std::string(KVNUserDefaults::kMaxDepth, ']') + "}",
+       tooDeep},
   };
-  for (const auto& [what, content] : damaged) {
+  for (const auto& [what, content, reason] : damaged) {
     SCOPED_TRACE(what);
     fs::remove_all(dir_);
     env_.logs().clear();
@@ -211,11 +232,36 @@ TEST_F(KVNUserDefaultsTest, UnusableFilesAreMovedAsideAndTheStoreStartsEmpty) {
     EXPECT_EQ(records[0].level, platform::LogLevel::Error);
     EXPECT_NE(records[0].message.find("moved aside to " + aside), std::string::npos)
         << records[0].message;
+    EXPECT_NE(records[0].message.find("(" + reason + ")"), std::string::npos)
+        << records[0].message;
 
     // The store works on: the next write makes a fresh file.
     EXPECT_TRUE(defaults.setObject("fresh", "k"));
     EXPECT_EQ(KVNUserDefaults(path_).stringForKey("k"), "fresh");
   }
+}
+
+TEST_F(KVNUserDefaultsTest, TheDeepestAllowedNestingRoundTripsAndDeeperIsNotWritten) {
+  auto nested = [](int levels) {
+    KVRValue value("leaf");
+    for (int i = 1; i < levels; ++i) value = KVRValue(KVRList{std::move(value)});
+    return value;
+  };
+  {
+    KVNUserDefaults defaults(path_);
+    // The top-level object is one level, the leaf none.
+    ASSERT_TRUE(defaults.setObject(nested(KVNUserDefaults::kMaxDepth), "deep"));
+  }
+  EXPECT_EQ(KVNUserDefaults(path_).objectForKey("deep"), nested(KVNUserDefaults::kMaxDepth));
+  EXPECT_FALSE(logged("unusable"));
+
+  KVNUserDefaults defaults(path_);
+  EXPECT_FALSE(defaults.setObject(nested(KVNUserDefaults::kMaxDepth + 1), "deeper"));
+  EXPECT_TRUE(logged("nested deeper than 64 levels"));
+  // Kept in memory; the file still has what was there.
+  EXPECT_TRUE(defaults.objectForKey("deeper").has_value());
+  EXPECT_FALSE(KVNUserDefaults(path_).objectForKey("deeper").has_value());
+  EXPECT_TRUE(KVNUserDefaults(path_).objectForKey("deep").has_value());
 }
 
 TEST_F(KVNUserDefaultsTest, ASecondDamagedFileInTheSameSecondGetsItsOwnName) {

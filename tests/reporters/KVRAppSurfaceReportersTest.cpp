@@ -1,9 +1,4 @@
 #include <gtest/gtest.h>
-
-#include <memory>
-#include <string>
-
-#include "ReporterBeaconCases.h"
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNError.h>
 #include <korvel/reporters/KVRAccountsReporter.h>
@@ -18,6 +13,11 @@
 #include <korvel/reporters/KVRUserPreferenceReporter.h>
 #include <korvel/reporters/KVRWebReporter.h>
 #include <korvel/reporters/KVRWidgetReporter.h>
+
+#include <memory>
+#include <string>
+
+#include "reporters/ReporterTestSupport.h"
 
 namespace korvel::testing {
 namespace {
@@ -38,156 +38,133 @@ const KVNError& migrationError() {
   return error;
 }
 
-WireParameters tagParameters(const KVRTagDetails* tag) {
-  return wire(KVRTaggingReporter::reportingParametersForTagDetails(tag));
-}
-
-class AppSurfaceBeaconTest : public BeaconTest, public ::testing::WithParamInterface<BeaconCase> {};
+class AppSurfaceBeaconTest : public ReportCaseTest {};
 
 TEST_P(AppSurfaceBeaconTest, SendsExactlyItsBeacon) {
-  expectSends(GetParam(), [this] { return onlySent(); }, tagParameters(&favouriteTag()));
+  expectBeacon(GetParam(), tagWire(&favouriteTag()));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Notification, AppSurfaceBeaconTest,
-    ::testing::ValuesIn(std::vector<BeaconCase>{
+    ::testing::ValuesIn(std::vector<ReportCase>{
         {"OpenedAddsItsData",
          [] {
            KVRNotificationReporter::reportNotificationOpenedWithBeaconData(
                {{"campaign", "spring"}, {"id", 5}});
          },
-         "deeplink",
-         {{"type", "notification"}, {"campaign", "spring"}, {"id", "5"}}},
+         "deeplink", "type=notification&campaign=spring&id=5"},
         {"OpenedDataNamesItsOwnType",
          [] {
            KVRNotificationReporter::reportNotificationOpenedWithBeaconData(
                {{"x", "1"}, {"type", "promo"}});
          },
-         "deeplink",
-         {{"type", "promo"}, {"x", "1"}}},
+         "deeplink", "type=promo&x=1"},
         {"AutoMatchSent", [] { KVRNotificationReporter::reportAutoMatchNotificationSent(); },
-         "userevent",
-         {{"type", "actionablenotificationsent"}, {"screenname", "automatched"}}},
+         "userevent", "type=actionablenotificationsent&screenname=automatched"},
         {"BackgroundMatchSent",
          [] { KVRNotificationReporter::reportBackgroundMatchLocalNotificationSent("TRACK-1"); },
-         "impression",
-         {{"type", "notification"}, {"deeplinkreferer", "background_tag"}, {"trackid", "TRACK-1"}}},
+         "impression", "type=notification&deeplinkreferer=background_tag&trackid=TRACK-1"},
         {"BackgroundMatchSentWithoutTrack",
          [] { KVRNotificationReporter::reportBackgroundMatchLocalNotificationSent(std::nullopt); },
-         "impression",
-         {{"type", "notification"}, {"deeplinkreferer", "background_tag"}}},
+         "impression", "type=notification&deeplinkreferer=background_tag"},
         {"BackgroundNoMatchSent",
          [] { KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationSent(); },
-         "impression",
-         {{"type", "notification"}, {"deeplinkreferer", "background_nomatch"}}},
+         "impression", "type=notification&deeplinkreferer=background_nomatch"},
         {"BackgroundNoMatchTapped",
          [] { KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationTapped(); },
-         "deeplink",
-         {{"type", "notification"}, {"deeplinkreferer", "background_nomatch"}}},
+         "deeplink", "type=notification&deeplinkreferer=background_nomatch"},
     }),
-    beaconCaseName);
+    reportCaseName);
 
 INSTANTIATE_TEST_SUITE_P(
     Authentication, AppSurfaceBeaconTest,
-    ::testing::ValuesIn(std::vector<BeaconCase>{
+    ::testing::ValuesIn(std::vector<ReportCase>{
         {"KorvelSuccessKeepsItsReason",
          [] {
            KVRAuthenticationReporter::
                reportKorvelLayerAuthenticationTokenGenerationSuccessWithSuccessType(3);
          },
-         "auth",
-         {{"type", "korveltokengen"}, {"outcome", "success"}, {"reason", "3"}}},
+         "auth", "type=korveltokengen&outcome=success&reason=3"},
         {"KorvelSuccessUnknownType",
          [] {
            KVRAuthenticationReporter::
                reportKorvelLayerAuthenticationTokenGenerationSuccessWithSuccessType(4);
          },
-         "auth",
-         {{"type", "korveltokengen"}, {"outcome", "success"}, {"reason", "0"}}},
+         "auth", "type=korveltokengen&outcome=success&reason=0"},
         {"KorvelFailure",
          [] {
            KVRAuthenticationReporter::
                reportKorvelLayerAuthenticationTokenGenerationFailureWithFailureType(7);
          },
-         "auth",
-         {{"type", "korveltokengen"}, {"outcome", "error"}, {"reason", "1"}}},
+         "auth", "type=korveltokengen&outcome=error&reason=1"},
         {"AMSSuccessDurationUnscaled",
          [] {
-           KVRAuthenticationReporter::reportAMSLayerAuthenticationTokenGenerationSuccessWithDuration(
-               1.25);
+           KVRAuthenticationReporter::
+               reportAMSLayerAuthenticationTokenGenerationSuccessWithDuration(1.25);
          },
-         "auth",
-         {{"type", "amstokengen"}, {"outcome", "success"}, {"duration", "1.25"}}},
+         "auth", "type=amstokengen&outcome=success&duration=1.25"},
         {"AMSFailedWithChain",
          [] {
            KVRAuthenticationReporter::
                reportAMSLayerAuthenticationTokenGenerationFailedWithErrorCodeChain("4:-1009", 0.5);
          },
-         "auth",
-         {{"type", "amstokengen"},
-          {"outcome", "error"},
-          {"duration", "0.5"},
-          {"errorcodechain", "4:-1009"}}},
+         "auth", "type=amstokengen&outcome=error&duration=0.5&errorcodechain=4:-1009"},
         {"AMSFailedWithoutChain",
          [] {
            KVRAuthenticationReporter::
                reportAMSLayerAuthenticationTokenGenerationFailedWithErrorCodeChain(std::nullopt, 2);
          },
-         "auth",
-         {{"type", "amstokengen"}, {"outcome", "error"}, {"duration", "2"}}},
+         "auth", "type=amstokengen&outcome=error&duration=2"},
     }),
-    beaconCaseName);
+    reportCaseName);
 
 INSTANTIATE_TEST_SUITE_P(
     AccountsSocialPrompt, AppSurfaceBeaconTest,
-    ::testing::ValuesIn(std::vector<BeaconCase>{
+    ::testing::ValuesIn(std::vector<ReportCase>{
         {"MigrationSucceeded",
          [] { KVRAccountsReporter::reportSuccessfulAccountMigrationImpressionForAccount(1); },
-         "impression",
-         {{"type", "migration"}, {"providername", "success"}, {"streamingservice", "spotify"}}},
+         "impression", "type=migration&providername=success&streamingservice=spotify"},
         {"MigrationFailedWithError",
          [] {
-           KVRAccountsReporter::reportFailedAccountMigrationImpressionForAccount(
-               0, &migrationError());
+           KVRAccountsReporter::reportFailedAccountMigrationImpressionForAccount(0,
+                                                                                 &migrationError());
          },
          "impression",
-         {{"type", "migration"},
-          {"providername", "failure"},
-          {"error", "Error Domain=KVRAccounts Code=5 \"Migration failed\""},
-          {"streamingservice", "applemusic"}}},
+         "type=migration&providername=failure&error=Error Domain=KVRAccounts Code=5 \"Migration "
+         "failed\"&streamingservice=applemusic"},
         {"MigrationFailedWithoutError",
          [] { KVRAccountsReporter::reportFailedAccountMigrationImpressionForAccount(1, nullptr); },
-         "impression",
-         {{"type", "migration"}, {"providername", "failure"}, {"streamingservice", "spotify"}}},
+         "impression", "type=migration&providername=failure&streamingservice=spotify"},
 
         {"TookScreenshot", [] { KVRSocialReporter::reportTookScreenshot(); }, "userevent",
-         {{"type", "tookscreenshot"}}},
+         "type=tookscreenshot"},
         {"EducationSeen", [] { KVRSocialReporter::reportMyKorvelScreenshotEducationSeen(); },
-         "userevent", {{"type", "mykorveleducationseen"}}},
+         "userevent", "type=mykorveleducationseen"},
         {"EducationActionTapped",
-         [] { KVRSocialReporter::reportMyKorvelScreenshotEducationActionTapped(); },
-         "userevent", {{"type", "mykorveleducationactiontapped"}}},
+         [] { KVRSocialReporter::reportMyKorvelScreenshotEducationActionTapped(); }, "userevent",
+         "type=mykorveleducationactiontapped"},
         {"SocialLink", [] { KVRSocialReporter::reportTappedSocialMediaLink(2); }, "userevent",
-         {{"type", "opensocialnetwork"}, {"providername", "facebook"}}},
+         "type=opensocialnetwork&providername=facebook"},
 
-        {"PromptShown", [] { KVRPromptReporter::reportImpressionForPromptType(3); },
-         "impression", {{"type", "prompt"}, {"providername", "photo_write_permissions"}}},
+        {"PromptShown", [] { KVRPromptReporter::reportImpressionForPromptType(3); }, "impression",
+         "type=prompt&providername=photo_write_permissions"},
         {"PromptShownUnknownType", [] { KVRPromptReporter::reportImpressionForPromptType(0); },
-         "impression", {{"type", "prompt"}, {"providername", "calendar_permissions"}}},
+         "impression", "type=prompt&providername=calendar_permissions"},
         {"PromptAction", [] { KVRPromptReporter::reportAction(1, 4); }, "userevent",
-         {{"type", "prompt"}, {"providername", "offline_notify"}, {"action", "notify_me"}}},
+         "type=prompt&providername=offline_notify&action=notify_me"},
         {"PromptActionUnknowns", [] { KVRPromptReporter::reportAction(4, 5); }, "userevent",
-         {{"type", "prompt"}, {"providername", "calendar_permissions"}, {"action", "cancel"}}},
+         "type=prompt&providername=calendar_permissions&action=cancel"},
     }),
-    beaconCaseName);
+    reportCaseName);
 
 INSTANTIATE_TEST_SUITE_P(
     WebWidgetPlayerConsent, AppSurfaceBeaconTest,
-    ::testing::ValuesIn(std::vector<BeaconCase>{
+    ::testing::ValuesIn(std::vector<ReportCase>{
         {"WebBeaconEventIsThePath",
-         [] { KVRWebReporter::reportWebBeaconWithParameters({{"page", "charts"}}, "webvisit"); },
-         "webvisit",
-         {{"type", "webbeacon"}, {"page", "charts"}}},
+         [] {
+           KVRWebReporter::reportWebBeaconWithParameters({{"page", "charts"}}, "webvisit");
+         },
+         "webvisit", "type=webbeacon&page=charts"},
         {"WebBeaconOwnTypeWins",
          [] {
            KVRWebReporter::reportWebBeaconWithParameters({{"a", "b & c"}, {"type", "promo"}},
@@ -197,43 +174,39 @@ INSTANTIATE_TEST_SUITE_P(
          {{"type", "promo"}, {"a", "b & c"}}},
 
         {"HasWidgets", [] { KVRWidgetReporter::reportUserHasiOS14Widgets(true); }, "widget",
-         {{"widget", "1"}}},
+         "widget=1"},
         {"HasNoWidgets", [] { KVRWidgetReporter::reportUserHasiOS14Widgets(false); }, "widget",
-         {{"widget", "0"}}},
+         "widget=0"},
 
         {"ToArtistPage", [] { KVRPlayerReporter::reportNavigationToArtistPage(); }, "userevent",
-         {{"type", "nav"}, {"origin", "player"}, {"destination", "artist"}}},
+         "type=nav&origin=player&destination=artist"},
         {"TrackTappedProviderAfterTag",
          [] {
            KVRPlayerReporter::reportUserTappedOnTrackInPlayerTracklistWithTagDetails(
                &favouriteTag(), "applemusic");
          },
-         "userevent",
-         {{"type", "playerplay"}, kTagParameters, {"providername", "applemusic"}}},
+         "userevent", "type=playerplay&{tag}&providername=applemusic"},
         {"TrackTappedWithNothing",
          [] {
-           KVRPlayerReporter::reportUserTappedOnTrackInPlayerTracklistWithTagDetails(
-               nullptr, std::nullopt);
+           KVRPlayerReporter::reportUserTappedOnTrackInPlayerTracklistWithTagDetails(nullptr,
+                                                                                     std::nullopt);
          },
-         "userevent",
-         {{"type", "playerplay"}}},
+         "userevent", "type=playerplay"},
         {"SavePlaylist",
          [] {
            KVRPlayerReporter::reportUserTappedSavePlaylistWithStreamingServiceProviderName(
                "spotify");
          },
-         "userevent",
-         {{"type", "saveplaylist"}, {"providername", "spotify"}}},
+         "userevent", "type=saveplaylist&providername=spotify"},
         {"SavePlaylistWithoutProvider",
          [] {
            KVRPlayerReporter::reportUserTappedSavePlaylistWithStreamingServiceProviderName(
                std::nullopt);
          },
-         "userevent",
-         {{"type", "saveplaylist"}}},
+         "userevent", "type=saveplaylist"},
         {"ScrolledToBottomIsTheScrollEvent",
          [] { KVRPlayerReporter::reportUserScrolledToBottomOfTracklist(); }, "userevent",
-         {{"type", "userscrolled"}}},
+         "type=userscrolled"},
 
         {"ConsentNewUserKeepsFraction",
          [] {
@@ -241,71 +214,49 @@ INSTANTIATE_TEST_SUITE_P(
                KVRDate{1700000000.25}, true);
          },
          "userevent",
-         {{"type", "consent"},
-          {"screenname", "pipl"},
-          {"newuser", "true"},
-          {"xbdt", "agree"},
-          {"xbdt_timestamp", "1700000000.25"}}},
+         "type=consent&screenname=pipl&newuser=true&xbdt=agree&xbdt_timestamp=1700000000.25"},
         {"ConsentReturningUser",
          [] {
-           KVRPrivacyConsentReporter::reportChinaPIPLPrivacyConsentGrantedAtTimestamp(
-               KVRDate{-1.5}, false);
+           KVRPrivacyConsentReporter::reportChinaPIPLPrivacyConsentGrantedAtTimestamp(KVRDate{-1.5},
+                                                                                      false);
          },
-         "userevent",
-         {{"type", "consent"},
-          {"screenname", "pipl"},
-          {"newuser", "false"},
-          {"xbdt", "agree"},
-          {"xbdt_timestamp", "-1.5"}}},
+         "userevent", "type=consent&screenname=pipl&newuser=false&xbdt=agree&xbdt_timestamp=-1.5"},
     }),
-    beaconCaseName);
+    reportCaseName);
 
 INSTANTIATE_TEST_SUITE_P(
     IMessageAndFavourites, AppSurfaceBeaconTest,
-    ::testing::ValuesIn(std::vector<BeaconCase>{
+    ::testing::ValuesIn(std::vector<ReportCase>{
         {"Opened", [] { KVRIMessageReporter::reportIMessageOpened(); }, "userevent",
-         {{"type", "imessageopen"}}},
+         "type=imessageopen"},
         {"Expanded", [] { KVRIMessageReporter::reportIMessageExpandedForTrackID("T1"); },
-         "userevent", {{"type", "imessagetagopen"}, {"trackkey", "T1"}}},
+         "userevent", "type=imessagetagopen&trackkey=T1"},
         {"WillSend", [] { KVRIMessageReporter::reportIMessageWillSendMessageForTrackID("T1"); },
-         "userevent", {{"type", "imessagesent"}, {"trackkey", "T1"}}},
+         "userevent", "type=imessagesent&trackkey=T1"},
         {"WillSendWithoutTrack",
          [] { KVRIMessageReporter::reportIMessageWillSendMessageForTrackID(std::nullopt); },
-         "userevent", {{"type", "imessagesent"}}},
+         "userevent", "type=imessagesent"},
         {"WillSendFromOrigin",
-         [] { KVRIMessageReporter::reportIMessageWillSendMessageFromOrigin(1, "T1"); },
-         "userevent",
-         {{"type", "imessagesent"}, {"trackkey", "T1"}, {"origin", "imessage_mykorvel"}}},
+         [] { KVRIMessageReporter::reportIMessageWillSendMessageFromOrigin(1, "T1"); }, "userevent",
+         "type=imessagesent&trackkey=T1&origin=imessage_mykorvel"},
         {"TapPlayIsAlwaysFromATag",
-         [] { KVRIMessageReporter::reportIMessageTapPlayWithTrackID("T1"); },
-         "userevent",
-         {{"type", "nav"}, {"trackkey", "T1"}, {"destination", "korvel"},
-          {"origin", "imessagetag"}}},
+         [] { KVRIMessageReporter::reportIMessageTapPlayWithTrackID("T1"); }, "userevent",
+         "type=nav&trackkey=T1&destination=korvel&origin=imessagetag"},
         {"OpenAppleMusic",
          [] { KVRIMessageReporter::reportIMessageOpenAppleMusicTappedFromOrigin(-4, "T1"); },
-         "userevent",
-         {{"type", "open"}, {"providername", "applemusic"}, {"trackkey", "T1"},
-          {"origin", "manual"}}},
+         "userevent", "type=open&providername=applemusic&trackkey=T1&origin=manual"},
 
         // Without a delegate there is no screen name, so the fallback sends
         // no source at all.
         {"FavouriteFromPlayer",
          [] { KVRUserPreferenceReporter::reportUpdatedFavouriteStatusForTag(&favouriteTag(), 1); },
          "userevent",
-         {{"type", "add_to"},
-          kTagParameters,
-          {"favouritesource", "PLAYER"},
-          {"favouritevalue", "1"},
-          {"providername", "addtomytags"}}},
+         "type=add_to&{tag}&favouritesource=PLAYER&favouritevalue=1&providername=addtomytags"},
         {"FavouriteFromScreenWithoutScreenName",
          [] { KVRUserPreferenceReporter::reportUpdatedFavouriteStatusForTag(&favouriteTag(), 3); },
-         "userevent",
-         {{"type", "add_to"},
-          kTagParameters,
-          {"favouritevalue", "1"},
-          {"providername", "addtomytags"}}},
+         "userevent", "type=add_to&{tag}&favouritevalue=1&providername=addtomytags"},
     }),
-    beaconCaseName);
+    reportCaseName);
 
 // MARK: - Favourite origins and the current screen
 
@@ -315,27 +266,22 @@ TEST_F(FavouriteOriginTest, OriginTableWithScreenNameFallback) {
   KVRUserSession::setUserSessionDelegate(std::make_shared<ScreenNameDelegate>("tagdetails"));
   struct Row {
     int64_t origin;
-    WireParameters keys;
+    const char* keys;
   };
   const std::vector<Row> rows = {
-      {kInt64Min, {{"favouritesource", "tagdetails"}}},
-      {-1, {{"favouritesource", "tagdetails"}}},
-      {0, {{"favouritesource", "tagdetails"}}},
-      {1, {{"favouritesource", "PLAYER"}}},
-      {2, {{"favouritesource", "AUDIO"}}},
-      {3, {{"favouritesource", "tagdetails"}}},
-      {4, {{"favouritesource", "tagdetails"}}},
-      {5, {{"origin", "track_overflow"}}},
-      {6, {{"origin", "deeplink"}}},
-      {7, {{"favouritesource", "tagdetails"}}},
-      {kInt64Max, {{"favouritesource", "tagdetails"}}},
+      {kInt64Min, "favouritesource=tagdetails"}, {-1, "favouritesource=tagdetails"},
+      {0, "favouritesource=tagdetails"},         {1, "favouritesource=PLAYER"},
+      {2, "favouritesource=AUDIO"},              {3, "favouritesource=tagdetails"},
+      {4, "favouritesource=tagdetails"},         {5, "origin=track_overflow"},
+      {6, "origin=deeplink"},                    {7, "favouritesource=tagdetails"},
+      {kInt64Max, "favouritesource=tagdetails"},
   };
   for (const auto& row : rows) {
     executor_->clear();
     KVRUserPreferenceReporter::reportUpdatedFavouriteStatusForTag(&favouriteTag(), row.origin);
     const WireParameters expected =
-        WireParameters{{"type", "add_to"}} + tagParameters(&favouriteTag()) + row.keys +
-        WireParameters{{"favouritevalue", "1"}, {"providername", "addtomytags"}};
+        params("type=add_to") + tagWire(&favouriteTag()) + params(row.keys) +
+        params("favouritevalue=1&providername=addtomytags");
     EXPECT_EQ(withoutDelegateParameters(onlySent()), expected) << "origin " << row.origin;
   }
 }
@@ -343,8 +289,8 @@ TEST_F(FavouriteOriginTest, OriginTableWithScreenNameFallback) {
 TEST_F(FavouriteOriginTest, MissingTagStillSendsTheBaseParametersAsNotFavourite) {
   KVRUserPreferenceReporter::reportUpdatedFavouriteStatusForTag(nullptr, 6);
   const WireParameters expected =
-      WireParameters{{"type", "add_to"}} + tagParameters(nullptr) +
-      WireParameters{{"origin", "deeplink"}, {"favouritevalue", "0"}, {"providername", "addtomytags"}};
+      params("type=add_to") + tagWire(nullptr) +
+      params("origin=deeplink&favouritevalue=0&providername=addtomytags");
   EXPECT_EQ(onlySent().parameters(), expected);
 }
 
@@ -362,61 +308,17 @@ TEST_F(IMessageReturnTest, OpenAppleMusicReturnsTheSentBeaconsUUID) {
 
 // MARK: - Word tables and codes
 
-TEST(AppSurfaceWords, PromptTypesStartAtOne) {
-  expectMapping(&KVRPromptReporter::promptTypeStringForPromptType,
-                {std::pair<int64_t, std::string>{kInt64Min, "calendar_permissions"},
-                 {-1, "calendar_permissions"},
-                 {0, "calendar_permissions"},
-                 {1, "location_permissions"},
-                 {2, "notif_permissions"},
-                 {3, "photo_write_permissions"},
-                 {4, "offline_notify"},
-                 {5, "calendar_permissions"},
-                 {kInt64Max, "calendar_permissions"}});
-}
-
-TEST(AppSurfaceWords, PromptActionsStartAtOne) {
-  expectMapping(&KVRPromptReporter::actionStringForAction,
-                {std::pair<int64_t, std::string>{kInt64Min, "cancel"},
-                 {-1, "cancel"},
-                 {0, "cancel"},
-                 {1, "notify_me"},
-                 {2, "ok"},
-                 {3, "settings"},
-                 {4, "cancel"},
-                 {kInt64Max, "cancel"}});
-}
-
-TEST(AppSurfaceWords, AccountsProviders) {
-  expectMapping(&KVRAccountsReporter::accountsProviderStringFromAccountsProvider,
-                {std::pair<int64_t, std::string>{kInt64Min, "applemusic"},
-                 {-1, "applemusic"},
-                 {0, "applemusic"},
-                 {1, "spotify"},
-                 {2, "applemusic"},
-                 {kInt64Max, "applemusic"}});
-}
-
-TEST(AppSurfaceWords, SocialNetworks) {
-  expectMapping(&KVRSocialReporter::stringForSocialNetworkType,
-                {std::pair<int64_t, std::string>{kInt64Min, "twitter"},
-                 {-1, "twitter"},
-                 {0, "twitter"},
-                 {1, "instagram"},
-                 {2, "facebook"},
-                 {3, "twitter"},
-                 {kInt64Max, "twitter"}});
-}
-
-TEST(AppSurfaceWords, IMessageOrigins) {
-  expectMapping(&KVRIMessageReporter::imessageOriginStringForIMessageOrigin,
-                {std::pair<int64_t, std::string>{kInt64Min, "manual"},
-                 {-1, "manual"},
-                 {0, "manual"},
-                 {1, "imessage_mykorvel"},
-                 {2, "imessagetag"},
-                 {3, "manual"},
-                 {kInt64Max, "manual"}});
+TEST(AppSurfaceWords, TablesStartAtOne) {
+  expectWordTable(&KVRPromptReporter::promptTypeStringForPromptType, 1,
+                  "location_permissions notif_permissions photo_write_permissions offline_notify",
+                  "calendar_permissions");
+  expectWordTable(&KVRPromptReporter::actionStringForAction, 1, "notify_me ok settings", "cancel");
+  expectWordTable(&KVRAccountsReporter::accountsProviderStringFromAccountsProvider, 1, "spotify",
+                  "applemusic");
+  expectWordTable(&KVRSocialReporter::stringForSocialNetworkType, 1, "instagram facebook",
+                  "twitter");
+  expectWordTable(&KVRIMessageReporter::imessageOriginStringForIMessageOrigin, 1,
+                  "imessage_mykorvel imessagetag", "manual");
 }
 
 TEST(AppSurfaceWords, PlayerContentIsAlwaysAPlaylist) {
@@ -435,13 +337,9 @@ TEST(AppSurfaceWords, AuthenticationReasonCodes) {
                  {3, 3},
                  {4, 0},
                  {kInt64Max, 0}});
-  expectMapping(&KVRAuthenticationReporter::reasonCodeFromFailureType,
-                {std::pair<int64_t, int64_t>{kInt64Min, 1},
-                 {-1, 1},
-                 {0, 0},
-                 {1, 1},
-                 {7, 1},
-                 {kInt64Max, 1}});
+  expectMapping(
+      &KVRAuthenticationReporter::reasonCodeFromFailureType,
+      {std::pair<int64_t, int64_t>{kInt64Min, 1}, {-1, 1}, {0, 0}, {1, 1}, {7, 1}, {kInt64Max, 1}});
 }
 
 }  // namespace

@@ -1,23 +1,22 @@
 #include <gtest/gtest.h>
-
-#include <nlohmann/json.hpp>
-
-#include <memory>
-#include <stdexcept>
-#include <string>
-
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNError.h>
 #include <korvel/reporters/KVRLibraryReporter.h>
 #include <korvel/reporters/KVRLibrarySyncReporter.h>
 #include <korvel/reporters/KVRTagSyncReporter.h>
 #include <korvel/reporters/KVRTaggingReporter.h>
-#include "ReporterBeaconCases.h"
+
+#include <memory>
+#include <nlohmann/json.hpp>
+#include <stdexcept>
+#include <string>
+
+#include "reporters/ReporterTestSupport.h"
 
 namespace korvel::testing {
 namespace {
 
-const KVRTagDetails& sampleTag() {
+const KVRTagDetails& libraryTag() {
   static const KVRTagDetails tag = [] {
     KVRTagDetails t;
     t.trackID = "TRACK-1";
@@ -40,85 +39,61 @@ std::shared_ptr<const KVNError> errorChain(std::initializer_list<int64_t> codes)
 
 // MARK: - Beacons
 
-class LibraryBeaconTest : public BeaconTest, public ::testing::WithParamInterface<BeaconCase> {};
+class LibraryBeaconTest : public ReportCaseTest {};
 
 TEST_P(LibraryBeaconTest, SendsExactlyItsBeacon) {
-  expectSends(GetParam(), [this] { return onlySent(); },
-              wire(KVRTaggingReporter::reportingParametersForTagDetails(&sampleTag())));
+  expectBeacon(GetParam(), tagWire(&libraryTag()));
 }
 
 INSTANTIATE_TEST_SUITE_P(
     Library, LibraryBeaconTest,
-    ::testing::ValuesIn(std::vector<BeaconCase>{
+    ::testing::ValuesIn(std::vector<ReportCase>{
         {"ImpressionWithTag",
-         [] { KVRLibraryReporter::reportLibraryImpressionOfType(4, &sampleTag()); },
-         "impression",
-         {{"providername", "trending"}, kTagParameters}},
+         [] { KVRLibraryReporter::reportLibraryImpressionOfType(4, &libraryTag()); }, "impression",
+         "providername=trending&{tag}"},
         {"ImpressionUnknownTypeNoTag",
-         [] { KVRLibraryReporter::reportLibraryImpressionOfType(99, nullptr); },
-         "impression",
-         {{"providername", "history"}}},
+         [] { KVRLibraryReporter::reportLibraryImpressionOfType(99, nullptr); }, "impression",
+         "providername=history"},
         {"OpenedTrack",
-         [] { KVRLibraryReporter::reportOpenedTrack(&sampleTag(), KVRValue(3), 6); },
-         "userevent",
-         {{"type", "nav"},
-          {"destination", "details"},
-          {"cardposition", "3"},
-          {"cardtype", "icloud_halfsheet"},
-          kTagParameters}},
+         [] { KVRLibraryReporter::reportOpenedTrack(&libraryTag(), KVRValue(3), 6); }, "userevent",
+         "type=nav&destination=details&cardposition=3&cardtype=icloud_halfsheet&{tag}"},
         {"OpenedTrackWithoutPositionOrTag",
-         [] { KVRLibraryReporter::reportOpenedTrack(nullptr, std::nullopt, -1); },
-         "userevent",
-         {{"type", "nav"}, {"destination", "details"}, {"cardtype", "history"}}},
+         [] { KVRLibraryReporter::reportOpenedTrack(nullptr, std::nullopt, -1); }, "userevent",
+         "type=nav&destination=details&cardtype=history"},
         // The position follows the tag: written after the merge, it wins.
         {"PlayTrackGoesOutAsPlayback",
-         [] { KVRLibraryReporter::reportPlayTrack(&sampleTag(), "spotify", KVRValue(2)); },
-         "userevent",
-         {{"type", "playerplay"}, {"providername", "spotify"}, kTagParameters,
-          {"cardposition", "2"}}},
-        {"SeeAllWithOrigin",
-         [] { KVRLibraryReporter::reportTappedSeeAllForType(5, "library"); },
-         "userevent",
-         {{"type", "nav"}, {"destination", "playlistsforyou"}, {"origin", "library"}}},
+         [] { KVRLibraryReporter::reportPlayTrack(&libraryTag(), "spotify", KVRValue(2)); },
+         "userevent", "type=playerplay&providername=spotify&{tag}&cardposition=2"},
+        {"SeeAllWithOrigin", [] { KVRLibraryReporter::reportTappedSeeAllForType(5, "library"); },
+         "userevent", "type=nav&destination=playlistsforyou&origin=library"},
         {"SeeAllWithoutOrigin",
-         [] { KVRLibraryReporter::reportTappedSeeAllForType(0, std::nullopt); },
-         "userevent",
-         {{"type", "nav"}, {"destination", "history"}}},
+         [] { KVRLibraryReporter::reportTappedSeeAllForType(0, std::nullopt); }, "userevent",
+         "type=nav&destination=history"},
         {"UpsellCard", [] { KVRLibraryReporter::reportOpenedUpsellCard(); }, "userevent",
-         {{"type", "nav"}, {"destination", "amupsell"}}},
+         "type=nav&destination=amupsell"},
         {"SearchTapped", [] { KVRLibraryReporter::reportSearchTapped(); }, "userevent",
-         {{"type", "nav"}, {"destination", "search"}}},
+         "type=nav&destination=search"},
         {"KorvelButton", [] { KVRLibraryReporter::reportKorvelButtonTapped(); }, "userevent",
-         {{"type", "nav"}, {"destination", "home"}}},
+         "type=nav&destination=home"},
 
         {"AuthorizedSyncFromOptOut",
-         [] { KVRLibrarySyncReporter::reportUserAuthorizedSyncWithOrigin(1); },
-         "userevent",
-         {{"type", "accountlogin"},
-          {"action", "signin"},
-          {"origin", "optout"},
-          {"providername", "icloud"}}},
+         [] { KVRLibrarySyncReporter::reportUserAuthorizedSyncWithOrigin(1); }, "userevent",
+         "type=accountlogin&action=signin&origin=optout&providername=icloud"},
         {"AuthorizedSyncFromMigration",
-         [] { KVRLibrarySyncReporter::reportUserAuthorizedSyncWithOrigin(0); },
-         "userevent",
-         {{"type", "accountlogin"},
-          {"action", "signin"},
-          {"origin", "authmigration_anon"},
-          {"providername", "icloud"}}},
+         [] { KVRLibrarySyncReporter::reportUserAuthorizedSyncWithOrigin(0); }, "userevent",
+         "type=accountlogin&action=signin&origin=authmigration_anon&providername=icloud"},
         {"PrivacyTapped",
          [] {
            KVRLibrarySyncReporter::reportSyncStatusPrivacyTappedWithOrigin(
                KVRLibrarySyncStatusTemporarilyUnavailable);
          },
-         "userevent",
-         {{"type", "nav"}, {"destination", "privacy"}, {"origin", "temporarilyunavailable"}}},
+         "userevent", "type=nav&destination=privacy&origin=temporarilyunavailable"},
         {"PrivacyTappedUnknownStatus",
          [] {
            KVRLibrarySyncReporter::reportSyncStatusPrivacyTappedWithOrigin(
                KVRLibrarySyncStatusValue(-3));
          },
-         "userevent",
-         {{"type", "nav"}, {"destination", "privacy"}, {"origin", "icloudon"}}},
+         "userevent", "type=nav&destination=privacy&origin=icloudon"},
 
         // "removed" goes out as "deleted", after "updated"; no "type".
         {"SyncResultFull",
@@ -127,101 +102,47 @@ INSTANTIATE_TEST_SUITE_P(
                                                 KVRValue(3), KVRValue(4), nullptr);
          },
          "tagsync",
-         {{"result", "success"},
-          {"container", "original"},
-          {"syncstep", "2"},
-          {"uploaded", "10"},
-          {"added", "2"},
-          {"updated", "4"},
-          {"deleted", "3"}}},
+         "result=success&container=original&syncstep=2&uploaded=10&added=2&updated=4&deleted=3"},
         {"SyncResultErrorOnly",
          [] {
            KVRTagSyncReporter::reportSyncResult(std::nullopt, 5, 3, std::nullopt, std::nullopt,
                                                 std::nullopt, std::nullopt,
                                                 errorChain({4, -1009}).get());
          },
-         "tagsync",
-         {{"container", "e2ee"}, {"error", "4:-1009"}}},
+         "tagsync", "container=e2ee&error=4:-1009"},
         {"SyncResultNegativeStepHasNoStep",
          [] {
            KVRTagSyncReporter::reportSyncResult("failed", -1, -1, std::nullopt, KVRValue(0),
                                                 std::nullopt, std::nullopt, nullptr);
          },
-         "tagsync",
-         {{"result", "failed"}, {"container", "e2ee"}, {"added", "0"}}},
+         "tagsync", "result=failed&container=e2ee&added=0"},
     }),
-    beaconCaseName);
+    reportCaseName);
 
 // MARK: - Word tables
 
-TEST(LibraryReporterWords, CardTypes) {
-  expectMapping(&KVRLibraryReporter::reportingStringForType,
-                {std::pair<int64_t, std::string>{kInt64Min, "history"},
-                 {-1, "history"},
-                 {0, "history"},
-                 {1, "amupsell"},
-                 {2, "ammodalupsell"},
-                 {3, "search"},
-                 {4, "trending"},
-                 {5, "playlistsforyou"},
-                 {6, "icloud_halfsheet"},
-                 {7, "history"},
-                 {kInt64Max, "history"}});
-}
-
-TEST(LibrarySyncReporterWords, StatusesDefaultToSyncOn) {
+TEST(LibraryReporterWords, TablesAndTheirFallbacks) {
+  expectWordTable(&KVRLibraryReporter::reportingStringForType, 1,
+                  "amupsell ammodalupsell search trending playlistsforyou icloud_halfsheet",
+                  "history");
   const auto statusWord = [](int64_t raw) {
     return KVRLibrarySyncReporter::stringFromStatusValue(KVRLibrarySyncStatusValue(raw));
   };
-  expectMapping(statusWord, {std::pair<int64_t, std::string>{kInt64Min, "icloudon"},
-                             {-3, "icloudon"},
-                             {-1, "icloudon"},
-                             {0, "icloudon"},
-                             {1, "optout"},
-                             {2, "notdetermined"},
-                             {3, "noicloudaccess"},
-                             {4, "restricted"},
-                             {5, "icloudfull"},
-                             {6, "temporarilyunavailable"},
-                             {7, "icloudon"},
-                             {kInt64Max, "icloudon"}});
+  expectWordTable(
+      statusWord, 1,
+      "optout notdetermined noicloudaccess restricted icloudfull temporarilyunavailable",
+      "icloudon");
   for (int64_t raw : {kInt64Min, int64_t{0}, int64_t{3}, int64_t{7}}) {
     EXPECT_EQ(KVRLibrarySyncReporter::providerStringForSettingsLibrarySyncStatus(
                   KVRLibrarySyncStatusValue(raw)),
               statusWord(raw));
   }
-}
-
-TEST(LibrarySyncReporterWords, AuthorizationOrigins) {
-  expectMapping(&KVRLibrarySyncReporter::stringFromAuthorizationOrigin,
-                {std::pair<int64_t, std::string>{kInt64Min, "authmigration_anon"},
-                 {-1, "authmigration_anon"},
-                 {0, "authmigration_anon"},
-                 {1, "optout"},
-                 {2, "authmigration_anon"},
-                 {kInt64Max, "authmigration_anon"}});
-}
-
-TEST(TagSyncReporterWords, Containers) {
-  expectMapping(&KVRTagSyncReporter::stringForContainer,
-                {std::pair<int64_t, std::string>{kInt64Min, "e2ee"},
-                 {-1, "e2ee"},
-                 {0, "original"},
-                 {1, "e2ee"},
-                 {5, "e2ee"},
-                 {kInt64Max, "e2ee"}});
-}
-
-TEST(TagSyncReporterWords, StepsCountFromOneOnTheWire) {
-  using Step = std::optional<std::string>;
-  expectMapping(&KVRTagSyncReporter::stringForSyncStep,
-                {std::pair<int64_t, Step>{kInt64Min, std::nullopt},
-                 {-1, std::nullopt},
-                 {0, "1"},
-                 {1, "2"},
-                 {2, "other"},
-                 {3, std::nullopt},
-                 {kInt64Max, std::nullopt}});
+  expectWordTable(&KVRLibrarySyncReporter::stringFromAuthorizationOrigin, 1, "optout",
+                  "authmigration_anon");
+  expectWordTable(&KVRTagSyncReporter::stringForContainer, 0, "original", "e2ee");
+  // Steps count from one on the wire.
+  expectWordTable(&KVRTagSyncReporter::stringForSyncStep, 0, "1 2 other",
+                  std::optional<std::string>());
 }
 
 // MARK: - Error code chains
@@ -229,8 +150,7 @@ TEST(TagSyncReporterWords, StepsCountFromOneOnTheWire) {
 TEST(TagSyncErrorCodes, FollowTheUnderlyingChainOutermostFirst) {
   EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(nullptr), std::nullopt);
   EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(errorChain({7}).get()), "7");
-  EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(errorChain({4, -1009}).get()),
-            "4:-1009");
+  EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(errorChain({4, -1009}).get()), "4:-1009");
   EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(errorChain({1, 2, 3}).get()), "1:2:3");
   EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(errorChain({kInt64Min, kInt64Max}).get()),
             "-9223372036854775808:9223372036854775807");
@@ -260,8 +180,8 @@ TEST(TagSyncErrorCodes, SelfReferentialChainsEndAtTheFirstRepeat) {
   EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(self.get()), "1");
 
   auto first = std::make_shared<KVNError>("KVRTest", 1);
-  auto second = std::make_shared<const KVNError>(
-      KVNError::withUnderlying("KVRTest", 2, std::nullopt, first));
+  auto second =
+      std::make_shared<const KVNError>(KVNError::withUnderlying("KVRTest", 2, std::nullopt, first));
   *first = KVNError::withUnderlying("KVRTest", 1, std::nullopt, second);
   EXPECT_EQ(KVRTagSyncReporter::errorCodesStringForError(first.get()), "1:2");
 
@@ -293,8 +213,8 @@ TEST(LibrarySyncStatusValue, DecodesAnyRawValueAndRoundTrips) {
 }
 
 TEST(LibrarySyncStatusValue, RejectsAnythingButOneFittingInteger) {
-  for (const char* text : {"\"3\"", "3.5", "null", "true", "[3]", "{\"rawValue\":3}",
-                           "18446744073709551615"}) {
+  for (const char* text :
+       {"\"3\"", "3.5", "null", "true", "[3]", "{\"rawValue\":3}", "18446744073709551615"}) {
     EXPECT_THROW(KVRLibrarySyncStatusValue::fromJSON(nlohmann::json::parse(text)),
                  std::invalid_argument)
         << text;

@@ -1,51 +1,34 @@
 #include <gtest/gtest.h>
+#include <korvel/reporters/KVRImpressionReporter.h>
+#include <korvel/reporters/KVRSearchReporter.h>
 
 #include <string>
 
-#include "ReporterBeaconCases.h"
-#include <korvel/reporters/KVRImpressionReporter.h>
-#include <korvel/reporters/KVRSearchReporter.h>
+#include "reporters/ReporterTestSupport.h"
 
 namespace korvel::testing {
 namespace {
 
-class SearchImpressionBeaconTest : public BeaconTest,
-                                   public ::testing::WithParamInterface<BeaconCase> {};
+class SearchImpressionBeaconTest : public ReportCaseTest {};
 
-TEST_P(SearchImpressionBeaconTest, SendsExactlyItsBeacon) {
-  expectSends(GetParam(), [this] { return onlySent(); });
-}
+TEST_P(SearchImpressionBeaconTest, SendsExactlyItsBeacon) { expectBeacon(GetParam()); }
 
 INSTANTIATE_TEST_SUITE_P(
     Search, SearchImpressionBeaconTest,
-    ::testing::ValuesIn(std::vector<BeaconCase>{
+    ::testing::ValuesIn(std::vector<ReportCase>{
         {"SearchEntered", [] { KVRSearchReporter::reportSearchWithAction(0); }, "userevent",
-         {{"type", "search"}, {"action", "search_enter"}}},
+         "type=search&action=search_enter"},
         {"SearchFromHint", [] { KVRSearchReporter::reportSearchWithAction(7); }, "userevent",
-         {{"type", "search"}, {"action", "search_hint"}}},
-        {"OpenedArtistWithLyrics",
-         [] { KVRSearchReporter::reportOpenSearchResultType(3, true); },
-         "userevent",
-         {{"type", "search"},
-          {"action", "launch"},
-          {"searchresulttype", "artist"},
-          {"haslyrics", "1"}}},
+         "type=search&action=search_hint"},
+        {"OpenedArtistWithLyrics", [] { KVRSearchReporter::reportOpenSearchResultType(3, true); },
+         "userevent", "type=search&action=launch&searchresulttype=artist&haslyrics=1"},
         {"OpenedUnknownTypeFallsBackToSong",
-         [] { KVRSearchReporter::reportOpenSearchResultType(9, true); },
-         "userevent",
-         {{"type", "search"},
-          {"action", "launch"},
-          {"searchresulttype", "song"},
-          {"haslyrics", "1"}}},
-        {"OpenedWithoutLyrics",
-         [] { KVRSearchReporter::reportOpenSearchResultType(5, false); },
-         "userevent",
-         {{"type", "search"},
-          {"action", "launch"},
-          {"searchresulttype", "topresult_artist"},
-          {"haslyrics", "0"}}},
+         [] { KVRSearchReporter::reportOpenSearchResultType(9, true); }, "userevent",
+         "type=search&action=launch&searchresulttype=song&haslyrics=1"},
+        {"OpenedWithoutLyrics", [] { KVRSearchReporter::reportOpenSearchResultType(5, false); },
+         "userevent", "type=search&action=launch&searchresulttype=topresult_artist&haslyrics=0"},
         {"ChartsCard", [] { KVRSearchReporter::reportChartsCardTappedInSearch(); }, "userevent",
-         {{"type", "nav"}, {"destination", "charts"}, {"origin", "charts_card"}}},
+         "type=nav&destination=charts&origin=charts_card"},
         {"RadioSpinsTapped",
          [] {
            KVRSearchReporter::reportRadioSpinsCardTappedWithURL(
@@ -57,9 +40,8 @@ INSTANTIATE_TEST_SUITE_P(
           {"origin", "top_200"},
           {"providername", "radio_spins"}}},
         {"RadioSpinsTappedWithoutURL",
-         [] { KVRSearchReporter::reportRadioSpinsCardTappedWithURL(std::nullopt); },
-         "userevent",
-         {{"type", "nav"}, {"origin", "top_200"}, {"providername", "radio_spins"}}},
+         [] { KVRSearchReporter::reportRadioSpinsCardTappedWithURL(std::nullopt); }, "userevent",
+         "type=nav&origin=top_200&providername=radio_spins"},
         // Same keys as the tap, provider first and no "type".
         {"RadioSpinsImpression",
          [] {
@@ -67,76 +49,54 @@ INSTANTIATE_TEST_SUITE_P(
                KVRURL{"https://radio.test/spins"});
          },
          "impression",
-         {{"providername", "radio_spins"},
-          {"destination", "https://radio.test/spins"},
-          {"origin", "top_200"}}},
+         "providername=radio_spins&destination=https://radio.test/spins&origin=top_200"},
         {"RadioSpinsImpressionWithoutURL",
          [] { KVRSearchReporter::reportRadioSpinsCardImpressionWithURL(std::nullopt); },
-         "impression",
-         {{"providername", "radio_spins"}, {"origin", "top_200"}}},
+         "impression", "providername=radio_spins&origin=top_200"},
     }),
-    beaconCaseName);
+    reportCaseName);
 
 INSTANTIATE_TEST_SUITE_P(
     Impression, SearchImpressionBeaconTest,
-    ::testing::ValuesIn(std::vector<BeaconCase>{
+    ::testing::ValuesIn(std::vector<ReportCase>{
         {"EditorialNotesShown",
          [] {
            KVRImpressionReporter::
                reportImpressionForTrackPageMetadataActionButtonIsShowingEditorialNotes(true);
          },
-         "impression",
-         {{"providername", "applemusic"}, {"type", "metadata_open"}, {"hasnotes", "1"}}},
+         "impression", "providername=applemusic&type=metadata_open&hasnotes=1"},
         {"EditorialNotesHidden",
          [] {
            KVRImpressionReporter::
                reportImpressionForTrackPageMetadataActionButtonIsShowingEditorialNotes(false);
          },
-         "impression",
-         {{"providername", "applemusic"}, {"type", "metadata_open"}, {"hasnotes", "0"}}},
+         "impression", "providername=applemusic&type=metadata_open&hasnotes=0"},
         {"TopSongs", [] { KVRImpressionReporter::reportImpressionForTopSongsSection(); },
-         "impression", {{"providername", "topsongs"}}},
-        {"Events", [] { KVRImpressionReporter::reportImpressionForEventsSection(); },
-         "impression", {{"providername", "events"}}},
+         "impression", "providername=topsongs"},
+        {"Events", [] { KVRImpressionReporter::reportImpressionForEventsSection(); }, "impression",
+         "providername=events"},
         {"FeaturedIn", [] { KVRImpressionReporter::reportImpressionForFeaturedInSection(); },
-         "impression", {{"providername", "featured"}}},
+         "impression", "providername=featured"},
         {"Video", [] { KVRImpressionReporter::reportImpressionForVideoSection(); }, "impression",
-         {{"providername", "youtube"}}},
+         "providername=youtube"},
         {"Highlights", [] { KVRImpressionReporter::reportImpressionForHighlightsSection(); },
-         "impression", {{"providername", "highlights"}, {"origin", "section"}}},
+         "impression", "providername=highlights&origin=section"},
         {"Related", [] { KVRImpressionReporter::reportImpressionForRelatedSection(); },
-         "impression", {{"providername", "relatedsongs"}}},
+         "impression", "providername=relatedsongs"},
         {"Metadata", [] { KVRImpressionReporter::reportImpressionForMetadataSection(); },
-         "impression", {{"providername", "metadata"}}},
+         "impression", "providername=metadata"},
         {"Share", [] { KVRImpressionReporter::reportImpressionForShareSection(); }, "impression",
-         {{"providername", "share"}}},
+         "providername=share"},
         {"ContextualMenu", [] { KVRImpressionReporter::reportImpressionForContextualMenu(); },
-         "impression", {{"providername", "contextmenu"}}},
+         "impression", "providername=contextmenu"},
     }),
-    beaconCaseName);
+    reportCaseName);
 
-TEST(SearchReporterWords, Actions) {
-  expectMapping(&KVRSearchReporter::searchActionStringForSearchAction,
-                {std::pair<int64_t, std::string>{kInt64Min, "search_hint"},
-                 {-1, "search_hint"},
-                 {0, "search_enter"},
-                 {1, "search_hint"},
-                 {7, "search_hint"},
-                 {kInt64Max, "search_hint"}});
-}
-
-TEST(SearchReporterWords, ResultTypesFallBackToSong) {
-  expectMapping(&KVRSearchReporter::searchResultTypeStringForSearchResultType,
-                {std::pair<int64_t, std::string>{kInt64Min, "song"},
-                 {-1, "song"},
-                 {0, "song"},
-                 {1, "recent_song"},
-                 {2, "topresult_song"},
-                 {3, "artist"},
-                 {4, "recent_artist"},
-                 {5, "topresult_artist"},
-                 {6, "song"},
-                 {kInt64Max, "song"}});
+TEST(SearchReporterWords, TablesAndTheirFallbacks) {
+  expectWordTable(&KVRSearchReporter::searchActionStringForSearchAction, 0, "search_enter",
+                  "search_hint");
+  expectWordTable(&KVRSearchReporter::searchResultTypeStringForSearchResultType, 1,
+                  "recent_song topresult_song artist recent_artist topresult_artist", "song");
 }
 
 }  // namespace

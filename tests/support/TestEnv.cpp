@@ -6,6 +6,7 @@
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
+#include "collector/FormDecoding.h"
 
 namespace korvel::testing {
 
@@ -30,7 +31,7 @@ void CapturingLogSink::clear() {
   records_.clear();
 }
 
-void CapturingExecutor::executeRequest(KVNNetworkRequest request) {
+void CapturingExecutor::executeRequest(KVNNetworkRequest request) noexcept {
   std::lock_guard lock(mutex_);
   requests_.push_back(std::move(request));
 }
@@ -117,35 +118,6 @@ std::tm TestEnv::localTime(double secondsSince1970) {
   return tm;
 }
 
-namespace {
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-// A plain application/x-www-form-urlencoded decoder, independent of the
-// library's own percent-decoding.
-std::string formDecode(std::string_view text) {
-  std::string out;
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '+') {
-      out += ' ';
-    } else if (text[i] == '%' && i + 2 < text.size() + 0 && hexValue(text[i + 1]) >= 0 &&
-               hexValue(text[i + 2]) >= 0) {
-      out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
-      i += 2;
-    } else {
-      out += text[i];
-    }
-  }
-  return out;
-}
-
-}  // namespace
-
 WireBeacon decodeWireBeacon(const std::string& url) {
   WireBeacon beacon;
   beacon.url = url;
@@ -158,18 +130,11 @@ WireBeacon decodeWireBeacon(const std::string& url) {
                                             : queryStart - pathStart);
   }
   const auto lastSlash = beacon.path.rfind('/');
-  if (lastSlash != std::string::npos) beacon.event = formDecode(beacon.path.substr(lastSlash + 1));
-  if (queryStart == std::string::npos) return beacon;
-  std::string_view query(url);
-  query.remove_prefix(queryStart + 1);
-  while (!query.empty()) {
-    const auto amp = query.find('&');
-    std::string_view item = query.substr(0, amp);
-    const auto eq = item.find('=');
-    beacon.query.emplace_back(formDecode(item.substr(0, eq)),
-                              eq == std::string_view::npos ? "" : formDecode(item.substr(eq + 1)));
-    if (amp == std::string_view::npos) break;
-    query.remove_prefix(amp + 1);
+  if (lastSlash != std::string::npos) {
+    beacon.event = tools::formDecode(beacon.path.substr(lastSlash + 1), false);
+  }
+  if (queryStart != std::string::npos) {
+    beacon.query = tools::formDecodeQuery(std::string_view(url).substr(queryStart + 1));
   }
   return beacon;
 }

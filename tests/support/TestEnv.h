@@ -47,7 +47,7 @@ class CapturingExecutor : public KVNNetworkBackgroundRequestExecutor {
       : identifier_(std::move(identifier)) {}
 
   const std::string& backgroundSessionIdentifier() const override { return identifier_; }
-  void executeRequest(KVNNetworkRequest request) override;
+  void executeRequest(KVNNetworkRequest request) noexcept override;
   bool flush(std::chrono::milliseconds) override { return true; }
 
   size_t count() const;

@@ -1,6 +1,7 @@
 #include "collector/BeaconCollector.h"
 #include "collector/BeaconStore.h"
 #include "collector/ConfigurationEndpoint.h"
+#include "collector/FormDecoding.h"
 #include "collector/InspectorRoutes.h"
 
 #include <httplib.h>
@@ -9,40 +10,6 @@
 
 namespace korvel::tools {
 
-namespace {
-
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-// A "%" not followed by two hex digits is kept as it is and noted in
-// *malformed.
-std::string percentDecode(std::string_view text, bool plusIsSpace,
-                          std::vector<std::string>* malformed) {
-  std::string out;
-  out.reserve(text.size());
-  for (size_t i = 0; i < text.size(); ++i) {
-    const char c = text[i];
-    if (c == '%') {
-      const int hi = i + 1 < text.size() ? hexValue(text[i + 1]) : -1;
-      const int lo = i + 2 < text.size() ? hexValue(text[i + 2]) : -1;
-      if (hi >= 0 && lo >= 0) {
-        out += static_cast<char>(hi * 16 + lo);
-        i += 2;
-        continue;
-      }
-      if (malformed) malformed->emplace_back(text.substr(i, 3));
-    }
-    out += (plusIsSpace && c == '+') ? ' ' : c;
-  }
-  return out;
-}
-
-}  // namespace
-
 CollectedBeacon CollectedBeacon::decode(std::string_view target) {
   CollectedBeacon beacon;
   const size_t question = target.find('?');
@@ -50,22 +17,10 @@ CollectedBeacon CollectedBeacon::decode(std::string_view target) {
   std::string_view path = beacon.path;
   while (!path.empty() && path.back() == '/') path.remove_suffix(1);
   const size_t slash = path.rfind('/');
-  beacon.event = percentDecode(slash == std::string_view::npos ? path : path.substr(slash + 1), false,
-                    &beacon.malformed);
-  if (question == std::string_view::npos) return beacon;
-  std::string_view query = target.substr(question + 1);
-  while (!query.empty()) {
-    const size_t amp = query.find('&');
-    const std::string_view item = query.substr(0, amp);
-    if (!item.empty()) {
-      const size_t eq = item.find('=');
-      beacon.params.emplace_back(
-          percentDecode(item.substr(0, eq), true, &beacon.malformed),
-          eq == std::string_view::npos ? std::string()
-                                       : percentDecode(item.substr(eq + 1), true, &beacon.malformed));
-    }
-    if (amp == std::string_view::npos) break;
-    query.remove_prefix(amp + 1);
+  beacon.event = formDecode(slash == std::string_view::npos ? path : path.substr(slash + 1), false,
+                            &beacon.malformed);
+  if (question != std::string_view::npos) {
+    beacon.params = formDecodeQuery(target.substr(question + 1), &beacon.malformed);
   }
   return beacon;
 }
@@ -140,6 +95,8 @@ bool BeaconCollector::start() {
         --failLeft_;
         failStatus = failStatus_;
         retryAfter = retryAfter_;
+      } else if (options_.failEvery > 0 && ++answered_ % options_.failEvery == 0) {
+        failStatus = options_.failStatus;
       }
     }
     if (drop) {

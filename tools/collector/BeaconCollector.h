@@ -63,6 +63,8 @@ class BeaconCollector {
     int failFirst = 0;
     int failStatus = 500;
     std::optional<std::string> retryAfter;
+    // Past those, every failEvery-th request (0: none) gets failStatus too.
+    int failEvery = 0;
     std::chrono::milliseconds delay{0};
     // Keep accepted beacons in memory (beacons(), waitForBeacons()).
     bool keepBeacons = true;
@@ -120,6 +122,7 @@ class BeaconCollector {
   std::vector<CollectedBeacon> beacons_;
   size_t beaconCount_ = 0;
   size_t requestCount_ = 0;
+  uint64_t answered_ = 0;  // requests past the first failures, for failEvery
   std::vector<CollectedRequest> requests_;
 };
 

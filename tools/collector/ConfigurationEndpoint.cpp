@@ -1,4 +1,5 @@
 #include "collector/ConfigurationEndpoint.h"
+#include "collector/FormDecoding.h"
 
 #include <httplib.h>
 
@@ -14,42 +15,12 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-int hexValue(char c) {
-  if (c >= '0' && c <= '9') return c - '0';
-  if (c >= 'a' && c <= 'f') return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F') return c - 'A' + 10;
-  return -1;
-}
-
-std::string formDecode(std::string_view text) {
-  std::string out;
-  out.reserve(text.size());
-  for (size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '%' && i + 2 < text.size() && hexValue(text[i + 1]) >= 0 &&
-        hexValue(text[i + 2]) >= 0) {
-      out += static_cast<char>(hexValue(text[i + 1]) * 16 + hexValue(text[i + 2]));
-      i += 2;
-    } else {
-      out += text[i] == '+' ? ' ' : text[i];
-    }
-  }
-  return out;
-}
-
 // The decoded value of the first query item called name.
 std::optional<std::string> queryValue(std::string_view target, std::string_view name) {
   const size_t question = target.find('?');
   if (question == std::string_view::npos) return std::nullopt;
-  std::string_view query = target.substr(question + 1);
-  while (!query.empty()) {
-    const size_t amp = query.find('&');
-    const std::string_view item = query.substr(0, amp);
-    const size_t eq = item.find('=');
-    if (formDecode(item.substr(0, eq)) == name) {
-      return eq == std::string_view::npos ? std::string() : formDecode(item.substr(eq + 1));
-    }
-    if (amp == std::string_view::npos) break;
-    query.remove_prefix(amp + 1);
+  for (auto& [itemName, value] : formDecodeQuery(target.substr(question + 1))) {
+    if (itemName == name) return std::move(value);
   }
   return std::nullopt;
 }

@@ -14,9 +14,9 @@
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
-#include <korvel/pageviews/BeaconReporter.h>
+#include <korvel/pageviews/PageViewBeaconReporter.h>
 #include <korvel/platform/Application.h>
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/reporters/KVRNotificationReporter.h>
@@ -31,18 +31,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-// The host's page-view reporter: one "pageview" beacon per visible stretch.
-class DemoPageViewReporter : public PageViewReporter {
- public:
-  void report(const PageView& pageView) override {
-    ReportingParameters parameters = pageView.reportingParameters;
-    parameters.insert(ReportingParameter(std::string(kKVRScreenName), pageView.name.reportingValue()));
-    parameters.insert(ReportingParameter(std::string(kKVRDuration),
-                                         ReportingValue::int_(static_cast<int64_t>(
-                                             pageView.duration * 1000.0))));
-    BeaconReporter::report(KVRBeaconTypePageView, parameters, {});
-  }
-};
 
 KVRTagDetails demoTag() {
   KVRTagDetails tag;
@@ -179,7 +167,7 @@ void DemoSession::launch() {
   KVRUserSession::load();
   road_->hostCall("KVRStartupReporter::reportAppStartupTime(0.84)");
   KVRStartupReporter::reportAppStartupTime(0.84);
-  pages_ = std::make_unique<PageViewManager>(std::make_shared<DemoPageViewReporter>(), true);
+  pages_ = std::make_unique<PageViewManager>(std::make_shared<PageViewBeaconReporter>(), true);
   home_ = PageID::make();
   pages_->trackPageAppeared(home_, PageName("home"), {});
 }

@@ -4,8 +4,11 @@
 #include <mutex>
 
 #include <korvel/beacon/KVRConstants.h>
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/beacon/KVRLogging.h>
+#include <korvel/foundation/Mutex.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/platform/Env.h>
+#include <korvel/platform/Logging.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/foundation/KVNNetwork.h>
 #include <korvel/foundation/KeyedArchive.h>
@@ -25,10 +28,14 @@ constexpr int kConfigurationPolicy = 2;
 constexpr std::string_view kPayloadTypeKey = "beaconType";
 constexpr std::string_view kPayloadEventKey = "beaconEvent";
 
+// The executor is read without a lock; making or replacing it takes
+// makeMutex, so two first reports cannot make two executors.
 struct ExecutorSlot {
-  std::mutex makeMutex;
+  Mutex makeMutex;
   platform::SharedSlot<KVNNetworkBackgroundRequestExecutor> executor;
 };
+
+std::atomic<bool> reportingAllowedFlag{true};
 
 ExecutorSlot& executorSlot() {
   static ExecutorSlot* slot = new ExecutorSlot;
@@ -78,9 +85,20 @@ KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
 }
 
 std::optional<KVNNetworkRequest> restoreRequest(std::string_view payload) {
+  auto coder = platform::KeyedUnarchiver::open(payload);
+  if (!coder) return std::nullopt;
+  // Decoding would give a record without its archived uuid a fresh one, and
+  // the beacon, perhaps delivered already under the first, would then count
+  // twice at the collector. Such a stored request is not restored.
+  if (!coder->decodeString(KVRReliableNetworkingTask::kArchiveUUIDKey)) {
+    platform::Logger(KVRLogging::subsystem(), "Beacon")
+        .log(platform::LogLevel::Error,
+             "A stored beacon has no archived uuid; it is not restored, so that it never goes "
+             "out under a second uuid");
+    return std::nullopt;
+  }
   auto task = KVRReliableNetworkingTask::unarchive(payload);
   if (!task) return std::nullopt;
-  auto coder = platform::KeyedUnarchiver::open(payload);
   auto type = coder->decodeInt(kPayloadTypeKey);
   if (!type) return std::nullopt;
   if (auto tagged = std::dynamic_pointer_cast<KVRTaggedBeacon>(task)) {
@@ -90,16 +108,35 @@ std::optional<KVNNetworkRequest> restoreRequest(std::string_view payload) {
   return makeRequest(std::move(task), static_cast<KVRBeaconType>(*type));
 }
 
+// Hands the record to the executor; false (logged) when it could not.
+bool queueOnExecutor(const KVRTaskPtr& task, KVRBeaconType type) noexcept try {
+  auto executor = KVRBeacon::backgroundSession();
+  if (!executor) {
+    platform::Logger(KVRLogging::subsystem(), KVRLogging::categoryReporting())
+        .log(platform::LogLevel::Error,
+             "KVRBeacon: the executor factory made no executor; beacon " + task->uuid() +
+                 " not sent");
+    return false;
+  }
+  executor->executeRequest(makeRequest(task, type));
+  return true;
+} catch (...) {
+  KVRLogging::logReportFailure("KVRBeacon: queueing a beacon");
+  return false;
+}
+
 }  // namespace
 
 std::optional<std::string> KVRBeacon::sendBeaconOfType(KVRBeaconType type,
-                                                       const KVRParameters& parameters) {
+                                                       const KVRParameters& parameters) noexcept {
   return sendBeaconOfType(type, parameters, std::nullopt);
 }
 
 std::optional<std::string> KVRBeacon::sendBeaconOfType(KVRBeaconType type,
                                                        const KVRParameters& parameters,
-                                                       std::optional<std::string> event) {
+                                                       std::optional<std::string> event) noexcept
+    try {
+  if (!reportingAllowed()) return std::nullopt;
   auto task = taskOfType(type, parameters, event);
   if (!task) return std::nullopt;
   // Set also when no event was given: a web-initiated beacon sent without
@@ -109,29 +146,50 @@ std::optional<std::string> KVRBeacon::sendBeaconOfType(KVRBeaconType type,
   const auto config = KVNConfiguration::sharedInstance().snapshot();
   const auto& endpoint = config->beacons.beaconEndpoint;
   if (endpoint && !endpoint->empty()) {
-    sendBeacon(task, type);
-    platform::env().notificationCenter().post(
-        KVRReliableNetworkingTaskSubmittedNotification,
-        std::shared_ptr<const KVRReliableNetworkingTask>(task));
+    if (!queueOnExecutor(task, type)) return std::nullopt;
+    try {
+      platform::env().notificationCenter().post(
+          KVRReliableNetworkingTaskSubmittedNotification,
+          std::shared_ptr<const KVRReliableNetworkingTask>(task));
+    } catch (...) {
+      // The observer's failure is its own: the beacon is on its way.
+      KVRLogging::logReportFailure("KVRBeacon: an observer of the beacon's submission");
+    }
   }
   return task->uuid();
+} catch (...) {
+  KVRLogging::logReportFailure("KVRBeacon::sendBeaconOfType");
+  return std::nullopt;
 }
 
 KVRTaskPtr KVRBeacon::taskOfType(KVRBeaconType type, const KVRParameters& parameters,
-                                 std::optional<std::string> event) {
+                                 std::optional<std::string> event) noexcept {
+  // The factory catches its own failures and answers null.
   if (event) return KVRBeaconFactory::beaconForType(type, parameters, std::move(event));
   return KVRBeaconFactory::beaconForType(type, parameters);
 }
 
-void KVRBeacon::sendBeacon(const KVRTaskPtr& task, KVRBeaconType type) {
-  if (!task) return;
-  backgroundSession()->executeRequest(makeRequest(task, type));
+void KVRBeacon::sendBeacon(const KVRTaskPtr& task, KVRBeaconType type) noexcept {
+  if (!task || !reportingAllowed()) return;
+  queueOnExecutor(task, type);
+}
+
+void KVRBeacon::setReportingAllowed(bool allowed) {
+  reportingAllowedFlag.store(allowed, std::memory_order_relaxed);
+}
+
+bool KVRBeacon::reportingAllowed() {
+  return reportingAllowedFlag.load(std::memory_order_relaxed);
+}
+
+std::shared_ptr<KVNNetworkBackgroundRequestExecutor> KVRBeacon::existingBackgroundSession() {
+  return executorSlot().executor.load();
 }
 
 std::shared_ptr<KVNNetworkBackgroundRequestExecutor> KVRBeacon::backgroundSession() {
   auto& slot = executorSlot();
   if (auto existing = slot.executor.load()) return existing;
-  std::lock_guard lock(slot.makeMutex);
+  MutexLock lock(slot.makeMutex);
   if (auto existing = slot.executor.load()) return existing;
   registerRequestRestorer();
   // The default Env makes this library's durable executor unless the host
@@ -149,7 +207,7 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> KVRBeacon::backgroundSessio
 void KVRBeacon::setBackgroundSession(
     std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor) {
   auto& slot = executorSlot();
-  std::lock_guard lock(slot.makeMutex);
+  MutexLock lock(slot.makeMutex);
   registerRequestRestorer();
   slot.executor.store(std::move(executor));
 }

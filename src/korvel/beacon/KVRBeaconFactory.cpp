@@ -1,6 +1,7 @@
 #include <array>
 
 #include <korvel/beacon/KVRBeaconTypes.h>
+#include <korvel/beacon/KVRLogging.h>
 #include <korvel/beacon/KVRUserSession.h>
 
 namespace korvel {
@@ -93,17 +94,22 @@ KVRTaskPtr emptyOfClass(std::string_view name) {
 
 }  // namespace
 
-KVRTaskPtr KVRBeaconFactory::beaconForType(KVRBeaconType type, const KVRParameters& parameters) {
+KVRTaskPtr KVRBeaconFactory::beaconForType(KVRBeaconType type,
+                                           const KVRParameters& parameters) noexcept try {
   // Every beacon gets a fresh session object; it supplies the common
   // parameters. Made before the type is looked at.
   const KVRUserSession session;
   if (type < 1 || type > static_cast<int>(kMakers.size())) return nullptr;
   return kMakers[static_cast<size_t>(type) - 1](parameters, &session);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRBeaconFactory::beaconForType");
+  return nullptr;
 }
 
 KVRTaskPtr KVRBeaconFactory::beaconForType(KVRBeaconType type, const KVRParameters& parameters,
-                                           std::optional<std::string> event) {
+                                           std::optional<std::string> event) noexcept {
   auto task = beaconForType(type, parameters);
+  // Moving an optional string into the record allocates nothing.
   if (task) task->setEvent(std::move(event));
   return task;
 }

@@ -3,6 +3,8 @@
 // is reliable; the dispatcher sends a beacon whatever these say.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -54,14 +56,14 @@ class KVRBeaconClass : public Base {
   bool parametersHold(std::string_view key) const { return this->parameters().contains(key); }
 };
 
-class KVRStartupBeacon final : public KVRBeaconClass<KVRStartupBeacon> {
+class KORVEL_EXPORT KVRStartupBeacon final : public KVRBeaconClass<KVRStartupBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRStartupBeacon";
   std::optional<std::string> event() const override { return "startup"; }
   bool isValid() const override { return parametersHold(kKVRTagDuration); }
 };
 
-class KVRResumeBeacon final : public KVRBeaconClass<KVRResumeBeacon> {
+class KORVEL_EXPORT KVRResumeBeacon final : public KVRBeaconClass<KVRResumeBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRResumeBeacon";
   std::optional<std::string> event() const override { return "resume"; }
@@ -70,7 +72,7 @@ class KVRResumeBeacon final : public KVRBeaconClass<KVRResumeBeacon> {
 
 // Tagged beacons of types 3, 14, 15 and 16; the type is kept so that type 16
 // can name itself "testtagged".
-class KVRTaggedBeacon : public KVRBeaconClass<KVRTaggedBeacon> {
+class KORVEL_EXPORT KVRTaggedBeacon : public KVRBeaconClass<KVRTaggedBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRTaggedBeacon";
 
@@ -96,21 +98,21 @@ class KVRTaggedBeacon : public KVRBeaconClass<KVRTaggedBeacon> {
   int beaconType_ = 0;
 };
 
-class KVRAutoTagBeacon final : public KVRBeaconClass<KVRAutoTagBeacon, KVRTaggedBeacon> {
+class KORVEL_EXPORT KVRAutoTagBeacon final : public KVRBeaconClass<KVRAutoTagBeacon, KVRTaggedBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRAutoTagBeacon";
   std::optional<std::string> event() const override { return "autotag"; }
   bool isValid() const override { return parametersHold(kKVRTrackID); }
 };
 
-class KVRErrorBeacon final : public KVRBeaconClass<KVRErrorBeacon> {
+class KORVEL_EXPORT KVRErrorBeacon final : public KVRBeaconClass<KVRErrorBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRErrorBeacon";
   std::optional<std::string> event() const override { return "error"; }
   bool isValid() const override { return true; }
 };
 
-class KVRDeepLinkBeacon final : public KVRBeaconClass<KVRDeepLinkBeacon> {
+class KORVEL_EXPORT KVRDeepLinkBeacon final : public KVRBeaconClass<KVRDeepLinkBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRDeepLinkBeacon";
   std::optional<std::string> event() const override { return "deeplink"; }
@@ -118,7 +120,7 @@ class KVRDeepLinkBeacon final : public KVRBeaconClass<KVRDeepLinkBeacon> {
 };
 
 // Valid whenever it has a parameter dictionary, which every record has.
-class KVRTagHistoryBeacon final : public KVRBeaconClass<KVRTagHistoryBeacon> {
+class KORVEL_EXPORT KVRTagHistoryBeacon final : public KVRBeaconClass<KVRTagHistoryBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRTagHistoryBeacon";
   std::optional<std::string> event() const override { return "tagHistory"; }
@@ -126,7 +128,7 @@ class KVRTagHistoryBeacon final : public KVRBeaconClass<KVRTagHistoryBeacon> {
   std::optional<bool> isReliable() const override { return true; }
 };
 
-class KVRUserEventBeacon final : public KVRBeaconClass<KVRUserEventBeacon> {
+class KORVEL_EXPORT KVRUserEventBeacon final : public KVRBeaconClass<KVRUserEventBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRUserEventBeacon";
   std::optional<std::string> event() const override { return "userevent"; }
@@ -134,7 +136,7 @@ class KVRUserEventBeacon final : public KVRBeaconClass<KVRUserEventBeacon> {
   std::optional<bool> isReliable() const override { return true; }
 };
 
-class KVRPageViewBeacon final : public KVRBeaconClass<KVRPageViewBeacon> {
+class KORVEL_EXPORT KVRPageViewBeacon final : public KVRBeaconClass<KVRPageViewBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRPageViewBeacon";
   std::optional<std::string> event() const override { return "pageview"; }
@@ -143,28 +145,28 @@ class KVRPageViewBeacon final : public KVRBeaconClass<KVRPageViewBeacon> {
 
 // Its event is whatever the web page asked for (set after creation, so its
 // creation notification carries no "type").
-class KVRWebInitiatedBeacon final : public KVRBeaconClass<KVRWebInitiatedBeacon> {
+class KORVEL_EXPORT KVRWebInitiatedBeacon final : public KVRBeaconClass<KVRWebInitiatedBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRWebInitiatedBeacon";
   bool isValid() const override { return true; }
   std::optional<bool> isReliable() const override { return true; }
 };
 
-class KVRUserSessionBeacon final : public KVRBeaconClass<KVRUserSessionBeacon> {
+class KORVEL_EXPORT KVRUserSessionBeacon final : public KVRBeaconClass<KVRUserSessionBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRUserSessionBeacon";
   std::optional<std::string> event() const override { return "usersession"; }
   bool isValid() const override { return true; }
 };
 
-class KVRImpressionBeacon final : public KVRBeaconClass<KVRImpressionBeacon> {
+class KORVEL_EXPORT KVRImpressionBeacon final : public KVRBeaconClass<KVRImpressionBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRImpressionBeacon";
   std::optional<std::string> event() const override { return "impression"; }
   bool isValid() const override { return parametersHold(kKVRScreenName); }
 };
 
-class KVRTagSyncBeacon final : public KVRBeaconClass<KVRTagSyncBeacon> {
+class KORVEL_EXPORT KVRTagSyncBeacon final : public KVRBeaconClass<KVRTagSyncBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRTagSyncBeacon";
   std::optional<std::string> event() const override { return "tagsync"; }
@@ -172,7 +174,7 @@ class KVRTagSyncBeacon final : public KVRBeaconClass<KVRTagSyncBeacon> {
   std::optional<bool> isReliable() const override { return true; }
 };
 
-class KVRWidgetBeacon final : public KVRBeaconClass<KVRWidgetBeacon> {
+class KORVEL_EXPORT KVRWidgetBeacon final : public KVRBeaconClass<KVRWidgetBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRWidgetBeacon";
   std::optional<std::string> event() const override { return "widget"; }
@@ -180,14 +182,14 @@ class KVRWidgetBeacon final : public KVRBeaconClass<KVRWidgetBeacon> {
   std::optional<bool> isReliable() const override { return true; }
 };
 
-class KVRExceptionsBeacon final : public KVRBeaconClass<KVRExceptionsBeacon> {
+class KORVEL_EXPORT KVRExceptionsBeacon final : public KVRBeaconClass<KVRExceptionsBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRExceptionsBeacon";
   std::optional<std::string> event() const override { return "exceptions"; }
   bool isValid() const override { return true; }
 };
 
-class KVRAuthenticationBeacon final : public KVRBeaconClass<KVRAuthenticationBeacon> {
+class KORVEL_EXPORT KVRAuthenticationBeacon final : public KVRBeaconClass<KVRAuthenticationBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRAuthenticationBeacon";
   std::optional<std::string> event() const override { return "auth"; }
@@ -195,7 +197,7 @@ class KVRAuthenticationBeacon final : public KVRBeaconClass<KVRAuthenticationBea
   std::optional<bool> isReliable() const override { return true; }
 };
 
-class KVRPerformanceBeacon final : public KVRBeaconClass<KVRPerformanceBeacon> {
+class KORVEL_EXPORT KVRPerformanceBeacon final : public KVRBeaconClass<KVRPerformanceBeacon> {
  public:
   static constexpr std::string_view kClassName = "KVRPerformanceBeacon";
   std::optional<std::string> event() const override { return "performance"; }
@@ -211,7 +213,7 @@ struct KVRBeaconTypeDescription {
   std::optional<std::string> event;
 };
 
-class KVRBeaconFactory {
+class KORVEL_EXPORT KVRBeaconFactory {
  public:
   KVRBeaconFactory() = delete;
 
@@ -220,11 +222,11 @@ class KVRBeaconFactory {
   static std::vector<KVRBeaconTypeDescription> beaconTypes();
 
   // A record of the type's class, or null for a type outside 1...20.
-  static KVRTaskPtr beaconForType(KVRBeaconType type, const KVRParameters& parameters);
+  static KVRTaskPtr beaconForType(KVRBeaconType type, const KVRParameters& parameters) noexcept;
   // The same, then the event set (it shows only on web-initiated beacons;
   // the other classes' constant event hides it).
   static KVRTaskPtr beaconForType(KVRBeaconType type, const KVRParameters& parameters,
-                                  std::optional<std::string> event);
+                                  std::optional<std::string> event) noexcept;
 
   // A record of the class stored in an archive, made with the plain
   // initialiser; null for an unknown class name.

@@ -6,12 +6,14 @@
 // record.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <optional>
 #include <string>
 
 namespace korvel {
 
-class KVRGlobalReportingData {
+class KORVEL_EXPORT KVRGlobalReportingData {
  public:
   bool isLibrarySyncActive() const { return librarySyncActive_; }
   void setLibrarySyncActive(bool value) { librarySyncActive_ = value; }

@@ -3,6 +3,8 @@
 // sync state with the same words; KVRLibrarySyncReporter reports it.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <string>
 
@@ -13,7 +15,7 @@ namespace korvel {
 // The state of library sync as settings shows it. Wraps any raw value: the
 // app may hand over states this library does not know yet, and those read as
 // sync being on.
-class KVRLibrarySyncStatusValue {
+class KORVEL_EXPORT KVRLibrarySyncStatusValue {
  public:
   constexpr KVRLibrarySyncStatusValue() = default;
   constexpr explicit KVRLibrarySyncStatusValue(int64_t rawValue) : rawValue_(rawValue) {}
@@ -42,11 +44,11 @@ inline constexpr KVRLibrarySyncStatusValue KVRLibrarySyncStatusICloudFull{5};
 inline constexpr KVRLibrarySyncStatusValue KVRLibrarySyncStatusTemporarilyUnavailable{6};
 
 // For nlohmann::json's own conversions (json j = status; j.get<...>()).
-void to_json(nlohmann::json& json, const KVRLibrarySyncStatusValue& value);
-void from_json(const nlohmann::json& json, KVRLibrarySyncStatusValue& value);
+KORVEL_EXPORT void to_json(nlohmann::json& json, const KVRLibrarySyncStatusValue& value);
+KORVEL_EXPORT void from_json(const nlohmann::json& json, KVRLibrarySyncStatusValue& value);
 
 // The word a status goes out as ("optout", ..., "icloudon" for anything
 // without a word of its own).
-std::string KVRLibrarySyncStatusWord(KVRLibrarySyncStatusValue status);
+KORVEL_EXPORT std::string KVRLibrarySyncStatusWord(KVRLibrarySyncStatusValue status);
 
 }  // namespace korvel

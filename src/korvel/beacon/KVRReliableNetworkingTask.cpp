@@ -8,6 +8,7 @@
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/KVNRequestReload.h>
 #include <korvel/foundation/KeyedArchive.h>
 #include <korvel/platform/NotificationCenter.h>
 
@@ -17,7 +18,6 @@ namespace {
 constexpr std::string_view kArchiveClassKey = "$class";
 constexpr std::string_view kArchiveParametersKey = "parameters";
 constexpr std::string_view kArchiveCreationTimestampKey = "creationTimestamp";
-constexpr std::string_view kArchiveUUIDKey = "uuid";
 constexpr std::string_view kArchiveInidKey = "inid";
 constexpr std::string_view kArchiveAppVersionKey = "appVersion";
 }  // namespace
@@ -48,6 +48,8 @@ void KVRReliableNetworkingTask::initWithParameters(const KVRParameters& paramete
 }
 
 void KVRReliableNetworkingTask::postCreationNotification() const {
+  // A stored request read back to be sent was announced when it was made.
+  if (KVNRequestReloading()) return;
   auto& center = platform::env().notificationCenter();
   // The representation is only built when someone listens.
   if (!center.hasObservers(KVRReliableNetworkingTaskCreatedNotification)) return;
@@ -120,22 +122,21 @@ void KVRReliableNetworkingTask::encodeWithCoder(platform::KeyedArchiver& coder) 
   coder.encodeObject(kArchiveAppVersionKey, appVersion());
 }
 
-bool KVRReliableNetworkingTask::initWithCoder(const platform::KeyedUnarchiver& coder) {
+void KVRReliableNetworkingTask::initWithCoder(const platform::KeyedUnarchiver& coder) {
   auto parameters = coder.decodeDictionary(kArchiveParametersKey);
-  auto timestamp = coder.decodeDouble(kArchiveCreationTimestampKey);
-  auto uuid = coder.decodeString(kArchiveUUIDKey);
-  if (!parameters || !timestamp || !uuid) return false;
 
   // A decoded record is made afresh first (new uuid and time, and the
-  // creation notification once more), then takes the archived values.
-  initWithParameters(*parameters, nullptr);
+  // creation notification once more), then takes the archived values; what
+  // the archive lacks keeps the fresh value.
+  initWithParameters(parameters ? *parameters : KVRParameters{}, nullptr);
   postCreationNotification();
-  parameters_ = std::move(*parameters);
-  creationTimestamp_ = *timestamp;
-  uuid_ = std::move(*uuid);
-  inid_ = coder.decodeString(kArchiveInidKey);
-  appVersion_ = coder.decodeString(kArchiveAppVersionKey);
-  return true;
+  if (parameters) parameters_ = std::move(*parameters);
+  if (auto timestamp = coder.decodeDouble(kArchiveCreationTimestampKey)) {
+    creationTimestamp_ = *timestamp;
+  }
+  if (auto uuid = coder.decodeString(kArchiveUUIDKey)) uuid_ = std::move(*uuid);
+  if (auto inid = coder.decodeString(kArchiveInidKey)) inid_ = std::move(*inid);
+  if (auto version = coder.decodeString(kArchiveAppVersionKey)) appVersion_ = std::move(*version);
 }
 
 std::string KVRReliableNetworkingTask::archivedData() const {
@@ -151,7 +152,8 @@ KVRTaskPtr KVRReliableNetworkingTask::unarchive(std::string_view data) {
   auto className = coder->decodeString(kArchiveClassKey);
   if (!className) return nullptr;
   auto task = KVRBeaconFactory::emptyRecordOfClass(*className);
-  if (!task || !task->initWithCoder(*coder)) return nullptr;
+  if (!task) return nullptr;
+  task->initWithCoder(*coder);
   return task;
 }
 

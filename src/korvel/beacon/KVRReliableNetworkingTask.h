@@ -7,6 +7,8 @@
 // may read it without locks.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -26,7 +28,7 @@ class KeyedUnarchiver;
 class KVRReliableNetworkingTask;
 using KVRTaskPtr = std::shared_ptr<KVRReliableNetworkingTask>;
 
-class KVRReliableNetworkingTask {
+class KORVEL_EXPORT KVRReliableNetworkingTask {
  public:
   // The plain initialiser: empty fields, no merge, no notification.
   KVRReliableNetworkingTask() = default;
@@ -47,17 +49,22 @@ class KVRReliableNetworkingTask {
   // Decodes an archive made by archivedData(): the record is made afresh
   // (so the creation notification is posted once more) and then takes the
   // archived parameters, time, uuid, inid and app version. The concrete class
-  // is the archived one. Null when the archive cannot be decoded.
+  // is the archived one. Null when the bytes are not an archive or name no
+  // known record class.
   static KVRTaskPtr unarchive(std::string_view data);
+  // The archive key of the uuid.
+  static constexpr std::string_view kArchiveUUIDKey = "uuid";
   // The keyed archive of this record, with its class name.
   std::string archivedData() const;
 
   // The archive form: "parameters", "creationTimestamp", "uuid", "inid" (the
   // resolved inid) and "appVersion".
   void encodeWithCoder(platform::KeyedArchiver& coder) const;
-  // Overwrites this record's archived fields from a coder; false (and the
-  // record untouched) when a field is missing or of the wrong kind.
-  bool initWithCoder(const platform::KeyedUnarchiver& coder);
+  // Makes this record with the designated initialiser (no session), posts the
+  // creation notification, then takes each archived field the coder holds; a
+  // field that is missing or of another kind keeps the initialiser's value
+  // (parameters empty, a fresh uuid, the current time, inid and app version).
+  void initWithCoder(const platform::KeyedUnarchiver& coder);
 
   // A new record of the same class with parameters, event, uuid, creation
   // time and the resolved inid; app version, debug inid and the caller's and

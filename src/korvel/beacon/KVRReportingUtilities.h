@@ -2,6 +2,8 @@
 // format values.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -11,7 +13,7 @@
 
 namespace korvel {
 
-class KVRReportingUtilities {
+class KORVEL_EXPORT KVRReportingUtilities {
  public:
   KVRReportingUtilities() = delete;
 

@@ -3,11 +3,12 @@
 #include <array>
 #include <atomic>
 #include <functional>
-#include <mutex>
+#include <utility>
 
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRReportingUtilities.h>
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/platform/KVNTimer.h>
@@ -24,14 +25,17 @@ constexpr const char* kSessionTimerKey = "kKVRUserSessionTimer";
 struct SessionState {
   std::optional<std::string> sessionID;
   KVRParameters sessionParameters;
+  // Between a start and the next end; entering the background ends only a
+  // running session.
+  bool running = false;
 };
 
 class SharedSession {
  public:
   std::shared_ptr<const SessionState> state() const { return state_.load(); }
 
-  void edit(const std::function<void(SessionState&)>& change) {
-    std::lock_guard lock(writeMutex_);
+  void edit(const std::function<void(SessionState&)>& change) KORVEL_EXCLUDES(writeMutex_) {
+    MutexLock lock(writeMutex_);
     auto next = std::make_shared<SessionState>(*state_.load());
     change(*next);
     state_.store(std::move(next));
@@ -43,13 +47,14 @@ class SharedSession {
   KVNTimer timer;
 
   // Life-cycle observers while loaded.
-  std::mutex lifecycleMutex;
-  platform::NotificationCenter* observedCenter = nullptr;
-  platform::ObserverRegistration background;
-  platform::ObserverRegistration foreground;
+  Mutex lifecycleMutex;
+  platform::NotificationCenter* observedCenter KORVEL_GUARDED_BY(lifecycleMutex) = nullptr;
+  platform::ObserverRegistration background KORVEL_GUARDED_BY(lifecycleMutex);
+  platform::ObserverRegistration foreground KORVEL_GUARDED_BY(lifecycleMutex);
 
  private:
-  std::mutex writeMutex_;
+  // Serialises edits: each starts from the state the previous one published.
+  Mutex writeMutex_;
   platform::SharedSlot<const SessionState> state_{std::make_shared<const SessionState>()};
   platform::SharedSlot<KVRUserSessionDelegate> delegate_;
 };
@@ -68,7 +73,7 @@ void setBool(KVRParameters& p, std::string_view key, bool value) {
 void KVRUserSession::load() {
   auto& s = shared();
   {
-    std::lock_guard lock(s.lifecycleMutex);
+    MutexLock lock(s.lifecycleMutex);
     auto& center = platform::env().notificationCenter();
     if (s.observedCenter == &center) return;
     s.observedCenter = &center;
@@ -88,14 +93,17 @@ void KVRUserSession::load() {
 
 void KVRUserSession::unload() {
   auto& s = shared();
-  std::lock_guard lock(s.lifecycleMutex);
+  MutexLock lock(s.lifecycleMutex);
   s.background.reset();
   s.foreground.reset();
   s.observedCenter = nullptr;
 }
 
 void KVRUserSession::startSession() {
-  setSessionID(platform::env().makeUUIDString());
+  shared().edit([id = platform::env().makeUUIDString()](SessionState& state) {
+    state.sessionID = id;
+    state.running = true;
+  });
   shared().timer.startTimerForKey(kSessionTimerKey);
 }
 
@@ -104,7 +112,10 @@ void KVRUserSession::endSession() {
   const auto elapsed = s.timer.elapsedTimeForKey(kSessionTimerKey);
   reportUserSessionWithDuration(elapsed ? std::optional<KVRValue>(*elapsed) : std::nullopt);
   s.timer.endTimerForKey(kSessionTimerKey);
-  s.edit([](SessionState& state) { state.sessionParameters.clear(); });
+  s.edit([](SessionState& state) {
+    state.sessionParameters.clear();
+    state.running = false;
+  });
 }
 
 void KVRUserSession::resetSession() {
@@ -113,7 +124,13 @@ void KVRUserSession::resetSession() {
 }
 
 void KVRUserSession::applicationWillEnterForeground() { startSession(); }
-void KVRUserSession::applicationEnteredBackground() { endSession(); }
+void KVRUserSession::applicationEnteredBackground() {
+  // A second background without a foreground in between has no session to
+  // end: reporting again would send the old identifier without a duration.
+  bool running = false;
+  shared().edit([&](SessionState& state) { running = std::exchange(state.running, false); });
+  if (running) endSession();
+}
 
 std::optional<std::string> KVRUserSession::sessionID() { return shared().state()->sessionID; }
 
@@ -187,8 +204,10 @@ KVRParameters KVRUserSession::commonBeaconParametersForBeaconWithParameters(
     common.set("devicelanguage", global->deviceLanguage());
   }
   common.merge(config->beacons.beaconParameters);
-  if (!parameters.contains(kKVRScreenName)) {
-    common.set(kKVRScreenName, global ? global->currentScreenName() : std::nullopt);
+  // A screen name only when there is one to give: without it the step leaves
+  // a server-provided "screenname" where it is.
+  if (!parameters.contains(kKVRScreenName) && global) {
+    if (const auto& screen = global->currentScreenName()) common.set(kKVRScreenName, *screen);
   }
   common.merge(state->sessionParameters);
   return common;

@@ -9,6 +9,8 @@
 // short mutex.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -22,7 +24,7 @@ namespace korvel {
 class KVNTimer;
 
 // Values the host keeps for the session beacon.
-class KVRUserSessionData {
+class KORVEL_EXPORT KVRUserSessionData {
  public:
   bool isDarkModeActive() const { return darkModeActive_; }
   void setDarkModeActive(bool v) { darkModeActive_ = v; }
@@ -57,7 +59,7 @@ class KVRUserSessionData {
 
 // The host's object. It is asked from whatever thread builds a beacon, so it
 // should hand out immutable snapshots (the shared pointers make that cheap).
-class KVRUserSessionDelegate {
+class KORVEL_EXPORT KVRUserSessionDelegate {
  public:
   virtual ~KVRUserSessionDelegate() = default;
   // Read for every beacon's common parameters and for the session beacon.
@@ -68,7 +70,7 @@ class KVRUserSessionDelegate {
   virtual bool shouldSendUserSessionBeacon() = 0;
 };
 
-class KVRUserSession {
+class KORVEL_EXPORT KVRUserSession {
  public:
   // The factory makes one of these per beacon; it reads the shared state.
   KVRUserSession() = default;
@@ -83,7 +85,10 @@ class KVRUserSession {
   static void startSession();
   static void endSession();
   static void resetSession();
+  // startSession().
   static void applicationWillEnterForeground();
+  // endSession() when a session is running (started and not yet ended); a
+  // repeated background is ignored.
   static void applicationEnteredBackground();
 
   static std::optional<std::string> sessionID();
@@ -116,14 +121,14 @@ class KVRUserSession {
 };
 
 // Sends the application's start-up time.
-class KVRStartupReporter {
+class KORVEL_EXPORT KVRStartupReporter {
  public:
   KVRStartupReporter() = delete;
   static void reportAppStartupTime(const KVRValue& value);
 };
 
 // Reports the end of an automatic-recognition session.
-class KVRSessionReporter {
+class KORVEL_EXPORT KVRSessionReporter {
  public:
   KVRSessionReporter() = delete;
   static void reportAutoKorvelSessionWithDuration(const KVRValue& duration);

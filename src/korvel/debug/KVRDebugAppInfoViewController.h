@@ -14,6 +14,8 @@
 // Main thread only.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -24,7 +26,7 @@
 
 namespace korvel {
 
-class KVRDebugAppInfoViewController : public KVRDebugTableViewController {
+class KORVEL_EXPORT KVRDebugAppInfoViewController : public KVRDebugTableViewController {
  public:
   static constexpr const char* kTitle = "App Info";
   static constexpr const char* kINIDSectionTitle = "INID";

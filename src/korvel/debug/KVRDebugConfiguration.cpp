@@ -17,10 +17,14 @@ namespace {
 // The configuration manager's retry handler, found by name at run time.
 constexpr const char* kConfigRetryHandlerName = "KVNConfigRetryHandler";
 
-std::mutex endpointsMutex;
-std::optional<std::string>& betaEndpointOverride() {
-  static auto* value = new std::optional<std::string>;
-  return *value;
+struct BetaEndpoint {
+  Mutex mutex;
+  std::optional<std::string> override KORVEL_GUARDED_BY(mutex);
+};
+
+BetaEndpoint& betaEndpoint() {
+  static auto* instance = new BetaEndpoint;
+  return *instance;
 }
 
 }  // namespace
@@ -32,8 +36,9 @@ std::string KVRDebugConfiguration::productionConfigurationEndpoint() {
 }
 
 std::string KVRDebugConfiguration::betaConfigurationEndpoint() {
-  std::lock_guard lock(endpointsMutex);
-  return betaEndpointOverride().value_or(kDefaultBetaConfigurationEndpoint);
+  auto& beta = betaEndpoint();
+  MutexLock lock(beta.mutex);
+  return beta.override.value_or(kDefaultBetaConfigurationEndpoint);
 }
 
 void KVRDebugConfiguration::setProductionConfigurationEndpoint(std::optional<std::string> url) {
@@ -41,8 +46,9 @@ void KVRDebugConfiguration::setProductionConfigurationEndpoint(std::optional<std
 }
 
 void KVRDebugConfiguration::setBetaConfigurationEndpoint(std::optional<std::string> url) {
-  std::lock_guard lock(endpointsMutex);
-  betaEndpointOverride() = std::move(url);
+  auto& beta = betaEndpoint();
+  MutexLock lock(beta.mutex);
+  beta.override = std::move(url);
 }
 
 KVRDebugConfiguration& KVRDebugConfiguration::sharedInstance() {
@@ -53,62 +59,62 @@ KVRDebugConfiguration& KVRDebugConfiguration::sharedInstance() {
 }
 
 bool KVRDebugConfiguration::sendCarrierDataInConfigRequest() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return sendCarrierDataInConfigRequest_;
 }
 
 void KVRDebugConfiguration::setSendCarrierDataInConfigRequest(bool value) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   sendCarrierDataInConfigRequest_ = value;
 }
 
 bool KVRDebugConfiguration::globalSearchEnabled() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return globalSearchEnabled_;
 }
 
 void KVRDebugConfiguration::setGlobalSearchEnabled(bool value) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   globalSearchEnabled_ = value;
 }
 
 uint64_t KVRDebugConfiguration::customCarrierDataChoice() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return customCarrierDataChoice_;
 }
 
 void KVRDebugConfiguration::setCustomCarrierDataChoice(uint64_t value) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   customCarrierDataChoice_ = value;
 }
 
 std::optional<std::string> KVRDebugConfiguration::overrideMCCInConfigRequest() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return overrideMCC_;
 }
 
 void KVRDebugConfiguration::setOverrideMCCInConfigRequest(std::optional<std::string> value) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   overrideMCC_ = std::move(value);
 }
 
 std::optional<std::string> KVRDebugConfiguration::overrideMNCInConfigRequest() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return overrideMNC_;
 }
 
 void KVRDebugConfiguration::setOverrideMNCInConfigRequest(std::optional<std::string> value) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   overrideMNC_ = std::move(value);
 }
 
 std::optional<std::string> KVRDebugConfiguration::navigationOption() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return navigationOption_;
 }
 
 void KVRDebugConfiguration::setNavigationOption(std::optional<std::string> value) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   navigationOption_ = std::move(value);
 }
 

@@ -11,24 +11,26 @@
 // Thread-safe: every member may be used from any thread.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include <korvel/foundation/KVRParameters.h>
 #include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel {
 
 class KVNUserDefaults;
 
 // Shared user defaults key of the chosen configuration URL (text).
-extern const char* const kKVRConfigurationURLKey;  // "configurationURL"
+extern KORVEL_EXPORT const char* const kKVRConfigurationURLKey;  // "configurationURL"
 
-class KVRDebugConfiguration {
+class KORVEL_EXPORT KVRDebugConfiguration {
  public:
   // Built-in configuration endpoints: HTTPS, distinct hosts, the same path
   // and no query.
@@ -100,13 +102,13 @@ class KVRDebugConfiguration {
  private:
   KVRDebugConfiguration() = default;
 
-  mutable std::mutex mutex_;
-  bool sendCarrierDataInConfigRequest_ = false;
-  bool globalSearchEnabled_ = false;
-  uint64_t customCarrierDataChoice_ = 0;
-  std::optional<std::string> overrideMCC_;
-  std::optional<std::string> overrideMNC_;
-  std::optional<std::string> navigationOption_;
+  mutable Mutex mutex_;
+  bool sendCarrierDataInConfigRequest_ KORVEL_GUARDED_BY(mutex_) = false;
+  bool globalSearchEnabled_ KORVEL_GUARDED_BY(mutex_) = false;
+  uint64_t customCarrierDataChoice_ KORVEL_GUARDED_BY(mutex_) = 0;
+  std::optional<std::string> overrideMCC_ KORVEL_GUARDED_BY(mutex_);
+  std::optional<std::string> overrideMNC_ KORVEL_GUARDED_BY(mutex_);
+  std::optional<std::string> navigationOption_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel

@@ -1,12 +1,13 @@
 #include <korvel/debug/KVRDebugDataPersister.h>
 
 #include <cstdlib>
-#include <mutex>
 #include <system_error>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 #include <korvel/debug/WaveWriter.h>
+#include <korvel/foundation/URLComponents.h>
 #include <korvel/reporters/KVRTaggingReporter.h>
 
 namespace korvel {
@@ -16,31 +17,16 @@ namespace {
 // The longest file name the file systems we run on accept.
 constexpr size_t kMaxFileNameBytes = 255;
 
-std::mutex& writeMutex() {
-  static std::mutex* mutex = new std::mutex;
+// Serialises the writers of debug files, so two saves of one tag cannot
+// interleave their folder checks and writes.
+Mutex& writeMutex() {
+  static Mutex* mutex = new Mutex;
   return *mutex;
 }
 
 bool isSafeByte(unsigned char c) {
   return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') || c == '.' ||
          c == '_' || c == '-';
-}
-
-std::string percentEncode(std::string_view text) {
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out;
-  out.reserve(text.size());
-  for (const char ch : text) {
-    const auto c = static_cast<unsigned char>(ch);
-    if (isSafeByte(c)) {
-      out += ch;
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 0xF];
-    }
-  }
-  return out;
 }
 
 std::filesystem::path expandTilde(const std::string& path) {
@@ -73,7 +59,7 @@ std::optional<std::string> KVRDebugDataPersister::safePathComponent(std::string_
   if (uniqueId.empty() || uniqueId == "." || uniqueId == "..") return std::nullopt;
   // Cheap early refusal before encoding a huge identifier.
   if (uniqueId.size() > kMaxFileNameBytes) return std::nullopt;
-  std::string encoded = percentEncode(uniqueId);
+  std::string encoded = platform::percentEncode(uniqueId, isSafeByte);
   if (encoded.size() > kMaxFileNameBytes) return std::nullopt;
   return encoded;
 }
@@ -88,7 +74,7 @@ std::optional<std::filesystem::path> KVRDebugDataPersister::debugFilePathForUniq
     std::string_view uniqueId, std::string_view extension) {
   auto folder = safePathComponent(uniqueId);
   if (!folder) return std::nullopt;
-  std::string fileName = *folder + "-" + percentEncode(extension);
+  std::string fileName = *folder + "-" + platform::percentEncode(extension, isSafeByte);
   if (fileName.size() > kMaxFileNameBytes) return std::nullopt;
   auto root = debugDirectory();
   if (!root) return std::nullopt;
@@ -103,7 +89,7 @@ bool KVRDebugDataPersister::createMissingDirectoriesForPath(const std::filesyste
       std::filesystem::file_type::not_found) {
     return true;
   }
-  std::filesystem::create_directories(folder, ec);
+  platform::createPrivateDirectories(folder, ec);
   return !ec;
 }
 
@@ -112,7 +98,7 @@ bool KVRDebugDataPersister::persistSignatureData(const platform::Data& data,
                                                  std::string_view extension) const {
   const auto path = debugFilePathForUniqueId(uniqueId, extension);
   if (!path) return false;
-  std::lock_guard lock(writeMutex());
+  MutexLock lock(writeMutex());
   if (!createMissingDirectoriesForPath(*path) || folderIsLink(*path)) return false;
   std::error_code ignored;
   return platform::writeFileReplacing(*path, data, ignored);
@@ -122,7 +108,7 @@ bool KVRDebugDataPersister::persistAudioFile(const KVNPCMBuffer& buffer,
                                              std::string_view uniqueId) const {
   const auto path = debugFilePathForUniqueId(uniqueId, kAudioExtension);
   if (!path) return false;
-  std::lock_guard lock(writeMutex());
+  MutexLock lock(writeMutex());
   if (!createMissingDirectoriesForPath(*path) || folderIsLink(*path)) return false;
   return platform::writeWaveFile(*path, buffer) == platform::WaveWriteStatus::Written;
 }

@@ -24,6 +24,8 @@
 // are serialised process-wide, one at a time.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -36,7 +38,7 @@ namespace korvel {
 
 class KVRTagResultInfo;
 
-class KVRDebugDataPersister {
+class KORVEL_EXPORT KVRDebugDataPersister {
  public:
   static constexpr std::string_view kDebugFolderName = "DEBUG";
   static constexpr std::string_view kAudioExtension = "caf";

@@ -23,6 +23,8 @@
 // weakly as its delegate; the presenting screen is held weakly too.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -35,7 +37,7 @@ namespace korvel {
 
 class KVRTagResultInfo;
 
-class KVRDebugEmailManager final : public platform::MailComposeDelegate,
+class KORVEL_EXPORT KVRDebugEmailManager final : public platform::MailComposeDelegate,
                                    public std::enable_shared_from_this<KVRDebugEmailManager> {
  public:
   static std::shared_ptr<KVRDebugEmailManager> make(

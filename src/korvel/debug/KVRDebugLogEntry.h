@@ -6,6 +6,8 @@
 // or an e-mail), never when the entry is logged.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <string>
 #include <string_view>
@@ -24,7 +26,7 @@ enum KVRDebugLogEntryType : int {
   KVRDebugLogEntryTypeInAppUpsellOptions = 2,
 };
 
-class KVRDebugLogEntry {
+class KORVEL_EXPORT KVRDebugLogEntry {
  public:
   virtual ~KVRDebugLogEntry() = default;
   virtual int type() const = 0;
@@ -46,7 +48,7 @@ class KVRDebugLogEntry {
 // Keys sort case-insensitively; keys are semibold, " = value" regular. The
 // inid shown is the one captured at creation (debugInid), unresolved.
 // E-mail: the record's dictionary representation, described, then "\n\n\n".
-class KVRDebugLogBeaconEntry final : public KVRDebugLogEntry {
+class KORVEL_EXPORT KVRDebugLogBeaconEntry final : public KVRDebugLogEntry {
  public:
   explicit KVRDebugLogBeaconEntry(std::shared_ptr<const KVRReliableNetworkingTask> task);
   int type() const override { return KVRDebugLogEntryTypeBeacon; }
@@ -60,7 +62,7 @@ class KVRDebugLogBeaconEntry final : public KVRDebugLogEntry {
 
 // A URL the host opened. Text: "Opened URL:\n" heavy 14, then the absolute
 // string regular 13. E-mail: "Opened URL:\n<url>\n\n\n".
-class KVRDebugLogURLEntry final : public KVRDebugLogEntry {
+class KORVEL_EXPORT KVRDebugLogURLEntry final : public KVRDebugLogEntry {
  public:
   explicit KVRDebugLogURLEntry(KVRURL url) : url_(std::move(url)) {}
   int type() const override { return KVRDebugLogEntryTypeURL; }
@@ -76,7 +78,7 @@ class KVRDebugLogURLEntry final : public KVRDebugLogEntry {
 // heavy 14, then one key-value line per key at 13, sorted case-insensitively,
 // with a line break after every line but the last. E-mail:
 // "In App Upsell Options\n<described dictionary>\n\n\n".
-class KVRDebugLogInAppUpsellOptionsEntry final : public KVRDebugLogEntry {
+class KORVEL_EXPORT KVRDebugLogInAppUpsellOptionsEntry final : public KVRDebugLogEntry {
  public:
   explicit KVRDebugLogInAppUpsellOptionsEntry(KVRParameters dictionary)
       : dictionary_(std::move(dictionary)) {}
@@ -91,11 +93,11 @@ class KVRDebugLogInAppUpsellOptionsEntry final : public KVRDebugLogEntry {
 
 // One "key = value" line: the key semibold, " = " and the value's description
 // (describe()) regular, both at fontSize; "\n" after it when asked.
-platform::StyledText attributedStringForKey(std::string_view key, const KVRValue& value,
+KORVEL_EXPORT platform::StyledText attributedStringForKey(std::string_view key, const KVRValue& value,
                                             double fontSize, bool withTrailingNewLine);
 
 // The dictionary's keys in case-insensitive order (Unicode case folding);
 // keys that differ only in case keep a fixed order among themselves.
-std::vector<std::string> keysSortedCaseInsensitively(const KVRParameters& dictionary);
+KORVEL_EXPORT std::vector<std::string> keysSortedCaseInsensitively(const KVRParameters& dictionary);
 
 }  // namespace korvel

@@ -14,6 +14,8 @@
 // Main thread only.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -26,7 +28,7 @@ namespace korvel {
 class KVRDebugLogEntry;
 class KVRDebugLogsDataProvider;
 
-class KVRDebugLogViewController : public KVRDebugTableViewController,
+class KORVEL_EXPORT KVRDebugLogViewController : public KVRDebugTableViewController,
                                   public KVRDebugOverlayVisibilityObserver {
  public:
   static constexpr const char* kTitle = "Beacon Log";

@@ -8,6 +8,8 @@
 // is only ever touched on the main thread.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <vector>
 
@@ -15,14 +17,14 @@ namespace korvel {
 
 class KVRDebugLogEntry;
 
-class KVRDebugLogsDataProviderDelegate {
+class KORVEL_EXPORT KVRDebugLogsDataProviderDelegate {
  public:
   virtual ~KVRDebugLogsDataProviderDelegate() = default;
   // An entry was appended (it is the last of logEntries()).
   virtual void entryAddedToLog() = 0;
 };
 
-class KVRDebugLogsDataProvider : public std::enable_shared_from_this<KVRDebugLogsDataProvider> {
+class KORVEL_EXPORT KVRDebugLogsDataProvider : public std::enable_shared_from_this<KVRDebugLogsDataProvider> {
  public:
   using EntryPtr = std::shared_ptr<const KVRDebugLogEntry>;
 

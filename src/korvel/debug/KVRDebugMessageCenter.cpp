@@ -27,9 +27,9 @@ constexpr int kOverlayWindowLevelAboveNormal = 2;
 struct SharedCenter {
   // Recursive, so a delegate that asks for the center from inside
   // isDebugCenterAllowed() does not deadlock.
-  std::recursive_mutex mutex;
-  std::shared_ptr<KVRDebugMessageCenterDelegate> delegate;
-  std::shared_ptr<KVRDebugMessageCenter> center;
+  RecursiveMutex mutex;
+  std::shared_ptr<KVRDebugMessageCenterDelegate> delegate KORVEL_GUARDED_BY(mutex);
+  std::shared_ptr<KVRDebugMessageCenter> center KORVEL_GUARDED_BY(mutex);
 };
 
 SharedCenter& shared() {
@@ -56,7 +56,7 @@ std::shared_ptr<const KVRTagResultInfo> tagResultObject(const std::any& object) 
 
 std::shared_ptr<KVRDebugMessageCenter> KVRDebugMessageCenter::defaultCenter() {
   auto& s = shared();
-  std::lock_guard lock(s.mutex);
+  RecursiveMutexLock lock(s.mutex);
   if (!s.center && isDebugCenterAllowed()) {
     s.center = std::shared_ptr<KVRDebugMessageCenter>(new KVRDebugMessageCenter());
   }
@@ -67,7 +67,7 @@ void KVRDebugMessageCenter::stopDebugging() {
   std::shared_ptr<KVRDebugMessageCenter> dropped;
   {
     auto& s = shared();
-    std::lock_guard lock(s.mutex);
+    RecursiveMutexLock lock(s.mutex);
     dropped = std::move(s.center);
   }
   // Released outside the lock: the teardown waits for handlers running on
@@ -77,13 +77,13 @@ void KVRDebugMessageCenter::stopDebugging() {
 void KVRDebugMessageCenter::setDebugMessageCenterDelegate(
     std::shared_ptr<KVRDebugMessageCenterDelegate> d) {
   auto& s = shared();
-  std::lock_guard lock(s.mutex);
+  RecursiveMutexLock lock(s.mutex);
   s.delegate = std::move(d);
 }
 
 std::shared_ptr<KVRDebugMessageCenterDelegate> KVRDebugMessageCenter::delegate() {
   auto& s = shared();
-  std::lock_guard lock(s.mutex);
+  RecursiveMutexLock lock(s.mutex);
   return s.delegate;
 }
 
@@ -102,7 +102,7 @@ KVRDebugMessageCenter::~KVRDebugMessageCenter() {
   // nothing below races with one.
   std::vector<platform::ObserverRegistration> observers;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     observers = std::move(observers_);
   }
   observers.clear();
@@ -113,7 +113,7 @@ KVRDebugMessageCenter::~KVRDebugMessageCenter() {
 
 void KVRDebugMessageCenter::startDebugging() {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (isDebugging_) return;
     isDebugging_ = true;
   }
@@ -148,42 +148,42 @@ void KVRDebugMessageCenter::observe(
       center, center.addObserver(std::string(name), [this, handler](const platform::Notification& n) {
         (this->*handler)(n);
       }));
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   observers_.push_back(std::move(registration));
 }
 
 bool KVRDebugMessageCenter::isDebugging() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return isDebugging_;
 }
 
 // MARK: - Log and tag result
 
 std::shared_ptr<KVRDebugLogsDataProvider> KVRDebugMessageCenter::dataProvider() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (!dataProvider_) dataProvider_ = KVRDebugLogsDataProvider::make();
   return dataProvider_;
 }
 
 std::shared_ptr<const KVRTagResultInfo> KVRDebugMessageCenter::tagResult() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return tagResult_;
 }
 
 bool KVRDebugMessageCenter::isShowingTagResult() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return isShowingTagResult_;
 }
 
 void KVRDebugMessageCenter::displayingTagResult(const platform::Notification& n) {
   auto result = tagResultObject(n.object);
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   tagResult_ = std::move(result);
   isShowingTagResult_ = true;
 }
 
 void KVRDebugMessageCenter::closedMatchResult(const platform::Notification&) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   tagResult_.reset();
   isShowingTagResult_ = false;
 }
@@ -192,7 +192,7 @@ void KVRDebugMessageCenter::displayingNoMatch(const platform::Notification& n) {
   const KVRDate* date = std::any_cast<KVRDate>(&n.object);
   auto result = date ? std::make_shared<const KVRNoMatchTagInfo>(*date)
                      : std::make_shared<const KVRNoMatchTagInfo>();
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   tagResult_ = std::move(result);
   isShowingTagResult_ = true;
 }

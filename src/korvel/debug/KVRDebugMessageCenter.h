@@ -32,11 +32,13 @@
 // is the last release of the center (stopDebugging() on the main thread).
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
-#include <mutex>
 #include <string>
 #include <vector>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/NotificationCenter.h>
 
 namespace korvel {
@@ -49,14 +51,14 @@ class KVRWaitingForConfigDetector;
 class KVRWaitingForConfigView;
 struct KVNTaggingDebugResultContext;
 
-class KVRDebugMessageCenterDelegate {
+class KORVEL_EXPORT KVRDebugMessageCenterDelegate {
  public:
   virtual ~KVRDebugMessageCenterDelegate() = default;
   // Whether this build may run the debug center.
   virtual bool isDebugCenterAllowed() = 0;
 };
 
-class KVRDebugMessageCenter : public std::enable_shared_from_this<KVRDebugMessageCenter> {
+class KORVEL_EXPORT KVRDebugMessageCenter : public std::enable_shared_from_this<KVRDebugMessageCenter> {
  public:
   // The shared center: made on first call while the delegate allows it;
   // null when no center exists and debugging is not allowed.
@@ -126,12 +128,12 @@ class KVRDebugMessageCenter : public std::enable_shared_from_this<KVRDebugMessag
   void placeWaitingView();
   void removeWaitingView();
 
-  mutable std::mutex mutex_;
-  bool isDebugging_ = false;
-  bool isShowingTagResult_ = false;
-  std::shared_ptr<const KVRTagResultInfo> tagResult_;
-  std::shared_ptr<KVRDebugLogsDataProvider> dataProvider_;
-  std::vector<platform::ObserverRegistration> observers_;
+  mutable Mutex mutex_;
+  bool isDebugging_ KORVEL_GUARDED_BY(mutex_) = false;
+  bool isShowingTagResult_ KORVEL_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<const KVRTagResultInfo> tagResult_ KORVEL_GUARDED_BY(mutex_);
+  std::shared_ptr<KVRDebugLogsDataProvider> dataProvider_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<platform::ObserverRegistration> observers_ KORVEL_GUARDED_BY(mutex_);
 
   std::unique_ptr<KVRWaitingForConfigDetector> detector_;
 

@@ -9,6 +9,8 @@
 // moved to the main queue before it touches the screen.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <string>
 
@@ -17,7 +19,7 @@
 
 namespace korvel {
 
-class KVRDebugNavigationOptionsViewController : public platform::ViewController,
+class KORVEL_EXPORT KVRDebugNavigationOptionsViewController : public platform::ViewController,
                                                 public platform::TextFieldDelegate {
  public:
   static constexpr const char* kTitle = "Config Settings";

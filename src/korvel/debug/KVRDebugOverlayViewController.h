@@ -21,6 +21,8 @@
 // Main thread only.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <vector>
 
@@ -34,7 +36,7 @@ class KVRDebugLogsDataProvider;
 
 // A view that takes a touch only inside the frame of one of its touchable
 // views (frames in its own coordinates: its direct subviews').
-class KVRCustomTouchPointView : public platform::ViewNode {
+class KORVEL_EXPORT KVRCustomTouchPointView : public platform::ViewNode {
  public:
   using ViewNode::ViewNode;
 
@@ -52,7 +54,7 @@ class KVRCustomTouchPointView : public platform::ViewNode {
   std::vector<std::shared_ptr<platform::ViewNode>> touchableViews_;
 };
 
-class KVRDebugOverlayViewController : public platform::ViewController {
+class KORVEL_EXPORT KVRDebugOverlayViewController : public platform::ViewController {
  public:
   static constexpr const char* kPassiveButtonTitle = "Passive";  // shown while active
   static constexpr const char* kActiveButtonTitle = "Active";    // shown while passive

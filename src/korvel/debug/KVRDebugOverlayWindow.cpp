@@ -1,22 +1,22 @@
 #include <korvel/debug/KVRDebugOverlayWindow.h>
 
 #include <algorithm>
-#include <mutex>
 
 #include <korvel/debug/KVRDebugLogsDataProvider.h>
 #include <korvel/debug/KVRDebugMessageCenter.h>
 #include <korvel/debug/KVRDebugOverlayViewController.h>
 #include <korvel/debug/KVRPagesProvider.h>
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel {
 
 namespace {
 
 struct Seams {
-  std::mutex mutex;
-  KVRDebugOverlayWindow::Factory factory;
-  std::function<std::shared_ptr<KVRDebugWindow>()> mainWindow;
-  std::shared_ptr<platform::Presenter> presenter;
+  Mutex mutex;
+  KVRDebugOverlayWindow::Factory factory KORVEL_GUARDED_BY(mutex);
+  std::function<std::shared_ptr<KVRDebugWindow>()> mainWindow KORVEL_GUARDED_BY(mutex);
+  std::shared_ptr<platform::Presenter> presenter KORVEL_GUARDED_BY(mutex);
 };
 
 Seams& seams() {
@@ -48,7 +48,7 @@ std::shared_ptr<KVRDebugWindow> KVRDebugWindow::applicationMainWindow() {
   std::function<std::shared_ptr<KVRDebugWindow>()> provider;
   {
     auto& s = seams();
-    std::lock_guard lock(s.mutex);
+    MutexLock lock(s.mutex);
     provider = s.mainWindow;
   }
   return provider ? provider() : nullptr;
@@ -57,7 +57,7 @@ std::shared_ptr<KVRDebugWindow> KVRDebugWindow::applicationMainWindow() {
 void KVRDebugWindow::setApplicationMainWindowProvider(
     std::function<std::shared_ptr<KVRDebugWindow>()> provider) {
   auto& s = seams();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   s.mainWindow = std::move(provider);
 }
 
@@ -65,7 +65,7 @@ std::shared_ptr<KVRDebugOverlayWindow> KVRDebugOverlayWindow::buildDebugOverlayW
   Factory factory;
   {
     auto& s = seams();
-    std::lock_guard lock(s.mutex);
+    MutexLock lock(s.mutex);
     factory = s.factory;
   }
   std::shared_ptr<KVRDebugOverlayWindow> window;
@@ -77,19 +77,19 @@ std::shared_ptr<KVRDebugOverlayWindow> KVRDebugOverlayWindow::buildDebugOverlayW
 
 void KVRDebugOverlayWindow::setFactory(Factory factory) {
   auto& s = seams();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   s.factory = std::move(factory);
 }
 
 void KVRDebugOverlayWindow::setDefaultPresenter(std::shared_ptr<platform::Presenter> presenter) {
   auto& s = seams();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   s.presenter = std::move(presenter);
 }
 
 std::shared_ptr<platform::Presenter> KVRDebugOverlayWindow::defaultPresenter() {
   auto& s = seams();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   return s.presenter;
 }
 

@@ -17,6 +17,8 @@
 // Main thread only, except the static setters, which any thread may call.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <functional>
 #include <memory>
 #include <vector>
@@ -29,7 +31,7 @@ namespace korvel {
 class KVRDebugOverlayViewController;
 class KVRWaitingForConfigView;
 
-class KVRDebugWindow {
+class KORVEL_EXPORT KVRDebugWindow {
  public:
   using ViewPtr = std::shared_ptr<KVRWaitingForConfigView>;
 
@@ -72,7 +74,7 @@ class KVRDebugWindow {
   std::vector<ViewPtr> subviews_;
 };
 
-class KVRDebugOverlayWindow : public KVRDebugWindow {
+class KORVEL_EXPORT KVRDebugOverlayWindow : public KVRDebugWindow {
  public:
   using Factory = std::function<std::shared_ptr<KVRDebugOverlayWindow>()>;
 

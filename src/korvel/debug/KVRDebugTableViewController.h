@@ -10,6 +10,8 @@
 // Main thread only.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <vector>
 
@@ -22,13 +24,13 @@ namespace korvel {
 // Pages that care whether the overlay is on screen (rather than merely
 // being the current page) implement this; the overlay tells every page that
 // does when it shows and hides.
-class KVRDebugOverlayVisibilityObserver {
+class KORVEL_EXPORT KVRDebugOverlayVisibilityObserver {
  public:
   virtual ~KVRDebugOverlayVisibilityObserver() = default;
   virtual void setOverlayIsVisible(bool visible) = 0;
 };
 
-class KVRDebugTableViewController : public platform::TableViewController,
+class KORVEL_EXPORT KVRDebugTableViewController : public platform::TableViewController,
                                     public platform::TableViewDataSource,
                                     public platform::TableViewDelegate {
  public:

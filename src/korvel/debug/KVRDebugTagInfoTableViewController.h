@@ -25,6 +25,8 @@
 // Main thread only.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,7 +42,7 @@ namespace korvel {
 class KVRDebugEmailManager;
 class KVRTagResultInfo;
 
-class KVRDebugTagInfoTableViewController : public KVRDebugTableViewController {
+class KORVEL_EXPORT KVRDebugTagInfoTableViewController : public KVRDebugTableViewController {
  public:
   static constexpr const char* kTitle = "Tag Result";
   static constexpr const char* kTagMetadataSectionTitle = "Tag Metadata";

@@ -7,6 +7,7 @@
 #include <korvel/debug/KVRDebugDataPersister.h>
 #include <korvel/ui/ActivityViewController.h>
 #include <korvel/platform/Env.h>
+#include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>
 #include <korvel/ui/Pasteboard.h>
 
@@ -148,7 +149,7 @@ void KVRFileSystemDirectoryContentsViewController::shareButtonTapped() {
   const fs::path sharing = sharingDirectory();
   std::error_code error;
   fs::remove_all(sharing, error);
-  fs::create_directories(sharing, error);
+  platform::createPrivateDirectories(sharing, error);
   if (error) {
     debugLogger().log(platform::LogLevel::Error,
                       "Cannot make " + sharing.string() + ": " + error.message());

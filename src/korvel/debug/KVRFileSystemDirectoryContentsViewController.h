@@ -14,6 +14,8 @@
 // Main thread only.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -26,7 +28,7 @@
 
 namespace korvel {
 
-class KVRFileSystemDirectoryContentsViewController : public KVRDebugTableViewController {
+class KORVEL_EXPORT KVRFileSystemDirectoryContentsViewController : public KVRDebugTableViewController {
  public:
   static constexpr const char* kTitle = "Debug Files";
   static constexpr const char* kShareButtonTitle = "Share";

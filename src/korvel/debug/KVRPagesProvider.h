@@ -2,6 +2,8 @@
 // resources live.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <vector>
 
@@ -11,7 +13,7 @@ namespace korvel {
 
 class KVRDebugLogsDataProvider;
 
-class KVRPagesProvider {
+class KORVEL_EXPORT KVRPagesProvider {
  public:
   // Indexes of the pages in viewControllers().
   enum Page : size_t {
@@ -39,6 +41,6 @@ class KVRPagesProvider {
 // The binary that contains this library's classes (found from the address
 // of KVRReliableNetworkingTask's code): its path as the bundle's identifier.
 // The running executable when the library is linked in statically.
-platform::Bundle kvr_resourcesBundle();
+KORVEL_EXPORT platform::Bundle kvr_resourcesBundle();
 
 }  // namespace korvel

@@ -6,7 +6,7 @@ KVRStayInAppSwizzler::KVRStayInAppSwizzler(platform::Application& application)
     : application_(application), ownImplementation_(&KVRStayInAppSwizzler::blockedOpenURL) {}
 
 KVRStayInAppSwizzler::~KVRStayInAppSwizzler() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (swizzleEnabled_) exchangeImplementations();
 }
 
@@ -19,12 +19,12 @@ std::shared_ptr<KVRStayInAppSwizzler> KVRStayInAppSwizzler::sharedSwizzler() {
 bool KVRStayInAppSwizzler::blockedOpenURL(const std::string&) { return false; }
 
 bool KVRStayInAppSwizzler::swizzleEnabled() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return swizzleEnabled_;
 }
 
 void KVRStayInAppSwizzler::toggleStayInApp() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   exchangeImplementations();
   swizzleEnabled_ = !swizzleEnabled_;
 }

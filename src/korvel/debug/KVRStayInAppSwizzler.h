@@ -13,15 +13,17 @@
 // URL opening back. Any thread.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
-#include <mutex>
 #include <string>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/ui/SharedApplication.h>
 
 namespace korvel {
 
-class KVRStayInAppSwizzler {
+class KORVEL_EXPORT KVRStayInAppSwizzler {
  public:
   explicit KVRStayInAppSwizzler(platform::Application& application = platform::Application::shared());
   ~KVRStayInAppSwizzler();
@@ -39,17 +41,17 @@ class KVRStayInAppSwizzler {
   static bool blockedOpenURL(const std::string& url);
 
  private:
-  void exchangeImplementations();
+  void exchangeImplementations() KORVEL_REQUIRES(mutex_);
 
   platform::Application& application_;
-  mutable std::mutex mutex_;
+  mutable Mutex mutex_;
   // What the swizzler's own blockedOpenURL slot holds: the blocking
   // implementation, or, while enabled, the application's former one.
-  platform::Application::OpenURLImplementation ownImplementation_;
+  platform::Application::OpenURLImplementation ownImplementation_ KORVEL_GUARDED_BY(mutex_);
   // Whether the application defined openURL itself before the first
   // exchange (so restoring can leave it undefined again).
-  bool applicationDefinedOpenURL_ = true;
-  bool swizzleEnabled_ = false;
+  bool applicationDefinedOpenURL_ KORVEL_GUARDED_BY(mutex_) = true;
+  bool swizzleEnabled_ KORVEL_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace korvel

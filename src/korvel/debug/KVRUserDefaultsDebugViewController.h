@@ -12,6 +12,8 @@
 // Main thread only.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <string>
 #include <vector>
@@ -24,7 +26,7 @@ namespace korvel {
 
 class KVNUserDefaults;
 
-class KVRUserDefaultsDebugViewController : public KVRDebugTableViewController {
+class KORVEL_EXPORT KVRUserDefaultsDebugViewController : public KVRDebugTableViewController {
  public:
   static constexpr const char* kTitle = "User Defaults";
   static constexpr double kFontSize = 12;

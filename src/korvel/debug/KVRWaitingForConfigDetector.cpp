@@ -1,10 +1,10 @@
 #include <korvel/debug/KVRWaitingForConfigDetector.h>
 
-#include <mutex>
 #include <optional>
 
 #include <korvel/beacon/KVRLogging.h>
 #include <korvel/debug/KVRDebugConfiguration.h>
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Logging.h>
 #include <korvel/ui/MainQueue.h>
@@ -15,23 +15,24 @@ namespace korvel {
 // Shared with the tasks queued on the main queue, so a task that runs after
 // the detector was destroyed finds a stopped state, not freed memory.
 struct KVRWaitingForConfigDetector::State {
-  std::mutex mutex;
-  Callback callback;
-  std::optional<platform::MainQueue::TimerID> pollTimer;
-  platform::MainQueue* timerQueue = nullptr;  // where pollTimer is scheduled
+  Mutex mutex;
+  Callback callback KORVEL_GUARDED_BY(mutex);
+  std::optional<platform::MainQueue::TimerID> pollTimer KORVEL_GUARDED_BY(mutex);
+  // Where pollTimer is scheduled.
+  platform::MainQueue* timerQueue KORVEL_GUARDED_BY(mutex) = nullptr;
   // Bumped by every unregister (and the destructor): queued starts and
   // timer ticks from before that are dropped.
-  uint64_t generation = 0;
+  uint64_t generation KORVEL_GUARDED_BY(mutex) = 0;
 
-  void cancelTimerLocked() {
+  void cancelTimerLocked() KORVEL_REQUIRES(mutex) {
     if (pollTimer && timerQueue != nullptr) timerQueue->cancel(*pollTimer);
     pollTimer.reset();
     timerQueue = nullptr;
   }
 
   // The callback to call now for a task of generation, if any.
-  std::optional<Callback> callbackFor(uint64_t taskGeneration) {
-    std::lock_guard lock(mutex);
+  std::optional<Callback> callbackFor(uint64_t taskGeneration) KORVEL_EXCLUDES(mutex) {
+    MutexLock lock(mutex);
     if (taskGeneration != generation) return std::nullopt;
     return callback;
   }
@@ -52,21 +53,21 @@ void logMissingCallback() {
 KVRWaitingForConfigDetector::KVRWaitingForConfigDetector() : state_(std::make_shared<State>()) {}
 
 KVRWaitingForConfigDetector::~KVRWaitingForConfigDetector() {
-  std::lock_guard lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   ++state_->generation;
   state_->cancelTimerLocked();
 }
 
 void KVRWaitingForConfigDetector::registerForConfigUpdates(Callback callback) {
   {
-    std::lock_guard lock(state_->mutex);
+    MutexLock lock(state_->mutex);
     state_->callback = std::move(callback);
   }
   startPolling();
 }
 
 void KVRWaitingForConfigDetector::unregisterForConfigUpdates() {
-  std::lock_guard lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   ++state_->generation;
   state_->cancelTimerLocked();
 }
@@ -74,14 +75,14 @@ void KVRWaitingForConfigDetector::unregisterForConfigUpdates() {
 void KVRWaitingForConfigDetector::startPolling() {
   uint64_t generation = 0;
   {
-    std::lock_guard lock(state_->mutex);
+    MutexLock lock(state_->mutex);
     generation = state_->generation;
   }
   platform::uiEnv().mainQueue().async([state = state_, generation] {
     auto& queue = platform::uiEnv().mainQueue();
     Callback callback;
     {
-      std::lock_guard lock(state->mutex);
+      MutexLock lock(state->mutex);
       if (generation != state->generation) return;  // unregistered meanwhile
       state->cancelTimerLocked();
       // The timer keeps the state alive until it is cancelled.
@@ -106,19 +107,19 @@ void KVRWaitingForConfigDetector::startPolling() {
 void KVRWaitingForConfigDetector::poll() {
   Callback callback;
   {
-    std::lock_guard lock(state_->mutex);
+    MutexLock lock(state_->mutex);
     callback = state_->callback;
   }
   if (callback) callback(stillWaiting());
 }
 
 bool KVRWaitingForConfigDetector::isPolling() const {
-  std::lock_guard lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   return state_->pollTimer.has_value();
 }
 
 bool KVRWaitingForConfigDetector::hasCallback() const {
-  std::lock_guard lock(state_->mutex);
+  MutexLock lock(state_->mutex);
   return static_cast<bool>(state_->callback);
 }
 

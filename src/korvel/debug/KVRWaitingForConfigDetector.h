@@ -12,6 +12,8 @@
 // main queue (UIEnv::mainQueue()). Destroying the detector stops its polling.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <functional>
 #include <memory>
 
@@ -19,7 +21,7 @@
 
 namespace korvel {
 
-class KVRWaitingForConfigDetector {
+class KORVEL_EXPORT KVRWaitingForConfigDetector {
  public:
   // stillWaiting is true while no configuration is present.
   using Callback = std::function<void(bool stillWaiting)>;
@@ -58,7 +60,7 @@ class KVRWaitingForConfigDetector {
 
 // The banner shown while the application waits for its configuration. A host
 // renders it; its outlets are plain widget states.
-class KVRWaitingForConfigView {
+class KORVEL_EXPORT KVRWaitingForConfigView {
  public:
   // The view as its interface file makes it: awakeFromNib() already ran, so
   // the activity indicator is animating.

@@ -8,16 +8,17 @@
 
 #include <algorithm>
 #include <memory>
-#include <mutex>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
 namespace {
 
 struct Settings {
-  std::mutex mutex;
-  std::optional<std::string> locale;
-  std::optional<std::string> timeZone;
+  Mutex mutex;
+  std::optional<std::string> locale KORVEL_GUARDED_BY(mutex);
+  std::optional<std::string> timeZone KORVEL_GUARDED_BY(mutex);
 };
 
 Settings& settings() {
@@ -63,13 +64,26 @@ struct CollatorCloser {
 };
 using Collator = std::unique_ptr<UCollator, CollatorCloser>;
 
-// Case-insensitive and accent-sensitive: secondary strength.
-Collator openCaseInsensitiveCollator() {
+Collator openSecondaryStrengthCollator(const char* locale) {
   UErrorCode status = U_ZERO_ERROR;
-  Collator collator(ucol_open(currentLocaleIdentifier().c_str(), &status));
+  Collator collator(ucol_open(locale, &status));
   if (U_FAILURE(status)) return nullptr;
   ucol_setStrength(collator.get(), UCOL_SECONDARY);
   return collator;
+}
+
+bool ignoresCase(const UCollator* collator) {
+  return ucol_strcoll(collator, u"a", 1, u"A", 1) == UCOL_EQUAL;
+}
+
+// Case-insensitive and accent-sensitive: secondary strength. A locale whose
+// rules make case a primary difference (the POSIX locale, which LANG=C gives
+// ICU, orders by code point with all capitals first) is compared by the root
+// rules instead, which ignore case at that strength.
+Collator openCaseInsensitiveCollator() {
+  Collator collator = openSecondaryStrengthCollator(currentLocaleIdentifier().c_str());
+  if (collator && ignoresCase(collator.get())) return collator;
+  return openSecondaryStrengthCollator("");
 }
 
 int compareWith(UCollator* collator, std::string_view a, std::string_view b) {
@@ -89,7 +103,7 @@ int compareWith(UCollator* collator, std::string_view a, std::string_view b) {
 std::string currentLocaleIdentifier() {
   {
     auto& s = settings();
-    std::lock_guard lock(s.mutex);
+    MutexLock lock(s.mutex);
     if (s.locale) return *s.locale;
   }
   return uloc_getDefault();
@@ -97,14 +111,14 @@ std::string currentLocaleIdentifier() {
 
 void setCurrentLocaleIdentifier(std::optional<std::string> identifier) {
   auto& s = settings();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   s.locale = std::move(identifier);
 }
 
 std::string currentTimeZoneIdentifier() {
   {
     auto& s = settings();
-    std::lock_guard lock(s.mutex);
+    MutexLock lock(s.mutex);
     if (s.timeZone) return *s.timeZone;
   }
   UChar zone[128];
@@ -116,7 +130,7 @@ std::string currentTimeZoneIdentifier() {
 
 void setCurrentTimeZoneIdentifier(std::optional<std::string> identifier) {
   auto& s = settings();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   s.timeZone = std::move(identifier);
 }
 

@@ -5,9 +5,11 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <strings.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
+#include <unicode/utf8.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -17,9 +19,12 @@
 #include <cstdlib>
 #include <cstring>
 #include <ctime>
-#include <mutex>
+#include <limits>
 #include <thread>
 
+#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/URLComponents.h>
+#include <korvel/foundation/UTF8.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 
@@ -61,8 +66,8 @@ void MailComposer::finish(MailComposeResult result, const std::optional<std::str
 namespace {
 
 struct FactorySlot {
-  std::mutex mutex;
-  std::shared_ptr<MailComposerFactory> factory;
+  Mutex mutex;
+  std::shared_ptr<MailComposerFactory> factory KORVEL_GUARDED_BY(mutex);
 };
 
 FactorySlot& factorySlot() {
@@ -74,14 +79,14 @@ FactorySlot& factorySlot() {
 
 std::shared_ptr<MailComposerFactory> mailComposerFactory() {
   auto& slot = factorySlot();
-  std::lock_guard lock(slot.mutex);
+  MutexLock lock(slot.mutex);
   if (!slot.factory) slot.factory = std::make_shared<MimeMailComposerFactory>();
   return slot.factory;
 }
 
 void setMailComposerFactory(std::shared_ptr<MailComposerFactory> factory) {
   auto& slot = factorySlot();
-  std::lock_guard lock(slot.mutex);
+  MutexLock lock(slot.mutex);
   slot.factory = std::move(factory);
 }
 
@@ -144,14 +149,16 @@ std::string encodeHeaderText(std::string_view text) {
   std::string out;
   size_t at = 0;
   while (at < cleaned.size()) {
+    const auto* bytes = reinterpret_cast<const uint8_t*>(cleaned.data()) + at;
     size_t end = std::min(at + kEncodedWordBytes, cleaned.size());
-    // Never split a UTF-8 sequence: back up over continuation bytes.
-    while (end < cleaned.size() && end > at + 1 &&
-           (static_cast<unsigned char>(cleaned[end]) & 0xC0) == 0x80) {
-      --end;
+    if (end < cleaned.size()) {
+      // Never split a character: a word that would end inside one ends
+      // before it (and always holds at least one byte).
+      auto length = static_cast<int32_t>(end - at);
+      U8_TRUNCATE_IF_INCOMPLETE(bytes, 0, length);
+      if (length > 0) end = at + static_cast<size_t>(length);
     }
     if (!out.empty()) out += "\r\n ";
-    const auto* bytes = reinterpret_cast<const uint8_t*>(cleaned.data()) + at;
     out += "=?UTF-8?B?" + base64(std::span<const uint8_t>(bytes, end - at), 0) + "?=";
     at = end;
   }
@@ -166,20 +173,11 @@ std::string fileNameParameter(std::string_view parameter, std::string_view fileN
   }
   if (plain) return std::string(parameter) + "=\"" + std::string(fileName) + "\"";
   // RFC 2231 / 5987: attr-char stays, everything else is %XX.
-  static constexpr char kHex[] = "0123456789ABCDEF";
-  std::string out = std::string(parameter) + "*=UTF-8''";
-  for (const char ch : fileName) {
-    const auto c = static_cast<unsigned char>(ch);
-    if ((c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
-        std::strchr("!#$&+-.^_`|~", c) != nullptr) {
-      out += ch;
-    } else {
-      out += '%';
-      out += kHex[c >> 4];
-      out += kHex[c & 0xF];
-    }
-  }
-  return out;
+  const auto isAttrChar = [](unsigned char c) {
+    return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
+           (c != 0 && std::strchr("!#$&+-.^_`|~", c) != nullptr);
+  };
+  return std::string(parameter) + "*=UTF-8''" + platform::percentEncode(fileName, isAttrChar);
 }
 
 std::string rfc5322Date(double secondsSince1970) {
@@ -220,6 +218,18 @@ std::string safeMimeType(std::string_view type) {
     return std::string(type);
   }
   return "application/octet-stream";
+}
+
+// A text attachment's Content-Type names its charset: UTF-8 when its bytes
+// are, none otherwise (the reader then guesses, as it would anyway).
+std::string attachmentContentType(const MailAttachment& attachment) {
+  std::string type = safeMimeType(attachment.mimeType);
+  const bool isText = type.size() > 5 && strncasecmp(type.c_str(), "text/", 5) == 0;
+  if (isText && isWellFormedUTF8(std::string_view(
+                    reinterpret_cast<const char*>(attachment.data.data()), attachment.data.size()))) {
+    type += "; charset=utf-8";
+  }
+  return type;
 }
 
 // Lines end in CRLF, whatever they ended in before.
@@ -317,7 +327,7 @@ std::string MimeMailComposer::mimeMessage() const {
 
   for (const auto& attachment : attachments()) {
     m += "\r\n--" + boundary + "\r\n";
-    m += "Content-Type: " + safeMimeType(attachment.mimeType) + "; " +
+    m += "Content-Type: " + attachmentContentType(attachment) + "; " +
          mime::fileNameParameter("name", attachment.fileName) + "\r\n";
     m += "Content-Disposition: attachment; " +
          mime::fileNameParameter("filename", attachment.fileName) + "\r\n";
@@ -423,11 +433,7 @@ std::optional<std::string> runCommand(const std::vector<std::string>& command,
 std::optional<std::string> writeToOutbox(const std::filesystem::path& directory,
                                          const std::string& message) {
   std::error_code ec;
-  // A folder made here is the user's alone.
-  if (std::filesystem::create_directories(directory, ec)) {
-    std::filesystem::permissions(directory, std::filesystem::perms::owner_all,
-                                 std::filesystem::perm_options::replace, ec);
-  }
+  createPrivateDirectories(directory, ec);
   if (ec) return "cannot make the outbox folder: " + ec.message();
   const auto t = static_cast<time_t>(env().now());
   std::tm tm{};

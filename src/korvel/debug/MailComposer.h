@@ -19,6 +19,8 @@
 // Main thread only, like the rest of the user interface.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <filesystem>
 #include <memory>
 #include <optional>
@@ -36,7 +38,7 @@ enum class MailComposeResult { Cancelled, Saved, Sent, Failed };
 
 class MailComposer;
 
-class MailComposeDelegate {
+class KORVEL_EXPORT MailComposeDelegate {
  public:
   virtual ~MailComposeDelegate() = default;
   // The user is done with the composer; error says why delivery failed.
@@ -44,14 +46,14 @@ class MailComposeDelegate {
                                               const std::optional<std::string>& error) = 0;
 };
 
-struct MailAttachment {
+struct KORVEL_EXPORT MailAttachment {
   Data data;
   std::string mimeType;
   std::string fileName;
   friend bool operator==(const MailAttachment&, const MailAttachment&) = default;
 };
 
-class MailComposer : public ViewController {
+class KORVEL_EXPORT MailComposer : public ViewController {
  public:
   const std::string& subject() const { return subject_; }
   void setSubject(std::string subject) { subject_ = std::move(subject); }
@@ -106,7 +108,7 @@ class MailComposer : public ViewController {
   bool finished_ = false;
 };
 
-class MailComposerFactory {
+class KORVEL_EXPORT MailComposerFactory {
  public:
   virtual ~MailComposerFactory() = default;
   // Whether a composer made now could send mail.
@@ -116,14 +118,14 @@ class MailComposerFactory {
 
 // The factory in force: the one last set, else a MimeMailComposerFactory
 // without transport (so canSendMail() is false until the host sets one).
-std::shared_ptr<MailComposerFactory> mailComposerFactory();
+KORVEL_EXPORT std::shared_ptr<MailComposerFactory> mailComposerFactory();
 // Installs a factory; null restores the default.
-void setMailComposerFactory(std::shared_ptr<MailComposerFactory> factory);
+KORVEL_EXPORT void setMailComposerFactory(std::shared_ptr<MailComposerFactory> factory);
 
 // ---------------------------------------------------------------------------
 // Linux: MIME messages handed to a transport
 
-struct MailTransport {
+struct KORVEL_EXPORT MailTransport {
   enum class Kind { None, Command, Outbox };
 
   Kind kind = Kind::None;
@@ -153,7 +155,7 @@ struct MailTransport {
   bool isUsable() const;
 };
 
-class MimeMailComposer : public MailComposer {
+class KORVEL_EXPORT MimeMailComposer : public MailComposer {
  public:
   explicit MimeMailComposer(MailTransport transport) : transport_(std::move(transport)) {}
 
@@ -170,7 +172,7 @@ class MimeMailComposer : public MailComposer {
   MailTransport transport_;
 };
 
-class MimeMailComposerFactory : public MailComposerFactory {
+class KORVEL_EXPORT MimeMailComposerFactory : public MailComposerFactory {
  public:
   explicit MimeMailComposerFactory(MailTransport transport = MailTransport::none())
       : transport_(std::move(transport)) {}
@@ -188,17 +190,17 @@ namespace mime {
 
 // Base64 of bytes, in lines of at most lineLength characters joined by CRLF
 // (no line break after the last line); lineLength 0 gives one line.
-std::string base64(std::span<const uint8_t> bytes, size_t lineLength = 76);
+KORVEL_EXPORT std::string base64(std::span<const uint8_t> bytes, size_t lineLength = 76);
 // A header value safe to write after "Name: ": printable ASCII as it is
 // (line breaks and other control characters become spaces), anything else
 // as RFC 2047 UTF-8 encoded words folded onto continuation lines.
-std::string encodeHeaderText(std::string_view text);
+KORVEL_EXPORT std::string encodeHeaderText(std::string_view text);
 // The Content-Disposition / Content-Type parameter for a file name:
 // name="text" for plain ASCII, name*=UTF-8''percent-encoded (RFC 2231)
 // otherwise.
-std::string fileNameParameter(std::string_view parameter, std::string_view fileName);
+KORVEL_EXPORT std::string fileNameParameter(std::string_view parameter, std::string_view fileName);
 // An RFC 5322 date ("Tue, 14 Nov 2023 22:13:20 +0000") of an instant, UTC.
-std::string rfc5322Date(double secondsSince1970);
+KORVEL_EXPORT std::string rfc5322Date(double secondsSince1970);
 
 }  // namespace mime
 

@@ -7,6 +7,8 @@
 // for every channel count and sample size; common readers accept it.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <filesystem>
 #include <string_view>
 
@@ -28,13 +30,13 @@ enum class WaveWriteStatus {
   WriteFailed,
 };
 
-std::string_view describe(WaveWriteStatus status);
+KORVEL_EXPORT std::string_view describe(WaveWriteStatus status);
 
 // Writes buffer to path, replacing an existing file (a symbolic link in the
 // last component is refused, not followed). Nothing is written unless the
 // format is valid. Callers may ignore the result.
-WaveWriteStatus writeWaveFile(const std::filesystem::path& path, const KVNPCMBuffer& buffer);
-WaveWriteStatus writeWaveFile(const std::filesystem::path& path, const KVNPCMBuffer& buffer,
+KORVEL_EXPORT WaveWriteStatus writeWaveFile(const std::filesystem::path& path, const KVNPCMBuffer& buffer);
+KORVEL_EXPORT WaveWriteStatus writeWaveFile(const std::filesystem::path& path, const KVNPCMBuffer& buffer,
                               std::error_code& error);
 
 }  // namespace korvel::platform

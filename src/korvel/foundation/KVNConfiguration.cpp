@@ -11,9 +11,9 @@ const char* const KVNConfigurationUnconfiguredInid = "KVN-UNCONFIGURED-INID";
 namespace {
 
 struct ProcessIdentity {
-  std::mutex mutex;
-  std::string appShortVersion = "1.0";
-  std::optional<std::string> osBuild;
+  Mutex mutex;
+  std::string appShortVersion KORVEL_GUARDED_BY(mutex) = "1.0";
+  std::optional<std::string> osBuild KORVEL_GUARDED_BY(mutex);
 };
 
 std::optional<std::string> firstLineOf(const char* path) {
@@ -29,7 +29,10 @@ ProcessIdentity& identity() {
   static ProcessIdentity* instance = [] {
     auto* p = new ProcessIdentity;
     struct utsname names {};
-    if (uname(&names) == 0) p->osBuild = names.version;
+    if (uname(&names) == 0) {
+      MutexLock lock(p->mutex);
+      p->osBuild = names.version;
+    }
     return p;
   }();
   return *instance;
@@ -54,14 +57,14 @@ KVNConfiguration::Snapshot KVNConfiguration::machineDefaults() {
 }
 
 void KVNConfiguration::update(const std::function<void(Snapshot&)>& edit) {
-  std::lock_guard lock(writeMutex_);
+  MutexLock lock(writeMutex_);
   auto next = std::make_shared<Snapshot>(*snapshot_.load());
   edit(*next);
   snapshot_.store(std::move(next));
 }
 
 void KVNConfiguration::replace(Snapshot snapshot) {
-  std::lock_guard lock(writeMutex_);
+  MutexLock lock(writeMutex_);
   snapshot_.store(std::make_shared<const Snapshot>(std::move(snapshot)));
 }
 
@@ -89,25 +92,25 @@ void KVNConfiguration::setKorvelFrameworksRaiseExceptions(bool raise) {
 
 std::string KVNConfiguration::appShortVersion() {
   auto& id = identity();
-  std::lock_guard lock(id.mutex);
+  MutexLock lock(id.mutex);
   return id.appShortVersion;
 }
 
 void KVNConfiguration::setAppShortVersion(std::string version) {
   auto& id = identity();
-  std::lock_guard lock(id.mutex);
+  MutexLock lock(id.mutex);
   id.appShortVersion = std::move(version);
 }
 
 std::optional<std::string> KVNConfiguration::deviceOSBuildNumber() {
   auto& id = identity();
-  std::lock_guard lock(id.mutex);
+  MutexLock lock(id.mutex);
   return id.osBuild;
 }
 
 void KVNConfiguration::setDeviceOSBuildNumber(std::optional<std::string> build) {
   auto& id = identity();
-  std::lock_guard lock(id.mutex);
+  MutexLock lock(id.mutex);
   id.osBuild = std::move(build);
 }
 

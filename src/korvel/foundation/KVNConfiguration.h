@@ -8,29 +8,31 @@
 // consistent configuration and never a half-written one.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <atomic>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 
 #include <korvel/foundation/KVRParameters.h>
+#include <korvel/foundation/Mutex.h>
 #include <korvel/foundation/SharedSlot.h>
 
 namespace korvel {
 
 // The inid a record stores when the configuration has none yet.
-extern const char* const KVNConfigurationUnconfiguredInid;
+extern KORVEL_EXPORT const char* const KVNConfigurationUnconfiguredInid;
 
-struct KVNBeaconsConfiguration {
+struct KORVEL_EXPORT KVNBeaconsConfiguration {
   // URL template of the beacon endpoint; empty or missing when beacons are off.
   std::optional<std::string> beaconEndpoint;
   // Server-provided parameters added to every beacon.
   KVRParameters beaconParameters;
 };
 
-class KVNConfiguration {
+class KORVEL_EXPORT KVNConfiguration {
  public:
   struct Snapshot {
     std::optional<std::string> inid;
@@ -58,9 +60,9 @@ class KVNConfiguration {
   }
 
   // Applies edit to a copy of the current snapshot and publishes the result.
-  void update(const std::function<void(Snapshot&)>& edit);
+  void update(const std::function<void(Snapshot&)>& edit) KORVEL_EXCLUDES(writeMutex_);
   // Replaces the whole configuration.
-  void replace(Snapshot snapshot);
+  void replace(Snapshot snapshot) KORVEL_EXCLUDES(writeMutex_);
 
   void setInid(std::optional<std::string> inid);
   void setConfigured(bool configured);
@@ -85,7 +87,9 @@ class KVNConfiguration {
   KVNConfiguration();
 
  private:
-  std::mutex writeMutex_;
+  // Serialises writers: each edit starts from the snapshot the previous one
+  // published.
+  Mutex writeMutex_;
   platform::SharedSlot<const Snapshot> snapshot_;
 };
 

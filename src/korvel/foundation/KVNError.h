@@ -3,6 +3,8 @@
 // error under KVNUnderlyingErrorKey (a chain of any depth).
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -20,7 +22,7 @@ class KVNError;
 
 inline constexpr std::string_view KVNUnderlyingErrorKey = "NSUnderlyingError";
 
-class KVNError {
+class KORVEL_EXPORT KVNError {
  public:
   // A user-information value: a plain value or another error.
   using UserInfoValue = std::variant<KVRValue, std::shared_ptr<const KVNError>>;

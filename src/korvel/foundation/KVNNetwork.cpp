@@ -1,16 +1,17 @@
 #include <korvel/foundation/KVNNetwork.h>
+#include <korvel/foundation/KVNRequestReload.h>
 
 #include <map>
-#include <mutex>
 
 #include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel {
 
 namespace {
 struct RestorerRegistry {
-  std::mutex mutex;
-  std::map<std::string, KVNRequestRestorer, std::less<>> restorers;
+  Mutex mutex;
+  std::map<std::string, KVNRequestRestorer, std::less<>> restorers KORVEL_GUARDED_BY(mutex);
 };
 
 RestorerRegistry& registry() {
@@ -21,7 +22,7 @@ RestorerRegistry& registry() {
 
 void KVNRequestRestorers::registerRestorer(const std::string& kind, KVNRequestRestorer restorer) {
   auto& r = registry();
-  std::lock_guard lock(r.mutex);
+  MutexLock lock(r.mutex);
   r.restorers[kind] = std::move(restorer);
 }
 
@@ -30,13 +31,28 @@ std::optional<KVNNetworkRequest> KVNRequestRestorers::restore(const std::string&
   KVNRequestRestorer restorer;
   {
     auto& r = registry();
-    std::lock_guard lock(r.mutex);
+    MutexLock lock(r.mutex);
     auto it = r.restorers.find(kind);
     if (it == r.restorers.end()) return std::nullopt;
     restorer = it->second;
   }
   return restorer(payload);
 }
+
+namespace {
+thread_local bool reloading = false;
+}  // namespace
+
+std::optional<KVNNetworkRequest> KVNReloadRequest(const std::string& kind, std::string_view payload) {
+  struct Flag {
+    bool outer = reloading;
+    Flag() { reloading = true; }
+    ~Flag() { reloading = outer; }
+  } flag;
+  return KVNRequestRestorers::restore(kind, payload);
+}
+
+bool KVNRequestReloading() { return reloading; }
 
 bool KVNConfigurationPolicySatisfied(int configurationPolicy) {
   const auto config = KVNConfiguration::sharedInstance().snapshot();

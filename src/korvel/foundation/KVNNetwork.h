@@ -27,6 +27,8 @@
 // only when an executor persists the request.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <chrono>
 #include <cstdint>
 #include <functional>
@@ -41,7 +43,7 @@ enum class KVNNetworkRequestHTTPMethod { GET, POST };
 inline constexpr KVNNetworkRequestHTTPMethod KVNNetworkRequestHTTPMethodGET =
     KVNNetworkRequestHTTPMethod::GET;
 
-class KVNEndpoint {
+class KORVEL_EXPORT KVNEndpoint {
  public:
   explicit KVNEndpoint(std::string urlString) : urlString_(std::move(urlString)) {}
   const std::string& urlString() const { return urlString_; }
@@ -51,7 +53,7 @@ class KVNEndpoint {
   std::string urlString_;
 };
 
-class KVNNetworkRequest {
+class KORVEL_EXPORT KVNNetworkRequest {
  public:
   using EndpointBuilder = std::function<std::optional<KVNEndpoint>()>;
   using PayloadEncoder = std::function<std::string()>;
@@ -97,29 +99,44 @@ class KVNNetworkRequest {
 using KVNRequestRestorer = std::function<std::optional<KVNNetworkRequest>(std::string_view)>;
 
 // Process-wide registry of restorers by kind.
-class KVNRequestRestorers {
+class KORVEL_EXPORT KVNRequestRestorers {
  public:
   static void registerRestorer(const std::string& kind, KVNRequestRestorer restorer);
   static std::optional<KVNNetworkRequest> restore(const std::string& kind,
                                                   std::string_view payload);
 };
 
-class KVNNetworkBackgroundRequestExecutor {
+class KORVEL_EXPORT KVNNetworkBackgroundRequestExecutor {
  public:
   virtual ~KVNNetworkBackgroundRequestExecutor() = default;
 
   // The identifier given at construction ("<bundle id>.backgroundBeacons").
   virtual const std::string& backgroundSessionIdentifier() const = 0;
 
-  // Queues the request; returns at once. Safe from any thread.
-  virtual void executeRequest(KVNNetworkRequest request) = 0;
+  // Queues the request; returns at once. Safe from any thread. Never
+  // throws: it is on the path of every report call, so an executor that
+  // cannot queue a request (out of memory) logs and drops it.
+  virtual void executeRequest(KVNNetworkRequest request) noexcept = 0;
 
   // Waits until every queued request has been delivered or given up, or the
-  // deadline passes; true when nothing is left pending.
+  // deadline passes; true when nothing is left pending. While paused it does
+  // not wait for held requests: false at once when any is queued.
   virtual bool flush(std::chrono::milliseconds deadline) = 0;
+
+  // Holds every request (paused) or lets them go again; queued requests
+  // stay queued and new ones are still accepted. An executor that cannot
+  // hold requests ignores it. Safe from any thread.
+  virtual void setPaused(bool /*paused*/) {}
+
+  // Drops every request not yet handed to the network, from memory and from
+  // whatever the executor stored, so none of them is ever sent, in this run
+  // or a later one. A request already on the wire may still arrive. Returns
+  // how many were dropped; an executor that keeps nothing returns 0. Safe
+  // from any thread.
+  virtual size_t purge() { return 0; }
 };
 
 // Whether the current configuration lets a request with this policy go out.
-bool KVNConfigurationPolicySatisfied(int configurationPolicy);
+KORVEL_EXPORT bool KVNConfigurationPolicySatisfied(int configurationPolicy);
 
 }  // namespace korvel

@@ -7,6 +7,8 @@
 // as the object; the context is immutable once posted.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -23,7 +25,7 @@ inline constexpr std::string_view KVNTaggingDebugResultContextNotification =
     "KVNTaggingDebugResultContextNotification";
 
 // How the samples of a PCM buffer are laid out.
-struct KVNAudioFormat {
+struct KORVEL_EXPORT KVNAudioFormat {
   double sampleRate = 0;
   uint32_t channelCount = 0;
   // Bits of one sample of one channel: 8, 16, 24 or 32 for integers, 32 or
@@ -38,26 +40,26 @@ struct KVNAudioFormat {
 
 // Recorded audio: frameLength interleaved frames in the machine's byte order
 // (8-bit integer samples are unsigned, as WAVE has them).
-struct KVNPCMBuffer {
+struct KORVEL_EXPORT KVNPCMBuffer {
   KVNAudioFormat format;
   platform::Data frames;
   uint32_t frameLength = 0;
 };
 
-struct KVNTaggingDebugTag {
+struct KORVEL_EXPORT KVNTaggingDebugTag {
   std::string tagID;
 };
 
-struct KVNSignature {
+struct KORVEL_EXPORT KVNSignature {
   platform::Data data;
 };
 
 // One try at recognising the recording: the signature it picked, if any.
-struct KVNRecognitionAttempt {
+struct KORVEL_EXPORT KVNRecognitionAttempt {
   std::optional<KVNSignature> pickedSignature;
 };
 
-struct KVNTaggingDebugResultContext {
+struct KORVEL_EXPORT KVNTaggingDebugResultContext {
   std::vector<KVNTaggingDebugTag> tags;
   std::optional<KVRDate> sessionStartDate;
   std::shared_ptr<const KVNPCMBuffer> audioBuffer;

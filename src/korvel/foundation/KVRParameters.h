@@ -11,6 +11,8 @@
 // this size and free of per-node allocations.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <initializer_list>
 #include <memory>
@@ -28,13 +30,13 @@ class KVRParameters;
 class KVRValue;
 
 // A point in time, as seconds since 1970-01-01 00:00:00 UTC.
-struct KVRDate {
+struct KORVEL_EXPORT KVRDate {
   double secondsSince1970 = 0;
   friend bool operator==(const KVRDate&, const KVRDate&) = default;
 };
 
 // An absolute URL, kept as its text.
-struct KVRURL {
+struct KORVEL_EXPORT KVRURL {
   std::string absoluteString;
   friend bool operator==(const KVRURL&, const KVRURL&) = default;
 };
@@ -44,7 +46,7 @@ using KVRList = std::vector<KVRValue>;
 // One parameter value: text, a signed or unsigned integer, a double, a
 // boolean, a date, a URL, or a nested dictionary or list. Nested containers
 // are shared immutable values, so copying a KVRValue never deep-copies.
-class KVRValue {
+class KORVEL_EXPORT KVRValue {
  public:
   enum class Kind { String, Int, UInt, Double, Bool, Date, URL, Dictionary, List };
 
@@ -102,7 +104,7 @@ class KVRValue {
       storage_;
 };
 
-class KVRParameters {
+class KORVEL_EXPORT KVRParameters {
  public:
   using Entry = std::pair<std::string, KVRValue>;
   using const_iterator = std::vector<Entry>::const_iterator;
@@ -170,8 +172,8 @@ class KVRParameters {
 //   string      as is at the top level; inside a container it is quoted with
 //               "..." (backslash escapes for ", \ and line breaks) unless it
 //               is non-empty and made only of letters, digits and _$./:-
-std::string describe(const KVRValue& value);
-std::string describe(const KVRParameters& dictionary);
-std::string describeDate(KVRDate date);
+KORVEL_EXPORT std::string describe(const KVRValue& value);
+KORVEL_EXPORT std::string describe(const KVRParameters& dictionary);
+KORVEL_EXPORT std::string describeDate(KVRDate date);
 
 }  // namespace korvel

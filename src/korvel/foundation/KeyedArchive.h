@@ -6,6 +6,8 @@
 // never a crash.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -16,7 +18,7 @@
 
 namespace korvel::platform {
 
-class KeyedArchiver {
+class KORVEL_EXPORT KeyedArchiver {
  public:
   KeyedArchiver();
   ~KeyedArchiver();
@@ -37,7 +39,7 @@ class KeyedArchiver {
   std::unique_ptr<Impl> impl_;
 };
 
-class KeyedUnarchiver {
+class KORVEL_EXPORT KeyedUnarchiver {
  public:
   // Opens an archive; nothing when the bytes are not a whole, valid archive.
   static std::optional<KeyedUnarchiver> open(std::string_view data);

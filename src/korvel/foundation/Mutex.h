@@ -65,6 +65,38 @@ class KORVEL_SCOPED_CAPABILITY MutexLock {
   Mutex& mutex_;
 };
 
+// A mutex the thread holding it may lock again, for a class whose callbacks
+// may call back into it. The analysis checks each function on its own, so it
+// cannot see the re-entry (which is the point); everything else is checked as
+// for Mutex. Prefer Mutex: re-entry means a callback sees the state half-way
+// through an operation.
+class KORVEL_CAPABILITY("mutex") RecursiveMutex {
+ public:
+  RecursiveMutex() = default;
+  RecursiveMutex(const RecursiveMutex&) = delete;
+  RecursiveMutex& operator=(const RecursiveMutex&) = delete;
+
+  void lock() KORVEL_ACQUIRE() { mutex_.lock(); }
+  void unlock() KORVEL_RELEASE() { mutex_.unlock(); }
+
+ private:
+  std::recursive_mutex mutex_;
+};
+
+// Holds a RecursiveMutex for its scope.
+class KORVEL_SCOPED_CAPABILITY RecursiveMutexLock {
+ public:
+  explicit RecursiveMutexLock(RecursiveMutex& mutex) KORVEL_ACQUIRE(mutex) : mutex_(mutex) {
+    mutex_.lock();
+  }
+  ~RecursiveMutexLock() KORVEL_RELEASE() { mutex_.unlock(); }
+  RecursiveMutexLock(const RecursiveMutexLock&) = delete;
+  RecursiveMutexLock& operator=(const RecursiveMutexLock&) = delete;
+
+ private:
+  RecursiveMutex& mutex_;
+};
+
 // A condition variable waited on with a held Mutex (released while waiting,
 // held again on return). Waits may wake spuriously: loop on the condition,
 //   while (!ready_) condition_.wait(mutex_);

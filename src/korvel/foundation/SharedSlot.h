@@ -1,8 +1,9 @@
 #pragma once
 
 #include <memory>
-#include <mutex>
 #include <utility>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -19,18 +20,18 @@ template <class T>
 class SharedSlot {
  public:
   SharedSlot() = default;
-  explicit SharedSlot(std::shared_ptr<T> value) : value_(std::move(value)) {}
+  explicit SharedSlot(std::shared_ptr<T> value) { store(std::move(value)); }
   SharedSlot(const SharedSlot&) = delete;
   SharedSlot& operator=(const SharedSlot&) = delete;
 
   std::shared_ptr<T> load() const {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return value_;
   }
 
   void store(std::shared_ptr<T> value) {
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       value_.swap(value);
     }
     // value now holds the previous pointer; if this was its last owner it is
@@ -38,8 +39,8 @@ class SharedSlot {
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::shared_ptr<T> value_;
+  mutable Mutex mutex_;
+  std::shared_ptr<T> value_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel::platform

@@ -271,18 +271,22 @@ std::string URLComponents::string() const {
   return out;
 }
 
-std::string percentEncodeQueryComponent(std::string_view text) {
+std::string percentEncode(std::string_view text, bool (*keep)(unsigned char)) {
   std::string out;
   out.reserve(text.size());
   for (char ch : text) {
     const auto c = static_cast<unsigned char>(ch);
-    if (isUnreserved(c)) {
+    if (keep(c)) {
       out += ch;
     } else {
       appendEscaped(out, c);
     }
   }
   return out;
+}
+
+std::string percentEncodeQueryComponent(std::string_view text) {
+  return percentEncode(text, isUnreserved);
 }
 
 std::string percentDecode(std::string_view text) {

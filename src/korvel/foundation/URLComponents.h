@@ -8,6 +8,8 @@
 // application/x-www-form-urlencoded parser.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <optional>
 #include <string>
 #include <string_view>
@@ -15,13 +17,13 @@
 
 namespace korvel::platform {
 
-struct URLQueryItem {
+struct KORVEL_EXPORT URLQueryItem {
   std::string name;
   std::optional<std::string> value;  // "name" alone (no "=") when missing
   friend bool operator==(const URLQueryItem&, const URLQueryItem&) = default;
 };
 
-class URLComponents {
+class KORVEL_EXPORT URLComponents {
  public:
   // Parses an absolute URL ("scheme://authority/path?query#fragment").
   // Characters that may not appear raw in the path or query (spaces,
@@ -57,10 +59,12 @@ class URLComponents {
   std::optional<std::string> fragment_;
 };
 
+// Percent-encodes (%XX, upper-case hex) every byte that keep() does not keep.
+std::string percentEncode(std::string_view text, bool (*keep)(unsigned char));
 // Percent-encodes every byte outside the unreserved set (RFC 3986 2.3).
-std::string percentEncodeQueryComponent(std::string_view text);
+KORVEL_EXPORT std::string percentEncodeQueryComponent(std::string_view text);
 // Decodes %XX escapes (malformed escapes are kept as they are). "+" is left
 // alone: it is not a space in a URL's query.
-std::string percentDecode(std::string_view text);
+KORVEL_EXPORT std::string percentDecode(std::string_view text);
 
 }  // namespace korvel::platform

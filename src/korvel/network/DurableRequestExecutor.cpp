@@ -1,14 +1,19 @@
-#include <korvel/network/DurableRequestExecutor.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 
 #include <pwd.h>
 #include <unistd.h>
 
+#include <fcntl.h>
+
 #include <algorithm>
 #include <cstdlib>
+#include <fstream>
 #include <random>
+#include <sstream>
 
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/KVNRequestReload.h>
 
 namespace korvel::platform {
 
@@ -23,6 +28,32 @@ constexpr auto kPolicyRecheckInterval = std::chrono::milliseconds(50);
 // The age cap is applied from the oldest entry on at every sync; a full scan
 // (entries restored out of order) runs this often.
 constexpr auto kFullAgeScanInterval = std::chrono::minutes(1);
+// While a host backs off, new reports wake no worker; a worker looks at
+// them this often (they may be for another host).
+constexpr auto kBackoffRecheckInterval = std::chrono::milliseconds(500);
+// A stored request that is about to go out keeps its request object while
+// fewer than this many are ready to send (no read-back on the healthy
+// path); past that, and whenever a request has to wait, only its index is
+// kept. Bounds the memory held whole, whatever the backlog.
+constexpr size_t kKeptWhole = 64;
+// Repeated log lines are summed up this often.
+constexpr auto kRepeatedLogInterval = std::chrono::seconds(1);
+// The file in the store's directory that keeps hosts' Retry-After times.
+constexpr const char* kHostsFile = "hosts";
+
+// "scheme://host:port" of a URL (the port only when given); the URL itself
+// when it has no scheme.
+std::string hostOf(const std::string& url) {
+  const size_t scheme = url.find("://");
+  if (scheme == std::string::npos) return url.substr(0, url.find_first_of("/?#"));
+  const size_t end = url.find_first_of("/?#", scheme + 3);
+  std::string host = url.substr(0, end);
+  // Without any userinfo: it is no part of the host.
+  if (const size_t at = host.find('@', scheme + 3); at != std::string::npos) {
+    host.erase(scheme + 3, at - scheme - 2);
+  }
+  return host;
+}
 
 std::string sanitizedComponent(const std::string& text) {
   std::string out;
@@ -89,17 +120,21 @@ DurableRequestExecutor::DurableRequestExecutor(std::string sessionIdentifier, Op
     storeOptions.logger = logger_;
     storeOptions.segmentSwitched = [this] {
       {
-        std::lock_guard lock(mutex_);
+        MutexLock lock(mutex_);
         syncRequested_ = true;
       }
-      writerWake_.notify_one();
+      writerWake_.signal();
     };
     store_ = openJournalRequestStore(storeOptions);
     if (!store_) logger_.log(LogLevel::Error, "requests are kept in memory only");
   }
   if (store_) epochBits_ = static_cast<uint64_t>(store_->epoch()) << 32;
-  stats_.durable = store_ != nullptr;
-  paused_ = options_.startPaused;
+  {
+    MutexLock lock(mutex_);
+    stats_.durable = store_ != nullptr;
+    paused_ = options_.startPaused;
+  }
+  if (store_) loadHosts();
 
   writer_ = std::thread([this] { writerLoop(); });
   const int workers = std::max(1, options_.concurrency);
@@ -109,101 +144,170 @@ DurableRequestExecutor::DurableRequestExecutor(std::string sessionIdentifier, Op
 
 DurableRequestExecutor::~DurableRequestExecutor() {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     stopping_ = true;
   }
   cancel_ = true;
-  workAvailable_.notify_all();
+  workAvailable_.signalAll();
   for (auto& worker : workers_) worker.join();
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     writerStopping_ = true;
   }
-  writerWake_.notify_all();
+  writerWake_.signalAll();
   writer_.join();  // its last sync records everything finished
 }
 
 int DurableRequestExecutor::bucketOf(int policy) { return policy == 1 || policy == 2 ? policy : 0; }
 
-void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) {
+void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept try {
   const uint64_t id = epochBits_ | nextCounter_.fetch_add(1, std::memory_order_relaxed);
   const int64_t created = wallMillis();
   bool durable = false;
   bool appendFailed = false;
+  bool oversize = false;
+  size_t bytes = 0;
   if (store_ && !request.restorationKind().empty() && request.restorationPayloadEncoder()) {
     // One buffer per thread: the frame costs no allocation once warm.
     thread_local std::string frame;
     frame.clear();
     try {
       const std::string payload = request.restorationPayloadEncoder()();
-      appendFrame(frame, id, created, request.priority(), request.configurationPolicy(),
-                  request.backgroundSessionRetryCount(), request.restorationKind(), payload);
-      durable = store_->append(frame, id);
+      if (payload.size() > options_.maxRequestBytes) {
+        oversize = true;
+        bytes = payload.size();
+      } else {
+        appendFrame(frame, id, created, request.priority(), request.configurationPolicy(),
+                    request.backgroundSessionRetryCount(), request.restorationKind(), payload);
+        durable = store_->append(frame, id);
+        bytes = frame.size();
+      }
     } catch (...) {
       // An encoder that throws leaves the request in memory, like a full disk.
     }
-    appendFailed = !durable;
+    appendFailed = !durable && !oversize;
+  }
+  if (oversize) {
+    MutexLock lock(mutex_);
+    ++stats_.droppedOversize;
+    logRepeated("dropped a request of " + std::to_string(bytes) + " bytes: more than " +
+                std::to_string(options_.maxRequestBytes) + " bytes are never sent");
+    return;
   }
 
   Entry entry;
   entry.priority = request.priority();
-  entry.policy = request.configurationPolicy();
-  entry.retryCount = std::max(0, request.backgroundSessionRetryCount());
+  entry.policy = static_cast<int8_t>(bucketOf(request.configurationPolicy()));
+  entry.retryCount = static_cast<int16_t>(
+      std::clamp(request.backgroundSessionRetryCount(), 0, int{INT16_MAX}));
   entry.createdMillis = created;
   entry.durable = durable;
+  entry.bytes = durable ? static_cast<uint32_t>(bytes) : 0;
   entry.request = std::make_shared<const KVNNetworkRequest>(std::move(request));
+  std::shared_ptr<const KVNNetworkRequest> dropped;  // destroyed outside the lock
   bool wake;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (appendFailed) ++appendFailuresSinceLog_;
+    if (durable) ++appendsSinceLog_;
+    // A stored request that has to wait is read back when its turn comes.
+    if (durable && (hostsBackingOff_ > 0 || paused_ ||
+                    ready_[0].size() + ready_[1].size() + ready_[2].size() >= kKeptWhole)) {
+      dropped = std::move(entry.request);
+    }
     enqueue(id, std::move(entry));
     enforceCap();
     // A futex wake costs the caller more than everything else here: only
-    // wake a worker that is asleep, and none while paused. A worker that is
-    // awake takes the request when it looks at the queue again.
-    wake = !paused_ && sleepingWorkers_ > 0;
+    // wake a worker that is asleep, and none while paused or while a host
+    // backs off (its workers wake at its next attempt time). A worker that
+    // is awake takes the request when it looks at the queue again.
+    wake = !paused_ && sleepingWorkers_ > 0 && hostsBackingOff_ == 0;
   }
-  if (wake) workAvailable_.notify_one();
+  if (wake) workAvailable_.signal();
+} catch (...) {
+  // Out of memory queueing it: the request is dropped, and said so when the
+  // line itself can be made.
+  try {
+    logger_.log(LogLevel::Error, "dropped a request that could not be queued");
+  } catch (...) {
+  }
 }
 
 bool DurableRequestExecutor::flush(std::chrono::milliseconds deadline) {
   const auto until = Clock::now() + deadline;
-  std::unique_lock lock(mutex_);
-  if (!progress_.wait_until(lock, until, [&] { return drained(); })) return false;
+  MutexLock lock(mutex_);
+  while (!drained()) {
+    // Held requests do not leave while paused: no point waiting for them
+    // once restoration and the requests on the wire are done.
+    if (paused_ && restored_ && inFlight_ == 0) return false;
+    if (!progress_.waitUntil(mutex_, until) && !drained()) return false;
+  }
   const uint64_t wanted = syncStarted_ + 1;
   syncRequested_ = true;
-  writerWake_.notify_one();
-  return progress_.wait_until(lock, until, [&] { return syncCompleted_ >= wanted; });
+  writerWake_.signal();
+  while (syncCompleted_ < wanted) {
+    if (!progress_.waitUntil(mutex_, until)) return syncCompleted_ >= wanted;
+  }
+  return true;
 }
 
 std::optional<StoreStats> DurableRequestExecutor::syncStore(std::chrono::milliseconds deadline) {
   const auto until = Clock::now() + deadline;
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   if (!store_) return std::nullopt;
   // After restoration, so the figures include what an earlier run left.
-  if (!progress_.wait_until(lock, until, [&] { return restored_; })) return std::nullopt;
+  while (!restored_) {
+    if (!progress_.waitUntil(mutex_, until) && !restored_) return std::nullopt;
+  }
   const uint64_t wanted = syncStarted_ + 1;
   syncRequested_ = true;
   compactRequested_ = true;
-  writerWake_.notify_one();
-  if (!progress_.wait_until(lock, until, [&] { return syncCompleted_ >= wanted; })) {
-    return std::nullopt;
+  writerWake_.signal();
+  while (syncCompleted_ < wanted) {
+    if (!progress_.waitUntil(mutex_, until) && syncCompleted_ < wanted) return std::nullopt;
   }
   return lastStoreStats_;
 }
 
 void DurableRequestExecutor::setPaused(bool paused) {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     paused_ = paused;
   }
-  workAvailable_.notify_all();
+  workAvailable_.signalAll();
+}
+
+size_t DurableRequestExecutor::purge() {
+  MutexLock lock(mutex_);
+  while (!restored_) progress_.wait(mutex_);
+  size_t purged = 0;
+  for (auto it = entries_.begin(); it != entries_.end();) {
+    if (it->second.state == State::InFlight) {  // already on the wire
+      ++it;
+      continue;
+    }
+    unlink(it);
+    if (it->second.durable) finished_.push_back(it->first);
+    it = entries_.erase(it);
+    ++purged;
+  }
+  if (drained()) progress_.signalAll();
+  // The store forgets them (and compacts them away) before this returns.
+  const uint64_t wanted = syncStarted_ + 1;
+  syncRequested_ = true;
+  compactRequested_ = true;
+  writerWake_.signal();
+  while (syncCompleted_ < wanted) progress_.wait(mutex_);
+  logger_.log(LogLevel::Info, "purged " + std::to_string(purged) + " waiting requests");
+  return purged;
 }
 
 DurableRequestExecutor::Stats DurableRequestExecutor::stats() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   Stats s = stats_;
   s.waiting = entries_.size() - parked_;
+  s.durable = stats_.durable && !appendsFailing_ && store_->durable();
+  s.hostsBackingOff = hostsBackingOff_;
   return s;
 }
 
@@ -216,6 +320,7 @@ bool DurableRequestExecutor::drained() const {
 void DurableRequestExecutor::enqueue(uint64_t id, Entry entry) {
   auto [it, inserted] = entries_.emplace(id, std::move(entry));
   if (!inserted) return;
+  storedBytes_ += it->second.bytes;
   if (it->second.state == State::Parked) {
     ++parked_;
     return;
@@ -228,6 +333,14 @@ void DurableRequestExecutor::makeReady(uint64_t id, Entry& entry) {
   ready_[bucketOf(entry.policy)].emplace(-entry.priority, id);
 }
 
+void DurableRequestExecutor::hold(uint64_t id, Entry& entry, int host) {
+  if (entry.durable) entry.request.reset();  // read back when the host is healthy
+  entry.state = State::Held;
+  entry.host = static_cast<int16_t>(host);
+  hosts_[static_cast<size_t>(host)].held.emplace(-entry.priority, id);
+  ++held_;
+}
+
 void DurableRequestExecutor::unlink(Entries::iterator it) {
   Entry& e = it->second;
   switch (e.state) {
@@ -235,8 +348,8 @@ void DurableRequestExecutor::unlink(Entries::iterator it) {
       ready_[bucketOf(e.policy)].erase({-e.priority, it->first});
       break;
     case State::Waiting: {
-      auto [first, last] = waiting_.equal_range(e.due);
-      for (auto w = first; w != last; ++w) {
+      // Few wait on their own (only requests without a host): a scan.
+      for (auto w = waiting_.begin(); w != waiting_.end(); ++w) {
         if (w->second == it->first) {
           waiting_.erase(w);
           break;
@@ -244,6 +357,10 @@ void DurableRequestExecutor::unlink(Entries::iterator it) {
       }
       break;
     }
+    case State::Held:
+      hosts_[static_cast<size_t>(e.host)].held.erase({-e.priority, it->first});
+      --held_;
+      break;
     case State::Parked:
       --parked_;
       break;
@@ -252,23 +369,31 @@ void DurableRequestExecutor::unlink(Entries::iterator it) {
   }
 }
 
-void DurableRequestExecutor::finish(Entries::iterator it) {
+// Forgets an entry that is no longer queued anywhere.
+void DurableRequestExecutor::erase(Entries::iterator it) {
   if (it->second.durable) finished_.push_back(it->first);
+  storedBytes_ -= it->second.bytes;
   entries_.erase(it);
-  if (drained()) progress_.notify_all();
+}
+
+void DurableRequestExecutor::finish(Entries::iterator it) {
+  erase(it);
+  if (drained()) progress_.signalAll();
 }
 
 void DurableRequestExecutor::enforceCap() {
-  if (entries_.size() <= options_.maxStoredRequests) return;
+  if (entries_.size() <= options_.maxStoredRequests && storedBytes_ <= options_.maxStoredBytes) {
+    return;
+  }
   for (auto it = entries_.begin();
-       it != entries_.end() && entries_.size() > options_.maxStoredRequests;) {
+       it != entries_.end() &&
+       (entries_.size() > options_.maxStoredRequests || storedBytes_ > options_.maxStoredBytes);) {
     if (it->second.state == State::InFlight) {
       ++it;
       continue;
     }
     unlink(it);
-    if (it->second.durable) finished_.push_back(it->first);
-    it = entries_.erase(it);
+    erase(it++);
     ++stats_.droppedOverCap;
     ++overCapSinceLog_;
   }
@@ -290,12 +415,11 @@ void DurableRequestExecutor::dropExpired(int64_t nowMillis, bool scanAll) {
       continue;
     }
     unlink(it);
-    if (it->second.durable) finished_.push_back(it->first);
-    it = entries_.erase(it);
+    erase(it++);
     ++stats_.droppedTooOld;
     ++tooOldSinceLog_;
   }
-  if (drained()) progress_.notify_all();
+  if (drained()) progress_.signalAll();
 }
 
 void DurableRequestExecutor::promoteDue(Clock::time_point now) {
@@ -307,26 +431,127 @@ void DurableRequestExecutor::promoteDue(Clock::time_point now) {
   }
 }
 
-bool DurableRequestExecutor::pickReady(uint64_t& id) {
-  const std::pair<int, uint64_t>* best = nullptr;
-  int bestBucket = -1;
-  for (int b = 0; b < 3; ++b) {
-    if (ready_[b].empty()) continue;
-    const auto& first = *ready_[b].begin();
-    if (best != nullptr && !(first < *best)) continue;
-    if (b != 0 && !KVNConfigurationPolicySatisfied(b)) continue;
-    best = &first;
-    bestBucket = b;
+bool DurableRequestExecutor::pickProbe(Clock::time_point now, uint64_t& id, int& host) {
+  if (hostsBackingOff_ == 0) return false;
+  for (size_t h = 0; h < hosts_.size(); ++h) {
+    Host& candidate = hosts_[h];
+    if (candidate.steps == 0 || candidate.probing || now < candidate.notBefore ||
+        candidate.held.empty()) {
+      continue;
+    }
+    // The first held request the configuration lets go.
+    for (auto it = candidate.held.begin(); it != candidate.held.end(); ++it) {
+      const Entry& e = entries_.at(it->second);
+      if (e.policy != 0 && !KVNConfigurationPolicySatisfied(e.policy)) continue;
+      id = it->second;
+      candidate.held.erase(it);
+      --held_;
+      candidate.probing = true;
+      host = static_cast<int>(h);
+      return true;
+    }
   }
-  if (best == nullptr) return false;
-  id = best->second;
-  ready_[bestBucket].erase(ready_[bestBucket].begin());
-  return true;
+  return false;
+}
+
+bool DurableRequestExecutor::pickReady(uint64_t& id) {
+  for (;;) {
+    const std::pair<int, uint64_t>* best = nullptr;
+    int bestBucket = -1;
+    for (int b = 0; b < 3; ++b) {
+      if (ready_[b].empty()) continue;
+      const auto& first = *ready_[b].begin();
+      if (best != nullptr && !(first < *best)) continue;
+      if (b != 0 && !KVNConfigurationPolicySatisfied(b)) continue;
+      best = &first;
+      bestBucket = b;
+    }
+    if (best == nullptr) return false;
+    id = best->second;
+    ready_[bestBucket].erase(ready_[bestBucket].begin());
+    Entry& e = entries_.at(id);
+    // Its host backs off: it waits there, without a look at its payload.
+    if (e.host >= 0 && hosts_[static_cast<size_t>(e.host)].steps > 0) {
+      hold(id, e, e.host);
+      continue;
+    }
+    return true;
+  }
+}
+
+int DurableRequestExecutor::hostIndex(const std::string& name) {
+  for (size_t h = 0; h < hosts_.size(); ++h) {
+    if (hosts_[h].name == name) return static_cast<int>(h);
+  }
+  // Hosts are few; past this many the oldest healthy one's slot is reused.
+  constexpr size_t kMaxHosts = 64;
+  if (hosts_.size() >= kMaxHosts) {
+    for (size_t h = 0; h < hosts_.size(); ++h) {
+      if (hosts_[h].steps == 0 && hosts_[h].held.empty()) {
+        hosts_[h] = Host{};
+        hosts_[h].name = name;
+        // Entries that still name the slot only take its (healthy) state.
+        return static_cast<int>(h);
+      }
+    }
+  }
+  hosts_.push_back(Host{});
+  hosts_.back().name = name;
+  return static_cast<int>(hosts_.size() - 1);
+}
+
+void DurableRequestExecutor::hostFailed(int index, bool probe, const DeliveryResponse& response,
+                                        double jitter) {
+  Host& host = hosts_[static_cast<size_t>(index)];
+  const auto now = Clock::now();
+  // Requests already on their way when the host failed add no step.
+  if (host.steps == 0) {
+    ++hostsBackingOff_;
+    logger_.log(LogLevel::Info, "backing off from " + host.name + " after " + describe(response));
+  }
+  if (probe || host.steps == 0) ++host.steps;
+  auto delay = retryDelay(host.steps, options_.retryBaseDelay, options_.maxRetryDelay, jitter);
+  if (response.retryAfter) {
+    if (auto asked = parseRetryAfter(*response.retryAfter, env().now())) {
+      const auto honoured = std::min(*asked, options_.maxRetryAfter);
+      delay = std::max(delay, honoured);
+      host.retryAfterUntilMillis = wallMillis() + honoured.count();
+      hostsDirty_ = true;
+    }
+  }
+  host.notBefore = std::max(host.notBefore, now + delay);
+}
+
+void DurableRequestExecutor::hostAnswered(int index) {
+  Host& host = hosts_[static_cast<size_t>(index)];
+  if (host.steps == 0) return;
+  host.steps = 0;
+  --hostsBackingOff_;
+  if (host.retryAfterUntilMillis != 0) {
+    host.retryAfterUntilMillis = 0;
+    hostsDirty_ = true;
+  }
+  const size_t count = host.held.size();
+  for (const auto& [priority, id] : host.held) makeReady(id, entries_.at(id));
+  host.held.clear();
+  held_ -= count;
+  logger_.log(LogLevel::Info, host.name + " answers again; " + std::to_string(count) +
+                                  " waiting requests go out");
+  workAvailable_.signalAll();
 }
 
 void DurableRequestExecutor::settle(uint64_t id, DeliveryVerdict verdict,
                                     const DeliveryResponse& response, const std::string& url,
-                                    double jitter) {
+                                    double jitter, int host, bool probe) {
+  if (probe && host >= 0) hosts_[static_cast<size_t>(host)].probing = false;
+  const bool abandoned = verdict == DeliveryVerdict::RetryUncounted && stopping_;
+  if (host >= 0 && !abandoned) {
+    if (verdict == DeliveryVerdict::Delivered || verdict == DeliveryVerdict::Drop) {
+      hostAnswered(host);
+    } else {
+      hostFailed(host, probe, response, jitter);
+    }
+  }
   auto it = entries_.find(id);
   if (it == entries_.end()) return;
   Entry& e = it->second;
@@ -337,39 +562,59 @@ void DurableRequestExecutor::settle(uint64_t id, DeliveryVerdict verdict,
       return;
     case DeliveryVerdict::Drop:
       ++stats_.droppedByServer;
-      logger_.log(LogLevel::Error, "dropped a request refused with " + describe(response) + ": GET " +
-                                       withoutQuery(url));
+      logRepeated("dropped a request refused with " + describe(response) + ": GET " +
+                  withoutQuery(url));
       finish(it);
       return;
     case DeliveryVerdict::Retry:
       if (++e.failures > e.retryCount) {
         ++stats_.droppedByServer;
-        logger_.log(LogLevel::Error, "dropped a request after " + std::to_string(e.failures) +
-                                         " failed attempts, the last " + describe(response) +
-                                         ": GET " + withoutQuery(url));
+        logRepeated("dropped a request after " + std::to_string(e.failures) +
+                    " failed attempts, the last " + describe(response) + ": GET " +
+                    withoutQuery(url));
         finish(it);
         return;
       }
       break;
     case DeliveryVerdict::RetryUncounted:
-      if (stopping_) {  // abandoned by shutdown, not failed
+      if (abandoned) {  // by shutdown, not failed
         makeReady(id, e);
         return;
       }
       break;
   }
-  auto delay = retryDelay(++e.backoffSteps, options_.retryBaseDelay, options_.maxRetryDelay, jitter);
-  if (response.retryAfter) {
-    if (auto asked = parseRetryAfter(*response.retryAfter, env().now())) {
-      delay = std::max(delay, std::min(*asked, options_.maxRetryAfter));
-    }
+  if (host >= 0) {
+    hold(id, e, host);
+    return;
   }
+  // No host to back off from: the request waits on its own.
+  auto delay = retryDelay(++e.backoffSteps, options_.retryBaseDelay, options_.maxRetryDelay, jitter);
+  if (e.durable) e.request.reset();
   e.state = State::Waiting;
-  e.due = Clock::now() + delay;
-  waiting_.emplace(e.due, id);
+  waiting_.emplace(Clock::now() + delay, id);
+}
+
+void DurableRequestExecutor::logRepeated(const std::string& line) {
+  auto [it, first] = repeated_.try_emplace(line, 0);
+  if (first) {
+    logger_.log(LogLevel::Error, line);
+  } else {
+    ++it->second;
+  }
 }
 
 // MARK: - Threads
+
+std::shared_ptr<const KVNNetworkRequest> DurableRequestExecutor::readBack(uint64_t id) {
+  auto stored = store_ ? store_->load(id) : std::nullopt;
+  if (!stored) return nullptr;
+  auto request = KVNReloadRequest(stored->kind, stored->payload);
+  if (!request) return nullptr;
+  request->setPriority(stored->priority);
+  request->setConfigurationPolicy(stored->configurationPolicy);
+  request->setBackgroundSessionRetryCount(stored->retryCount);
+  return std::make_shared<const KVNNetworkRequest>(std::move(*request));
+}
 
 void DurableRequestExecutor::workerLoop() {
   std::unique_ptr<DeliveryTransport> transport =
@@ -381,26 +626,70 @@ void DurableRequestExecutor::workerLoop() {
   std::minstd_rand random(std::random_device{}());
   std::uniform_real_distribution<double> unit(0.0, 1.0);
 
-  std::unique_lock lock(mutex_);
+  mutex_.lock();
   while (!stopping_) {
     const auto now = Clock::now();
     promoteDue(now);
     uint64_t id = 0;
-    if (!paused_ && pickReady(id)) {
+    int probeHost = -1;
+    if (!paused_ && (pickProbe(now, id, probeHost) || pickReady(id))) {
       Entry& entry = entries_.at(id);
       entry.state = State::InFlight;
       ++inFlight_;
-      ++stats_.attempts;
-      const auto request = entry.request;
-      lock.unlock();
+      auto request = entry.request;
+      const bool stored = entry.durable && !request;
+      mutex_.unlock();
 
+      if (stored) request = readBack(id);
       DeliveryResponse response;
       DeliveryVerdict verdict;
       std::string url;
-      if (auto endpoint = request->buildEndpoint()) {
+      int host = -1;
+      bool urlTooLong = false;
+      std::optional<KVNEndpoint> endpoint;
+      if (request) endpoint = request->buildEndpoint();
+      if (!request) {
+        mutex_.lock();
+        --inFlight_;
+        auto it = entries_.find(id);
+        if (it != entries_.end()) {
+          ++stats_.droppedUnreadable;
+          logRepeated("dropped a stored request that could not be read back from the journal");
+          finish(it);
+        }
+        if (probeHost >= 0) hosts_[static_cast<size_t>(probeHost)].probing = false;
+        continue;
+      }
+      if (endpoint) {
         url = endpoint->urlString();
-        response = transport ? transport->get(url) : DeliveryResponse{};
-        verdict = classifyDelivery(response);
+        mutex_.lock();
+        host = hostIndex(hostOf(url));
+        Host& h = hosts_[static_cast<size_t>(host)];
+        entries_.at(id).host = static_cast<int16_t>(host);
+        if (probeHost >= 0 && probeHost != host) {
+          // Picked as another host's probe, but its URL now names this one.
+          hosts_[static_cast<size_t>(probeHost)].probing = false;
+          probeHost = -1;
+        }
+        if (h.steps > 0 && probeHost != host) {
+          if (h.probing || Clock::now() < h.notBefore) {
+            // The host backs off: no connection; it waits with the others.
+            --inFlight_;
+            hold(id, entries_.at(id), host);
+            continue;
+          }
+          h.probing = true;
+          probeHost = host;
+        }
+        urlTooLong = url.size() > options_.maxRequestBytes;
+        if (!urlTooLong) ++stats_.attempts;
+        mutex_.unlock();
+        if (urlTooLong) {
+          verdict = DeliveryVerdict::Drop;
+        } else {
+          response = transport ? transport->get(url) : DeliveryResponse{};
+          verdict = classifyDelivery(response);
+        }
       } else if (!KVNConfigurationPolicySatisfied(request->configurationPolicy())) {
         // The configuration changed under it: wait for the policy again.
         response.error = "configuration no longer allows it";
@@ -412,59 +701,112 @@ void DurableRequestExecutor::workerLoop() {
       }
       const double jitter = unit(random);
 
-      lock.lock();
+      mutex_.lock();
       --inFlight_;
-      settle(id, verdict, response, url, jitter);
+      if (probeHost >= 0 && probeHost != host) {
+        hosts_[static_cast<size_t>(probeHost)].probing = false;
+        probeHost = -1;
+      }
+      if (urlTooLong) {
+        if (probeHost >= 0) hosts_[static_cast<size_t>(probeHost)].probing = false;
+        auto it = entries_.find(id);
+        if (it != entries_.end()) {
+          ++stats_.droppedOversize;
+          logRepeated("dropped a request whose URL has " + std::to_string(url.size()) +
+                      " bytes: more than " + std::to_string(options_.maxRequestBytes) +
+                      " bytes are never sent");
+          finish(it);
+        }
+        continue;
+      }
+      settle(id, verdict, response, url, jitter, host, probeHost >= 0);
       continue;
     }
 
-    // Nothing to send now: sleep until a retry is due, a policy may have
-    // changed, or new work arrives.
+    // Nothing to send now: sleep until a retry or a host's probe is due, a
+    // policy may have changed, or new work arrives.
     std::optional<Clock::time_point> wake;
-    if (!waiting_.empty()) wake = waiting_.begin()->first;
-    const bool heldByPolicy = !paused_ && (!ready_[1].empty() || !ready_[2].empty());
-    if (heldByPolicy) {
-      const auto recheck = now + kPolicyRecheckInterval;
-      wake = wake ? std::min(*wake, recheck) : recheck;
+    auto wakeBy = [&wake](Clock::time_point at) { wake = wake ? std::min(*wake, at) : at; };
+    if (!waiting_.empty()) wakeBy(waiting_.begin()->first);
+    if (hostsBackingOff_ > 0) {
+      // New reports wake no worker now: the next probe time does, or, while
+      // a probe is on its way, a short recheck.
+      std::optional<Clock::time_point> probeAt;
+      for (const Host& h : hosts_) {
+        if (h.steps > 0 && !h.probing && h.notBefore > now) {
+          probeAt = probeAt ? std::min(*probeAt, h.notBefore) : h.notBefore;
+        }
+      }
+      wakeBy(probeAt ? *probeAt : now + kPolicyRecheckInterval);
+      wakeBy(now + kBackoffRecheckInterval);
+    }
+    if (!paused_ && (!ready_[1].empty() || !ready_[2].empty())) {
+      wakeBy(now + kPolicyRecheckInterval);
     }
     ++sleepingWorkers_;
     if (wake) {
-      workAvailable_.wait_until(lock, *wake);
+      workAvailable_.waitUntil(mutex_, *wake);
     } else {
-      workAvailable_.wait(lock);
+      workAvailable_.wait(mutex_);
     }
     --sleepingWorkers_;
   }
+  mutex_.unlock();
 }
 
 void DurableRequestExecutor::restoreStored() {
-  std::vector<StoredRequest> stored = store_->recover();
+  std::vector<StoredRequest> stored = store_->recover(&cancel_);
+  // In chunks, with the marks of what went out meanwhile synced between
+  // them: a kill during a long restore sends little twice.
+  constexpr size_t kChunk = 1024;
   size_t unknown = 0;
-  std::vector<std::pair<uint64_t, Entry>> restored;
-  restored.reserve(stored.size());
-  size_t examined = 0;
-  for (auto& s : stored) {
-    if (examined++ % 64 == 0) {
-      std::lock_guard lock(mutex_);
+  // Past the age cap already: dropped before anything could send them.
+  const int64_t cutoff =
+      wallMillis() - std::chrono::duration_cast<std::chrono::milliseconds>(options_.maxAge).count();
+  for (size_t begin = 0; begin < stored.size() && !cancel_; begin += kChunk) {
+    const size_t end = std::min(stored.size(), begin + kChunk);
+    std::vector<std::pair<uint64_t, Entry>> chunk;
+    chunk.reserve(end - begin);
+    std::vector<uint64_t> expired;
+    size_t chunkUnknown = 0;
+    for (size_t i = begin; i < end; ++i) {
+      StoredRequest& s = stored[i];
+      if (s.createdMillis < cutoff) {
+        expired.push_back(s.id);
+        continue;
+      }
+      Entry entry;
+      entry.priority = s.priority;
+      entry.policy = static_cast<int8_t>(bucketOf(s.configurationPolicy));
+      entry.retryCount = static_cast<int16_t>(std::clamp(s.retryCount, 0, int{INT16_MAX}));
+      entry.createdMillis = s.createdMillis;
+      entry.durable = true;
+      entry.bytes = static_cast<uint32_t>(kFrameHeaderBytes + kFrameFixedBodyBytes + s.kind.size() +
+                                          s.payload.size());
+      // Restored once here (as every earlier run's request is), then only
+      // its index is kept: the request is read back when it is sent.
+      if (!KVNRequestRestorers::restore(s.kind, s.payload)) {
+        entry.state = State::Parked;
+        ++chunkUnknown;
+      }
+      chunk.emplace_back(s.id, std::move(entry));
+      s.payload = std::string();
+    }
+    unknown += chunkUnknown;
+    std::vector<uint64_t> finished;
+    {
+      MutexLock lock(mutex_);
       if (writerStopping_) break;  // the rest stays stored for the next start
+      for (auto& [id, entry] : chunk) enqueue(id, std::move(entry));
+      stats_.restored += chunk.size() - chunkUnknown;
+      stats_.droppedTooOld += expired.size();
+      tooOldSinceLog_ += expired.size();
+      finished_.insert(finished_.end(), expired.begin(), expired.end());
+      enforceCap();
+      finished.swap(finished_);
     }
-    Entry entry;
-    entry.priority = s.priority;
-    entry.policy = s.configurationPolicy;
-    entry.retryCount = std::max(0, s.retryCount);
-    entry.createdMillis = s.createdMillis;
-    entry.durable = true;
-    if (auto request = KVNRequestRestorers::restore(s.kind, s.payload)) {
-      // Sent as it was first asked for.
-      request->setPriority(s.priority);
-      request->setConfigurationPolicy(s.configurationPolicy);
-      request->setBackgroundSessionRetryCount(s.retryCount);
-      entry.request = std::make_shared<const KVNNetworkRequest>(std::move(*request));
-    } else {
-      entry.state = State::Parked;
-      ++unknown;
-    }
-    restored.emplace_back(s.id, std::move(entry));
+    workAvailable_.signalAll();
+    store_->sync(finished);
   }
   if (unknown > 0) {
     logger_.log(LogLevel::Error, std::to_string(unknown) +
@@ -472,31 +814,67 @@ void DurableRequestExecutor::restoreStored() {
                                      "until they exceed the age cap");
   }
   {
-    std::lock_guard lock(mutex_);
-    for (auto& [id, entry] : restored) enqueue(id, std::move(entry));
-    stats_.restored = restored.size() - unknown;
-    enforceCap();
+    MutexLock lock(mutex_);
     dropExpired(wallMillis(), true);
     restored_ = true;
-    if (drained()) progress_.notify_all();
+    if (drained()) progress_.signalAll();
   }
-  workAvailable_.notify_all();
+  workAvailable_.signalAll();
+}
+
+void DurableRequestExecutor::loadHosts() {
+  std::ifstream in(directory_ / kHostsFile);
+  std::string name;
+  int64_t until = 0;
+  const int64_t nowMillis = wallMillis();
+  const auto now = Clock::now();
+  MutexLock lock(mutex_);
+  while (in >> name >> until) {
+    if (until <= nowMillis) continue;
+    const auto left = std::min(std::chrono::milliseconds(until - nowMillis), options_.maxRetryAfter);
+    Host& host = hosts_[static_cast<size_t>(hostIndex(name))];
+    if (host.steps == 0) ++hostsBackingOff_;
+    host.steps = 1;
+    host.notBefore = now + left;
+    host.retryAfterUntilMillis = until;
+    logger_.log(LogLevel::Info, name + " asked for no requests before " + std::to_string(left.count() / 1000) +
+                                    " s from now; waiting until then");
+  }
+}
+
+void DurableRequestExecutor::saveHosts(const std::vector<std::pair<std::string, int64_t>>& hosts) {
+  const fs::path path = directory_ / kHostsFile;
+  if (hosts.empty()) {
+    ::unlink(path.c_str());
+    return;
+  }
+  std::string text;
+  for (const auto& [name, until] : hosts) text += name + " " + std::to_string(until) + "\n";
+  const fs::path temporary = directory_ / "hosts.tmp";
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return;
+  const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  ::close(fd);
+  if (written) ::rename(temporary.c_str(), path.c_str());
 }
 
 void DurableRequestExecutor::writerLoop() {
   if (store_) {
     restoreStored();
   } else {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     restored_ = true;
-    progress_.notify_all();
+    progress_.signalAll();
   }
 
   auto lastFullScan = Clock::now();
-  std::unique_lock lock(mutex_);
+  auto lastRepeatedLog = Clock::now();
+  mutex_.lock();
   for (;;) {
-    writerWake_.wait_for(lock, options_.syncInterval,
-                         [&] { return writerStopping_ || syncRequested_; });
+    const auto until = Clock::now() + options_.syncInterval;
+    while (!writerStopping_ && !syncRequested_) {
+      if (!writerWake_.waitUntil(mutex_, until)) break;
+    }
     const bool stop = writerStopping_;
     const bool compact = compactRequested_;
     syncRequested_ = false;
@@ -512,8 +890,37 @@ void DurableRequestExecutor::writerLoop() {
     const uint64_t overCap = std::exchange(overCapSinceLog_, 0);
     const uint64_t tooOld = std::exchange(tooOldSinceLog_, 0);
     const uint64_t appendFailures = std::exchange(appendFailuresSinceLog_, 0);
+    const uint64_t appends = std::exchange(appendsSinceLog_, 0);
+    // Appends fail (a full disk, a broken segment): not durable until one
+    // works again.
+    const bool wasFailing = appendsFailing_;
+    if (appendFailures > 0) appendsFailing_ = true;
+    if (appendFailures == 0 && appends > 0) appendsFailing_ = false;
+    const bool nowFailing = appendsFailing_;
+    std::vector<std::string> repeatedLines;
+    if (stop || now - lastRepeatedLog >= kRepeatedLogInterval) {
+      lastRepeatedLog = now;
+      for (auto it = repeated_.begin(); it != repeated_.end();) {
+        if (it->second == 0) {
+          it = repeated_.erase(it);
+          continue;
+        }
+        repeatedLines.push_back(it->first + " (and " + std::to_string(it->second) +
+                                " more like it)");
+        it->second = 0;
+        ++it;
+      }
+    }
+    std::optional<std::vector<std::pair<std::string, int64_t>>> hosts;
+    if (hostsDirty_ && store_) {
+      hostsDirty_ = false;
+      hosts.emplace();
+      for (const Host& h : hosts_) {
+        if (h.retryAfterUntilMillis > 0) hosts->emplace_back(h.name, h.retryAfterUntilMillis);
+      }
+    }
     const uint64_t generation = ++syncStarted_;
-    lock.unlock();
+    mutex_.unlock();
 
     std::optional<StoreStats> storeStats;
     if (store_) {
@@ -521,28 +928,35 @@ void DurableRequestExecutor::writerLoop() {
       if (compact) store_->compact();
       if (compact) storeStats = store_->stats();
     }
+    if (hosts) saveHosts(*hosts);
+    for (const auto& line : repeatedLines) logger_.log(LogLevel::Error, line);
     if (overCap > 0) {
       logger_.log(LogLevel::Error, "dropped the " + std::to_string(overCap) +
                                        " oldest requests: more than " +
                                        std::to_string(options_.maxStoredRequests) +
-                                       " were waiting");
+                                       " were waiting, or more than " +
+                                       std::to_string(options_.maxStoredBytes) + " bytes");
     }
     if (tooOld > 0) {
       logger_.log(LogLevel::Error, "dropped " + std::to_string(tooOld) +
                                        " requests older than " +
                                        std::to_string(options_.maxAge.count()) + " s");
     }
-    if (appendFailures > 0) {
+    if (nowFailing && !wasFailing) {
       logger_.log(LogLevel::Error, std::to_string(appendFailures) +
-                                       " requests could not be stored and are kept in memory only");
+                                       " requests could not be stored: not durable, requests are "
+                                       "kept in memory only until the store takes them again");
+    } else if (!nowFailing && wasFailing) {
+      logger_.log(LogLevel::Info, "requests are stored again: durable");
     }
 
-    lock.lock();
+    mutex_.lock();
     if (storeStats) lastStoreStats_ = storeStats;
     syncCompleted_ = generation;
-    progress_.notify_all();
+    progress_.signalAll();
     if (stop) break;
   }
+  mutex_.unlock();
 }
 
 }  // namespace korvel::platform

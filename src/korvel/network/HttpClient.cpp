@@ -1,4 +1,4 @@
-#include <korvel/network/HttpClient.h>
+#include <korvel/network/internal/HttpClient.h>
 
 #include <curl/curl.h>
 

@@ -2,6 +2,9 @@
 
 #include <algorithm>
 
+#include <korvel/platform/Env.h>
+#include <korvel/platform/Logging.h>
+
 namespace korvel {
 
 namespace {
@@ -19,51 +22,64 @@ InProcessRequestExecutor::~InProcessRequestExecutor() { stop(); }
 
 void InProcessRequestExecutor::stop() {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     stopping_ = true;
   }
-  wake_.notify_all();
+  wake_.signalAll();
   if (worker_.joinable()) worker_.join();
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   queue_.clear();
-  drained_.notify_all();
+  drained_.signalAll();
 }
 
-void InProcessRequestExecutor::executeRequest(KVNNetworkRequest request) {
-  {
-    std::lock_guard lock(mutex_);
+void InProcessRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept {
+  try {
+    MutexLock lock(mutex_);
     // Keep the queue ordered by priority (higher first), FIFO within one.
     auto at = std::find_if(queue_.begin(), queue_.end(), [&](const KVNNetworkRequest& r) {
       return r.priority() < request.priority();
     });
     queue_.insert(at, std::move(request));
+  } catch (...) {
+    // Out of memory growing the queue: the request is dropped.
+    try {
+      platform::Logger(platform::env().mainBundleIdentifier().value_or("Unknown bundle"),
+                       "Delivery")
+          .log(platform::LogLevel::Error, "dropped a request that could not be queued");
+    } catch (...) {
+    }
+    return;
   }
-  wake_.notify_one();
+  wake_.signal();
 }
 
 bool InProcessRequestExecutor::flush(std::chrono::milliseconds deadline) {
-  std::unique_lock lock(mutex_);
-  return drained_.wait_for(lock, deadline, [&] { return queue_.empty() && inFlight_ == 0; });
+  const auto until = std::chrono::steady_clock::now() + deadline;
+  MutexLock lock(mutex_);
+  while (!(queue_.empty() && inFlight_ == 0)) {
+    if (!drained_.waitUntil(mutex_, until)) return queue_.empty() && inFlight_ == 0;
+  }
+  return true;
 }
 
 void InProcessRequestExecutor::run() {
-  std::unique_lock lock(mutex_);
+  mutex_.lock();
   while (!stopping_) {
     auto ready = std::find_if(queue_.begin(), queue_.end(), [](const KVNNetworkRequest& r) {
       return KVNConfigurationPolicySatisfied(r.configurationPolicy());
     });
     if (ready == queue_.end()) {
       if (queue_.empty()) {
-        wake_.wait(lock);
+        wake_.wait(mutex_);
       } else {
-        wake_.wait_for(lock, kPolicyRecheckInterval);
+        wake_.waitFor(mutex_, kPolicyRecheckInterval);
       }
       continue;
     }
     KVNNetworkRequest request = std::move(*ready);
     queue_.erase(ready);
     ++inFlight_;
-    lock.unlock();
+    mutex_.unlock();
 
     if (auto endpoint = request.buildEndpoint()) {
       for (int attempt = 0; attempt <= std::max(0, request.backgroundSessionRetryCount());
@@ -72,10 +88,11 @@ void InProcessRequestExecutor::run() {
       }
     }
 
-    lock.lock();
+    mutex_.lock();
     --inFlight_;
-    if (queue_.empty() && inFlight_ == 0) drained_.notify_all();
+    if (queue_.empty() && inFlight_ == 0) drained_.signalAll();
   }
+  mutex_.unlock();
 }
 
 }  // namespace korvel

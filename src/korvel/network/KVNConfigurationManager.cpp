@@ -5,7 +5,6 @@
 
 #include <cmath>
 #include <cstdint>
-#include <condition_variable>
 #include <exception>
 #include <mutex>
 #include <thread>
@@ -13,6 +12,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/KVNUserDefaults.h>
 #include <korvel/platform/Logging.h>
@@ -37,10 +37,10 @@ void logLine(platform::LogLevel level, std::string message) {
 }
 
 struct Settings {
-  std::mutex mutex;
-  std::optional<std::string> productionURL;
-  double coolDownSeconds = 60;
-  std::chrono::milliseconds timeout{10'000};
+  Mutex mutex;
+  std::optional<std::string> productionURL KORVEL_GUARDED_BY(mutex);
+  double coolDownSeconds KORVEL_GUARDED_BY(mutex) = 60;
+  std::chrono::milliseconds timeout KORVEL_GUARDED_BY(mutex){10'000};
 };
 
 Settings& settings() {
@@ -168,20 +168,20 @@ class Fetcher {
 
   void enqueue(KVNConfigurationManager::Completion completion) {
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       pending_.push_back(std::move(completion));
       if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
     }
-    wake_.notify_one();
+    wake_.signal();
   }
 
  private:
-  void run() {
+  void run() KORVEL_EXCLUDES(mutex_) {
     for (;;) {
       std::vector<KVNConfigurationManager::Completion> batch;
       {
-        std::unique_lock lock(mutex_);
-        wake_.wait(lock, [this] { return !pending_.empty(); });
+        MutexLock lock(mutex_);
+        while (pending_.empty()) wake_.wait(mutex_);
         batch.swap(pending_);
       }
       const bool success = reconfigure();
@@ -251,10 +251,11 @@ class Fetcher {
     return true;
   }
 
-  std::mutex mutex_;
-  std::condition_variable wake_;
-  std::vector<KVNConfigurationManager::Completion> pending_;
-  std::thread thread_;
+  Mutex mutex_;
+  CondVar wake_;
+  std::vector<KVNConfigurationManager::Completion> pending_ KORVEL_GUARDED_BY(mutex_);
+  // Started by the first enqueue; runs for the rest of the process.
+  std::thread thread_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace
@@ -271,37 +272,37 @@ std::string KVNConfigurationManager::configurationURL() {
 
 std::string KVNConfigurationManager::productionConfigurationURL() {
   auto& s = settings();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   return s.productionURL.value_or(kDefaultProductionConfigurationURL);
 }
 
 void KVNConfigurationManager::setProductionConfigurationURL(std::optional<std::string> url) {
   auto& s = settings();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   s.productionURL = std::move(url);
 }
 
 double KVNConfigurationManager::coolDownInterval() {
   auto& s = settings();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   return s.coolDownSeconds;
 }
 
 void KVNConfigurationManager::setCoolDownInterval(double seconds) {
   auto& s = settings();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   s.coolDownSeconds = std::isfinite(seconds) && seconds > 0 ? seconds : 0;
 }
 
 std::chrono::milliseconds KVNConfigurationManager::requestTimeout() {
   auto& s = settings();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   return s.timeout;
 }
 
 void KVNConfigurationManager::setRequestTimeout(std::chrono::milliseconds timeout) {
   auto& s = settings();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   s.timeout = timeout.count() > 0 ? timeout : std::chrono::milliseconds(1);
 }
 

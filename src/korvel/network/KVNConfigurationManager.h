@@ -35,6 +35,8 @@
 // Keys left out keep their current value, except as noted.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <chrono>
 #include <functional>
 #include <optional>
@@ -48,11 +50,11 @@
 namespace korvel {
 
 // Shared user defaults key of the date of the last configuration failure.
-extern const char* const kKVNLastConfigurationErrorDateKey;  // "kLastConfigurationErrorDate"
+extern KORVEL_EXPORT const char* const kKVNLastConfigurationErrorDateKey;  // "kLastConfigurationErrorDate"
 // Shared user defaults key of the configuration URL to fetch.
-extern const char* const kKVNConfigurationURLKey;  // "configurationURL"
+extern KORVEL_EXPORT const char* const kKVNConfigurationURLKey;  // "configurationURL"
 
-class KVNConfigurationManager {
+class KORVEL_EXPORT KVNConfigurationManager {
  public:
   using Completion = std::function<void(bool success)>;
 
@@ -94,7 +96,7 @@ class KVNConfigurationManager {
 
 // The manager's retry handler, registered with KVNRetryHandlerRegistry under
 // "KVNConfigRetryHandler".
-class KVNConfigRetryHandler : public KVNRetryHandler {
+class KORVEL_EXPORT KVNConfigRetryHandler : public KVNRetryHandler {
  public:
   static constexpr const char* kRegisteredName = "KVNConfigRetryHandler";
   std::optional<KVRDate> coolDownExpiryTime() const override {

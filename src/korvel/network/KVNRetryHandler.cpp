@@ -1,8 +1,8 @@
 #include <korvel/network/KVNRetryHandler.h>
 
 #include <map>
-#include <mutex>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/network/KVNConfigurationManager.h>
 
 namespace korvel {
@@ -10,13 +10,15 @@ namespace korvel {
 namespace {
 
 struct Registry {
-  std::mutex mutex;
-  std::map<std::string, KVNRetryHandlerRegistry::Factory, std::less<>> factories;
+  Mutex mutex;
+  std::map<std::string, KVNRetryHandlerRegistry::Factory, std::less<>> factories
+      KORVEL_GUARDED_BY(mutex);
 };
 
 Registry& registry() {
   static Registry* instance = [] {
     auto* r = new Registry;
+    MutexLock lock(r->mutex);
     // The foundation library's own handlers are there from the start.
     r->factories.emplace(KVNConfigRetryHandler::kRegisteredName,
                          [] { return std::make_unique<KVNConfigRetryHandler>(); });
@@ -31,7 +33,7 @@ KVNRetryHandlerRegistry::Factory KVNRetryHandlerRegistry::registerFactory(const 
                                                                           Factory factory) {
   if (!factory) return unregisterFactory(name);
   auto& r = registry();
-  std::lock_guard lock(r.mutex);
+  MutexLock lock(r.mutex);
   Factory previous;
   auto [it, inserted] = r.factories.try_emplace(name);
   if (!inserted) previous = std::move(it->second);
@@ -42,7 +44,7 @@ KVNRetryHandlerRegistry::Factory KVNRetryHandlerRegistry::registerFactory(const 
 KVNRetryHandlerRegistry::Factory KVNRetryHandlerRegistry::unregisterFactory(
     const std::string& name) {
   auto& r = registry();
-  std::lock_guard lock(r.mutex);
+  MutexLock lock(r.mutex);
   auto it = r.factories.find(name);
   if (it == r.factories.end()) return {};
   Factory previous = std::move(it->second);
@@ -54,7 +56,7 @@ std::unique_ptr<KVNRetryHandler> KVNRetryHandlerRegistry::make(std::string_view 
   Factory factory;
   {
     auto& r = registry();
-    std::lock_guard lock(r.mutex);
+    MutexLock lock(r.mutex);
     auto it = r.factories.find(name);
     if (it == r.factories.end()) return nullptr;
     factory = it->second;
@@ -69,7 +71,7 @@ std::unique_ptr<KVNRetryHandler> KVNRetryHandlerRegistry::make(std::string_view 
 
 bool KVNRetryHandlerRegistry::isRegistered(std::string_view name) {
   auto& r = registry();
-  std::lock_guard lock(r.mutex);
+  MutexLock lock(r.mutex);
   return r.factories.find(name) != r.factories.end();
 }
 

@@ -7,6 +7,8 @@
 // registered under "KVNConfigRetryHandler" (see KVNConfigurationManager.h).
 #pragma once
 
+#include <korvel/export.h>
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -17,7 +19,7 @@
 
 namespace korvel {
 
-class KVNRetryHandler {
+class KORVEL_EXPORT KVNRetryHandler {
  public:
   virtual ~KVNRetryHandler() = default;
   // Until when the owner will not retry after its last failure; nothing
@@ -25,7 +27,7 @@ class KVNRetryHandler {
   virtual std::optional<KVRDate> coolDownExpiryTime() const = 0;
 };
 
-class KVNRetryHandlerRegistry {
+class KORVEL_EXPORT KVNRetryHandlerRegistry {
  public:
   using Factory = std::function<std::unique_ptr<KVNRetryHandler>()>;
 

@@ -18,6 +18,7 @@
 #include <unordered_set>
 
 #include <korvel/network/internal/RequestStore.h>
+#include <korvel/platform/Files.h>
 
 namespace korvel::platform {
 
@@ -139,17 +140,29 @@ FrameStatus decodeFrame(std::string_view data, size_t& offset, StoredRequest& ou
   return FrameStatus::Ok;
 }
 
-std::optional<size_t> findNextFrame(std::string_view data, size_t from) {
+std::optional<size_t> findNextFrame(std::string_view data, size_t from, uint64_t& budget) {
   char marker[4];
   std::memcpy(marker, &kFrameMarker, 4);
   const std::string_view needle(marker, 4);
   for (size_t at = data.find(needle, from); at != std::string_view::npos;
        at = data.find(needle, at + 1)) {
+    if (data.size() - at >= kFrameHeaderBytes) {
+      const uint64_t cost = get<uint32_t>(data.data() + at + 4);
+      if (cost <= kMaxFrameBodyBytes && cost <= data.size() - at - kFrameHeaderBytes) {
+        if (cost > budget) return std::nullopt;
+        budget -= cost;
+      }
+    }
     size_t offset = at;
     StoredRequest ignored;
     if (decodeFrame(data, offset, ignored) == FrameStatus::Ok) return at;
   }
   return std::nullopt;
+}
+
+std::optional<size_t> findNextFrame(std::string_view data, size_t from) {
+  uint64_t budget = UINT64_MAX;
+  return findNextFrame(data, from, budget);
 }
 
 // MARK: - File helpers
@@ -229,7 +242,7 @@ void fsyncPath(const fs::path& path) {
 // MARK: - JournalFront
 
 JournalFront::~JournalFront() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   for (auto& segment : closing_) finish(segment);
   closing_.clear();
   if (active_.fd >= 0) finish(active_);
@@ -251,11 +264,12 @@ bool JournalFront::lockDirectory() {
   if (lockFd_ >= 0) return true;
   const fs::path& dir = options_.directory;
   std::error_code ec;
-  fs::create_directories(dir, ec);
+  createPrivateDirectories(dir, ec);
   if (ec) {
     logger().log(LogLevel::Error, "cannot create " + dir.string() + ": " + ec.message());
     return false;
   }
+  ::chmod(dir.c_str(), 0700);  // the user's own: no one else reads what is queued
   lockFd_ = ::open((dir / "lock").c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
   if (lockFd_ < 0) {
     logger().log(LogLevel::Error, "cannot open the lock in " + dir.string() + ": " + errnoText());
@@ -322,7 +336,7 @@ bool JournalFront::open(uint32_t minEpoch) {
     return false;
   }
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     active_ = *segment;
   }
   topUpSpares();
@@ -353,7 +367,8 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
   directoryDirty_ = true;
 
   static const uint64_t pageBytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-  const uint64_t wanted = std::max<uint64_t>(options_.segmentBytes, kSegmentHeaderBytes + frameBytes);
+  const uint64_t wanted = std::max<uint64_t>(std::min(options_.segmentBytes, kMaxSegmentBytes / 2),
+                                             kSegmentHeaderBytes + frameBytes);
   const uint64_t capacity = (wanted + pageBytes - 1) / pageBytes * pageBytes;
   // Reserving the blocks now is what keeps a full disk from turning into a
   // SIGBUS inside a mapped write later.
@@ -456,7 +471,7 @@ bool JournalFront::append(std::string_view frame, uint64_t id) {
   bool switched = false;
   bool appended = false;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (auto where = appendLocked(frame, id, switched)) {
       appended_.push_back(*where);
       appended = true;
@@ -470,38 +485,70 @@ std::optional<JournalFront::Appended> JournalFront::appendCarried(std::string_vi
                                                                   uint64_t id) {
   // The writer thread itself: it makes the next spares at its next sync.
   bool switched = false;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return appendLocked(frame, id, switched);
 }
 
 JournalFront::Drained JournalFront::drain() {
   Drained out;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   out.appended.swap(appended_);
   out.closed.swap(closed_);
   appended_.reserve(out.appended.size());
   return out;
 }
 
+bool JournalFront::directoryVanished() const {
+  struct stat st {};
+  return ::stat(options_.directory.c_str(), &st) != 0 && errno == ENOENT;
+}
+
+bool JournalFront::rehome() {
+  if (lockFd_ >= 0) ::close(lockFd_);  // its file went with the directory
+  lockFd_ = -1;
+  if (!lockDirectory()) return false;
+  std::vector<Segment> spares;
+  {
+    MutexLock lock(mutex_);
+    spares.swap(spares_);
+    if (!switchSegmentLocked(0)) return false;
+  }
+  for (auto& spare : spares) finish(spare);  // never written; their files are gone
+  directoryDirty_ = true;
+  topUpSpares();
+  return true;
+}
+
+bool JournalFront::readOpen(uint32_t number, uint64_t offset, std::string& out) const {
+  MutexLock lock(mutex_);
+  const Segment* found = active_.number == number && active_.fd >= 0 ? &active_ : nullptr;
+  for (const auto& segment : closing_) {
+    if (segment.number == number) found = &segment;
+  }
+  if (found == nullptr) return false;
+  return ::pread(found->fd, out.data(), out.size(), static_cast<off_t>(offset)) ==
+         static_cast<ssize_t>(out.size());
+}
+
 uint32_t JournalFront::activeSegment() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return active_.number;
 }
 
 uint64_t JournalFront::activeBytes() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return active_.fd >= 0 && !active_.broken ? active_.bytes : UINT64_MAX;
 }
 
 bool JournalFront::rotate() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return switchSegmentLocked(0);
 }
 
 void JournalFront::topUpSpares() {
   size_t missing;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     missing = kSpareSegments - std::min(kSpareSegments, spares_.size());
   }
   for (; missing > 0; --missing) {
@@ -509,7 +556,7 @@ void JournalFront::topUpSpares() {
     auto spare = createSegment(0, true, error);
     // Without a spare a caller makes the next segment itself.
     if (!spare) break;
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     spares_.push_back(*spare);
   }
 }
@@ -521,7 +568,7 @@ void JournalFront::syncActive() {
   std::vector<Segment> closing;
   Segment active;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     closing.swap(closing_);
     active = active_;
     active_.dirty = false;
@@ -544,7 +591,8 @@ void JournalFront::syncDirectory() {
   fsyncPath(options_.directory);
 }
 
-JournalFront::SegmentContents JournalFront::readSegment(uint32_t number) const {
+JournalFront::SegmentContents JournalFront::readSegment(uint32_t number,
+                                                      const std::atomic<bool>* stop) const {
   SegmentContents contents;
   contents.number = number;
   std::string data;
@@ -557,7 +605,14 @@ JournalFront::SegmentContents JournalFront::readSegment(uint32_t number) const {
   }
   contents.headerOk = true;
   size_t offset = kSegmentHeaderBytes;
-  for (;;) {
+  // Looking for whole frames after damage may check a few times the file's
+  // bytes, never more.
+  uint64_t budget = 4 * static_cast<uint64_t>(data.size()) + (1u << 20);
+  for (size_t frames = 0;; ++frames) {
+    if (stop != nullptr && frames % 256 == 0 && stop->load(std::memory_order_relaxed)) {
+      contents.stopped = true;
+      break;
+    }
     // A mapped segment's unwritten end is zeros: where only zeros are left
     // at a frame boundary, the segment ends. (A frame's own bytes may end in
     // zeros, so this is only asked where a frame would start.)
@@ -579,7 +634,7 @@ JournalFront::SegmentContents JournalFront::readSegment(uint32_t number) const {
       contents.tail = status;
       contents.validBytes = at;
     }
-    auto next = findNextFrame(data, at + 1);
+    auto next = findNextFrame(data, at + 1, budget);
     if (!next) break;
     contents.tail = FrameStatus::Corrupt;
     offset = *next;
@@ -599,7 +654,7 @@ void JournalFront::trimSegment(uint32_t number, uint64_t usedBytes) {
 void JournalFront::setAside(const fs::path& file, const std::string& reason) {
   const fs::path aside = options_.directory / kAsideFolder;
   std::error_code ec;
-  fs::create_directories(aside, ec);
+  createPrivateDirectories(aside, ec);
   static std::atomic<unsigned> counter{0};
   const fs::path target =
       aside / (file.filename().string() + "." + std::to_string(::time(nullptr)) + "-" +
@@ -634,7 +689,7 @@ uint64_t JournalFront::bytesOnDisk() const {
   // Open segments count by what is used, not by what is reserved.
   std::unordered_map<uint32_t, uint64_t> open;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (active_.fd >= 0) open[active_.number] = active_.bytes;
     for (const auto& spare : spares_) open[spare.number] = spare.bytes;
     for (const auto& segment : closing_) open[segment.number] = segment.bytes;
@@ -700,8 +755,10 @@ class JournalRequestStore final : public RequestStore {
  public:
   explicit JournalRequestStore(const RequestStoreOptions& options) : front_(options) {}
   ~JournalRequestStore() override {
+    MutexLock lock(indexMutex_);
     for (auto& [number, segment] : segments_) {
       if (segment.marksFd >= 0) ::close(segment.marksFd);
+      if (segment.readFd >= 0) ::close(segment.readFd);
     }
   }
 
@@ -711,7 +768,9 @@ class JournalRequestStore final : public RequestStore {
 
   bool append(std::string_view frame, uint64_t id) override { return front_.append(frame, id); }
 
-  std::vector<StoredRequest> recover() override {
+  std::vector<StoredRequest> recover(const std::atomic<bool>* stop) override
+      KORVEL_EXCLUDES(indexMutex_) {
+    MutexLock lock(indexMutex_);
     const auto& log = front_.logger();
     std::unordered_set<uint64_t> finished;
     std::unordered_set<uint32_t> earlier(front_.earlierSegments().begin(),
@@ -737,7 +796,9 @@ class JournalRequestStore final : public RequestStore {
     std::vector<StoredRequest> pending;
     std::unordered_set<uint64_t> seen;
     for (uint32_t number : front_.earlierSegments()) {
-      auto contents = front_.readSegment(number);
+      if (stop != nullptr && stop->load()) return {};  // the rest stays for the next start
+      auto contents = front_.readSegment(number, stop);
+      if (contents.stopped) return {};
       const fs::path path = front_.segmentPath(number);
       if (!contents.headerOk) {
         // Empty: a kill between creating the file and writing its header.
@@ -785,6 +846,7 @@ class JournalRequestStore final : public RequestStore {
         // unwritten end until cut here.
         if (contents.physicalBytes > contents.fileBytes) front_.trimSegment(number, contents.fileBytes);
         auto& segment = segments_[number];
+        segment.closed = true;  // an earlier run's: nothing is appended to it again
         segment.fileBytes = contents.fileBytes;
         for (size_t i : live) {
           const uint32_t length = static_cast<uint32_t>(kFrameHeaderBytes + kFrameFixedBodyBytes +
@@ -803,8 +865,50 @@ class JournalRequestStore final : public RequestStore {
     return pending;
   }
 
-  void sync(std::span<const uint64_t> finished) override {
+  void sync(std::span<const uint64_t> finished) override KORVEL_EXCLUDES(indexMutex_) {
     if (front_.activeBytes() >= front_.options().segmentBytes) front_.rotate();
+    std::vector<int> toSync;
+    {
+      MutexLock lock(indexMutex_);
+      toSync = settle(finished);
+    }
+    // Workers read requests back meanwhile; only this thread closes a marks
+    // file, so the descriptors stay valid.
+    front_.syncActive();
+    for (int fd : toSync) ::fdatasync(fd);
+    MutexLock lock(indexMutex_);
+    compactClosed(false);
+  }
+
+  bool durable() const override { return !homeless_; }
+
+  std::optional<StoredRequest> load(uint64_t id) override KORVEL_EXCLUDES(indexMutex_) {
+    MutexLock lock(indexMutex_);
+    auto at = segmentOf_.find(id);
+    if (at == segmentOf_.end()) {
+      // Appended since the writer last looked.
+      drainFront();
+      at = segmentOf_.find(id);
+      if (at == segmentOf_.end()) return std::nullopt;
+    }
+    auto found = segments_.find(at->second);
+    if (found == segments_.end()) return std::nullopt;
+    auto& segment = found->second;
+    auto loc = segment.live.find(id);
+    if (loc == segment.live.end()) return std::nullopt;
+    std::string frame(loc->second.length, '\0');
+    if (!readFrame(at->second, segment, loc->second, frame)) return std::nullopt;
+    size_t offset = 0;
+    StoredRequest request;
+    if (decodeFrame(frame, offset, request) != FrameStatus::Ok || request.id != id) return std::nullopt;
+    return request;
+  }
+
+ private:
+  // Forgets the finished requests and writes their marks; the marks files
+  // to sync.
+  std::vector<int> settle(std::span<const uint64_t> finished) KORVEL_REQUIRES(indexMutex_) {
+    if (front_.directoryVanished()) heal();
     drainFront();
 
     for (uint64_t id : finished) {
@@ -820,15 +924,14 @@ class JournalRequestStore final : public RequestStore {
       segmentOf_.erase(it);
     }
 
-    const uint32_t active = front_.activeSegment();
     std::vector<int> toSync;
+    bool marksFailed = false;
+    std::string failure;
     for (auto it = segments_.begin(); it != segments_.end();) {
       auto& [number, segment] = *it;
-      if (number != active && segment.live.empty()) {
+      if (segment.closed && segment.live.empty()) {
         // Nothing left in it: no marks needed, the files go.
-        if (segment.marksFd >= 0) ::close(segment.marksFd);
-        front_.removeSegmentFiles(number);
-        it = segments_.erase(it);
+        removeSegment(it++);
         continue;
       }
       if (!segment.marks.empty()) {
@@ -836,66 +939,182 @@ class JournalRequestStore final : public RequestStore {
           segment.marksFd = ::open(marksPath(front_.segmentPath(number)).c_str(),
                                    O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, 0600);
         }
-        // Without a mark the request is merely sent again after a restart.
-        if (segment.marksFd >= 0 && writeAll(segment.marksFd, encodeMarks(segment.marks))) {
+        // Kept until written: a request without its mark is sent again
+        // after a restart.
+        if (segment.marksFd >= 0 && writeMarks(segment.marksFd, segment.marks)) {
           toSync.push_back(segment.marksFd);
+          segment.marks.clear();
+        } else {
+          failure = errnoText();
+          marksFailed = true;
         }
-        segment.marks.clear();
       }
       ++it;
     }
-    front_.syncActive();
-    for (int fd : toSync) ::fdatasync(fd);
-    compactClosed(false);
+    const auto& log = front_.logger();
+    if (marksFailed && !marksFailing_) {
+      log.log(LogLevel::Error, "cannot write delivered marks (" + failure +
+                                   "); retrying at every sync, delivered requests may be sent "
+                                   "again after a restart until it works");
+    } else if (!marksFailed && marksFailing_) {
+      log.log(LogLevel::Info, "delivered marks are written again");
+    }
+    marksFailing_ = marksFailed;
+    return toSync;
   }
 
-  void compact() override {
+ public:
+  void compact() override KORVEL_EXCLUDES(indexMutex_) {
     if (front_.activeBytes() > kSegmentHeaderBytes) front_.rotate();
-    drainFront();
-    compactClosed(true);
+    {
+      MutexLock lock(indexMutex_);
+      drainFront();
+      compactClosed(true);
+    }
     front_.syncActive();
   }
 
-  StoreStats stats() const override {
-    return {front_.bytesOnDisk(), static_cast<uint64_t>(segmentOf_.size())};
+  StoreStats stats() const override KORVEL_EXCLUDES(indexMutex_) {
+    uint64_t stored;
+    {
+      MutexLock lock(indexMutex_);
+      stored = segmentOf_.size();
+    }
+    return {front_.bytesOnDisk(), stored};
   }
 
  private:
+  // Eight bytes: one per waiting request adds up. A segment never reaches
+  // 4 GiB (its size is bounded, and so is a record).
   struct Loc {
-    uint64_t offset;
+    uint32_t offset;
     uint32_t length;
   };
   struct Segment {
     uint64_t fileBytes = kSegmentHeaderBytes;
     uint64_t liveBytes = 0;
+    // Reported closed by a drain: every record appended to it is tracked.
+    // Only such a segment may be removed or compacted; the segment that is
+    // active now may have been closed since the last drain, with appends
+    // nobody has tracked yet.
+    bool closed = false;
     std::unordered_map<uint64_t, Loc> live;
     std::vector<uint64_t> marks;  // finished, not yet written
     int marksFd = -1;
+    int readFd = -1;  // for reading requests back
   };
 
-  void track(const JournalFront::Appended& a) {
+  // Appends one batch of marks; on a failed (or short) write the file is cut
+  // back, so no torn batch hides the batches written after it.
+  static bool writeMarks(int fd, const std::vector<uint64_t>& marks) {
+    const off_t before = ::lseek(fd, 0, SEEK_END);
+    if (before < 0) return false;
+    if (writeAll(fd, encodeMarks(marks))) return true;
+    const int saved = errno;
+    if (::ftruncate(fd, before) != 0) {
+      // Nothing more can be appended safely after a torn batch.
+    }
+    errno = saved;
+    return false;
+  }
+
+  // The bytes of a stored frame: through the segment's own descriptor (kept
+  // from when it was first tracked, so it reads even after its file went),
+  // else through the front's.
+  bool readFrame(uint32_t number, Segment& segment, const Loc& loc, std::string& frame)
+      KORVEL_REQUIRES(indexMutex_) {
+    if (segment.readFd < 0) {
+      segment.readFd = ::open(front_.segmentPath(number).c_str(), O_RDONLY | O_CLOEXEC);
+    }
+    if (segment.readFd >= 0 &&
+        ::pread(segment.readFd, frame.data(), frame.size(), static_cast<off_t>(loc.offset)) ==
+            static_cast<ssize_t>(frame.size())) {
+      return true;
+    }
+    return front_.readOpen(number, loc.offset, frame);
+  }
+
+  // The directory was deleted under the store: make it again and copy every
+  // stored request there, from the files still open.
+  void heal() KORVEL_REQUIRES(indexMutex_) {
+    const auto& log = front_.logger();
+    if (!front_.rehome()) {
+      if (!homeless_) {
+        log.log(LogLevel::Error, "the store's directory " + front_.options().directory.string() +
+                                     " vanished and cannot be made again: requests are not "
+                                     "durable until it can");
+      }
+      homeless_ = true;
+      return;
+    }
+    drainFront();  // every append that went to the old files
+    const uint32_t active = front_.activeSegment();
+    std::vector<JournalFront::Appended> moved;
+    size_t lost = 0;
+    std::string frame;
+    for (auto it = segments_.begin(); it != segments_.end();) {
+      if (it->first == active) {
+        ++it;
+        continue;
+      }
+      for (const auto& [id, loc] : it->second.live) {
+        frame.resize(loc.length);
+        std::optional<JournalFront::Appended> where;
+        if (readFrame(it->first, it->second, loc, frame)) where = front_.appendCarried(frame, id);
+        if (where) {
+          moved.push_back(*where);
+        } else {
+          ++lost;
+          segmentOf_.erase(id);
+        }
+      }
+      auto gone = it++;
+      removeSegment(gone);
+    }
+    for (const auto& a : moved) track(a);
+    front_.syncActive();
+    homeless_ = false;
+    log.log(LogLevel::Error, "the store's directory " + front_.options().directory.string() +
+                                 " vanished; made it again and stored the " +
+                                 std::to_string(moved.size()) + " waiting requests there again" +
+                                 (lost > 0 ? " (" + std::to_string(lost) + " could not be read)" : ""));
+  }
+
+  void removeSegment(std::map<uint32_t, Segment>::iterator it) KORVEL_REQUIRES(indexMutex_) {
+    if (it->second.marksFd >= 0) ::close(it->second.marksFd);
+    if (it->second.readFd >= 0) ::close(it->second.readFd);
+    front_.removeSegmentFiles(it->first);
+    segments_.erase(it);
+  }
+
+  void track(const JournalFront::Appended& a) KORVEL_REQUIRES(indexMutex_) {
     auto& segment = segments_[a.segment];
-    auto [it, inserted] = segment.live.try_emplace(a.id, Loc{a.offset, a.length});
+    // Opened while the file is certainly there: reads work even if the
+    // directory is deleted later.
+    if (segment.readFd < 0) {
+      segment.readFd = ::open(front_.segmentPath(a.segment).c_str(), O_RDONLY | O_CLOEXEC);
+    }
+    auto [it, inserted] =
+        segment.live.try_emplace(a.id, Loc{static_cast<uint32_t>(a.offset), a.length});
     if (inserted) segment.liveBytes += a.length;
     segment.fileBytes = std::max(segment.fileBytes, a.offset + a.length);
     segmentOf_[a.id] = a.segment;
   }
 
-  void drainFront() {
+  void drainFront() KORVEL_REQUIRES(indexMutex_) {
     auto drained = front_.drain();
     for (const auto& a : drained.appended) track(a);
     // Known even when nothing was appended to it, so an empty one is removed.
-    for (uint32_t number : drained.closed) segments_.try_emplace(number);
+    for (uint32_t number : drained.closed) segments_[number].closed = true;
   }
 
   // Copies the live records of mostly-finished closed segments forward and
   // deletes the segments; all of them when everything is true.
-  void compactClosed(bool everything) {
+  void compactClosed(bool everything) KORVEL_REQUIRES(indexMutex_) {
     constexpr uint64_t kMinimumBytes = 64 * 1024;
-    const uint32_t active = front_.activeSegment();
     std::vector<uint32_t> candidates;
     for (const auto& [number, segment] : segments_) {
-      if (number == active || segment.live.empty()) continue;
+      if (!segment.closed || segment.live.empty()) continue;
       const bool mostlyFinished =
           segment.fileBytes >= kMinimumBytes && segment.liveBytes * 4 < segment.fileBytes;
       if (everything ? segment.liveBytes + kSegmentHeaderBytes < segment.fileBytes
@@ -930,21 +1149,27 @@ class JournalRequestStore final : public RequestStore {
       ::close(fd);
       // The copies must be durable before the originals go; on failure the
       // originals stay and any copies are merely duplicates (same id).
+      // Workers read requests back meanwhile, from the originals.
+      indexMutex_.unlock();
       front_.syncActive();
+      indexMutex_.lock();
       if (!ok) continue;
-      if (segment.marksFd >= 0) ::close(segment.marksFd);
-      segments_.erase(number);
+      removeSegment(segments_.find(number));
       for (const auto& a : moved) {
         segmentOf_.erase(a.id);
         track(a);
       }
-      front_.removeSegmentFiles(number);
     }
   }
 
   JournalFront front_;
-  std::map<uint32_t, Segment> segments_;
-  std::unordered_map<uint64_t, uint32_t> segmentOf_;
+  // The writer thread holds it while it changes the index; a worker while
+  // it reads a request back.
+  mutable Mutex indexMutex_;
+  std::map<uint32_t, Segment> segments_ KORVEL_GUARDED_BY(indexMutex_);
+  std::unordered_map<uint64_t, uint32_t> segmentOf_ KORVEL_GUARDED_BY(indexMutex_);
+  bool marksFailing_ KORVEL_GUARDED_BY(indexMutex_) = false;
+  std::atomic<bool> homeless_{false};
 };
 
 }  // namespace

@@ -13,7 +13,7 @@ URLCache& URLCache::sharedURLCache() {
 }
 
 std::optional<CachedURLResponse> URLCache::cachedResponseForURL(const std::string& url) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = entries_.find(url);
   if (it == entries_.end()) return std::nullopt;
   recency_.splice(recency_.begin(), recency_, it->second.recency);
@@ -22,7 +22,7 @@ std::optional<CachedURLResponse> URLCache::cachedResponseForURL(const std::strin
 
 void URLCache::storeCachedResponse(const std::string& url, CachedURLResponse response) {
   if (response.storedAt == 0) response.storedAt = env().now();
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (auto it = entries_.find(url); it != entries_.end()) removeLocked(it);
   if (response.body.size() > maxBytes_) return;
   while (!recency_.empty() &&
@@ -35,24 +35,24 @@ void URLCache::storeCachedResponse(const std::string& url, CachedURLResponse res
 }
 
 void URLCache::removeCachedResponseForURL(const std::string& url) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (auto it = entries_.find(url); it != entries_.end()) removeLocked(it);
 }
 
 void URLCache::removeAllCachedResponses() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   entries_.clear();
   recency_.clear();
   bytes_ = 0;
 }
 
 size_t URLCache::count() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return entries_.size();
 }
 
 size_t URLCache::currentBytes() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return bytes_;
 }
 

@@ -9,19 +9,22 @@
 // removeAllCachedResponses() makes the next fetch an unconditional one.
 //
 // Bounded (entry count and total body bytes; the least recently used entry
-// goes first) and thread-safe.
+// goes first). Any thread may call; the shared cache lives for the process.
 #pragma once
+
+#include <korvel/export.h>
 
 #include <cstddef>
 #include <list>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <unordered_map>
 
+#include <korvel/foundation/Mutex.h>
+
 namespace korvel::platform {
 
-struct CachedURLResponse {
+struct KORVEL_EXPORT CachedURLResponse {
   long status = 200;
   std::string body;
   std::optional<std::string> etag;
@@ -29,7 +32,7 @@ struct CachedURLResponse {
   double storedAt = 0;  // Env::now() when stored
 };
 
-class URLCache {
+class KORVEL_EXPORT URLCache {
  public:
   static constexpr size_t kDefaultMaxEntries = 64;
   static constexpr size_t kDefaultMaxBytes = 4 * 1024 * 1024;
@@ -56,14 +59,15 @@ class URLCache {
     CachedURLResponse response;
     std::list<std::string>::iterator recency;
   };
-  void removeLocked(std::unordered_map<std::string, Entry>::iterator it);
+  void removeLocked(std::unordered_map<std::string, Entry>::iterator it)
+      KORVEL_REQUIRES(mutex_);
 
   const size_t maxEntries_;
   const size_t maxBytes_;
-  mutable std::mutex mutex_;
-  std::unordered_map<std::string, Entry> entries_;
-  std::list<std::string> recency_;  // most recently used first
-  size_t bytes_ = 0;
+  mutable Mutex mutex_;
+  std::unordered_map<std::string, Entry> entries_ KORVEL_GUARDED_BY(mutex_);
+  std::list<std::string> recency_ KORVEL_GUARDED_BY(mutex_);  // most recently used first
+  size_t bytes_ KORVEL_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace korvel::platform

@@ -3,6 +3,8 @@
 // indicator and the clear-cache button, as the page's widget states say.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <string>
 
 #include <korvel/overlay/WidgetDrawing.h>
@@ -13,7 +15,7 @@ class KVRDebugNavigationOptionsViewController;
 
 namespace korvel::overlay {
 
-class ConfigPageRenderer {
+class KORVEL_EXPORT ConfigPageRenderer {
  public:
   void draw(KVRDebugNavigationOptionsViewController& page, ButtonFrames& buttons);
 

@@ -7,6 +7,8 @@
 // apart by a brighter colour instead of a heavier face.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <array>
 
 #include <korvel/overlay/StyledTextLayout.h>
@@ -16,7 +18,7 @@ struct ImFont;
 
 namespace korvel::overlay {
 
-class FontSet {
+class KORVEL_EXPORT FontSet {
  public:
   // Adds the fonts to the current ImGui context's atlas (before its texture
   // is built) and makes this set the context's (io.UserData). The set must
@@ -43,8 +45,8 @@ inline constexpr uint32_t kBoldFallbackColor = packColor(255, 214, 120);
 
 // Lays text out at the cursor, wrapped to wrapWidth, draws it and moves the
 // cursor below it. Honours the style's alpha (a dimmed overlay dims its text).
-void drawStyledText(const platform::StyledText& text, float wrapWidth);
+KORVEL_EXPORT void drawStyledText(const platform::StyledText& text, float wrapWidth);
 // The same for a layout made earlier with FontSet::current().metrics().
-void drawTextLayout(const TextLayout& layout);
+KORVEL_EXPORT void drawTextLayout(const TextLayout& layout);
 
 }  // namespace korvel::overlay

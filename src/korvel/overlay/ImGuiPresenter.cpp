@@ -43,7 +43,7 @@ void ImGuiPresenter::presentViewController(std::shared_ptr<platform::ViewControl
                                            platform::ModalPresentationStyle style, bool,
                                            std::function<void()> completion) {
   if (!screen) return;
-  presented_.push_back(Presented{nextId_++, std::move(screen), style, std::move(completion)});
+  presented_.push_back(Presented{nextId_++, std::move(screen), style, std::move(completion), {}, false});
 }
 
 void ImGuiPresenter::presentAlert(platform::Alert alert, bool, std::function<void()> completion) {

@@ -7,6 +7,8 @@
 // call.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <deque>
 #include <functional>
@@ -20,7 +22,7 @@
 
 namespace korvel::overlay {
 
-class ImGuiPresenter : public platform::Presenter {
+class KORVEL_EXPORT ImGuiPresenter : public platform::Presenter {
  public:
   void presentViewController(std::shared_ptr<platform::ViewController> screen,
                              platform::ModalPresentationStyle style, bool animated,

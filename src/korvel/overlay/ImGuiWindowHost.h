@@ -21,6 +21,8 @@
 // the main queue.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -31,7 +33,7 @@ namespace korvel::overlay {
 
 class OverlayRenderer;
 
-class ImGuiWindowHost {
+class KORVEL_EXPORT ImGuiWindowHost {
  public:
   struct Options {
     std::string title = "Korvel";

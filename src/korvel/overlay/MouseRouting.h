@@ -11,6 +11,8 @@
 //    outside the overlay's view tree.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 
 namespace korvel::overlay {
@@ -19,7 +21,7 @@ enum class MouseLayer { Application, Overlay };
 
 enum class MouseEventKind { Motion, ButtonDown, ButtonUp, Wheel };
 
-struct MouseEventContext {
+struct KORVEL_EXPORT MouseEventContext {
   // The overlay window's hit test found a view under the pointer.
   bool overlayHitsPoint = false;
   // The overlay's ImGui asked for the mouse (io.WantCaptureMouse) with a
@@ -27,7 +29,7 @@ struct MouseEventContext {
   bool overlayPopupWantsMouse = false;
 };
 
-class MouseRouter {
+class KORVEL_EXPORT MouseRouter {
  public:
   // The layer the event goes to. button is 0 (left), 1 (right), 2 (middle);
   // it only matters for presses and releases.

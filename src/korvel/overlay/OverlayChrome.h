@@ -9,6 +9,8 @@
 // hit test matches what is on screen.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <vector>
 
@@ -28,14 +30,14 @@ class KVRDebugOverlayWindow;
 namespace korvel::overlay {
 
 // What the last frame drew.
-struct RenderedOverlay {
+struct KORVEL_EXPORT RenderedOverlay {
   // The page on screen; null when the overlay was not drawn.
   std::shared_ptr<platform::ViewController> page;
   // The rows of a table page that were on screen, top to bottom.
   std::vector<platform::IndexPath> rows;
 };
 
-class OverlayRenderer {
+class KORVEL_EXPORT OverlayRenderer {
  public:
   OverlayRenderer();
   ~OverlayRenderer();

@@ -3,6 +3,8 @@
 #include <algorithm>
 #include <cmath>
 
+#include <korvel/foundation/UTF8.h>
+
 namespace korvel::overlay {
 
 size_t fontSizeIndexForPointSize(double pointSize) {
@@ -27,14 +29,6 @@ RunStyle styleForRun(const platform::TextRun& run) {
 namespace {
 
 bool isSpace(char c) { return c == ' ' || c == '\t'; }
-
-// Bytes in the UTF-8 sequence that starts with lead (1 for a stray byte).
-size_t sequenceLength(unsigned char lead) {
-  if (lead >= 0xF0) return 4;
-  if (lead >= 0xE0) return 3;
-  if (lead >= 0xC0) return 2;
-  return 1;
-}
 
 class LineBuilder {
  public:
@@ -83,8 +77,7 @@ class LineBuilder {
       size_t end = i;
       float width = 0;
       while (end < token.size()) {
-        const size_t next =
-            std::min(token.size(), end + sequenceLength(static_cast<unsigned char>(token[end])));
+        const size_t next = end + platform::utf8CharacterAt(token, end).length;
         const float w = metrics_.width(style, token.substr(i, next - i));
         if (end > i && x_ + w > wrap_ && !isSpace(token[end])) break;
         width = w;

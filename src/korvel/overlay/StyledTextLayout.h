@@ -6,6 +6,8 @@
 // stand-in in tests.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -43,37 +45,37 @@ constexpr uint32_t packColor(uint32_t r, uint32_t g, uint32_t b, uint32_t a = 25
 inline constexpr uint32_t kLabelColor = packColor(235, 235, 245);
 inline constexpr uint32_t kSystemBlueColor = packColor(10, 132, 255);
 
-struct RunStyle {
+struct KORVEL_EXPORT RunStyle {
   FontFace face = FontFace::Regular;
   size_t sizeIndex = kBodySizeIndex;
   uint32_t color = kLabelColor;
   friend bool operator==(const RunStyle&, const RunStyle&) = default;
 };
 
-RunStyle styleForRun(const platform::TextRun& run);
+KORVEL_EXPORT RunStyle styleForRun(const platform::TextRun& run);
 // The index into kFontPointSizes for a point size, as above.
-size_t fontSizeIndexForPointSize(double pointSize);
+KORVEL_EXPORT size_t fontSizeIndexForPointSize(double pointSize);
 
-struct TextFragment {
+struct KORVEL_EXPORT TextFragment {
   RunStyle style;
   std::string text;
   float x = 0;
   float width = 0;
 };
 
-struct TextLine {
+struct KORVEL_EXPORT TextLine {
   float y = 0;
   float height = 0;
   std::vector<TextFragment> fragments;
 };
 
-struct TextLayout {
+struct KORVEL_EXPORT TextLayout {
   std::vector<TextLine> lines;
   float width = 0;   // of the widest line
   float height = 0;  // of all lines
 };
 
-struct TextMetrics {
+struct KORVEL_EXPORT TextMetrics {
   std::function<float(const RunStyle&, std::string_view)> width;
   std::function<float(const RunStyle&)> lineHeight;
 };
@@ -84,7 +86,7 @@ struct TextMetrics {
 // between words; a word wider than a whole line is cut between characters
 // (never inside a UTF-8 sequence). Pieces of the same run that end up next
 // to each other on a line form one fragment.
-TextLayout layoutStyledText(const platform::StyledText& text, float wrapWidth,
+KORVEL_EXPORT TextLayout layoutStyledText(const platform::StyledText& text, float wrapWidth,
                             const TextMetrics& metrics);
 
 }  // namespace korvel::overlay

@@ -8,6 +8,8 @@
 // the page: this only draws and forwards.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <vector>
 
@@ -21,7 +23,7 @@ class KVRDebugTableViewController;
 
 namespace korvel::overlay {
 
-class TablePageRenderer {
+class KORVEL_EXPORT TablePageRenderer {
  public:
   // Draws page into the rest of the current ImGui window; the rows that
   // were on screen (at least partly), in order.

@@ -4,6 +4,8 @@
 // at theirs).
 #pragma once
 
+#include <korvel/export.h>
+
 #include <map>
 #include <string>
 #include <string_view>
@@ -15,25 +17,25 @@ namespace korvel::overlay {
 
 // A glyph of DejaVu Sans for a symbol name ("play.fill", "envelope", ...);
 // empty for names without one.
-std::string_view glyphForSymbol(std::string_view systemName);
+KORVEL_EXPORT std::string_view glyphForSymbol(std::string_view systemName);
 
 // The text a button shows: its symbol's glyph (when it has one) and its
 // title.
-std::string buttonLabel(const platform::Button& button);
+KORVEL_EXPORT std::string buttonLabel(const platform::Button& button);
 
 // Where each button was drawn in the last frame.
 using ButtonFrames = std::map<const platform::Button*, platform::Rect>;
 
 // Draws button (nothing when hidden; greyed out when disabled) and forwards
 // a click to userTap(). Records its rectangle in frames when given.
-void drawButton(platform::Button& button, ButtonFrames* frames = nullptr);
+KORVEL_EXPORT void drawButton(platform::Button& button, ButtonFrames* frames = nullptr);
 
 // A switch drawn as a pill with a knob; a click calls userToggle().
-void drawSwitch(const char* id, platform::Switch& sw);
+KORVEL_EXPORT void drawSwitch(const char* id, platform::Switch& sw);
 // How wide drawSwitch() draws, in the current style.
-float switchWidth();
+KORVEL_EXPORT float switchWidth();
 
 // A turning activity indicator of the current font's height.
-void drawSpinner();
+KORVEL_EXPORT void drawSpinner();
 
 }  // namespace korvel::overlay

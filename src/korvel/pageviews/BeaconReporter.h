@@ -3,6 +3,8 @@
 // typed report as well.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <string>
 
 #include <korvel/beacon/KVRBeaconTypes.h>
@@ -11,7 +13,7 @@
 
 namespace korvel {
 
-class BeaconReporter {
+class KORVEL_EXPORT BeaconReporter {
  public:
   BeaconReporter() = delete;
 

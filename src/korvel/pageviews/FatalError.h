@@ -3,11 +3,13 @@
 // an identifier). Never used for bad data or host misuse that can be logged.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <string_view>
 
 namespace korvel {
 
 // Writes "Fatal error: <message>" to standard error and aborts.
-[[noreturn]] void fatalError(std::string_view message);
+[[noreturn]] KORVEL_EXPORT void fatalError(std::string_view message);
 
 }  // namespace korvel

@@ -2,6 +2,8 @@
 // view) on the page view manager's stack.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstddef>
 #include <functional>
 #include <optional>
@@ -12,7 +14,7 @@ namespace korvel {
 
 // A UUID kept as its canonical upper-case text, so that two ids are equal
 // exactly when they name the same UUID.
-class PageID {
+class KORVEL_EXPORT PageID {
  public:
   // A fresh random identifier from the platform.
   static PageID make();

@@ -43,7 +43,7 @@ PageViewManager::~PageViewManager() {
 
 void PageViewManager::trackPageAppeared(const PageID& id, const PageName& name,
                                         const ReportingParameters& reportingParameters) {
-  std::lock_guard lock(mutex_);
+  RecursiveMutexLock lock(mutex_);
   if (findFromTop(id)) return;
   if (!pageStack_.empty()) {
     reportTopPage();
@@ -55,7 +55,7 @@ void PageViewManager::trackPageAppeared(const PageID& id, const PageName& name,
 }
 
 void PageViewManager::trackPageClosed(const PageID& id) {
-  std::lock_guard lock(mutex_);
+  RecursiveMutexLock lock(mutex_);
   const auto index = findFromTop(id);
   if (!index) {
     logMisuse("Cannot track closed page: Missing page on page stack");
@@ -72,7 +72,7 @@ void PageViewManager::trackPageClosed(const PageID& id) {
 }
 
 void PageViewManager::trackPageNameChanged(const PageName& name, const PageID& id) {
-  std::lock_guard lock(mutex_);
+  RecursiveMutexLock lock(mutex_);
   if (pageStack_.empty()) {
     logMisuse("Cannot track page name change: Page stack is empty");
     return;
@@ -87,7 +87,7 @@ void PageViewManager::trackPageNameChanged(const PageName& name, const PageID& i
 
 void PageViewManager::trackPageViewReportingParametersChanged(
     const ReportingParameters& reportingParameters, const PageID& id) {
-  std::lock_guard lock(mutex_);
+  RecursiveMutexLock lock(mutex_);
   const auto index = findFromBottom(id);
   if (!index) {
     logMisuse("Cannot track page view reporting parameters change: Page is not in the stack");
@@ -97,7 +97,7 @@ void PageViewManager::trackPageViewReportingParametersChanged(
 }
 
 void PageViewManager::trackAppBackgrounded() {
-  std::lock_guard lock(mutex_);
+  RecursiveMutexLock lock(mutex_);
   if (pageStack_.empty()) return;
   // Reported under the old flag, so a repeated notification reports nothing.
   reportTopPage();
@@ -105,13 +105,13 @@ void PageViewManager::trackAppBackgrounded() {
 }
 
 void PageViewManager::trackAppForegrounded() {
-  std::lock_guard lock(mutex_);
+  RecursiveMutexLock lock(mutex_);
   restartClock();
   isBackgrounded_ = false;
 }
 
 std::optional<PageName> PageViewManager::currentPageName() const {
-  std::lock_guard lock(mutex_);
+  RecursiveMutexLock lock(mutex_);
   if (pageStack_.empty()) return std::nullopt;
   return pageStack_.back().name;
 }

@@ -30,13 +30,15 @@
 // reporter is called on the thread of the operation, before it returns.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <atomic>
 #include <cstdint>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <vector>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/pageviews/PageID.h>
 #include <korvel/pageviews/ReportingValue.h>
 #include <korvel/platform/NotificationCenter.h>
@@ -44,7 +46,7 @@
 namespace korvel {
 
 // Implemented by the host, normally by forwarding to BeaconReporter.
-class PageViewReporter {
+class KORVEL_EXPORT PageViewReporter {
  public:
   virtual ~PageViewReporter() = default;
   // One finished visible stretch of a page. Called synchronously while the
@@ -53,7 +55,7 @@ class PageViewReporter {
   virtual void report(const PageView& pageView) = 0;
 };
 
-class PageViewManager {
+class KORVEL_EXPORT PageViewManager {
  public:
   // Starts the clock and observes the application's did-enter-background
   // and will-enter-foreground notifications on the Env's notification
@@ -99,18 +101,18 @@ class PageViewManager {
   };
 
   // Index of the page with id, searching from the top or from the bottom.
-  std::optional<size_t> findFromTop(const PageID& id) const;
-  std::optional<size_t> findFromBottom(const PageID& id) const;
-  void reportTopPage();
-  void restartClock();
+  std::optional<size_t> findFromTop(const PageID& id) const KORVEL_REQUIRES(mutex_);
+  std::optional<size_t> findFromBottom(const PageID& id) const KORVEL_REQUIRES(mutex_);
+  void reportTopPage() KORVEL_REQUIRES(mutex_);
+  void restartClock() KORVEL_REQUIRES(mutex_);
 
-  std::shared_ptr<PageViewReporter> reporter_;
-  std::vector<Page> pageStack_;  // back() is the visible page
-  uint64_t currentPageLaunchTime_;  // monotonic nanoseconds
-  bool isBackgrounded_ = false;
-  std::atomic<bool> isReportingEnabled_;
   // Recursive: the reporter may read the manager from inside report().
-  mutable std::recursive_mutex mutex_;
+  mutable RecursiveMutex mutex_;
+  const std::shared_ptr<PageViewReporter> reporter_;
+  std::vector<Page> pageStack_ KORVEL_GUARDED_BY(mutex_);  // back() is the visible page
+  uint64_t currentPageLaunchTime_ KORVEL_GUARDED_BY(mutex_);  // monotonic nanoseconds
+  bool isBackgrounded_ KORVEL_GUARDED_BY(mutex_) = false;
+  std::atomic<bool> isReportingEnabled_;
 
   platform::ObserverRegistration backgroundObserver_;
   platform::ObserverRegistration foregroundObserver_;

@@ -2,6 +2,7 @@
 
 #include <array>
 #include <bit>
+#include <cmath>
 #include <limits>
 #include <utility>
 
@@ -9,9 +10,9 @@
 #include <unicode/bytestream.h>
 #include <unicode/normalizer2.h>
 #include <unicode/stringpiece.h>
-#include <unicode/utf8.h>
 
 #include <korvel/beacon/KVRConstants.h>
+#include <korvel/foundation/UTF8.h>
 
 namespace korvel {
 
@@ -36,18 +37,6 @@ bool isASCII(std::string_view text) {
   return true;
 }
 
-bool isWellFormedUTF8(std::string_view text) {
-  const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
-  const int32_t length = static_cast<int32_t>(text.size());
-  int32_t i = 0;
-  while (i < length) {
-    UChar32 c;
-    U8_NEXT(bytes, i, length, c);
-    if (c < 0) return false;
-  }
-  return true;
-}
-
 // Both byte streams decode through ICU's StringPiece, whose length is 32-bit.
 bool fitsICU(std::string_view text) {
   return text.size() <= static_cast<size_t>(std::numeric_limits<int32_t>::max());
@@ -67,6 +56,13 @@ const icu::Normalizer2* nfdNormalizer() {
 // parts matters (case index first, then payload).
 size_t combine(size_t seed, size_t value) {
   return seed ^ (value + 0x9e3779b97f4a7c15ULL + (seed << 6) + (seed >> 2));
+}
+
+// -0.0 == 0.0, so both must hash alike; NaN equals nothing, so its hash
+// does not matter.
+size_t doubleHash(double value) {
+  const double d = value == 0.0 ? 0.0 : value;
+  return std::hash<uint64_t>{}(std::bit_cast<uint64_t>(d));
 }
 
 size_t canonicalTextHash(const std::string& text) {
@@ -166,44 +162,93 @@ json parseText(std::string_view text) {
 // ---------------------------------------------------------------------------
 // Encoding, for both JSON flavours: nlohmann::json (sorted keys) for callers
 // that build documents, ordered_json for text that keeps the declared order.
+//
+// JSON has no NaN or infinity (nlohmann-json would write null, which then
+// does not decode) and holds only UTF-8 text (nlohmann-json would throw its
+// own error when writing), so both are refused here with the coding path.
+
+// The coding path on the stack, from the leaf up; made into a Path only
+// when something fails.
+struct EncodingPath {
+  const EncodingPath* parent;
+  std::string_view component;
+
+  Path components() const {
+    Path path;
+    for (const EncodingPath* at = this; at->parent != nullptr; at = at->parent) {
+      path.emplace_back(at->component);
+    }
+    return Path(path.rbegin(), path.rend());
+  }
+};
+
+const EncodingPath kRootPath{nullptr, {}};
+
+const std::string& encodableText(const std::string& text, const EncodingPath& at) {
+  if (!isASCII(text) && (!fitsICU(text) || !platform::isWellFormedUTF8(text))) {
+    throw ReportingEncodingError(at.components(),
+                                 "Unable to encode text that is not valid UTF-8 in JSON.");
+  }
+  return text;
+}
+
+double encodableDouble(double value, const EncodingPath& at) {
+  if (!std::isfinite(value)) {
+    const char* name = std::isnan(value) ? "nan" : (value > 0 ? "infinity" : "-infinity");
+    throw ReportingEncodingError(at.components(),
+                                 std::string("Unable to encode the double ") + name +
+                                     " directly in JSON.");
+  }
+  return value;
+}
 
 template <class Json>
-Json encode(const ReportingValue& value) {
+Json encode(const ReportingValue& value, const EncodingPath& at) {
+  const char* caseName = kCaseNames[static_cast<size_t>(value.valueCase())];
+  const EncodingPath caseAt{&at, caseName};
+  const EncodingPath payloadAt{&caseAt, kPayloadKey};
   Json payload = Json::object();
   switch (value.valueCase()) {
     case ReportingValue::Case::Bool: payload[kPayloadKey] = *value.boolValue(); break;
-    case ReportingValue::Case::Double: payload[kPayloadKey] = *value.doubleValue(); break;
+    case ReportingValue::Case::Double:
+      payload[kPayloadKey] = encodableDouble(*value.doubleValue(), payloadAt);
+      break;
     case ReportingValue::Case::Int: payload[kPayloadKey] = *value.intValue(); break;
-    case ReportingValue::Case::String: payload[kPayloadKey] = *value.stringValue(); break;
+    case ReportingValue::Case::String:
+      payload[kPayloadKey] = encodableText(*value.stringValue(), payloadAt);
+      break;
   }
   Json outer = Json::object();
-  outer[kCaseNames[static_cast<size_t>(value.valueCase())]] = std::move(payload);
+  outer[caseName] = std::move(payload);
   return outer;
 }
 
 template <class Json>
-Json encode(const ReportingParameter& parameter) {
+Json encode(const ReportingParameter& parameter, const EncodingPath& at) {
   Json out = Json::object();
-  out["key"] = parameter.key;
-  out["value"] = encode<Json>(parameter.value);
+  out["key"] = encodableText(parameter.key, EncodingPath{&at, "key"});
+  out["value"] = encode<Json>(parameter.value, EncodingPath{&at, "value"});
   return out;
 }
 
 template <class Json>
-Json encode(const PageName& name) {
+Json encode(const PageName& name, const EncodingPath& at) {
   Json out = Json::object();
-  out["stringValue"] = name.stringValue;
+  out["stringValue"] = encodableText(name.stringValue, EncodingPath{&at, "stringValue"});
   return out;
 }
 
 template <class Json>
-Json encode(const PageView& view) {
+Json encode(const PageView& view, const EncodingPath& at) {
   Json out = Json::object();
-  out["name"] = encode<Json>(view.name);
-  out["duration"] = view.duration;
+  out["name"] = encode<Json>(view.name, EncodingPath{&at, "name"});
+  out["duration"] = encodableDouble(view.duration, EncodingPath{&at, "duration"});
+  const EncodingPath listAt{&at, "reportingParameters"};
   Json parameters = Json::array();
+  size_t index = 0;
   for (const auto& parameter : view.reportingParameters) {
-    parameters.push_back(encode<Json>(parameter));
+    const std::string indexText = std::to_string(index++);
+    parameters.push_back(encode<Json>(parameter, EncodingPath{&listAt, indexText}));
   }
   out["reportingParameters"] = std::move(parameters);
   return out;
@@ -231,8 +276,16 @@ ReportingDecodingError::ReportingDecodingError(Kind kind, std::vector<std::strin
       codingPath_(std::move(codingPath)),
       description_(std::move(description)) {}
 
+ReportingEncodingError::ReportingEncodingError(std::vector<std::string> codingPath,
+                                               std::string description)
+    : std::runtime_error(codingPath.empty()
+                             ? description
+                             : description + " (coding path: " + pathText(codingPath) + ")"),
+      codingPath_(std::move(codingPath)),
+      description_(std::move(description)) {}
+
 std::string canonicalDecomposition(const std::string& text) {
-  if (isASCII(text) || !fitsICU(text) || !isWellFormedUTF8(text)) return text;
+  if (isASCII(text) || !fitsICU(text) || !platform::isWellFormedUTF8(text)) return text;
   const icu::Normalizer2* nfd = nfdNormalizer();
   if (nfd == nullptr) return text;
 
@@ -285,22 +338,18 @@ size_t ReportingValue::hash() const {
   size_t payloadHash = 0;
   switch (valueCase()) {
     case Case::Bool: payloadHash = std::hash<bool>{}(*boolValue()); break;
-    case Case::Double: {
-      // -0.0 == 0.0, so both must hash alike; NaN equals nothing, so its
-      // hash does not matter.
-      const double d = *doubleValue() == 0.0 ? 0.0 : *doubleValue();
-      payloadHash = std::hash<uint64_t>{}(std::bit_cast<uint64_t>(d));
-      break;
-    }
+    case Case::Double: payloadHash = doubleHash(*doubleValue()); break;
     case Case::Int: payloadHash = std::hash<int64_t>{}(*intValue()); break;
     case Case::String: payloadHash = canonicalTextHash(*stringValue()); break;
   }
   return combine(combine(0, payload_.index()), payloadHash);
 }
 
-nlohmann::json ReportingValue::toJSON() const { return encode<json>(*this); }
+nlohmann::json ReportingValue::toJSON() const { return encode<json>(*this, kRootPath); }
 
-std::string ReportingValue::toJSONString() const { return encode<ordered_json>(*this).dump(); }
+std::string ReportingValue::toJSONString() const {
+  return encode<ordered_json>(*this, kRootPath).dump();
+}
 
 ReportingValue ReportingValue::fromJSON(const nlohmann::json& value,
                                         std::vector<std::string> codingPath) {
@@ -395,10 +444,10 @@ bool operator==(const ReportingParameter& a, const ReportingParameter& b) {
 
 size_t ReportingParameter::hash() const { return combine(canonicalTextHash(key), value.hash()); }
 
-nlohmann::json ReportingParameter::toJSON() const { return encode<json>(*this); }
+nlohmann::json ReportingParameter::toJSON() const { return encode<json>(*this, kRootPath); }
 
 std::string ReportingParameter::toJSONString() const {
-  return encode<ordered_json>(*this).dump();
+  return encode<ordered_json>(*this, kRootPath).dump();
 }
 
 ReportingParameter ReportingParameter::fromJSON(const nlohmann::json& value,
@@ -424,9 +473,11 @@ bool operator==(const PageName& a, const PageName& b) {
 
 size_t PageName::hash() const { return canonicalTextHash(stringValue); }
 
-nlohmann::json PageName::toJSON() const { return encode<json>(*this); }
+nlohmann::json PageName::toJSON() const { return encode<json>(*this, kRootPath); }
 
-std::string PageName::toJSONString() const { return encode<ordered_json>(*this).dump(); }
+std::string PageName::toJSONString() const {
+  return encode<ordered_json>(*this, kRootPath).dump();
+}
 
 PageName PageName::fromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
   const json& container = keyedContainer(value, codingPath);
@@ -443,9 +494,18 @@ bool operator==(const PageView& a, const PageView& b) {
          a.reportingParameters == b.reportingParameters;
 }
 
-nlohmann::json PageView::toJSON() const { return encode<json>(*this); }
+size_t PageView::hash() const {
+  // A sum does not depend on the order the set iterates in.
+  size_t parameters = 0;
+  for (const auto& parameter : reportingParameters) parameters += parameter.hash();
+  return combine(combine(combine(0, name.hash()), doubleHash(duration)), parameters);
+}
 
-std::string PageView::toJSONString() const { return encode<ordered_json>(*this).dump(); }
+nlohmann::json PageView::toJSON() const { return encode<json>(*this, kRootPath); }
+
+std::string PageView::toJSONString() const {
+  return encode<ordered_json>(*this, kRootPath).dump();
+}
 
 PageView PageView::fromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
   const json& container = keyedContainer(value, codingPath);

@@ -12,6 +12,8 @@
 //                        "reportingParameters": [<ReportingParameter>...]}
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -30,7 +32,7 @@ namespace korvel {
 // A decoding failure: the description and the coding path where it happened
 // (keys and array indices from the root, e.g. ["reportingParameters", "0",
 // "value"]).
-class ReportingDecodingError : public std::runtime_error {
+class KORVEL_EXPORT ReportingDecodingError : public std::runtime_error {
  public:
   enum class Kind { TypeMismatch, KeyNotFound, DataCorrupted };
   ReportingDecodingError(Kind kind, std::vector<std::string> codingPath, std::string description);
@@ -44,9 +46,23 @@ class ReportingDecodingError : public std::runtime_error {
   std::string description_;
 };
 
+// An encoding failure: a value that JSON cannot hold (a NaN or infinite
+// double, text that is not well-formed UTF-8), with the coding path where it
+// sits (as for ReportingDecodingError).
+class ReportingEncodingError : public std::runtime_error {
+ public:
+  ReportingEncodingError(std::vector<std::string> codingPath, std::string description);
+  const std::vector<std::string>& codingPath() const { return codingPath_; }
+  const std::string& description() const { return description_; }
+
+ private:
+  std::vector<std::string> codingPath_;
+  std::string description_;
+};
+
 // A tagged value with exactly four cases, in this order (the order is the
 // case index fed first into the hash).
-class ReportingValue {
+class KORVEL_EXPORT ReportingValue {
  public:
   enum class Case { Bool = 0, Double = 1, Int = 2, String = 3 };
 
@@ -66,6 +82,8 @@ class ReportingValue {
   friend bool operator==(const ReportingValue& a, const ReportingValue& b);
   size_t hash() const;
 
+  // Throws ReportingEncodingError for a double that is not finite or text
+  // that is not UTF-8; so do the other types' encoders.
   nlohmann::json toJSON() const;
   // Throws ReportingDecodingError.
   static ReportingValue fromJSON(const nlohmann::json& json,
@@ -84,7 +102,7 @@ class ReportingValue {
   std::variant<bool, double, int64_t, std::string> payload_;
 };
 
-struct ReportingParameter {
+struct KORVEL_EXPORT ReportingParameter {
   std::string key;
   ReportingValue value;
 
@@ -119,14 +137,14 @@ struct ReportingParameter {
   static ReportingParameter fromJSONString(std::string_view text);
 };
 
-struct ReportingParameterHash {
+struct KORVEL_EXPORT ReportingParameterHash {
   size_t operator()(const ReportingParameter& p) const { return p.hash(); }
 };
 
 // An unordered set of parameters (no two fully equal elements).
 using ReportingParameters = std::unordered_set<ReportingParameter, ReportingParameterHash>;
 
-struct PageName {
+struct KORVEL_EXPORT PageName {
   std::string stringValue;
 
   explicit PageName(std::string value) : stringValue(std::move(value)) {}
@@ -141,12 +159,14 @@ struct PageName {
   static PageName fromJSONString(std::string_view text);
 };
 
-struct PageView {
+struct KORVEL_EXPORT PageView {
   PageName name;
   double duration = 0;  // seconds the page was visible
   ReportingParameters reportingParameters;
 
   friend bool operator==(const PageView& a, const PageView& b);
+  // Agrees with ==: the parameters count whatever order the set holds them in.
+  size_t hash() const;
 
   nlohmann::json toJSON() const;
   static PageView fromJSON(const nlohmann::json& json, std::vector<std::string> codingPath = {});
@@ -158,10 +178,10 @@ struct PageView {
 
 // Canonical text equality: the same characters under Unicode canonical
 // equivalence (both sides compared in their canonical decomposition).
-bool canonicallyEqual(const std::string& a, const std::string& b);
+KORVEL_EXPORT bool canonicallyEqual(const std::string& a, const std::string& b);
 // The canonical decomposition (NFD) of UTF-8 text; invalid UTF-8 is kept
 // byte for byte.
-std::string canonicalDecomposition(const std::string& text);
+KORVEL_EXPORT std::string canonicalDecomposition(const std::string& text);
 
 }  // namespace korvel
 
@@ -170,6 +190,14 @@ struct std::hash<korvel::ReportingValue> {
   size_t operator()(const korvel::ReportingValue& v) const { return v.hash(); }
 };
 template <>
+struct std::hash<korvel::ReportingParameter> {
+  size_t operator()(const korvel::ReportingParameter& v) const { return v.hash(); }
+};
+template <>
 struct std::hash<korvel::PageName> {
   size_t operator()(const korvel::PageName& v) const { return v.hash(); }
+};
+template <>
+struct std::hash<korvel::PageView> {
+  size_t operator()(const korvel::PageView& v) const { return v.hash(); }
 };

@@ -1,16 +1,15 @@
 #include <korvel/platform/BundleInfo.h>
 
-#include <mutex>
-
 #include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
 namespace {
 
 struct BundleVersion {
-  std::mutex mutex;
-  std::optional<std::string> value;
+  Mutex mutex;
+  std::optional<std::string> value KORVEL_GUARDED_BY(mutex);
 };
 
 BundleVersion& bundleVersion() {
@@ -24,13 +23,13 @@ std::string mainBundleShortVersionString() { return KVNConfiguration::appShortVe
 
 std::optional<std::string> mainBundleVersion() {
   auto& v = bundleVersion();
-  std::lock_guard lock(v.mutex);
+  MutexLock lock(v.mutex);
   return v.value;
 }
 
 void setMainBundleVersion(std::optional<std::string> version) {
   auto& v = bundleVersion();
-  std::lock_guard lock(v.mutex);
+  MutexLock lock(v.mutex);
   v.value = std::move(version);
 }
 

@@ -3,6 +3,8 @@
 // sets them when it starts.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <optional>
 #include <string>
 
@@ -10,10 +12,10 @@ namespace korvel::platform {
 
 // "CFBundleShortVersionString": the marketing version, the same text as
 // KVNConfiguration::appShortVersion().
-std::string mainBundleShortVersionString();
+KORVEL_EXPORT std::string mainBundleShortVersionString();
 
 // "CFBundleVersion": the build number; nothing until the host sets it.
-std::optional<std::string> mainBundleVersion();
-void setMainBundleVersion(std::optional<std::string> version);
+KORVEL_EXPORT std::optional<std::string> mainBundleVersion();
+KORVEL_EXPORT void setMainBundleVersion(std::optional<std::string> version);
 
 }  // namespace korvel::platform

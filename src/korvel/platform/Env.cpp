@@ -5,9 +5,9 @@
 #include <atomic>
 #include <cstdlib>
 #include <cmath>
-#include <mutex>
 
 #include <korvel/foundation/KVNNetwork.h>
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/Logging.h>
 #include <korvel/platform/NotificationCenter.h>
 
@@ -41,12 +41,12 @@ class LinuxEnv : public Env {
   std::string makeUUIDString() override { return makeRandomUUIDString(); }
 
   std::optional<std::string> mainBundleIdentifier() override {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     return bundleIdentifier_;
   }
 
   void setMainBundleIdentifier(std::optional<std::string> identifier) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     bundleIdentifier_ = std::move(identifier);
   }
 
@@ -79,7 +79,7 @@ class LinuxEnv : public Env {
       const std::string& sessionIdentifier) override {
     BackgroundExecutorFactory factory;
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       factory = executorFactory_;
     }
     if (!factory) return nullptr;
@@ -87,23 +87,23 @@ class LinuxEnv : public Env {
   }
 
   void setExecutorFactory(BackgroundExecutorFactory factory) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     executorFactory_ = std::move(factory);
   }
 
   bool installExecutorFactoryIfNone(BackgroundExecutorFactory factory) {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     if (executorFactory_) return false;
     executorFactory_ = std::move(factory);
     return true;
   }
 
  private:
-  std::mutex mutex_;
-  std::optional<std::string> bundleIdentifier_;
+  Mutex mutex_;
+  std::optional<std::string> bundleIdentifier_ KORVEL_GUARDED_BY(mutex_);
   NotificationCenter center_;
   StderrLogSink logSink_;
-  BackgroundExecutorFactory executorFactory_;
+  BackgroundExecutorFactory executorFactory_ KORVEL_GUARDED_BY(mutex_);
   std::atomic<ApplicationState> state_{ApplicationState::Active};
 };
 

@@ -12,6 +12,8 @@
 // and tear-down); reads are a single atomic load.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <ctime>
 #include <memory>
@@ -31,7 +33,7 @@ namespace korvel::platform {
 class NotificationCenter;
 class LogSink;
 
-class Env {
+class KORVEL_EXPORT Env {
  public:
   virtual ~Env() = default;
 
@@ -64,7 +66,7 @@ class Env {
 };
 
 // Forwards every call to a target Env; subclass it to override a few services.
-class EnvWrapper : public Env {
+class KORVEL_EXPORT EnvWrapper : public Env {
  public:
   explicit EnvWrapper(Env& target) : target_(target) {}
   Env& target() const { return target_; }
@@ -93,10 +95,10 @@ class EnvWrapper : public Env {
 };
 
 // The Env in force (Env::Default() unless a ScopedEnv is active).
-Env& env();
+KORVEL_EXPORT Env& env();
 
 // Installs an Env for its lifetime and restores the previous one afterwards.
-class ScopedEnv {
+class KORVEL_EXPORT ScopedEnv {
  public:
   explicit ScopedEnv(Env& replacement);
   ~ScopedEnv();
@@ -109,7 +111,7 @@ class ScopedEnv {
 
 // Sets the bundle identifier the default Env reports (a Linux process has
 // none of its own; the host names itself here, before starting the library).
-void setMainBundleIdentifier(std::optional<std::string> identifier);
+KORVEL_EXPORT void setMainBundleIdentifier(std::optional<std::string> identifier);
 
 // How the default Env makes background executors. The beacon library installs
 // its durable executor here before it first asks for one (this layer cannot
@@ -117,12 +119,12 @@ void setMainBundleIdentifier(std::optional<std::string> identifier);
 // one, the default Env makes no executor and beacons are not sent.
 using BackgroundExecutorFactory = std::function<std::shared_ptr<KVNNetworkBackgroundRequestExecutor>(
     const std::string& sessionIdentifier)>;
-void setDefaultBackgroundExecutorFactory(BackgroundExecutorFactory factory);
+KORVEL_EXPORT void setDefaultBackgroundExecutorFactory(BackgroundExecutorFactory factory);
 // Installs factory only when none is installed yet; true when it did.
-bool installDefaultBackgroundExecutorFactoryIfNone(BackgroundExecutorFactory factory);
+KORVEL_EXPORT bool installDefaultBackgroundExecutorFactoryIfNone(BackgroundExecutorFactory factory);
 
 // Canonical upper-case text of a random version-4 UUID, from the kernel's
 // random source (buffered, so one call costs far less than one syscall).
-std::string makeRandomUUIDString();
+KORVEL_EXPORT std::string makeRandomUUIDString();
 
 }  // namespace korvel::platform

@@ -34,10 +34,16 @@ bool writeFileReplacing(const std::filesystem::path& path,
   error.clear();
   int fd;
   do {
-    fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0644);
+    fd = ::open(path.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
   } while (fd < 0 && errno == EINTR);
   if (fd < 0) {
     error.assign(errno, std::generic_category());
+    return false;
+  }
+  // An existing file keeps its mode through O_TRUNC: make it private too.
+  if (::fchmod(fd, 0600) != 0) {
+    error.assign(errno, std::generic_category());
+    ::close(fd);
     return false;
   }
   for (const auto& piece : pieces) {
@@ -49,6 +55,33 @@ bool writeFileReplacing(const std::filesystem::path& path,
   }
   if (::close(fd) != 0 && errno != EINTR) {
     error.assign(errno, std::generic_category());
+    return false;
+  }
+  return true;
+}
+
+bool createPrivateDirectories(const std::filesystem::path& path, std::error_code& error) {
+  error.clear();
+  if (path.empty()) {
+    error = std::make_error_code(std::errc::invalid_argument);
+    return false;
+  }
+  std::filesystem::path built;
+  for (const auto& part : path) {
+    built /= part;
+    if (::mkdir(built.c_str(), 0700) == 0) {
+      // mkdir applies the umask; a stricter one than 077 is kept as it is.
+      continue;
+    }
+    if (errno != EEXIST) {
+      error.assign(errno, std::generic_category());
+      return false;
+    }
+  }
+  std::filesystem::file_status status = std::filesystem::status(path, error);
+  if (error) return false;
+  if (!std::filesystem::is_directory(status)) {
+    error = std::make_error_code(std::errc::not_a_directory);
     return false;
   }
   return true;

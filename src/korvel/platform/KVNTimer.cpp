@@ -6,13 +6,13 @@ namespace korvel {
 
 void KVNTimer::startTimerForKey(const std::string& key) {
   const uint64_t now = platform::env().monotonicNanos();
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   startedAt_[key] = now;
 }
 
 std::optional<double> KVNTimer::elapsedTimeForKey(const std::string& key) const {
   const uint64_t now = platform::env().monotonicNanos();
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = startedAt_.find(key);
   if (it == startedAt_.end()) return std::nullopt;
   const uint64_t elapsed = now >= it->second ? now - it->second : 0;
@@ -20,7 +20,7 @@ std::optional<double> KVNTimer::elapsedTimeForKey(const std::string& key) const 
 }
 
 void KVNTimer::endTimerForKey(const std::string& key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   startedAt_.erase(key);
 }
 

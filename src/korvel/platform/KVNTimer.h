@@ -1,15 +1,19 @@
-// A keyed stopwatch on the Env's monotonic clock. Thread-safe.
+// A keyed stopwatch on the Env's monotonic clock. Any thread may call; the
+// owner of the timer (a session, a reporter) keeps it alive.
 #pragma once
+
+#include <korvel/export.h>
 
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 
+#include <korvel/foundation/Mutex.h>
+
 namespace korvel {
 
-class KVNTimer {
+class KORVEL_EXPORT KVNTimer {
  public:
   // Starts (or restarts) the stopwatch under key.
   void startTimerForKey(const std::string& key);
@@ -19,8 +23,8 @@ class KVNTimer {
   void endTimerForKey(const std::string& key);
 
  private:
-  mutable std::mutex mutex_;
-  std::map<std::string, uint64_t, std::less<>> startedAt_;
+  mutable Mutex mutex_;
+  std::map<std::string, uint64_t, std::less<>> startedAt_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel

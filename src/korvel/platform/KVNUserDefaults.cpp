@@ -11,11 +11,11 @@
 #include <filesystem>
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 
 #include <nlohmann/json.hpp>
 
 #include <korvel/platform/Env.h>
+#include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>
 
 namespace korvel {
@@ -38,18 +38,26 @@ void logLine(platform::LogLevel level, std::string message) {
 
 // --- Encoding ---------------------------------------------------------------
 
-Json encode(const KVRValue& value);
+struct FormatError : std::runtime_error {
+  using std::runtime_error::runtime_error;
+};
 
-Json encodeDictionary(const KVRParameters& dictionary) {
+const std::string kTooDeep =
+    "nested deeper than " + std::to_string(KVNUserDefaults::kMaxDepth) + " levels";
+
+Json encode(const KVRValue& value, int depth);
+
+Json encodeDictionary(const KVRParameters& dictionary, int depth = 1) {
+  if (depth > KVNUserDefaults::kMaxDepth) throw FormatError(kTooDeep);
   Json object = Json::object();
-  for (const auto& [key, value] : dictionary) object[key] = encode(value);
+  for (const auto& [key, value] : dictionary) object[key] = encode(value, depth + 1);
   if (dictionary.size() == 1 && dictionary.begin()->first.starts_with('$')) {
     return Json{{kDictionaryTag, std::move(object)}};
   }
   return object;
 }
 
-Json encode(const KVRValue& value) {
+Json encode(const KVRValue& value, int depth) {
   switch (value.kind()) {
     case KVRValue::Kind::String:
       return *value.asString();
@@ -71,10 +79,11 @@ Json encode(const KVRValue& value) {
     case KVRValue::Kind::URL:
       return Json{{kURLTag, value.asURL()->absoluteString}};
     case KVRValue::Kind::Dictionary:
-      return encodeDictionary(*value.asDictionary());
+      return encodeDictionary(*value.asDictionary(), depth);
     case KVRValue::Kind::List: {
+      if (depth > KVNUserDefaults::kMaxDepth) throw FormatError(kTooDeep);
       Json array = Json::array();
-      for (const auto& item : *value.asList()) array.push_back(encode(item));
+      for (const auto& item : *value.asList()) array.push_back(encode(item, depth + 1));
       return array;
     }
   }
@@ -82,21 +91,29 @@ Json encode(const KVRValue& value) {
 }
 
 // --- Decoding ---------------------------------------------------------------
+//
+// Each decoder answers nothing when the file does not hold what this store
+// writes, and says why in `problem`.
 
-struct FormatError : std::runtime_error {
-  using std::runtime_error::runtime_error;
-};
+std::optional<KVRValue> decode(const Json& json, std::string& problem);
 
-KVRValue decode(const Json& json);
-
-KVRParameters decodeDictionary(const Json& object) {
+std::optional<KVRParameters> decodeDictionary(const Json& object, std::string& problem) {
   KVRParameters dictionary;
   dictionary.reserve(object.size());
-  for (auto it = object.begin(); it != object.end(); ++it) dictionary.set(it.key(), decode(it.value()));
+  for (auto it = object.begin(); it != object.end(); ++it) {
+    auto value = decode(it.value(), problem);
+    if (!value) return std::nullopt;
+    dictionary.set(it.key(), std::move(*value));
+  }
   return dictionary;
 }
 
-KVRValue decode(const Json& json) {
+std::optional<KVRValue> malformed(std::string& problem, const char* what) {
+  problem = what;
+  return std::nullopt;
+}
+
+std::optional<KVRValue> decode(const Json& json, std::string& problem) {
   switch (json.type()) {
     case Json::value_t::string:
       return KVRValue(json.get<std::string>());
@@ -114,7 +131,11 @@ KVRValue decode(const Json& json) {
     case Json::value_t::array: {
       KVRList list;
       list.reserve(json.size());
-      for (const auto& item : json) list.push_back(decode(item));
+      for (const auto& item : json) {
+        auto value = decode(item, problem);
+        if (!value) return std::nullopt;
+        list.push_back(std::move(*value));
+      }
       return KVRValue(std::move(list));
     }
     case Json::value_t::object: {
@@ -123,11 +144,11 @@ KVRValue decode(const Json& json) {
         const std::string& tag = first.key();
         const Json& inner = first.value();
         if (tag == kDateTag) {
-          if (!inner.is_number()) throw FormatError("a date that is not a number");
+          if (!inner.is_number()) return malformed(problem, "a date that is not a number");
           return KVRValue(KVRDate{inner.get<double>()});
         }
         if (tag == kURLTag) {
-          if (!inner.is_string()) throw FormatError("a URL that is not text");
+          if (!inner.is_string()) return malformed(problem, "a URL that is not text");
           return KVRValue(KVRURL{inner.get<std::string>()});
         }
         if (tag == kDoubleTag) {
@@ -135,17 +156,23 @@ KVRValue decode(const Json& json) {
           if (text == "nan") return KVRValue(std::nan(""));
           if (text == "inf") return KVRValue(HUGE_VAL);
           if (text == "-inf") return KVRValue(-HUGE_VAL);
-          throw FormatError("an unknown special number");
+          return malformed(problem, "an unknown special number");
         }
         if (tag == kDictionaryTag) {
-          if (!inner.is_object()) throw FormatError("a wrapped dictionary that is not an object");
-          return KVRValue(decodeDictionary(inner));
+          if (!inner.is_object()) {
+            return malformed(problem, "a wrapped dictionary that is not an object");
+          }
+          auto dictionary = decodeDictionary(inner, problem);
+          if (!dictionary) return std::nullopt;
+          return KVRValue(std::move(*dictionary));
         }
       }
-      return KVRValue(decodeDictionary(json));
+      auto dictionary = decodeDictionary(json, problem);
+      if (!dictionary) return std::nullopt;
+      return KVRValue(std::move(*dictionary));
     }
     default:
-      throw FormatError("a null or binary value");
+      return malformed(problem, "a null or binary value");
   }
 }
 
@@ -170,7 +197,7 @@ bool writeAll(int fd, const std::string& data) {
 bool writeFileAtomically(const std::string& path, const std::string& data, std::string& error) {
   const fs::path target(path);
   std::error_code ec;
-  if (target.has_parent_path()) fs::create_directories(target.parent_path(), ec);
+  if (target.has_parent_path()) platform::createPrivateDirectories(target.parent_path(), ec);
   if (ec) {
     error = "cannot create " + target.parent_path().string() + ": " + ec.message();
     return false;
@@ -219,15 +246,21 @@ std::string moveAside(const std::string& path) {
   return aside;
 }
 
-std::mutex sharedMutex;
-std::shared_ptr<KVNUserDefaults>& sharedSlot() {
-  static auto* slot = new std::shared_ptr<KVNUserDefaults>;
-  return *slot;
+// The process-wide instance, made on first use.
+struct SharedDefaults {
+  Mutex mutex;
+  std::shared_ptr<KVNUserDefaults> defaults KORVEL_GUARDED_BY(mutex);
+};
+
+SharedDefaults& shared() {
+  static auto* instance = new SharedDefaults;
+  return *instance;
 }
 
 }  // namespace
 
 KVNUserDefaults::KVNUserDefaults(std::string filePath) : filePath_(std::move(filePath)) {
+  MutexLock lock(mutex_);
   load();
 }
 
@@ -246,14 +279,31 @@ void KVNUserDefaults::load() {
       // An empty file reads as nothing, which is as unusable as garbage.
       problem = in ? "it is empty" : std::string("cannot open it: ") + std::strerror(errno);
     } else {
-      try {
-        const Json json = Json::parse(content.str());
-        if (!json.is_object()) throw FormatError("the top level is not an object");
-        values_ = decodeDictionary(json);
+      // The parser keeps its own stack; the depth cap keeps decode() and
+      // dump(), which recurse, within the thread's. The top-level object
+      // starts at depth 0 here, 1 when saving.
+      bool tooDeep = false;
+      const Json json = Json::parse(
+          content.str(),
+          [&tooDeep](int depth, Json::parse_event_t event, Json&) {
+            const bool opens = event == Json::parse_event_t::object_start ||
+                               event == Json::parse_event_t::array_start;
+            if (opens && depth >= kMaxDepth) {
+              tooDeep = true;
+              return false;
+            }
+            return true;
+          },
+          /*allow_exceptions=*/false);
+      if (tooDeep) {
+        problem = kTooDeep;
+      } else if (json.is_discarded()) {
+        problem = "it is not JSON";
+      } else if (!json.is_object()) {
+        problem = "the top level is not an object";
+      } else if (auto decoded = decodeDictionary(json, problem)) {
+        values_ = std::move(*decoded);
         return;
-      } catch (const std::exception& e) {
-        values_.clear();
-        problem = e.what();
       }
     }
   }
@@ -271,8 +321,14 @@ void KVNUserDefaults::load() {
 }
 
 bool KVNUserDefaults::persistLocked() {
-  const std::string data =
-      encodeDictionary(values_).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  std::string data;
+  try {
+    data = encodeDictionary(values_).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+  } catch (const FormatError& e) {
+    logLine(platform::LogLevel::Error, std::string("Could not save user defaults: a value is ") +
+                                           e.what());
+    return false;
+  }
   std::string error;
   if (writeFileAtomically(filePath_, data, error)) return true;
   logLine(platform::LogLevel::Error, "Could not save user defaults: " + error);
@@ -280,15 +336,16 @@ bool KVNUserDefaults::persistLocked() {
 }
 
 std::shared_ptr<KVNUserDefaults> KVNUserDefaults::sharedUserDefaults() {
-  std::lock_guard lock(sharedMutex);
-  auto& slot = sharedSlot();
-  if (!slot) slot = std::make_shared<KVNUserDefaults>(defaultFilePath());
-  return slot;
+  auto& s = shared();
+  MutexLock lock(s.mutex);
+  if (!s.defaults) s.defaults = std::make_shared<KVNUserDefaults>(defaultFilePath());
+  return s.defaults;
 }
 
 void KVNUserDefaults::setSharedUserDefaults(std::shared_ptr<KVNUserDefaults> defaults) {
-  std::lock_guard lock(sharedMutex);
-  sharedSlot() = std::move(defaults);
+  auto& s = shared();
+  MutexLock lock(s.mutex);
+  s.defaults = std::move(defaults);
 }
 
 std::string KVNUserDefaults::defaultFilePath() {
@@ -310,36 +367,36 @@ std::string KVNUserDefaults::defaultFilePath() {
 }
 
 std::optional<KVRValue> KVNUserDefaults::objectForKey(std::string_view key) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (const KVRValue* value = values_.find(key)) return *value;
   return std::nullopt;
 }
 
 std::optional<std::string> KVNUserDefaults::stringForKey(std::string_view key) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return values_.stringForKey(key);
 }
 
 std::optional<KVRDate> KVNUserDefaults::dateForKey(std::string_view key) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (const KVRValue* value = values_.find(key)) return value->asDate();
   return std::nullopt;
 }
 
 bool KVNUserDefaults::setObject(KVRValue value, std::string_view key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   values_.set(key, std::move(value));
   return persistLocked();
 }
 
 bool KVNUserDefaults::removeObjectForKey(std::string_view key) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (!values_.remove(key)) return true;
   return persistLocked();
 }
 
 KVRParameters KVNUserDefaults::dictionaryRepresentation() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return values_;
 }
 

@@ -17,25 +17,33 @@
 // for one of those. Integers are read back as signed when they fit a signed
 // 64-bit integer, as unsigned otherwise.
 //
+// Values nest at most kMaxDepth levels (dictionaries and lists inside one
+// another): a file nested deeper is unusable (moved aside as above), and a
+// value nested deeper is kept in memory but not written, with an error log
+// line. Reading and writing so never run out of stack, whatever the file.
+//
 // Thread-safe: any thread may read and write.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include <korvel/foundation/KVRParameters.h>
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel {
 
-class KVNUserDefaults {
+class KORVEL_EXPORT KVNUserDefaults {
  public:
   // Opens the store kept in filePath (loading it, or starting empty when the
   // file does not exist yet). The file and its directory are created on the
   // first write.
   explicit KVNUserDefaults(std::string filePath);
+  static constexpr int kMaxDepth = 64;
   KVNUserDefaults(const KVNUserDefaults&) = delete;
   KVNUserDefaults& operator=(const KVNUserDefaults&) = delete;
 
@@ -66,12 +74,12 @@ class KVNUserDefaults {
   const std::string& filePath() const { return filePath_; }
 
  private:
-  void load();
-  bool persistLocked();
+  void load() KORVEL_REQUIRES(mutex_);
+  bool persistLocked() KORVEL_REQUIRES(mutex_);
 
   const std::string filePath_;
-  mutable std::mutex mutex_;
-  KVRParameters values_;
+  mutable Mutex mutex_;
+  KVRParameters values_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel

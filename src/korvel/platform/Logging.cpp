@@ -35,7 +35,7 @@ StderrLogSink::StderrLogSink() : minimum_(levelFromEnvironment()) {}
 
 void StderrLogSink::write(const LogRecord& record) {
   if (record.level < minimum_) return;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   std::fprintf(stderr, "[%s:%s] %s: %s\n", record.subsystem.c_str(), record.category.c_str(),
                std::string(logLevelName(record.level)).c_str(), record.message.c_str());
 }

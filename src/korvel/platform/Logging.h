@@ -2,24 +2,27 @@
 // and goes to the current Env's LogSink.
 #pragma once
 
-#include <mutex>
+#include <korvel/export.h>
+
 #include <string>
 #include <string_view>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
 enum class LogLevel { Debug, Info, Default, Error, Fault };
 
-std::string_view logLevelName(LogLevel level);
+KORVEL_EXPORT std::string_view logLevelName(LogLevel level);
 
-struct LogRecord {
+struct KORVEL_EXPORT LogRecord {
   LogLevel level;
   std::string subsystem;
   std::string category;
   std::string message;
 };
 
-class LogSink {
+class KORVEL_EXPORT LogSink {
  public:
   virtual ~LogSink() = default;
   virtual void write(const LogRecord& record) = 0;
@@ -29,19 +32,21 @@ class LogSink {
 //   [subsystem:category] level: message
 // Records below the minimum level are dropped; the minimum comes from the
 // KORVEL_LOG_LEVEL environment variable (debug, info, default, error, fault;
-// "default" when unset).
-class StderrLogSink : public LogSink {
+// "default" when unset). Any thread may write; the Env that made the sink
+// owns it.
+class KORVEL_EXPORT StderrLogSink : public LogSink {
  public:
   StderrLogSink();
   void write(const LogRecord& record) override;
 
  private:
   LogLevel minimum_;
-  std::mutex mutex_;
+  // Keeps the lines of concurrent writers whole.
+  Mutex mutex_;
 };
 
 // A logger bound to one subsystem and category.
-class Logger {
+class KORVEL_EXPORT Logger {
  public:
   Logger(std::string subsystem, std::string category)
       : subsystem_(std::move(subsystem)), category_(std::move(category)) {}

@@ -1,7 +1,6 @@
 #include <korvel/platform/NotificationCenter.h>
 
 #include <algorithm>
-#include <condition_variable>
 #include <thread>
 #include <utility>
 
@@ -14,16 +13,16 @@ struct NotificationCenter::Observer {
   std::string name;
   NotificationBlock block;
 
-  std::mutex mutex;
-  std::condition_variable idle;
-  bool removed = false;
-  int callsInFlight = 0;
+  Mutex mutex;
+  CondVar idle;
+  bool removed KORVEL_GUARDED_BY(mutex) = false;
+  int callsInFlight KORVEL_GUARDED_BY(mutex) = 0;
   // Threads currently inside the block (a block may be re-entered by a post
   // from inside itself, so a thread may appear more than once).
-  std::vector<std::thread::id> callers;
+  std::vector<std::thread::id> callers KORVEL_GUARDED_BY(mutex);
 
   bool enter() {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     if (removed) return false;
     ++callsInFlight;
     callers.push_back(std::this_thread::get_id());
@@ -31,21 +30,21 @@ struct NotificationCenter::Observer {
   }
 
   void leave() {
-    std::lock_guard lock(mutex);
+    MutexLock lock(mutex);
     --callsInFlight;
     callers.erase(std::find(callers.begin(), callers.end(), std::this_thread::get_id()));
-    if (callsInFlight == 0) idle.notify_all();
+    if (callsInFlight == 0) idle.signalAll();
   }
 
   // Marks the observer removed and waits for calls on other threads to end.
   void retire() {
-    std::unique_lock lock(mutex);
+    MutexLock lock(mutex);
     removed = true;
     const auto self = std::this_thread::get_id();
-    idle.wait(lock, [&] {
-      return std::all_of(callers.begin(), callers.end(),
-                         [&](std::thread::id id) { return id == self; });
-    });
+    while (!std::all_of(callers.begin(), callers.end(),
+                        [&](std::thread::id id) { return id == self; })) {
+      idle.wait(mutex);
+    }
   }
 };
 
@@ -59,7 +58,7 @@ ObserverToken NotificationCenter::addObserver(std::string name, NotificationBloc
   observer->name = std::move(name);
   observer->block = std::move(block);
 
-  std::lock_guard lock(writeMutex_);
+  MutexLock lock(writeMutex_);
   observer->token = nextToken_++;
   auto next = std::make_shared<Snapshot>(*observers_.load());
   next->push_back(observer);
@@ -70,7 +69,7 @@ ObserverToken NotificationCenter::addObserver(std::string name, NotificationBloc
 void NotificationCenter::removeObserver(ObserverToken token) {
   std::shared_ptr<Observer> removed;
   {
-    std::lock_guard lock(writeMutex_);
+    MutexLock lock(writeMutex_);
     auto current = observers_.load();
     auto next = std::make_shared<Snapshot>();
     next->reserve(current->size());

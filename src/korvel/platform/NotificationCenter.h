@@ -9,21 +9,23 @@
 // its own call simply returns).
 #pragma once
 
+#include <korvel/export.h>
+
 #include <any>
 #include <atomic>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/foundation/SharedSlot.h>
 
 namespace korvel::platform {
 
-struct Notification {
+struct KORVEL_EXPORT Notification {
   std::string_view name;
   const std::any& object;  // empty when the poster gave none
 };
@@ -31,7 +33,7 @@ struct Notification {
 using ObserverToken = uint64_t;
 using NotificationBlock = std::function<void(const Notification&)>;
 
-class NotificationCenter {
+class KORVEL_EXPORT NotificationCenter {
  public:
   NotificationCenter();
   ~NotificationCenter();
@@ -53,13 +55,15 @@ class NotificationCenter {
   struct Observer;
   using Snapshot = std::vector<std::shared_ptr<Observer>>;
 
-  mutable std::mutex writeMutex_;
+  // Serialises changes to the observer list; readers load the snapshot
+  // without it.
+  mutable Mutex writeMutex_;
   SharedSlot<const Snapshot> observers_;
-  ObserverToken nextToken_ = 1;
+  ObserverToken nextToken_ KORVEL_GUARDED_BY(writeMutex_) = 1;
 };
 
 // Removes its observer when destroyed; movable.
-class ObserverRegistration {
+class KORVEL_EXPORT ObserverRegistration {
  public:
   ObserverRegistration() = default;
   ObserverRegistration(NotificationCenter& center, ObserverToken token)

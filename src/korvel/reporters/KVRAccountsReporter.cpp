@@ -30,13 +30,19 @@ void reportMigration(std::string_view outcome, KVRAccountsProvider account,
 }  // namespace
 
 void KVRAccountsReporter::reportSuccessfulAccountMigrationImpressionForAccount(
-    KVRAccountsProvider account) {
+    KVRAccountsProvider account) noexcept try {
   reportMigration(kKVRSuccess, account, nullptr);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRAccountsReporter::reportSuccessfulAccountMigrationImpressionForAccount");
 }
 
 void KVRAccountsReporter::reportFailedAccountMigrationImpressionForAccount(
-    KVRAccountsProvider account, const KVNError* withError) {
+    KVRAccountsProvider account, const KVNError* withError) noexcept try {
   reportMigration("failure", account, withError);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRAccountsReporter::reportFailedAccountMigrationImpressionForAccount");
 }
 
 std::string KVRAccountsReporter::accountsProviderStringFromAccountsProvider(

@@ -36,36 +36,49 @@ void reportNavigation(const std::optional<std::string>& artistID, std::string_vi
 }  // namespace
 
 void KVRArtistPageReporter::reportNavigationToAboutModalFromAboutArtistSectionForArtistID(
-    const std::optional<std::string>& artistID) {
+    const std::optional<std::string>& artistID) noexcept try {
   // The modal is named after the section it opens from.
   reportNavigation(artistID, kAboutArtist, kAboutArtist);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRArtistPageReporter::reportNavigationToAboutModalFromAboutArtistSectionForArtistID");
 }
 
 void KVRArtistPageReporter::reportNavigationToTrackPageFromOrigin(
-    KVRArtistPageOrigin origin, const std::optional<std::string>& artistID) {
+    KVRArtistPageOrigin origin, const std::optional<std::string>& artistID) noexcept try {
   reportNavigation(artistID, originStringForOrigin(origin), kKVRDetails);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRArtistPageReporter::reportNavigationToTrackPageFromOrigin");
 }
 
 void KVRArtistPageReporter::reportNavigationToArtistPageFromOrigin(
-    KVRArtistPageOrigin origin, const std::optional<std::string>& artistID) {
+    KVRArtistPageOrigin origin, const std::optional<std::string>& artistID) noexcept try {
   reportNavigation(artistID, originStringForOrigin(origin), kKVRArtist);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRArtistPageReporter::reportNavigationToArtistPageFromOrigin");
 }
 
 std::optional<std::string> KVRArtistPageReporter::reportOpenAppForStreamingServiceProvider(
     KVRStreamingServiceProvider provider, const std::optional<std::string>& artistID,
-    KVRArtistPageOrigin origin) {
+    KVRArtistPageOrigin origin) noexcept try {
   return reporting::sendOpenItem(KVRStreamingServiceReporter::providerNameForProvider(provider),
                                  originStringForOrigin(origin), kKVRArtistAdamID, artistID);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRArtistPageReporter::reportOpenAppForStreamingServiceProvider");
+  return std::nullopt;
 }
 
 void KVRArtistPageReporter::reportPlaybackForArtistID(
     const std::optional<std::string>& artistID,
-    const std::optional<std::string>& streamingServiceIdentifier, KVRArtistPageOrigin origin) {
+    const std::optional<std::string>& streamingServiceIdentifier,
+    KVRArtistPageOrigin origin) noexcept try {
   KVRParameters beaconData;
   beaconData.set(kKVRArtistAdamID, artistID);
   beaconData.set(kKVROrigin, originStringForOrigin(origin));
   KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
       streamingServiceIdentifier, beaconData);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRArtistPageReporter::reportPlaybackForArtistID");
 }
 
 std::string KVRArtistPageReporter::originStringForOrigin(KVRArtistPageOrigin origin) {

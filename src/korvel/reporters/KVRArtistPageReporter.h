@@ -2,6 +2,8 @@
 // another artist, out to a streaming app, and playback.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,23 +24,24 @@ inline constexpr KVRArtistPageOrigin KVRArtistPageOriginMoreAlbums = 5;
 inline constexpr KVRArtistPageOrigin KVRArtistPageOriginPlaylists = 6;
 inline constexpr KVRArtistPageOrigin KVRArtistPageOriginRelatedArtists = 7;
 
-class KVRArtistPageReporter {
+class KORVEL_EXPORT KVRArtistPageReporter {
  public:
   KVRArtistPageReporter() = delete;
 
   static void reportNavigationToAboutModalFromAboutArtistSectionForArtistID(
-      const std::optional<std::string>& artistID);
-  static void reportNavigationToTrackPageFromOrigin(KVRArtistPageOrigin origin,
-                                                    const std::optional<std::string>& artistID);
-  static void reportNavigationToArtistPageFromOrigin(KVRArtistPageOrigin origin,
-                                                     const std::optional<std::string>& artistID);
+      const std::optional<std::string>& artistID) noexcept;
+  static void reportNavigationToTrackPageFromOrigin(
+      KVRArtistPageOrigin origin, const std::optional<std::string>& artistID) noexcept;
+  static void reportNavigationToArtistPageFromOrigin(
+      KVRArtistPageOrigin origin, const std::optional<std::string>& artistID) noexcept;
   static std::optional<std::string> reportOpenAppForStreamingServiceProvider(
       KVRStreamingServiceProvider provider, const std::optional<std::string>& artistID,
-      KVRArtistPageOrigin origin);
+      KVRArtistPageOrigin origin) noexcept;
   // Forwards to the streaming service reporter's playback beacon.
   static void reportPlaybackForArtistID(
       const std::optional<std::string>& artistID,
-      const std::optional<std::string>& streamingServiceIdentifier, KVRArtistPageOrigin origin);
+      const std::optional<std::string>& streamingServiceIdentifier,
+      KVRArtistPageOrigin origin) noexcept;
 
   static std::string originStringForOrigin(KVRArtistPageOrigin origin);
 };

@@ -23,33 +23,50 @@ KVRParameters tokenGeneration(std::string_view layer, std::string_view outcome) 
 
 }  // namespace
 
-void KVRAuthenticationReporter::reportKorvelLayerAuthenticationTokenGenerationSuccessWithSuccessType(
-    KVRAuthenticationSuccessType successType) {
+void KVRAuthenticationReporter::
+    reportKorvelLayerAuthenticationTokenGenerationSuccessWithSuccessType(
+        KVRAuthenticationSuccessType successType) noexcept try {
   KVRParameters parameters = tokenGeneration(kKorvelTokenType, kKVRSuccess);
   parameters.set(kKVRReason, reasonCodeFromSuccessType(successType));
   reporting::send(KVRBeaconTypeAuthentication, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRAuthenticationReporter::"
+      "reportKorvelLayerAuthenticationTokenGenerationSuccessWithSuccessType");
 }
 
-void KVRAuthenticationReporter::reportKorvelLayerAuthenticationTokenGenerationFailureWithFailureType(
-    KVRAuthenticationFailureType failureType) {
+void KVRAuthenticationReporter::
+    reportKorvelLayerAuthenticationTokenGenerationFailureWithFailureType(
+        KVRAuthenticationFailureType failureType) noexcept try {
   KVRParameters parameters = tokenGeneration(kKorvelTokenType, kKVRErrorKey);
   parameters.set(kKVRReason, reasonCodeFromFailureType(failureType));
   reporting::send(KVRBeaconTypeAuthentication, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRAuthenticationReporter::"
+      "reportKorvelLayerAuthenticationTokenGenerationFailureWithFailureType");
 }
 
 void KVRAuthenticationReporter::reportAMSLayerAuthenticationTokenGenerationSuccessWithDuration(
-    double duration) {
+    double duration) noexcept try {
   KVRParameters parameters = tokenGeneration(kAMSTokenType, kKVRSuccess);
   parameters.set(kKVRDuration, duration);
   reporting::send(KVRBeaconTypeAuthentication, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRAuthenticationReporter::reportAMSLayerAuthenticationTokenGenerationSuccessWithDuration");
 }
 
 void KVRAuthenticationReporter::reportAMSLayerAuthenticationTokenGenerationFailedWithErrorCodeChain(
-    const std::optional<std::string>& errorCodeChain, double duration) {
+    const std::optional<std::string>& errorCodeChain, double duration) noexcept try {
   KVRParameters parameters = tokenGeneration(kAMSTokenType, kKVRErrorKey);
   parameters.set(kKVRDuration, duration);
   parameters.set(kKVRErrorCodeChain, errorCodeChain);
   reporting::send(KVRBeaconTypeAuthentication, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRAuthenticationReporter::"
+      "reportAMSLayerAuthenticationTokenGenerationFailedWithErrorCodeChain");
 }
 
 int64_t KVRAuthenticationReporter::reasonCodeFromSuccessType(

@@ -2,6 +2,8 @@
 // layer and on the AMS layer.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,19 +15,20 @@ using KVRAuthenticationSuccessType = int64_t;
 // Why token generation failed; any failure is reason code 1.
 using KVRAuthenticationFailureType = int64_t;
 
-class KVRAuthenticationReporter {
+class KORVEL_EXPORT KVRAuthenticationReporter {
  public:
   KVRAuthenticationReporter() = delete;
 
   // The own token layer reports a reason code and no duration; the AMS layer
   // a duration (in the caller's unit, passed on unscaled) and no reason.
   static void reportKorvelLayerAuthenticationTokenGenerationSuccessWithSuccessType(
-      KVRAuthenticationSuccessType successType);
+      KVRAuthenticationSuccessType successType) noexcept;
   static void reportKorvelLayerAuthenticationTokenGenerationFailureWithFailureType(
-      KVRAuthenticationFailureType failureType);
-  static void reportAMSLayerAuthenticationTokenGenerationSuccessWithDuration(double duration);
+      KVRAuthenticationFailureType failureType) noexcept;
+  static void reportAMSLayerAuthenticationTokenGenerationSuccessWithDuration(
+      double duration) noexcept;
   static void reportAMSLayerAuthenticationTokenGenerationFailedWithErrorCodeChain(
-      const std::optional<std::string>& errorCodeChain, double duration);
+      const std::optional<std::string>& errorCodeChain, double duration) noexcept;
 
   // 1, 2 and 3 as they are; anything else 0.
   static int64_t reasonCodeFromSuccessType(KVRAuthenticationSuccessType successType);

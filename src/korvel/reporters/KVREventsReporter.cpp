@@ -81,13 +81,16 @@ KVRParameters videoParameters(std::string_view type, const std::optional<std::st
 }  // namespace
 
 void KVREventsReporter::reportWatchNowButtonImpressionForEventID(
-    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) {
+    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) noexcept
+    try {
   reporting::send(KVRBeaconTypeImpression, liveParameters(kWatchNow, eventID, artistID));
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportWatchNowButtonImpressionForEventID");
 }
 
-void KVREventsReporter::reportImpressionForSection(KVREventPageOrigin section,
-                                                   const std::optional<std::string>& eventID,
-                                                   const std::optional<std::string>& artistID) {
+void KVREventsReporter::reportImpressionForSection(
+    KVREventPageOrigin section, const std::optional<std::string>& eventID,
+    const std::optional<std::string>& artistID) noexcept try {
   const std::string sectionName = originStringForOrigin(section);
   KVRParameters parameters;
   if (isPlaylistSection(section)) {
@@ -98,146 +101,199 @@ void KVREventsReporter::reportImpressionForSection(KVREventPageOrigin section,
   }
   setEventAndArtist(parameters, eventID, artistID);
   reporting::send(KVRBeaconTypeImpression, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportImpressionForSection");
 }
 
 void KVREventsReporter::reportDownloadedContentForEventID(
-    const std::optional<std::string>& eventID) {
+    const std::optional<std::string>& eventID) noexcept try {
   sendForEvent("addcontent", eventID);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportDownloadedContentForEventID");
 }
 
 void KVREventsReporter::reportAddToCalendarTappedForEventID(
-    const std::optional<std::string>& eventID) {
+    const std::optional<std::string>& eventID) noexcept try {
   sendForEvent(kKVRAddToCalendar, eventID);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportAddToCalendarTappedForEventID");
 }
 
 void KVREventsReporter::reportTicketsModalDismissedForEventID(
-    const std::optional<std::string>& eventID) {
+    const std::optional<std::string>& eventID) noexcept try {
   sendForEvent(kKVRCloseType, eventID);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportTicketsModalDismissedForEventID");
 }
 
 void KVREventsReporter::reportLatestReleaseUpsellClosedForEventID(
-    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) {
+    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) noexcept
+    try {
   reportUpsellClosed(kKVRAMEventsLatestReleaseUpsell, eventID, artistID);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportLatestReleaseUpsellClosedForEventID");
 }
 
 void KVREventsReporter::reportLatestReleaseSpatialUpsellClosedForEventID(
-    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) {
+    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) noexcept
+    try {
   reportUpsellClosed(kKVRAMEventsLatestReleaseUpsellSpatial, eventID, artistID);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVREventsReporter::reportLatestReleaseSpatialUpsellClosedForEventID");
 }
 
 void KVREventsReporter::reportTicketButtonTappedForEventID(
-    const std::optional<std::string>& eventID) {
+    const std::optional<std::string>& eventID) noexcept try {
   sendForEvent(kKVRGetTickets, eventID);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportTicketButtonTappedForEventID");
 }
 
-void KVREventsReporter::reportNavigationToArtistPage() {
+void KVREventsReporter::reportNavigationToArtistPage() noexcept try {
   auto parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVROrigin, kKVREvent);
   parameters.set(kKVRDestination, kKVRArtist);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportNavigationToArtistPage");
 }
 
 void KVREventsReporter::reportNavigationToTrackPageFromOrigin(
     KVREventPageOrigin origin, const std::optional<std::string>& eventID,
-    const std::optional<std::string>& artistID) {
+    const std::optional<std::string>& artistID) noexcept try {
   auto parameters = reporting::userEvent(kKVRNavType);
   setEventAndArtist(parameters, eventID, artistID);
   parameters.set(kKVROrigin, originStringForOrigin(origin));
   parameters.set(kKVRDestination, kKVRDetails);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportNavigationToTrackPageFromOrigin");
 }
 
 void KVREventsReporter::reportAnotherEventTappedFromEventWithID(
-    const std::optional<std::string>& eventID) {
+    const std::optional<std::string>& eventID) noexcept try {
   auto parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVREventID, eventID);
   parameters.set(kKVRDestination, kKVREvent);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportAnotherEventTappedFromEventWithID");
 }
 
 void KVREventsReporter::reportOpenedEventID(const std::optional<std::string>& eventID,
-                                            const std::optional<std::string>& artistID) {
+                                            const std::optional<std::string>& artistID) noexcept
+    try {
   auto parameters = reporting::userEvent(kKVRNavType);
   setEventAndArtist(parameters, eventID, artistID);
   parameters.set(kKVROrigin, kKVREvents);
   parameters.set(kKVRDestination, kKVREvent);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportOpenedEventID");
 }
 
 void KVREventsReporter::reportEventListOpenedForArtistID(
-    const std::optional<std::string>& artistID) {
+    const std::optional<std::string>& artistID) noexcept try {
   auto parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVRArtistAdamID, artistID);
   parameters.set(kKVROrigin, kKVREvents);
   parameters.set(kKVRDestination, kKVREventList);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportEventListOpenedForArtistID");
 }
 
 void KVREventsReporter::reportOpenedPhotoForEventID(const std::optional<std::string>& eventID,
-                                                    KVREventPageOrigin origin) {
+                                                    KVREventPageOrigin origin) noexcept try {
   auto parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVREventID, eventID);
   parameters.set(kKVROrigin, originStringForOrigin(origin));
   parameters.set(kKVRDestination, "photo");
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportOpenedPhotoForEventID");
 }
 
-void KVREventsReporter::reportOpenedVideoForVideoID(const std::optional<std::string>& videoID,
-                                                    const std::optional<std::string>& eventID,
-                                                    const std::optional<std::string>& artistID) {
+void KVREventsReporter::reportOpenedVideoForVideoID(
+    const std::optional<std::string>& videoID, const std::optional<std::string>& eventID,
+    const std::optional<std::string>& artistID) noexcept try {
   reporting::send(KVRBeaconTypeUserEvent, videoParameters(kWatchVideo, videoID, eventID, artistID));
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportOpenedVideoForVideoID");
 }
 
 void KVREventsReporter::reportLoadedVideoForVideoID(const std::optional<std::string>& videoID,
                                                     const std::optional<std::string>& eventID,
                                                     const std::optional<std::string>& artistID,
-                                                    double loadingTime) {
+                                                    double loadingTime) noexcept try {
   auto parameters = videoParameters("watch_video_load", videoID, eventID, artistID);
   parameters.set("latency", loadingTime);
   parameters.set(kKVROrigin, kWatchVideo);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportLoadedVideoForVideoID");
 }
 
 std::optional<std::string> KVREventsReporter::reportWatchNowButtonTappedForEventID(
-    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) {
+    const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) noexcept
+    try {
   return reporting::send(KVRBeaconTypeUserEvent, liveParameters(kWatchNow, eventID, artistID));
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportWatchNowButtonTappedForEventID");
+  return std::nullopt;
 }
 
 std::optional<std::string> KVREventsReporter::reportPlaylistFooterButtonTappedForEventID(
     const std::optional<std::string>& eventID, const std::optional<std::string>& artistID,
-    bool isFeaturedPlaylist) {
+    bool isFeaturedPlaylist) noexcept try {
   auto parameters = liveParameters("playlist", eventID, artistID);
   if (isFeaturedPlaylist) parameters.set(kKVROrigin, kKVRFeaturedPlaylist);
   return reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportPlaylistFooterButtonTappedForEventID");
+  return std::nullopt;
 }
 
-void KVREventsReporter::reportOpenMapTappedForEventID(const std::optional<std::string>& eventID) {
+void KVREventsReporter::reportOpenMapTappedForEventID(
+    const std::optional<std::string>& eventID) noexcept try {
   reportOpenTicketProviderWithName("map", eventID);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportOpenMapTappedForEventID");
 }
 
 std::optional<std::string> KVREventsReporter::reportOpenAppForStreamingServiceProvider(
     KVRStreamingServiceProvider provider, const std::optional<std::string>& eventID,
-    KVREventPageOrigin origin) {
+    KVREventPageOrigin origin) noexcept try {
   return reporting::sendOpenItem(KVRStreamingServiceReporter::providerNameForProvider(provider),
                                  originStringForOrigin(origin), kKVREventID, eventID);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportOpenAppForStreamingServiceProvider");
+  return std::nullopt;
 }
 
 void KVREventsReporter::reportOpenTicketProviderWithName(
-    const std::optional<std::string>& name, const std::optional<std::string>& eventID) {
+    const std::optional<std::string>& name, const std::optional<std::string>& eventID) noexcept
+    try {
   auto parameters = reporting::userEvent(kKVROpenType);
   parameters.set(kKVREventID, eventID);
   parameters.set(kKVRProviderName, name);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportOpenTicketProviderWithName");
 }
 
 void KVREventsReporter::reportPlaybackForEventID(
     const std::optional<std::string>& eventID, const std::optional<std::string>& artistID,
-    const std::optional<std::string>& streamingServiceIdentifier, KVREventPageOrigin origin) {
+    const std::optional<std::string>& streamingServiceIdentifier,
+    KVREventPageOrigin origin) noexcept try {
   KVRParameters beaconData;
   setEventAndArtist(beaconData, eventID, artistID);
   beaconData.set(kKVROrigin, originStringForOrigin(origin));
   KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
       streamingServiceIdentifier, beaconData);
+} catch (...) {
+  KVRLogging::logReportFailure("KVREventsReporter::reportPlaybackForEventID");
 }
 
 std::string KVREventsReporter::originStringForOrigin(KVREventPageOrigin origin) {

@@ -7,43 +7,60 @@
 
 namespace korvel {
 
-void KVRHighlightsReporter::reportOpeningHighlightsFromHighlightsRail() {
+void KVRHighlightsReporter::reportOpeningHighlightsFromHighlightsRail() noexcept try {
   reportOpeningHighlightsFromOrigin(std::string(kKVRHighlights), nullptr);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRHighlightsReporter::reportOpeningHighlightsFromHighlightsRail");
 }
 
 void KVRHighlightsReporter::reportOpeningBackgroundHighlightForTrack(
-    const KVRTagDetails* tagDetails) {
+    const KVRTagDetails* tagDetails) noexcept try {
   reportOpeningHighlightsFromOrigin("background", tagDetails);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRHighlightsReporter::reportOpeningBackgroundHighlightForTrack");
 }
 
 void KVRHighlightsReporter::reportOpeningHighlightsFromOrigin(
-    const std::optional<std::string>& origin, const KVRTagDetails* tagDetails) {
+    const std::optional<std::string>& origin, const KVRTagDetails* tagDetails) noexcept try {
   auto parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, kKVRHighlights);
   parameters.set(kKVROrigin, origin);
   reporting::mergeTagParameters(parameters, tagDetails);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRHighlightsReporter::reportOpeningHighlightsFromOrigin");
 }
 
-void KVRHighlightsReporter::reportSkippedForward() {
+void KVRHighlightsReporter::reportSkippedForward() noexcept try {
   reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent(kKVROnSkipTapped));
+} catch (...) {
+  KVRLogging::logReportFailure("KVRHighlightsReporter::reportSkippedForward");
 }
 
-void KVRHighlightsReporter::reportSkippedBack() {
+void KVRHighlightsReporter::reportSkippedBack() noexcept try {
   reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent("onbacktapped"));
+} catch (...) {
+  KVRLogging::logReportFailure("KVRHighlightsReporter::reportSkippedBack");
 }
 
-std::optional<std::string> KVRHighlightsReporter::reportOpenAppleMusicTapped() {
+std::optional<std::string> KVRHighlightsReporter::reportOpenAppleMusicTapped() noexcept try {
   return reporting::send(KVRBeaconTypeUserEvent,
                          reporting::openEvent(kKVRProviderAppleMusicValue, "highlightspill"));
+} catch (...) {
+  KVRLogging::logReportFailure("KVRHighlightsReporter::reportOpenAppleMusicTapped");
+  return std::nullopt;
 }
 
-void KVRHighlightsReporter::reportHighlightsImpression() {
+void KVRHighlightsReporter::reportHighlightsImpression() noexcept try {
   reporting::sendProviderImpression(kKVRHighlights);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRHighlightsReporter::reportHighlightsImpression");
 }
 
-void KVRHighlightsReporter::reportHighlightsLoading() {
+void KVRHighlightsReporter::reportHighlightsLoading() noexcept try {
   reporting::sendProviderImpression("highlightsloading");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRHighlightsReporter::reportHighlightsLoading");
 }
 
 }  // namespace korvel

@@ -2,6 +2,8 @@
 // leaving for Apple Music, and what was shown.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <optional>
 #include <string>
 
@@ -9,19 +11,19 @@ namespace korvel {
 
 struct KVRTagDetails;
 
-class KVRHighlightsReporter {
+class KORVEL_EXPORT KVRHighlightsReporter {
  public:
   KVRHighlightsReporter() = delete;
 
-  static void reportOpeningHighlightsFromHighlightsRail();
-  static void reportOpeningBackgroundHighlightForTrack(const KVRTagDetails* tagDetails);
+  static void reportOpeningHighlightsFromHighlightsRail() noexcept;
+  static void reportOpeningBackgroundHighlightForTrack(const KVRTagDetails* tagDetails) noexcept;
   static void reportOpeningHighlightsFromOrigin(const std::optional<std::string>& origin,
-                                                const KVRTagDetails* tagDetails);
-  static void reportSkippedForward();
-  static void reportSkippedBack();
-  static std::optional<std::string> reportOpenAppleMusicTapped();
-  static void reportHighlightsImpression();
-  static void reportHighlightsLoading();
+                                                const KVRTagDetails* tagDetails) noexcept;
+  static void reportSkippedForward() noexcept;
+  static void reportSkippedBack() noexcept;
+  static std::optional<std::string> reportOpenAppleMusicTapped() noexcept;
+  static void reportHighlightsImpression() noexcept;
+  static void reportHighlightsLoading() noexcept;
 };
 
 }  // namespace korvel

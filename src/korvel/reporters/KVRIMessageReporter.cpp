@@ -22,42 +22,55 @@ KVRParameters trackEvent(std::string_view type, const std::optional<std::string>
 
 }  // namespace
 
-void KVRIMessageReporter::reportIMessageOpened() {
+void KVRIMessageReporter::reportIMessageOpened() noexcept try {
   reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent("imessageopen"));
+} catch (...) {
+  KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageOpened");
 }
 
 void KVRIMessageReporter::reportIMessageExpandedForTrackID(
-    const std::optional<std::string>& trackID) {
+    const std::optional<std::string>& trackID) noexcept try {
   reporting::send(KVRBeaconTypeUserEvent, trackEvent("imessagetagopen", trackID));
+} catch (...) {
+  KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageExpandedForTrackID");
 }
 
 void KVRIMessageReporter::reportIMessageWillSendMessageForTrackID(
-    const std::optional<std::string>& trackID) {
+    const std::optional<std::string>& trackID) noexcept try {
   reporting::send(KVRBeaconTypeUserEvent, trackEvent("imessagesent", trackID));
+} catch (...) {
+  KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageWillSendMessageForTrackID");
 }
 
 void KVRIMessageReporter::reportIMessageWillSendMessageFromOrigin(
-    KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) {
+    KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) noexcept try {
   KVRParameters parameters = trackEvent("imessagesent", forTrackID);
   parameters.set(kKVROrigin, imessageOriginStringForIMessageOrigin(origin));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageWillSendMessageFromOrigin");
 }
 
 void KVRIMessageReporter::reportIMessageTapPlayWithTrackID(
-    const std::optional<std::string>& trackID) {
+    const std::optional<std::string>& trackID) noexcept try {
   KVRParameters parameters = trackEvent(kKVRNavType, trackID);
   parameters.set(kKVRDestination, kKVRKorvel);
   parameters.set(kKVROrigin, imessageOriginStringForIMessageOrigin(KVRIMessageOriginTag));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageTapPlayWithTrackID");
 }
 
 std::optional<std::string> KVRIMessageReporter::reportIMessageOpenAppleMusicTappedFromOrigin(
-    KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) {
+    KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) noexcept try {
   KVRParameters parameters = reporting::userEvent(kKVROpenType);
   parameters.set(kKVRProviderName, kKVRProviderAppleMusicValue);
   parameters.set(kKVRTrackID, forTrackID);
   parameters.set(kKVROrigin, imessageOriginStringForIMessageOrigin(origin));
   return reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageOpenAppleMusicTappedFromOrigin");
+  return std::nullopt;
 }
 
 std::string KVRIMessageReporter::imessageOriginStringForIMessageOrigin(KVRIMessageOrigin origin) {

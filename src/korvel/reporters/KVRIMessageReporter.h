@@ -1,6 +1,8 @@
 // The messages extension: opened, a track expanded, sent, played.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,20 +15,21 @@ inline constexpr KVRIMessageOrigin KVRIMessageOriginManual = 0;
 inline constexpr KVRIMessageOrigin KVRIMessageOriginMyKorvel = 1;
 inline constexpr KVRIMessageOrigin KVRIMessageOriginTag = 2;
 
-class KVRIMessageReporter {
+class KORVEL_EXPORT KVRIMessageReporter {
  public:
   KVRIMessageReporter() = delete;
 
-  static void reportIMessageOpened();
-  static void reportIMessageExpandedForTrackID(const std::optional<std::string>& trackID);
-  static void reportIMessageWillSendMessageForTrackID(const std::optional<std::string>& trackID);
-  static void reportIMessageWillSendMessageFromOrigin(KVRIMessageOrigin origin,
-                                                      const std::optional<std::string>& forTrackID);
+  static void reportIMessageOpened() noexcept;
+  static void reportIMessageExpandedForTrackID(const std::optional<std::string>& trackID) noexcept;
+  static void reportIMessageWillSendMessageForTrackID(
+      const std::optional<std::string>& trackID) noexcept;
+  static void reportIMessageWillSendMessageFromOrigin(
+      KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) noexcept;
   // Playing always starts from a tag in a message.
-  static void reportIMessageTapPlayWithTrackID(const std::optional<std::string>& trackID);
+  static void reportIMessageTapPlayWithTrackID(const std::optional<std::string>& trackID) noexcept;
   // The beacon's uuid.
   static std::optional<std::string> reportIMessageOpenAppleMusicTappedFromOrigin(
-      KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID);
+      KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) noexcept;
 
   // 1 "imessage_mykorvel", 2 "imessagetag", anything else "manual".
   static std::string imessageOriginStringForIMessageOrigin(KVRIMessageOrigin origin);

@@ -16,37 +16,73 @@ void reportSection(std::string_view section) {
 }  // namespace
 
 void KVRImpressionReporter::reportImpressionForTrackPageMetadataActionButtonIsShowingEditorialNotes(
-    bool isShowingEditorialNotes) {
+    bool isShowingEditorialNotes) noexcept try {
   KVRParameters parameters;
   parameters.set(kKVRProviderName, kKVRProviderAppleMusicValue);
   parameters.set(kKVRType, "metadata_open");
   parameters.set("hasnotes", reporting::flag(isShowingEditorialNotes));
   reporting::send(KVRBeaconTypeImpression, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRImpressionReporter::"
+      "reportImpressionForTrackPageMetadataActionButtonIsShowingEditorialNotes");
 }
 
-void KVRImpressionReporter::reportImpressionForTopSongsSection() { reportSection(kKVRTopSongs); }
+void KVRImpressionReporter::reportImpressionForTopSongsSection() noexcept try {
+  reportSection(kKVRTopSongs);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRImpressionReporter::reportImpressionForTopSongsSection");
+}
 
-void KVRImpressionReporter::reportImpressionForEventsSection() { reportSection(kKVREvents); }
+void KVRImpressionReporter::reportImpressionForEventsSection() noexcept try {
+  reportSection(kKVREvents);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRImpressionReporter::reportImpressionForEventsSection");
+}
 
-void KVRImpressionReporter::reportImpressionForFeaturedInSection() { reportSection("featured"); }
+void KVRImpressionReporter::reportImpressionForFeaturedInSection() noexcept try {
+  reportSection("featured");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRImpressionReporter::reportImpressionForFeaturedInSection");
+}
 
-void KVRImpressionReporter::reportImpressionForVideoSection() { reportSection("youtube"); }
+void KVRImpressionReporter::reportImpressionForVideoSection() noexcept try {
+  reportSection("youtube");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRImpressionReporter::reportImpressionForVideoSection");
+}
 
-void KVRImpressionReporter::reportImpressionForHighlightsSection() {
+void KVRImpressionReporter::reportImpressionForHighlightsSection() noexcept try {
   KVRParameters parameters;
   parameters.set(kKVRProviderName, kKVRHighlights);
   parameters.set(kKVROrigin, kKVRSection);
   reporting::send(KVRBeaconTypeImpression, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRImpressionReporter::reportImpressionForHighlightsSection");
 }
 
-void KVRImpressionReporter::reportImpressionForRelatedSection() {
+void KVRImpressionReporter::reportImpressionForRelatedSection() noexcept try {
   reportSection(kKVRRelatedSongs);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRImpressionReporter::reportImpressionForRelatedSection");
 }
 
-void KVRImpressionReporter::reportImpressionForMetadataSection() { reportSection("metadata"); }
+void KVRImpressionReporter::reportImpressionForMetadataSection() noexcept try {
+  reportSection("metadata");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRImpressionReporter::reportImpressionForMetadataSection");
+}
 
-void KVRImpressionReporter::reportImpressionForShareSection() { reportSection(kKVRShare); }
+void KVRImpressionReporter::reportImpressionForShareSection() noexcept try {
+  reportSection(kKVRShare);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRImpressionReporter::reportImpressionForShareSection");
+}
 
-void KVRImpressionReporter::reportImpressionForContextualMenu() { reportSection("contextmenu"); }
+void KVRImpressionReporter::reportImpressionForContextualMenu() noexcept try {
+  reportSection("contextmenu");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRImpressionReporter::reportImpressionForContextualMenu");
+}
 
 }  // namespace korvel

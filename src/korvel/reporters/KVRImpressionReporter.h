@@ -2,24 +2,26 @@
 // section under "providername".
 #pragma once
 
+#include <korvel/export.h>
+
 namespace korvel {
 
-class KVRImpressionReporter {
+class KORVEL_EXPORT KVRImpressionReporter {
  public:
   KVRImpressionReporter() = delete;
 
   static void reportImpressionForTrackPageMetadataActionButtonIsShowingEditorialNotes(
-      bool isShowingEditorialNotes);
-  static void reportImpressionForTopSongsSection();
-  static void reportImpressionForEventsSection();
-  static void reportImpressionForFeaturedInSection();
+      bool isShowingEditorialNotes) noexcept;
+  static void reportImpressionForTopSongsSection() noexcept;
+  static void reportImpressionForEventsSection() noexcept;
+  static void reportImpressionForFeaturedInSection() noexcept;
   // Reported as "youtube" whatever the source of the video.
-  static void reportImpressionForVideoSection();
-  static void reportImpressionForHighlightsSection();
-  static void reportImpressionForRelatedSection();
-  static void reportImpressionForMetadataSection();
-  static void reportImpressionForShareSection();
-  static void reportImpressionForContextualMenu();
+  static void reportImpressionForVideoSection() noexcept;
+  static void reportImpressionForHighlightsSection() noexcept;
+  static void reportImpressionForRelatedSection() noexcept;
+  static void reportImpressionForMetadataSection() noexcept;
+  static void reportImpressionForShareSection() noexcept;
+  static void reportImpressionForContextualMenu() noexcept;
 };
 
 }  // namespace korvel

@@ -26,28 +26,33 @@ void reportNavigation(std::string_view destination) {
 }  // namespace
 
 void KVRLibraryReporter::reportLibraryImpressionOfType(KVRLibraryCardType type,
-                                                       const KVRTagDetails* tagDetails) {
+                                                       const KVRTagDetails* tagDetails) noexcept
+    try {
   KVRParameters parameters;
   parameters.set(kKVRProviderName, reportingStringForType(type));
   reporting::mergeTagParameters(parameters, tagDetails);
   reporting::send(KVRBeaconTypeImpression, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRLibraryReporter::reportLibraryImpressionOfType");
 }
 
 void KVRLibraryReporter::reportOpenedTrack(const KVRTagDetails* tagDetails,
                                            const std::optional<KVRValue>& cardPosition,
-                                           KVRLibraryCardType cardType) {
+                                           KVRLibraryCardType cardType) noexcept try {
   KVRParameters parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, kKVRDetails);
   parameters.set(kKVRCardPosition, cardPosition);
   parameters.set(kKVRCardType, reportingStringForType(cardType));
   reporting::mergeTagParameters(parameters, tagDetails);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRLibraryReporter::reportOpenedTrack");
 }
 
 void KVRLibraryReporter::reportPlayTrack(
     const KVRTagDetails* tagDetails,
     const std::optional<std::string>& withStreamingServiceIdentifier,
-    const std::optional<KVRValue>& cardPosition) {
+    const std::optional<KVRValue>& cardPosition) noexcept try {
   KVRParameters parameters;
   reporting::mergeTagParameters(parameters, tagDetails);
   // After the merge: the card the user tapped wins over any position the tag
@@ -55,21 +60,37 @@ void KVRLibraryReporter::reportPlayTrack(
   parameters.set(kKVRCardPosition, cardPosition);
   KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
       withStreamingServiceIdentifier, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRLibraryReporter::reportPlayTrack");
 }
 
-void KVRLibraryReporter::reportTappedSeeAllForType(KVRLibraryCardType type,
-                                                   const std::optional<std::string>& origin) {
+void KVRLibraryReporter::reportTappedSeeAllForType(
+    KVRLibraryCardType type, const std::optional<std::string>& origin) noexcept try {
   KVRParameters parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, reportingStringForType(type));
   parameters.set(kKVROrigin, origin);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRLibraryReporter::reportTappedSeeAllForType");
 }
 
-void KVRLibraryReporter::reportOpenedUpsellCard() { reportNavigation("amupsell"); }
+void KVRLibraryReporter::reportOpenedUpsellCard() noexcept try {
+  reportNavigation("amupsell");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRLibraryReporter::reportOpenedUpsellCard");
+}
 
-void KVRLibraryReporter::reportSearchTapped() { reportNavigation(kKVRSearch); }
+void KVRLibraryReporter::reportSearchTapped() noexcept try {
+  reportNavigation(kKVRSearch);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRLibraryReporter::reportSearchTapped");
+}
 
-void KVRLibraryReporter::reportKorvelButtonTapped() { reportNavigation(kKVRHome); }
+void KVRLibraryReporter::reportKorvelButtonTapped() noexcept try {
+  reportNavigation(kKVRHome);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRLibraryReporter::reportKorvelButtonTapped");
+}
 
 std::string KVRLibraryReporter::reportingStringForType(KVRLibraryCardType type) {
   return reporting::wordFor(kCardTypeWords, type, kCardTypeFallback);

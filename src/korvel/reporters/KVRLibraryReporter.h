@@ -2,6 +2,8 @@
 // upsell card, and the search and record buttons.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -22,24 +24,24 @@ inline constexpr KVRLibraryCardType KVRLibraryCardTypeTrending = 4;
 inline constexpr KVRLibraryCardType KVRLibraryCardTypePlaylistsForYou = 5;
 inline constexpr KVRLibraryCardType KVRLibraryCardTypeICloudHalfsheet = 6;
 
-class KVRLibraryReporter {
+class KORVEL_EXPORT KVRLibraryReporter {
  public:
   KVRLibraryReporter() = delete;
 
   static void reportLibraryImpressionOfType(KVRLibraryCardType type,
-                                            const KVRTagDetails* tagDetails);
+                                            const KVRTagDetails* tagDetails) noexcept;
   static void reportOpenedTrack(const KVRTagDetails* tagDetails,
                                 const std::optional<KVRValue>& cardPosition,
-                                KVRLibraryCardType cardType);
+                                KVRLibraryCardType cardType) noexcept;
   // Goes out as the common playback beacon of the streaming service.
   static void reportPlayTrack(const KVRTagDetails* tagDetails,
                               const std::optional<std::string>& withStreamingServiceIdentifier,
-                              const std::optional<KVRValue>& cardPosition);
+                              const std::optional<KVRValue>& cardPosition) noexcept;
   static void reportTappedSeeAllForType(KVRLibraryCardType type,
-                                        const std::optional<std::string>& origin);
-  static void reportOpenedUpsellCard();
-  static void reportSearchTapped();
-  static void reportKorvelButtonTapped();
+                                        const std::optional<std::string>& origin) noexcept;
+  static void reportOpenedUpsellCard() noexcept;
+  static void reportSearchTapped() noexcept;
+  static void reportKorvelButtonTapped() noexcept;
 
   // The card type's word; unknown types read as the history card.
   static std::string reportingStringForType(KVRLibraryCardType type);

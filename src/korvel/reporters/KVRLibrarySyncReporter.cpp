@@ -18,7 +18,7 @@ constexpr std::string_view kAuthorizationOriginFallback = "authmigration_anon";
 }  // namespace
 
 void KVRLibrarySyncReporter::reportUserAuthorizedSyncWithOrigin(
-    KVRLibrarySyncAuthorizationOrigin origin) {
+    KVRLibrarySyncAuthorizationOrigin origin) noexcept try {
   KVRParameters parameters = reporting::userEvent("accountlogin");
   parameters.set(kKVRAction, "signin");
   // The origin words are never empty today; the page name stands in should
@@ -27,14 +27,18 @@ void KVRLibrarySyncReporter::reportUserAuthorizedSyncWithOrigin(
   parameters.set(kKVROrigin, originWord.empty() ? currentPageName() : originWord);
   parameters.set(kKVRProviderName, "icloud");
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRLibrarySyncReporter::reportUserAuthorizedSyncWithOrigin");
 }
 
 void KVRLibrarySyncReporter::reportSyncStatusPrivacyTappedWithOrigin(
-    KVRLibrarySyncStatusValue status) {
+    KVRLibrarySyncStatusValue status) noexcept try {
   KVRParameters parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, "privacy");
   parameters.set(kKVROrigin, stringFromStatusValue(status));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRLibrarySyncReporter::reportSyncStatusPrivacyTappedWithOrigin");
 }
 
 std::string KVRLibrarySyncReporter::providerStringForSettingsLibrarySyncStatus(

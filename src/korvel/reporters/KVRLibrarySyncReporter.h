@@ -3,6 +3,8 @@
 // describe its library sync state in the session beacon.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -16,12 +18,12 @@ using KVRLibrarySyncAuthorizationOrigin = int64_t;
 inline constexpr KVRLibrarySyncAuthorizationOrigin KVRLibrarySyncAuthorizationOriginAuthMigrationAnon = 0;
 inline constexpr KVRLibrarySyncAuthorizationOrigin KVRLibrarySyncAuthorizationOriginOptOut = 1;
 
-class KVRLibrarySyncReporter {
+class KORVEL_EXPORT KVRLibrarySyncReporter {
  public:
   KVRLibrarySyncReporter() = delete;
 
-  static void reportUserAuthorizedSyncWithOrigin(KVRLibrarySyncAuthorizationOrigin origin);
-  static void reportSyncStatusPrivacyTappedWithOrigin(KVRLibrarySyncStatusValue status);
+  static void reportUserAuthorizedSyncWithOrigin(KVRLibrarySyncAuthorizationOrigin origin) noexcept;
+  static void reportSyncStatusPrivacyTappedWithOrigin(KVRLibrarySyncStatusValue status) noexcept;
 
   // The status word, for the app to use as a provider name.
   static std::string providerStringForSettingsLibrarySyncStatus(KVRLibrarySyncStatusValue status);

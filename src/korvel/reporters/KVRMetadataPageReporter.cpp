@@ -17,36 +17,54 @@ void reportNavigation(std::string_view card, std::string_view destination) {
 
 }  // namespace
 
-void KVRMetadataPageReporter::reportHighlightsNavigationFromHighlightsCard() {
+void KVRMetadataPageReporter::reportHighlightsNavigationFromHighlightsCard() noexcept try {
   reportNavigation(kKVRMetadataHighlightsCard, kKVRHighlights);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRMetadataPageReporter::reportHighlightsNavigationFromHighlightsCard");
 }
 
-void KVRMetadataPageReporter::reportArtistBioNavigationFromArtistCard() {
+void KVRMetadataPageReporter::reportArtistBioNavigationFromArtistCard() noexcept try {
   reportNavigation(kKVRMetadataArtistCard, "artist_bio");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRMetadataPageReporter::reportArtistBioNavigationFromArtistCard");
 }
 
-void KVRMetadataPageReporter::reportArtistPageNavigationFromArtistCard() {
+void KVRMetadataPageReporter::reportArtistPageNavigationFromArtistCard() noexcept try {
   reportNavigation(kKVRMetadataArtistCard, kKVRArtist);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRMetadataPageReporter::reportArtistPageNavigationFromArtistCard");
 }
 
-void KVRMetadataPageReporter::reportTrackImageNavigationFromTrackCard() {
+void KVRMetadataPageReporter::reportTrackImageNavigationFromTrackCard() noexcept try {
   reportNavigation(kKVRMetadataTrackCard, "track_image");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRMetadataPageReporter::reportTrackImageNavigationFromTrackCard");
 }
 
-void KVRMetadataPageReporter::reportArtistImageNavigationFromArtistCard() {
+void KVRMetadataPageReporter::reportArtistImageNavigationFromArtistCard() noexcept try {
   reportNavigation(kKVRMetadataArtistCard, "artist_image");
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRMetadataPageReporter::reportArtistImageNavigationFromArtistCard");
 }
 
-void KVRMetadataPageReporter::reportImpressionForHighlightsCard() {
+void KVRMetadataPageReporter::reportImpressionForHighlightsCard() noexcept try {
   reporting::sendProviderImpression(kKVRMetadataHighlightsCard);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRMetadataPageReporter::reportImpressionForHighlightsCard");
 }
 
-void KVRMetadataPageReporter::reportImpressionForTrackCard() {
+void KVRMetadataPageReporter::reportImpressionForTrackCard() noexcept try {
   reporting::sendProviderImpression(kKVRMetadataTrackCard);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRMetadataPageReporter::reportImpressionForTrackCard");
 }
 
-void KVRMetadataPageReporter::reportImpressionForArtistCard() {
+void KVRMetadataPageReporter::reportImpressionForArtistCard() noexcept try {
   reporting::sendProviderImpression(kKVRMetadataArtistCard);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRMetadataPageReporter::reportImpressionForArtistCard");
 }
 
 }  // namespace korvel

@@ -2,22 +2,24 @@
 // what was shown and where the user went from them.
 #pragma once
 
+#include <korvel/export.h>
+
 namespace korvel {
 
-class KVRMetadataPageReporter {
+class KORVEL_EXPORT KVRMetadataPageReporter {
  public:
   KVRMetadataPageReporter() = delete;
 
-  static void reportHighlightsNavigationFromHighlightsCard();
-  static void reportArtistBioNavigationFromArtistCard();
-  static void reportArtistPageNavigationFromArtistCard();
-  static void reportTrackImageNavigationFromTrackCard();
-  static void reportArtistImageNavigationFromArtistCard();
+  static void reportHighlightsNavigationFromHighlightsCard() noexcept;
+  static void reportArtistBioNavigationFromArtistCard() noexcept;
+  static void reportArtistPageNavigationFromArtistCard() noexcept;
+  static void reportTrackImageNavigationFromTrackCard() noexcept;
+  static void reportArtistImageNavigationFromArtistCard() noexcept;
 
   // Impressions name the card under "providername".
-  static void reportImpressionForHighlightsCard();
-  static void reportImpressionForTrackCard();
-  static void reportImpressionForArtistCard();
+  static void reportImpressionForHighlightsCard() noexcept;
+  static void reportImpressionForTrackCard() noexcept;
+  static void reportImpressionForArtistCard() noexcept;
 };
 
 }  // namespace korvel

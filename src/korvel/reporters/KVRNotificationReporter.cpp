@@ -18,33 +18,46 @@ KVRParameters notificationFrom(std::string_view referer) {
 }  // namespace
 
 void KVRNotificationReporter::reportNotificationOpenedWithBeaconData(
-    const KVRParameters& beaconData) {
+    const KVRParameters& beaconData) noexcept try {
   KVRParameters parameters{{kKVRType, kNotificationType}};
   parameters.merge(beaconData);
   reporting::send(KVRBeaconTypeDeepLink, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRNotificationReporter::reportNotificationOpenedWithBeaconData");
 }
 
-void KVRNotificationReporter::reportAutoMatchNotificationSent() {
+void KVRNotificationReporter::reportAutoMatchNotificationSent() noexcept try {
   KVRParameters parameters = reporting::userEvent("actionablenotificationsent");
   parameters.set(kKVRScreenName, "automatched");
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRNotificationReporter::reportAutoMatchNotificationSent");
 }
 
 void KVRNotificationReporter::reportBackgroundMatchLocalNotificationSent(
-    const std::optional<std::string>& trackID) {
+    const std::optional<std::string>& trackID) noexcept try {
   KVRParameters parameters = notificationFrom("background_tag");
   parameters.set(kKVRTrackIdKey, trackID);
   reporting::send(KVRBeaconTypeImpression, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRNotificationReporter::reportBackgroundMatchLocalNotificationSent");
 }
 
 // Posting and tapping the no-match notification carry the same keys; only
 // the beacon type tells them apart.
-void KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationSent() {
+void KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationSent() noexcept try {
   reporting::send(KVRBeaconTypeImpression, notificationFrom("background_nomatch"));
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationSent");
 }
 
-void KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationTapped() {
+void KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationTapped() noexcept try {
   reporting::send(KVRBeaconTypeDeepLink, notificationFrom("background_nomatch"));
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationTapped");
 }
 
 }  // namespace korvel

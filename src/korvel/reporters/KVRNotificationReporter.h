@@ -2,6 +2,8 @@
 // posts after a recognition in the background.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <optional>
 #include <string>
 
@@ -9,17 +11,18 @@
 
 namespace korvel {
 
-class KVRNotificationReporter {
+class KORVEL_EXPORT KVRNotificationReporter {
  public:
   KVRNotificationReporter() = delete;
 
   // The notification's own beacon data is sent along and may name its own
   // "type".
-  static void reportNotificationOpenedWithBeaconData(const KVRParameters& beaconData);
-  static void reportAutoMatchNotificationSent();
-  static void reportBackgroundMatchLocalNotificationSent(const std::optional<std::string>& trackID);
-  static void reportBackgroundNoMatchLocalNotificationSent();
-  static void reportBackgroundNoMatchLocalNotificationTapped();
+  static void reportNotificationOpenedWithBeaconData(const KVRParameters& beaconData) noexcept;
+  static void reportAutoMatchNotificationSent() noexcept;
+  static void reportBackgroundMatchLocalNotificationSent(
+      const std::optional<std::string>& trackID) noexcept;
+  static void reportBackgroundNoMatchLocalNotificationSent() noexcept;
+  static void reportBackgroundNoMatchLocalNotificationTapped() noexcept;
 };
 
 }  // namespace korvel

@@ -6,32 +6,42 @@
 
 namespace korvel {
 
-void KVRPlayerReporter::reportNavigationToArtistPage() {
+void KVRPlayerReporter::reportNavigationToArtistPage() noexcept try {
   KVRParameters parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVROrigin, "player");
   parameters.set(kKVRDestination, kKVRArtist);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRPlayerReporter::reportNavigationToArtistPage");
 }
 
 void KVRPlayerReporter::reportUserTappedOnTrackInPlayerTracklistWithTagDetails(
     const KVRTagDetails* tagDetails,
-    const std::optional<std::string>& streamingServiceProviderName) {
+    const std::optional<std::string>& streamingServiceProviderName) noexcept try {
   KVRParameters parameters = reporting::userEvent(kKVRPlayerPlay);
   reporting::mergeTagParameters(parameters, tagDetails);
   // After the merge, so that the service actually playing is the one named.
   parameters.set(kKVRProviderName, streamingServiceProviderName);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRPlayerReporter::reportUserTappedOnTrackInPlayerTracklistWithTagDetails");
 }
 
 void KVRPlayerReporter::reportUserTappedSavePlaylistWithStreamingServiceProviderName(
-    const std::optional<std::string>& providerName) {
+    const std::optional<std::string>& providerName) noexcept try {
   KVRParameters parameters = reporting::userEvent("saveplaylist");
   parameters.set(kKVRProviderName, providerName);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRPlayerReporter::reportUserTappedSavePlaylistWithStreamingServiceProviderName");
 }
 
-void KVRPlayerReporter::reportUserScrolledToBottomOfTracklist() {
+void KVRPlayerReporter::reportUserScrolledToBottomOfTracklist() noexcept try {
   KVRUserEventReporter::reportUserScrolled();
+} catch (...) {
+  KVRLogging::logReportFailure("KVRPlayerReporter::reportUserScrolledToBottomOfTracklist");
 }
 
 std::string KVRPlayerReporter::playerContentTypeStringFromPlayerContentType(

@@ -2,6 +2,8 @@
 // playlist.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -13,18 +15,18 @@ struct KVRTagDetails;
 // What the player is playing; every kind is reported as a playlist today.
 using KVRPlayerContentType = int64_t;
 
-class KVRPlayerReporter {
+class KORVEL_EXPORT KVRPlayerReporter {
  public:
   KVRPlayerReporter() = delete;
 
-  static void reportNavigationToArtistPage();
+  static void reportNavigationToArtistPage() noexcept;
   static void reportUserTappedOnTrackInPlayerTracklistWithTagDetails(
       const KVRTagDetails* tagDetails,
-      const std::optional<std::string>& streamingServiceProviderName);
+      const std::optional<std::string>& streamingServiceProviderName) noexcept;
   static void reportUserTappedSavePlaylistWithStreamingServiceProviderName(
-      const std::optional<std::string>& providerName);
+      const std::optional<std::string>& providerName) noexcept;
   // Reported as the app-wide scroll event.
-  static void reportUserScrolledToBottomOfTracklist();
+  static void reportUserScrolledToBottomOfTracklist() noexcept;
 
   // Always "playlist".
   static std::string playerContentTypeStringFromPlayerContentType(KVRPlayerContentType type);

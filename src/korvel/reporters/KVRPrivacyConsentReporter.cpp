@@ -6,7 +6,7 @@
 namespace korvel {
 
 void KVRPrivacyConsentReporter::reportChinaPIPLPrivacyConsentGrantedAtTimestamp(
-    KVRDate timestamp, bool isNewUser) {
+    KVRDate timestamp, bool isNewUser) noexcept try {
   KVRParameters parameters = reporting::userEvent("consent");
   parameters.set(kKVRScreenName, "pipl");
   // Words, not digits: the consent record is read by people as well.
@@ -14,6 +14,9 @@ void KVRPrivacyConsentReporter::reportChinaPIPLPrivacyConsentGrantedAtTimestamp(
   parameters.set("xbdt", "agree");
   parameters.set("xbdt_timestamp", timestamp.secondsSince1970);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRPrivacyConsentReporter::reportChinaPIPLPrivacyConsentGrantedAtTimestamp");
 }
 
 }  // namespace korvel

@@ -2,16 +2,19 @@
 // it (PIPL).
 #pragma once
 
+#include <korvel/export.h>
+
 #include <korvel/foundation/KVRParameters.h>
 
 namespace korvel {
 
-class KVRPrivacyConsentReporter {
+class KORVEL_EXPORT KVRPrivacyConsentReporter {
  public:
   KVRPrivacyConsentReporter() = delete;
 
   // The time of consent goes out in seconds since 1970, fraction kept.
-  static void reportChinaPIPLPrivacyConsentGrantedAtTimestamp(KVRDate timestamp, bool isNewUser);
+  static void reportChinaPIPLPrivacyConsentGrantedAtTimestamp(KVRDate timestamp,
+                                                              bool isNewUser) noexcept;
 };
 
 }  // namespace korvel

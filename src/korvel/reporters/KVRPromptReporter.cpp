@@ -29,14 +29,19 @@ KVRParameters promptParameters(KVRPromptType promptType) {
 
 }  // namespace
 
-void KVRPromptReporter::reportImpressionForPromptType(KVRPromptType promptType) {
+void KVRPromptReporter::reportImpressionForPromptType(KVRPromptType promptType) noexcept try {
   reporting::send(KVRBeaconTypeImpression, promptParameters(promptType));
+} catch (...) {
+  KVRLogging::logReportFailure("KVRPromptReporter::reportImpressionForPromptType");
 }
 
-void KVRPromptReporter::reportAction(KVRPromptAction action, KVRPromptType forPromptType) {
+void KVRPromptReporter::reportAction(KVRPromptAction action, KVRPromptType forPromptType) noexcept
+    try {
   KVRParameters parameters = promptParameters(forPromptType);
   parameters.set(kKVRAction, actionStringForAction(action));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRPromptReporter::reportAction");
 }
 
 std::string KVRPromptReporter::promptTypeStringForPromptType(KVRPromptType promptType) {

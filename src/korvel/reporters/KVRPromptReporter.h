@@ -1,6 +1,8 @@
 // Permission and opt-in prompts: shown, and what the user chose.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <string>
 
@@ -19,12 +21,12 @@ inline constexpr KVRPromptAction KVRPromptActionNotifyMe = 1;
 inline constexpr KVRPromptAction KVRPromptActionOK = 2;
 inline constexpr KVRPromptAction KVRPromptActionSettings = 3;
 
-class KVRPromptReporter {
+class KORVEL_EXPORT KVRPromptReporter {
  public:
   KVRPromptReporter() = delete;
 
-  static void reportImpressionForPromptType(KVRPromptType promptType);
-  static void reportAction(KVRPromptAction action, KVRPromptType forPromptType);
+  static void reportImpressionForPromptType(KVRPromptType promptType) noexcept;
+  static void reportAction(KVRPromptAction action, KVRPromptType forPromptType) noexcept;
 
   // 1 to 4 have words; 0 and anything else is "calendar_permissions".
   static std::string promptTypeStringForPromptType(KVRPromptType promptType);

@@ -28,44 +28,56 @@ std::optional<std::string> absoluteString(const std::optional<KVRURL>& url) {
 
 }  // namespace
 
-void KVRSearchReporter::reportSearchWithAction(KVRSearchAction action) {
+void KVRSearchReporter::reportSearchWithAction(KVRSearchAction action) noexcept try {
   KVRParameters parameters = reporting::userEvent(kKVRSearch);
   parameters.set(kKVRAction, searchActionStringForSearchAction(action));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRSearchReporter::reportSearchWithAction");
 }
 
 void KVRSearchReporter::reportOpenSearchResultType(KVRSearchResultType type,
-                                                   bool hasLyricsSnippet) {
+                                                   bool hasLyricsSnippet) noexcept try {
   KVRParameters parameters = reporting::userEvent(kKVRSearch);
   parameters.set(kKVRAction, "launch");
   parameters.set("searchresulttype", searchResultTypeStringForSearchResultType(type));
   parameters.set("haslyrics", reporting::flag(hasLyricsSnippet));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRSearchReporter::reportOpenSearchResultType");
 }
 
-void KVRSearchReporter::reportChartsCardTappedInSearch() {
+void KVRSearchReporter::reportChartsCardTappedInSearch() noexcept try {
   KVRParameters parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, "charts");
   parameters.set(kKVROrigin, "charts_card");
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRSearchReporter::reportChartsCardTappedInSearch");
 }
 
 // The tap and the impression carry the same keys, each in the order its
 // dashboard has always had them.
-void KVRSearchReporter::reportRadioSpinsCardTappedWithURL(const std::optional<KVRURL>& url) {
+void KVRSearchReporter::reportRadioSpinsCardTappedWithURL(const std::optional<KVRURL>& url) noexcept
+    try {
   KVRParameters parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, absoluteString(url));
   parameters.set(kKVROrigin, kRadioSpinsOrigin);
   parameters.set(kKVRProviderName, kRadioSpinsProvider);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRSearchReporter::reportRadioSpinsCardTappedWithURL");
 }
 
-void KVRSearchReporter::reportRadioSpinsCardImpressionWithURL(const std::optional<KVRURL>& url) {
+void KVRSearchReporter::reportRadioSpinsCardImpressionWithURL(
+    const std::optional<KVRURL>& url) noexcept try {
   KVRParameters parameters;
   parameters.set(kKVRProviderName, kRadioSpinsProvider);
   parameters.set(kKVRDestination, absoluteString(url));
   parameters.set(kKVROrigin, kRadioSpinsOrigin);
   reporting::send(KVRBeaconTypeImpression, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRSearchReporter::reportRadioSpinsCardImpressionWithURL");
 }
 
 std::string KVRSearchReporter::searchActionStringForSearchAction(KVRSearchAction action) {

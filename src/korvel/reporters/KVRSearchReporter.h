@@ -2,6 +2,8 @@
 // charts and radio-spins cards of the search screen.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -24,15 +26,15 @@ inline constexpr KVRSearchResultType KVRSearchResultTypeArtist = 3;
 inline constexpr KVRSearchResultType KVRSearchResultTypeRecentArtist = 4;
 inline constexpr KVRSearchResultType KVRSearchResultTypeTopResultArtist = 5;
 
-class KVRSearchReporter {
+class KORVEL_EXPORT KVRSearchReporter {
  public:
   KVRSearchReporter() = delete;
 
-  static void reportSearchWithAction(KVRSearchAction action);
-  static void reportOpenSearchResultType(KVRSearchResultType type, bool hasLyricsSnippet);
-  static void reportChartsCardTappedInSearch();
-  static void reportRadioSpinsCardTappedWithURL(const std::optional<KVRURL>& url);
-  static void reportRadioSpinsCardImpressionWithURL(const std::optional<KVRURL>& url);
+  static void reportSearchWithAction(KVRSearchAction action) noexcept;
+  static void reportOpenSearchResultType(KVRSearchResultType type, bool hasLyricsSnippet) noexcept;
+  static void reportChartsCardTappedInSearch() noexcept;
+  static void reportRadioSpinsCardTappedWithURL(const std::optional<KVRURL>& url) noexcept;
+  static void reportRadioSpinsCardImpressionWithURL(const std::optional<KVRURL>& url) noexcept;
 
   // 0 "search_enter", anything else "search_hint".
   static std::string searchActionStringForSearchAction(KVRSearchAction action);

@@ -19,20 +19,30 @@ void reportUserEvent(std::string_view type) {
 
 }  // namespace
 
-void KVRSocialReporter::reportTookScreenshot() { reportUserEvent("tookscreenshot"); }
+void KVRSocialReporter::reportTookScreenshot() noexcept try {
+  reportUserEvent("tookscreenshot");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRSocialReporter::reportTookScreenshot");
+}
 
-void KVRSocialReporter::reportMyKorvelScreenshotEducationSeen() {
+void KVRSocialReporter::reportMyKorvelScreenshotEducationSeen() noexcept try {
   reportUserEvent("mykorveleducationseen");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRSocialReporter::reportMyKorvelScreenshotEducationSeen");
 }
 
-void KVRSocialReporter::reportMyKorvelScreenshotEducationActionTapped() {
+void KVRSocialReporter::reportMyKorvelScreenshotEducationActionTapped() noexcept try {
   reportUserEvent("mykorveleducationactiontapped");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRSocialReporter::reportMyKorvelScreenshotEducationActionTapped");
 }
 
-void KVRSocialReporter::reportTappedSocialMediaLink(KVRSocialNetworkType network) {
+void KVRSocialReporter::reportTappedSocialMediaLink(KVRSocialNetworkType network) noexcept try {
   KVRParameters parameters = reporting::userEvent("opensocialnetwork");
   parameters.set(kKVRProviderName, stringForSocialNetworkType(network));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRSocialReporter::reportTappedSocialMediaLink");
 }
 
 std::string KVRSocialReporter::stringForSocialNetworkType(KVRSocialNetworkType network) {

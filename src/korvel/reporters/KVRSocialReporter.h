@@ -2,6 +2,8 @@
 // networks.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <string>
 
@@ -12,14 +14,14 @@ inline constexpr KVRSocialNetworkType KVRSocialNetworkTypeTwitter = 0;
 inline constexpr KVRSocialNetworkType KVRSocialNetworkTypeInstagram = 1;
 inline constexpr KVRSocialNetworkType KVRSocialNetworkTypeFacebook = 2;
 
-class KVRSocialReporter {
+class KORVEL_EXPORT KVRSocialReporter {
  public:
   KVRSocialReporter() = delete;
 
-  static void reportTookScreenshot();
-  static void reportMyKorvelScreenshotEducationSeen();
-  static void reportMyKorvelScreenshotEducationActionTapped();
-  static void reportTappedSocialMediaLink(KVRSocialNetworkType network);
+  static void reportTookScreenshot() noexcept;
+  static void reportMyKorvelScreenshotEducationSeen() noexcept;
+  static void reportMyKorvelScreenshotEducationActionTapped() noexcept;
+  static void reportTappedSocialMediaLink(KVRSocialNetworkType network) noexcept;
 
   // 1 "instagram", 2 "facebook", anything else "twitter".
   static std::string stringForSocialNetworkType(KVRSocialNetworkType network);

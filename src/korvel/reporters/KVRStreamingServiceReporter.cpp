@@ -6,6 +6,7 @@
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNError.h>
+#include <korvel/foundation/UTF8.h>
 #include <korvel/reporters/internal/KVRReporterSupport.h>
 #include <korvel/reporters/KVRTaggingReporter.h>
 
@@ -108,37 +109,6 @@ constexpr std::string_view kLoginUpsellActions[] = {"cancel", "spotify"};
 constexpr std::string_view kPreviewUpsellActions[] = {"continue", "cancel"};
 constexpr std::string_view kPreviewUpsellPrivacyActions[] = {"continue_privacy", "cancel_privacy"};
 
-// The byte length of the well-formed UTF-8 sequence starting at text[i], or
-// 0 when the bytes there are not one (stray continuation byte, overlong
-// form, encoded surrogate, beyond U+10FFFF, or cut short by the end).
-size_t wellFormedSequenceLength(std::string_view text, size_t i) {
-  const auto at = [&](size_t k) { return static_cast<unsigned char>(text[k]); };
-  const unsigned char lead = at(i);
-  if (lead < 0x80) return 1;
-  size_t length = 0;
-  unsigned char low = 0x80;
-  unsigned char high = 0xBF;
-  if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-    if (lead == 0xE0) low = 0xA0;   // overlong
-    if (lead == 0xED) high = 0x9F;  // surrogates
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    if (lead == 0xF0) low = 0x90;   // overlong
-    if (lead == 0xF4) high = 0x8F;  // beyond U+10FFFF
-  } else {
-    return 0;
-  }
-  if (text.size() - i < length) return 0;
-  if (at(i + 1) < low || at(i + 1) > high) return 0;
-  for (size_t k = 2; k < length; ++k) {
-    if ((at(i + k) & 0xC0) != 0x80) return 0;
-  }
-  return length;
-}
-
 // The longest prefix of text that is at most maxUnits UTF-16 code units
 // long. A character outside the Basic Multilingual Plane (four UTF-8 bytes)
 // is a surrogate pair, two units; when the limit falls between the two
@@ -151,16 +121,15 @@ std::string prefixOfUTF16Length(std::string_view text, size_t maxUnits) {
   std::string prefix;
   size_t units = 0;
   for (size_t i = 0; i < text.size();) {
-    const size_t length = wellFormedSequenceLength(text, i);
-    const size_t cost = length == 4 ? 2 : 1;
+    const auto character = platform::utf8CharacterAt(text, i);
+    const size_t cost = character.codePoint > 0xFFFF ? 2 : 1;
     if (units + cost > maxUnits) break;
-    if (length == 0) {
-      prefix += kReplacementCharacter;
-      i += 1;
+    if (character.wellFormed) {
+      prefix.append(text.substr(i, character.length));
     } else {
-      prefix.append(text.substr(i, length));
-      i += length;
+      prefix += kReplacementCharacter;
     }
+    i += character.length;
     units += cost;
   }
   return prefix;
@@ -208,7 +177,7 @@ void reportForService(std::string_view type,
 std::optional<std::string> KVRStreamingServiceReporter::reportStreamingLoginWithAction(
     KVRStreamingLoginAction action, const std::optional<std::string>& streamingServiceIdentifier,
     KVRStreamingOrigin loginOrigin, const KVRTagDetails* tagDetails, const KVNError* error,
-    const std::optional<KVRParameters>& additionalBeaconData) {
+    const std::optional<KVRParameters>& additionalBeaconData) noexcept try {
   auto parameters = reporting::userEvent(kLoginFlowType);
   parameters.set(kKVRAction, streamingLoginActionStringForAction(action));
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
@@ -223,27 +192,37 @@ std::optional<std::string> KVRStreamingServiceReporter::reportStreamingLoginWith
   }
   parameters.merge(additionalBeaconData);
   return reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportStreamingLoginWithAction");
+  return std::nullopt;
 }
 
 void KVRStreamingServiceReporter::reportStreamingLogoutWithAction(
-    KVRStreamingLogoutAction action, const std::optional<std::string>& streamingServiceIdentifier) {
+    KVRStreamingLogoutAction action,
+    const std::optional<std::string>& streamingServiceIdentifier) noexcept try {
   auto parameters = reporting::userEvent("streamingmusiclogout");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set(kKVRAction, streamingLogoutActionStringForAction(action));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportStreamingLogoutWithAction");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellImpressionShowingPrivacy(
-    bool showingPrivacy, KVRStreamingOrigin loginOrigin) {
+    bool showingPrivacy, KVRStreamingOrigin loginOrigin) noexcept try {
   KVRParameters parameters;
   parameters.set(kKVRProviderName,
                  showingPrivacy ? "am_previewupsell_privacy" : "am_previewupsell");
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
   reporting::send(KVRBeaconTypeImpression, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellImpressionShowingPrivacy");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellUserEventAction(
-    KVRAppleMusicPreviewUpsellAction action, bool showingPrivacy, KVRStreamingOrigin loginOrigin) {
+    KVRAppleMusicPreviewUpsellAction action, bool showingPrivacy,
+    KVRStreamingOrigin loginOrigin) noexcept try {
   auto parameters = reporting::userEvent(kAppleMusicUpsellType);
   parameters.set(kKVRAction, reporting::wordFor(showingPrivacy ? kPreviewUpsellPrivacyActions
                                                                : kPreviewUpsellActions,
@@ -252,44 +231,60 @@ void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellUserEvent
   parameters.set(kKVRType, kAppleMusicUpsellType);
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellUserEventAction");
 }
 
-void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyCardUpsellImpression() {
+void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyCardUpsellImpression() noexcept
+    try {
   reporting::sendProviderImpression(kAppleMusicPrivacy);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyCardUpsellImpression");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyRejectedFromLoginOrigin(
-    KVRStreamingOrigin loginOrigin) {
+    KVRStreamingOrigin loginOrigin) noexcept try {
   auto parameters = reporting::userEvent(kKVRNavType);
   // Rejecting the consent returns the user to the screen they came from.
   parameters.set(kKVRDestination, KVRUserSession().currentScreenName());
   parameters.set(kKVROrigin, kAppleMusicPrivacy);
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyRejectedFromLoginOrigin");
 }
 
 void KVRStreamingServiceReporter::reportStreamingLoginUpsellUserEventAction(
-    KVRStreamingLoginUpsellAction action) {
+    KVRStreamingLoginUpsellAction action) noexcept try {
   auto parameters = reporting::userEvent("streamingloginupsell");
   parameters.set(kKVRAction, reporting::wordFor(kLoginUpsellActions, action));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportStreamingLoginUpsellUserEventAction");
 }
 
 void KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
     const std::optional<std::string>& streamingServiceIdentifier,
-    const std::optional<KVRParameters>& beaconData) {
+    const std::optional<KVRParameters>& beaconData) noexcept try {
   auto parameters = reporting::userEvent(kKVRPlayerPlay);
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   markPreviewIf(parameters, !streamingServiceIdentifier || streamingServiceIdentifier->empty());
   parameters.merge(beaconData);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlaybackSessionEndedWithStreamingServiceIdentifier(
     const std::optional<std::string>& streamingServiceIdentifier,
     const std::optional<KVRValue>& playbackDurationMilliseconds,
     const std::optional<KVRValue>& playbackTrackCount, const std::optional<std::string>& playlistID,
-    uint64_t applicationState, const std::optional<KVRParameters>& beaconData) {
+    uint64_t applicationState, const std::optional<KVRParameters>& beaconData) noexcept try {
   auto parameters = reporting::userEvent(kPlayerSessionEndType);
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set(kPlayQueueKey, playlistID);
@@ -299,44 +294,61 @@ void KVRStreamingServiceReporter::reportPlaybackSessionEndedWithStreamingService
   markPreviewIf(parameters, !streamingServiceIdentifier);
   parameters.merge(beaconData);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlaybackSessionEndedWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlayAllUserEventWithStreamingServiceIdentifier(
     const std::optional<std::string>& streamingServiceIdentifier,
-    const std::optional<std::string>& playlistID, const std::optional<std::string>& origin) {
+    const std::optional<std::string>& playlistID, const std::optional<std::string>& origin) noexcept
+    try {
   auto parameters = reporting::userEvent(kKVRPlayerPlay);
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   markPreviewIf(parameters, !streamingServiceIdentifier);
   parameters.set(kPlayQueueKey, playlistID);
   parameters.set(kKVROrigin, origin);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlayAllUserEventWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportTrackPageFeaturedAlbumWithTagDetails(
-    const KVRTagDetails* tagDetails, const std::optional<std::string>& albumId) {
+    const KVRTagDetails* tagDetails, const std::optional<std::string>& albumId) noexcept try {
   auto parameters = reporting::userEvent(kKVRPlayerPlay);
   parameters.set(kKVROrigin, kKVRFeaturedAlbum);
   parameters.set(kKVRAlbumId, albumId);
   parameters.set(kKVRProviderName, kKVRProviderAppleMusicValue);
   reporting::mergeFeaturedTagParameters(parameters, tagDetails);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportTrackPageFeaturedAlbumWithTagDetails");
 }
 
 void KVRStreamingServiceReporter::reportPlaylistUpdatedWithStreamingServiceIdentifier(
-    const std::optional<std::string>& streamingServiceIdentifier) {
+    const std::optional<std::string>& streamingServiceIdentifier) noexcept try {
   reportForService("playlistupdated", streamingServiceIdentifier);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlaylistUpdatedWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlaylistSelectionWithStreamingServiceIdentifier(
-    const std::optional<std::string>& streamingServiceIdentifier) {
+    const std::optional<std::string>& streamingServiceIdentifier) noexcept try {
   auto parameters = reporting::userEvent("streamingmusicplaylistaction");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set("playlistwasselected", "1");  // text, not a number
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlaylistSelectionWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlaylistUpdateError(
-    const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) {
+    const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) noexcept
+    try {
   // An error beacon that still carries a user-event type, as the dashboards
   // expect; the code is written even when the host has no error to give.
   auto parameters = reporting::userEvent("playlistupdateerror");
@@ -344,24 +356,33 @@ void KVRStreamingServiceReporter::reportPlaylistUpdateError(
   parameters.set(kKVRErrorDetailCode, error != nullptr ? error->code() : int64_t{0});
   if (error != nullptr) parameters.set(kErrorDescriptionKey, error->description());
   reporting::send(KVRBeaconTypeError, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportPlaylistUpdateError");
 }
 
 void KVRStreamingServiceReporter::reportMyKorvelPlaylistCreatedWithStreamingServiceIdentifier(
     const std::optional<std::string>& streamingServiceIdentifier,
-    const std::optional<KVRValue>& numberOfTracks) {
+    const std::optional<KVRValue>& numberOfTracks) noexcept try {
   auto parameters = reporting::userEvent("mykorvelsplaylistcreated");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set("mykorvelscount", numberOfTracks);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportMyKorvelPlaylistCreatedWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlaylistSavedWithStreamingServiceIdentifier(
-    const std::optional<std::string>& streamingServiceIdentifier) {
+    const std::optional<std::string>& streamingServiceIdentifier) noexcept try {
   reportForService("playlistsaved", streamingServiceIdentifier);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportPlaylistSavedWithStreamingServiceIdentifier");
 }
 
 void KVRStreamingServiceReporter::reportPlaylistSaveFailedWithError(
-    const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) {
+    const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) noexcept
+    try {
   auto parameters = reporting::userEvent("playlistsavefailed");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   if (error != nullptr) {
@@ -369,62 +390,95 @@ void KVRStreamingServiceReporter::reportPlaylistSaveFailedWithError(
     parameters.set(kErrorDescriptionKey, error->description());
   }
   reporting::send(KVRBeaconTypeError, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportPlaylistSaveFailedWithError");
 }
 
-void KVRStreamingServiceReporter::reportAppleMusicMediaLibraryPermissionGranted(bool granted) {
+void KVRStreamingServiceReporter::reportAppleMusicMediaLibraryPermissionGranted(
+    bool granted) noexcept try {
   auto parameters = reporting::userEvent("applemusicpermission");
   parameters.set("am", reporting::flag(granted));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicMediaLibraryPermissionGranted");
 }
 
 void KVRStreamingServiceReporter::reportStreamingServiceSyncCardImpressionWithProvider(
-    KVRStreamingServiceProvider provider) {
+    KVRStreamingServiceProvider provider) noexcept try {
   KVRParameters parameters;
   parameters.set(kKVRProviderName, reporting::wordFor(kSyncCardNames, provider));
   reporting::send(KVRBeaconTypeImpression, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportStreamingServiceSyncCardImpressionWithProvider");
 }
 
 void KVRStreamingServiceReporter::reportStreamingServiceSyncCardAcceptTappedWithProvider(
-    KVRStreamingServiceProvider provider) {
+    KVRStreamingServiceProvider provider) noexcept try {
   auto parameters = reporting::userEvent("streamsync");
   parameters.set(kKVRProviderName, providerNameForProvider(provider));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportStreamingServiceSyncCardAcceptTappedWithProvider");
 }
 
 void KVRStreamingServiceReporter::reportStreamingServiceAutoSyncEnabled(
-    bool enabled, KVRStreamingServiceProvider provider) {
+    bool enabled, KVRStreamingServiceProvider provider) noexcept try {
   auto parameters = reporting::userEvent("pk_autoadd_korvels");
   parameters.set(kKVRProviderName, providerNameForProvider(provider));
   parameters.set(kKVRValue, enabled ? kKVROn : kKVROff);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportStreamingServiceAutoSyncEnabled");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicMemberStatusFetchingFinishedWithSuccess(
-    bool success, const KVNError* error, double duration) {
+    bool success, const KVNError* error, double duration) noexcept try {
   reportAccountCheck("ammember_check", success, error, duration);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicMemberStatusFetchingFinishedWithSuccess");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicSubscriptionOfferFetchingFinishedWithSuccess(
-    bool success, const KVNError* error, double duration) {
+    bool success, const KVNError* error, double duration) noexcept try {
   reportAccountCheck("amoffer_check", success, error, duration);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicSubscriptionOfferFetchingFinishedWithSuccess");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicClassicalDismissedForProviderName(
-    const std::optional<std::string>& providerName) {
+    const std::optional<std::string>& providerName) noexcept try {
   reportForService(kKVRCloseType, providerName);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicClassicalDismissedForProviderName");
 }
 
-void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardImpression() {
+void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardImpression() noexcept try {
   reporting::sendProviderImpression(kClassicalHalfSheet);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardImpression");
 }
 
-void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardOpen() {
+void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardOpen() noexcept try {
   reporting::send(KVRBeaconTypeUserEvent,
                   reporting::openEvent(kKVRAppleMusicClassical, kClassicalHalfSheet));
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardOpen");
 }
 
-void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardDismissed() {
+void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardDismissed() noexcept try {
   reportAppleMusicClassicalDismissedForProviderName(std::string(kClassicalHalfSheet));
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardDismissed");
 }
 
 std::string KVRStreamingServiceReporter::streamingOriginStringFromOrigin(

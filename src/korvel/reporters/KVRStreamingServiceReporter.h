@@ -8,6 +8,8 @@
 // page, events and library reporters all end in.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -40,7 +42,7 @@ using KVRAppleMusicPreviewUpsellAction = int64_t;
 // other values carry no action.
 using KVRStreamingLoginUpsellAction = int64_t;
 
-class KVRStreamingServiceReporter {
+class KORVEL_EXPORT KVRStreamingServiceReporter {
  public:
   KVRStreamingServiceReporter() = delete;
 
@@ -48,24 +50,26 @@ class KVRStreamingServiceReporter {
   static std::optional<std::string> reportStreamingLoginWithAction(
       KVRStreamingLoginAction action, const std::optional<std::string>& streamingServiceIdentifier,
       KVRStreamingOrigin loginOrigin, const KVRTagDetails* tagDetails, const KVNError* error,
-      const std::optional<KVRParameters>& additionalBeaconData);
+      const std::optional<KVRParameters>& additionalBeaconData) noexcept;
   static void reportStreamingLogoutWithAction(
       KVRStreamingLogoutAction action,
-      const std::optional<std::string>& streamingServiceIdentifier);
+      const std::optional<std::string>& streamingServiceIdentifier) noexcept;
   static void reportAppleMusicGDPRFlowPreviewUpsellImpressionShowingPrivacy(
-      bool showingPrivacy, KVRStreamingOrigin loginOrigin);
+      bool showingPrivacy, KVRStreamingOrigin loginOrigin) noexcept;
   static void reportAppleMusicGDPRFlowPreviewUpsellUserEventAction(
-      KVRAppleMusicPreviewUpsellAction action, bool showingPrivacy, KVRStreamingOrigin loginOrigin);
-  static void reportAppleMusicGDPRFlowPrivacyCardUpsellImpression();
+      KVRAppleMusicPreviewUpsellAction action, bool showingPrivacy,
+      KVRStreamingOrigin loginOrigin) noexcept;
+  static void reportAppleMusicGDPRFlowPrivacyCardUpsellImpression() noexcept;
   static void reportAppleMusicGDPRFlowPrivacyRejectedFromLoginOrigin(
-      KVRStreamingOrigin loginOrigin);
-  static void reportStreamingLoginUpsellUserEventAction(KVRStreamingLoginUpsellAction action);
+      KVRStreamingOrigin loginOrigin) noexcept;
+  static void reportStreamingLoginUpsellUserEventAction(
+      KVRStreamingLoginUpsellAction action) noexcept;
 
   // Playback. An identifier that is missing (or, for a single play, empty)
   // means the app played a preview rather than through a service.
   static void reportPlaybackPlayWithStreamingServiceIdentifier(
       const std::optional<std::string>& streamingServiceIdentifier,
-      const std::optional<KVRParameters>& beaconData);
+      const std::optional<KVRParameters>& beaconData) noexcept;
   // applicationState is the platform's value; 0 (active) marks a session
   // that ended in the foreground.
   static void reportPlaybackSessionEndedWithStreamingServiceIdentifier(
@@ -73,53 +77,53 @@ class KVRStreamingServiceReporter {
       const std::optional<KVRValue>& playbackDurationMilliseconds,
       const std::optional<KVRValue>& playbackTrackCount,
       const std::optional<std::string>& playlistID, uint64_t applicationState,
-      const std::optional<KVRParameters>& beaconData);
+      const std::optional<KVRParameters>& beaconData) noexcept;
   static void reportPlayAllUserEventWithStreamingServiceIdentifier(
       const std::optional<std::string>& streamingServiceIdentifier,
-      const std::optional<std::string>& playlistID, const std::optional<std::string>& origin);
+      const std::optional<std::string>& playlistID,
+      const std::optional<std::string>& origin) noexcept;
   // As the featured-in button: tag parameters even without a tag, and the
   // track key repeated under "trackid".
-  static void reportTrackPageFeaturedAlbumWithTagDetails(const KVRTagDetails* tagDetails,
-                                                         const std::optional<std::string>& albumId);
+  static void reportTrackPageFeaturedAlbumWithTagDetails(
+      const KVRTagDetails* tagDetails, const std::optional<std::string>& albumId) noexcept;
 
   // Playlists.
   static void reportPlaylistUpdatedWithStreamingServiceIdentifier(
-      const std::optional<std::string>& streamingServiceIdentifier);
+      const std::optional<std::string>& streamingServiceIdentifier) noexcept;
   static void reportPlaylistSelectionWithStreamingServiceIdentifier(
-      const std::optional<std::string>& streamingServiceIdentifier);
+      const std::optional<std::string>& streamingServiceIdentifier) noexcept;
   static void reportPlaylistUpdateError(
-      const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier);
+      const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) noexcept;
   static void reportMyKorvelPlaylistCreatedWithStreamingServiceIdentifier(
       const std::optional<std::string>& streamingServiceIdentifier,
-      const std::optional<KVRValue>& numberOfTracks);
+      const std::optional<KVRValue>& numberOfTracks) noexcept;
   static void reportPlaylistSavedWithStreamingServiceIdentifier(
-      const std::optional<std::string>& streamingServiceIdentifier);
+      const std::optional<std::string>& streamingServiceIdentifier) noexcept;
   static void reportPlaylistSaveFailedWithError(
-      const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier);
+      const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) noexcept;
 
   // Library permission, sync cards and automatic adding.
-  static void reportAppleMusicMediaLibraryPermissionGranted(bool granted);
+  static void reportAppleMusicMediaLibraryPermissionGranted(bool granted) noexcept;
   static void reportStreamingServiceSyncCardImpressionWithProvider(
-      KVRStreamingServiceProvider provider);
+      KVRStreamingServiceProvider provider) noexcept;
   static void reportStreamingServiceSyncCardAcceptTappedWithProvider(
-      KVRStreamingServiceProvider provider);
+      KVRStreamingServiceProvider provider) noexcept;
   static void reportStreamingServiceAutoSyncEnabled(bool enabled,
-                                                    KVRStreamingServiceProvider provider);
+                                                    KVRStreamingServiceProvider provider) noexcept;
 
   // Apple Music account checks; duration in the caller's unit, sent as is.
   static void reportAppleMusicMemberStatusFetchingFinishedWithSuccess(bool success,
                                                                       const KVNError* error,
-                                                                      double duration);
-  static void reportAppleMusicSubscriptionOfferFetchingFinishedWithSuccess(bool success,
-                                                                           const KVNError* error,
-                                                                           double duration);
+                                                                      double duration) noexcept;
+  static void reportAppleMusicSubscriptionOfferFetchingFinishedWithSuccess(
+      bool success, const KVNError* error, double duration) noexcept;
 
   // The Apple Music Classical download card.
   static void reportAppleMusicClassicalDismissedForProviderName(
-      const std::optional<std::string>& providerName);
-  static void reportAppleMusicClassicalDownloadCardImpression();
-  static void reportAppleMusicClassicalDownloadCardOpen();
-  static void reportAppleMusicClassicalDownloadCardDismissed();
+      const std::optional<std::string>& providerName) noexcept;
+  static void reportAppleMusicClassicalDownloadCardImpression() noexcept;
+  static void reportAppleMusicClassicalDownloadCardOpen() noexcept;
+  static void reportAppleMusicClassicalDownloadCardDismissed() noexcept;
 
   // Words for the enumerations; each has a fallback and never fails.
   static std::string streamingOriginStringFromOrigin(KVRStreamingOrigin origin);

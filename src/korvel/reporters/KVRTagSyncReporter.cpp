@@ -27,7 +27,7 @@ void KVRTagSyncReporter::reportSyncResult(const std::optional<KVRValue>& result,
                                           const std::optional<KVRValue>& added,
                                           const std::optional<KVRValue>& removed,
                                           const std::optional<KVRValue>& updated,
-                                          const KVNError* error) {
+                                          const KVNError* error) noexcept try {
   // No "type": tag sync beacons are told apart by their event alone.
   KVRParameters parameters;
   parameters.set("result", result);
@@ -41,6 +41,8 @@ void KVRTagSyncReporter::reportSyncResult(const std::optional<KVRValue>& result,
   parameters.set("deleted", removed);
   parameters.set(kKVRErrorKey, errorCodesStringForError(error));
   reporting::send(KVRBeaconTypeTagSync, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTagSyncReporter::reportSyncResult");
 }
 
 std::optional<std::string> KVRTagSyncReporter::errorCodesStringForError(const KVNError* error) {

@@ -2,6 +2,8 @@
 // between devices.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -23,7 +25,7 @@ inline constexpr KVRTagSyncStep KVRTagSyncStepOne = 0;
 inline constexpr KVRTagSyncStep KVRTagSyncStepTwo = 1;
 inline constexpr KVRTagSyncStep KVRTagSyncStepOther = 2;
 
-class KVRTagSyncReporter {
+class KORVEL_EXPORT KVRTagSyncReporter {
  public:
   KVRTagSyncReporter() = delete;
 
@@ -33,7 +35,8 @@ class KVRTagSyncReporter {
                                const std::optional<KVRValue>& uploaded,
                                const std::optional<KVRValue>& added,
                                const std::optional<KVRValue>& removed,
-                               const std::optional<KVRValue>& updated, const KVNError* error);
+                               const std::optional<KVRValue>& updated,
+                               const KVNError* error) noexcept;
 
   // The codes of the error and of every error under it, outermost first,
   // joined by ":" (4:-1009); nothing without an error.

@@ -207,7 +207,7 @@ std::unordered_map<std::string, KVRTaggingSession>& KVRTaggingReporter::activeSe
 
 void KVRTaggingReporter::reportTaggingSessionStarted(
     const std::optional<std::string>& sessionID, KVRTagInitiationOrigin fromOrigin,
-    const std::optional<std::string>& thirdPartyOrigin, bool isInBackground) {
+    const std::optional<std::string>& thirdPartyOrigin, bool isInBackground) try {
   if (!sessionID) {
     assertionFailure("Trying to start a tagging session with a nil session id");
     return;
@@ -230,12 +230,16 @@ void KVRTaggingReporter::reportTaggingSessionStarted(
 
   parameters.set(kKVRBackgroundSession, reporting::flag(isInBackground));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (const KVRAssertionException&) {
+  throw;
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTaggingReporter::reportTaggingSessionStarted");
 }
 
 void KVRTaggingReporter::reportTaggingSessionEnded(const std::optional<std::string>& sessionID,
                                                    const KVRTagDetails* tagDetails,
                                                    KVRTaggingOutcome outcome, bool isInBackground,
-                                                   const KVNError* error) {
+                                                   const KVNError* error) try {
   if (!sessionID) {
     assertionFailure("Trying to end a tagging session with a nil session id");
     return;
@@ -266,15 +270,22 @@ void KVRTaggingReporter::reportTaggingSessionEnded(const std::optional<std::stri
   parameters.set(kKVRTimeSpent, KVRReportingUtilities::beaconFormattedTimeStringForTimeInterval(
                                     now - session.startTime));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (const KVRAssertionException&) {
+  throw;
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTaggingReporter::reportTaggingSessionEnded");
 }
 
 // MARK: - Tags
 
-void KVRTaggingReporter::reportTag(const KVRTagDetails* tagDetails, KVRTaggingType ofType) {
+void KVRTaggingReporter::reportTag(const KVRTagDetails* tagDetails, KVRTaggingType ofType) noexcept
+    try {
   KVRParameters parameters;
   parameters.merge(reportingParametersForTagDetails(tagDetails));
   parameters.merge(reportingParametersForSuccessfulTagWithTagDetails(tagDetails));
   reporting::send(beaconTypeFromTaggingType(ofType), parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTaggingReporter::reportTag");
 }
 
 KVRParameters KVRTaggingReporter::reportingParametersForSuccessfulTagWithTagDetails(
@@ -294,15 +305,18 @@ KVRParameters KVRTaggingReporter::reportingParametersForSuccessfulTagWithTagDeta
 }
 
 void KVRTaggingReporter::reportTaggingCancelledFromOrigin(KVRCancelTaggingOrigin origin,
-                                                          bool isInBackground) {
+                                                          bool isInBackground) noexcept try {
   KVRParameters parameters = reporting::userEvent("taggingcancel");
   parameters.set(kKVROrigin, cancelTaggingOriginStringForCancelTaggingOrigin(origin));
   parameters.set(kKVRBackgroundSession, reporting::flag(isInBackground));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTaggingReporter::reportTaggingCancelledFromOrigin");
 }
 
 void KVRTaggingReporter::reportTaggingErrorWithTagID(const std::optional<std::string>& tagID,
-                                                     const std::optional<int64_t>& code) {
+                                                     const std::optional<int64_t>& code) noexcept
+    try {
   std::optional<std::string> codeText;
   if (code) codeText = std::to_string(*code);
   // The code goes out twice on purpose: as text under the error beacon's
@@ -312,24 +326,31 @@ void KVRTaggingReporter::reportTaggingErrorWithTagID(const std::optional<std::st
   parameters.set("taggingerrorcode", code);
   parameters.set(kKVRTagID, tagID);
   reporting::send(KVRBeaconTypeError, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTaggingReporter::reportTaggingErrorWithTagID");
 }
 
-void KVRTaggingReporter::reportDeletedTagWithTrackID(const std::optional<std::string>& trackID,
-                                                     const std::optional<std::string>& tagOrigin) {
+void KVRTaggingReporter::reportDeletedTagWithTrackID(
+    const std::optional<std::string>& trackID, const std::optional<std::string>& tagOrigin) noexcept
+    try {
   KVRParameters parameters = reporting::userEvent("deletetagtapped");
   parameters.set(kKVRTrackID, trackID);
   // The origin has always travelled under "tagtype" for this event.
   parameters.set(kKVRTagType, tagOrigin);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTaggingReporter::reportDeletedTagWithTrackID");
 }
 
-void KVRTaggingReporter::reportMagicTap() {
+void KVRTaggingReporter::reportMagicTap() noexcept try {
   reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent("magictap"));
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTaggingReporter::reportMagicTap");
 }
 
 void KVRTaggingReporter::reportFeatureExtractionEndedWithOutcome(
     KVRFeatureExtractionOutcome outcome, const KVRFeatureExtractionDetails* details,
-    const std::optional<std::string>& tagID, const KVNError* error) {
+    const std::optional<std::string>& tagID, const KVNError* error) noexcept try {
   KVRParameters parameters;
   parameters.set(kKVRType, "feature_extraction");
 
@@ -350,6 +371,8 @@ void KVRTaggingReporter::reportFeatureExtractionEndedWithOutcome(
 
   parameters.set(kKVRTagID, tagID);
   reporting::send(KVRBeaconTypePerformance, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTaggingReporter::reportFeatureExtractionEndedWithOutcome");
 }
 
 void KVRTaggingReporter::reportHardwareConfigurationFailure(
@@ -358,7 +381,7 @@ void KVRTaggingReporter::reportHardwareConfigurationFailure(
     const std::optional<std::string>& currentPolarPattern,
     const std::optional<std::string>& targetMicrophone,
     const std::optional<std::string>& targetPolarPattern,
-    const std::optional<std::string>& stereoOrientation) {
+    const std::optional<std::string>& stereoOrientation) noexcept try {
   KVRParameters parameters = reporting::userEvent("hardwarefailure");
   parameters.set(kKVRReason,
                  reporting::wordFor(kHardwareFailureReasonWords, reason, kOtherHardwareFailureReason));
@@ -369,6 +392,8 @@ void KVRTaggingReporter::reportHardwareConfigurationFailure(
   parameters.set("targetpolarpattern", targetPolarPattern);
   parameters.set("stereoorientation", stereoOrientation);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTaggingReporter::reportHardwareConfigurationFailure");
 }
 
 // MARK: - Tag parameters

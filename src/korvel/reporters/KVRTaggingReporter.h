@@ -7,6 +7,8 @@
 // serialises its session calls (one thread at a time).
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <exception>
 #include <optional>
@@ -26,7 +28,7 @@ namespace korvel {
 // Raised for misuse of the tagging session calls, and only while the
 // configuration's korvelFrameworksRaiseExceptions is on. what() is
 // "KORVEL ASSERTION: " followed by the message.
-class KVRAssertionException : public std::logic_error {
+class KORVEL_EXPORT KVRAssertionException : public std::logic_error {
  public:
   explicit KVRAssertionException(const std::string& message);
 };
@@ -43,7 +45,7 @@ using KVRTaggingType = int64_t;
 using KVRFeatureExtractionOutcome = int64_t;
 
 // What the host knows about one tag.
-struct KVRTagDetails {
+struct KORVEL_EXPORT KVRTagDetails {
   std::optional<std::string> thirdPartyOrigin;
   int64_t tagOrigin = 0;
   std::optional<std::string> tagTypeString;   // "tagtype"
@@ -71,20 +73,20 @@ struct KVRTagDetails {
   bool isUnsubmitted() const { return unsubmitted; }
 };
 
-struct KVRFeatureExtractionDetails {
+struct KORVEL_EXPORT KVRFeatureExtractionDetails {
   double duration = 0;  // seconds the extraction took
   // Length of the extracted sample in milliseconds, when known.
   std::optional<KVRValue> sampleLengthMillis;
 };
 
 // One open tagging session.
-struct KVRTaggingSession {
+struct KORVEL_EXPORT KVRTaggingSession {
   std::optional<std::string> origin;
   double startTime = 0;  // seconds since 1970
 };
 
 // What readers of a tag result ask of it.
-class KVRTagResultInfo {
+class KORVEL_EXPORT KVRTagResultInfo {
  public:
   virtual ~KVRTagResultInfo() = default;
   virtual std::optional<std::string> tagID() const = 0;
@@ -98,7 +100,7 @@ class KVRTagResultInfo {
 };
 
 // A recognition that found nothing: only its tag id and date are set.
-class KVRNoMatchTagInfo : public KVRTagResultInfo {
+class KORVEL_EXPORT KVRNoMatchTagInfo : public KVRTagResultInfo {
  public:
   // Ends now.
   KVRNoMatchTagInfo();
@@ -122,11 +124,14 @@ class KVRNoMatchTagInfo : public KVRTagResultInfo {
   std::string tagID_;
 };
 
-class KVRTaggingReporter {
+class KORVEL_EXPORT KVRTaggingReporter {
  public:
   KVRTaggingReporter() = delete;
 
-  // Session ids are the host's; a missing id is misuse.
+  // Session ids are the host's; a missing id (or ending a session that is
+  // not open) is misuse, raised as KVRAssertionException while the
+  // configuration asks for it. These two are the only report operations that
+  // may throw, and only that; every other failure is logged and swallowed.
   static void reportTaggingSessionStarted(const std::optional<std::string>& sessionID,
                                           KVRTagInitiationOrigin fromOrigin,
                                           const std::optional<std::string>& thirdPartyOrigin,
@@ -135,26 +140,27 @@ class KVRTaggingReporter {
                                         const KVRTagDetails* tagDetails,
                                         KVRTaggingOutcome outcome, bool isInBackground,
                                         const KVNError* error);
-  static void reportTag(const KVRTagDetails* tagDetails, KVRTaggingType ofType);
+  static void reportTag(const KVRTagDetails* tagDetails, KVRTaggingType ofType) noexcept;
   static KVRParameters reportingParametersForSuccessfulTagWithTagDetails(
       const KVRTagDetails* tagDetails);
   static void reportTaggingCancelledFromOrigin(KVRCancelTaggingOrigin origin,
-                                               bool isInBackground);
+                                               bool isInBackground) noexcept;
   static void reportTaggingErrorWithTagID(const std::optional<std::string>& tagID,
-                                          const std::optional<int64_t>& code);
+                                          const std::optional<int64_t>& code) noexcept;
   static void reportDeletedTagWithTrackID(const std::optional<std::string>& trackID,
-                                          const std::optional<std::string>& tagOrigin);
-  static void reportMagicTap();
-  static void reportFeatureExtractionEndedWithOutcome(
-      KVRFeatureExtractionOutcome outcome, const KVRFeatureExtractionDetails* details,
-      const std::optional<std::string>& tagID, const KVNError* error);
+                                          const std::optional<std::string>& tagOrigin) noexcept;
+  static void reportMagicTap() noexcept;
+  static void reportFeatureExtractionEndedWithOutcome(KVRFeatureExtractionOutcome outcome,
+                                                      const KVRFeatureExtractionDetails* details,
+                                                      const std::optional<std::string>& tagID,
+                                                      const KVNError* error) noexcept;
   static void reportHardwareConfigurationFailure(
       int64_t reason, const std::optional<std::string>& errorCode,
       const std::optional<std::string>& currentMicrophone,
       const std::optional<std::string>& currentPolarPattern,
       const std::optional<std::string>& targetMicrophone,
       const std::optional<std::string>& targetPolarPattern,
-      const std::optional<std::string>& stereoOrientation);
+      const std::optional<std::string>& stereoOrientation) noexcept;
 
   // The tag's parameters as a plain dictionary (the typed set below, entry
   // for entry); with no tag details, only the orientation entries.
@@ -176,7 +182,7 @@ class KVRTaggingReporter {
 };
 
 // The orientation the device had at launch; set once by the host.
-class KVRInitialOrientation {
+class KORVEL_EXPORT KVRInitialOrientation {
  public:
   static std::optional<platform::DeviceOrientation> initialOrientation();
   static void setInitialOrientation(std::optional<platform::DeviceOrientation> orientation);
@@ -184,6 +190,6 @@ class KVRInitialOrientation {
 
 // "portrait", "portraitupsidedown", "landscapeleft", "landscaperight",
 // "faceup", "facedown"; anything else "unknown".
-std::string orientationString(platform::DeviceOrientation orientation);
+KORVEL_EXPORT std::string orientationString(platform::DeviceOrientation orientation);
 
 }  // namespace korvel

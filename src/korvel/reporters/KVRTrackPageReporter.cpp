@@ -29,56 +29,71 @@ KVRParameters openedTrackParameters() {
 
 }  // namespace
 
-void KVRTrackPageReporter::reportNavigationToArtistPageFromOrigin(KVRTrackPageOrigin origin) {
+void KVRTrackPageReporter::reportNavigationToArtistPageFromOrigin(
+    KVRTrackPageOrigin origin) noexcept try {
   auto parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVROrigin, originStringForOrigin(origin));
   parameters.set(kKVRDestination, kKVRArtist);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTrackPageReporter::reportNavigationToArtistPageFromOrigin");
 }
 
 void KVRTrackPageReporter::reportOpenedTrackWithTrackAdamID(
-    const std::optional<std::string>& trackAdamID, KVRTrackPageOrigin origin) {
+    const std::optional<std::string>& trackAdamID, KVRTrackPageOrigin origin) noexcept try {
   auto parameters = openedTrackParameters();
   parameters.set(kKVRTrackAdamID, trackAdamID);
   parameters.set(kKVROrigin, originStringForOrigin(origin));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTrackPageReporter::reportOpenedTrackWithTrackAdamID");
 }
 
 void KVRTrackPageReporter::reportOpenedTrack(const KVRTagDetails* tagDetails,
-                                             KVRTrackPageOrigin origin) {
+                                             KVRTrackPageOrigin origin) noexcept try {
   auto parameters = openedTrackParameters();
   reporting::mergeTagParameters(parameters, tagDetails);
   // After the merge: the place on this page is what the beacon is about.
   parameters.set(kKVROrigin, originStringForOrigin(origin));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTrackPageReporter::reportOpenedTrack");
 }
 
 std::optional<std::string> KVRTrackPageReporter::reportOpenAppForStreamingServiceProvider(
     KVRStreamingServiceProvider provider, const std::optional<std::string>& trackAdamID,
-    KVRTrackPageOrigin origin) {
+    KVRTrackPageOrigin origin) noexcept try {
   return reporting::sendOpenItem(KVRStreamingServiceReporter::providerNameForProvider(provider),
                                  originStringForOrigin(origin), kKVRTrackAdamID, trackAdamID);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTrackPageReporter::reportOpenAppForStreamingServiceProvider");
+  return std::nullopt;
 }
 
 void KVRTrackPageReporter::reportPlaybackForTagDetails(
     const KVRTagDetails* tagDetails, const std::optional<std::string>& streamingServiceIdentifier,
-    KVRTrackPageOrigin origin) {
+    KVRTrackPageOrigin origin) noexcept try {
   KVRParameters beaconData;
   beaconData.set(kKVROrigin, originStringForOrigin(origin));
   // After the origin: a tag that knows where it was played from wins.
   reporting::mergeTagParameters(beaconData, tagDetails);
   KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
       streamingServiceIdentifier, beaconData);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTrackPageReporter::reportPlaybackForTagDetails");
 }
 
 void KVRTrackPageReporter::reportPlaybackForTrackID(
     const std::optional<std::string>& trackID,
-    const std::optional<std::string>& streamingServiceIdentifier, KVRTrackPageOrigin origin) {
+    const std::optional<std::string>& streamingServiceIdentifier,
+    KVRTrackPageOrigin origin) noexcept try {
   KVRParameters beaconData;
   beaconData.set(kKVRTrackAdamID, trackID);
   beaconData.set(kKVROrigin, originStringForOrigin(origin));
   KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
       streamingServiceIdentifier, beaconData);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRTrackPageReporter::reportPlaybackForTrackID");
 }
 
 std::optional<std::string> KVRTrackPageReporter::originStringForOrigin(KVRTrackPageOrigin origin) {

@@ -2,6 +2,8 @@
 // details, out to a streaming app, and playback.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <optional>
 #include <string>
@@ -23,27 +25,28 @@ inline constexpr KVRTrackPageOrigin KVRTrackPageOriginFeaturedAlbum = 4;
 inline constexpr KVRTrackPageOrigin KVRTrackPageOriginRelatedSongs = 5;
 inline constexpr KVRTrackPageOrigin KVRTrackPageOriginDetails = 7;
 
-class KVRTrackPageReporter {
+class KORVEL_EXPORT KVRTrackPageReporter {
  public:
   KVRTrackPageReporter() = delete;
 
-  static void reportNavigationToArtistPageFromOrigin(KVRTrackPageOrigin origin);
+  static void reportNavigationToArtistPageFromOrigin(KVRTrackPageOrigin origin) noexcept;
   static void reportOpenedTrackWithTrackAdamID(const std::optional<std::string>& trackAdamID,
-                                               KVRTrackPageOrigin origin);
+                                               KVRTrackPageOrigin origin) noexcept;
   // The page's origin wins over any origin in the tag's parameters.
-  static void reportOpenedTrack(const KVRTagDetails* tagDetails, KVRTrackPageOrigin origin);
+  static void reportOpenedTrack(const KVRTagDetails* tagDetails,
+                                KVRTrackPageOrigin origin) noexcept;
   static std::optional<std::string> reportOpenAppForStreamingServiceProvider(
       KVRStreamingServiceProvider provider, const std::optional<std::string>& trackAdamID,
-      KVRTrackPageOrigin origin);
+      KVRTrackPageOrigin origin) noexcept;
 
   // Both forward to the streaming service reporter's playback beacon. Here
   // an origin in the tag's parameters wins over the page's.
   static void reportPlaybackForTagDetails(
       const KVRTagDetails* tagDetails, const std::optional<std::string>& streamingServiceIdentifier,
-      KVRTrackPageOrigin origin);
+      KVRTrackPageOrigin origin) noexcept;
   static void reportPlaybackForTrackID(const std::optional<std::string>& trackID,
                                        const std::optional<std::string>& streamingServiceIdentifier,
-                                       KVRTrackPageOrigin origin);
+                                       KVRTrackPageOrigin origin) noexcept;
 
   static std::optional<std::string> originStringForOrigin(KVRTrackPageOrigin origin);
 };

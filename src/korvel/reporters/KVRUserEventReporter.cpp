@@ -32,16 +32,19 @@ void reportOverlayNavigation(std::string_view destination, std::string_view over
 }  // namespace
 
 std::optional<std::string> KVRUserEventReporter::reportShareActionWithAdditionalBeaconData(
-    const std::optional<KVRParameters>& additionalBeaconData) {
+    const std::optional<KVRParameters>& additionalBeaconData) noexcept try {
   auto parameters = reporting::userEvent(kKVRShare);
   parameters.set(kKVRProviderName, kKVRShare);
   parameters.merge(additionalBeaconData);
   return reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportShareActionWithAdditionalBeaconData");
+  return std::nullopt;
 }
 
 void KVRUserEventReporter::reportShareSheetSelectedForProvider(
     const std::optional<std::string>& provider, bool shareCompleted,
-    const std::optional<KVRParameters>& additionalBeaconData) {
+    const std::optional<KVRParameters>& additionalBeaconData) noexcept try {
   auto parameters = reporting::userEvent(kKVRShare);
   parameters.set(kKVRProviderName, provider);
   // Without a chosen provider the sheet was closed, whatever the completion
@@ -52,115 +55,180 @@ void KVRUserEventReporter::reportShareSheetSelectedForProvider(
                                  : (shareCompleted ? kKVRSuccess : std::string_view("cancel")));
   parameters.merge(additionalBeaconData);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportShareSheetSelectedForProvider");
 }
 
-void KVRUserEventReporter::reportShortcutUsed(const std::optional<std::string>& shortcut) {
+void KVRUserEventReporter::reportShortcutUsed(const std::optional<std::string>& shortcut) noexcept
+    try {
   auto parameters = reporting::userEvent("shortcutlaunch");
   parameters.set("shortcut", shortcut);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportShortcutUsed");
 }
 
-void KVRUserEventReporter::reportSupportRequestedOfType(KVRSupportRequestType type) {
+void KVRUserEventReporter::reportSupportRequestedOfType(KVRSupportRequestType type) noexcept try {
   sendUserEvent(stringForSupportRequestTypeType(type));
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportSupportRequestedOfType");
 }
 
-void KVRUserEventReporter::reportAboutIconEasterEggSuccess(bool success) {
+void KVRUserEventReporter::reportAboutIconEasterEggSuccess(bool success) noexcept try {
   auto parameters = reporting::userEvent("aboutpageicon");
   parameters.set(kKVROutcome, reporting::flag(success));
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportAboutIconEasterEggSuccess");
 }
 
 std::optional<std::string> KVRUserEventReporter::reportHubButtonTappedForTagDetails(
-    const KVRTagDetails* tagDetails, const std::optional<KVRParameters>& additionalBeaconData) {
+    const KVRTagDetails* tagDetails,
+    const std::optional<KVRParameters>& additionalBeaconData) noexcept try {
   KVRParameters parameters;
   reporting::mergeTagParameters(parameters, tagDetails);
   parameters.merge(additionalBeaconData);
   return reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportHubButtonTappedForTagDetails");
+  return std::nullopt;
 }
 
 void KVRUserEventReporter::reportOverflowArtistTappedWithTagDetails(
-    const KVRTagDetails* tagDetails, const std::optional<KVRParameters>& additionalBeaconData) {
+    const KVRTagDetails* tagDetails,
+    const std::optional<KVRParameters>& additionalBeaconData) noexcept try {
   auto parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, kKVRArtist);
   reporting::mergeTagParameters(parameters, tagDetails);
   parameters.merge(additionalBeaconData);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportOverflowArtistTappedWithTagDetails");
 }
 
-void KVRUserEventReporter::reportUserScrolled() { sendUserEvent("userscrolled"); }
+void KVRUserEventReporter::reportUserScrolled() noexcept try {
+  sendUserEvent("userscrolled");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportUserScrolled");
+}
 
-void KVRUserEventReporter::reportWelcomeGotItTapped() { sendUserEvent(kKVRGotItTapped); }
+void KVRUserEventReporter::reportWelcomeGotItTapped() noexcept try {
+  sendUserEvent(kKVRGotItTapped);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportWelcomeGotItTapped");
+}
 
-void KVRUserEventReporter::reportPrivacyLearnMoreTapped() {
+void KVRUserEventReporter::reportPrivacyLearnMoreTapped() noexcept try {
   auto parameters = reporting::userEvent(kKVRNavType);
   parameters.set(kKVRAction, "privacylearnmore");
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportPrivacyLearnMoreTapped");
 }
 
-void KVRUserEventReporter::reportAutoKorvelSwitchEnabled(bool enabled) {
+void KVRUserEventReporter::reportAutoKorvelSwitchEnabled(bool enabled) noexcept try {
   sendUserEvent(enabled ? kKVRAutoSwitchType : kKVRAutoEndType);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportAutoKorvelSwitchEnabled");
 }
 
-void KVRUserEventReporter::reportNewConfigReceived() { sendUserEvent("newconfig"); }
+void KVRUserEventReporter::reportNewConfigReceived() noexcept try {
+  sendUserEvent("newconfig");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportNewConfigReceived");
+}
 
-void KVRUserEventReporter::reportUpdateAppButtonTapped() { sendUserEvent("app_store"); }
+void KVRUserEventReporter::reportUpdateAppButtonTapped() noexcept try {
+  sendUserEvent("app_store");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportUpdateAppButtonTapped");
+}
 
 void KVRUserEventReporter::reportOpenActionWithProviderName(
-    const std::optional<std::string>& providerName, const std::optional<std::string>& origin) {
+    const std::optional<std::string>& providerName,
+    const std::optional<std::string>& origin) noexcept try {
   reporting::send(KVRBeaconTypeUserEvent, reporting::openEvent(providerName, origin));
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportOpenActionWithProviderName");
 }
 
-void KVRUserEventReporter::reportOpenYouTube() {
+void KVRUserEventReporter::reportOpenYouTube() noexcept try {
   reportOpenActionWithProviderName("youtube", std::nullopt);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportOpenYouTube");
 }
 
 std::optional<std::string> KVRUserEventReporter::reportOpenAppleMusicWithTrackID(
-    const std::optional<std::string>& trackID) {
+    const std::optional<std::string>& trackID) noexcept try {
   return reporting::sendOpenItem(kKVRProviderAppleMusicValue, std::nullopt, kKVRTrackID, trackID);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportOpenAppleMusicWithTrackID");
+  return std::nullopt;
 }
 
-void KVRUserEventReporter::reportTrackPageMetadataActionButtonTapped() {
+void KVRUserEventReporter::reportTrackPageMetadataActionButtonTapped() noexcept try {
   reportOpenActionWithProviderName(std::string(kKVRProviderAppleMusicValue), "metadata");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportTrackPageMetadataActionButtonTapped");
 }
 
-void KVRUserEventReporter::reportPlayerMetadataOpen() {
+void KVRUserEventReporter::reportPlayerMetadataOpen() noexcept try {
   reportOpenActionWithProviderName(std::string(kKVRProviderAppleMusicValue), "playermetadata");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportPlayerMetadataOpen");
 }
 
-void KVRUserEventReporter::reportPlayerFooterOpen() {
+void KVRUserEventReporter::reportPlayerFooterOpen() noexcept try {
   reportOpenActionWithProviderName(std::string(kKVRProviderAppleMusicValue), "playerfooter");
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportPlayerFooterOpen");
 }
 
 std::optional<std::string>
 KVRUserEventReporter::reportFeaturedInItemActionButtonTappedWithTagDetails(
     const KVRTagDetails* tagDetails, const std::optional<std::string>& providerName,
-    const std::optional<std::string>& albumId) {
+    const std::optional<std::string>& albumId) noexcept try {
   auto parameters = reporting::userEvent(kKVROpenType);
   parameters.set(kKVRProviderName, providerName);
   parameters.set(kKVROrigin, kKVRFeaturedAlbum);
   parameters.set(kKVRAlbumId, albumId);
   reporting::mergeFeaturedTagParameters(parameters, tagDetails);
   return reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure(
+      "KVRUserEventReporter::reportFeaturedInItemActionButtonTappedWithTagDetails");
+  return std::nullopt;
 }
 
-void KVRUserEventReporter::reportUserLeftRerunOverlay() {
+void KVRUserEventReporter::reportUserLeftRerunOverlay() noexcept try {
   reportOverlayNavigation(kMyKorvel, kKVRRerunOverlay, nullptr);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportUserLeftRerunOverlay");
 }
 
-void KVRUserEventReporter::reportUserLeftOfflineOverlay() {
+void KVRUserEventReporter::reportUserLeftOfflineOverlay() noexcept try {
   reportOverlayNavigation(kMyKorvel, kKVROfflineOverlay, nullptr);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportUserLeftOfflineOverlay");
 }
 
-void KVRUserEventReporter::reportOpenedTrackFromRerunOverlay(const KVRTagDetails* tagDetails) {
+void KVRUserEventReporter::reportOpenedTrackFromRerunOverlay(
+    const KVRTagDetails* tagDetails) noexcept try {
   reportOverlayNavigation(kKVRDetails, kKVRRerunOverlay, tagDetails);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportOpenedTrackFromRerunOverlay");
 }
 
-void KVRUserEventReporter::reportOpenedTrackFromOfflineOverlay(const KVRTagDetails* tagDetails) {
+void KVRUserEventReporter::reportOpenedTrackFromOfflineOverlay(
+    const KVRTagDetails* tagDetails) noexcept try {
   reportOverlayNavigation(kKVRDetails, kKVROfflineOverlay, tagDetails);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportOpenedTrackFromOfflineOverlay");
 }
 
 void KVRUserEventReporter::reportWrongTrackSubmittedWithTrackId(
-    const std::optional<std::string>& trackId, const std::optional<std::string>& tagID) {
+    const std::optional<std::string>& trackId, const std::optional<std::string>& tagID) noexcept
+    try {
   auto parameters = reporting::userEvent("feedback");
   parameters.set("wrongsong", reporting::flag(true));
   // The track goes under both keys that readers of feedback look it up by.
@@ -168,6 +236,8 @@ void KVRUserEventReporter::reportWrongTrackSubmittedWithTrackId(
   parameters.set(kKVRTrackID, trackId);
   parameters.set(kKVRTagID, tagID);
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserEventReporter::reportWrongTrackSubmittedWithTrackId");
 }
 
 std::string KVRUserEventReporter::stringForSupportRequestTypeType(KVRSupportRequestType type) {

@@ -39,8 +39,8 @@ std::optional<std::string> word(std::string_view w) {
 
 }  // namespace
 
-void KVRUserPreferenceReporter::reportUpdatedFavouriteStatusForTag(const KVRTagDetails* tag,
-                                                                   KVRFavouriteOrigin fromOrigin) {
+void KVRUserPreferenceReporter::reportUpdatedFavouriteStatusForTag(
+    const KVRTagDetails* tag, KVRFavouriteOrigin fromOrigin) noexcept try {
   KVRParameters parameters = reporting::userEvent("add_to");
   parameters.merge(KVRTaggingReporter::reportingParametersForTagDetails(tag));
 
@@ -59,6 +59,8 @@ void KVRUserPreferenceReporter::reportUpdatedFavouriteStatusForTag(const KVRTagD
   parameters.set("favouritevalue", reporting::flag(tag != nullptr && tag->isFavourite()));
   parameters.set(kKVRProviderName, "addtomytags");
   reporting::send(KVRBeaconTypeUserEvent, parameters);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRUserPreferenceReporter::reportUpdatedFavouriteStatusForTag");
 }
 
 }  // namespace korvel

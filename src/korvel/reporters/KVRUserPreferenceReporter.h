@@ -1,6 +1,8 @@
 // Favourites: the user adding a tag to, or removing it from, My Tags.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 
 namespace korvel {
@@ -16,13 +18,13 @@ inline constexpr KVRFavouriteOrigin KVRFavouriteOriginAudio = 2;
 inline constexpr KVRFavouriteOrigin KVRFavouriteOriginTrackOverflow = 5;
 inline constexpr KVRFavouriteOrigin KVRFavouriteOriginDeeplink = 6;
 
-class KVRUserPreferenceReporter {
+class KORVEL_EXPORT KVRUserPreferenceReporter {
  public:
   KVRUserPreferenceReporter() = delete;
 
   // The tag's current favourite flag is the new status.
   static void reportUpdatedFavouriteStatusForTag(const KVRTagDetails* tag,
-                                                 KVRFavouriteOrigin fromOrigin);
+                                                 KVRFavouriteOrigin fromOrigin) noexcept;
 };
 
 }  // namespace korvel

@@ -6,10 +6,13 @@
 namespace korvel {
 
 void KVRWebReporter::reportWebBeaconWithParameters(const KVRParameters& parameters,
-                                                   const std::optional<std::string>& event) {
+                                                   const std::optional<std::string>& event) noexcept
+    try {
   KVRParameters beaconParameters = reporting::userEvent("webbeacon");
   beaconParameters.merge(parameters);
   KVRBeacon::sendBeaconOfType(KVRBeaconTypeWebInitiated, beaconParameters, event);
+} catch (...) {
+  KVRLogging::logReportFailure("KVRWebReporter::reportWebBeaconWithParameters");
 }
 
 }  // namespace korvel

@@ -4,8 +4,10 @@
 
 namespace korvel {
 
-void KVRWidgetReporter::reportUserHasiOS14Widgets(bool hasWidgets) {
+void KVRWidgetReporter::reportUserHasiOS14Widgets(bool hasWidgets) noexcept try {
   reporting::send(KVRBeaconTypeWidget, KVRParameters{{"widget", reporting::flag(hasWidgets)}});
+} catch (...) {
+  KVRLogging::logReportFailure("KVRWidgetReporter::reportUserHasiOS14Widgets");
 }
 
 }  // namespace korvel

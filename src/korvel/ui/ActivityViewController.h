@@ -6,6 +6,8 @@
 // Main thread only.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <filesystem>
 #include <vector>
 
@@ -14,7 +16,7 @@
 
 namespace korvel::platform {
 
-class ActivityViewController : public ViewController {
+class KORVEL_EXPORT ActivityViewController : public ViewController {
  public:
   explicit ActivityViewController(std::vector<std::filesystem::path> activityItems)
       : activityItems_(std::move(activityItems)) {}

@@ -7,13 +7,15 @@
 // on the Env's main queue when playback reaches the end of the file.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <functional>
 #include <memory>
 #include <string>
 
 namespace korvel::platform {
 
-class AudioPlayer {
+class KORVEL_EXPORT AudioPlayer {
  public:
   virtual ~AudioPlayer() = default;
 
@@ -34,6 +36,6 @@ class AudioPlayer {
 
 // The real player for the file at path: null when the file cannot be read
 // as audio. Env::Default() makes its players with it.
-std::unique_ptr<AudioPlayer> makeDefaultAudioPlayer(const std::string& path);
+KORVEL_EXPORT std::unique_ptr<AudioPlayer> makeDefaultAudioPlayer(const std::string& path);
 
 }  // namespace korvel::platform

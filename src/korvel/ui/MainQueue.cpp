@@ -19,17 +19,17 @@ void MainQueue::async(Task task) {
   // Notified under the lock: once the main thread has taken the task, the
   // posting thread no longer touches the queue, so the queue may be
   // destroyed right after running it.
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   tasks_.push_back(std::move(task));
-  wake_.notify_all();
+  wake_.signalAll();
 }
 
 MainQueue::TimerID MainQueue::asyncAfter(double delaySeconds, Task task) {
   const uint64_t due = env().monotonicNanos() + toNanos(delaySeconds);
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   const TimerID id = nextTimer_++;
   timers_.emplace(id, Timer{due, 0, std::move(task)});
-  wake_.notify_all();
+  wake_.signalAll();
   return id;
 }
 
@@ -37,15 +37,15 @@ MainQueue::TimerID MainQueue::scheduleRepeating(double intervalSeconds, Task tas
   // A zero interval would spin; one nanosecond is the shortest period.
   const uint64_t interval = std::max<uint64_t>(1, toNanos(intervalSeconds));
   const uint64_t due = env().monotonicNanos() + interval;
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   const TimerID id = nextTimer_++;
   timers_.emplace(id, Timer{due, interval, std::move(task)});
-  wake_.notify_all();
+  wake_.signalAll();
   return id;
 }
 
 void MainQueue::cancel(TimerID timer) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   timers_.erase(timer);
 }
 
@@ -54,7 +54,7 @@ size_t MainQueue::runPending() {
   for (;;) {
     Task next;
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       if (!tasks_.empty()) {
         next = std::move(tasks_.front());
         tasks_.pop_front();
@@ -86,7 +86,7 @@ size_t MainQueue::runPending() {
 }
 
 std::optional<double> MainQueue::secondsUntilNextTimer() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (timers_.empty()) return std::nullopt;
   uint64_t earliest = UINT64_MAX;
   for (const auto& [id, t] : timers_) earliest = std::min(earliest, t.dueNanos);
@@ -95,23 +95,23 @@ std::optional<double> MainQueue::secondsUntilNextTimer() const {
 }
 
 bool MainQueue::hasPendingWork() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return !tasks_.empty();
 }
 
 void MainQueue::waitForWork(double timeoutSeconds) {
   double wait = timeoutSeconds;
   if (auto next = secondsUntilNextTimer()) wait = std::min(wait, *next);
-  std::unique_lock lock(mutex_);
+  MutexLock lock(mutex_);
   if (!tasks_.empty() || stopping_ || wait <= 0) return;
-  wake_.wait_for(lock, std::chrono::duration<double>(wait));
+  wake_.waitFor(mutex_, std::chrono::duration<double>(wait));
 }
 
 void MainQueue::runUntilStopped() {
   for (;;) {
     runPending();
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       if (stopping_) {
         stopping_ = false;
         return;
@@ -123,10 +123,10 @@ void MainQueue::runUntilStopped() {
 
 void MainQueue::stop() {
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     stopping_ = true;
   }
-  wake_.notify_all();
+  wake_.signalAll();
 }
 
 }  // namespace korvel::platform

@@ -6,19 +6,25 @@
 // repeating polls) run on the queue too and read the Env's monotonic clock,
 // so a test that advances an injected clock and calls runPending() fires
 // exactly the timers that are due, with no real waiting.
+//
+// The queue owns its queued tasks and timers until they run or are
+// cancelled; whoever made the queue (the UIEnv) keeps it alive while the host
+// pumps it.
 #pragma once
 
-#include <condition_variable>
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <deque>
 #include <functional>
 #include <map>
-#include <mutex>
 #include <optional>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
-class MainQueue {
+class KORVEL_EXPORT MainQueue {
  public:
   using Task = std::function<void()>;
   using TimerID = uint64_t;
@@ -54,12 +60,12 @@ class MainQueue {
     Task task;
   };
 
-  mutable std::mutex mutex_;
-  std::condition_variable wake_;
-  std::deque<Task> tasks_;
-  std::map<TimerID, Timer> timers_;
-  TimerID nextTimer_ = 1;
-  bool stopping_ = false;
+  mutable Mutex mutex_;
+  CondVar wake_;
+  std::deque<Task> tasks_ KORVEL_GUARDED_BY(mutex_);
+  std::map<TimerID, Timer> timers_ KORVEL_GUARDED_BY(mutex_);
+  TimerID nextTimer_ KORVEL_GUARDED_BY(mutex_) = 1;
+  bool stopping_ KORVEL_GUARDED_BY(mutex_) = false;
 };
 
 }  // namespace korvel::platform

@@ -22,30 +22,7 @@ constexpr std::string_view kCollectionAndTableCoderMessage =
 
 }  // namespace
 
-// The plain forms build the platform controller with its default
-// constructor: no interface file, no bundle.
-
 // --- PageViewTrackingViewController ------------------------------------------
-
-PageViewTrackingViewController::PageViewTrackingViewController(
-    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
-    ReportingParameters pageViewReportingParameters)
-    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
-                       std::move(pageViewReportingParameters)) {}
-
-PageViewTrackingViewController::PageViewTrackingViewController(
-    std::optional<std::string> nibName, std::optional<platform::Bundle> bundle,
-    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
-    ReportingParameters pageViewReportingParameters)
-    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
-                       std::move(pageViewReportingParameters), std::move(nibName),
-                       std::move(bundle)) {}
-
-PageViewTrackingViewController::PageViewTrackingViewController(
-    const platform::Coder& coder, std::shared_ptr<PageViewManager> pageViewManager,
-    PageName pageName, ReportingParameters pageViewReportingParameters)
-    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
-                       std::move(pageViewReportingParameters), coder) {}
 
 PageViewTrackingViewController::PageViewTrackingViewController(const platform::Coder&)
     : PageViewTracking(Refused{}, kViewControllerCoderMessage) {}
@@ -56,33 +33,6 @@ PageViewTrackingViewController::PageViewTrackingViewController(std::optional<std
                                       "init(nibName:bundle:)", "PageViewTrackingViewController")) {}
 
 // --- PageViewTrackingCollectionViewController --------------------------------
-
-PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
-    platform::CollectionViewLayout collectionViewLayout,
-    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
-    ReportingParameters pageViewReportingParameters)
-    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
-                       std::move(pageViewReportingParameters), collectionViewLayout) {}
-
-PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
-    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
-    ReportingParameters pageViewReportingParameters)
-    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
-                       std::move(pageViewReportingParameters)) {}
-
-PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
-    std::optional<std::string> nibName, std::optional<platform::Bundle> bundle,
-    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
-    ReportingParameters pageViewReportingParameters)
-    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
-                       std::move(pageViewReportingParameters), std::move(nibName),
-                       std::move(bundle)) {}
-
-PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
-    const platform::Coder& coder, std::shared_ptr<PageViewManager> pageViewManager,
-    PageName pageName, ReportingParameters pageViewReportingParameters)
-    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
-                       std::move(pageViewReportingParameters), coder) {}
 
 PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
     const platform::Coder&)
@@ -101,32 +51,6 @@ PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewControll
                                       "PageViewTrackingCollectionViewController")) {}
 
 // --- PageViewTrackingTableViewController -------------------------------------
-
-PageViewTrackingTableViewController::PageViewTrackingTableViewController(
-    platform::TableViewStyle style, std::shared_ptr<PageViewManager> pageViewManager,
-    PageName pageName, ReportingParameters pageViewReportingParameters)
-    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
-                       std::move(pageViewReportingParameters), style) {}
-
-PageViewTrackingTableViewController::PageViewTrackingTableViewController(
-    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
-    ReportingParameters pageViewReportingParameters)
-    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
-                       std::move(pageViewReportingParameters)) {}
-
-PageViewTrackingTableViewController::PageViewTrackingTableViewController(
-    std::optional<std::string> nibName, std::optional<platform::Bundle> bundle,
-    std::shared_ptr<PageViewManager> pageViewManager, PageName pageName,
-    ReportingParameters pageViewReportingParameters)
-    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
-                       std::move(pageViewReportingParameters), std::move(nibName),
-                       std::move(bundle)) {}
-
-PageViewTrackingTableViewController::PageViewTrackingTableViewController(
-    const platform::Coder& coder, std::shared_ptr<PageViewManager> pageViewManager,
-    PageName pageName, ReportingParameters pageViewReportingParameters)
-    : PageViewTracking(std::move(pageViewManager), std::move(pageName),
-                       std::move(pageViewReportingParameters), coder) {}
 
 PageViewTrackingTableViewController::PageViewTrackingTableViewController(const platform::Coder&)
     : PageViewTracking(Refused{}, kCollectionAndTableCoderMessage) {}

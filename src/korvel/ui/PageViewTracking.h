@@ -19,6 +19,9 @@
 // the stack (its own PageID). Main thread only.
 #pragma once
 
+#include <korvel/export.h>
+
+#include <concepts>
 #include <memory>
 #include <optional>
 #include <stdexcept>
@@ -35,7 +38,7 @@
 namespace korvel {
 
 // What a tracked screen reports about its page.
-class PageViewDataProviding {
+class KORVEL_EXPORT PageViewDataProviding {
  public:
   virtual ~PageViewDataProviding() = default;
   virtual PageName pageName() const = 0;
@@ -93,11 +96,40 @@ class PageViewTracking : public PlatformController {
     }
   }
 
+ // The tracked forms, which every controller class inherits: the platform
+  // controller's own arguments (none; an interface file and bundle; an
+  // archive; a layout or style), then the manager, name and parameters.
+  // Throw std::invalid_argument for a null manager; the archive form throws
+  // platform::CoderError for an unreadable archive (platform::makeFromCoder
+  // gives a null result instead).
+  PageViewTracking(std::shared_ptr<PageViewManager> manager, PageName name,
+                   ReportingParameters parameters)
+      : PageViewTracking(Tracked{}, std::move(manager), std::move(name), std::move(parameters)) {}
+  PageViewTracking(std::optional<std::string> nibName, std::optional<platform::Bundle> bundle,
+                   std::shared_ptr<PageViewManager> manager, PageName name,
+                   ReportingParameters parameters)
+      : PageViewTracking(Tracked{}, std::move(manager), std::move(name), std::move(parameters),
+                         std::move(nibName), std::move(bundle)) {}
+  template <class PlatformArgument>
+    requires std::constructible_from<PlatformController, PlatformArgument>
+  PageViewTracking(PlatformArgument&& platformArgument, std::shared_ptr<PageViewManager> manager,
+                   PageName name, ReportingParameters parameters)
+      : PageViewTracking(Tracked{}, std::move(manager), std::move(name), std::move(parameters),
+                         std::forward<PlatformArgument>(platformArgument)) {}
+
  protected:
+  // For the platform initialisers these classes refuse: stops the program.
+  struct Refused {};
+  PageViewTracking(Refused, std::string_view fatalMessage) : pageName_(std::string()) {
+    fatalError(fatalMessage);
+  }
+
+ private:
+  struct Tracked {};
   // Stores the manager, name and parameters with a fresh page id, then
   // builds the platform controller from platformArguments.
   template <class... PlatformArguments>
-  PageViewTracking(std::shared_ptr<PageViewManager> manager, PageName name,
+  PageViewTracking(Tracked, std::shared_ptr<PageViewManager> manager, PageName name,
                    ReportingParameters parameters, PlatformArguments&&... platformArguments)
       : PlatformController(std::forward<PlatformArguments>(platformArguments)...),
         pageID_(PageID::make()),
@@ -109,70 +141,32 @@ class PageViewTracking : public PlatformController {
     }
   }
 
-  // For the platform initialisers these classes refuse: stops the program.
-  struct Refused {};
-  PageViewTracking(Refused, std::string_view fatalMessage) : pageName_(std::string()) {
-    fatalError(fatalMessage);
-  }
-
- private:
   PageID pageID_ = PageID::make();
   PageName pageName_;
   ReportingParameters pageViewReportingParameters_;
   std::shared_ptr<PageViewManager> pageViewManager_;
 };
 
-std::string unimplementedInitializer(std::string_view initializer, std::string_view className);
+KORVEL_EXPORT std::string unimplementedInitializer(std::string_view initializer, std::string_view className);
 
 }  // namespace detail
 
-class PageViewTrackingViewController
+// The three controller classes take the tracked forms above. The platform's
+// own forms, which a toolkit may call generically, each stop the program: a
+// tracked screen cannot exist without its manager.
+class KORVEL_EXPORT PageViewTrackingViewController
     : public detail::PageViewTracking<platform::ViewController> {
  public:
-  PageViewTrackingViewController(std::shared_ptr<PageViewManager> pageViewManager,
-                                 PageName pageName, ReportingParameters pageViewReportingParameters);
-  PageViewTrackingViewController(std::optional<std::string> nibName,
-                                 std::optional<platform::Bundle> bundle,
-                                 std::shared_ptr<PageViewManager> pageViewManager,
-                                 PageName pageName,
-                                 ReportingParameters pageViewReportingParameters);
-  // Throws platform::CoderError for an unreadable archive; use
-  // platform::makeFromCoder<T>(coder, manager, name, parameters) for a null
-  // result instead.
-  PageViewTrackingViewController(const platform::Coder& coder,
-                                 std::shared_ptr<PageViewManager> pageViewManager,
-                                 PageName pageName,
-                                 ReportingParameters pageViewReportingParameters);
-
-  // The platform's own forms, which a toolkit may call generically; a
-  // tracked screen cannot exist without its manager, so each stops the
-  // program.
+  using PageViewTracking::PageViewTracking;
   explicit PageViewTrackingViewController(const platform::Coder& coder);
   PageViewTrackingViewController(std::optional<std::string> nibName,
                                  std::optional<platform::Bundle> bundle);
 };
 
-class PageViewTrackingCollectionViewController
+class KORVEL_EXPORT PageViewTrackingCollectionViewController
     : public detail::PageViewTracking<platform::CollectionViewController> {
  public:
-  PageViewTrackingCollectionViewController(platform::CollectionViewLayout collectionViewLayout,
-                                           std::shared_ptr<PageViewManager> pageViewManager,
-                                           PageName pageName,
-                                           ReportingParameters pageViewReportingParameters);
-  PageViewTrackingCollectionViewController(std::shared_ptr<PageViewManager> pageViewManager,
-                                           PageName pageName,
-                                           ReportingParameters pageViewReportingParameters);
-  PageViewTrackingCollectionViewController(std::optional<std::string> nibName,
-                                           std::optional<platform::Bundle> bundle,
-                                           std::shared_ptr<PageViewManager> pageViewManager,
-                                           PageName pageName,
-                                           ReportingParameters pageViewReportingParameters);
-  PageViewTrackingCollectionViewController(const platform::Coder& coder,
-                                           std::shared_ptr<PageViewManager> pageViewManager,
-                                           PageName pageName,
-                                           ReportingParameters pageViewReportingParameters);
-
-  // Refused platform forms (stop the program).
+  using PageViewTracking::PageViewTracking;
   explicit PageViewTrackingCollectionViewController(const platform::Coder& coder);
   PageViewTrackingCollectionViewController(std::optional<std::string> nibName,
                                            std::optional<platform::Bundle> bundle);
@@ -180,27 +174,10 @@ class PageViewTrackingCollectionViewController
       platform::CollectionViewLayout collectionViewLayout);
 };
 
-class PageViewTrackingTableViewController
+class KORVEL_EXPORT PageViewTrackingTableViewController
     : public detail::PageViewTracking<platform::TableViewController> {
  public:
-  PageViewTrackingTableViewController(platform::TableViewStyle style,
-                                      std::shared_ptr<PageViewManager> pageViewManager,
-                                      PageName pageName,
-                                      ReportingParameters pageViewReportingParameters);
-  PageViewTrackingTableViewController(std::shared_ptr<PageViewManager> pageViewManager,
-                                      PageName pageName,
-                                      ReportingParameters pageViewReportingParameters);
-  PageViewTrackingTableViewController(std::optional<std::string> nibName,
-                                      std::optional<platform::Bundle> bundle,
-                                      std::shared_ptr<PageViewManager> pageViewManager,
-                                      PageName pageName,
-                                      ReportingParameters pageViewReportingParameters);
-  PageViewTrackingTableViewController(const platform::Coder& coder,
-                                      std::shared_ptr<PageViewManager> pageViewManager,
-                                      PageName pageName,
-                                      ReportingParameters pageViewReportingParameters);
-
-  // Refused platform forms (stop the program).
+  using PageViewTracking::PageViewTracking;
   explicit PageViewTrackingTableViewController(const platform::Coder& coder);
   PageViewTrackingTableViewController(std::optional<std::string> nibName,
                                       std::optional<platform::Bundle> bundle);
@@ -221,7 +198,7 @@ class PageViewDataProvidingController : public TrackingController, public PageVi
 
 // Tracks a declarative view as one page: appear pushes it, disappear closes
 // it, a new name or new parameters in a later description are reported.
-class PageViewModifier {
+class KORVEL_EXPORT PageViewModifier {
  public:
   // Throws std::invalid_argument for a null manager.
   PageViewModifier(PageName name, ReportingParameters reportingParameters,
@@ -244,7 +221,7 @@ class PageViewModifier {
 };
 
 // content tracked as a page: content.modifier(PageViewModifier(...)).
-platform::View pageView(const platform::View& content, PageName name,
+KORVEL_EXPORT platform::View pageView(const platform::View& content, PageName name,
                         ReportingParameters reportingParameters,
                         std::shared_ptr<PageViewManager> manager);
 

@@ -20,7 +20,7 @@ void Pasteboard::setData(Data data, std::string_view type) {
 }
 
 void Pasteboard::setItem(Item item) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   item_ = std::move(item);
   ++changeCount_;
 }
@@ -34,19 +34,19 @@ std::optional<std::string> Pasteboard::string() const {
 }
 
 std::optional<Data> Pasteboard::dataForType(std::string_view type) const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   auto it = item_.find(type);
   if (it == item_.end()) return std::nullopt;
   return it->second;
 }
 
 Pasteboard::Item Pasteboard::item() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return item_;
 }
 
 uint64_t Pasteboard::changeCount() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return changeCount_;
 }
 

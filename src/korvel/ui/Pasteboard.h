@@ -7,21 +7,23 @@
 // changeCount() moved). Any thread.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <cstdint>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include <korvel/foundation/Data.h>
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
 inline constexpr std::string_view kPasteboardTypePlainText = "public.utf8-plain-text";
 inline constexpr std::string_view kPasteboardTypeRTF = "public.rtf";
 
-class Pasteboard {
+class KORVEL_EXPORT Pasteboard {
  public:
   // One copied item: its representations by type.
   using Item = std::map<std::string, Data, std::less<>>;
@@ -49,9 +51,9 @@ class Pasteboard {
   uint64_t changeCount() const;
 
  private:
-  mutable std::mutex mutex_;
-  Item item_;
-  uint64_t changeCount_ = 0;
+  mutable Mutex mutex_;
+  Item item_ KORVEL_GUARDED_BY(mutex_);
+  uint64_t changeCount_ KORVEL_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace korvel::platform

@@ -1,5 +1,7 @@
 #include <korvel/ui/RichText.h>
 
+#include <korvel/foundation/UTF8.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <vector>
@@ -8,48 +10,6 @@ namespace korvel::platform {
 
 namespace {
 
-// One code point from UTF-8 at text[i], advancing i; U+FFFD for a broken or
-// overlong sequence (one byte is consumed then, so decoding resynchronises).
-char32_t nextCodePoint(const std::string& text, size_t& i) {
-  const auto byte = [&](size_t at) { return static_cast<unsigned char>(text[at]); };
-  const unsigned char lead = byte(i);
-  if (lead < 0x80) {
-    ++i;
-    return lead;
-  }
-  size_t length = 0;
-  char32_t cp = 0;
-  char32_t minimum = 0;
-  if ((lead & 0xE0) == 0xC0) {
-    length = 2, cp = lead & 0x1F, minimum = 0x80;
-  } else if ((lead & 0xF0) == 0xE0) {
-    length = 3, cp = lead & 0x0F, minimum = 0x800;
-  } else if ((lead & 0xF8) == 0xF0) {
-    length = 4, cp = lead & 0x07, minimum = 0x10000;
-  } else {
-    ++i;
-    return 0xFFFD;
-  }
-  if (i + length > text.size()) {
-    ++i;
-    return 0xFFFD;
-  }
-  for (size_t k = 1; k < length; ++k) {
-    const unsigned char next = byte(i + k);
-    if ((next & 0xC0) != 0x80) {
-      ++i;
-      return 0xFFFD;
-    }
-    cp = (cp << 6) | (next & 0x3F);
-  }
-  if (cp < minimum || cp > 0x10FFFF || (cp >= 0xD800 && cp <= 0xDFFF)) {
-    ++i;
-    return 0xFFFD;
-  }
-  i += length;
-  return cp;
-}
-
 void appendUnicodeEscape(std::string& out, uint16_t unit) {
   // \uN takes a signed 16-bit decimal.
   out += "\\u" + std::to_string(static_cast<int16_t>(unit)) + "?";
@@ -57,7 +17,9 @@ void appendUnicodeEscape(std::string& out, uint16_t unit) {
 
 void appendEscaped(std::string& out, const std::string& text) {
   for (size_t i = 0; i < text.size();) {
-    const char32_t cp = nextCodePoint(text, i);
+    const UTF8Character character = utf8CharacterAt(text, i);
+    const char32_t cp = character.codePoint;
+    i += character.length;
     switch (cp) {
       case '\\': out += "\\\\"; break;
       case '{': out += "\\{"; break;

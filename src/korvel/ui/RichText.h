@@ -9,21 +9,23 @@
 // U+FFFD.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <string>
 
 #include <korvel/ui/StyledText.h>
 
 namespace korvel::platform {
 
-std::string rtfFromStyledText(const StyledText& text);
+KORVEL_EXPORT std::string rtfFromStyledText(const StyledText& text);
 
 // Red, green and blue (0-255) of the named text colours as RTF writes them.
-struct RGB8 {
+struct KORVEL_EXPORT RGB8 {
   int red = 0;
   int green = 0;
   int blue = 0;
   friend bool operator==(const RGB8&, const RGB8&) = default;
 };
-RGB8 rgbOfTextColor(TextColor color);
+KORVEL_EXPORT RGB8 rgbOfTextColor(TextColor color);
 
 }  // namespace korvel::platform

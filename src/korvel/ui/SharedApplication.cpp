@@ -14,7 +14,7 @@ bool Application::defaultOpenURL(const std::string&) { return false; }
 bool Application::openURL(const std::string& url) {
   std::shared_ptr<const OpenURLImplementation> implementation;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     implementation = own_;
   }
   // Called unlocked: the implementation may open further URLs or swap
@@ -23,12 +23,12 @@ bool Application::openURL(const std::string& url) {
 }
 
 bool Application::definesOpenURL() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return own_ != nullptr;
 }
 
 Application::OpenURLImplementation Application::openURLImplementation() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (own_) return *own_;
   return &Application::defaultOpenURL;
 }
@@ -36,12 +36,12 @@ Application::OpenURLImplementation Application::openURLImplementation() const {
 void Application::setOpenURLImplementation(OpenURLImplementation implementation) {
   if (!implementation) return;
   auto made = std::make_shared<const OpenURLImplementation>(std::move(implementation));
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   own_ = std::move(made);
 }
 
 void Application::removeOpenURLImplementation() {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   own_.reset();
 }
 
@@ -53,7 +53,7 @@ Application::OpenURLImplementation Application::exchangeOpenURLImplementation(
   }
   std::shared_ptr<const OpenURLImplementation> former;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     former = std::exchange(own_, std::move(made));
   }
   if (former) return *former;

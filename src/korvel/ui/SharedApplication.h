@@ -13,14 +13,17 @@
 // may itself use the application.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
-class Application {
+class KORVEL_EXPORT Application {
  public:
   // Answers whether the URL was handed on.
   using OpenURLImplementation = std::function<bool(const std::string& url)>;
@@ -53,8 +56,8 @@ class Application {
   static bool defaultOpenURL(const std::string& url);
 
  private:
-  mutable std::mutex mutex_;
-  std::shared_ptr<const OpenURLImplementation> own_;
+  mutable Mutex mutex_;
+  std::shared_ptr<const OpenURLImplementation> own_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel::platform

@@ -2,6 +2,8 @@
 // colour. Toolkit-neutral; a renderer maps the runs to its own fonts.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <string>
 #include <vector>
 
@@ -10,7 +12,7 @@ namespace korvel::platform {
 enum class FontWeight { Regular, Semibold, Bold, Heavy };
 enum class TextColor { Label, SystemBlue };
 
-struct TextRun {
+struct KORVEL_EXPORT TextRun {
   std::string text;
   FontWeight weight = FontWeight::Regular;
   double pointSize = 13;
@@ -18,7 +20,7 @@ struct TextRun {
   friend bool operator==(const TextRun&, const TextRun&) = default;
 };
 
-class StyledText {
+class KORVEL_EXPORT StyledText {
  public:
   StyledText() = default;
   StyledText(std::string text, FontWeight weight, double pointSize,

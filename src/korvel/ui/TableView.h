@@ -12,6 +12,8 @@
 // forwards and tests make directly. Main thread only.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <compare>
 #include <cstddef>
 #include <cstdint>
@@ -25,14 +27,14 @@
 
 namespace korvel::platform {
 
-struct IndexPath {
+struct KORVEL_EXPORT IndexPath {
   size_t section = 0;
   size_t row = 0;
   friend auto operator<=>(const IndexPath&, const IndexPath&) = default;
 };
 
 // What one row shows.
-struct TableCell {
+struct KORVEL_EXPORT TableCell {
   // The row's text; styled rows also give attributedText, whose plain text
   // equals text.
   std::string text;
@@ -52,13 +54,13 @@ struct TableCell {
 enum class TableRowAnimation { None, Automatic, Fade, Top };
 
 // One entry of a row's long-press menu.
-struct MenuAction {
+struct KORVEL_EXPORT MenuAction {
   std::string title;
   std::string systemImageName;
   std::function<void()> handler;
 };
 
-class TableViewDataSource {
+class KORVEL_EXPORT TableViewDataSource {
  public:
   virtual ~TableViewDataSource() = default;
   virtual size_t numberOfSections() const { return 1; }
@@ -67,7 +69,7 @@ class TableViewDataSource {
   virtual std::optional<std::string> titleForHeaderInSection(size_t) const { return std::nullopt; }
 };
 
-class TableViewDelegate {
+class KORVEL_EXPORT TableViewDelegate {
  public:
   virtual ~TableViewDelegate() = default;
   // False keeps the row from being highlighted and selected by the user.
@@ -79,7 +81,7 @@ class TableViewDelegate {
 };
 
 // The pull-to-refresh spinner at the top of a table.
-class RefreshControl {
+class KORVEL_EXPORT RefreshControl {
  public:
   bool isRefreshing() const { return refreshing_; }
   void beginRefreshing() { refreshing_ = true; }
@@ -95,7 +97,7 @@ class RefreshControl {
   bool refreshing_ = false;
 };
 
-class TableView {
+class KORVEL_EXPORT TableView {
  public:
   // What the last change to the table was.
   struct Update {

@@ -12,6 +12,8 @@
 // Everything here is main-thread only, like the toolkits it stands for.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <functional>
 #include <memory>
 #include <optional>
@@ -30,7 +32,7 @@ namespace korvel::platform {
 // Imperative screens
 
 // Where a screen's interface file lives.
-struct Bundle {
+struct KORVEL_EXPORT Bundle {
   std::string identifier;
   friend bool operator==(const Bundle&, const Bundle&) = default;
 };
@@ -41,12 +43,12 @@ struct Bundle {
 using Coder = KeyedUnarchiver;
 
 // A screen's archive could not be read (a key of the wrong kind).
-class CoderError : public std::runtime_error {
+class KORVEL_EXPORT CoderError : public std::runtime_error {
  public:
   using std::runtime_error::runtime_error;
 };
 
-class ViewController {
+class KORVEL_EXPORT ViewController {
  public:
   // No interface file: the screen builds its views in code.
   ViewController() = default;
@@ -99,7 +101,7 @@ class ViewController {
 };
 
 // How a collection screen lays out its items.
-struct CollectionViewLayout {
+struct KORVEL_EXPORT CollectionViewLayout {
   enum class ScrollDirection { Vertical, Horizontal };
   ScrollDirection scrollDirection = ScrollDirection::Vertical;
   double itemSpacing = 10;
@@ -107,7 +109,7 @@ struct CollectionViewLayout {
   friend bool operator==(const CollectionViewLayout&, const CollectionViewLayout&) = default;
 };
 
-class CollectionViewController : public ViewController {
+class KORVEL_EXPORT CollectionViewController : public ViewController {
  public:
   explicit CollectionViewController(CollectionViewLayout layout) : layout_(layout) {}
   CollectionViewController() = default;
@@ -123,7 +125,7 @@ class CollectionViewController : public ViewController {
 
 enum class TableViewStyle { Plain, Grouped, InsetGrouped };
 
-class TableViewController : public ViewController {
+class KORVEL_EXPORT TableViewController : public ViewController {
  public:
   explicit TableViewController(TableViewStyle style) : style_(style) {}
   TableViewController() = default;
@@ -190,7 +192,7 @@ class State {
 // A description of a piece of user interface: what to draw and what to do
 // when it appears, disappears or a watched value changes. Modifiers return a
 // modified copy; descriptions are cheap to copy and never change.
-class View {
+class KORVEL_EXPORT View {
  public:
   View() = default;
   // content draws the view with the host's toolkit (an ImGui window body,
@@ -265,7 +267,7 @@ class View {
 
 // One on-screen identity of a view: keeps its state and the values its
 // change handlers last saw, for as long as the host keeps the ViewHost.
-class ViewHost {
+class KORVEL_EXPORT ViewHost {
  public:
   ViewHost() = default;
   ViewHost(const ViewHost&) = delete;
@@ -305,14 +307,14 @@ class ViewHost {
 enum class AlertStyle { Alert, ActionSheet };
 enum class AlertActionStyle { Default, Cancel, Destructive };
 
-struct AlertAction {
+struct KORVEL_EXPORT AlertAction {
   std::string title;
   AlertActionStyle style = AlertActionStyle::Default;
   std::function<void()> handler;  // may be empty: the button only closes the alert
 };
 
 // A message with buttons, shown modally by a Presenter.
-struct Alert {
+struct KORVEL_EXPORT Alert {
   std::string title;
   std::string message;
   AlertStyle preferredStyle = AlertStyle::Alert;
@@ -327,7 +329,7 @@ enum class UserInterfaceIdiom { Unspecified, Phone, Pad, Mac };
 
 // A screen that presents others modally; the host implements it over its
 // toolkit (a window stack, a dialog), tests with a recording double.
-class Presenter {
+class KORVEL_EXPORT Presenter {
  public:
   virtual ~Presenter() = default;
   virtual void presentViewController(std::shared_ptr<ViewController> screen,

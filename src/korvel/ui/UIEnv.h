@@ -11,6 +11,8 @@
 // and tear-down); reads are a single atomic load.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <string>
 
@@ -20,7 +22,7 @@ namespace korvel::platform {
 
 class MainQueue;
 
-class UIEnv {
+class KORVEL_EXPORT UIEnv {
  public:
   virtual ~UIEnv() = default;
 
@@ -34,7 +36,7 @@ class UIEnv {
 };
 
 // Forwards every call to a target UIEnv; subclass it to override a few.
-class UIEnvWrapper : public UIEnv {
+class KORVEL_EXPORT UIEnvWrapper : public UIEnv {
  public:
   explicit UIEnvWrapper(UIEnv& target) : target_(target) {}
   UIEnv& target() const { return target_; }
@@ -49,10 +51,10 @@ class UIEnvWrapper : public UIEnv {
 };
 
 // The UIEnv in force (UIEnv::Default() unless a ScopedUIEnv is active).
-UIEnv& uiEnv();
+KORVEL_EXPORT UIEnv& uiEnv();
 
 // Installs a UIEnv for its lifetime and restores the previous one afterwards.
-class ScopedUIEnv {
+class KORVEL_EXPORT ScopedUIEnv {
  public:
   explicit ScopedUIEnv(UIEnv& replacement);
   ~ScopedUIEnv();

@@ -1,7 +1,8 @@
 #include <korvel/ui/ViewNode.h>
 
 #include <algorithm>
-#include <mutex>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -87,8 +88,8 @@ Point ViewNode::convertPointToDescendant(Point point, const ViewNode& descendant
 namespace {
 
 struct MainScreen {
-  std::mutex mutex;
-  Size size{1280, 720};
+  Mutex mutex;
+  Size size KORVEL_GUARDED_BY(mutex){1280, 720};
 };
 
 MainScreen& mainScreen() {
@@ -100,13 +101,13 @@ MainScreen& mainScreen() {
 
 Rect Screen::mainScreenBounds() {
   auto& screen = mainScreen();
-  std::lock_guard lock(screen.mutex);
+  MutexLock lock(screen.mutex);
   return Rect{{0, 0}, screen.size};
 }
 
 void Screen::setMainScreenSize(Size size) {
   auto& screen = mainScreen();
-  std::lock_guard lock(screen.mutex);
+  MutexLock lock(screen.mutex);
   screen.size = size;
 }
 

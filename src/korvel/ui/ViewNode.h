@@ -11,6 +11,8 @@
 // transforms). Main thread only, except Screen, which any thread may use.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <memory>
 #include <optional>
 #include <string>
@@ -18,19 +20,19 @@
 
 namespace korvel::platform {
 
-struct Point {
+struct KORVEL_EXPORT Point {
   double x = 0;
   double y = 0;
   friend bool operator==(const Point&, const Point&) = default;
 };
 
-struct Size {
+struct KORVEL_EXPORT Size {
   double width = 0;
   double height = 0;
   friend bool operator==(const Size&, const Size&) = default;
 };
 
-struct Rect {
+struct KORVEL_EXPORT Rect {
   Point origin;
   Size size;
 
@@ -51,7 +53,7 @@ struct Rect {
 };
 
 // Red, green, blue and alpha in 0...1.
-struct Color {
+struct KORVEL_EXPORT Color {
   double red = 0;
   double green = 0;
   double blue = 0;
@@ -63,7 +65,7 @@ struct Color {
   friend bool operator==(const Color&, const Color&) = default;
 };
 
-class ViewNode : public std::enable_shared_from_this<ViewNode> {
+class KORVEL_EXPORT ViewNode : public std::enable_shared_from_this<ViewNode> {
  public:
   // Views with an alpha below this are invisible to touches.
   static constexpr double kMinimumHitTestAlpha = 0.01;
@@ -138,7 +140,7 @@ class ViewNode : public std::enable_shared_from_this<ViewNode> {
 // The device's main screen. A Linux host sets its size to the area its
 // renderer draws in (the display, or the host window); windows that cover
 // the screen are made with these bounds. Any thread.
-class Screen {
+class KORVEL_EXPORT Screen {
  public:
   Screen() = delete;
   // 1280 x 720 until the host sets its own.

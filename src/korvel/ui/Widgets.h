@@ -7,6 +7,8 @@
 // only.
 #pragma once
 
+#include <korvel/export.h>
+
 #include <functional>
 #include <string>
 #include <utility>
@@ -14,7 +16,7 @@
 
 namespace korvel::platform {
 
-class Switch {
+class KORVEL_EXPORT Switch {
  public:
   bool isOn() const { return on_; }
   // Programmatic change: no value-changed action.
@@ -41,14 +43,14 @@ class Switch {
 class TextField;
 
 // Answers the text field's questions (only the return key here).
-class TextFieldDelegate {
+class KORVEL_EXPORT TextFieldDelegate {
  public:
   virtual ~TextFieldDelegate() = default;
   // True lets the field process the return key.
   virtual bool textFieldShouldReturn(TextField& field) = 0;
 };
 
-class TextField {
+class KORVEL_EXPORT TextField {
  public:
   const std::string& text() const { return text_; }
   void setText(std::string text) { text_ = std::move(text); }
@@ -72,7 +74,7 @@ class TextField {
   TextFieldDelegate* delegate_ = nullptr;  // not owned
 };
 
-class Button {
+class KORVEL_EXPORT Button {
  public:
   Button() = default;
   explicit Button(std::string title) : title_(std::move(title)) {}
@@ -105,7 +107,7 @@ class Button {
   bool hidden_ = false;
 };
 
-class Label {
+class KORVEL_EXPORT Label {
  public:
   Label() = default;
   explicit Label(std::string text) : text_(std::move(text)) {}
@@ -116,7 +118,7 @@ class Label {
   std::string text_;
 };
 
-class ActivityIndicator {
+class KORVEL_EXPORT ActivityIndicator {
  public:
   bool isAnimating() const { return animating_; }
   void startAnimating() { animating_ = true; }
@@ -132,7 +134,7 @@ class ActivityIndicator {
 
 // A screen's root view as far as gestures go: taps on empty areas of the
 // screen go to its tap handlers, in the order they were added.
-class TapTarget {
+class KORVEL_EXPORT TapTarget {
  public:
   void addTapHandler(std::function<void()> handler) { handlers_.push_back(std::move(handler)); }
   // The user taps the view.
@@ -149,7 +151,7 @@ class TapTarget {
 
 // Runs animations at once (a renderer interpolates towards the new state)
 // and completion on the current Env's main queue after duration seconds.
-void animate(double duration, const std::function<void()>& animations,
+KORVEL_EXPORT void animate(double duration, const std::function<void()>& animations,
              std::function<void()> completion);
 
 }  // namespace korvel::platform

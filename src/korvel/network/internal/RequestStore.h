@@ -33,13 +33,13 @@
 #include <filesystem>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <span>
 #include <string>
 #include <string_view>
 #include <vector>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/Logging.h>
 
 namespace korvel::platform {
@@ -88,7 +88,11 @@ enum class FrameStatus {
 FrameStatus decodeFrame(std::string_view data, size_t& offset, StoredRequest& out);
 
 // The offset of the next frame that decodes, at or after from; nothing when
-// there is none.
+// there is none. Checking a candidate costs its claimed body length, taken
+// from budget; nothing, too, once the budget is spent (a file made of
+// candidates that each claim a long body would otherwise take time
+// quadratic in its size).
+std::optional<size_t> findNextFrame(std::string_view data, size_t from, uint64_t& budget);
 std::optional<size_t> findNextFrame(std::string_view data, size_t from);
 
 struct StoreStats {
@@ -107,11 +111,18 @@ class RequestStore {
   // false when it could not be written, the request then lives in memory.
   virtual bool append(std::string_view frame, uint64_t id) = 0;
 
+  // Any thread. The stored request with this id, read back from the
+  // journal; nothing when it is not stored (finished, never stored, or
+  // unreadable).
+  virtual std::optional<StoredRequest> load(uint64_t id) = 0;
+
   // The rest is for the writer thread only.
 
   // Requests stored by earlier runs and not finished, oldest first, after
   // setting aside what cannot be read. Called once, before the first sync.
-  virtual std::vector<StoredRequest> recover() = 0;
+  // Takes time linear in the files' size; when stop turns true it ends
+  // early, leaving the segments it has not read for the next start.
+  virtual std::vector<StoredRequest> recover(const std::atomic<bool>* stop = nullptr) = 0;
 
   // Forgets the finished requests (delivered or dropped) and makes every
   // append and every forget so far survive a power loss.
@@ -122,6 +133,10 @@ class RequestStore {
   virtual void compact() = 0;
 
   virtual StoreStats stats() const = 0;
+
+  // False while the store cannot write where it survives a restart (its
+  // directory vanished and could not be made again). Any thread.
+  virtual bool durable() const = 0;
 };
 
 struct RequestStoreOptions {
@@ -185,6 +200,7 @@ class JournalFront {
     uint64_t physicalBytes = 0;  // the file's size
     std::vector<StoredRequest> records;
     std::vector<uint64_t> offsets;  // of each record's frame
+    bool stopped = false;
   };
 
   explicit JournalFront(RequestStoreOptions options) : options_(std::move(options)) {}
@@ -205,31 +221,44 @@ class JournalFront {
   const Logger& logger() const { return options_.logger; }
 
   // Any thread.
-  bool append(std::string_view frame, uint64_t id);
+  bool append(std::string_view frame, uint64_t id) KORVEL_EXCLUDES(mutex_);
   // Appends on the writer thread (records carried forward); not reported by
   // drain(). The frame's location, or nothing when it failed.
-  std::optional<Appended> appendCarried(std::string_view frame, uint64_t id);
+  std::optional<Appended> appendCarried(std::string_view frame, uint64_t id)
+      KORVEL_EXCLUDES(mutex_);
 
-  Drained drain();
+  Drained drain() KORVEL_EXCLUDES(mutex_);
+
+  // True when the directory is gone (deleted while in use).
+  bool directoryVanished() const;
+  // Makes the directory again, takes its lock and moves appends on to a new
+  // segment there; the old active segment is closed (reported by the next
+  // drain) and stays readable through readOpen() until the next
+  // syncActive(). False, with the reason logged, when it cannot.
+  bool rehome() KORVEL_EXCLUDES(mutex_);
+  // Reads bytes of a segment the front still has open (active, closing).
+  bool readOpen(uint32_t number, uint64_t offset, std::string& out) const KORVEL_EXCLUDES(mutex_);
 
   // Segments of earlier runs found by open(), oldest first.
   const std::vector<uint32_t>& earlierSegments() const { return earlierSegments_; }
-  uint32_t activeSegment() const;
+  uint32_t activeSegment() const KORVEL_EXCLUDES(mutex_);
   // Used bytes of the active segment; UINT64_MAX when it cannot take more.
-  uint64_t activeBytes() const;
+  uint64_t activeBytes() const KORVEL_EXCLUDES(mutex_);
 
   // Closes the active segment (reported by the next drain(), finished by the
   // next syncActive()) and starts the next one. False when no new segment
   // could be made.
-  bool rotate();
+  bool rotate() KORVEL_EXCLUDES(mutex_);
   // Tops up the spare segments, makes every append so far survive a power
   // loss, and finishes the segments closed since the last call (synced, cut
   // to their used length, unmapped). Writer thread.
-  void syncActive();
+  void syncActive() KORVEL_EXCLUDES(mutex_);
   void syncDirectory();
 
   std::filesystem::path segmentPath(uint32_t number) const;
-  SegmentContents readSegment(uint32_t number) const;
+  // Reading stops early (tail Truncated at the point reached, stopped set)
+  // when stop turns true.
+  SegmentContents readSegment(uint32_t number, const std::atomic<bool>* stop = nullptr) const;
   // Cuts a closed segment of an earlier run to its used length.
   void trimSegment(uint32_t number, uint64_t usedBytes);
   // Moves a file to "aside" and logs why; deletes it when that fails.
@@ -238,7 +267,7 @@ class JournalFront {
 
   // Bytes of the store's files (not "aside", not the lock), counting open
   // segments by their used length.
-  uint64_t bytesOnDisk() const;
+  uint64_t bytesOnDisk() const KORVEL_EXCLUDES(mutex_);
 
  private:
   struct Segment {
@@ -250,7 +279,9 @@ class JournalFront {
     bool dirty = false;     // appended to since the last sync
     bool broken = false;    // a failed pwrite left it unusable
 
-    bool hasRoom(size_t size) const { return map == nullptr || bytes + size <= capacity; }
+    bool hasRoom(size_t size) const {
+      return bytes + size <= (map == nullptr ? kMaxSegmentBytes : capacity);
+    }
   };
 
   // Creates, reserves and maps a new segment with room for at least
@@ -260,9 +291,10 @@ class JournalFront {
   std::optional<Segment> createSegment(size_t frameBytes, bool prefault, std::string& error);
   // Closes the active segment and installs the spare or a new one; with the
   // lock held. False when no segment could be made.
-  bool switchSegmentLocked(size_t frameBytes);
-  std::optional<Appended> appendLocked(std::string_view frame, uint64_t id, bool& switched);
-  void topUpSpares();
+  bool switchSegmentLocked(size_t frameBytes) KORVEL_REQUIRES(mutex_);
+  std::optional<Appended> appendLocked(std::string_view frame, uint64_t id, bool& switched)
+      KORVEL_REQUIRES(mutex_);
+  void topUpSpares() KORVEL_EXCLUDES(mutex_);
   void finish(Segment& segment);
 
   RequestStoreOptions options_;
@@ -272,16 +304,20 @@ class JournalFront {
   std::atomic<uint32_t> nextSegment_{1};
   std::atomic<bool> directoryDirty_{false};
 
+  // Offsets in a segment fit 32 bits (the store's index keeps them so).
+  static constexpr uint64_t kMaxSegmentBytes = 1ull << 30;
+
   // Two spares carry a burst of appends over the time the writer takes to
   // notice that one was taken and to make the next.
   static constexpr size_t kSpareSegments = 2;
 
-  mutable std::mutex mutex_;  // guards everything below
-  Segment active_;
-  std::vector<Segment> spares_;
-  std::vector<Segment> closing_;  // closed, not yet finished by syncActive()
-  std::vector<Appended> appended_;
-  std::vector<uint32_t> closed_;
+  mutable Mutex mutex_;
+  Segment active_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<Segment> spares_ KORVEL_GUARDED_BY(mutex_);
+  // Closed, not yet finished by syncActive().
+  std::vector<Segment> closing_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<Appended> appended_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<uint32_t> closed_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel::platform

@@ -1,6 +1,12 @@
 // The shapes every report operation shares: start a dictionary, set keys,
 // merge the tag's parameters, merge the caller's extra data, send; and the
 // lookup of an enumeration value in a word table.
+//
+// Every report operation is noexcept: its body is a function-try-block
+// whose handler logs the failure (KVRLogging::logReportFailure) and returns
+// no uuid, so nothing thrown below it (out of memory, a host callback)
+// reaches the host. The tagging session calls alone let their misuse
+// assertion (KVRAssertionException) through.
 #pragma once
 
 #include <cstdint>
@@ -11,6 +17,7 @@
 
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
+#include <korvel/beacon/KVRLogging.h>
 #include <korvel/foundation/KVRParameters.h>
 #include <korvel/beacon/KVRReportingUtilities.h>
 

@@ -1,0 +1,209 @@
+#include <korvel/Korvel.h>
+
+#include <atomic>
+#include <mutex>
+#include <span>
+#include <system_error>
+
+#include <korvel/network/internal/DurableRequestExecutor.h>
+#include <korvel/platform/Files.h>
+#include <korvel/platform/Logging.h>
+
+namespace korvel {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+constexpr const char* kConsentFileName = "consent";
+constexpr const char* kBeaconsFolderName = "beacons";
+constexpr std::string_view kOptedOutContent = "opted-out\n";
+
+struct State {
+  std::mutex mutex;
+  bool started = false;
+  bool userSession = false;
+  std::string bundleIdentifier;
+  fs::path dataDirectory;
+  // The host's own executor, when it gave one.
+  std::shared_ptr<KVNNetworkBackgroundRequestExecutor> hostExecutor;
+  // Read without the mutex by optedOut().
+  std::atomic<bool> optedOut{false};
+};
+
+State& state() {
+  static State* s = new State;
+  return *s;
+}
+
+platform::Logger logger() {
+  return platform::Logger(platform::env().mainBundleIdentifier().value_or("Unknown bundle"),
+                          "Reporting");
+}
+
+// The executor beacons go to, made when there is none yet: the host's, or
+// the durable one in the data directory, held while the user is opted out.
+// Runs with the state's mutex held, after start.
+std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s) {
+  if (auto existing = KVRBeacon::existingBackgroundSession()) return existing;
+  std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor = s.hostExecutor;
+  if (!executor) {
+    platform::DurableRequestExecutor::Options options;
+    options.directory = s.dataDirectory / kBeaconsFolderName;
+    options.startPaused = s.optedOut.load();
+    executor = std::make_shared<platform::DurableRequestExecutor>(
+        s.bundleIdentifier + ".backgroundBeacons", std::move(options));
+  } else if (s.optedOut.load()) {
+    executor->setPaused(true);
+  }
+  KVRBeacon::setBackgroundSession(executor);
+  return executor;
+}
+
+Reporting::Result failure(std::string error) {
+  logger().log(platform::LogLevel::Error, "cannot start: " + error);
+  return Reporting::Result{false, std::move(error)};
+}
+
+bool persistConsent(const State& s, bool optedOut) {
+  const fs::path file = s.dataDirectory / kConsentFileName;
+  std::error_code error;
+  if (optedOut) {
+    const auto bytes = std::span(reinterpret_cast<const uint8_t*>(kOptedOutContent.data()),
+                                 kOptedOutContent.size());
+    if (platform::writeFileReplacing(file, bytes, error)) return true;
+  } else {
+    fs::remove(file, error);
+    if (!error) return true;
+  }
+  logger().log(platform::LogLevel::Error,
+               "cannot record the user's choice in " + file.string() + ": " + error.message());
+  return false;
+}
+
+}  // namespace
+
+Reporting::Result Reporting::start(StartOptions options) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  if (s.started) return failure("already started");
+  if (options.bundleIdentifier.empty()) return failure("no bundle identifier");
+  fs::path directory = options.dataDirectory.empty()
+                           ? defaultDataDirectory(options.bundleIdentifier)
+                           : options.dataDirectory;
+  if (directory.empty()) return failure("no data directory (no home directory)");
+  std::error_code error;
+  if (!platform::createPrivateDirectories(directory, error)) {
+    return failure("cannot make the data directory " + directory.string() + ": " +
+                   error.message());
+  }
+
+  s.bundleIdentifier = options.bundleIdentifier;
+  s.dataDirectory = directory;
+  s.hostExecutor = options.executor;
+  s.optedOut = fs::exists(directory / kConsentFileName, error);
+
+  platform::setMainBundleIdentifier(options.bundleIdentifier);
+  if (!options.appVersion.empty()) KVNConfiguration::setAppShortVersion(options.appVersion);
+  if (options.configure) KVNConfiguration::sharedInstance().update(options.configure);
+  KVRBeacon::registerRequestRestorer();
+
+  // Whatever executor was in use before start goes; beacons an earlier run
+  // left are delivered now, unless the user opted out.
+  KVRBeacon::setBackgroundSession(nullptr);
+  if (!s.optedOut) ensureExecutor(s);
+  KVRBeacon::setReportingAllowed(!s.optedOut);
+
+  s.userSession = options.startUserSession;
+  if (s.userSession) KVRUserSession::load();
+  s.started = true;
+  return Result{true, {}};
+}
+
+bool Reporting::started() {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  return s.started;
+}
+
+fs::path Reporting::defaultDataDirectory(const std::string& bundleIdentifier) {
+  // The same base the durable executor uses on its own:
+  // $XDG_DATA_HOME/korvel/<name with unsafe characters replaced>.
+  return platform::DurableRequestExecutor::defaultDirectory(bundleIdentifier);
+}
+
+std::optional<fs::path> Reporting::dataDirectory() {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  if (!s.started) return std::nullopt;
+  return s.dataDirectory;
+}
+
+namespace {
+
+// While the user is opted out the executor is held: a flush answers false at
+// once when kept beacons wait, and still waits for the store's last sync.
+bool flushExecutor(std::chrono::milliseconds deadline) {
+  auto executor = KVRBeacon::existingBackgroundSession();
+  if (!executor) return true;
+  return executor->flush(deadline);
+}
+
+}  // namespace
+
+bool Reporting::flush(std::chrono::milliseconds deadline) { return flushExecutor(deadline); }
+
+bool Reporting::shutdown(std::chrono::milliseconds deadline) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  KVRBeacon::setReportingAllowed(false);
+  if (s.userSession) KVRUserSession::unload();
+  const bool delivered = flushExecutor(deadline);
+  // The durable executor stops when the last reference goes, keeping what
+  // was not delivered for the next start.
+  KVRBeacon::setBackgroundSession(nullptr);
+  s.hostExecutor.reset();
+  s.started = false;
+  s.userSession = false;
+  return delivered;
+}
+
+bool Reporting::setOptedOut(bool out, PendingBeacons pending) {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  s.optedOut = out;
+  if (out) {
+    // First stop new reports, then hold what is queued.
+    KVRBeacon::setReportingAllowed(false);
+    if (auto executor = KVRBeacon::existingBackgroundSession()) executor->setPaused(true);
+  }
+  if (!s.started) {
+    if (!out) KVRBeacon::setReportingAllowed(true);
+    logger().log(platform::LogLevel::Error,
+                 "the user's choice holds for this run only: the library is not started");
+    return false;
+  }
+  const bool persisted = persistConsent(s, out);
+  if (out) {
+    if (pending == PendingBeacons::Purge) {
+      const size_t purged = ensureExecutor(s)->purge();
+      logger().log(platform::LogLevel::Info,
+                   "opted out; " + std::to_string(purged) + " waiting beacons purged");
+    }
+  } else {
+    ensureExecutor(s)->setPaused(false);
+    KVRBeacon::setReportingAllowed(true);
+  }
+  return persisted;
+}
+
+bool Reporting::optedOut() { return state().optedOut.load(); }
+
+size_t Reporting::purgePendingBeacons() {
+  State& s = state();
+  std::lock_guard lock(s.mutex);
+  auto executor = s.started ? ensureExecutor(s) : KVRBeacon::existingBackgroundSession();
+  return executor ? executor->purge() : 0;
+}
+
+}  // namespace korvel

@@ -1,0 +1,179 @@
+// KorvelReporting for hosts: the one header to include, and the library's
+// life cycle and consent switch.
+//
+//   #include <korvel/Korvel.h>
+//
+//   korvel::Reporting::StartOptions options;
+//   options.bundleIdentifier = "com.example.app";
+//   options.appVersion = "2.1";
+//   options.configure = [](korvel::KVNConfiguration::Snapshot& c) {
+//     c.inid = "INSTALLATION-ID";
+//     c.beacons.beaconEndpoint = "https://beacons.example.com/b/{inid}/{appversion}/{devicemodel}";
+//   };
+//   if (auto started = korvel::Reporting::start(options); !started) { /* started.error */ }
+//   korvel::KVRBeacon::sendBeaconOfType(korvel::KVRBeaconTypeUserEvent, {{"type", "share"}});
+//   ...
+//   korvel::Reporting::shutdown(std::chrono::seconds(2));  // before the host exits
+//
+// Life cycle. start() once, before the first report; report operations (the
+// reporter classes, KVRBeacon) from any thread; flush(deadline) when the host
+// wants what it reported delivered now (before a suspend, say), and
+// shutdown(deadline) before it exits: it delivers what it can before the
+// deadline, keeps the rest on disk for the next start and stops the
+// library's threads. Beacons reported after shutdown are dropped. start()
+// may be called again after shutdown().
+//
+// Files. Everything the library keeps is in its data directory,
+// StartOptions::dataDirectory, by default $XDG_DATA_HOME/korvel/<bundle
+// identifier> (~/.local/share/korvel/<bundle identifier> without
+// XDG_DATA_HOME):
+//   beacons/   beacons not yet delivered (a journal; bounded by count and age)
+//   consent    present while the user has opted out
+// The developer tools (korvel_debug) keep their debug files under the
+// documents directory ($XDG_DOCUMENTS_DIR, else ~/Documents) in DEBUG/, and
+// the debug settings under $XDG_CONFIG_HOME/korvel/<bundle identifier>.
+// Every file the library creates is readable by the user alone (0600) and
+// every folder it creates is 0700, whatever the umask.
+//
+// Consent. setOptedOut(true) records the user's choice in the data directory
+// (kept across launches); from then on report operations make no record,
+// queue, write and send nothing, and return no UUID. Beacons reported before
+// stay on disk, unsent, until the user opts in again, unless the host asks
+// for them to be purged (PendingBeacons::Purge, or purgePendingBeacons()).
+//
+// Threads. start() and shutdown() are called by the host's main thread (or
+// one thread at a time); the other operations from any thread. The library
+// owns the executor and the threads it starts; the host owns nothing it gets
+// from here.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+
+#include <korvel/export.h>
+#include <korvel/version.h>
+
+#include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/KVNNetwork.h>
+#include <korvel/foundation/KVRParameters.h>
+#include <korvel/platform/Application.h>
+#include <korvel/platform/Env.h>
+#include <korvel/platform/NotificationCenter.h>
+#include <korvel/beacon/KVRBeacon.h>
+#include <korvel/beacon/KVRBeaconTypes.h>
+#include <korvel/beacon/KVRConstants.h>
+#include <korvel/beacon/KVRGlobalReportingData.h>
+#include <korvel/beacon/KVRReportingUtilities.h>
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/pageviews/BeaconReporter.h>
+#include <korvel/pageviews/PageViewManager.h>
+#include <korvel/pageviews/ReportingValue.h>
+#include <korvel/reporters/KVRAccountsReporter.h>
+#include <korvel/reporters/KVRArtistPageReporter.h>
+#include <korvel/reporters/KVRAuthenticationReporter.h>
+#include <korvel/reporters/KVREventsReporter.h>
+#include <korvel/reporters/KVRHighlightsReporter.h>
+#include <korvel/reporters/KVRIMessageReporter.h>
+#include <korvel/reporters/KVRImpressionReporter.h>
+#include <korvel/reporters/KVRLibraryReporter.h>
+#include <korvel/reporters/KVRLibrarySyncReporter.h>
+#include <korvel/reporters/KVRMetadataPageReporter.h>
+#include <korvel/reporters/KVRNotificationReporter.h>
+#include <korvel/reporters/KVRPlayerReporter.h>
+#include <korvel/reporters/KVRPrivacyConsentReporter.h>
+#include <korvel/reporters/KVRPromptReporter.h>
+#include <korvel/reporters/KVRSearchReporter.h>
+#include <korvel/reporters/KVRSocialReporter.h>
+#include <korvel/reporters/KVRStreamingServiceReporter.h>
+#include <korvel/reporters/KVRTagSyncReporter.h>
+#include <korvel/reporters/KVRTaggingReporter.h>
+#include <korvel/reporters/KVRTrackPageReporter.h>
+#include <korvel/reporters/KVRUserEventReporter.h>
+#include <korvel/reporters/KVRUserPreferenceReporter.h>
+#include <korvel/reporters/KVRWebReporter.h>
+#include <korvel/reporters/KVRWidgetReporter.h>
+
+namespace korvel {
+
+class KORVEL_EXPORT Reporting {
+ public:
+  Reporting() = delete;
+
+  struct StartOptions {
+    // Required: the host's reverse-DNS name ("com.example.app"). It names
+    // the data directory, the log subsystem and the delivery session.
+    std::string bundleIdentifier;
+    // Where the library keeps its files; empty: defaultDataDirectory().
+    // Created (0700) when missing.
+    std::filesystem::path dataDirectory;
+    // The host's short version, the "{appversion}" of the endpoint; empty
+    // leaves it as it is ("1.0" until set).
+    std::string appVersion;
+    // Edits the shared configuration before anything is sent: the beacon
+    // endpoint template, the inid, the device model, server parameters. The
+    // host may change it later through KVNConfiguration::sharedInstance().
+    std::function<void(KVNConfiguration::Snapshot&)> configure;
+    // Who delivers the beacons; null: the library's durable executor, which
+    // keeps undelivered beacons in dataDirectory/beacons across launches.
+    std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor;
+    // Starts the user session and follows the application life-cycle
+    // notifications (KVRUserSession::load).
+    bool startUserSession = true;
+  };
+
+  struct Result {
+    bool ok = false;
+    std::string error;  // why not, when !ok
+    explicit operator bool() const { return ok; }
+  };
+
+  // Starts the library: names the host, makes the data directory, reads the
+  // user's consent, applies the configuration and starts delivery (a start
+  // that finds beacons of an earlier run delivers them, unless the user has
+  // opted out). Fails, changing nothing, without a bundle identifier, when
+  // the data directory cannot be made, or when already started.
+  static Result start(StartOptions options);
+  static bool started();
+
+  // $XDG_DATA_HOME/korvel/<bundle identifier>, or ~/.local/share/...; empty
+  // when there is no home directory either.
+  static std::filesystem::path defaultDataDirectory(const std::string& bundleIdentifier);
+  // The data directory in use; nothing when not started.
+  static std::optional<std::filesystem::path> dataDirectory();
+
+  // Waits until every beacon reported so far has been delivered or given up
+  // (and the store has recorded it), or the deadline passes; true when
+  // nothing is left pending. True at once when nothing was ever sent. While
+  // the user is opted out it does not wait: kept beacons stay pending.
+  static bool flush(std::chrono::milliseconds deadline);
+
+  // flush(deadline), then stops delivery and the user session. Beacons not
+  // delivered by then stay stored for the next start. Reports made after it
+  // are dropped. True when everything was delivered.
+  static bool shutdown(std::chrono::milliseconds deadline);
+
+  enum class PendingBeacons {
+    Keep,   // stored, unsent, until the user opts in again
+    Purge,  // dropped from memory and disk: never sent
+  };
+
+  // Records the user's choice (persisted in the data directory; start()
+  // reads it back). Opting out takes effect before this returns: from then
+  // on no beacon is made, queued, written or sent, and report operations
+  // return no UUID. Opting in lets the kept beacons go. False when it could
+  // not be persisted (not started, or the file cannot be written); the
+  // choice still holds for this run.
+  static bool setOptedOut(bool optedOut, PendingBeacons pending = PendingBeacons::Keep);
+  static bool optedOut();
+
+  // Drops every beacon not yet delivered, in memory and on disk, whatever
+  // the consent; returns how many. One already on the wire may still arrive.
+  static size_t purgePendingBeacons();
+};
+
+}  // namespace korvel

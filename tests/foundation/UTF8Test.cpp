@@ -1,0 +1,45 @@
+#include <korvel/foundation/UTF8.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace korvel::platform {
+namespace {
+
+struct Case {
+  const char* what;
+  std::string text;
+  bool wellFormed;
+  char32_t first;      // the first character read
+  size_t firstLength;  // bytes it takes
+};
+
+TEST(UTF8Test, ReadsCharactersAndRejectsEveryIllFormedSequence) {
+  const std::vector<Case> cases = {
+      {"ASCII", "a", true, U'a', 1},
+      {"two bytes", "\xC3\xA9", true, U'\u00E9', 2},
+      {"three bytes", "\xE2\x82\xAC", true, U'\u20AC', 3},
+      {"four bytes", "\xF0\x9F\x8E\xB5", true, U'\U0001F3B5', 4},
+      {"stray continuation", "\x80", false, U'\uFFFD', 1},
+      {"overlong slash", "\xC0\xAF", false, U'\uFFFD', 1},
+      {"encoded surrogate", "\xED\xA0\x80", false, U'\uFFFD', 1},
+      {"beyond U+10FFFF", "\xF4\x90\x80\x80", false, U'\uFFFD', 1},
+      {"cut short", "\xE2\x82", false, U'\uFFFD', 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.what);
+    EXPECT_EQ(isWellFormedUTF8(c.text), c.wellFormed);
+    const UTF8Character read = utf8CharacterAt(c.text, 0);
+    EXPECT_EQ(read.codePoint, c.first);
+    EXPECT_EQ(read.length, c.firstLength);
+    EXPECT_EQ(read.wellFormed, c.wellFormed);
+    // A bad byte late in otherwise good text spoils the whole.
+    EXPECT_EQ(isWellFormedUTF8("ok \xC3\xA9 " + c.text), c.wellFormed);
+  }
+  EXPECT_TRUE(isWellFormedUTF8(""));
+}
+
+}  // namespace
+}  // namespace korvel::platform
