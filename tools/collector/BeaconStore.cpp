@@ -42,7 +42,8 @@ CREATE TABLE IF NOT EXISTS beacons (
 );
 CREATE INDEX IF NOT EXISTS beacons_event ON beacons(event, id);
 CREATE INDEX IF NOT EXISTS beacons_type ON beacons(type, id);
-CREATE INDEX IF NOT EXISTS beacons_session ON beacons(sessionid, id);
+CREATE INDEX IF NOT EXISTS beacons_event_type ON beacons(event, type);
+CREATE INDEX IF NOT EXISTS beacons_session_span ON beacons(sessionid, id, received, verdict);
 CREATE INDEX IF NOT EXISTS beacons_uuid ON beacons(uuid, id);
 CREATE INDEX IF NOT EXISTS beacons_received ON beacons(received);
 CREATE INDEX IF NOT EXISTS beacons_verdict ON beacons(verdict, id);
