@@ -3,9 +3,25 @@
 // standard output, or appends it to a file. Runs until interrupted, or until
 // --exit-after beacons arrived.
 //
-//   korvel-collector [--port N] [--out FILE] [--fail-first N] [--fail-status S]
+//   korvel-collector [--port N] [--out FILE] [--quiet] [--db FILE]
+//                    [--endpoint-template T] [--allow-event NAME]...
+//                    [--fail-first N] [--fail-status S]
 //                    [--retry-after VALUE] [--delay-ms N] [--drop-first N]
 //                    [--exit-after N] [--configuration FILE]
+//   korvel-collector expect [--url URL] [--count N | --none] [--timeout S]
+//                    [KEY=VALUE ...]
+//
+// Every request is also checked and kept in a store (in memory, or the
+// SQLite file --db) that the inspector page at the printed address and its
+// JSON API (/api/...) show; --endpoint-template tells where the inid and app
+// version sit in the path (default /b/{inid}/{appversion}/{devicemodel});
+// --allow-event accepts an event a host's web page sends (the library lets a
+// page name its own).
+//
+// "expect" asks a running collector (--url, default http://127.0.0.1:8787,
+// or $KORVEL_COLLECTOR_URL) until at least --count beacons (default 1)
+// match the filter, or none with --none; exits 0 when met, 1 when not within
+// --timeout seconds (default 10), 2 on a usage or connection error.
 //
 // --port 0 (the default) picks a free port; the port in use is printed on
 // standard error as "korvel-collector: listening on http://127.0.0.1:PORT".
@@ -28,17 +44,23 @@
 #include <string>
 
 #include "collector/BeaconCollector.h"
+#include "collector/BeaconStore.h"
 #include "collector/ConfigurationEndpoint.h"
+#include "collector/ExpectBeacons.h"
 
 namespace {
 
 void usage() {
   std::fprintf(stderr,
-               "usage: korvel-collector [--port N] [--out FILE] [--fail-first N] "
-               "[--fail-status S]\n"
-               "                        [--retry-after VALUE] [--delay-ms N] [--drop-first N] "
+               "usage: korvel-collector [--port N] [--out FILE] [--quiet] [--db FILE]\n"
+               "                        [--endpoint-template T] [--allow-event NAME]... "
+               "[--fail-first N]\n"
+               "                        [--fail-status S] "
+               "[--retry-after VALUE] [--delay-ms N] [--drop-first N] "
                "[--exit-after N]\n"
-               "                        [--configuration FILE]\n");
+               "                        [--configuration FILE]\n"
+               "       korvel-collector expect [--url URL] [--count N | --none] [--timeout S] "
+               "[KEY=VALUE ...]\n");
 }
 
 bool parseInt(const char* text, long min, long max, long& out) {
@@ -50,19 +72,58 @@ bool parseInt(const char* text, long min, long max, long& out) {
   return true;
 }
 
+int expect(int argc, char** argv) {
+  korvel::tools::Expectation expectation;
+  const char* fromEnv = std::getenv("KORVEL_COLLECTOR_URL");
+  expectation.baseURL = fromEnv ? fromEnv : "http://127.0.0.1:8787";
+  for (int i = 0; i < argc; ++i) {
+    const std::string arg = argv[i];
+    long number = 0;
+    if (arg == "--none") {
+      expectation.none = true;
+    } else if (arg == "--url" && i + 1 < argc) {
+      expectation.baseURL = argv[++i];
+    } else if (arg == "--count" && i + 1 < argc && parseInt(argv[++i], 0, 1'000'000'000, number)) {
+      expectation.atLeast = number;
+    } else if (arg == "--timeout" && i + 1 < argc && parseInt(argv[++i], 0, 86'400, number)) {
+      expectation.deadline = std::chrono::seconds(number);
+    } else if (arg.find('=') != std::string::npos && arg.front() != '-') {
+      const size_t eq = arg.find('=');
+      expectation.filter.emplace(arg.substr(0, eq), arg.substr(eq + 1));
+    } else {
+      std::fprintf(stderr, "korvel-collector expect: bad argument %s\n", arg.c_str());
+      usage();
+      return 2;
+    }
+  }
+  const auto result = korvel::tools::expectBeacons(expectation);
+  using Outcome = korvel::tools::ExpectationResult::Outcome;
+  std::fprintf(result.outcome == Outcome::Met ? stdout : stderr, "korvel-collector expect: %s\n",
+               result.message.c_str());
+  return result.outcome == Outcome::Met ? 0 : result.outcome == Outcome::NotMet ? 1 : 2;
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
+  if (argc >= 2 && std::strcmp(argv[1], "expect") == 0) return expect(argc - 2, argv + 2);
+
   korvel::tools::BeaconCollector::Options options;
   options.keepBeacons = false;
+  korvel::tools::BeaconStore::Options storeOptions;
   std::string outPath;
   long exitAfter = 0;
+  bool quiet = false;
 
   for (int i = 1; i < argc; ++i) {
     const std::string flag = argv[i];
     if (flag == "--help" || flag == "-h") {
       usage();
       return 0;
+    }
+    if (flag == "--quiet") {
+      quiet = true;
+      continue;
     }
     if (i + 1 >= argc) {
       usage();
@@ -76,6 +137,12 @@ int main(int argc, char** argv) {
       options.port = static_cast<int>(number);
     } else if (flag == "--out") {
       outPath = value;
+    } else if (flag == "--db") {
+      storeOptions.file = value;
+    } else if (flag == "--allow-event") {
+      storeOptions.webEvents.insert(value);
+    } else if (flag == "--endpoint-template") {
+      storeOptions.endpointTemplate = value;
     } else if (flag == "--fail-first") {
       ok = parseInt(value, 0, 1'000'000'000, number);
       options.failFirst = static_cast<int>(number);
@@ -130,9 +197,18 @@ int main(int argc, char** argv) {
   pthread_sigmask(SIG_BLOCK, &signals, nullptr);
 
   long received = 0;
+  std::string error;
+  options.store = korvel::tools::BeaconStore::open(storeOptions, &error);
+  if (!options.store) {
+    std::fprintf(stderr, "korvel-collector: cannot open the store: %s\n", error.c_str());
+    return 1;
+  }
+
   options.onBeacon = [&](const korvel::tools::CollectedBeacon& beacon) {
-    out << beacon.toJsonLine() << '\n';
-    out.flush();
+    if (!quiet) {
+      out << beacon.toJsonLine() << '\n';
+      out.flush();
+    }
     if (exitAfter > 0 && ++received == exitAfter) kill(getpid(), SIGTERM);
   };
 
@@ -142,6 +218,7 @@ int main(int argc, char** argv) {
     return 1;
   }
   std::fprintf(stderr, "korvel-collector: listening on %s\n", collector.baseURL().c_str());
+  std::fprintf(stderr, "korvel-collector: inspector on %s/\n", collector.baseURL().c_str());
   std::fflush(stderr);
 
   int signal = 0;

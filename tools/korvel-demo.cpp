@@ -1,12 +1,16 @@
 // korvel-demo: a scripted host session against a beacon collector embedded in
 // this process, on 127.0.0.1. It starts the library, launches, recognises a
 // song, shows a few pages, taps a few things and goes to the background;
-// every beacon is printed as the collector receives it, then a summary.
+// the first beacon's road is printed step by step, then one line per beacon
+// as the collector receives and checks it, then a summary.
 //
 // Exits 0 when every beacon the library submitted arrived, 1 when one was
 // lost, 2 when the demo could not start.
 //
-//   korvel-demo [--keep]     --keep leaves the temporary store directory
+//   korvel-demo [--keep] [--inspect]
+//       --keep leaves the temporary store directory; --inspect keeps the
+//       collector open after the session and prints the address of its
+//       inspector page (until Ctrl-C)
 //   korvel-demo --window [--keep]
 //       the same host as a desktop application with buttons for its pages
 //       and the debug overlay above it (F1 or ` toggles the overlay)
@@ -30,7 +34,7 @@ namespace {
 
 int usage() {
   std::fprintf(stderr,
-               "usage: korvel-demo [--keep]\n"
+               "usage: korvel-demo [--keep] [--inspect]\n"
                "       korvel-demo --window [--keep] [--screenshot PATH [--frames N] [--page P]]\n");
   return 2;
 }
@@ -39,6 +43,7 @@ int usage() {
 
 int main(int argc, char** argv) {
   bool keepStore = false;
+  bool inspect = false;
   bool window = false;
   std::optional<std::string> screenshot;
   int frames = 5;
@@ -47,6 +52,8 @@ int main(int argc, char** argv) {
     const char* arg = argv[i];
     if (std::strcmp(arg, "--keep") == 0) {
       keepStore = true;
+    } else if (std::strcmp(arg, "--inspect") == 0) {
+      inspect = true;
     } else if (std::strcmp(arg, "--window") == 0) {
       window = true;
     } else if (std::strcmp(arg, "--screenshot") == 0 && i + 1 < argc) {
@@ -63,6 +70,10 @@ int main(int argc, char** argv) {
     } else {
       return usage();
     }
+  }
+  if (inspect && window) {
+    std::fprintf(stderr, "korvel-demo: --inspect is for the scripted session, not --window\n");
+    return 2;
   }
   if (screenshot && !window) {
     std::fprintf(stderr, "korvel-demo: --screenshot needs --window\n");
@@ -88,7 +99,8 @@ int main(int argc, char** argv) {
 #endif
   }
 
-  korvel::demo::DemoSession demo(keepStore);
+  if (inspect) korvel::demo::DemoSession::blockInterrupts();
+  korvel::demo::DemoSession demo(keepStore, inspect);
   if (!demo.start()) return 2;
   demo.runScript();
   return demo.finish();

@@ -1,7 +1,16 @@
 // A small host: starts the library, sends a few beacons and prints the URL of
 // each one exactly as it would go on the wire.
+//
+//   korvel-example                 prints the URLs, sends nothing
+//   korvel-example --send BASE     delivers them for real to a collector at
+//                                  BASE (e.g. http://127.0.0.1:8787), through
+//                                  the durable executor in a temporary folder
+#include <stdlib.h>
+
 #include <chrono>
 #include <cstdio>
+#include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
@@ -14,34 +23,59 @@
 #include <korvel/pageviews/PageViewManager.h>
 #include <korvel/platform/Application.h>
 #include <korvel/platform/Env.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/network/InProcessRequestExecutor.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/platform/NotificationCenter.h>
 
 using namespace korvel;
 
-int main() {
+int main(int argc, char** argv) {
+  std::string base = "https://beacons.example.com";
+  const bool send = argc == 3 && std::strcmp(argv[1], "--send") == 0;
+  if (send) {
+    base = argv[2];
+  } else if (argc != 1) {
+    std::fprintf(stderr, "usage: korvel-example [--send BASE_URL]\n");
+    return 2;
+  }
+
   platform::setMainBundleIdentifier("com.korvel.example");
   KVNConfiguration::setAppShortVersion("14.2");
   auto& config = KVNConfiguration::sharedInstance();
-  config.update([](KVNConfiguration::Snapshot& s) {
+  config.update([&](KVNConfiguration::Snapshot& s) {
     s.inid = "EXAMPLE-INID";
     s.configured = true;
     s.deviceModel = "Laptop14,2";
-    s.beacons.beaconEndpoint =
-        "https://beacons.example.com/b/{inid}/{appversion}/{devicemodel}?src=example";
+    s.beacons.beaconEndpoint = base + "/b/{inid}/{appversion}/{devicemodel}?src=example";
     s.beacons.beaconParameters = KVRParameters{{"cohort", "b"}};
   });
 
-  // Print instead of sending: the executor thread builds each URL when it
-  // takes the request, as a real executor does.
-  auto printer = std::make_shared<InProcessRequestExecutor>(
-      "com.korvel.example.backgroundBeacons",
-      [](const KVNNetworkRequest&, const KVNEndpoint& endpoint) {
-        std::printf("GET %s\n", endpoint.urlString().c_str());
-        return true;
-      });
-  KVRBeacon::setBackgroundSession(printer);
+  std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor;
+  std::filesystem::path journal;
+  if (send) {
+    char pattern[] = "/tmp/korvel-example-XXXXXX";
+    if (mkdtemp(pattern) == nullptr) {
+      std::perror("korvel-example: mkdtemp");
+      return 1;
+    }
+    journal = pattern;
+    platform::DurableRequestExecutor::Options options;
+    options.directory = journal;
+    options.concurrency = 1;
+    executor = std::make_shared<platform::DurableRequestExecutor>(
+        "com.korvel.example.backgroundBeacons", options);
+  } else {
+    // Print instead of sending: the executor thread builds each URL when it
+    // takes the request, as a real executor does.
+    executor = std::make_shared<InProcessRequestExecutor>(
+        "com.korvel.example.backgroundBeacons",
+        [](const KVNNetworkRequest&, const KVNEndpoint& endpoint) {
+          std::printf("GET %s\n", endpoint.urlString().c_str());
+          return true;
+        });
+  }
+  KVRBeacon::setBackgroundSession(executor);
 
   KVRUserSession::load();
 
@@ -75,6 +109,13 @@ int main() {
   // page view manager reports the page still open ("home").
   platform::env().notificationCenter().post(platform::ApplicationDidEnterBackgroundNotification);
 
-  printer->flush(std::chrono::seconds(5));
-  return 0;
+  const bool delivered = executor->flush(std::chrono::seconds(10));
+  KVRBeacon::setBackgroundSession(nullptr);
+  executor.reset();
+  if (send) {
+    std::error_code ec;
+    std::filesystem::remove_all(journal, ec);
+    if (!delivered) std::fprintf(stderr, "korvel-example: not every beacon was delivered\n");
+  }
+  return delivered ? 0 : 1;
 }

@@ -165,5 +165,22 @@ TEST_F(KVRBeaconFactoryTest, EmptyRecordOfClassKnowsEveryArchivedName) {
   EXPECT_EQ(KVRBeaconFactory::emptyRecordOfClass(""), nullptr);
 }
 
+TEST_F(KVRBeaconFactoryTest, BeaconTypesDescribeWhatTheFactoryMakes) {
+  const auto types = KVRBeaconFactory::beaconTypes();
+  ASSERT_EQ(types.size(), kTypes.size());
+  for (size_t i = 0; i < types.size(); ++i) {
+    const auto& row = kTypes[i];
+    SCOPED_TRACE("type " + std::to_string(row.type));
+    EXPECT_EQ(types[i].type, row.type);
+    EXPECT_EQ(types[i].className, row.className);
+    EXPECT_EQ(types[i].event,
+              row.event ? std::optional<std::string>(row.event) : std::nullopt);
+    // The same class and event as a record made for that type.
+    const auto made = KVRBeaconFactory::beaconForType(types[i].type, {});
+    EXPECT_EQ(made->className(), types[i].className);
+    EXPECT_EQ(made->event(), types[i].event);
+  }
+}
+
 }  // namespace
 }  // namespace korvel

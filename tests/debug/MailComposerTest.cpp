@@ -280,6 +280,9 @@ TEST_F(MailComposerTest, OutboxReceivesOneCompleteFilePerMessage) {
   ASSERT_EQ(files.size(), 1u);
   EXPECT_EQ(files[0].extension(), ".eml");
   EXPECT_EQ(files[0].filename().string().rfind("20231114T221320Z-", 0), 0u);
+  // The folder it made is private to the user.
+  EXPECT_EQ(std::filesystem::status(outbox).permissions() & std::filesystem::perms::all,
+            std::filesystem::perms::owner_all);
   std::ifstream in(files[0], std::ios::binary);
   const std::string text((std::istreambuf_iterator<char>(in)), {});
   EXPECT_EQ(parseMessage(text).parts.size(), 2u);

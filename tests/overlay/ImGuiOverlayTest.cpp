@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include <korvel/overlay/ImGuiPresenter.h>
 #include <korvel/overlay/MouseRouting.h>
 #include <korvel/overlay/StyledTextLayout.h>
 
@@ -238,6 +239,22 @@ TEST(StyledTextLayoutTest, EmptyTextHasNoLines) {
   const auto layout = layoutStyledText(StyledText(), 100, fixedMetrics());
   EXPECT_TRUE(layout.lines.empty());
   EXPECT_EQ(layout.height, 0);
+}
+
+// --- The compose dialog's To field ----------------------------------------------
+
+TEST(SplitRecipientsTest, SplitsOnCommasSemicolonsAndSpaces) {
+  const std::vector<std::pair<std::string, std::vector<std::string>>> cases = {
+      {"", {}},
+      {"  , ;", {}},
+      {"dev@example.com", {"dev@example.com"}},
+      {"a@x.org, b@y.org", {"a@x.org", "b@y.org"}},
+      {"a@x.org;b@y.org  c@z.org,", {"a@x.org", "b@y.org", "c@z.org"}},
+      {"\ta@x.org\t", {"a@x.org"}},
+  };
+  for (const auto& [text, expected] : cases) {
+    EXPECT_EQ(splitRecipients(text), expected) << "\"" << text << "\"";
+  }
 }
 
 }  // namespace

@@ -1,6 +1,8 @@
 #include "collector/BeaconCollector.h"
+#include "collector/BeaconStore.h"
 #include "collector/ConfigurationEndpoint.h"
 #include "collector/FormDecoding.h"
+#include "collector/InspectorRoutes.h"
 
 #include <httplib.h>
 
@@ -15,8 +17,11 @@ CollectedBeacon CollectedBeacon::decode(std::string_view target) {
   std::string_view path = beacon.path;
   while (!path.empty() && path.back() == '/') path.remove_suffix(1);
   const size_t slash = path.rfind('/');
-  beacon.event = formDecode(slash == std::string_view::npos ? path : path.substr(slash + 1), false);
-  if (question != std::string_view::npos) beacon.params = formDecodeQuery(target.substr(question + 1));
+  beacon.event = formDecode(slash == std::string_view::npos ? path : path.substr(slash + 1), false,
+                            &beacon.malformed);
+  if (question != std::string_view::npos) {
+    beacon.params = formDecodeQuery(target.substr(question + 1), &beacon.malformed);
+  }
   return beacon;
 }
 
@@ -60,6 +65,12 @@ bool BeaconCollector::start() {
   // Delivery keeps its connections open: never close them on a count.
   http.set_keep_alive_max_count(1'000'000);
   http.set_keep_alive_timeout(30);
+  stopping_ = false;
+  if (options_.store) {
+    // Live pages hold a worker each for their stream.
+    http.new_task_queue = [] { return new httplib::ThreadPool(16); };
+    installInspectorRoutes(http, options_.store, &stopping_);
+  }
   http.Get(R"(/.*)", [this](const httplib::Request& req, httplib::Response& res) {
     if (options_.configuration && ConfigurationEndpoint::handles(req.path)) {
       std::optional<std::string> ifNoneMatch;
@@ -103,6 +114,12 @@ bool BeaconCollector::start() {
       record.status = 204;
     }
 
+    if (options_.store) {
+      const auto now = std::chrono::system_clock::now().time_since_epoch();
+      options_.store->add(
+          {std::chrono::duration_cast<std::chrono::milliseconds>(now).count(), record.status,
+           req.target});
+    }
     std::optional<CollectedBeacon> beacon;
     if (record.status == 204) beacon = CollectedBeacon::decode(req.target);
     if (beacon && options_.onBeacon) {
@@ -144,6 +161,7 @@ bool BeaconCollector::start() {
 
 void BeaconCollector::stop() {
   if (!server_) return;
+  stopping_ = true;
   server_->http.stop();
   if (thread_.joinable()) thread_.join();
   server_.reset();

@@ -8,6 +8,7 @@
 #pragma once
 
 #include <chrono>
+#include <atomic>
 #include <condition_variable>
 #include <cstdint>
 #include <functional>
@@ -22,12 +23,16 @@
 
 namespace korvel::tools {
 
+class BeaconStore;
 class ConfigurationEndpoint;
 
 struct CollectedBeacon {
   std::string event;  // last path component, decoded
   std::string path;   // the path as requested, without the query
   std::vector<std::pair<std::string, std::string>> params;  // decoded, in order
+  // Percent escapes that were not one (a "%" without two hex digits after
+  // it), as they appeared; they are kept undecoded.
+  std::vector<std::string> malformed;
 
   std::optional<std::string> value(std::string_view key) const;
   // {"event":...,"path":...,"params":[[k,v],...]} on one line.
@@ -68,6 +73,10 @@ class BeaconCollector {
     // When set, GET /configuration/v1/configure is answered by it (not
     // counted as a beacon; see ConfigurationEndpoint.h).
     std::shared_ptr<ConfigurationEndpoint> configuration;
+    // When set, every request is checked and kept in it, and the inspector
+    // (its page and JSON API, see InspectorRoutes.h) is served on the same
+    // port: "/" and "/api/..." are then not taken as beacons.
+    std::shared_ptr<BeaconStore> store;
   };
 
   BeaconCollector();
@@ -101,6 +110,7 @@ class BeaconCollector {
   std::unique_ptr<Server> server_;
   std::thread thread_;
   int port_ = 0;
+  std::atomic<bool> stopping_{false};
 
   mutable std::mutex mutex_;
   mutable std::condition_variable arrived_;

@@ -1,5 +1,7 @@
 #include "demo/DemoSession.h"
 
+#include <pthread.h>
+#include <signal.h>
 #include <stdlib.h>
 
 #include <algorithm>
@@ -8,6 +10,7 @@
 #include <thread>
 
 #include "collector/BeaconCollector.h"
+#include "collector/BeaconStore.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
@@ -28,15 +31,6 @@ using namespace std::chrono_literals;
 
 namespace {
 
-void printBeacon(size_t number, const tools::CollectedBeacon& beacon) {
-  size_t width = 0;
-  for (const auto& [key, value] : beacon.params) width = std::max(width, key.size());
-  std::printf("\n#%zu  %s   GET %s\n", number, beacon.event.c_str(), beacon.path.c_str());
-  for (const auto& [key, value] : beacon.params) {
-    std::printf("      %-*s  %s\n", static_cast<int>(width), key.c_str(), value.c_str());
-  }
-  std::fflush(stdout);
-}
 
 KVRTagDetails demoTag() {
   KVRTagDetails tag;
@@ -57,18 +51,39 @@ KVRTagDetails demoTag() {
 
 }  // namespace
 
-DemoSession::DemoSession(bool keepStore) : keepStore_(keepStore) {}
+DemoSession::DemoSession(bool keepStore, bool inspect)
+    : keepStore_(keepStore), inspect_(inspect), road_(std::make_unique<BeaconRoad>(stdout)) {}
 
 DemoSession::~DemoSession() = default;
 
 bool DemoSession::start() {
-  // The collector prints each beacon as it arrives.
+  // The collector checks and keeps every beacon (the inspector shows them)
+  // and the road printer prints each as it arrives.
+  std::string storeError;
+  store_ = tools::BeaconStore::open({}, &storeError);
+  if (!store_) {
+    std::fprintf(stderr, "korvel-demo: cannot open the beacon store: %s\n", storeError.c_str());
+    return false;
+  }
   tools::BeaconCollector::Options collectorOptions;
   collectorOptions.keepBeacons = false;
+  collectorOptions.store = store_;
   collectorOptions.onBeacon = [this](const tools::CollectedBeacon& beacon) {
+    const auto uuid = beacon.value(std::string(KVRBeaconUUIDKey)).value_or("");
+    // The store has it queued already: its newest record of that uuid.
+    const auto records = store_->byUUID(uuid);
+    std::string verdict = "unchecked";
+    std::vector<std::string> reasons;
+    if (!records.empty()) {
+      verdict = records.back()["verdict"].get<std::string>();
+      for (const auto& r : records.back()["reasons"]) reasons.push_back(r.get<std::string>());
+    }
+    std::string target = beacon.path;
+    if (!records.empty()) target = records.back()["target"].get<std::string>();
+    road_->arrived(target, 204, beacon.event, beacon.params, verdict, reasons);
     std::lock_guard lock(mutex_);
-    printBeacon(++receivedCount_, beacon);
-    receivedUUIDs_.insert(beacon.value(std::string(KVRBeaconUUIDKey)).value_or(""));
+    ++receivedCount_;
+    receivedUUIDs_.insert(uuid);
   };
   collector_ = std::make_unique<tools::BeaconCollector>(collectorOptions);
   if (!collector_->start()) {
@@ -104,20 +119,41 @@ bool DemoSession::start() {
       "com.korvel.demo.backgroundBeacons", options);
   KVRBeacon::setBackgroundSession(executor_);
 
-  // Count what the library submits.
+  // Follow the records the library makes, and count what it submits.
   auto& center = platform::env().notificationCenter();
+  created_ = platform::ObserverRegistration(
+      center, center.addObserver(std::string(KVRReliableNetworkingTaskCreatedNotification),
+                                 [this](const platform::Notification& n) {
+                                   // The record's dictionary representation.
+                                   const auto* record = std::any_cast<KVRParameters>(&n.object);
+                                   if (record == nullptr) return;
+                                   const KVRValue* wire = record->find(KVRBeaconParametersJSONKey);
+                                   const KVRParameters* parameters =
+                                       wire ? wire->asDictionary() : nullptr;
+                                   if (parameters == nullptr) return;
+                                   road_->recordMade(
+                                       parameters->stringForKey(KVRBeaconUUIDKey).value_or(""),
+                                       record->stringForKey(KVRBeaconTypeJSONKey));
+                                 }));
   submitted_ = platform::ObserverRegistration(
       center, center.addObserver(std::string(KVRReliableNetworkingTaskSubmittedNotification),
                                  [this](const platform::Notification& n) {
                                    auto task = std::any_cast<
                                        std::shared_ptr<const KVRReliableNetworkingTask>>(&n.object);
                                    if (task == nullptr) return;
+                                   std::set<std::string> common;
+                                   for (const auto& key : (*task)->commonParameters().keys()) {
+                                     common.insert(key);
+                                   }
+                                   road_->submitted(std::string((*task)->className()),
+                                                    (*task)->uuid(), std::move(common),
+                                                    storeDirectory_.string());
                                    std::lock_guard lock(mutex_);
                                    reportedUUIDs_.insert((*task)->uuid());
                                  }));
 
-  std::printf("korvel-demo: collector on %s, store in %s\n", collector_->baseURL().c_str(),
-              storeDirectory_.c_str());
+  std::printf("korvel-demo: collector on %s, delivery journal in %s\n",
+              collector_->baseURL().c_str(), storeDirectory_.c_str());
   return true;
 }
 
@@ -129,6 +165,7 @@ void DemoSession::step(const char* what) {
 
 void DemoSession::launch() {
   KVRUserSession::load();
+  road_->hostCall("KVRStartupReporter::reportAppStartupTime(0.84)");
   KVRStartupReporter::reportAppStartupTime(0.84);
   pages_ = std::make_unique<PageViewManager>(std::make_shared<PageViewBeaconReporter>(), true);
   home_ = PageID::make();
@@ -227,6 +264,25 @@ void DemoSession::runScript() {
   goToBackground();
 }
 
+void DemoSession::waitForInterrupt() {
+  // The signals were blocked in every thread before any was started (see
+  // blockInterrupts); they are taken here, not in a handler.
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  int signal = 0;
+  sigwait(&signals, &signal);
+}
+
+void DemoSession::blockInterrupts() {
+  sigset_t signals;
+  sigemptyset(&signals);
+  sigaddset(&signals, SIGINT);
+  sigaddset(&signals, SIGTERM);
+  pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+}
+
 int DemoSession::finish() {
   // Wait for delivery, with a deadline.
   const bool flushed = executor_->flush(15s);
@@ -241,8 +297,8 @@ int DemoSession::finish() {
   KVRUserSession::unload();
   KVRBeacon::setBackgroundSession(nullptr);
   executor_.reset();
-  collector_->stop();
   submitted_.reset();
+  created_.reset();
 
   size_t lost = 0;
   size_t received;
@@ -251,9 +307,21 @@ int DemoSession::finish() {
     received = receivedCount_;
     for (const auto& uuid : reportedUUIDs_) lost += receivedUUIDs_.count(uuid) == 0 ? 1 : 0;
   }
+  const auto counts = store_->counts();
   std::printf("\nkorvel-demo: reported %zu, received %zu", reported, received);
   if (lost > 0) std::printf(", LOST %zu", lost);
-  std::printf("\n");
+  std::printf(" (checked: %lld good, %lld resent, %lld bad)\n",
+              static_cast<long long>(counts["good"].get<int64_t>()),
+              static_cast<long long>(counts["retry"].get<int64_t>()),
+              static_cast<long long>(counts["bad"].get<int64_t>()));
+  std::fflush(stdout);
+
+  if (inspect_) {
+    std::printf("korvel-demo: inspector on %s/ (Ctrl-C to stop)\n", collector_->baseURL().c_str());
+    std::fflush(stdout);
+    waitForInterrupt();
+  }
+  collector_->stop();
 
   if (!keepStore_) {
     std::error_code ec;

@@ -4,10 +4,11 @@
 // page, search, going to the background) that both the scripted run and
 // the windowed demo's buttons use.
 //
-// Every beacon is printed as the collector receives it:
+// The collector checks and keeps every beacon in a store (the inspector's);
+// BeaconRoad prints the first beacon's road step by step, then one line per
+// beacon:
 //
-//   #<n>  <event>   GET <path>
-//         <key>  <value>
+//   #<n>  <event>  <own parameters>  <verdict>
 //
 // Main thread only, apart from the collector's printing.
 #pragma once
@@ -23,9 +24,12 @@
 #include <korvel/platform/NotificationCenter.h>
 #include <korvel/reporters/KVRTaggingReporter.h>
 
+#include "demo/BeaconRoad.h"
+
 namespace korvel::tools {
 
 class BeaconCollector;
+class BeaconStore;
 
 }  // namespace korvel::tools
 
@@ -37,7 +41,10 @@ namespace korvel::demo {
 
 class DemoSession {
  public:
-  explicit DemoSession(bool keepStore);
+  // inspect: finish() keeps the collector and its inspector page open
+  // until SIGINT or SIGTERM (call blockInterrupts() first, before any
+  // thread starts).
+  explicit DemoSession(bool keepStore, bool inspect = false);
   ~DemoSession();
   DemoSession(const DemoSession&) = delete;
   DemoSession& operator=(const DemoSession&) = delete;
@@ -73,6 +80,10 @@ class DemoSession {
   // beacon was lost (or none was sent).
   int finish();
 
+  // Blocks SIGINT and SIGTERM in the calling thread and every thread it
+  // starts afterwards, so that an inspecting finish() can wait for them.
+  static void blockInterrupts();
+
   PageViewManager& pages() { return *pages_; }
   const KVRTagDetails& lastTag() const { return tag_; }
   bool trackPageOpen() const { return trackOpen_; }
@@ -80,7 +91,12 @@ class DemoSession {
   bool inBackground() const { return inBackground_; }
 
  private:
+  static void waitForInterrupt();
+
   bool keepStore_;
+  bool inspect_;
+  std::unique_ptr<BeaconRoad> road_;
+  std::shared_ptr<tools::BeaconStore> store_;
   std::mutex mutex_;
   std::set<std::string> receivedUUIDs_;
   std::set<std::string> reportedUUIDs_;
@@ -89,6 +105,7 @@ class DemoSession {
   std::filesystem::path storeDirectory_;
   std::shared_ptr<platform::DurableRequestExecutor> executor_;
   platform::ObserverRegistration submitted_;
+  platform::ObserverRegistration created_;
   std::unique_ptr<PageViewManager> pages_;
   KVRTagDetails tag_;
   PageID home_ = PageID::make();

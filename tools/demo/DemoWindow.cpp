@@ -3,8 +3,12 @@
 #include <imgui.h>
 #include <stdlib.h>
 
+#include <unistd.h>
+
 #include <cmath>
 #include <cstdio>
+#include <filesystem>
+#include <set>
 #include <memory>
 #include <string>
 
@@ -15,6 +19,7 @@
 #include <korvel/debug/KVRDebugMessageCenter.h>
 #include <korvel/debug/KVRDebugOverlayViewController.h>
 #include <korvel/debug/KVRDebugOverlayWindow.h>
+#include <korvel/debug/MailComposer.h>
 #include <korvel/overlay/Fonts.h>
 #include <korvel/overlay/ImGuiWindowHost.h>
 #include <korvel/overlay/OverlayChrome.h>
@@ -33,6 +38,53 @@ using overlay::FontSet;
 class AllowDebugging : public KVRDebugMessageCenterDelegate {
  public:
   bool isDebugCenterAllowed() override { return true; }
+};
+
+// "E-mail" in the overlay writes the message into an outbox folder (one .eml
+// file each) and says on standard output which file it wrote.
+class OutboxComposer : public platform::MimeMailComposer {
+ public:
+  using MimeMailComposer::MimeMailComposer;
+
+ protected:
+  std::optional<std::string> deliver() override {
+    const auto& folder = transport().outboxDirectory;
+    const auto before = messagesIn(folder);
+    auto error = MimeMailComposer::deliver();
+    if (error) {
+      std::printf("korvel-demo: the e-mail was not written: %s\n", error->c_str());
+    } else {
+      for (const auto& file : messagesIn(folder)) {
+        if (before.count(file) == 0) std::printf("korvel-demo: e-mail written to %s\n", file.c_str());
+      }
+    }
+    std::fflush(stdout);
+    return error;
+  }
+
+ private:
+  static std::set<std::string> messagesIn(const std::filesystem::path& folder) {
+    std::set<std::string> files;
+    std::error_code ec;
+    for (const auto& entry : std::filesystem::directory_iterator(folder, ec)) {
+      if (entry.path().extension() == ".eml") files.insert(entry.path().string());
+    }
+    return files;
+  }
+};
+
+class OutboxComposerFactory : public platform::MailComposerFactory {
+ public:
+  explicit OutboxComposerFactory(std::filesystem::path folder)
+      : transport_(platform::MailTransport::outbox(std::move(folder))) {}
+  bool canSendMail() override { return transport_.isUsable(); }
+  std::shared_ptr<platform::MailComposer> makeComposer() override {
+    return std::make_shared<OutboxComposer>(transport_);
+  }
+  const std::filesystem::path& folder() const { return transport_.outboxDirectory; }
+
+ private:
+  platform::MailTransport transport_;
 };
 
 // The match the host shows after a recognition (what the debug overlay's
@@ -276,6 +328,16 @@ int runWindowed(const WindowOptions& options) {
   // Debug recordings go into the demo's temporary store, not the user's
   // documents.
   setenv("XDG_DOCUMENTS_DIR", (demo.storeDirectory() / "Documents").c_str(), 1);
+  // The overlay's "E-mail" writes into an outbox that outlives the demo's
+  // temporary store.
+  const auto outbox = std::filesystem::temp_directory_path() /
+                      ("korvel-demo-outbox-" + std::to_string(::getuid()));
+  auto mail = std::make_shared<OutboxComposerFactory>(outbox);
+  platform::setMailComposerFactory(mail);
+  if (!options.screenshotPath) {
+    std::printf("korvel-demo: the overlay's E-mail writes .eml files into %s\n",
+                outbox.c_str());
+  }
   KVRDebugMessageCenter::setDebugMessageCenterDelegate(std::make_shared<AllowDebugging>());
   KVRDebugMessageCenter::defaultCenter()->startDebugging();
 
@@ -293,6 +355,7 @@ int runWindowed(const WindowOptions& options) {
 
   KVRDebugMessageCenter::stopDebugging();
   KVRDebugMessageCenter::setDebugMessageCenterDelegate(nullptr);
+  platform::setMailComposerFactory(nullptr);
   host.reset();
   const int delivered = demo.finish();
   return code != 0 ? code : delivered;

@@ -44,6 +44,45 @@ constexpr std::array<Maker, 20> kMakers = {
     makeRecord<KVRPerformanceBeacon>,
 };
 
+using EmptyMaker = KVRTaskPtr (*)();
+
+template <class T>
+KVRTaskPtr emptyRecord() {
+  return std::make_shared<T>();
+}
+
+template <class T, int BeaconType>
+KVRTaskPtr emptyTagged() {
+  auto task = std::make_shared<T>();
+  task->setBeaconType(BeaconType);
+  return task;
+}
+
+// The same classes as kMakers, made with the plain initialiser (no session,
+// no creation notification). Index = beacon type - 1.
+constexpr std::array<EmptyMaker, 20> kEmptyMakers = {
+    emptyRecord<KVRStartupBeacon>,
+    emptyRecord<KVRResumeBeacon>,
+    emptyTagged<KVRTaggedBeacon, KVRBeaconTypeTagged>,
+    emptyRecord<KVRErrorBeacon>,
+    emptyRecord<KVRDeepLinkBeacon>,
+    emptyRecord<KVRTagHistoryBeacon>,
+    emptyRecord<KVRUserEventBeacon>,
+    emptyRecord<KVRPageViewBeacon>,
+    emptyRecord<KVRWebInitiatedBeacon>,
+    emptyRecord<KVRUserSessionBeacon>,
+    emptyTagged<KVRAutoTagBeacon, KVRBeaconTypeAutoTag>,
+    emptyRecord<KVRImpressionBeacon>,
+    emptyRecord<KVRTagSyncBeacon>,
+    emptyTagged<KVRTaggedBeacon, KVRBeaconTypeWatchTagged>,
+    emptyTagged<KVRTaggedBeacon, KVRBeaconTypeTaggedVariant>,
+    emptyTagged<KVRTaggedBeacon, KVRBeaconTypeTestTagged>,
+    emptyRecord<KVRWidgetBeacon>,
+    emptyRecord<KVRExceptionsBeacon>,
+    emptyRecord<KVRAuthenticationBeacon>,
+    emptyRecord<KVRPerformanceBeacon>,
+};
+
 template <class... Classes>
 KVRTaskPtr emptyOfClass(std::string_view name) {
   KVRTaskPtr task;
@@ -73,6 +112,16 @@ KVRTaskPtr KVRBeaconFactory::beaconForType(KVRBeaconType type, const KVRParamete
   // Moving an optional string into the record allocates nothing.
   if (task) task->setEvent(std::move(event));
   return task;
+}
+
+std::vector<KVRBeaconTypeDescription> KVRBeaconFactory::beaconTypes() {
+  std::vector<KVRBeaconTypeDescription> types;
+  types.reserve(kEmptyMakers.size());
+  for (size_t i = 0; i < kEmptyMakers.size(); ++i) {
+    const auto record = kEmptyMakers[i]();
+    types.push_back({static_cast<KVRBeaconType>(i + 1), record->className(), record->event()});
+  }
+  return types;
 }
 
 KVRTaskPtr KVRBeaconFactory::emptyRecordOfClass(std::string_view className) {

@@ -6,6 +6,10 @@
 #include <korvel/export.h>
 
 #include <memory>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRReliableNetworkingTask.h>
@@ -201,9 +205,21 @@ class KORVEL_EXPORT KVRPerformanceBeacon final : public KVRBeaconClass<KVRPerfor
   std::optional<bool> isReliable() const override { return true; }
 };
 
+// One beacon type as the factory makes it: its record class and the event
+// it sends (none for a web-initiated beacon, whose event the page chooses).
+struct KVRBeaconTypeDescription {
+  KVRBeaconType type;
+  std::string_view className;
+  std::optional<std::string> event;
+};
+
 class KORVEL_EXPORT KVRBeaconFactory {
  public:
   KVRBeaconFactory() = delete;
+
+  // Every type 1...20 in order, read from the record classes themselves
+  // (tools that check beacons use it to know which events exist).
+  static std::vector<KVRBeaconTypeDescription> beaconTypes();
 
   // A record of the type's class, or null for a type outside 1...20.
   static KVRTaskPtr beaconForType(KVRBeaconType type, const KVRParameters& parameters) noexcept;

@@ -43,7 +43,7 @@ void ImGuiPresenter::presentViewController(std::shared_ptr<platform::ViewControl
                                            platform::ModalPresentationStyle style, bool,
                                            std::function<void()> completion) {
   if (!screen) return;
-  presented_.push_back(Presented{nextId_++, std::move(screen), style, std::move(completion)});
+  presented_.push_back(Presented{nextId_++, std::move(screen), style, std::move(completion), {}, false});
 }
 
 void ImGuiPresenter::presentAlert(platform::Alert alert, bool, std::function<void()> completion) {
@@ -110,6 +110,20 @@ void ImGuiPresenter::drawAlert() {
   if (chosen) chosen();
 }
 
+std::vector<std::string> splitRecipients(std::string_view text) {
+  std::vector<std::string> recipients;
+  std::string current;
+  for (const char c : text) {
+    if (c == ',' || c == ';' || c == ' ' || c == '\t') {
+      if (!current.empty()) recipients.push_back(std::exchange(current, {}));
+    } else {
+      current += c;
+    }
+  }
+  if (!current.empty()) recipients.push_back(current);
+  return recipients;
+}
+
 void ImGuiPresenter::drawPresented(const ButtonFrames& buttons) {
   Presented& top = presented_.back();
   const auto screen = top.screen;  // kept while drawing: a dismissal pops the stack
@@ -139,11 +153,31 @@ void ImGuiPresenter::drawPresented(const ButtonFrames& buttons) {
 
   bool dismiss = false;
   if (mail != nullptr) {
-    std::string to;
-    for (const auto& recipient : mail->toRecipients()) to += (to.empty() ? "" : ", ") + recipient;
+    if (!top.recipientsLoaded) {
+      for (const auto& recipient : mail->toRecipients()) {
+        top.recipients += (top.recipients.empty() ? "" : ", ") + recipient;
+      }
+      top.recipientsLoaded = true;
+    }
+    // The To field: addresses separated by commas, semicolons or spaces.
+    char buffer[1024];
+    const size_t length = std::min(top.recipients.size(), sizeof buffer - 1);
+    top.recipients.copy(buffer, length);
+    buffer[length] = '\0';
     ImGui::TextDisabled("To:");
     ImGui::SameLine();
-    ImGui::TextUnformatted(to.empty() ? "(nobody yet)" : to.c_str());
+    ImGui::SetNextItemWidth(-1);
+    if (ImGui::InputTextWithHint("##to", "name@example.com", buffer, sizeof buffer)) {
+      top.recipients = buffer;
+      mail->setToRecipients(splitRecipients(top.recipients));
+    }
+    if (const auto* mime = dynamic_cast<const platform::MimeMailComposer*>(mail)) {
+      const auto& transport = mime->transport();
+      if (transport.kind == platform::MailTransport::Kind::Outbox) {
+        ImGui::TextDisabled("Saved as an .eml file in %s",
+                            transport.outboxDirectory.string().c_str());
+      }
+    }
     ImGui::TextDisabled("Subject:");
     ImGui::SameLine();
     ImGui::TextUnformatted(mail->subject().c_str());

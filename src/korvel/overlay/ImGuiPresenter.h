@@ -13,6 +13,8 @@
 #include <deque>
 #include <functional>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
 #include <korvel/overlay/WidgetDrawing.h>
@@ -52,6 +54,9 @@ class KORVEL_EXPORT ImGuiPresenter : public platform::Presenter {
     std::shared_ptr<platform::ViewController> screen;
     platform::ModalPresentationStyle style;
     std::function<void()> completion;
+    // A composer's To field as the user edits it (comma-separated).
+    std::string recipients;
+    bool recipientsLoaded = false;
   };
 
   // True when the popup with this id is open this frame (opening it the
@@ -65,5 +70,9 @@ class KORVEL_EXPORT ImGuiPresenter : public platform::Presenter {
   uint64_t nextId_ = 1;
   uint64_t openId_ = 0;
 };
+
+// The addresses in a To field: separated by commas, semicolons or spaces,
+// empty ones left out.
+std::vector<std::string> splitRecipients(std::string_view text);
 
 }  // namespace korvel::overlay

@@ -1,0 +1,163 @@
+#!/usr/bin/env python3
+"""The inspector page in a real browser (headless Chromium through Selenium).
+
+Starts korvel-collector, opens its page, lets korvel-example deliver a host's
+beacons to it, and checks what a developer sees: rows arriving live (without
+a reload), the filter, a session's timeline with its page views, and a
+planted bad beacon flagged with its reason. Saves a screenshot.
+
+    inspector_browser_test.py COLLECTOR EXAMPLE SCREENSHOT
+
+Exits 77 (skipped) only when Chromium cannot be started here.
+"""
+import os
+import re
+import subprocess
+import sys
+import time
+import urllib.request
+
+SKIP = 77
+
+
+def fail(message):
+    print("FAIL: " + message)
+    sys.exit(1)
+
+
+def start_browser():
+    try:
+        from selenium import webdriver
+        from selenium.webdriver.chrome.service import Service
+    except ImportError as error:
+        print(f"SKIP: python3-selenium is not installed ({error}); run scripts/setup")
+        sys.exit(SKIP)
+    options = webdriver.ChromeOptions()
+    for flag in ("--headless=new", "--no-sandbox", "--disable-gpu", "--disable-dev-shm-usage",
+                 "--window-size=1280,800"):
+        options.add_argument(flag)
+    if os.path.exists("/usr/bin/chromium"):
+        options.binary_location = "/usr/bin/chromium"
+    try:
+        service = Service("/usr/bin/chromedriver") if os.path.exists("/usr/bin/chromedriver") else Service()
+        return webdriver.Chrome(service=service, options=options)
+    except Exception as error:  # the driver or the browser is missing or cannot run
+        first = str(error).strip().splitlines()[0] if str(error).strip() else type(error).__name__
+        print(f"SKIP: Chromium cannot start here: {first}")
+        sys.exit(SKIP)
+
+
+def wait_until(what, predicate, timeout=20.0):
+    deadline = time.monotonic() + timeout
+    while True:
+        value = predicate()
+        if value:
+            return value
+        if time.monotonic() > deadline:
+            fail("timed out waiting for " + what)
+        time.sleep(0.1)
+
+
+def main():
+    collector_path, example_path, screenshot = sys.argv[1:4]
+    browser = start_browser()
+    collector = subprocess.Popen([collector_path, "--quiet", "--allow-event", "webpromo"],
+                                 stderr=subprocess.PIPE, text=True)
+    try:
+        line = collector.stderr.readline()
+        match = re.search(r"listening on (http://\S+)", line)
+        if not match:
+            fail("the collector did not start: " + line)
+        base = match.group(1)
+        from selenium.webdriver.common.by import By
+
+        def rows():
+            return browser.find_elements(By.CSS_SELECTOR, "#beacons tbody tr")
+
+        def cells(row):
+            return [c.text for c in row.find_elements(By.TAG_NAME, "td")]
+
+        browser.get(base + "/")
+        wait_until("the live stream to connect",
+                   lambda: browser.find_element(By.ID, "live").text == "live")
+        if rows():
+            fail("a fresh collector should show no beacons")
+
+        # A host reports; the rows arrive while the page stays loaded.
+        marker = browser.execute_script("window.kvrMarker = 1; return window.kvrMarker;")
+        host = subprocess.run([example_path, "--send", base], capture_output=True, text=True,
+                              timeout=60)
+        if host.returncode != 0:
+            fail("korvel-example failed: " + host.stderr)
+        wait_until("the host's beacons to appear", lambda: len(rows()) >= 8)
+        if browser.execute_script("return window.kvrMarker;") != marker:
+            fail("the page reloaded instead of updating live")
+        events = [cells(r)[2] for r in rows()]
+        for expected in ("userevent", "tagged", "webpromo", "pageview", "usersession"):
+            if expected not in events:
+                fail(f"no {expected} row among {events}")
+        if browser.find_elements(By.CSS_SELECTOR, "tr.bad"):
+            fail("the library's own beacons should all be good: " +
+                 str([cells(r) for r in browser.find_elements(By.CSS_SELECTOR, "tr.bad")]))
+
+        # A bad beacon: an event the library does not make, a broken escape.
+        now = int(time.time())
+        urllib.request.urlopen(
+            f"{base}/b/EXAMPLE-INID/14.2/Laptop14%2C2/pagevieww?clientcreationtimestamp={now}"
+            f"&clientbeaconuuid=PLANTED-1&sessionid=planted&screenname=100%zz").read()
+        bad = wait_until("the planted beacon to be flagged",
+                         lambda: browser.find_elements(By.CSS_SELECTOR, "tr.bad"))
+        verdict = cells(bad[0])[5]
+        if "not one the library makes" not in verdict or "malformed percent-encoding" not in verdict:
+            fail("the bad row does not say why: " + verdict)
+
+        # A beacon's parameters: the reporter's own first, the common folded.
+        share = [r for r in rows() if cells(r)[2] == "userevent"][0]
+        share.click()
+        wait_until("the beacon's details", lambda: "Reporter's parameters" in
+                   browser.find_element(By.ID, "detail").text)
+        detail = browser.find_element(By.ID, "detail").text
+        if "note" not in detail or "rock & roll = 100% fun" not in detail:
+            fail("the share beacon's own parameters are missing: " + detail)
+        common = browser.find_element(By.ID, "common")
+        if common.get_attribute("open") is not None:
+            fail("the common parameters should start folded")
+
+        # The filter box.
+        box = browser.find_element(By.ID, "filter")
+        box.send_keys("userevent")
+        wait_until("the filter to apply",
+                   lambda: rows() and all(cells(r)[2] == "userevent" for r in rows()))
+        box.clear()
+        box.send_keys("bad")
+        wait_until("the bad filter", lambda: len(rows()) == 1 and cells(rows()[0])[2] == "pagevieww")
+        box.clear()
+        box.send_keys(" ")
+        wait_until("the filter to clear", lambda: len(rows()) >= 9)
+
+        # A session's timeline with its page views and their durations.
+        browser.find_element(By.ID, "tab-sessions").click()
+        sessions = wait_until("the session list", lambda: [
+            li for li in browser.find_elements(By.CSS_SELECTOR, "#sessions li")
+            if li.get_attribute("data-session") != "planted"])
+        sessions[0].click()
+        timeline = wait_until("the timeline", lambda: browser.find_elements(By.CSS_SELECTOR, "#timeline .view"))
+        views = [v.text for v in timeline]
+        if not any(re.search(r"page view: home · \d+\.\d\d s", v) for v in views):
+            fail("no timed page view of home in the timeline: " + str(views))
+        if not any("lyrics" in v for v in views):
+            fail("the renamed page is missing from the timeline: " + str(views))
+        browser.find_element(By.ID, "tab-beacons").click()
+        browser.find_element(By.CSS_SELECTOR, "tr.bad").click()
+        wait_until("the bad beacon's details",
+                   lambda: "pagevieww" in browser.find_element(By.ID, "detail").text)
+        browser.save_screenshot(screenshot)
+        print(f"ok: {len(rows())} rows, timeline {views}; screenshot {screenshot}")
+    finally:
+        browser.quit()
+        collector.terminate()
+        collector.wait(timeout=10)
+
+
+if __name__ == "__main__":
+    main()

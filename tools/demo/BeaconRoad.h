@@ -1,0 +1,61 @@
+// How the demo prints what it sends: the first beacon's road step by step
+// with the time of each step (the host's call, the record and its uuid, the
+// journal append, the GET and its answer, the collector's decoded view),
+// then one line per beacon. A session's common parameters are printed once,
+// when its first beacon arrives; a beacon's line shows only its own
+// parameters (and a common one whose value changed).
+//
+// Thread safe: records are made on the reporting threads, beacons arrive on
+// the collector's.
+#pragma once
+
+#include <chrono>
+#include <cstdio>
+#include <map>
+#include <mutex>
+#include <optional>
+#include <set>
+#include <string>
+#include <vector>
+
+namespace korvel::demo {
+
+class BeaconRoad {
+ public:
+  explicit BeaconRoad(std::FILE* out) : out_(out) {}
+
+  // The host is about to make the call described (the road's first step,
+  // when it makes the first beacon).
+  void hostCall(std::string description);
+  // A record was made (its creation notification): its uuid and event.
+  void recordMade(const std::string& uuid, const std::optional<std::string>& event);
+  // The record was handed to the executor (its journal holds it): its
+  // class and the keys of its common parameters.
+  void submitted(const std::string& className, const std::string& uuid,
+                 std::set<std::string> commonKeys, const std::string& journalDirectory);
+  // The collector answered status to the GET of target, decoded as params;
+  // verdict and reasons are the store's.
+  void arrived(const std::string& target, int status, const std::string& event,
+               const std::vector<std::pair<std::string, std::string>>& params,
+               const std::string& verdict, const std::vector<std::string>& reasons);
+
+  size_t arrivedCount() const;
+
+ private:
+  double sinceCall() const;
+  void printRoadStep(const std::string& text);
+
+  std::FILE* out_;
+  mutable std::mutex mutex_;
+  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  std::optional<std::chrono::steady_clock::time_point> callAt_;
+  std::string callDescription_;
+  std::optional<std::string> roadUUID_;  // the first record's
+  bool roadDone_ = false;
+  std::map<std::string, std::set<std::string>> commonKeysByUUID_;
+  // Per session, the common values its first beacon carried.
+  std::map<std::string, std::map<std::string, std::string>> sessionCommon_;
+  size_t arrived_ = 0;
+};
+
+}  // namespace korvel::demo
