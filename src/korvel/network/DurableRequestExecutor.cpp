@@ -133,6 +133,7 @@ DurableRequestExecutor::DurableRequestExecutor(std::string sessionIdentifier, Op
     MutexLock lock(mutex_);
     stats_.durable = store_ != nullptr;
     paused_ = options_.startPaused;
+    refreshKeepWhole();
   }
   if (store_) loadHosts();
 
@@ -206,10 +207,19 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
   entry.createdMillis = created;
   entry.durable = durable;
   entry.bytes = durable ? static_cast<uint32_t>(bytes) : 0;
-  entry.request = std::make_shared<const KVNNetworkRequest>(std::move(request));
+  // A stored request that will have to wait is read back when its turn
+  // comes: it is not kept in memory, and is freed here, on the caller's
+  // thread, rather than by whichever thread queues it.
+  if (!durable || keepWhole_.load(std::memory_order_relaxed)) {
+    entry.request = std::make_shared<const KVNNetworkRequest>(std::move(request));
+  }
+  std::shared_ptr<const KVNNetworkRequest> dropped;  // freed outside the lock
   bool wake;
   {
     MutexLock lock(handoffMutex_);
+    // However many arrive before a worker or the writer looks, no more than
+    // a few wait whole.
+    if (durable && handoffs_.size() >= kKeptWhole) dropped = std::move(entry.request);
     // Only the first request handed over wakes a worker: the worker takes
     // the whole list, and wakes more workers when there is more to send.
     wake = handoffs_.empty() && wakeableWorkers_ > 0;
@@ -275,6 +285,7 @@ void DurableRequestExecutor::setPaused(bool paused) {
     // then (read back later if it had to wait).
     adoptHandoffs();
     paused_ = paused;
+    refreshKeepWhole();
   }
   workAvailable_.signalAll();
 }
@@ -339,6 +350,13 @@ void DurableRequestExecutor::adoptHandoffs() {
   }
   adopting_.clear();
   enforceCap();
+  refreshKeepWhole();
+}
+
+void DurableRequestExecutor::refreshKeepWhole() {
+  keepWhole_.store(hostsBackingOff_ == 0 && !paused_ &&
+                       ready_[0].size() + ready_[1].size() + ready_[2].size() < kKeptWhole,
+                   std::memory_order_relaxed);
 }
 
 bool DurableRequestExecutor::markAsleep(bool& wakeable) {
@@ -513,6 +531,7 @@ bool DurableRequestExecutor::pickReady(uint64_t& id) {
     if (best == nullptr) return false;
     id = best->second;
     ready_[bestBucket].erase(ready_[bestBucket].begin());
+    refreshKeepWhole();
     Entry& e = entries_.at(id);
     // Its host backs off: it waits there, without a look at its payload.
     if (e.host >= 0 && hosts_[static_cast<size_t>(e.host)].steps > 0) {
@@ -564,6 +583,7 @@ void DurableRequestExecutor::hostFailed(int index, bool probe, const DeliveryRes
     }
   }
   host.notBefore = std::max(host.notBefore, now + delay);
+  refreshKeepWhole();
 }
 
 void DurableRequestExecutor::hostAnswered(int index) {
@@ -579,6 +599,7 @@ void DurableRequestExecutor::hostAnswered(int index) {
   for (const auto& [priority, id] : host.held) makeReady(id, entries_.at(id));
   host.held.clear();
   held_ -= count;
+  refreshKeepWhole();
   logger_.log(LogLevel::Info, host.name + " answers again; " + std::to_string(count) +
                                   " waiting requests go out");
   workAvailable_.signalAll();
@@ -892,6 +913,7 @@ void DurableRequestExecutor::loadHosts() {
     logger_.log(LogLevel::Info, name + " asked for no requests before " + std::to_string(left.count() / 1000) +
                                     " s from now; waiting until then");
   }
+  refreshKeepWhole();
 }
 
 void DurableRequestExecutor::saveHosts(const std::vector<std::pair<std::string, int64_t>>& hosts) {

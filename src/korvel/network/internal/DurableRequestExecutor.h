@@ -222,6 +222,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
 
   // Moves what report calls handed over into the queue.
   void adoptHandoffs() KORVEL_REQUIRES(mutex_) KORVEL_EXCLUDES(handoffMutex_);
+  // Tells report calls whether a stored request may wait whole (see
+  // keepWhole_); called wherever its inputs change.
+  void refreshKeepWhole() KORVEL_REQUIRES(mutex_);
   // Registers the calling worker as asleep, so that the next report wakes
   // it (wakeable: not while paused or while a host backs off); false when
   // requests were handed over meanwhile (no sleep then).
@@ -300,6 +303,11 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   size_t wakeableWorkers_ KORVEL_GUARDED_BY(handoffMutex_) = 0;
   // The other side of handoffs_, swapped with it (keeps both capacities).
   std::vector<Handoff> adopting_ KORVEL_GUARDED_BY(mutex_);
+  // Whether a report call keeps a stored request whole (few are ready, not
+  // paused, no host backing off) or leaves it to be read back: a hint read
+  // without a lock, written under mutex_. A stale hint costs memory for a
+  // moment or one read, never correctness.
+  std::atomic<bool> keepWhole_{true};
 
   std::vector<std::thread> workers_;
   std::thread writer_;
