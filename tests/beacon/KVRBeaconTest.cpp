@@ -14,6 +14,7 @@
 #include <vector>
 
 #include <korvel/beacon/KVRConstants.h>
+#include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNNetwork.h>
 #include <korvel/foundation/KeyedArchive.h>
 #include "support/TestEnv.h"
@@ -451,6 +452,73 @@ TEST_F(KVRBeaconTest, RequestSettings) {
     EXPECT_EQ(r.priority(), 1);
     EXPECT_EQ(r.configurationPolicy(), 2);
     EXPECT_TRUE(r.endpointBuilderBlock() != nullptr);
+  }
+}
+
+// Journals on users' machines hold restoration payloads written by earlier
+// versions: the bytes of a payload are pinned here, and pinned bytes must
+// restore to the beacon they were made from.
+constexpr const char* kPinnedPayloadHex =
+    "a86624636c617373754b5652576562496e69746961746564426561636f6e6a706172616d6574657273ad6173"
+    "6d74657874202620e697a5e69cac616924636269671a000f42406175d80348ffffffffffffffff6164fa4020"
+    "0000627069fb400921fb54442d186162f56464617465d8014800002040fc54d9416375726cd8025768747470"
+    "733a2f2f612e6578616d706c652f783f793d316464696374a2617a01616183617802a1616efa3fc000006565"
+    "6d707479606973657373696f6e69646953455353494f4e2d31637372766137716372656174696f6e54696d65"
+    "7374616d70fb41d954fc401000006475756964782430463843324134452d364231442d344537462d39413343"
+    "2d35443245384237463141363064696e696461496a61707056657273696f6e63312e306a626561636f6e5479"
+    "7065096b626561636f6e4576656e74687765626576656e74";
+
+std::string toHex(std::string_view bytes) {
+  static constexpr char kDigits[] = "0123456789abcdef";
+  std::string out;
+  for (unsigned char c : bytes) {
+    out += kDigits[c >> 4];
+    out += kDigits[c & 15];
+  }
+  return out;
+}
+
+std::string fromHex(std::string_view hex) {
+  std::string out;
+  for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+    out += static_cast<char>(std::stoi(std::string(hex.substr(i, 2)), nullptr, 16));
+  }
+  return out;
+}
+
+TEST_F(KVRBeaconTest, RestorationPayloadBytesArePinnedAndRestoreTheBeacon) {
+  KVRUserSession::setSessionID("SESSION-1");
+  KVNConfiguration::sharedInstance().setBeaconParameters({{"srv", "7"}});
+  env_.queueUUIDs({kUUID});
+  env_.setNow(1700000000.25);
+  const KVRParameters parameters{
+      {"s", "text & 日本"},
+      {"i", -5},
+      {"big", 1000000},
+      {"u", std::numeric_limits<uint64_t>::max()},
+      {"d", 2.5},
+      {"pi", 3.141592653589793},
+      {"b", true},
+      {"date", KVRDate{1700000000.5}},
+      {"url", KVRURL{"https://a.example/x?y=1"}},
+      {"dict", KVRParameters{{"z", 1}, {"a", KVRList{"x", 2, KVRParameters{{"n", 1.5}}}}}},
+      {"empty", ""},
+  };
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeWebInitiated, parameters, "webevent");
+  ASSERT_EQ(executor_->count(), 1u);
+  const std::string url = executor_->urlAt(0);
+  const KVNNetworkRequest request = executor_->requests().at(0);
+  ASSERT_EQ(request.restorationKind(), KVRBeacon::kRestorationKind);
+  const std::string payload = request.restorationPayloadEncoder()();
+  EXPECT_EQ(toHex(payload), kPinnedPayloadHex);
+
+  for (const std::string& bytes : {fromHex(kPinnedPayloadHex), payload}) {
+    const auto restored = KVNRequestRestorers::restore(KVRBeacon::kRestorationKind, bytes);
+    ASSERT_TRUE(restored);
+    const auto endpoint = restored->buildEndpoint();
+    ASSERT_TRUE(endpoint);
+    EXPECT_EQ(endpoint->urlString(), url);
+    EXPECT_EQ(restored->restorationPayloadEncoder()(), payload);
   }
 }
 

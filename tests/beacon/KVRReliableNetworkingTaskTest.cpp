@@ -86,6 +86,41 @@ TEST_F(KVRReliableNetworkingTaskTest, CreationMergesCommonParametersOverTheCalle
   EXPECT_FALSE(task->hasINIDExpired());
 }
 
+// The record keeps one merged dictionary; the caller's and the session's
+// are views of it until something makes them differ.
+TEST_F(KVRReliableNetworkingTaskTest, CallerAndSessionViewsMatchTheMergeInEveryCase) {
+  KVNConfiguration::sharedInstance().setBeaconParameters({{"srv", "S"}});
+  KVRUserSession::setSessionID("SESSION");
+  const std::string uuidKey(KVRBeaconUUIDKey);
+  struct Case {
+    const char* name;
+    KVRParameters caller;
+    Names merged;
+    Names common;
+  };
+  const Case cases[] = {
+      {"disjoint", {{"b", 2}, {"a", "1"}}, {"b", "a", "sessionid", "srv"}, {"sessionid", "srv"}},
+      {"clash", {{"srv", "mine"}, {"a", "1"}}, {"srv", "a", "sessionid"}, {"sessionid", "srv"}},
+      {"pinned uuid", {{"a", "1"}, {uuidKey, kUUID}}, {"a", "sessionid", "srv"},
+       {"sessionid", "srv"}},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    const auto task = makeRecord(c.caller);
+    EXPECT_EQ(task->parameters().keys(), c.merged);
+    EXPECT_EQ(task->parameters().stringForKey("srv"), "S");
+    EXPECT_EQ(task->nonCommonParameters(), c.caller);
+    EXPECT_EQ(task->nonCommonParameters().keys(), c.caller.keys());
+    EXPECT_EQ(task->commonParameters().keys(), c.common);
+
+    // Replacing the merged dictionary leaves the views as they were.
+    task->setParameters({{"z", "0"}});
+    EXPECT_EQ(task->nonCommonParameters(), c.caller);
+    EXPECT_EQ(task->commonParameters().keys(), c.common);
+    EXPECT_EQ(task->parameters().keys(), Names{"z"});
+  }
+}
+
 TEST_F(KVRReliableNetworkingTaskTest, WithoutSessionTheParametersAreTheCallers) {
   KVRUserSession::setSessionID("SESSION");
   const KVRParameters caller{{"b", 2}, {"a", "1"}};

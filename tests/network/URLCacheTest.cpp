@@ -75,15 +75,22 @@ TEST_F(URLCacheTest, EvictsTheLeastRecentlyUsedEntryWhenFull) {
   EXPECT_EQ(byBytes.count(), 2u);
 }
 
+// Built with += (g++ 12 gives a false -Wrestrict on "u" + std::to_string()).
+std::string urlFor(int n) {
+  std::string url = "u";
+  url += std::to_string(n);
+  return url;
+}
+
 TEST_F(URLCacheTest, ConcurrentUseKeepsTheBookkeepingRight) {
   URLCache cache(8, 64);
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
     threads.emplace_back([&cache, t] {
       for (int i = 0; i < 500; ++i) {
-        const std::string url = "u" + std::to_string((t * 7 + i) % 12);
+        const std::string url = urlFor((t * 7 + i) % 12);
         cache.storeCachedResponse(url, response(std::string(i % 9, 'x')));
-        (void)cache.cachedResponseForURL("u" + std::to_string(i % 12));
+        (void)cache.cachedResponseForURL(urlFor(i % 12));
         if (i % 50 == 0) cache.removeAllCachedResponses();
       }
     });
@@ -93,7 +100,7 @@ TEST_F(URLCacheTest, ConcurrentUseKeepsTheBookkeepingRight) {
   EXPECT_LE(cache.currentBytes(), 64u);
   size_t bytes = 0;
   for (int i = 0; i < 12; ++i) {
-    if (auto r = cache.cachedResponseForURL("u" + std::to_string(i))) bytes += r->body.size();
+    if (auto r = cache.cachedResponseForURL(urlFor(i))) bytes += r->body.size();
   }
   EXPECT_EQ(bytes, cache.currentBytes());
 }

@@ -74,12 +74,16 @@ KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
     return KVNEndpoint(std::move(*url));
   });
   request.setRestorationPayload(KVRBeacon::kRestorationKind, [task, type] {
-    platform::KeyedArchiver coder;
-    coder.encodeObject("$class", std::string(task->className()));
+    // Written into a buffer kept by the thread, so the payload's only
+    // allocation is the string handed back.
+    thread_local std::string buffer;
+    buffer.clear();
+    platform::KeyedArchiver coder(buffer);
+    coder.encodeObject("$class", task->className());
     task->encodeWithCoder(coder);
     coder.encodeInt(kPayloadTypeKey, type);
     if (auto event = task->event()) coder.encodeObject(kPayloadEventKey, *event);
-    return coder.encodedData();
+    return buffer;
   });
   return request;
 }

@@ -1,5 +1,6 @@
 #include <korvel/beacon/KVRReliableNetworkingTask.h>
 
+#include <algorithm>
 #include <cstdio>
 
 #include <korvel/beacon/KVRBeaconTypes.h>
@@ -24,27 +25,76 @@ constexpr std::string_view kArchiveAppVersionKey = "appVersion";
 
 void KVRReliableNetworkingTask::initWithParameters(const KVRParameters& parameters,
                                                    const KVRUserSession* userSession) {
-  nonCommonParameters_ = parameters;
-  KVRParameters working = parameters;
-
+  KVRParameters common;
   if (userSession != nullptr) {
-    // Common parameters win over the caller's on a clash, deliberately.
-    commonParameters_ = userSession->commonBeaconParametersForBeaconWithParameters(working);
-    working.merge(commonParameters_);
+    common = userSession->commonBeaconParametersForBeaconWithParameters(parameters);
+  }
+
+  // The one dictionary of the record: the caller's entries, then the
+  // session's moved in after them.
+  parameters_.clear();
+  parameters_.reserve(parameters.size() + common.size());
+  parameters_.merge(parameters);
+  const bool clash = std::any_of(common.begin(), common.end(), [&](const auto& entry) {
+    return parameters.contains(entry.first);
+  });
+  if (clash) {
+    // Common parameters win over the caller's on a clash, deliberately; the
+    // caller's values then live only in the caller's own copy.
+    callerEntries_.reset();
+    nonCommonParameters_ = parameters;
+    commonParameters_ = common;
+    parameters_.merge(common);
+  } else {
+    callerEntries_ = parameters_.size();
+    nonCommonParameters_.clear();
+    commonParameters_.clear();
+    parameters_.appendDisjoint(std::move(common));
   }
 
   inid_ = inidToBeacon();
   appVersion_ = KVNConfiguration::appShortVersion();
 
   // A caller may pin the identifier (re-sends); it never goes out twice.
-  if (auto pinned = working.find(KVRBeaconUUIDKey)) {
+  if (auto pinned = parameters_.find(KVRBeaconUUIDKey)) {
     uuid_ = pinned->description();
-    working.remove(KVRBeaconUUIDKey);
+    separateViews();
+    parameters_.remove(KVRBeaconUUIDKey);
   } else {
     uuid_ = platform::env().makeUUIDString();
   }
-  parameters_ = std::move(working);
   creationTimestamp_ = KVRReportingUtilities::timeIntervalSinceReferenceDate();
+}
+
+void KVRReliableNetworkingTask::separateViews() {
+  if (!callerEntries_) return;
+  nonCommonParameters_ = parameters_.slice(0, *callerEntries_);
+  commonParameters_ = parameters_.slice(*callerEntries_, parameters_.size());
+  callerEntries_.reset();
+}
+
+KVRParameters KVRReliableNetworkingTask::nonCommonParameters() const {
+  return callerEntries_ ? parameters_.slice(0, *callerEntries_) : nonCommonParameters_;
+}
+
+KVRParameters KVRReliableNetworkingTask::commonParameters() const {
+  return callerEntries_ ? parameters_.slice(*callerEntries_, parameters_.size())
+                        : commonParameters_;
+}
+
+void KVRReliableNetworkingTask::setParameters(KVRParameters parameters) {
+  separateViews();
+  parameters_ = std::move(parameters);
+}
+
+void KVRReliableNetworkingTask::setNonCommonParameters(KVRParameters p) {
+  separateViews();
+  nonCommonParameters_ = std::move(p);
+}
+
+void KVRReliableNetworkingTask::setCommonParameters(KVRParameters p) {
+  separateViews();
+  commonParameters_ = std::move(p);
 }
 
 void KVRReliableNetworkingTask::postCreationNotification() const {
@@ -118,8 +168,17 @@ void KVRReliableNetworkingTask::encodeWithCoder(platform::KeyedArchiver& coder) 
   coder.encodeObject(kArchiveParametersKey, parameters_);
   coder.encodeDouble(kArchiveCreationTimestampKey, creationTimestamp_);
   coder.encodeObject(kArchiveUUIDKey, uuid_);
-  if (auto resolved = inid()) coder.encodeObject(kArchiveInidKey, *resolved);
-  coder.encodeObject(kArchiveAppVersionKey, appVersion());
+  // The resolved inid and app version, without copies when captured.
+  if (inid_ && *inid_ != KVNConfigurationUnconfiguredInid) {
+    coder.encodeObject(kArchiveInidKey, *inid_);
+  } else if (auto resolved = inid()) {
+    coder.encodeObject(kArchiveInidKey, *resolved);
+  }
+  if (appVersion_) {
+    coder.encodeObject(kArchiveAppVersionKey, *appVersion_);
+  } else {
+    coder.encodeObject(kArchiveAppVersionKey, KVNConfiguration::appShortVersion());
+  }
 }
 
 void KVRReliableNetworkingTask::initWithCoder(const platform::KeyedUnarchiver& coder) {
@@ -140,10 +199,11 @@ void KVRReliableNetworkingTask::initWithCoder(const platform::KeyedUnarchiver& c
 }
 
 std::string KVRReliableNetworkingTask::archivedData() const {
-  platform::KeyedArchiver coder;
-  coder.encodeObject(kArchiveClassKey, std::string(className()));
+  std::string data;
+  platform::KeyedArchiver coder(data);
+  coder.encodeObject(kArchiveClassKey, className());
   encodeWithCoder(coder);
-  return coder.encodedData();
+  return data;
 }
 
 KVRTaskPtr KVRReliableNetworkingTask::unarchive(std::string_view data) {

@@ -84,7 +84,7 @@ class KORVEL_EXPORT KVRReliableNetworkingTask {
   virtual void setEvent(std::optional<std::string> event) { event_ = std::move(event); }
 
   const KVRParameters& parameters() const { return parameters_; }
-  void setParameters(KVRParameters parameters) { parameters_ = std::move(parameters); }
+  void setParameters(KVRParameters parameters);
 
   const std::string& uuid() const { return uuid_; }
   void setUuid(std::string uuid) { uuid_ = std::move(uuid); }
@@ -102,11 +102,14 @@ class KORVEL_EXPORT KVRReliableNetworkingTask {
   std::string appVersion() const;
   void setAppVersion(std::optional<std::string> version) { appVersion_ = std::move(version); }
 
-  const KVRParameters& nonCommonParameters() const { return nonCommonParameters_; }
-  void setNonCommonParameters(KVRParameters p) { nonCommonParameters_ = std::move(p); }
+  // Exactly what the caller passed, and what the session added (empty when
+  // the record was made without a session). Built when asked for (the debug
+  // log): a record keeps one merged dictionary, not three.
+  KVRParameters nonCommonParameters() const;
+  void setNonCommonParameters(KVRParameters p);
 
-  const KVRParameters& commonParameters() const { return commonParameters_; }
-  void setCommonParameters(KVRParameters p) { commonParameters_ = std::move(p); }
+  KVRParameters commonParameters() const;
+  void setCommonParameters(KVRParameters p);
 
   double creationTimestamp() const { return creationTimestamp_; }
   void setCreationTimestamp(double t) { creationTimestamp_ = t; }
@@ -134,11 +137,20 @@ class KORVEL_EXPORT KVRReliableNetworkingTask {
  private:
   friend class KVRBeaconFactory;
 
+  // Gives the caller's and the session's dictionaries their own storage
+  // before parameters_ stops being their merge.
+  void separateViews();
+
   KVRParameters parameters_;
   std::string uuid_;
   std::optional<std::string> event_;
   std::optional<std::string> inid_;
   std::optional<std::string> appVersion_;
+  // While set, parameters_ is the caller's entries, unchanged, followed by
+  // the session's: the first callerEntries_ entries are the caller's
+  // dictionary and the rest the session's. Otherwise (a clash, a pinned
+  // uuid, a setter) the two are kept below.
+  std::optional<size_t> callerEntries_;
   KVRParameters nonCommonParameters_;
   KVRParameters commonParameters_;
   double creationTimestamp_ = 0;

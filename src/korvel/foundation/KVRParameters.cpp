@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <ctime>
+#include <iterator>
 #include <limits>
 
 namespace korvel {
@@ -164,6 +165,25 @@ KVRParameters& KVRParameters::merge(const KVRParameters& other) {
   entries_.reserve(entries_.size() + other.entries_.size());
   for (const auto& [key, value] : other.entries_) set(key, value);
   return *this;
+}
+
+KVRParameters& KVRParameters::appendDisjoint(KVRParameters&& other) {
+  if (entries_.empty()) {
+    entries_ = std::move(other.entries_);
+  } else {
+    entries_.insert(entries_.end(), std::make_move_iterator(other.entries_.begin()),
+                    std::make_move_iterator(other.entries_.end()));
+  }
+  other.entries_.clear();
+  return *this;
+}
+
+KVRParameters KVRParameters::slice(size_t begin, size_t end) const {
+  KVRParameters out;
+  end = std::min(end, entries_.size());
+  if (begin < end) out.entries_.assign(entries_.begin() + static_cast<std::ptrdiff_t>(begin),
+                                       entries_.begin() + static_cast<std::ptrdiff_t>(end));
+  return out;
 }
 
 bool KVRParameters::remove(std::string_view key) {

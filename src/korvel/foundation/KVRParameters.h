@@ -141,6 +141,13 @@ class KORVEL_EXPORT KVRParameters {
     return *this;
   }
 
+  // Adds other's entries after these, moving them, without looking for its
+  // keys here: for a caller that knows the two share no key (a clash would
+  // give the key twice).
+  KVRParameters& appendDisjoint(KVRParameters&& other);
+  // The entries at positions [begin, end), in order.
+  KVRParameters slice(size_t begin, size_t end) const;
+
   bool remove(std::string_view key);
   void clear() { entries_.clear(); }
   void reserve(size_t n) { entries_.reserve(n); }

@@ -1,6 +1,8 @@
 #include <korvel/foundation/KeyedArchive.h>
 
+#include <algorithm>
 #include <cstring>
+#include <iterator>
 #include <limits>
 #include <utility>
 #include <vector>
@@ -204,23 +206,35 @@ namespace {
 // floats, tagged byte strings for the kinds above), read back by the
 // unarchiver below.
 
-void putHead(std::string& out, unsigned major, std::uint64_t value) {
+// The head of an item: major type and argument, in its shortest form.
+size_t makeHead(char* bytes, unsigned major, std::uint64_t value) {
   const auto m = static_cast<char>(major << 5);
+  size_t width;
   if (value < 24) {
-    out += static_cast<char>(m | static_cast<char>(value));
+    bytes[0] = static_cast<char>(m | static_cast<char>(value));
+    return 1;
   } else if (value <= 0xFF) {
-    out += static_cast<char>(m | 24);
-    out += static_cast<char>(value);
+    bytes[0] = static_cast<char>(m | 24);
+    width = 1;
   } else if (value <= 0xFFFF) {
-    out += static_cast<char>(m | 25);
-    for (int shift = 8; shift >= 0; shift -= 8) out += static_cast<char>(value >> shift);
+    bytes[0] = static_cast<char>(m | 25);
+    width = 2;
   } else if (value <= 0xFFFFFFFFull) {
-    out += static_cast<char>(m | 26);
-    for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>(value >> shift);
+    bytes[0] = static_cast<char>(m | 26);
+    width = 4;
   } else {
-    out += static_cast<char>(m | 27);
-    for (int shift = 56; shift >= 0; shift -= 8) out += static_cast<char>(value >> shift);
+    bytes[0] = static_cast<char>(m | 27);
+    width = 8;
   }
+  for (size_t i = 0; i < width; ++i) {
+    bytes[1 + i] = static_cast<char>(value >> (8 * (width - 1 - i)));
+  }
+  return 1 + width;
+}
+
+void putHead(std::string& out, unsigned major, std::uint64_t value) {
+  char bytes[9];
+  out.append(bytes, makeHead(bytes, major, value));
 }
 
 void putText(std::string& out, std::string_view text) {
@@ -231,9 +245,8 @@ void putText(std::string& out, std::string_view text) {
 void putTaggedBytes(std::string& out, std::uint8_t subtype, const char* bytes, size_t size) {
   // Always the one-byte-argument form: the reader takes small tags (0xC0 to
   // 0xC5) for the standard date and bignum tags, not for byte-string kinds.
-  out += '\xD8';
-  out += static_cast<char>(subtype);
-  putHead(out, 2, size);
+  char head[11] = {'\xD8', static_cast<char>(subtype)};
+  out.append(head, 2 + makeHead(head + 2, 2, size));
   out.append(bytes, size);
 }
 
@@ -248,34 +261,41 @@ void putDouble(std::string& out, double value) {
   const bool fitsFloat = value >= static_cast<double>(std::numeric_limits<float>::lowest()) &&
                          value <= static_cast<double>(std::numeric_limits<float>::max()) &&
                          static_cast<double>(static_cast<float>(value)) == value;
+  char bytes[9];
   if (fitsFloat) {
     const float f = static_cast<float>(value);
     std::uint32_t bits = 0;
     std::memcpy(&bits, &f, sizeof bits);
-    out += '\xFA';
-    for (int shift = 24; shift >= 0; shift -= 8) out += static_cast<char>(bits >> shift);
+    bytes[0] = '\xFA';
+    for (size_t i = 0; i < 4; ++i) bytes[1 + i] = static_cast<char>(bits >> (24 - 8 * i));
+    out.append(bytes, 5);
   } else {
     std::uint64_t bits = 0;
     std::memcpy(&bits, &value, sizeof bits);
-    out += '\xFB';
-    for (int shift = 56; shift >= 0; shift -= 8) out += static_cast<char>(bits >> shift);
+    bytes[0] = '\xFB';
+    for (size_t i = 0; i < 8; ++i) bytes[1 + i] = static_cast<char>(bits >> (56 - 8 * i));
+    out.append(bytes, 9);
   }
 }
+
+void putInt(std::string& out, std::int64_t i) {
+  if (i >= 0) {
+    putHead(out, 0, static_cast<std::uint64_t>(i));
+  } else {
+    putHead(out, 1, static_cast<std::uint64_t>(-(i + 1)));
+  }
+}
+
+void putDictionary(std::string& out, const KVRParameters& dictionary);
 
 void putValue(std::string& out, const KVRValue& value) {
   switch (value.kind()) {
     case KVRValue::Kind::String:
       putText(out, *value.asString());
       return;
-    case KVRValue::Kind::Int: {
-      const std::int64_t i = *value.asInt();
-      if (i >= 0) {
-        putHead(out, 0, static_cast<std::uint64_t>(i));
-      } else {
-        putHead(out, 1, static_cast<std::uint64_t>(-(i + 1)));
-      }
+    case KVRValue::Kind::Int:
+      putInt(out, *value.asInt());
       return;
-    }
     case KVRValue::Kind::UInt:
       putLittleEndian(out, kUIntSubtype, value.asUInt().value_or(0));
       return;
@@ -297,15 +317,9 @@ void putValue(std::string& out, const KVRValue& value) {
       putTaggedBytes(out, kURLSubtype, text.data(), text.size());
       return;
     }
-    case KVRValue::Kind::Dictionary: {
-      const KVRParameters& dictionary = *value.asDictionary();
-      putHead(out, 5, dictionary.size());
-      for (const auto& [key, entry] : dictionary) {
-        putText(out, key);
-        putValue(out, entry);
-      }
+    case KVRValue::Kind::Dictionary:
+      putDictionary(out, *value.asDictionary());
       return;
-    }
     case KVRValue::Kind::List: {
       const KVRList& list = *value.asList();
       putHead(out, 4, list.size());
@@ -316,72 +330,169 @@ void putValue(std::string& out, const KVRValue& value) {
   out += '\xF6';  // null: not a kind this library makes
 }
 
-}  // namespace
-
-struct KeyedArchiver::Impl {
-  // Each key with its value already encoded, in the order keys were first
-  // written; writing a key again replaces its value in place.
-  std::vector<std::pair<std::string, std::string>> entries;
-
-  std::string& slot(std::string_view key) {
-    for (auto& [k, v] : entries) {
-      if (k == key) {
-        v.clear();
-        return v;
-      }
-    }
-    entries.emplace_back(std::string(key), std::string());
-    return entries.back().second;
-  }
-};
-
-KeyedArchiver::KeyedArchiver() : impl_(std::make_unique<Impl>()) {}
-KeyedArchiver::~KeyedArchiver() = default;
-KeyedArchiver::KeyedArchiver(KeyedArchiver&&) noexcept = default;
-KeyedArchiver& KeyedArchiver::operator=(KeyedArchiver&&) noexcept = default;
-
-void KeyedArchiver::encodeObject(std::string_view key, const KVRParameters& dictionary) {
-  if (!impl_) impl_ = std::make_unique<Impl>();
-  std::string& out = impl_->slot(key);
+void putDictionary(std::string& out, const KVRParameters& dictionary) {
   putHead(out, 5, dictionary.size());
-  for (const auto& [k, entry] : dictionary) {
-    putText(out, k);
+  for (const auto& [key, entry] : dictionary) {
+    putText(out, key);
     putValue(out, entry);
   }
 }
 
-void KeyedArchiver::encodeObject(std::string_view key, const std::string& text) {
-  if (!impl_) impl_ = std::make_unique<Impl>();
-  putText(impl_->slot(key), text);
+// The argument of the item head at data[pos], moving pos past the head.
+// Only for bytes this archiver wrote.
+std::uint64_t readHead(std::string_view data, size_t& pos) {
+  const unsigned info = static_cast<unsigned char>(data[pos++]) & 0x1F;
+  if (info < 24) return info;
+  const size_t width = size_t{1} << (info - 24);
+  std::uint64_t argument = 0;
+  for (size_t i = 0; i < width; ++i) {
+    argument = (argument << 8) | static_cast<unsigned char>(data[pos + i]);
+  }
+  pos += width;
+  return argument;
+}
+
+// Moves pos past the item at data[pos]; only for bytes this archiver wrote.
+void skipItem(std::string_view data, size_t& pos) {
+  const unsigned major = static_cast<unsigned char>(data[pos]) >> 5;
+  const std::uint64_t argument = readHead(data, pos);
+  switch (major) {
+    case 2:
+    case 3:
+      pos += static_cast<size_t>(argument);
+      break;
+    case 4:
+      for (std::uint64_t i = 0; i < argument; ++i) skipItem(data, pos);
+      break;
+    case 5:
+      for (std::uint64_t i = 0; i < 2 * argument; ++i) skipItem(data, pos);
+      break;
+    case 6:
+      skipItem(data, pos);
+      break;
+    default:  // integers, simple values and floats: the head is the item
+      break;
+  }
+}
+
+}  // namespace
+
+KeyedArchiver::KeyedArchiver() : out_(&own_) { writeHead(); }
+
+KeyedArchiver::KeyedArchiver(std::string& out) : out_(&out), start_(out.size()) { writeHead(); }
+
+KeyedArchiver::KeyedArchiver(KeyedArchiver&& other) noexcept { *this = std::move(other); }
+
+KeyedArchiver& KeyedArchiver::operator=(KeyedArchiver&& other) noexcept {
+  if (this == &other) return *this;
+  const bool owned = other.out_ == &other.own_;
+  own_ = std::move(other.own_);
+  out_ = owned ? &own_ : other.out_;
+  start_ = other.start_;
+  headBytes_ = other.headBytes_;
+  count_ = other.count_;
+  std::copy(std::begin(other.slots_), std::end(other.slots_), std::begin(slots_));
+  return *this;
+}
+
+std::string_view KeyedArchiver::data() const {
+  return std::string_view(*out_).substr(start_);
+}
+
+void KeyedArchiver::writeHead() {
+  char head[9];
+  const size_t length = makeHead(head, 5, count_);
+  std::string& out = *out_;
+  if (out.size() == start_) {
+    out.append(head, length);
+  } else {
+    // The count only grows, and so does its head: past 23 and 255 keys.
+    if (length > headBytes_) out.insert(start_, length - headBytes_, '\0');
+    out.replace(start_, length, head, length);
+  }
+  headBytes_ = length;
+}
+
+std::optional<KeyedArchiver::Slot> KeyedArchiver::findSlot(std::string_view key) const {
+  const std::string_view entries = std::string_view(*out_).substr(entriesStart());
+  const size_t tracked = std::min<uint64_t>(count_, kSlots);
+  for (size_t i = 0; i < tracked; ++i) {
+    const Slot& slot = slots_[i];
+    if (entries.substr(slot.key, slot.keyLength) == key) return slot;
+  }
+  if (count_ <= kSlots) return std::nullopt;
+  // Past the slots: read the entries back.
+  size_t pos = slots_[kSlots - 1].end;
+  for (uint64_t i = kSlots; i < count_; ++i) {
+    Slot slot;
+    slot.keyLength = static_cast<size_t>(readHead(entries, pos));
+    slot.key = pos;
+    pos += slot.keyLength;
+    slot.value = pos;
+    skipItem(entries, pos);
+    slot.end = pos;
+    if (entries.substr(slot.key, slot.keyLength) == key) return slot;
+  }
+  return std::nullopt;
+}
+
+template <class Write>
+void KeyedArchiver::put(std::string_view key, Write&& write) {
+  std::string& out = *out_;
+  const size_t base = entriesStart();
+  if (auto found = findSlot(key)) {
+    // Rare: a key written again. The value is written at the end, then
+    // moved over the old one.
+    const size_t end = out.size();
+    write(out);
+    const std::string value = out.substr(end);
+    out.resize(end);
+    out.replace(base + found->value, found->end - found->value, value);
+    const auto shift = [&](size_t offset) { return offset - (found->end - found->value) + value.size(); };
+    const size_t tracked = std::min<uint64_t>(count_, kSlots);
+    for (size_t i = 0; i < tracked; ++i) {
+      Slot& slot = slots_[i];
+      if (slot.key == found->key) {
+        slot.end = shift(slot.end);
+      } else if (slot.key > found->key) {
+        slot.key = shift(slot.key);
+        slot.value = shift(slot.value);
+        slot.end = shift(slot.end);
+      }
+    }
+    return;
+  }
+  putHead(out, 3, key.size());
+  Slot slot;
+  slot.key = out.size() - base;
+  slot.keyLength = key.size();
+  out.append(key);
+  slot.value = out.size() - base;
+  write(out);
+  slot.end = out.size() - base;
+  if (count_ < kSlots) slots_[count_] = slot;
+  ++count_;
+  writeHead();
+}
+
+void KeyedArchiver::encodeObject(std::string_view key, const KVRParameters& dictionary) {
+  put(key, [&](std::string& out) { putDictionary(out, dictionary); });
+}
+
+void KeyedArchiver::encodeObject(std::string_view key, std::string_view text) {
+  put(key, [&](std::string& out) { putText(out, text); });
 }
 
 void KeyedArchiver::encodeDouble(std::string_view key, double value) {
-  if (!impl_) impl_ = std::make_unique<Impl>();
-  putDouble(impl_->slot(key), value);
+  put(key, [&](std::string& out) { putDouble(out, value); });
 }
 
 void KeyedArchiver::encodeInt(std::string_view key, int64_t value) {
-  if (!impl_) impl_ = std::make_unique<Impl>();
-  putValue(impl_->slot(key), KVRValue(value));
+  put(key, [&](std::string& out) { putInt(out, value); });
 }
 
 void KeyedArchiver::encodeBool(std::string_view key, bool value) {
-  if (!impl_) impl_ = std::make_unique<Impl>();
-  impl_->slot(key) = value ? '\xF5' : '\xF4';
-}
-
-std::string KeyedArchiver::encodedData() const {
-  if (!impl_) return std::string(1, '\xA0');  // an empty map
-  size_t size = 9;
-  for (const auto& [key, value] : impl_->entries) size += key.size() + value.size() + 9;
-  std::string out;
-  out.reserve(size);
-  putHead(out, 5, impl_->entries.size());
-  for (const auto& [key, value] : impl_->entries) {
-    putText(out, key);
-    out += value;
-  }
-  return out;
+  put(key, [&](std::string& out) { out += value ? '\xF5' : '\xF4'; });
 }
 
 // MARK: - KeyedUnarchiver

@@ -18,25 +18,56 @@
 
 namespace korvel::platform {
 
+// Writes the archive as it goes: after every encode call the buffer holds a
+// complete archive. Encoding allocates nothing beyond the buffer's growth, so
+// an archiver over a buffer that is reused (cleared, capacity kept) does not
+// allocate at all.
 class KORVEL_EXPORT KeyedArchiver {
  public:
+  // Into a buffer of its own.
   KeyedArchiver();
-  ~KeyedArchiver();
-  KeyedArchiver(KeyedArchiver&&) noexcept;
-  KeyedArchiver& operator=(KeyedArchiver&&) noexcept;
+  // Appends the archive to out, after what out holds already; out must
+  // outlive the archiver and take nothing else while it writes.
+  explicit KeyedArchiver(std::string& out);
+  KeyedArchiver(KeyedArchiver&& other) noexcept;
+  KeyedArchiver& operator=(KeyedArchiver&& other) noexcept;
+  ~KeyedArchiver() = default;
 
+  // Writing a key again replaces its value in place.
   void encodeObject(std::string_view key, const KVRParameters& dictionary);
-  void encodeObject(std::string_view key, const std::string& text);
+  void encodeObject(std::string_view key, std::string_view text);
   void encodeDouble(std::string_view key, double value);
   void encodeInt(std::string_view key, int64_t value);
   void encodeBool(std::string_view key, bool value);
 
   // The archive's bytes.
-  std::string encodedData() const;
+  std::string_view data() const;
+  std::string encodedData() const { return std::string(data()); }
 
  private:
-  struct Impl;
-  std::unique_ptr<Impl> impl_;
+  // Where one key's entry lies, relative to the first entry.
+  struct Slot {
+    size_t key = 0;  // the key's text, after its head
+    size_t keyLength = 0;
+    size_t value = 0;  // the value item
+    size_t end = 0;
+  };
+  // Archives of up to this many keys find a key again without reading the
+  // bytes back; larger ones read the entries past the last slot.
+  static constexpr size_t kSlots = 12;
+
+  template <class Write>
+  void put(std::string_view key, Write&& write);
+  std::optional<Slot> findSlot(std::string_view key) const;
+  size_t entriesStart() const { return start_ + headBytes_; }
+  void writeHead();
+
+  std::string own_;
+  std::string* out_;
+  size_t start_ = 0;       // where the archive starts in *out_
+  size_t headBytes_ = 1;   // the map head's length
+  uint64_t count_ = 0;     // keys written
+  Slot slots_[kSlots];
 };
 
 class KORVEL_EXPORT KeyedUnarchiver {

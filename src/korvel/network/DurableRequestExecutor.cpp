@@ -133,6 +133,7 @@ DurableRequestExecutor::DurableRequestExecutor(std::string sessionIdentifier, Op
     MutexLock lock(mutex_);
     stats_.durable = store_ != nullptr;
     paused_ = options_.startPaused;
+    refreshKeepWhole();
   }
   if (store_) loadHosts();
 
@@ -195,7 +196,10 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
     return;
   }
 
-  Entry entry;
+  Handoff handoff;
+  handoff.id = id;
+  handoff.appendFailed = appendFailed;
+  Entry& entry = handoff.entry;
   entry.priority = request.priority();
   entry.policy = static_cast<int8_t>(bucketOf(request.configurationPolicy()));
   entry.retryCount = static_cast<int16_t>(
@@ -203,27 +207,30 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
   entry.createdMillis = created;
   entry.durable = durable;
   entry.bytes = durable ? static_cast<uint32_t>(bytes) : 0;
-  entry.request = std::make_shared<const KVNNetworkRequest>(std::move(request));
-  std::shared_ptr<const KVNNetworkRequest> dropped;  // destroyed outside the lock
+  // A stored request that will have to wait is read back when its turn
+  // comes: it is not kept in memory, and is freed here, on the caller's
+  // thread, rather than by whichever thread queues it.
+  if (!durable || keepWhole_.load(std::memory_order_relaxed)) {
+    entry.request = std::make_shared<const KVNNetworkRequest>(std::move(request));
+  }
+  std::shared_ptr<const KVNNetworkRequest> dropped;  // freed outside the lock
   bool wake;
   {
-    MutexLock lock(mutex_);
-    if (appendFailed) ++appendFailuresSinceLog_;
-    if (durable) ++appendsSinceLog_;
-    // A stored request that has to wait is read back when its turn comes.
-    if (durable && (hostsBackingOff_ > 0 || paused_ ||
-                    ready_[0].size() + ready_[1].size() + ready_[2].size() >= kKeptWhole)) {
-      dropped = std::move(entry.request);
-    }
-    enqueue(id, std::move(entry));
-    enforceCap();
-    // A futex wake costs the caller more than everything else here: only
-    // wake a worker that is asleep, and none while paused or while a host
-    // backs off (its workers wake at its next attempt time). A worker that
-    // is awake takes the request when it looks at the queue again.
-    wake = !paused_ && sleepingWorkers_ > 0 && hostsBackingOff_ == 0;
+    MutexLock lock(handoffMutex_);
+    // However many arrive before a worker or the writer looks, no more than
+    // a few wait whole.
+    if (durable && handoffs_.size() >= kKeptWhole) dropped = std::move(entry.request);
+    // Only the first request handed over wakes a worker: the worker takes
+    // the whole list, and wakes more workers when there is more to send.
+    wake = handoffs_.empty() && wakeableWorkers_ > 0;
+    handoffs_.push_back(std::move(handoff));
   }
-  if (wake) workAvailable_.signal();
+  if (wake) {
+    // A worker registered as asleep holds mutex_ until it waits: taking it
+    // here makes sure the signal finds it waiting.
+    MutexLock lock(mutex_);
+    workAvailable_.signal();
+  }
 } catch (...) {
   // Out of memory queueing it: the request is dropped, and said so when the
   // line itself can be made.
@@ -236,6 +243,7 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
 bool DurableRequestExecutor::flush(std::chrono::milliseconds deadline) {
   const auto until = Clock::now() + deadline;
   MutexLock lock(mutex_);
+  adoptHandoffs();
   while (!drained()) {
     // Held requests do not leave while paused: no point waiting for them
     // once restoration and the requests on the wire are done.
@@ -255,6 +263,7 @@ std::optional<StoreStats> DurableRequestExecutor::syncStore(std::chrono::millise
   const auto until = Clock::now() + deadline;
   MutexLock lock(mutex_);
   if (!store_) return std::nullopt;
+  adoptHandoffs();
   // After restoration, so the figures include what an earlier run left.
   while (!restored_) {
     if (!progress_.waitUntil(mutex_, until) && !restored_) return std::nullopt;
@@ -272,7 +281,11 @@ std::optional<StoreStats> DurableRequestExecutor::syncStore(std::chrono::millise
 void DurableRequestExecutor::setPaused(bool paused) {
   {
     MutexLock lock(mutex_);
+    // What was reported before the switch is queued as it would have been
+    // then (read back later if it had to wait).
+    adoptHandoffs();
     paused_ = paused;
+    refreshKeepWhole();
   }
   workAvailable_.signalAll();
 }
@@ -280,6 +293,7 @@ void DurableRequestExecutor::setPaused(bool paused) {
 size_t DurableRequestExecutor::purge() {
   MutexLock lock(mutex_);
   while (!restored_) progress_.wait(mutex_);
+  adoptHandoffs();
   size_t purged = 0;
   for (auto it = entries_.begin(); it != entries_.end();) {
     if (it->second.state == State::InFlight) {  // already on the wire
@@ -302,8 +316,9 @@ size_t DurableRequestExecutor::purge() {
   return purged;
 }
 
-DurableRequestExecutor::Stats DurableRequestExecutor::stats() const {
+DurableRequestExecutor::Stats DurableRequestExecutor::stats() {
   MutexLock lock(mutex_);
+  adoptHandoffs();
   Stats s = stats_;
   s.waiting = entries_.size() - parked_;
   s.durable = stats_.durable && !appendsFailing_ && store_->durable();
@@ -312,6 +327,53 @@ DurableRequestExecutor::Stats DurableRequestExecutor::stats() const {
 }
 
 // MARK: - Queue (mutex_ held)
+
+void DurableRequestExecutor::adoptHandoffs() {
+  {
+    MutexLock lock(handoffMutex_);
+    if (handoffs_.empty()) return;
+    adopting_.swap(handoffs_);
+  }
+  // A stored request that has to wait is read back when its turn comes;
+  // while few are ready it stays whole and goes out without a read.
+  const bool keepWhole = hostsBackingOff_ == 0 && !paused_ &&
+                         ready_[0].size() + ready_[1].size() + ready_[2].size() +
+                                 adopting_.size() <=
+                             kKeptWhole;
+  for (Handoff& handoff : adopting_) {
+    if (handoff.appendFailed) ++appendFailuresSinceLog_;
+    if (handoff.entry.durable) {
+      ++appendsSinceLog_;
+      if (!keepWhole) handoff.entry.request.reset();
+    }
+    enqueue(handoff.id, std::move(handoff.entry));
+  }
+  adopting_.clear();
+  enforceCap();
+  refreshKeepWhole();
+}
+
+void DurableRequestExecutor::refreshKeepWhole() {
+  keepWhole_.store(hostsBackingOff_ == 0 && !paused_ &&
+                       ready_[0].size() + ready_[1].size() + ready_[2].size() < kKeptWhole,
+                   std::memory_order_relaxed);
+}
+
+bool DurableRequestExecutor::markAsleep(bool& wakeable) {
+  MutexLock lock(handoffMutex_);
+  if (!handoffs_.empty()) return false;
+  // While paused or while a host backs off, reports wake no worker: the
+  // worker wakes at the next attempt time, or when delivery resumes.
+  wakeable = !paused_ && hostsBackingOff_ == 0;
+  if (wakeable) ++wakeableWorkers_;
+  return true;
+}
+
+void DurableRequestExecutor::markAwake(bool wakeable) {
+  if (!wakeable) return;
+  MutexLock lock(handoffMutex_);
+  --wakeableWorkers_;
+}
 
 bool DurableRequestExecutor::drained() const {
   return restored_ && inFlight_ == 0 && entries_.size() == parked_;
@@ -469,6 +531,7 @@ bool DurableRequestExecutor::pickReady(uint64_t& id) {
     if (best == nullptr) return false;
     id = best->second;
     ready_[bestBucket].erase(ready_[bestBucket].begin());
+    refreshKeepWhole();
     Entry& e = entries_.at(id);
     // Its host backs off: it waits there, without a look at its payload.
     if (e.host >= 0 && hosts_[static_cast<size_t>(e.host)].steps > 0) {
@@ -520,6 +583,7 @@ void DurableRequestExecutor::hostFailed(int index, bool probe, const DeliveryRes
     }
   }
   host.notBefore = std::max(host.notBefore, now + delay);
+  refreshKeepWhole();
 }
 
 void DurableRequestExecutor::hostAnswered(int index) {
@@ -535,6 +599,7 @@ void DurableRequestExecutor::hostAnswered(int index) {
   for (const auto& [priority, id] : host.held) makeReady(id, entries_.at(id));
   host.held.clear();
   held_ -= count;
+  refreshKeepWhole();
   logger_.log(LogLevel::Info, host.name + " answers again; " + std::to_string(count) +
                                   " waiting requests go out");
   workAvailable_.signalAll();
@@ -628,6 +693,7 @@ void DurableRequestExecutor::workerLoop() {
 
   mutex_.lock();
   while (!stopping_) {
+    adoptHandoffs();
     const auto now = Clock::now();
     promoteDue(now);
     uint64_t id = 0;
@@ -636,6 +702,10 @@ void DurableRequestExecutor::workerLoop() {
       Entry& entry = entries_.at(id);
       entry.state = State::InFlight;
       ++inFlight_;
+      // Reports wake one worker; it wakes the next while there is more.
+      if (sleepingWorkers_ > 0 && ready_[0].size() + ready_[1].size() + ready_[2].size() > 0) {
+        workAvailable_.signal();
+      }
       auto request = entry.request;
       const bool stored = entry.durable && !request;
       mutex_.unlock();
@@ -743,6 +813,8 @@ void DurableRequestExecutor::workerLoop() {
     if (!paused_ && (!ready_[1].empty() || !ready_[2].empty())) {
       wakeBy(now + kPolicyRecheckInterval);
     }
+    bool wakeable = false;
+    if (!markAsleep(wakeable)) continue;  // handed over meanwhile
     ++sleepingWorkers_;
     if (wake) {
       workAvailable_.waitUntil(mutex_, *wake);
@@ -750,6 +822,7 @@ void DurableRequestExecutor::workerLoop() {
       workAvailable_.wait(mutex_);
     }
     --sleepingWorkers_;
+    markAwake(wakeable);
   }
   mutex_.unlock();
 }
@@ -840,6 +913,7 @@ void DurableRequestExecutor::loadHosts() {
     logger_.log(LogLevel::Info, name + " asked for no requests before " + std::to_string(left.count() / 1000) +
                                     " s from now; waiting until then");
   }
+  refreshKeepWhole();
 }
 
 void DurableRequestExecutor::saveHosts(const std::vector<std::pair<std::string, int64_t>>& hosts) {
@@ -875,6 +949,7 @@ void DurableRequestExecutor::writerLoop() {
     while (!writerStopping_ && !syncRequested_) {
       if (!writerWake_.waitUntil(mutex_, until)) break;
     }
+    adoptHandoffs();  // counts their appends and applies the caps to them
     const bool stop = writerStopping_;
     const bool compact = compactRequested_;
     syncRequested_ = false;

@@ -64,9 +64,9 @@ T get(const char* at) {
 
 }  // namespace
 
-uint32_t crc32c(const void* data, size_t size, uint32_t crc) {
-  const auto* p = static_cast<const unsigned char*>(data);
-  crc = ~crc;
+namespace {
+
+uint32_t crc32cTables(const unsigned char* p, size_t size, uint32_t crc) {
   while (size >= 8) {
     uint64_t word;
     std::memcpy(&word, p, 8);
@@ -79,7 +79,42 @@ uint32_t crc32c(const void* data, size_t size, uint32_t crc) {
     size -= 8;
   }
   while (size-- > 0) crc = (crc >> 8) ^ kCrcTables[0][(crc ^ *p++) & 0xFF];
-  return ~crc;
+  return crc;
+}
+
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+// The CPU's own CRC32C instruction (SSE 4.2): several times faster than the
+// tables, and every report call checksums its frame.
+__attribute__((target("sse4.2"))) uint32_t crc32cHardware(const unsigned char* p, size_t size,
+                                                          uint32_t crc) {
+  uint64_t wide = crc;
+  while (size >= 8) {
+    uint64_t word;
+    std::memcpy(&word, p, 8);
+    wide = __builtin_ia32_crc32di(wide, word);
+    p += 8;
+    size -= 8;
+  }
+  crc = static_cast<uint32_t>(wide);
+  while (size-- > 0) crc = __builtin_ia32_crc32qi(crc, *p++);
+  return crc;
+}
+
+const bool kHardwareCrc = __builtin_cpu_supports("sse4.2");
+#endif
+
+}  // namespace
+
+uint32_t crc32c(const void* data, size_t size, uint32_t crc) {
+  const auto* p = static_cast<const unsigned char*>(data);
+#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+  if (kHardwareCrc) return ~crc32cHardware(p, size, ~crc);
+#endif
+  return ~crc32cTables(p, size, ~crc);
+}
+
+uint32_t crc32cPortable(const void* data, size_t size, uint32_t crc) {
+  return ~crc32cTables(static_cast<const unsigned char*>(data), size, ~crc);
 }
 
 // MARK: - Frames

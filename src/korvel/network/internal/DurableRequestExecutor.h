@@ -2,9 +2,13 @@
 //
 // Caller's thread (executeRequest): the request's restoration payload is
 // encoded and copied as one framed record into the memory-mapped journal
-// (no fsync, no transaction), then queued in memory. From the moment
-// executeRequest returns the request survives a kill of the process at any
-// instant; a power loss loses at most the last sync interval.
+// (no fsync, no transaction), then handed to the workers through a hand-off
+// list with a lock of its own, held for one push: a report call never waits
+// for the queue's lock while workers or the writer hold it. The next thread
+// that takes the queue's lock moves the list into the queue; a report call
+// takes that lock only to wake a worker that sleeps with nothing to do. From
+// the moment executeRequest returns the request survives a kill of the
+// process at any instant; a power loss loses at most the last sync interval.
 //
 // What waits in memory is an index, not the request: id, priority, policy,
 // attempts, age and where it waits. A stored request is read back from the
@@ -159,7 +163,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // Also waits for the requests an earlier run stored to be restored (so
   // they are dropped too) and for the store to record the drop.
   size_t purge() override KORVEL_EXCLUDES(mutex_);
-  Stats stats() const;
+  // Not const: it first queues what report calls handed over, so the
+  // figures include them.
+  Stats stats() KORVEL_EXCLUDES(mutex_);
   const std::filesystem::path& directory() const { return directory_; }
 
   // Syncs and compacts the store now and gives its figures (measurements,
@@ -207,6 +213,23 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   void loadHosts() KORVEL_EXCLUDES(mutex_);
   void saveHosts(const std::vector<std::pair<std::string, int64_t>>& hosts);
 
+  // A request handed over by a report call, not yet in the queue.
+  struct Handoff {
+    uint64_t id = 0;
+    Entry entry;
+    bool appendFailed = false;
+  };
+
+  // Moves what report calls handed over into the queue.
+  void adoptHandoffs() KORVEL_REQUIRES(mutex_) KORVEL_EXCLUDES(handoffMutex_);
+  // Tells report calls whether a stored request may wait whole (see
+  // keepWhole_); called wherever its inputs change.
+  void refreshKeepWhole() KORVEL_REQUIRES(mutex_);
+  // Registers the calling worker as asleep, so that the next report wakes
+  // it (wakeable: not while paused or while a host backs off); false when
+  // requests were handed over meanwhile (no sleep then).
+  bool markAsleep(bool& wakeable) KORVEL_REQUIRES(mutex_) KORVEL_EXCLUDES(handoffMutex_);
+  void markAwake(bool wakeable) KORVEL_EXCLUDES(handoffMutex_);
   void enqueue(uint64_t id, Entry entry) KORVEL_REQUIRES(mutex_);
   void makeReady(uint64_t id, Entry& entry) KORVEL_REQUIRES(mutex_);
   void hold(uint64_t id, Entry& entry, int host) KORVEL_REQUIRES(mutex_);
@@ -271,6 +294,20 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // Log lines written once and repeated since, by text.
   std::map<std::string, uint64_t> repeated_ KORVEL_GUARDED_BY(mutex_);
   Stats stats_ KORVEL_GUARDED_BY(mutex_);
+
+  // Taken after mutex_ when both are held.
+  Mutex handoffMutex_ KORVEL_ACQUIRED_AFTER(mutex_);
+  std::vector<Handoff> handoffs_ KORVEL_GUARDED_BY(handoffMutex_);
+  // Workers asleep that a report should wake (not while paused or backing
+  // off); each sleeps on workAvailable_ with mutex_.
+  size_t wakeableWorkers_ KORVEL_GUARDED_BY(handoffMutex_) = 0;
+  // The other side of handoffs_, swapped with it (keeps both capacities).
+  std::vector<Handoff> adopting_ KORVEL_GUARDED_BY(mutex_);
+  // Whether a report call keeps a stored request whole (few are ready, not
+  // paused, no host backing off) or leaves it to be read back: a hint read
+  // without a lock, written under mutex_. A stale hint costs memory for a
+  // moment or one read, never correctness.
+  std::atomic<bool> keepWhole_{true};
 
   std::vector<std::thread> workers_;
   std::thread writer_;

@@ -59,6 +59,9 @@ struct StoredRequest {
 
 // CRC-32C (Castagnoli), as used by the journal's frames and marks.
 uint32_t crc32c(const void* data, size_t size, uint32_t crc = 0);
+// The same checksum from the lookup tables alone (what crc32c uses where the
+// CPU has no CRC32C instruction); the tests hold the two against each other.
+uint32_t crc32cPortable(const void* data, size_t size, uint32_t crc = 0);
 
 // A frame is [u32 marker][u32 body length][u32 CRC-32C of the body][body],
 // little-endian; the body is u64 id, i64 created, i32 priority, i32 policy,

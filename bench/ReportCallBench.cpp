@@ -1,0 +1,346 @@
+// The report call's latency on the caller's thread, timed call by call, in
+// the states a host meets, and the delivery rate behind it.
+//
+//   floor            an executor that keeps nothing: building the record and
+//                    the request, and nothing else
+//   durable, idle    the durable executor with delivery paused: the floor
+//                    plus making the request durable (the overhead figure)
+//   collector up     delivering to a beacon collector on 127.0.0.1 in this
+//                    process while the calls are made (the backlog is kept
+//                    small by letting it drain between batches, untimed)
+//   collector down   nothing listens at the endpoint and 100,000 requests
+//                    are already queued; the workers keep trying
+//   sync+rotation    delivery paused, small segments and a short sync
+//                    interval, so the writer syncs and rotates segments all
+//                    through the calls
+//
+// Each state prints p50/p99/p99.9/max in microseconds over --calls timed
+// calls (after a warm-up); the last block is the delivery rate, one GET per
+// beacon, over --runs runs of --beacons queued beacons each: median, min and
+// max. Every beacon has 23 parameters (20 from the caller, 3 common ones).
+//
+//   ReportCallBench [--calls N] [--runs N] [--beacons N] [--queued N] [--only NAME]
+//
+// The figures are only comparable on a quiet machine: the program prints the
+// load average at its start and end.
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <filesystem>
+#include <functional>
+#include <memory>
+#include <optional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include <stdlib.h>
+
+#include "collector/BeaconCollector.h"
+#include <korvel/beacon/KVRBeacon.h>
+#include <korvel/beacon/KVRUserSession.h>
+#include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
+#include <korvel/platform/Env.h>
+
+namespace {
+
+using namespace korvel;
+using platform::DurableRequestExecutor;
+using Clock = std::chrono::steady_clock;
+namespace fs = std::filesystem;
+
+struct Settings {
+  size_t calls = 200'000;
+  int runs = 5;
+  int beacons = 10'000;
+  int queued = 100'000;
+  std::string only;
+};
+
+// The discard port: nothing listens on it here, so connecting is refused.
+constexpr int kDeadPort = 9;
+
+void configure(int port) {
+  static const bool once = [] {
+    platform::setMainBundleIdentifier("com.korvel.bench");
+    KVRBeacon::registerRequestRestorer();
+    KVRUserSession::load();
+    return true;
+  }();
+  (void)once;
+  KVNConfiguration::sharedInstance().update([&](KVNConfiguration::Snapshot& s) {
+    s.inid = "BENCH-INID-0123456789";
+    s.configured = true;
+    s.deviceModel = "Bench14,2";
+    s.beacons.beaconEndpoint =
+        "http://127.0.0.1:" + std::to_string(port) + "/b/{inid}/{appversion}/{devicemodel}";
+  });
+}
+
+// A user event of 20 entries of realistic sizes; the session adds 3.
+KVRParameters userEvent() {
+  KVRParameters p;
+  p.set("type", "share");
+  p.set("providername", "messages");
+  p.set("origin", "trackpage");
+  p.set("tagid", "7C2D9E4A-1B3F-4E5D-9A8B-0C1D2E3F4A5B");
+  p.set("trackkey", 571234567);
+  p.set("screenname", "track");
+  for (int i = static_cast<int>(p.size()); i < 20; ++i) {
+    p.set("key" + std::to_string(i), "value-" + std::to_string(i * 7919));
+  }
+  return p;
+}
+
+std::string loadAverage() {
+  double load[3] = {0, 0, 0};
+  if (getloadavg(load, 3) != 3) return "unknown";
+  char text[64];
+  std::snprintf(text, sizeof text, "%.2f %.2f %.2f", load[0], load[1], load[2]);
+  return text;
+}
+
+fs::path temporaryDirectory() {
+  char pattern[] = "/tmp/korvel-reportcall-XXXXXX";
+  if (mkdtemp(pattern) == nullptr) return {};
+  return pattern;
+}
+
+class NullExecutor final : public KVNNetworkBackgroundRequestExecutor {
+ public:
+  const std::string& backgroundSessionIdentifier() const override { return id_; }
+  void executeRequest(KVNNetworkRequest) noexcept override {}
+  bool flush(std::chrono::milliseconds) override { return true; }
+
+ private:
+  std::string id_ = "bench.null";
+};
+
+// A durable executor in its own directory, removed again with it.
+struct DurableUnderTest {
+  fs::path directory;
+  std::shared_ptr<DurableRequestExecutor> executor;
+
+  explicit DurableUnderTest(const std::function<void(DurableRequestExecutor::Options&)>& tune) {
+    directory = temporaryDirectory();
+    DurableRequestExecutor::Options o;
+    o.directory = directory;
+    // Nothing dropped over the caps.
+    o.maxStoredRequests = 10'000'000;
+    o.maxStoredBytes = 16ull << 30;
+    tune(o);
+    executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
+    KVRBeacon::setBackgroundSession(executor);
+  }
+  ~DurableUnderTest() {
+    KVRBeacon::setBackgroundSession(nullptr);
+    executor.reset();
+    std::error_code ec;
+    fs::remove_all(directory, ec);
+  }
+};
+
+struct Percentiles {
+  double p50 = 0, p99 = 0, p999 = 0, max = 0;
+};
+
+Percentiles percentiles(std::vector<double> micros) {
+  Percentiles p;
+  if (micros.empty()) return p;
+  std::sort(micros.begin(), micros.end());
+  auto at = [&](double q) { return micros[static_cast<size_t>(q * double(micros.size() - 1))]; };
+  p.p50 = at(0.50);
+  p.p99 = at(0.99);
+  p.p999 = at(0.999);
+  p.max = micros.back();
+  return p;
+}
+
+// Times `calls` report calls one by one. betweenBatches runs untimed after
+// every batch of 1,000 calls.
+Percentiles timeCalls(size_t calls, const std::function<void()>& betweenBatches = {}) {
+  const KVRParameters parameters = userEvent();
+  for (int i = 0; i < 2'000; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
+  if (betweenBatches) betweenBatches();
+
+  std::vector<double> micros;
+  micros.reserve(calls);
+  for (size_t i = 0; i < calls; ++i) {
+    const auto start = Clock::now();
+    auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
+    const auto end = Clock::now();
+    if (!uuid) {
+      std::fprintf(stderr, "a report call gave no uuid\n");
+      std::exit(1);
+    }
+    micros.push_back(std::chrono::duration<double, std::micro>(end - start).count());
+    if (betweenBatches && (i + 1) % 1'000 == 0) betweenBatches();
+  }
+  return percentiles(std::move(micros));
+}
+
+void printRow(const char* state, const Percentiles& p) {
+  std::printf("%-16s %9.2f %9.2f %9.2f %9.1f\n", state, p.p50, p.p99, p.p999, p.max);
+  std::fflush(stdout);
+}
+
+double timerCost() {
+  std::vector<double> micros;
+  micros.reserve(100'000);
+  for (int i = 0; i < 100'000; ++i) {
+    const auto start = Clock::now();
+    const auto end = Clock::now();
+    micros.push_back(std::chrono::duration<double, std::micro>(end - start).count());
+  }
+  return percentiles(std::move(micros)).p50;
+}
+
+bool selected(const Settings& s, const char* name) {
+  return s.only.empty() || s.only == name;
+}
+
+// Queues `count` beacons with delivery paused, then times delivering them
+// all to the collector; beacons per second.
+double deliveryRun(tools::BeaconCollector& collector, int count) {
+  DurableUnderTest durable([](DurableRequestExecutor::Options& o) { o.startPaused = true; });
+  const KVRParameters parameters = userEvent();
+  for (int i = 0; i < count; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
+  const size_t before = collector.beaconCount();
+  const auto start = Clock::now();
+  durable.executor->setPaused(false);
+  if (!collector.waitForBeacons(before + static_cast<size_t>(count), std::chrono::seconds(120))) {
+    std::fprintf(stderr, "delivery run: not everything arrived within 120 s\n");
+    return 0;
+  }
+  const double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  return count / seconds;
+}
+
+Settings parse(int argc, char** argv) {
+  Settings s;
+  for (int i = 1; i < argc; ++i) {
+    auto value = [&]() -> const char* {
+      if (i + 1 >= argc) {
+        std::fprintf(stderr, "%s needs a value\n", argv[i]);
+        std::exit(2);
+      }
+      return argv[++i];
+    };
+    if (std::strcmp(argv[i], "--calls") == 0) {
+      s.calls = std::strtoul(value(), nullptr, 10);
+    } else if (std::strcmp(argv[i], "--runs") == 0) {
+      s.runs = std::atoi(value());
+    } else if (std::strcmp(argv[i], "--beacons") == 0) {
+      s.beacons = std::atoi(value());
+    } else if (std::strcmp(argv[i], "--queued") == 0) {
+      s.queued = std::atoi(value());
+    } else if (std::strcmp(argv[i], "--only") == 0) {
+      s.only = value();
+    } else {
+      std::fprintf(stderr,
+                   "usage: %s [--calls N] [--runs N] [--beacons N] [--queued N] "
+                   "[--only floor|idle|up|down|sync|delivery]\n",
+                   argv[0]);
+      std::exit(2);
+    }
+  }
+  if (s.calls == 0 || s.runs <= 0 || s.beacons <= 0 || s.queued < 0) {
+    std::fprintf(stderr, "counts must be positive\n");
+    std::exit(2);
+  }
+  return s;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const Settings settings = parse(argc, argv);
+  std::printf("load average at start: %s\n", loadAverage().c_str());
+  std::printf("timer pair: %.3f us (included in every figure)\n", timerCost());
+  std::printf("%zu timed calls per state\n\n", settings.calls);
+  std::printf("%-16s %9s %9s %9s %9s   (microseconds per report call)\n", "state", "p50",
+              "p99", "p99.9", "max");
+
+  tools::BeaconCollector::Options collectorOptions;
+  collectorOptions.keepBeacons = false;
+  tools::BeaconCollector collector(collectorOptions);
+  if (!collector.start()) {
+    std::fprintf(stderr, "cannot listen on 127.0.0.1\n");
+    return 1;
+  }
+
+  std::optional<Percentiles> floor;
+  if (selected(settings, "floor")) {
+    configure(kDeadPort);
+    KVRBeacon::setBackgroundSession(std::make_shared<NullExecutor>());
+    floor = timeCalls(settings.calls);
+    KVRBeacon::setBackgroundSession(nullptr);
+    printRow("floor", *floor);
+  }
+
+  if (selected(settings, "idle")) {
+    configure(kDeadPort);
+    DurableUnderTest durable([](DurableRequestExecutor::Options& o) { o.startPaused = true; });
+    const Percentiles idle = timeCalls(settings.calls);
+    printRow("durable, idle", idle);
+    if (floor) {
+      std::printf("%-16s %9.2f %9.2f %9.2f\n", "  over floor", idle.p50 - floor->p50,
+                  idle.p99 - floor->p99, idle.p999 - floor->p999);
+    }
+  }
+
+  if (selected(settings, "up")) {
+    configure(collector.port());
+    DurableUnderTest durable([](DurableRequestExecutor::Options&) {});
+    auto& executor = *durable.executor;
+    // Keeps the backlog between 1,000 and 5,000, so the workers deliver all
+    // through the timed calls without the queue growing without bound.
+    const Percentiles up = timeCalls(settings.calls, [&executor] {
+      if (executor.stats().waiting <= 5'000) return;
+      while (executor.stats().waiting > 1'000) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    });
+    printRow("collector up", up);
+  }
+
+  if (selected(settings, "down")) {
+    configure(kDeadPort);
+    DurableUnderTest durable([](DurableRequestExecutor::Options&) {});
+    const KVRParameters parameters = userEvent();
+    for (int i = 0; i < settings.queued; ++i) {
+      KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
+    }
+    const Percentiles down = timeCalls(settings.calls);
+    char label[32];
+    std::snprintf(label, sizeof label, "down, %dk queued", settings.queued / 1000);
+    printRow(label, down);
+  }
+
+  if (selected(settings, "sync")) {
+    configure(kDeadPort);
+    DurableUnderTest durable([](DurableRequestExecutor::Options& o) {
+      o.startPaused = true;
+      o.syncInterval = std::chrono::milliseconds(2);
+      o.segmentBytes = 256u << 10;  // about 330 beacons a segment
+    });
+    const Percentiles sync = timeCalls(settings.calls);
+    printRow("sync+rotation", sync);
+  }
+
+  if (selected(settings, "delivery")) {
+    configure(collector.port());
+    std::vector<double> rates;
+    for (int run = 0; run < settings.runs; ++run) {
+      rates.push_back(deliveryRun(collector, settings.beacons));
+    }
+    std::sort(rates.begin(), rates.end());
+    std::printf("\ndelivery, %d beacons a run, %d runs: median %.0f/s, min %.0f/s, max %.0f/s\n",
+                settings.beacons, settings.runs, rates[rates.size() / 2], rates.front(),
+                rates.back());
+  }
+
+  std::printf("load average at end: %s\n", loadAverage().c_str());
+  return 0;
+}
