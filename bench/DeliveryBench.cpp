@@ -39,6 +39,7 @@
 #include <filesystem>
 #include <vector>
 
+#include "BenchSupport.h"
 #include "collector/BeaconCollector.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRUserSession.h>
@@ -53,38 +54,9 @@ using namespace korvel;
 using platform::DurableRequestExecutor;
 namespace fs = std::filesystem;
 
-void configure(int port) {
-  static const bool once = [] {
-    platform::setMainBundleIdentifier("com.korvel.bench");
-    KVRBeacon::registerRequestRestorer();
-    KVRUserSession::load();
-    return true;
-  }();
-  (void)once;
-  KVNConfiguration::sharedInstance().update([&](KVNConfiguration::Snapshot& s) {
-    s.inid = "BENCH-INID-0123456789";
-    s.configured = true;
-    s.deviceModel = "Bench14,2";
-    s.beacons.beaconEndpoint =
-        "http://127.0.0.1:" + std::to_string(port) + "/b/{inid}/{appversion}/{devicemodel}";
-  });
-}
+using bench::configure;
 
-// A caller's dictionary that, with the common parameters, gives a record of
-// about `entries` parameters of realistic sizes.
-KVRParameters userEvent(int entries) {
-  KVRParameters p;
-  p.set("type", "share");
-  p.set("providername", "messages");
-  p.set("origin", "trackpage");
-  p.set("tagid", "7C2D9E4A-1B3F-4E5D-9A8B-0C1D2E3F4A5B");
-  p.set("trackkey", 571234567);
-  p.set("screenname", "track");
-  for (int i = static_cast<int>(p.size()); i < entries; ++i) {
-    p.set("key" + std::to_string(i), "value-" + std::to_string(i * 7919));
-  }
-  return p;
-}
+using bench::userEvent;
 
 fs::path temporaryDirectory() {
   char pattern[] = "/tmp/korvel-bench-XXXXXX";

@@ -38,6 +38,7 @@
 
 #include <stdlib.h>
 
+#include "BenchSupport.h"
 #include "collector/BeaconCollector.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRUserSession.h>
@@ -63,37 +64,9 @@ struct Settings {
 // The discard port: nothing listens on it here, so connecting is refused.
 constexpr int kDeadPort = 9;
 
-void configure(int port) {
-  static const bool once = [] {
-    platform::setMainBundleIdentifier("com.korvel.bench");
-    KVRBeacon::registerRequestRestorer();
-    KVRUserSession::load();
-    return true;
-  }();
-  (void)once;
-  KVNConfiguration::sharedInstance().update([&](KVNConfiguration::Snapshot& s) {
-    s.inid = "BENCH-INID-0123456789";
-    s.configured = true;
-    s.deviceModel = "Bench14,2";
-    s.beacons.beaconEndpoint =
-        "http://127.0.0.1:" + std::to_string(port) + "/b/{inid}/{appversion}/{devicemodel}";
-  });
-}
+using bench::configure;
 
-// A user event of 20 entries of realistic sizes; the session adds 3.
-KVRParameters userEvent() {
-  KVRParameters p;
-  p.set("type", "share");
-  p.set("providername", "messages");
-  p.set("origin", "trackpage");
-  p.set("tagid", "7C2D9E4A-1B3F-4E5D-9A8B-0C1D2E3F4A5B");
-  p.set("trackkey", 571234567);
-  p.set("screenname", "track");
-  for (int i = static_cast<int>(p.size()); i < 20; ++i) {
-    p.set("key" + std::to_string(i), "value-" + std::to_string(i * 7919));
-  }
-  return p;
-}
+using bench::userEvent;
 
 std::string loadAverage() {
   double load[3] = {0, 0, 0};
@@ -162,7 +135,7 @@ Percentiles percentiles(std::vector<double> micros) {
 // Times `calls` report calls one by one. betweenBatches runs untimed after
 // every batch of 1,000 calls.
 Percentiles timeCalls(size_t calls, const std::function<void()>& betweenBatches = {}) {
-  const KVRParameters parameters = userEvent();
+  const KVRParameters parameters = userEvent(20);  // the session adds 3
   for (int i = 0; i < 2'000; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
   if (betweenBatches) betweenBatches();
 
@@ -206,7 +179,7 @@ bool selected(const Settings& s, const char* name) {
 // all to the collector; beacons per second.
 double deliveryRun(tools::BeaconCollector& collector, int count) {
   DurableUnderTest durable([](DurableRequestExecutor::Options& o) { o.startPaused = true; });
-  const KVRParameters parameters = userEvent();
+  const KVRParameters parameters = userEvent(20);  // the session adds 3
   for (int i = 0; i < count; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
   const size_t before = collector.beaconCount();
   const auto start = Clock::now();
@@ -308,7 +281,7 @@ int main(int argc, char** argv) {
   if (selected(settings, "down")) {
     configure(kDeadPort);
     DurableUnderTest durable([](DurableRequestExecutor::Options&) {});
-    const KVRParameters parameters = userEvent();
+    const KVRParameters parameters = userEvent(20);  // the session adds 3
     for (int i = 0; i < settings.queued; ++i) {
       KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
     }
