@@ -1,0 +1,148 @@
+#include <korvel/network/internal/FlatIndex.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <random>
+#include <vector>
+
+namespace korvel::platform {
+namespace {
+
+using Index = FlatIndex<uint64_t, int>;
+
+std::vector<std::pair<uint64_t, int>> contents(Index& index) {
+  std::vector<std::pair<uint64_t, int>> out;
+  for (const auto& slot : index) out.emplace_back(slot.first, slot.second);
+  return out;
+}
+
+std::vector<std::pair<uint64_t, int>> contents(const std::map<uint64_t, int>& model) {
+  return {model.begin(), model.end()};
+}
+
+// Random inserts (mostly at the end, as the engine's ids arrive), erases by
+// key and by iterator, re-inserts of erased keys and whole-queue moves,
+// checked after every step against std::map.
+TEST(FlatIndexTest, BehavesLikeAnOrderedMapUnderRandomOperations) {
+  for (uint32_t seed : {1u, 2u, 3u, 4u, 5u}) {
+    std::mt19937 random(seed);
+    Index index;
+    std::map<uint64_t, int> model;
+    uint64_t nextKey = 1000;
+    for (int step = 0; step < 4000; ++step) {
+      const int op = std::uniform_int_distribution<int>(0, 9)(random);
+      if (op < 4) {  // a new key, usually the largest
+        const uint64_t key = op == 0 ? std::uniform_int_distribution<uint64_t>(0, nextKey)(random)
+                                     : nextKey++;
+        const int value = step;
+        auto [it, inserted] = index.insert(key, value);
+        auto [mit, minserted] = model.try_emplace(key, value);
+        ASSERT_EQ(inserted, minserted) << "seed " << seed << " step " << step;
+        ASSERT_EQ(it->second, mit->second);
+      } else if (op < 6 && !model.empty()) {  // erase a random present key
+        auto mit = model.begin();
+        std::advance(mit, std::uniform_int_distribution<size_t>(0, model.size() - 1)(random));
+        ASSERT_EQ(index.erase(mit->first), 1u);
+        model.erase(mit);
+      } else if (op == 6 && !model.empty()) {  // erase the first, as a queue does
+        ASSERT_EQ(index.begin()->first, model.begin()->first);
+        index.erase(index.begin());
+        model.erase(model.begin());
+      } else if (op == 7) {  // erase a key that is not there
+        const uint64_t absent = model.empty() ? 7 : model.rbegin()->first + 1;
+        ASSERT_EQ(index.erase(absent), 0u);
+      } else if (op == 8 && !model.empty()) {  // find
+        const uint64_t key = std::uniform_int_distribution<uint64_t>(0, nextKey)(random);
+        auto found = index.find(key);
+        ASSERT_EQ(found != index.end(), model.contains(key)) << "key " << key;
+        if (found != index.end()) {
+          ASSERT_EQ(found->second, model.at(key));
+        }
+      } else {  // many at once, somewhere in the range
+        std::vector<std::pair<uint64_t, int>> more;
+        uint64_t key = std::uniform_int_distribution<uint64_t>(0, nextKey)(random);
+        for (int i = 0; i < 20; ++i, key += 3) {
+          if (!model.contains(key)) more.emplace_back(key, -step);
+        }
+        for (const auto& [k, v] : more) model.emplace(k, v);
+        index.insertSorted(more);
+      }
+      ASSERT_EQ(index.size(), model.size()) << "seed " << seed << " step " << step;
+    }
+    EXPECT_EQ(contents(index), contents(model)) << "seed " << seed;
+  }
+}
+
+// Erasing while walking (the engine drops expired and over-cap entries this
+// way) visits every entry once and leaves the rest in order.
+TEST(FlatIndexTest, EraseReturnsTheNextEntryAndKeepsOthersReachable) {
+  Index index;
+  for (uint64_t k = 1; k <= 100; ++k) index.insert(k, static_cast<int>(k));
+  std::vector<uint64_t> visited;
+  for (auto it = index.begin(); it != index.end();) {
+    visited.push_back(it->first);
+    it = it->first % 3 == 0 || it->first == 100 ? index.erase(it) : std::next(it);
+  }
+  EXPECT_EQ(visited.size(), 100u);
+  EXPECT_EQ(index.size(), 100u - 33u - 1u);
+  EXPECT_FALSE(index.contains(99));
+  EXPECT_FALSE(index.contains(100));
+  EXPECT_TRUE(index.contains(98));
+  // A reference to an entry survives erasing its neighbours.
+  int& kept = index.at(50);
+  index.erase(49);
+  index.erase(52);
+  index.erase(1);
+  EXPECT_EQ(kept, 50);
+}
+
+// Tombstones do not pile up: after a long run of queue-like use the slots
+// held stay near the live count.
+TEST(FlatIndexTest, ErasedSlotsAreReclaimed) {
+  Index index;
+  uint64_t next = 0;
+  for (int round = 0; round < 1000; ++round) {
+    for (int i = 0; i < 50; ++i) index.insert(next++, 0);
+    // Erase from the middle, where tombstones stay until swept.
+    for (int i = 0; i < 49; ++i) index.erase(next - 50 + static_cast<uint64_t>(i));
+  }
+  EXPECT_EQ(index.size(), 1000u);
+  EXPECT_LE(index.capacitySlots(), 2 * index.size() + 128);
+  EXPECT_THROW(index.at(next + 1), std::out_of_range);
+}
+
+// Each placement the engine relies on: after every key, before every key,
+// and interleaved.
+TEST(FlatIndexTest, InsertSortedPlacesKeysInOrder) {
+  struct Case {
+    const char* name;
+    std::vector<uint64_t> present;
+    std::vector<uint64_t> added;
+  };
+  const Case cases[] = {
+      {"into an empty index", {}, {3, 4, 9}},
+      {"after every key", {1, 2}, {3, 4}},
+      {"before every key", {10, 11}, {3, 4}},
+      {"interleaved", {2, 4, 6}, {1, 3, 5, 7}},
+  };
+  for (const Case& c : cases) {
+    Index index;
+    std::map<uint64_t, int> model;
+    for (uint64_t k : c.present) {
+      index.insert(k, 1);
+      model.emplace(k, 1);
+    }
+    std::vector<std::pair<uint64_t, int>> more;
+    for (uint64_t k : c.added) {
+      more.emplace_back(k, 2);
+      model.emplace(k, 2);
+    }
+    index.insertSorted(more);
+    EXPECT_EQ(contents(index), contents(model)) << c.name;
+    EXPECT_EQ(index.size(), model.size()) << c.name;
+  }
+}
+
+}  // namespace
+}  // namespace korvel::platform
