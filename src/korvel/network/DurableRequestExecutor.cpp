@@ -211,7 +211,7 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
   // comes: it is not kept in memory, and is freed here, on the caller's
   // thread, rather than by whichever thread queues it.
   if (!durable || keepWhole_.load(std::memory_order_relaxed)) {
-    entry.request = std::make_shared<const KVNNetworkRequest>(std::move(request));
+    handoff.request = std::make_shared<const KVNNetworkRequest>(std::move(request));
   }
   std::shared_ptr<const KVNNetworkRequest> dropped;  // freed outside the lock
   bool wake;
@@ -219,7 +219,7 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
     MutexLock lock(handoffMutex_);
     // However many arrive before a worker or the writer looks, no more than
     // a few wait whole.
-    if (durable && handoffs_.size() >= kKeptWhole) dropped = std::move(entry.request);
+    if (durable && handoffs_.size() >= kKeptWhole) dropped = std::move(handoff.request);
     // Only the first request handed over wakes a worker: the worker takes
     // the whole list, and wakes more workers when there is more to send.
     wake = handoffs_.empty() && wakeableWorkers_ > 0;
@@ -302,6 +302,7 @@ size_t DurableRequestExecutor::purge() {
     }
     unlink(it);
     if (it->second.durable) finished_.push_back(it->first);
+    whole_.erase(it->first);
     it = entries_.erase(it);
     ++purged;
   }
@@ -344,9 +345,9 @@ void DurableRequestExecutor::adoptHandoffs() {
     if (handoff.appendFailed) ++appendFailuresSinceLog_;
     if (handoff.entry.durable) {
       ++appendsSinceLog_;
-      if (!keepWhole) handoff.entry.request.reset();
+      if (!keepWhole) handoff.request.reset();
     }
-    enqueue(handoff.id, std::move(handoff.entry));
+    enqueue(handoff.id, std::move(handoff.entry), std::move(handoff.request));
   }
   adopting_.clear();
   enforceCap();
@@ -379,9 +380,11 @@ bool DurableRequestExecutor::drained() const {
   return restored_ && inFlight_ == 0 && entries_.size() == parked_;
 }
 
-void DurableRequestExecutor::enqueue(uint64_t id, Entry entry) {
-  auto [it, inserted] = entries_.emplace(id, std::move(entry));
+void DurableRequestExecutor::enqueue(uint64_t id, Entry entry,
+                                     std::shared_ptr<const KVNNetworkRequest> request) {
+  auto [it, inserted] = entries_.insert(id, std::move(entry));
   if (!inserted) return;
+  if (request) whole_.emplace(id, std::move(request));
   storedBytes_ += it->second.bytes;
   if (it->second.state == State::Parked) {
     ++parked_;
@@ -392,14 +395,14 @@ void DurableRequestExecutor::enqueue(uint64_t id, Entry entry) {
 
 void DurableRequestExecutor::makeReady(uint64_t id, Entry& entry) {
   entry.state = State::Ready;
-  ready_[bucketOf(entry.policy)].emplace(-entry.priority, id);
+  ready_[bucketOf(entry.policy)].insert({-entry.priority, id});
 }
 
 void DurableRequestExecutor::hold(uint64_t id, Entry& entry, int host) {
-  if (entry.durable) entry.request.reset();  // read back when the host is healthy
+  if (entry.durable) whole_.erase(id);  // read back when the host is healthy
   entry.state = State::Held;
   entry.host = static_cast<int16_t>(host);
-  hosts_[static_cast<size_t>(host)].held.emplace(-entry.priority, id);
+  hosts_[static_cast<size_t>(host)].held.insert({-entry.priority, id});
   ++held_;
 }
 
@@ -407,7 +410,7 @@ void DurableRequestExecutor::unlink(Entries::iterator it) {
   Entry& e = it->second;
   switch (e.state) {
     case State::Ready:
-      ready_[bucketOf(e.policy)].erase({-e.priority, it->first});
+      ready_[bucketOf(e.policy)].erase(std::make_pair(-e.priority, it->first));
       break;
     case State::Waiting: {
       // Few wait on their own (only requests without a host): a scan.
@@ -420,7 +423,7 @@ void DurableRequestExecutor::unlink(Entries::iterator it) {
       break;
     }
     case State::Held:
-      hosts_[static_cast<size_t>(e.host)].held.erase({-e.priority, it->first});
+      hosts_[static_cast<size_t>(e.host)].held.erase(std::make_pair(-e.priority, it->first));
       --held_;
       break;
     case State::Parked:
@@ -432,10 +435,11 @@ void DurableRequestExecutor::unlink(Entries::iterator it) {
 }
 
 // Forgets an entry that is no longer queued anywhere.
-void DurableRequestExecutor::erase(Entries::iterator it) {
+DurableRequestExecutor::Entries::iterator DurableRequestExecutor::erase(Entries::iterator it) {
   if (it->second.durable) finished_.push_back(it->first);
   storedBytes_ -= it->second.bytes;
-  entries_.erase(it);
+  whole_.erase(it->first);
+  return entries_.erase(it);
 }
 
 void DurableRequestExecutor::finish(Entries::iterator it) {
@@ -455,7 +459,7 @@ void DurableRequestExecutor::enforceCap() {
       continue;
     }
     unlink(it);
-    erase(it++);
+    it = erase(it);
     ++stats_.droppedOverCap;
     ++overCapSinceLog_;
   }
@@ -477,7 +481,7 @@ void DurableRequestExecutor::dropExpired(int64_t nowMillis, bool scanAll) {
       continue;
     }
     unlink(it);
-    erase(it++);
+    it = erase(it);
     ++stats_.droppedTooOld;
     ++tooOldSinceLog_;
   }
@@ -503,9 +507,9 @@ bool DurableRequestExecutor::pickProbe(Clock::time_point now, uint64_t& id, int&
     }
     // The first held request the configuration lets go.
     for (auto it = candidate.held.begin(); it != candidate.held.end(); ++it) {
-      const Entry& e = entries_.at(it->second);
+      const Entry& e = entries_.at(it->first.second);
       if (e.policy != 0 && !KVNConfigurationPolicySatisfied(e.policy)) continue;
-      id = it->second;
+      id = it->first.second;
       candidate.held.erase(it);
       --held_;
       candidate.probing = true;
@@ -522,7 +526,7 @@ bool DurableRequestExecutor::pickReady(uint64_t& id) {
     int bestBucket = -1;
     for (int b = 0; b < 3; ++b) {
       if (ready_[b].empty()) continue;
-      const auto& first = *ready_[b].begin();
+      const auto& first = ready_[b].begin()->first;
       if (best != nullptr && !(first < *best)) continue;
       if (b != 0 && !KVNConfigurationPolicySatisfied(b)) continue;
       best = &first;
@@ -596,8 +600,16 @@ void DurableRequestExecutor::hostAnswered(int index) {
     hostsDirty_ = true;
   }
   const size_t count = host.held.size();
-  for (const auto& [priority, id] : host.held) makeReady(id, entries_.at(id));
+  // All at once: one by one, each would move the ready ones before it.
+  std::vector<std::pair<std::pair<int, uint64_t>, NoValue>> goingOut[3];
+  for (const auto& waiting : host.held) {
+    const uint64_t id = waiting.first.second;
+    Entry& entry = entries_.at(id);
+    entry.state = State::Ready;
+    goingOut[bucketOf(entry.policy)].emplace_back(waiting.first, NoValue{});
+  }
   host.held.clear();
+  for (int b = 0; b < 3; ++b) ready_[b].insertSorted(std::move(goingOut[b]));
   held_ -= count;
   refreshKeepWhole();
   logger_.log(LogLevel::Info, host.name + " answers again; " + std::to_string(count) +
@@ -654,7 +666,7 @@ void DurableRequestExecutor::settle(uint64_t id, DeliveryVerdict verdict,
   }
   // No host to back off from: the request waits on its own.
   auto delay = retryDelay(++e.backoffSteps, options_.retryBaseDelay, options_.maxRetryDelay, jitter);
-  if (e.durable) e.request.reset();
+  if (e.durable) whole_.erase(id);
   e.state = State::Waiting;
   waiting_.emplace(Clock::now() + delay, id);
 }
@@ -706,7 +718,8 @@ void DurableRequestExecutor::workerLoop() {
       if (sleepingWorkers_ > 0 && ready_[0].size() + ready_[1].size() + ready_[2].size() > 0) {
         workAvailable_.signal();
       }
-      auto request = entry.request;
+      std::shared_ptr<const KVNNetworkRequest> request;
+      if (auto kept = whole_.find(id); kept != whole_.end()) request = kept->second;
       const bool stored = entry.durable && !request;
       mutex_.unlock();
 

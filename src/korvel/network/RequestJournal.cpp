@@ -17,6 +17,7 @@
 #include <unordered_map>
 #include <unordered_set>
 
+#include <korvel/network/internal/FlatIndex.h>
 #include <korvel/network/internal/RequestStore.h>
 #include <korvel/platform/Files.h>
 
@@ -919,20 +920,18 @@ class JournalRequestStore final : public RequestStore {
 
   std::optional<StoredRequest> load(uint64_t id) override KORVEL_EXCLUDES(indexMutex_) {
     MutexLock lock(indexMutex_);
-    auto at = segmentOf_.find(id);
-    if (at == segmentOf_.end()) {
+    auto at = stored_.find(id);
+    if (at == stored_.end()) {
       // Appended since the writer last looked.
       drainFront();
-      at = segmentOf_.find(id);
-      if (at == segmentOf_.end()) return std::nullopt;
+      at = stored_.find(id);
+      if (at == stored_.end()) return std::nullopt;
     }
-    auto found = segments_.find(at->second);
+    const Where where = at->second;
+    auto found = segments_.find(where.segment);
     if (found == segments_.end()) return std::nullopt;
-    auto& segment = found->second;
-    auto loc = segment.live.find(id);
-    if (loc == segment.live.end()) return std::nullopt;
-    std::string frame(loc->second.length, '\0');
-    if (!readFrame(at->second, segment, loc->second, frame)) return std::nullopt;
+    std::string frame(where.loc.length, '\0');
+    if (!readFrame(where.segment, found->second, where.loc, frame)) return std::nullopt;
     size_t offset = 0;
     StoredRequest request;
     if (decodeFrame(frame, offset, request) != FrameStatus::Ok || request.id != id) return std::nullopt;
@@ -947,16 +946,12 @@ class JournalRequestStore final : public RequestStore {
     drainFront();
 
     for (uint64_t id : finished) {
-      auto it = segmentOf_.find(id);
-      if (it == segmentOf_.end()) continue;
-      auto& segment = segments_[it->second];
-      auto loc = segment.live.find(id);
-      if (loc != segment.live.end()) {
-        segment.liveBytes -= loc->second.length;
-        segment.live.erase(loc);
-      }
+      auto it = stored_.find(id);
+      if (it == stored_.end()) continue;
+      auto& segment = segments_[it->second.segment];
+      segment.forget(it->second.loc);
       segment.marks.push_back(id);
-      segmentOf_.erase(it);
+      stored_.erase(it);
     }
 
     std::vector<int> toSync;
@@ -964,7 +959,7 @@ class JournalRequestStore final : public RequestStore {
     std::string failure;
     for (auto it = segments_.begin(); it != segments_.end();) {
       auto& [number, segment] = *it;
-      if (segment.closed && segment.live.empty()) {
+      if (segment.closed && segment.liveCount == 0) {
         // Nothing left in it: no marks needed, the files go.
         removeSegment(it++);
         continue;
@@ -1013,7 +1008,7 @@ class JournalRequestStore final : public RequestStore {
     uint64_t stored;
     {
       MutexLock lock(indexMutex_);
-      stored = segmentOf_.size();
+      stored = stored_.size();
     }
     return {front_.bytesOnDisk(), stored};
   }
@@ -1033,11 +1028,39 @@ class JournalRequestStore final : public RequestStore {
     // active now may have been closed since the last drain, with appends
     // nobody has tracked yet.
     bool closed = false;
-    std::unordered_map<uint64_t, Loc> live;
+    uint32_t liveCount = 0;  // requests in it not yet finished
     std::vector<uint64_t> marks;  // finished, not yet written
     int marksFd = -1;
     int readFd = -1;  // for reading requests back
+
+    void forget(const Loc& loc) {
+      liveBytes -= loc.length;
+      --liveCount;
+    }
   };
+  // Where a waiting request is stored: twelve bytes, with its id a slot of
+  // twenty-four in the index.
+  struct Where {
+    uint32_t segment = 0;
+    Loc loc{};
+  };
+
+  // The live records of the given segments, by segment, in file order: one
+  // pass over the index.
+  std::map<uint32_t, std::vector<std::pair<uint64_t, Loc>>> liveIn(
+      const std::vector<uint32_t>& numbers) KORVEL_REQUIRES(indexMutex_) {
+    std::map<uint32_t, std::vector<std::pair<uint64_t, Loc>>> live;
+    for (uint32_t number : numbers) live[number];
+    for (const auto& slot : stored_) {
+      auto it = live.find(slot.second.segment);
+      if (it != live.end()) it->second.emplace_back(slot.first, slot.second.loc);
+    }
+    for (auto& [number, records] : live) {
+      std::sort(records.begin(), records.end(),
+                [](const auto& a, const auto& b) { return a.second.offset < b.second.offset; });
+    }
+    return live;
+  }
 
   // Appends one batch of marks; on a failed (or short) write the file is cut
   // back, so no torn batch hides the batches written after it.
@@ -1084,27 +1107,28 @@ class JournalRequestStore final : public RequestStore {
     }
     drainFront();  // every append that went to the old files
     const uint32_t active = front_.activeSegment();
+    std::vector<uint32_t> earlier;
+    for (const auto& [number, segment] : segments_) {
+      if (number != active) earlier.push_back(number);
+    }
+    auto live = liveIn(earlier);
     std::vector<JournalFront::Appended> moved;
     size_t lost = 0;
     std::string frame;
-    for (auto it = segments_.begin(); it != segments_.end();) {
-      if (it->first == active) {
-        ++it;
-        continue;
-      }
-      for (const auto& [id, loc] : it->second.live) {
+    for (uint32_t number : earlier) {
+      auto it = segments_.find(number);
+      for (const auto& [id, loc] : live[number]) {
         frame.resize(loc.length);
         std::optional<JournalFront::Appended> where;
-        if (readFrame(it->first, it->second, loc, frame)) where = front_.appendCarried(frame, id);
+        if (readFrame(number, it->second, loc, frame)) where = front_.appendCarried(frame, id);
         if (where) {
           moved.push_back(*where);
         } else {
           ++lost;
-          segmentOf_.erase(id);
+          stored_.erase(id);
         }
       }
-      auto gone = it++;
-      removeSegment(gone);
+      removeSegment(it);
     }
     for (const auto& a : moved) track(a);
     front_.syncActive();
@@ -1129,11 +1153,19 @@ class JournalRequestStore final : public RequestStore {
     if (segment.readFd < 0) {
       segment.readFd = ::open(front_.segmentPath(a.segment).c_str(), O_RDONLY | O_CLOEXEC);
     }
-    auto [it, inserted] =
-        segment.live.try_emplace(a.id, Loc{static_cast<uint32_t>(a.offset), a.length});
-    if (inserted) segment.liveBytes += a.length;
+    const Where where{a.segment, Loc{static_cast<uint32_t>(a.offset), a.length}};
+    auto [it, inserted] = stored_.insert(a.id, where);
+    if (!inserted) {
+      // A copy of a request already tracked (carried forward): the copy is
+      // the one kept; the segment of the original no longer counts it.
+      if (it->second.segment == a.segment) return;
+      auto previous = segments_.find(it->second.segment);
+      if (previous != segments_.end()) previous->second.forget(it->second.loc);
+      it->second = where;
+    }
+    segment.liveBytes += a.length;
+    ++segment.liveCount;
     segment.fileBytes = std::max(segment.fileBytes, a.offset + a.length);
-    segmentOf_[a.id] = a.segment;
   }
 
   void drainFront() KORVEL_REQUIRES(indexMutex_) {
@@ -1149,7 +1181,7 @@ class JournalRequestStore final : public RequestStore {
     constexpr uint64_t kMinimumBytes = 64 * 1024;
     std::vector<uint32_t> candidates;
     for (const auto& [number, segment] : segments_) {
-      if (!segment.closed || segment.live.empty()) continue;
+      if (!segment.closed || segment.liveCount == 0) continue;
       const bool mostlyFinished =
           segment.fileBytes >= kMinimumBytes && segment.liveBytes * 4 < segment.fileBytes;
       if (everything ? segment.liveBytes + kSegmentHeaderBytes < segment.fileBytes
@@ -1157,13 +1189,12 @@ class JournalRequestStore final : public RequestStore {
         candidates.push_back(number);
       }
     }
+    if (candidates.empty()) return;
+    auto liveByNumber = liveIn(candidates);
     for (uint32_t number : candidates) {
-      auto& segment = segments_[number];
       const int fd = ::open(front_.segmentPath(number).c_str(), O_RDONLY | O_CLOEXEC);
       if (fd < 0) continue;
-      std::vector<std::pair<uint64_t, Loc>> live(segment.live.begin(), segment.live.end());
-      std::sort(live.begin(), live.end(),
-                [](const auto& a, const auto& b) { return a.second.offset < b.second.offset; });
+      const auto& live = liveByNumber[number];
       std::vector<JournalFront::Appended> moved;
       bool ok = true;
       std::string frame;
@@ -1190,10 +1221,7 @@ class JournalRequestStore final : public RequestStore {
       indexMutex_.lock();
       if (!ok) continue;
       removeSegment(segments_.find(number));
-      for (const auto& a : moved) {
-        segmentOf_.erase(a.id);
-        track(a);
-      }
+      for (const auto& a : moved) track(a);
     }
   }
 
@@ -1202,7 +1230,8 @@ class JournalRequestStore final : public RequestStore {
   // it reads a request back.
   mutable Mutex indexMutex_;
   std::map<uint32_t, Segment> segments_ KORVEL_GUARDED_BY(indexMutex_);
-  std::unordered_map<uint64_t, uint32_t> segmentOf_ KORVEL_GUARDED_BY(indexMutex_);
+  // Every waiting request's place, by id.
+  FlatIndex<uint64_t, Where> stored_ KORVEL_GUARDED_BY(indexMutex_);
   bool marksFailing_ KORVEL_GUARDED_BY(indexMutex_) = false;
   std::atomic<bool> homeless_{false};
 };

@@ -90,15 +90,16 @@
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <set>
 #include <string>
 #include <thread>
+#include <unordered_map>
 #include <vector>
 
 #include <korvel/network/internal/DeliveryTransport.h>
 #include <korvel/foundation/KVNNetwork.h>
 #include <korvel/foundation/Mutex.h>
 #include <korvel/platform/Logging.h>
+#include <korvel/network/internal/FlatIndex.h>
 #include <korvel/network/internal/RequestStore.h>
 
 namespace korvel::platform {
@@ -176,10 +177,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
  private:
   enum class State : uint8_t { Ready, Waiting, InFlight, Parked, Held };
 
-  // One waiting request. Stored ones hold no request: it is read back from
-  // the journal when sent.
+  // One waiting request: its index entry, 32 bytes. The request itself is
+  // in whole_ when kept in memory, else read back from the journal when sent.
   struct Entry {
-    std::shared_ptr<const KVNNetworkRequest> request;  // memory-only requests
     int64_t createdMillis = 0;
     int32_t priority = 1;
     uint32_t bytes = 0;     // its stored record
@@ -191,7 +191,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     State state = State::Ready;
     bool durable = false;
   };
-  using Entries = std::map<uint64_t, Entry>;
+  using Entries = FlatIndex<uint64_t, Entry>;
+  // (-priority, id), first out first.
+  using Queue = FlatIndex<std::pair<int, uint64_t>, NoValue>;
 
   // An endpoint host and its backoff.
   struct Host {
@@ -200,7 +202,7 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     bool probing = false;
     std::chrono::steady_clock::time_point notBefore{};
     int64_t retryAfterUntilMillis = 0;  // wall clock; kept across restarts
-    std::set<std::pair<int, uint64_t>> held;  // (-priority, id) waiting for it
+    Queue held;  // waiting for it
   };
 
   static int bucketOf(int policy);
@@ -217,6 +219,7 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   struct Handoff {
     uint64_t id = 0;
     Entry entry;
+    std::shared_ptr<const KVNNetworkRequest> request;  // when kept whole
     bool appendFailed = false;
   };
 
@@ -230,11 +233,12 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // requests were handed over meanwhile (no sleep then).
   bool markAsleep(bool& wakeable) KORVEL_REQUIRES(mutex_) KORVEL_EXCLUDES(handoffMutex_);
   void markAwake(bool wakeable) KORVEL_EXCLUDES(handoffMutex_);
-  void enqueue(uint64_t id, Entry entry) KORVEL_REQUIRES(mutex_);
+  void enqueue(uint64_t id, Entry entry,
+               std::shared_ptr<const KVNNetworkRequest> request = nullptr) KORVEL_REQUIRES(mutex_);
   void makeReady(uint64_t id, Entry& entry) KORVEL_REQUIRES(mutex_);
   void hold(uint64_t id, Entry& entry, int host) KORVEL_REQUIRES(mutex_);
   void unlink(Entries::iterator it) KORVEL_REQUIRES(mutex_);
-  void erase(Entries::iterator it) KORVEL_REQUIRES(mutex_);
+  Entries::iterator erase(Entries::iterator it) KORVEL_REQUIRES(mutex_);
   void finish(Entries::iterator it) KORVEL_REQUIRES(mutex_);
   void enforceCap() KORVEL_REQUIRES(mutex_);
   void dropExpired(int64_t nowMillis, bool scanAll) KORVEL_REQUIRES(mutex_);
@@ -265,7 +269,11 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   CondVar writerWake_;
   CondVar progress_;  // drained, or a sync completed
   Entries entries_ KORVEL_GUARDED_BY(mutex_);
-  std::set<std::pair<int, uint64_t>> ready_[3] KORVEL_GUARDED_BY(mutex_);  // by policy bucket
+  // The requests kept in memory, by id: every one without a stored copy,
+  // and stored ones while few wait (sent then without a read).
+  std::unordered_map<uint64_t, std::shared_ptr<const KVNNetworkRequest>> whole_
+      KORVEL_GUARDED_BY(mutex_);
+  Queue ready_[3] KORVEL_GUARDED_BY(mutex_);  // by policy bucket
   std::multimap<std::chrono::steady_clock::time_point, uint64_t> waiting_ KORVEL_GUARDED_BY(mutex_);
   std::vector<Host> hosts_ KORVEL_GUARDED_BY(mutex_);
   size_t hostsBackingOff_ KORVEL_GUARDED_BY(mutex_) = 0;
