@@ -191,6 +191,8 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     State state = State::Ready;
     bool durable = false;
   };
+  // A backlog of 100,000 costs this times 100,000, and more: keep it small.
+  static_assert(sizeof(Entry) <= 32);
   using Entries = FlatIndex<uint64_t, Entry>;
   // (-priority, id), first out first.
   using Queue = FlatIndex<std::pair<int, uint64_t>, NoValue>;
