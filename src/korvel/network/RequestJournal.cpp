@@ -1153,6 +1153,7 @@ class JournalRequestStore final : public RequestStore {
     if (segment.readFd < 0) {
       segment.readFd = ::open(front_.segmentPath(a.segment).c_str(), O_RDONLY | O_CLOEXEC);
     }
+    segment.fileBytes = std::max(segment.fileBytes, a.offset + a.length);
     const Where where{a.segment, Loc{static_cast<uint32_t>(a.offset), a.length}};
     auto [it, inserted] = stored_.insert(a.id, where);
     if (!inserted) {
@@ -1165,7 +1166,6 @@ class JournalRequestStore final : public RequestStore {
     }
     segment.liveBytes += a.length;
     ++segment.liveCount;
-    segment.fileBytes = std::max(segment.fileBytes, a.offset + a.length);
   }
 
   void drainFront() KORVEL_REQUIRES(indexMutex_) {
