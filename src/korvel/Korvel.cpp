@@ -1,10 +1,10 @@
 #include <korvel/Korvel.h>
 
 #include <atomic>
-#include <mutex>
 #include <span>
 #include <system_error>
 
+#include <korvel/foundation/Mutex.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>
@@ -20,13 +20,13 @@ constexpr const char* kBeaconsFolderName = "beacons";
 constexpr std::string_view kOptedOutContent = "opted-out\n";
 
 struct State {
-  std::mutex mutex;
-  bool started = false;
-  bool userSession = false;
-  std::string bundleIdentifier;
-  fs::path dataDirectory;
+  Mutex mutex;
+  bool started KORVEL_GUARDED_BY(mutex) = false;
+  bool userSession KORVEL_GUARDED_BY(mutex) = false;
+  std::string bundleIdentifier KORVEL_GUARDED_BY(mutex);
+  fs::path dataDirectory KORVEL_GUARDED_BY(mutex);
   // The host's own executor, when it gave one.
-  std::shared_ptr<KVNNetworkBackgroundRequestExecutor> hostExecutor;
+  std::shared_ptr<KVNNetworkBackgroundRequestExecutor> hostExecutor KORVEL_GUARDED_BY(mutex);
   // Read without the mutex by optedOut().
   std::atomic<bool> optedOut{false};
 };
@@ -44,7 +44,8 @@ platform::Logger logger() {
 // The executor beacons go to, made when there is none yet: the host's, or
 // the durable one in the data directory, held while the user is opted out.
 // Runs with the state's mutex held, after start.
-std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s) {
+std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s)
+    KORVEL_REQUIRES(s.mutex) {
   if (auto existing = KVRBeacon::existingBackgroundSession()) return existing;
   std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor = s.hostExecutor;
   if (!executor) {
@@ -65,7 +66,7 @@ Reporting::Result failure(std::string error) {
   return Reporting::Result{false, std::move(error)};
 }
 
-bool persistConsent(const State& s, bool optedOut) {
+bool persistConsent(State& s, bool optedOut) KORVEL_REQUIRES(s.mutex) {
   const fs::path file = s.dataDirectory / kConsentFileName;
   std::error_code error;
   if (optedOut) {
@@ -85,7 +86,7 @@ bool persistConsent(const State& s, bool optedOut) {
 
 Reporting::Result Reporting::start(StartOptions options) {
   State& s = state();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   if (s.started) return failure("already started");
   if (options.bundleIdentifier.empty()) return failure("no bundle identifier");
   fs::path directory = options.dataDirectory.empty()
@@ -122,7 +123,7 @@ Reporting::Result Reporting::start(StartOptions options) {
 
 bool Reporting::started() {
   State& s = state();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   return s.started;
 }
 
@@ -134,7 +135,7 @@ fs::path Reporting::defaultDataDirectory(const std::string& bundleIdentifier) {
 
 std::optional<fs::path> Reporting::dataDirectory() {
   State& s = state();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   if (!s.started) return std::nullopt;
   return s.dataDirectory;
 }
@@ -155,7 +156,7 @@ bool Reporting::flush(std::chrono::milliseconds deadline) { return flushExecutor
 
 bool Reporting::shutdown(std::chrono::milliseconds deadline) {
   State& s = state();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   KVRBeacon::setReportingAllowed(false);
   if (s.userSession) KVRUserSession::unload();
   const bool delivered = flushExecutor(deadline);
@@ -170,7 +171,7 @@ bool Reporting::shutdown(std::chrono::milliseconds deadline) {
 
 bool Reporting::setOptedOut(bool out, PendingBeacons pending) {
   State& s = state();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   s.optedOut = out;
   if (out) {
     // First stop new reports, then hold what is queued.
@@ -201,7 +202,7 @@ bool Reporting::optedOut() { return state().optedOut.load(); }
 
 size_t Reporting::purgePendingBeacons() {
   State& s = state();
-  std::lock_guard lock(s.mutex);
+  MutexLock lock(s.mutex);
   auto executor = s.started ? ensureExecutor(s) : KVRBeacon::existingBackgroundSession();
   return executor ? executor->purge() : 0;
 }
