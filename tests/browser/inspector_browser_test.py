@@ -47,10 +47,22 @@ def start_browser():
         sys.exit(SKIP)
 
 
+def settled(read):
+    """Runs a read (or a click) of the page again when the live stream
+    re-rendered an element between two WebDriver calls."""
+    from selenium.common.exceptions import StaleElementReferenceException
+    for _ in range(100):
+        try:
+            return read()
+        except StaleElementReferenceException:
+            time.sleep(0.05)
+    fail("the page kept re-rendering what was being read")
+
+
 def wait_until(what, predicate, timeout=20.0):
     deadline = time.monotonic() + timeout
     while True:
-        value = predicate()
+        value = settled(predicate)
         if value:
             return value
         if time.monotonic() > deadline:
@@ -92,28 +104,26 @@ def main():
         wait_until("the host's beacons to appear", lambda: len(rows()) >= 8)
         if browser.execute_script("return window.kvrMarker;") != marker:
             fail("the page reloaded instead of updating live")
-        events = [cells(r)[2] for r in rows()]
+        events = settled(lambda: [cells(r)[2] for r in rows()])
         for expected in ("userevent", "tagged", "webpromo", "pageview", "usersession"):
             if expected not in events:
                 fail(f"no {expected} row among {events}")
-        if browser.find_elements(By.CSS_SELECTOR, "tr.bad"):
-            fail("the library's own beacons should all be good: " +
-                 str([cells(r) for r in browser.find_elements(By.CSS_SELECTOR, "tr.bad")]))
+        bad_rows = settled(lambda: [cells(r) for r in browser.find_elements(By.CSS_SELECTOR, "tr.bad")])
+        if bad_rows:
+            fail("the library's own beacons should all be good: " + str(bad_rows))
 
         # A bad beacon: an event the library does not make, a broken escape.
         now = int(time.time())
         urllib.request.urlopen(
             f"{base}/b/EXAMPLE-INID/14.2/Laptop14%2C2/pagevieww?clientcreationtimestamp={now}"
             f"&clientbeaconuuid=PLANTED-1&sessionid=planted&screenname=100%zz").read()
-        bad = wait_until("the planted beacon to be flagged",
-                         lambda: browser.find_elements(By.CSS_SELECTOR, "tr.bad"))
-        verdict = cells(bad[0])[5]
+        verdict = wait_until("the planted beacon to be flagged", lambda: [
+            cells(r)[5] for r in browser.find_elements(By.CSS_SELECTOR, "tr.bad")])[0]
         if "not one the library makes" not in verdict or "malformed percent-encoding" not in verdict:
             fail("the bad row does not say why: " + verdict)
 
         # A beacon's parameters: the reporter's own first, the common folded.
-        share = [r for r in rows() if cells(r)[2] == "userevent"][0]
-        share.click()
+        settled(lambda: [r for r in rows() if cells(r)[2] == "userevent"][0].click())
         wait_until("the beacon's details", lambda: "Reporter's parameters" in
                    browser.find_element(By.ID, "detail").text)
         detail = browser.find_element(By.ID, "detail").text
@@ -137,22 +147,21 @@ def main():
 
         # A session's timeline with its page views and their durations.
         browser.find_element(By.ID, "tab-sessions").click()
-        sessions = wait_until("the session list", lambda: [
+        settled(lambda: wait_until("the session list", lambda: [
             li for li in browser.find_elements(By.CSS_SELECTOR, "#sessions li")
-            if li.get_attribute("data-session") != "planted"])
-        sessions[0].click()
-        timeline = wait_until("the timeline", lambda: browser.find_elements(By.CSS_SELECTOR, "#timeline .view"))
-        views = [v.text for v in timeline]
+            if li.get_attribute("data-session") != "planted"])[0].click())
+        views = wait_until("the timeline", lambda: [
+            v.text for v in browser.find_elements(By.CSS_SELECTOR, "#timeline .view")])
         if not any(re.search(r"page view: home · \d+\.\d\d s", v) for v in views):
             fail("no timed page view of home in the timeline: " + str(views))
         if not any("lyrics" in v for v in views):
             fail("the renamed page is missing from the timeline: " + str(views))
         browser.find_element(By.ID, "tab-beacons").click()
-        browser.find_element(By.CSS_SELECTOR, "tr.bad").click()
+        settled(lambda: browser.find_element(By.CSS_SELECTOR, "tr.bad").click())
         wait_until("the bad beacon's details",
                    lambda: "pagevieww" in browser.find_element(By.ID, "detail").text)
         browser.save_screenshot(screenshot)
-        print(f"ok: {len(rows())} rows, timeline {views}; screenshot {screenshot}")
+        print(f"ok: {settled(lambda: len(rows()))} rows, timeline {views}; screenshot {screenshot}")
     finally:
         browser.quit()
         collector.terminate()
