@@ -87,7 +87,7 @@ bool BeaconCollector::start() {
     int failStatus = 0;
     std::optional<std::string> retryAfter;
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       if (dropLeft_ > 0) {
         --dropLeft_;
         drop = true;
@@ -123,11 +123,11 @@ bool BeaconCollector::start() {
     std::optional<CollectedBeacon> beacon;
     if (record.status == 204) beacon = CollectedBeacon::decode(req.target);
     if (beacon && options_.onBeacon) {
-      std::lock_guard lock(callbackMutex_);
+      MutexLock lock(callbackMutex_);
       options_.onBeacon(*beacon);
     }
     {
-      std::lock_guard lock(mutex_);
+      MutexLock lock(mutex_);
       ++requestCount_;
       if (options_.keepBeacons) requests_.push_back(std::move(record));
       if (beacon) {
@@ -135,7 +135,7 @@ bool BeaconCollector::start() {
         if (options_.keepBeacons) beacons_.push_back(std::move(*beacon));
       }
     }
-    arrived_.notify_all();
+    arrived_.signalAll();
   });
 
   if (options_.port == 0) {
@@ -172,40 +172,44 @@ std::string BeaconCollector::baseURL() const {
 }
 
 void BeaconCollector::failNext(int count, int status, std::optional<std::string> retryAfter) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   failLeft_ = count;
   failStatus_ = status;
   retryAfter_ = std::move(retryAfter);
 }
 
 void BeaconCollector::dropNext(int count) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   dropLeft_ = count;
 }
 
 std::vector<CollectedBeacon> BeaconCollector::beacons() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return beacons_;
 }
 
 std::vector<CollectedRequest> BeaconCollector::requests() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return requests_;
 }
 
 size_t BeaconCollector::beaconCount() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return beaconCount_;
 }
 
 size_t BeaconCollector::requestCount() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return requestCount_;
 }
 
 bool BeaconCollector::waitForBeacons(size_t count, std::chrono::milliseconds deadline) const {
-  std::unique_lock lock(mutex_);
-  return arrived_.wait_for(lock, deadline, [&] { return beaconCount_ >= count; });
+  const auto until = std::chrono::steady_clock::now() + deadline;
+  MutexLock lock(mutex_);
+  while (beaconCount_ < count) {
+    if (!arrived_.waitUntil(mutex_, until)) return beaconCount_ >= count;
+  }
+  return true;
 }
 
 }  // namespace korvel::tools

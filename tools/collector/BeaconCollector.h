@@ -9,17 +9,17 @@
 
 #include <chrono>
 #include <atomic>
-#include <condition_variable>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <utility>
 #include <vector>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::tools {
 
@@ -112,18 +112,18 @@ class BeaconCollector {
   int port_ = 0;
   std::atomic<bool> stopping_{false};
 
-  mutable std::mutex mutex_;
-  mutable std::condition_variable arrived_;
-  std::mutex callbackMutex_;
-  int dropLeft_ = 0;
-  int failLeft_ = 0;
-  int failStatus_ = 500;
-  std::optional<std::string> retryAfter_;
-  std::vector<CollectedBeacon> beacons_;
-  size_t beaconCount_ = 0;
-  size_t requestCount_ = 0;
-  uint64_t answered_ = 0;  // requests past the first failures, for failEvery
-  std::vector<CollectedRequest> requests_;
+  mutable korvel::Mutex mutex_;
+  mutable korvel::CondVar arrived_;
+  korvel::Mutex callbackMutex_;  // held while onBeacon runs: one call at a time
+  int dropLeft_ KORVEL_GUARDED_BY(mutex_) = 0;
+  int failLeft_ KORVEL_GUARDED_BY(mutex_) = 0;
+  int failStatus_ KORVEL_GUARDED_BY(mutex_) = 500;
+  std::optional<std::string> retryAfter_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<CollectedBeacon> beacons_ KORVEL_GUARDED_BY(mutex_);
+  size_t beaconCount_ KORVEL_GUARDED_BY(mutex_) = 0;
+  size_t requestCount_ KORVEL_GUARDED_BY(mutex_) = 0;
+  uint64_t answered_ KORVEL_GUARDED_BY(mutex_) = 0;  // requests past the first failures, for failEvery
+  std::vector<CollectedRequest> requests_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel::tools

@@ -272,16 +272,19 @@ bool BeaconStore::prepare(std::string* error) {
   if (!exec(db_, kSchema, error)) return false;
   writes_ = std::make_unique<Writes>(db_);
   Statement last(db_, "SELECT IFNULL(MAX(id), 0) FROM beacons");
-  if (last.step()) lastID_ = last.integer(0);
+  if (last.step()) {
+    MutexLock lock(queueMutex_);
+    lastID_ = last.integer(0);
+  }
   return true;
 }
 
 BeaconStore::~BeaconStore() {
   {
-    std::lock_guard lock(queueMutex_);
+    MutexLock lock(queueMutex_);
     stopping_ = true;
   }
-  queueChanged_.notify_all();
+  queueChanged_.signalAll();
   if (writer_.joinable()) writer_.join();
   writes_.reset();
   sqlite3_close(db_);
@@ -289,27 +292,30 @@ BeaconStore::~BeaconStore() {
 
 void BeaconStore::add(ArrivedRequest request) {
   {
-    std::lock_guard lock(queueMutex_);
+    MutexLock lock(queueMutex_);
     queue_.push_back(std::move(request));
     ++queued_;
   }
-  queueChanged_.notify_all();
+  queueChanged_.signalAll();
 }
 
 void BeaconStore::sync() {
-  std::unique_lock lock(queueMutex_);
+  MutexLock lock(queueMutex_);
   const uint64_t target = queued_;
-  queueChanged_.wait(lock, [&] { return written_ >= target || stopping_; });
+  while (written_ < target && !stopping_) queueChanged_.wait(queueMutex_);
 }
 
 int64_t BeaconStore::lastID() const {
-  std::lock_guard lock(queueMutex_);
+  MutexLock lock(queueMutex_);
   return lastID_;
 }
 
 void BeaconStore::waitNewerThan(int64_t id, std::chrono::milliseconds timeout) const {
-  std::unique_lock lock(queueMutex_);
-  queueChanged_.wait_for(lock, timeout, [&] { return lastID_ > id || stopping_; });
+  const auto until = std::chrono::steady_clock::now() + timeout;
+  MutexLock lock(queueMutex_);
+  while (lastID_ <= id && !stopping_) {
+    if (!queueChanged_.waitUntil(queueMutex_, until)) return;
+  }
 }
 
 void BeaconStore::writerLoop() {
@@ -319,8 +325,8 @@ void BeaconStore::writerLoop() {
   std::vector<ArrivedRequest> batch;
   for (;;) {
     {
-      std::unique_lock lock(queueMutex_);
-      queueChanged_.wait(lock, [&] { return !queue_.empty() || stopping_; });
+      MutexLock lock(queueMutex_);
+      while (queue_.empty() && !stopping_) queueChanged_.wait(queueMutex_);
       if (queue_.empty()) return;
       if (queue_.size() <= kBatch) {
         batch.swap(queue_);
@@ -332,7 +338,7 @@ void BeaconStore::writerLoop() {
     }
     int64_t last = 0;
     {
-      std::lock_guard db(dbMutex_);
+      MutexLock db(dbMutex_);
       exec(db_, "BEGIN", nullptr);
       for (const auto& request : batch) write(request);
       if (options_.maxBeacons > 0) {
@@ -345,12 +351,12 @@ void BeaconStore::writerLoop() {
       last = sqlite3_last_insert_rowid(db_);
     }
     {
-      std::lock_guard lock(queueMutex_);
+      MutexLock lock(queueMutex_);
       written_ += batch.size();
       if (last > lastID_) lastID_ = last;
     }
     batch.clear();
-    queueChanged_.notify_all();
+    queueChanged_.signalAll();
   }
 }
 
@@ -473,7 +479,7 @@ void BeaconStore::write(const ArrivedRequest& request) {
 json BeaconStore::select(const std::string& where, const std::vector<std::string>& bindings,
                          const std::string& tail) {
   sync();
-  std::lock_guard db(dbMutex_);
+  MutexLock db(dbMutex_);
   Statement query(db_, std::string("SELECT ") + kColumns + " FROM beacons" +
                            (where.empty() ? "" : " WHERE " + where) + " " + tail);
   for (size_t i = 0; i < bindings.size(); ++i) {
@@ -547,7 +553,7 @@ json BeaconStore::list(const BeaconFilter& filter) {
 int64_t BeaconStore::count(const BeaconFilter& filter) {
   const auto [where, bindings] = whereClause(filter);
   sync();
-  std::lock_guard db(dbMutex_);
+  MutexLock db(dbMutex_);
   Statement query(db_, "SELECT COUNT(*) FROM beacons" + (where.empty() ? "" : " WHERE " + where));
   for (size_t i = 0; i < bindings.size(); ++i) {
     query.bind(static_cast<int>(i + 1), std::optional<std::string>(bindings[i]));
@@ -557,7 +563,7 @@ int64_t BeaconStore::count(const BeaconFilter& filter) {
 
 json BeaconStore::counts() {
   sync();
-  std::lock_guard db(dbMutex_);
+  MutexLock db(dbMutex_);
   json answer;
   int64_t total = 0;
   std::map<std::string, int64_t> verdicts{{"good", 0}, {"retry", 0}, {"bad", 0}};
@@ -591,7 +597,7 @@ json BeaconStore::byUUID(const std::string& uuid) {
 
 json BeaconStore::sessions(int limit) {
   sync();
-  std::lock_guard db(dbMutex_);
+  MutexLock db(dbMutex_);
   Statement query(db_,
                   "SELECT sessionid, MIN(received), MAX(received), COUNT(*), "
                   "SUM(verdict = 'bad') FROM beacons WHERE sessionid IS NOT NULL "
@@ -636,20 +642,20 @@ int64_t BeaconStore::reset() {
   sync();
   int64_t removed = 0;
   {
-    std::lock_guard db(dbMutex_);
+    MutexLock db(dbMutex_);
     exec(db_, "DELETE FROM beacons", nullptr);
     removed = sqlite3_changes(db_);
   }
   {
-    std::lock_guard lock(queueMutex_);
+    MutexLock lock(queueMutex_);
     ++resets_;
   }
-  queueChanged_.notify_all();
+  queueChanged_.signalAll();
   return removed;
 }
 
 uint64_t BeaconStore::resets() const {
-  std::lock_guard lock(queueMutex_);
+  MutexLock lock(queueMutex_);
   return resets_;
 }
 

@@ -17,12 +17,10 @@
 #pragma once
 
 #include <chrono>
-#include <condition_variable>
 #include <cstdint>
 #include <filesystem>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
@@ -31,6 +29,8 @@
 #include <vector>
 
 #include <nlohmann/json.hpp>
+
+#include <korvel/foundation/Mutex.h>
 
 struct sqlite3;
 
@@ -138,7 +138,7 @@ class BeaconStore {
   explicit BeaconStore(Options options);
   bool prepare(std::string* error);
   void writerLoop();
-  void write(const ArrivedRequest& request);
+  void write(const ArrivedRequest& request) KORVEL_REQUIRES(dbMutex_);
   nlohmann::ordered_json select(const std::string& where,
                                 const std::vector<std::string>& bindings,
                                 const std::string& tail);
@@ -147,19 +147,19 @@ class BeaconStore {
   std::set<std::string> knownEvents_;
   std::vector<std::string> templateSegments_;
 
-  std::mutex dbMutex_;  // the connection is used by one thread at a time
-  sqlite3* db_ = nullptr;
+  korvel::Mutex dbMutex_;  // the connection is used by one thread at a time
+  sqlite3* db_ KORVEL_PT_GUARDED_BY(dbMutex_) = nullptr;
   struct Writes;
-  std::unique_ptr<Writes> writes_;
+  std::unique_ptr<Writes> writes_ KORVEL_PT_GUARDED_BY(dbMutex_);
 
-  mutable std::mutex queueMutex_;
-  mutable std::condition_variable queueChanged_;
-  std::vector<ArrivedRequest> queue_;
-  uint64_t queued_ = 0;
-  uint64_t written_ = 0;
-  int64_t lastID_ = 0;
-  uint64_t resets_ = 0;
-  bool stopping_ = false;
+  mutable korvel::Mutex queueMutex_;
+  mutable korvel::CondVar queueChanged_;
+  std::vector<ArrivedRequest> queue_ KORVEL_GUARDED_BY(queueMutex_);
+  uint64_t queued_ KORVEL_GUARDED_BY(queueMutex_) = 0;
+  uint64_t written_ KORVEL_GUARDED_BY(queueMutex_) = 0;
+  int64_t lastID_ KORVEL_GUARDED_BY(queueMutex_) = 0;
+  uint64_t resets_ KORVEL_GUARDED_BY(queueMutex_) = 0;
+  bool stopping_ KORVEL_GUARDED_BY(queueMutex_) = false;
   std::thread writer_;
 };
 

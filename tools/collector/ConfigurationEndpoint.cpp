@@ -91,12 +91,12 @@ std::string ConfigurationEndpoint::url(const std::string& hostName) const {
 }
 
 void ConfigurationEndpoint::setConfiguration(std::string json) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   configuration_ = std::move(json);
 }
 
 void ConfigurationEndpoint::failNext(int count, int status) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   failLeft_ = count;
   failStatus_ = status;
 }
@@ -110,7 +110,7 @@ ConfigurationEndpoint::Answer ConfigurationEndpoint::answer(
     std::string_view target, const std::optional<std::string>& ifNoneMatch) {
   std::string configuration;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     targets_.emplace_back(target);
     if (failLeft_ > 0) {
       --failLeft_;
@@ -141,12 +141,12 @@ ConfigurationEndpoint::Answer ConfigurationEndpoint::answer(
 }
 
 size_t ConfigurationEndpoint::requestCount() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return targets_.size();
 }
 
 std::vector<std::string> ConfigurationEndpoint::requestTargets() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return targets_;
 }
 

@@ -14,12 +14,13 @@
 
 #include <cstddef>
 #include <memory>
-#include <mutex>
 #include <optional>
 #include <string>
 #include <string_view>
 #include <thread>
 #include <vector>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::tools {
 
@@ -69,11 +70,11 @@ class ConfigurationEndpoint {
  private:
   struct Server;
 
-  mutable std::mutex mutex_;
-  std::string configuration_;
-  int failLeft_ = 0;
-  int failStatus_ = 500;
-  std::vector<std::string> targets_;
+  mutable korvel::Mutex mutex_;
+  std::string configuration_ KORVEL_GUARDED_BY(mutex_);
+  int failLeft_ KORVEL_GUARDED_BY(mutex_) = 0;
+  int failStatus_ KORVEL_GUARDED_BY(mutex_) = 500;
+  std::vector<std::string> targets_ KORVEL_GUARDED_BY(mutex_);
 
   std::unique_ptr<Server> server_;
   std::thread thread_;

@@ -30,14 +30,14 @@ void BeaconRoad::printRoadStep(const std::string& text) {
 }
 
 void BeaconRoad::hostCall(std::string description) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (roadUUID_) return;
   callAt_ = std::chrono::steady_clock::now();
   callDescription_ = std::move(description);
 }
 
 void BeaconRoad::recordMade(const std::string& uuid, const std::optional<std::string>& event) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   if (roadUUID_) return;
   roadUUID_ = uuid;
   std::fprintf(out_, "\nThe road of the first beacon:\n");
@@ -50,7 +50,7 @@ void BeaconRoad::recordMade(const std::string& uuid, const std::optional<std::st
 void BeaconRoad::submitted(const std::string& className, const std::string& uuid,
                            std::set<std::string> commonKeys,
                            const std::string& journalDirectory) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   const size_t common = commonKeys.size();
   commonKeysByUUID_[uuid] = std::move(commonKeys);
   if (roadUUID_ != uuid || roadDone_) return;
@@ -62,7 +62,7 @@ void BeaconRoad::submitted(const std::string& className, const std::string& uuid
 void BeaconRoad::arrived(const std::string& target, int status, const std::string& event,
                          const std::vector<std::pair<std::string, std::string>>& params,
                          const std::string& verdict, const std::vector<std::string>& reasons) {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   ++arrived_;
   const std::string uuid = valueOf(params, kUUIDKey);
   const std::string session = valueOf(params, "sessionid");
@@ -118,7 +118,7 @@ void BeaconRoad::arrived(const std::string& target, int status, const std::strin
 }
 
 size_t BeaconRoad::arrivedCount() const {
-  std::lock_guard lock(mutex_);
+  MutexLock lock(mutex_);
   return arrived_;
 }
 

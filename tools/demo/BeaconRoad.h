@@ -12,11 +12,12 @@
 #include <chrono>
 #include <cstdio>
 #include <map>
-#include <mutex>
 #include <optional>
 #include <set>
 #include <string>
 #include <vector>
+
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::demo {
 
@@ -42,20 +43,21 @@ class BeaconRoad {
   size_t arrivedCount() const;
 
  private:
-  double sinceCall() const;
-  void printRoadStep(const std::string& text);
+  double sinceCall() const KORVEL_REQUIRES(mutex_);
+  void printRoadStep(const std::string& text) KORVEL_REQUIRES(mutex_);
 
   std::FILE* out_;
-  mutable std::mutex mutex_;
-  std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
-  std::optional<std::chrono::steady_clock::time_point> callAt_;
-  std::string callDescription_;
-  std::optional<std::string> roadUUID_;  // the first record's
-  bool roadDone_ = false;
-  std::map<std::string, std::set<std::string>> commonKeysByUUID_;
+  mutable korvel::Mutex mutex_;
+  const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
+  std::optional<std::chrono::steady_clock::time_point> callAt_ KORVEL_GUARDED_BY(mutex_);
+  std::string callDescription_ KORVEL_GUARDED_BY(mutex_);
+  std::optional<std::string> roadUUID_ KORVEL_GUARDED_BY(mutex_);  // the first record's
+  bool roadDone_ KORVEL_GUARDED_BY(mutex_) = false;
+  std::map<std::string, std::set<std::string>> commonKeysByUUID_ KORVEL_GUARDED_BY(mutex_);
   // Per session, the common values its first beacon carried.
-  std::map<std::string, std::map<std::string, std::string>> sessionCommon_;
-  size_t arrived_ = 0;
+  std::map<std::string, std::map<std::string, std::string>> sessionCommon_
+      KORVEL_GUARDED_BY(mutex_);
+  size_t arrived_ KORVEL_GUARDED_BY(mutex_) = 0;
 };
 
 }  // namespace korvel::demo

@@ -81,7 +81,7 @@ bool DemoSession::start() {
     std::string target = beacon.path;
     if (!records.empty()) target = records.back()["target"].get<std::string>();
     road_->arrived(target, 204, beacon.event, beacon.params, verdict, reasons);
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     ++receivedCount_;
     receivedUUIDs_.insert(uuid);
   };
@@ -148,7 +148,7 @@ bool DemoSession::start() {
                                    road_->submitted(std::string((*task)->className()),
                                                     (*task)->uuid(), std::move(common),
                                                     storeDirectory_.string());
-                                   std::lock_guard lock(mutex_);
+                                   MutexLock lock(mutex_);
                                    reportedUUIDs_.insert((*task)->uuid());
                                  }));
 
@@ -288,7 +288,7 @@ int DemoSession::finish() {
   const bool flushed = executor_->flush(15s);
   size_t reported;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     reported = reportedUUIDs_.size();
   }
   collector_->waitForBeacons(reported, flushed ? 2s : 0ms);
@@ -303,7 +303,7 @@ int DemoSession::finish() {
   size_t lost = 0;
   size_t received;
   {
-    std::lock_guard lock(mutex_);
+    MutexLock lock(mutex_);
     received = receivedCount_;
     for (const auto& uuid : reportedUUIDs_) lost += receivedUUIDs_.count(uuid) == 0 ? 1 : 0;
   }

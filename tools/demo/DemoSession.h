@@ -15,7 +15,6 @@
 
 #include <filesystem>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 
@@ -25,6 +24,7 @@
 #include <korvel/reporters/KVRTaggingReporter.h>
 
 #include "demo/BeaconRoad.h"
+#include <korvel/foundation/Mutex.h>
 
 namespace korvel::tools {
 
@@ -97,10 +97,10 @@ class DemoSession {
   bool inspect_;
   std::unique_ptr<BeaconRoad> road_;
   std::shared_ptr<tools::BeaconStore> store_;
-  std::mutex mutex_;
-  std::set<std::string> receivedUUIDs_;
-  std::set<std::string> reportedUUIDs_;
-  size_t receivedCount_ = 0;
+  korvel::Mutex mutex_;
+  std::set<std::string> receivedUUIDs_ KORVEL_GUARDED_BY(mutex_);
+  std::set<std::string> reportedUUIDs_ KORVEL_GUARDED_BY(mutex_);
+  size_t receivedCount_ KORVEL_GUARDED_BY(mutex_) = 0;
   std::unique_ptr<tools::BeaconCollector> collector_;
   std::filesystem::path storeDirectory_;
   std::shared_ptr<platform::DurableRequestExecutor> executor_;
