@@ -19,9 +19,11 @@ using json = nlohmann::json;
 
 std::string beaconTarget(const std::string& event, const std::string& uuid,
                          const std::string& session, const std::string& rest = "") {
-  const auto now = std::chrono::duration_cast<std::chrono::seconds>(
-                       std::chrono::system_clock::now().time_since_epoch())
-                       .count();
+  // One creation time for every beacon of the program: a resend must carry
+  // the same parameters as the first, even when a second ticks in between.
+  static const auto now = std::chrono::duration_cast<std::chrono::seconds>(
+                              std::chrono::system_clock::now().time_since_epoch())
+                              .count();
   return "/b/INID/14.2/Model/" + event + "?clientcreationtimestamp=" + std::to_string(now) +
          "&clientbeaconuuid=" + uuid + "&sessionid=" + session + (rest.empty() ? "" : "&" + rest);
 }
