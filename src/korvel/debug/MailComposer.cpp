@@ -22,7 +22,7 @@
 #include <limits>
 #include <thread>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/SharedSlot.h>
 #include <korvel/foundation/URLComponents.h>
 #include <korvel/foundation/UTF8.h>
 #include <korvel/platform/Env.h>
@@ -65,29 +65,19 @@ void MailComposer::finish(MailComposeResult result, const std::optional<std::str
 
 namespace {
 
-struct FactorySlot {
-  Mutex mutex;
-  std::shared_ptr<MailComposerFactory> factory KORVEL_GUARDED_BY(mutex);
-};
-
-FactorySlot& factorySlot() {
-  static FactorySlot* slot = new FactorySlot;
+platform::SharedSlot<MailComposerFactory>& factorySlot() {
+  static auto* slot = new platform::SharedSlot<MailComposerFactory>;
   return *slot;
 }
 
 }  // namespace
 
 std::shared_ptr<MailComposerFactory> mailComposerFactory() {
-  auto& slot = factorySlot();
-  MutexLock lock(slot.mutex);
-  if (!slot.factory) slot.factory = std::make_shared<MimeMailComposerFactory>();
-  return slot.factory;
+  return factorySlot().loadOrMake([] { return std::make_shared<MimeMailComposerFactory>(); });
 }
 
 void setMailComposerFactory(std::shared_ptr<MailComposerFactory> factory) {
-  auto& slot = factorySlot();
-  MutexLock lock(slot.mutex);
-  slot.factory = std::move(factory);
+  factorySlot().store(std::move(factory));
 }
 
 // ---------------------------------------------------------------------------

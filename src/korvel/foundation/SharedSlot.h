@@ -29,6 +29,15 @@ class SharedSlot {
     return value_;
   }
 
+  // The value, made by make() (under the lock, so once) when there is none:
+  // for process-wide instances made on first use and replaceable by tests.
+  template <class Make>
+  std::shared_ptr<T> loadOrMake(Make make) {
+    MutexLock lock(mutex_);
+    if (!value_) value_ = make();
+    return value_;
+  }
+
   void store(std::shared_ptr<T> value) {
     {
       MutexLock lock(mutex_);

@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <korvel/foundation/SharedSlot.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>
@@ -247,13 +248,8 @@ std::string moveAside(const std::string& path) {
 }
 
 // The process-wide instance, made on first use.
-struct SharedDefaults {
-  Mutex mutex;
-  std::shared_ptr<KVNUserDefaults> defaults KORVEL_GUARDED_BY(mutex);
-};
-
-SharedDefaults& shared() {
-  static auto* instance = new SharedDefaults;
+platform::SharedSlot<KVNUserDefaults>& shared() {
+  static auto* instance = new platform::SharedSlot<KVNUserDefaults>;
   return *instance;
 }
 
@@ -336,16 +332,11 @@ bool KVNUserDefaults::persistLocked() {
 }
 
 std::shared_ptr<KVNUserDefaults> KVNUserDefaults::sharedUserDefaults() {
-  auto& s = shared();
-  MutexLock lock(s.mutex);
-  if (!s.defaults) s.defaults = std::make_shared<KVNUserDefaults>(defaultFilePath());
-  return s.defaults;
+  return shared().loadOrMake([] { return std::make_shared<KVNUserDefaults>(defaultFilePath()); });
 }
 
 void KVNUserDefaults::setSharedUserDefaults(std::shared_ptr<KVNUserDefaults> defaults) {
-  auto& s = shared();
-  MutexLock lock(s.mutex);
-  s.defaults = std::move(defaults);
+  shared().store(std::move(defaults));
 }
 
 std::string KVNUserDefaults::defaultFilePath() {
