@@ -2,7 +2,10 @@
 // library and a configuration whose beacon endpoint is a loopback port.
 #pragma once
 
+#include <filesystem>
+#include <memory>
 #include <string>
+#include <system_error>
 
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRUserSession.h>
@@ -29,6 +32,16 @@ inline void configure(int port) {
     s.beacons.beaconEndpoint =
         "http://127.0.0.1:" + std::to_string(port) + "/b/{inid}/{appversion}/{devicemodel}";
   });
+}
+
+// Ends a run: reports stop reaching the executor, the executor stops (its
+// threads joined, its files closed), then its store directory goes.
+inline void tearDown(std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor,
+                     const std::filesystem::path& directory) {
+  KVRBeacon::setBackgroundSession(nullptr);
+  executor.reset();
+  std::error_code ec;
+  std::filesystem::remove_all(directory, ec);
 }
 
 // A caller's dictionary of `entries` parameters of realistic sizes (the

@@ -55,7 +55,7 @@ using platform::DurableRequestExecutor;
 namespace fs = std::filesystem;
 
 using bench::configure;
-
+using bench::tearDown;
 using bench::userEvent;
 
 fs::path temporaryDirectory() {
@@ -125,10 +125,7 @@ void ReportCall(benchmark::State& state) {
   std::sort(micros.begin(), micros.end());
   state.counters["p50_us"] = micros[micros.size() / 2];
   state.counters["p99_us"] = micros[micros.size() * 99 / 100];
-  KVRBeacon::setBackgroundSession(nullptr);
-  executor.reset();
-  std::error_code ec;
-  fs::remove_all(dir, ec);
+  tearDown(std::move(executor), dir);
 }
 BENCHMARK(ReportCall)
     ->ArgName("executor")
@@ -175,10 +172,7 @@ void BytesPerBeacon(benchmark::State& state) {
     for (int i = 0; i < kBeacons; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
     auto stats = executor->syncStore(std::chrono::seconds(30));
     perBeacon = stats ? static_cast<double>(stats->bytesOnDisk) / kBeacons : -1;
-    KVRBeacon::setBackgroundSession(nullptr);
-    executor.reset();
-    std::error_code ec;
-    fs::remove_all(dir, ec);
+    tearDown(std::move(executor), dir);
   }
   state.counters["bytes_per_beacon"] = perBeacon;
   state.counters["record_parameters"] =
@@ -215,10 +209,7 @@ void Throughput(benchmark::State& state) {
     const auto end = std::chrono::steady_clock::now();
     state.SetIterationTime(std::chrono::duration<double>(end - start).count());
     if (!delivered) state.SkipWithError("not everything arrived within 60 s");
-    KVRBeacon::setBackgroundSession(nullptr);
-    executor.reset();
-    std::error_code ec;
-    fs::remove_all(dir, ec);
+    tearDown(std::move(executor), dir);
   }
   state.counters["beacons_per_s"] =
       benchmark::Counter(static_cast<double>(kBeacons) * static_cast<double>(state.iterations()),
@@ -266,10 +257,7 @@ void QueuedMemory(benchmark::State& state) {
       const auto after = residentBytes();
       anonPerBeacon = (after.first - before.first) / queued;
       rssPerBeacon = (after.second - before.second) / queued;
-      KVRBeacon::setBackgroundSession(nullptr);
-      executor.reset();
-      std::error_code ec;
-      fs::remove_all(dir, ec);
+      tearDown(std::move(executor), dir);
     }
     // The collector down (nothing listens on the port): the caller's cost
     // with the backlog growing.
@@ -289,10 +277,7 @@ void QueuedMemory(benchmark::State& state) {
       std::sort(micros.begin(), micros.end());
       p50 = micros[micros.size() / 2];
       p99 = micros[micros.size() * 99 / 100];
-      KVRBeacon::setBackgroundSession(nullptr);
-      executor.reset();
-      std::error_code ec;
-      fs::remove_all(dir, ec);
+      tearDown(std::move(executor), dir);
     }
   }
   state.counters["heap_bytes_per_beacon"] = anonPerBeacon;
@@ -346,10 +331,7 @@ void Outage(benchmark::State& state) {
       drainMillis = std::chrono::duration<double, std::milli>(requests.back().at - requests.front().at).count();
     }
     state.SetIterationTime(drainMillis / 1000);
-    KVRBeacon::setBackgroundSession(nullptr);
-    executor.reset();
-    std::error_code ec;
-    fs::remove_all(dir, ec);
+    tearDown(std::move(executor), dir);
   }
   state.counters["attempts_while_down"] = attempts;
   state.counters["drain_ms"] = drainMillis;

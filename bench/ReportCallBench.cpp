@@ -65,7 +65,7 @@ struct Settings {
 constexpr int kDeadPort = 9;
 
 using bench::configure;
-
+using bench::tearDown;
 using bench::userEvent;
 
 std::string loadAverage() {
@@ -109,10 +109,7 @@ struct DurableUnderTest {
     KVRBeacon::setBackgroundSession(executor);
   }
   ~DurableUnderTest() {
-    KVRBeacon::setBackgroundSession(nullptr);
-    executor.reset();
-    std::error_code ec;
-    fs::remove_all(directory, ec);
+    tearDown(std::move(executor), directory);
   }
 };
 
