@@ -297,6 +297,50 @@ TEST_F(RequestStoreTest, ClosedSegmentsGoOnceFinishedAndSmallFilesRemain) {
   EXPECT_THAT(idsOf(store->recover()), ElementsAre(all.back()));
 }
 
+TEST_F(RequestStoreTest, ASyncClosesASegmentThatTookManyPagesAndSyncsAShortTailInPlace) {
+  RequestStoreOptions options;
+  options.directory = dir_;
+  JournalFront front(options);
+  ASSERT_TRUE(front.open());
+  const uint32_t first = front.activeSegment();
+  uint32_t next = 0;
+  auto appendFrames = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      const uint64_t id = (uint64_t{front.epoch()} << 32) | next++;
+      ASSERT_TRUE(front.append(encodeFrame(request(id, std::string(1000, 'q'))), id));
+    }
+  };
+  struct Step {
+    int frames;
+    bool closes;
+  };
+  // Ten records since the last sync are a short tail; eighty (over 64 KiB)
+  // are not, and neither are the next eighty in the segment that follows.
+  const Step steps[] = {{10, false}, {10, false}, {80, true}, {5, false}, {80, true}};
+  std::vector<uint32_t> closed;
+  for (const Step& step : steps) {
+    const uint32_t before = front.activeSegment();
+    appendFrames(step.frames);
+    front.syncActive();
+    EXPECT_EQ(front.activeSegment() != before, step.closes) << step.frames << " records";
+    if (step.closes) closed.push_back(before);
+  }
+  ASSERT_EQ(closed.size(), 2u);
+  EXPECT_EQ(closed.front(), first);
+  EXPECT_THAT(front.drain().closed, ::testing::ElementsAreArray(closed));
+  // Closed segments are whole and cut to their used length.
+  size_t records = 0;
+  for (uint32_t number : closed) {
+    const auto contents = front.readSegment(number);
+    EXPECT_EQ(contents.tail, FrameStatus::End);
+    EXPECT_EQ(contents.physicalBytes, contents.fileBytes);
+    for (const auto& r : contents.records) EXPECT_EQ(r.payload, std::string(1000, 'q'));
+    records += contents.records.size();
+  }
+  records += front.readSegment(front.activeSegment()).records.size();
+  EXPECT_EQ(records, 185u);
+}
+
 TEST_F(RequestStoreTest, StoresATypicalBeaconInFewBytesOverItsPayload) {
   auto store = open();
   const std::string payload(600, 'b');

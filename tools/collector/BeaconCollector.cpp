@@ -7,6 +7,7 @@
 #include <httplib.h>
 
 #include <nlohmann/json.hpp>
+#include <korvel/platform/internal/Threads.h>
 
 namespace korvel::tools {
 
@@ -72,6 +73,11 @@ bool BeaconCollector::start() {
     installInspectorRoutes(http, options_.store, &stopping_);
   }
   http.Get(R"(/.*)", [this](const httplib::Request& req, httplib::Response& res) {
+    if (options_.backgroundPriority) {
+      thread_local bool lowered = false;
+      if (!lowered) platform::lowerThisThreadPriority();
+      lowered = true;
+    }
     if (options_.configuration && ConfigurationEndpoint::handles(req.path)) {
       std::optional<std::string> ifNoneMatch;
       if (req.has_header("If-None-Match")) ifNoneMatch = req.get_header_value("If-None-Match");

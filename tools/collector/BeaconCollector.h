@@ -77,6 +77,9 @@ class BeaconCollector {
     // (its page and JSON API, see InspectorRoutes.h) is served on the same
     // port: "/" and "/api/..." are then not taken as beacons.
     std::shared_ptr<BeaconStore> store;
+    // Its threads run below normal CPU priority: a collector that shares the
+    // cores of the program it measures stands in for a server elsewhere.
+    bool backgroundPriority = false;
   };
 
   BeaconCollector();

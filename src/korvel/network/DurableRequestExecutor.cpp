@@ -12,6 +12,7 @@
 #include <sstream>
 
 #include <korvel/platform/Env.h>
+#include <korvel/platform/internal/Threads.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/foundation/KVNRequestReload.h>
 
@@ -118,11 +119,10 @@ DurableRequestExecutor::DurableRequestExecutor(std::string sessionIdentifier, Op
     storeOptions.directory = directory_;
     storeOptions.segmentBytes = options_.segmentBytes;
     storeOptions.logger = logger_;
+    // On the reporting thread: a flag and a signal, never mutex_, which
+    // workers and the writer hold for longer than a report call may wait.
     storeOptions.segmentSwitched = [this] {
-      {
-        MutexLock lock(mutex_);
-        syncRequested_ = true;
-      }
+      segmentSwitched_.store(true, std::memory_order_release);
       writerWake_.signal();
     };
     store_ = openJournalRequestStore(storeOptions);
@@ -694,6 +694,8 @@ std::shared_ptr<const KVNNetworkRequest> DurableRequestExecutor::readBack(uint64
 }
 
 void DurableRequestExecutor::workerLoop() {
+  nameThisThread("korvel-send");
+  lowerThisThreadPriority();
   std::unique_ptr<DeliveryTransport> transport =
       options_.transport
           ? options_.transport(cancel_)
@@ -946,6 +948,8 @@ void DurableRequestExecutor::saveHosts(const std::vector<std::pair<std::string, 
 }
 
 void DurableRequestExecutor::writerLoop() {
+  // Not lowered: report calls rely on it for new journal segments.
+  nameThisThread("korvel-journal");
   if (store_) {
     restoreStored();
   } else {
@@ -960,6 +964,9 @@ void DurableRequestExecutor::writerLoop() {
   for (;;) {
     const auto until = Clock::now() + options_.syncInterval;
     while (!writerStopping_ && !syncRequested_) {
+      // A switch signalled between this check and the wait is seen at the
+      // next interval: the hint only brings the sync forward.
+      if (segmentSwitched_.exchange(false, std::memory_order_acquire)) break;
       if (!writerWake_.waitUntil(mutex_, until)) break;
     }
     adoptHandoffs();  // counts their appends and applies the caps to them

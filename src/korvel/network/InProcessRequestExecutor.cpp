@@ -1,4 +1,5 @@
 #include <korvel/network/InProcessRequestExecutor.h>
+#include <korvel/platform/internal/Threads.h>
 
 #include <algorithm>
 
@@ -15,7 +16,10 @@ constexpr auto kPolicyRecheckInterval = std::chrono::milliseconds(50);
 InProcessRequestExecutor::InProcessRequestExecutor(std::string sessionIdentifier,
                                                    Transport transport)
     : identifier_(std::move(sessionIdentifier)), transport_(std::move(transport)) {
-  worker_ = std::thread([this] { run(); });
+  worker_ = std::thread([this] {
+    platform::nameThisThread("korvel-send");
+    run();
+  });
 }
 
 InProcessRequestExecutor::~InProcessRequestExecutor() { stop(); }

@@ -1,4 +1,5 @@
 #include <korvel/network/KVNConfigurationManager.h>
+#include <korvel/platform/internal/Threads.h>
 
 #include <curl/curl.h>
 #include <strings.h>
@@ -170,7 +171,12 @@ class Fetcher {
     {
       MutexLock lock(mutex_);
       pending_.push_back(std::move(completion));
-      if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
+      if (!thread_.joinable()) {
+        thread_ = std::thread([this] {
+          platform::nameThisThread("korvel-config");
+          run();
+        });
+      }
     }
     wake_.signal();
   }

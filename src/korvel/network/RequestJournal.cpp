@@ -435,14 +435,20 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
   return segment;
 }
 
-// Syncs, cuts to the used length, unmaps and closes.
+// Unmaps, cuts to the used length, syncs and closes.
 void JournalFront::finish(Segment& segment) {
   if (segment.map != nullptr) {
-    // The unused end is cut off below, so it need not be written first.
-    if (segment.dirty) ::msync(segment.map, segment.bytes, MS_SYNC);
+    // Unmapped first: the dirty pages stay in the page cache and the
+    // fdatasync below writes them, but with no mapping left the kernel has
+    // no page-table entries to write-protect, so writing them back sends no
+    // TLB-flush interrupt to the cores of the threads that report (one per
+    // page when syncing through the mapping, a stall on the report path).
     ::munmap(segment.map, segment.capacity);
     segment.map = nullptr;
-    if (::ftruncate(segment.fd, static_cast<off_t>(segment.bytes)) == 0) ::fdatasync(segment.fd);
+    // The unused end is cut off, so it is never written.
+    if (::ftruncate(segment.fd, static_cast<off_t>(segment.bytes)) == 0 || segment.dirty) {
+      ::fdatasync(segment.fd);
+    }
   } else if (segment.dirty) {
     ::fdatasync(segment.fd);
   }
@@ -458,6 +464,7 @@ bool JournalFront::switchSegmentLocked(size_t frameBytes) {
   } else {
     // No spare ready (the writer is behind), or a record larger than a
     // segment: the rare slow path makes one here.
+    if (spares_.empty()) spareTarget_.store(kMaxSpareSegments, std::memory_order_relaxed);
     std::string error;
     next = createSegment(frameBytes, false, error);
     if (!next) {
@@ -585,7 +592,8 @@ void JournalFront::topUpSpares() {
   size_t missing;
   {
     MutexLock lock(mutex_);
-    missing = kSpareSegments - std::min(kSpareSegments, spares_.size());
+    const size_t target = spareTarget_.load(std::memory_order_relaxed);
+    missing = target - std::min(target, spares_.size());
   }
   for (; missing > 0; --missing) {
     std::string error;
@@ -605,20 +613,38 @@ void JournalFront::syncActive() {
   Segment active;
   {
     MutexLock lock(mutex_);
+    // Syncing through the mapping write-protects every page it writes, with
+    // one TLB-flush interrupt each on the reporting threads' cores and a
+    // write fault on the page being filled. A segment that took many pages
+    // since its last sync is closed instead (a spare takes over, which costs
+    // callers nothing) and synced unmapped with the others; only a short
+    // tail is synced in place.
+    if (active_.map != nullptr && active_.dirty &&
+        active_.bytes - active_.syncedBytes >= kSyncInPlaceBytes && !spares_.empty()) {
+      switchSegmentLocked(0);
+    }
     closing.swap(closing_);
     active = active_;
     active_.dirty = false;
+    active_.syncedBytes = active_.bytes;
   }
   // Only this thread unmaps or closes, so the copies stay valid after the
   // lock is released; callers keep appending past the synced length.
   if (active.fd >= 0 && active.dirty) {
     if (active.map != nullptr) {
-      ::msync(active.map, active.bytes, MS_SYNC);
+      static const uint64_t pageBytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+      const uint64_t from = active.syncedBytes / pageBytes * pageBytes;
+      ::msync(active.map + from, active.bytes - from, MS_SYNC);
     } else {
       ::fdatasync(active.fd);
     }
   }
-  for (auto& segment : closing) finish(segment);
+  for (auto& segment : closing) {
+    finish(segment);
+    // A burst of appends may be using up the spares while segments are
+    // written back: keep them coming.
+    topUpSpares();
+  }
   syncDirectory();
 }
 

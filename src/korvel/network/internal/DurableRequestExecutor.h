@@ -318,6 +318,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // without a lock, written under mutex_. A stale hint costs memory for a
   // moment or one read, never correctness.
   std::atomic<bool> keepWhole_{true};
+  // Set by a report call whose append moved the journal to a new segment:
+  // the writer should sync (and make new spares) soon.
+  std::atomic<bool> segmentSwitched_{false};
 
   std::vector<std::thread> workers_;
   std::thread writer_;

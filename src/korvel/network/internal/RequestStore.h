@@ -167,8 +167,13 @@ std::unique_ptr<RequestStore> openJournalRequestStore(const RequestStoreOptions&
 // into the mapping under a short lock: once it returns, the bytes belong to
 // the kernel's page cache and survive a kill of the process, with no system
 // call on the caller's thread. The writer thread makes them survive a power
-// loss (msync) and keeps spare segments ready, so a caller whose record does
-// not fit only swaps pointers. The unused end of a mapped segment reads as
+// loss and keeps spare segments ready, so a caller whose record does not
+// fit only swaps pointers. It never syncs many pages through the mapping:
+// that write-protects each page, which costs the appending threads one
+// TLB-flush interrupt per page and a write fault on the page they fill. A
+// closed segment is unmapped first and then synced through its descriptor;
+// an active segment that took many pages since the last sync is closed
+// (the spare takes over) rather than synced in place. The unused end of a mapped segment reads as
 // zeros, which readers take for the end of the segment; a closed segment is
 // cut to its used length.
 //
@@ -279,6 +284,7 @@ class JournalFront {
     char* map = nullptr;  // null: appended with pwrite(2)
     uint64_t capacity = 0;  // of the mapping
     uint64_t bytes = 0;     // used
+    uint64_t syncedBytes = 0;  // used bytes at the last sync
     bool dirty = false;     // appended to since the last sync
     bool broken = false;    // a failed pwrite left it unusable
 
@@ -311,8 +317,17 @@ class JournalFront {
   static constexpr uint64_t kMaxSegmentBytes = 1ull << 30;
 
   // Two spares carry a burst of appends over the time the writer takes to
-  // notice that one was taken and to make the next.
+  // notice that one was taken and to make the next. Once appends outran
+  // them (a caller had to make a segment itself), four are kept: making a
+  // segment costs the writer a file creation and a page fault per page,
+  // which a sustained burst of small segments can outpace.
   static constexpr size_t kSpareSegments = 2;
+  static constexpr size_t kMaxSpareSegments = 4;
+  std::atomic<size_t> spareTarget_{kSpareSegments};
+
+  // An active segment that took more than this since its last sync is
+  // closed and synced unmapped rather than synced in place (syncActive).
+  static constexpr uint64_t kSyncInPlaceBytes = 64u << 10;
 
   mutable Mutex mutex_;
   Segment active_ KORVEL_GUARDED_BY(mutex_);

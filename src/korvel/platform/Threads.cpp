@@ -1,0 +1,33 @@
+#include <korvel/platform/internal/Threads.h>
+
+#include <cerrno>
+
+#include <pthread.h>
+#include <sched.h>
+#include <sys/resource.h>
+
+namespace korvel::platform {
+
+namespace {
+constexpr int kBackgroundNice = 10;
+}
+
+void nameThisThread(const char* name) noexcept {
+  char shortName[16] = {};
+  for (int i = 0; i < 15 && name[i] != '\0'; ++i) shortName[i] = name[i];
+  pthread_setname_np(pthread_self(), shortName);
+}
+
+void lowerThisThreadPriority() noexcept {
+  // A batch thread never preempts a normal one when it wakes (an answer
+  // arriving does not take the core from a thread that reports). On Linux
+  // pid 0 and PRIO_PROCESS with who 0 mean the calling thread alone.
+  const sched_param param{};
+  sched_setscheduler(0, SCHED_BATCH, &param);
+  errno = 0;
+  const int current = getpriority(PRIO_PROCESS, 0);
+  if (current == -1 && errno != 0) return;
+  setpriority(PRIO_PROCESS, 0, current + kBackgroundNice);
+}
+
+}  // namespace korvel::platform
