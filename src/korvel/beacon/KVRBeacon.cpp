@@ -101,7 +101,7 @@ std::optional<KVNNetworkRequest> restoreRequest(std::string_view payload) {
              "out under a second uuid");
     return std::nullopt;
   }
-  auto task = KVRReliableNetworkingTask::unarchive(payload);
+  auto task = KVRReliableNetworkingTask::unarchive(*coder);
   if (!task) return std::nullopt;
   auto type = coder->decodeInt(kPayloadTypeKey);
   if (!type) return std::nullopt;

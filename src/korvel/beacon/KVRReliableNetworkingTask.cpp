@@ -208,12 +208,15 @@ std::string KVRReliableNetworkingTask::archivedData() const {
 
 KVRTaskPtr KVRReliableNetworkingTask::unarchive(std::string_view data) {
   auto coder = platform::KeyedUnarchiver::open(data);
-  if (!coder) return nullptr;
-  auto className = coder->decodeString(kArchiveClassKey);
+  return coder ? unarchive(*coder) : nullptr;
+}
+
+KVRTaskPtr KVRReliableNetworkingTask::unarchive(const platform::KeyedUnarchiver& coder) {
+  auto className = coder.decodeString(kArchiveClassKey);
   if (!className) return nullptr;
   auto task = KVRBeaconFactory::emptyRecordOfClass(*className);
   if (!task) return nullptr;
-  task->initWithCoder(*coder);
+  task->initWithCoder(coder);
   return task;
 }
 

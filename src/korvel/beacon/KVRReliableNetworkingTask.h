@@ -52,6 +52,9 @@ class KORVEL_EXPORT KVRReliableNetworkingTask {
   // is the archived one. Null when the bytes are not an archive or name no
   // known record class.
   static KVRTaskPtr unarchive(std::string_view data);
+  // The same from an archive already opened (read once by a caller that
+  // also reads keys of its own from it).
+  static KVRTaskPtr unarchive(const platform::KeyedUnarchiver& coder);
   // The archive key of the uuid.
   static constexpr std::string_view kArchiveUUIDKey = "uuid";
   // The keyed archive of this record, with its class name.

@@ -28,7 +28,8 @@ std::vector<std::shared_ptr<platform::ViewController>> KVRPagesProvider::viewCon
 platform::Bundle kvr_resourcesBundle() {
   // Any code of the record class will do: it is linked wherever the library
   // is, whether as a shared object or inside the executable.
-  const auto address = reinterpret_cast<const void*>(&KVRReliableNetworkingTask::unarchive);
+  KVRTaskPtr (*code)(std::string_view) = &KVRReliableNetworkingTask::unarchive;
+  const auto address = reinterpret_cast<const void*>(code);
   Dl_info info{};
   if (dladdr(address, &info) != 0 && info.dli_fname != nullptr && info.dli_fname[0] != '\0') {
     std::error_code error;
