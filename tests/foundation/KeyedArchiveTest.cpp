@@ -139,6 +139,18 @@ TEST(KeyedArchiveTest, UnsupportedNestedValuesFailTheDictionary) {
   }
 }
 
+TEST(KeyedArchiveTest, ALaterDuplicateKeyWinsAndANullIsPresentWithoutAValue) {
+  // {"k": 1, "n": null, "k": {"x": 2, "x": 3}}
+  const std::string bytes("\xA3\x61k\x01\x61n\xF6\x61k\xA2\x61x\x02\x61x\x03", 16);
+  auto u = KeyedUnarchiver::open(bytes);
+  ASSERT_TRUE(u);
+  EXPECT_EQ(u->decodeDictionary("k"), (KVRParameters{{"x", 3}}));
+  EXPECT_FALSE(u->decodeInt("k"));
+  EXPECT_TRUE(u->containsValueForKey("n"));
+  EXPECT_FALSE(u->decodeString("n"));
+  EXPECT_FALSE(u->decodeDouble("n"));
+}
+
 TEST(KeyedArchiveTest, OpenRejectsWhatIsNotAWholeMap) {
   const std::string bad[] = {
       "",

@@ -33,78 +33,127 @@ std::uint64_t fromLittleEndian(const Binary& bytes) {
   return bits;
 }
 
-std::optional<KVRValue> fromJson(const Json& json);
-
-std::optional<KVRParameters> dictionaryFromJson(const Json& json) {
-  if (!json.is_object()) return std::nullopt;
-  KVRParameters dictionary;
-  dictionary.reserve(json.size());
-  for (const auto& [key, entry] : json.items()) {
-    auto value = fromJson(entry);
-    if (!value) return std::nullopt;
-    dictionary.set(key, std::move(*value));
-  }
-  return dictionary;
-}
-
-std::optional<KVRValue> fromJson(const Json& json) {
-  switch (json.type()) {
-    case Json::value_t::string:
-      return KVRValue(json.get_ref<const std::string&>());
-    case Json::value_t::number_integer:
-      return KVRValue(json.get<std::int64_t>());
-    case Json::value_t::number_unsigned: {
-      // Every non-negative CBOR integer arrives here; only values beyond the
-      // signed range have to stay unsigned.
-      const auto u = json.get<std::uint64_t>();
-      if (u <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
-        return KVRValue(static_cast<std::int64_t>(u));
-      }
-      return KVRValue(u);
+// The value a tagged byte string stands for; nothing for an unknown tag or
+// a wrong length.
+std::optional<KVRValue> fromBinary(const Binary& bytes) {
+  if (!bytes.has_subtype()) return std::nullopt;
+  switch (bytes.subtype()) {
+    case kDateSubtype: {
+      if (bytes.size() != 8) return std::nullopt;
+      const std::uint64_t bits = fromLittleEndian(bytes);
+      double seconds = 0;
+      std::memcpy(&seconds, &bits, sizeof seconds);
+      return KVRValue(KVRDate{seconds});
     }
-    case Json::value_t::number_float:
-      return KVRValue(json.get<double>());
-    case Json::value_t::boolean:
-      return KVRValue(json.get<bool>());
-    case Json::value_t::object: {
-      auto dictionary = dictionaryFromJson(json);
-      if (!dictionary) return std::nullopt;
-      return KVRValue(std::move(*dictionary));
-    }
-    case Json::value_t::array: {
-      KVRList list;
-      list.reserve(json.size());
-      for (const auto& entry : json) {
-        auto value = fromJson(entry);
-        if (!value) return std::nullopt;
-        list.push_back(std::move(*value));
-      }
-      return KVRValue(std::move(list));
-    }
-    case Json::value_t::binary: {
-      const Binary& bytes = json.get_binary();
-      if (!bytes.has_subtype()) return std::nullopt;
-      switch (bytes.subtype()) {
-        case kDateSubtype: {
-          if (bytes.size() != 8) return std::nullopt;
-          const std::uint64_t bits = fromLittleEndian(bytes);
-          double seconds = 0;
-          std::memcpy(&seconds, &bits, sizeof seconds);
-          return KVRValue(KVRDate{seconds});
-        }
-        case kURLSubtype:
-          return KVRValue(KVRURL{std::string(bytes.begin(), bytes.end())});
-        case kUIntSubtype:
-          if (bytes.size() != 8) return std::nullopt;
-          return KVRValue(fromLittleEndian(bytes));
-        default:
-          return std::nullopt;
-      }
-    }
+    case kURLSubtype:
+      return KVRValue(KVRURL{std::string(bytes.begin(), bytes.end())});
+    case kUIntSubtype:
+      if (bytes.size() != 8) return std::nullopt;
+      return KVRValue(fromLittleEndian(bytes));
     default:
       return std::nullopt;
   }
 }
+
+// An archive's top level: its keys in order, each with its value, or with
+// nothing where the value is not one this library makes (null, an unknown
+// tag, or a container holding one). A later duplicate key wins in place.
+using TopLevel = std::vector<std::pair<std::string, std::optional<KVRValue>>>;
+
+// Builds the values straight from the CBOR decoder's events (nlohmann's SAX
+// interface), with no JSON document in between.
+class ArchiveBuilder {
+ public:
+  explicit ArchiveBuilder(TopLevel& root) : root_(root) {}
+
+  bool null() { return put(std::nullopt); }
+  bool boolean(bool value) { return put(KVRValue(value)); }
+  bool number_integer(std::int64_t value) { return put(KVRValue(value)); }
+  bool number_unsigned(std::uint64_t value) {
+    // Every non-negative CBOR integer arrives here; only values beyond the
+    // signed range have to stay unsigned.
+    if (value <= static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+      return put(KVRValue(static_cast<std::int64_t>(value)));
+    }
+    return put(KVRValue(value));
+  }
+  bool number_float(double value, const std::string&) { return put(KVRValue(value)); }
+  bool string(std::string& value) { return put(KVRValue(std::move(value))); }
+  bool binary(Binary& value) { return put(fromBinary(value)); }
+
+  bool start_object(std::size_t size) {
+    if (stack_.empty() && started_) return false;  // a second item after the first
+    started_ = true;
+    stack_.emplace_back();
+    if (stack_.size() > 1 && size != static_cast<std::size_t>(-1)) {
+      stack_.back().dictionary.reserve(size);
+    }
+    return true;
+  }
+  bool key(std::string& key) {
+    stack_.back().key = std::move(key);
+    return true;
+  }
+  bool end_object() {
+    Level level = std::move(stack_.back());
+    stack_.pop_back();
+    if (stack_.empty()) return true;  // the top level is done
+    return put(level.valid ? std::optional<KVRValue>(KVRValue(std::move(level.dictionary)))
+                           : std::nullopt);
+  }
+  bool start_array(std::size_t size) {
+    if (stack_.empty()) return false;  // the top level is a map
+    stack_.emplace_back();
+    stack_.back().isList = true;
+    if (size != static_cast<std::size_t>(-1)) stack_.back().list.reserve(size);
+    return true;
+  }
+  bool end_array() {
+    Level level = std::move(stack_.back());
+    stack_.pop_back();
+    return put(level.valid ? std::optional<KVRValue>(KVRValue(std::move(level.list)))
+                           : std::nullopt);
+  }
+  bool parse_error(std::size_t, const std::string&, const nlohmann::detail::exception&) {
+    return false;
+  }
+
+ private:
+  struct Level {
+    bool isList = false;
+    bool valid = true;
+    std::string key;
+    KVRParameters dictionary;
+    KVRList list;
+  };
+
+  bool put(std::optional<KVRValue> value) {
+    if (stack_.empty()) return false;  // a top level that is not a map
+    Level& level = stack_.back();
+    if (stack_.size() == 1) {
+      for (auto& entry : root_) {
+        if (entry.first == level.key) {
+          entry.second = std::move(value);
+          return true;
+        }
+      }
+      root_.emplace_back(std::move(level.key), std::move(value));
+      return true;
+    }
+    if (!value) {
+      level.valid = false;
+    } else if (level.isList) {
+      level.list.push_back(std::move(*value));
+    } else {
+      level.dictionary.set(level.key, std::move(*value));
+    }
+    return true;
+  }
+
+  TopLevel& root_;
+  std::vector<Level> stack_;
+  bool started_ = false;
+};
 
 // Walks the CBOR item headers without recursion and checks that the input is
 // exactly one item, that every declared length fits in the bytes that are
@@ -498,11 +547,14 @@ void KeyedArchiver::encodeBool(std::string_view key, bool value) {
 // MARK: - KeyedUnarchiver
 
 struct KeyedUnarchiver::Impl {
-  Json root;
+  TopLevel root;
 
-  const Json* find(std::string_view key) const {
-    auto it = root.find(std::string(key));
-    return it == root.end() ? nullptr : &*it;
+  // Nothing when the key is missing or holds no value this library makes.
+  const KVRValue* find(std::string_view key) const {
+    for (const auto& entry : root) {
+      if (entry.first == key) return entry.second ? &*entry.second : nullptr;
+    }
+    return nullptr;
   }
 };
 
@@ -516,60 +568,71 @@ std::optional<KeyedUnarchiver> KeyedUnarchiver::open(std::string_view data) {
   if (!isWellFormedCBOR(bytes, data.size())) return std::nullopt;
   try {
     auto impl = std::make_unique<Impl>();
-    impl->root = Json::from_cbor(bytes, bytes + data.size(), /*strict=*/true,
-                                 /*allow_exceptions=*/false,
-                                 Json::cbor_tag_handler_t::store);
-    if (!impl->root.is_object()) return std::nullopt;
+    ArchiveBuilder builder(impl->root);
+    // The reader from_cbor itself runs, with the tag handling it takes
+    // (tagged byte strings keep their tag), which the public sax_parse
+    // does not pass on.
+    auto input = nlohmann::detail::input_adapter(bytes, bytes + data.size());
+    nlohmann::detail::binary_reader<Json, decltype(input), ArchiveBuilder> reader(
+        std::move(input), nlohmann::detail::input_format_t::cbor);
+    if (!reader.sax_parse(nlohmann::detail::input_format_t::cbor, &builder, /*strict=*/true,
+                          Json::cbor_tag_handler_t::store)) {
+      return std::nullopt;
+    }
     return KeyedUnarchiver(std::move(impl));
   } catch (...) {
-    // Lengths the decoder refuses to allocate are reported by throwing even
-    // with exceptions disabled; any such archive is simply unreadable.
+    // Lengths the decoder refuses to allocate are reported by throwing; any
+    // such archive is simply unreadable.
     return std::nullopt;
   }
 }
 
 bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
-  return impl_ && impl_->find(key) != nullptr;
+  if (!impl_) return false;
+  for (const auto& entry : impl_->root) {
+    if (entry.first == key) return true;
+  }
+  return false;
 }
 
 std::optional<KVRParameters> KeyedUnarchiver::decodeDictionary(std::string_view key) const {
-  const Json* json = impl_ ? impl_->find(key) : nullptr;
-  if (json == nullptr) return std::nullopt;
-  return dictionaryFromJson(*json);
+  const KVRValue* value = impl_ ? impl_->find(key) : nullptr;
+  if (value == nullptr || value->kind() != KVRValue::Kind::Dictionary) return std::nullopt;
+  return *value->asDictionary();
 }
 
 std::optional<std::string> KeyedUnarchiver::decodeString(std::string_view key) const {
-  const Json* json = impl_ ? impl_->find(key) : nullptr;
-  if (json == nullptr || !json->is_string()) return std::nullopt;
-  return json->get<std::string>();
+  const KVRValue* value = impl_ ? impl_->find(key) : nullptr;
+  if (value == nullptr || value->kind() != KVRValue::Kind::String) return std::nullopt;
+  return *value->asString();
 }
 
 std::optional<double> KeyedUnarchiver::decodeDouble(std::string_view key) const {
-  const Json* json = impl_ ? impl_->find(key) : nullptr;
-  if (json == nullptr) return std::nullopt;
-  if (json->is_number()) return json->get<double>();
-  if (json->is_binary()) {
-    auto value = fromJson(*json);
-    if (value && value->kind() == KVRValue::Kind::UInt) return value->asDouble();
+  const KVRValue* value = impl_ ? impl_->find(key) : nullptr;
+  if (value == nullptr) return std::nullopt;
+  switch (value->kind()) {
+    case KVRValue::Kind::Int:
+    case KVRValue::Kind::UInt:
+    case KVRValue::Kind::Double:
+      return value->asDouble();
+    default:
+      return std::nullopt;
   }
-  return std::nullopt;
 }
 
 std::optional<int64_t> KeyedUnarchiver::decodeInt(std::string_view key) const {
-  const Json* json = impl_ ? impl_->find(key) : nullptr;
-  if (json == nullptr) return std::nullopt;
-  if (!json->is_number_integer() && !json->is_binary()) return std::nullopt;
-  auto value = fromJson(*json);
-  if (!value || (value->kind() != KVRValue::Kind::Int && value->kind() != KVRValue::Kind::UInt)) {
+  const KVRValue* value = impl_ ? impl_->find(key) : nullptr;
+  if (value == nullptr ||
+      (value->kind() != KVRValue::Kind::Int && value->kind() != KVRValue::Kind::UInt)) {
     return std::nullopt;
   }
   return value->asInt();
 }
 
 std::optional<bool> KeyedUnarchiver::decodeBool(std::string_view key) const {
-  const Json* json = impl_ ? impl_->find(key) : nullptr;
-  if (json == nullptr || !json->is_boolean()) return std::nullopt;
-  return json->get<bool>();
+  const KVRValue* value = impl_ ? impl_->find(key) : nullptr;
+  if (value == nullptr || value->kind() != KVRValue::Kind::Bool) return std::nullopt;
+  return value->asBool();
 }
 
 }  // namespace korvel::platform
