@@ -1,12 +1,43 @@
 // The keyed-archive decoder and the beacon restorer on arbitrary payloads,
-// as a stored request is read back.
+// as a stored request is read back. The decoder is also held against a
+// JSON document of the same bytes: whatever it opens is a map with the same
+// keys, and its texts and booleans are the document's.
 #include <cstddef>
 #include <cstdint>
+#include <cstdlib>
 #include <string_view>
+
+#include <nlohmann/json.hpp>
 
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/foundation/KVNRequestReload.h>
 #include <korvel/foundation/KeyedArchive.h>
+
+namespace {
+
+using Json = nlohmann::ordered_json;
+
+void compareWithDocument(const korvel::platform::KeyedUnarchiver& coder, const uint8_t* data,
+                         size_t size) {
+  const Json document = Json::from_cbor(data, data + size, /*strict=*/true,
+                                        /*allow_exceptions=*/false, Json::cbor_tag_handler_t::store);
+  if (!document.is_object()) std::abort();
+  for (const auto& [key, value] : document.items()) {
+    if (!coder.containsValueForKey(key)) std::abort();
+    const auto text = coder.decodeString(key);
+    if (value.is_string() != text.has_value()) std::abort();
+    if (text && *text != value.get<std::string>()) std::abort();
+    const auto flag = coder.decodeBool(key);
+    if (value.is_boolean() != flag.has_value()) std::abort();
+    if (flag && *flag != value.get<bool>()) std::abort();
+    if (value.is_number_integer() && !value.is_number_unsigned() &&
+        coder.decodeInt(key) != value.get<int64_t>()) {
+      std::abort();
+    }
+  }
+}
+
+}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   static const bool registered = [] {
@@ -18,6 +49,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   if (auto coder = korvel::platform::KeyedUnarchiver::open(payload)) {
     (void)coder->decodeString("$class");
     (void)coder->decodeDictionary("parameters");
+    compareWithDocument(*coder, data, size);
   }
   if (auto request = korvel::KVNReloadRequest(korvel::KVRBeacon::kRestorationKind, payload)) {
     (void)request->buildEndpoint();
