@@ -4,6 +4,8 @@
 #include "collector/FormDecoding.h"
 #include "collector/InspectorRoutes.h"
 
+#include <algorithm>
+
 #include <httplib.h>
 
 #include <nlohmann/json.hpp>
@@ -132,6 +134,7 @@ bool BeaconCollector::start() {
       MutexLock lock(callbackMutex_);
       options_.onBeacon(*beacon);
     }
+    bool wake = false;
     {
       MutexLock lock(mutex_);
       ++requestCount_;
@@ -140,8 +143,14 @@ bool BeaconCollector::start() {
         ++beaconCount_;
         if (options_.keepBeacons) beacons_.push_back(std::move(*beacon));
       }
+      // Waiters are woken once the count they wait for is reached, not at
+      // every beacon (a context switch each while thousands arrive).
+      if (beaconCount_ >= wakeAt_) {
+        wakeAt_ = SIZE_MAX;
+        wake = true;
+      }
     }
-    arrived_.signalAll();
+    if (wake) arrived_.signalAll();
   });
 
   if (options_.port == 0) {
@@ -213,6 +222,7 @@ bool BeaconCollector::waitForBeacons(size_t count, std::chrono::milliseconds dea
   const auto until = std::chrono::steady_clock::now() + deadline;
   MutexLock lock(mutex_);
   while (beaconCount_ < count) {
+    wakeAt_ = std::min(wakeAt_, count);
     if (!arrived_.waitUntil(mutex_, until)) return beaconCount_ >= count;
   }
   return true;

@@ -124,6 +124,8 @@ class BeaconCollector {
   std::optional<std::string> retryAfter_ KORVEL_GUARDED_BY(mutex_);
   std::vector<CollectedBeacon> beacons_ KORVEL_GUARDED_BY(mutex_);
   size_t beaconCount_ KORVEL_GUARDED_BY(mutex_) = 0;
+  // The smallest count a waitForBeacons waits for; SIZE_MAX when none.
+  mutable size_t wakeAt_ KORVEL_GUARDED_BY(mutex_) = SIZE_MAX;
   size_t requestCount_ KORVEL_GUARDED_BY(mutex_) = 0;
   uint64_t answered_ KORVEL_GUARDED_BY(mutex_) = 0;  // requests past the first failures, for failEvery
   std::vector<CollectedRequest> requests_ KORVEL_GUARDED_BY(mutex_);
