@@ -37,6 +37,11 @@ constexpr auto kBackoffRecheckInterval = std::chrono::milliseconds(500);
 // path); past that, and whenever a request has to wait, only its index is
 // kept. Bounds the memory held whole, whatever the backlog.
 constexpr size_t kKeptWhole = 64;
+// Report calls hand over at most about this many requests before the writer
+// is asked to take them: the list keeps its capacity, so a burst with nobody
+// sending (paused, or every host backing off) never grows it further, and
+// report calls never pay for moving it to a larger block.
+constexpr size_t kHandoffBatch = 1024;
 // Repeated log lines are summed up this often.
 constexpr auto kRepeatedLogInterval = std::chrono::seconds(1);
 // The file in the store's directory that keeps hosts' Retry-After times.
@@ -215,6 +220,7 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
   }
   std::shared_ptr<const KVNNetworkRequest> dropped;  // freed outside the lock
   bool wake;
+  bool nudgeWriter;
   {
     MutexLock lock(handoffMutex_);
     // However many arrive before a worker or the writer looks, no more than
@@ -224,6 +230,11 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
     // the whole list, and wakes more workers when there is more to send.
     wake = handoffs_.empty() && wakeableWorkers_ > 0;
     handoffs_.push_back(std::move(handoff));
+    nudgeWriter = handoffs_.size() % kHandoffBatch == 0;
+  }
+  if (nudgeWriter) {
+    handoffsWaiting_.store(true, std::memory_order_release);
+    writerWake_.signal();
   }
   if (wake) {
     // A worker registered as asleep holds mutex_ until it waits: taking it
@@ -967,6 +978,7 @@ void DurableRequestExecutor::writerLoop() {
       // A switch signalled between this check and the wait is seen at the
       // next interval: the hint only brings the sync forward.
       if (segmentSwitched_.exchange(false, std::memory_order_acquire)) break;
+      if (handoffsWaiting_.exchange(false, std::memory_order_acquire)) adoptHandoffs();
       if (!writerWake_.waitUntil(mutex_, until)) break;
     }
     adoptHandoffs();  // counts their appends and applies the caps to them

@@ -321,6 +321,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // Set by a report call whose append moved the journal to a new segment:
   // the writer should sync (and make new spares) soon.
   std::atomic<bool> segmentSwitched_{false};
+  // Set by a report call that found many requests handed over and not yet
+  // taken: the writer takes them into the queue now.
+  std::atomic<bool> handoffsWaiting_{false};
 
   std::vector<std::thread> workers_;
   std::thread writer_;
