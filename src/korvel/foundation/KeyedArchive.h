@@ -70,6 +70,10 @@ class KORVEL_EXPORT KeyedArchiver {
   Slot slots_[kSlots];
 };
 
+// Reads an archive once, when opened: the bytes are checked item by item,
+// then nlohmann-json's CBOR reader hands its events to a builder that makes
+// the values directly (no JSON document in between). Each decode looks its
+// key up among the top-level entries.
 class KORVEL_EXPORT KeyedUnarchiver {
  public:
   // Opens an archive; nothing when the bytes are not a whole, valid archive.
