@@ -530,6 +530,23 @@ TEST_F(DurableRequestExecutorTest, TheByteBoundDropsTheOldest) {
   EXPECT_EQ(executor->stats().droppedOverCap, 1u);
 }
 
+TEST_F(DurableRequestExecutorTest, PurgedRequestsGiveTheirBytesBackToTheByteBound) {
+  auto o = options();
+  o.startPaused = true;
+  o.concurrency = 1;
+  // Room for two of these records, not three.
+  o.maxStoredBytes = 2 * (12 + 30 + std::string(kKind).size() + 100) + 50;
+  auto executor = start(o);
+  for (char c : std::string("ab")) executor->executeRequest(makeRequest(std::string(100, c)));
+  EXPECT_EQ(executor->purge(), 2u);
+  for (char c : std::string("cd")) executor->executeRequest(makeRequest(std::string(100, c)));
+  executor->setPaused(false);
+  ASSERT_TRUE(executor->flush(5s));
+  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/" + std::string(100, 'c'),
+                                          "http://fake/" + std::string(100, 'd')));
+  EXPECT_EQ(executor->stats().droppedOverCap, 0u);
+}
+
 TEST_F(DurableRequestExecutorTest, RepeatedLogLinesAreCollapsedWithACount) {
   auto executor = start(options());
   std::vector<DeliveryResponse> refusals(40, FakeServer::status(400));

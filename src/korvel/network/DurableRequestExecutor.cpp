@@ -312,9 +312,7 @@ size_t DurableRequestExecutor::purge() {
       continue;
     }
     unlink(it);
-    if (it->second.durable) finished_.push_back(it->first);
-    whole_.erase(it->first);
-    it = entries_.erase(it);
+    it = erase(it);
     ++purged;
   }
   if (drained()) progress_.signalAll();
