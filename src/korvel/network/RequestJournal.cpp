@@ -212,6 +212,12 @@ constexpr const char* kSegmentSuffix = ".log";
 constexpr const char* kMarksSuffix = ".done";
 constexpr const char* kAsideFolder = "aside";
 
+// Mappings and msync work in whole pages.
+uint64_t pageBytes() {
+  static const uint64_t bytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  return bytes;
+}
+
 // Writes all of data; a short write is continued, EINTR retried.
 bool writeAll(int fd, std::string_view data) {
   while (!data.empty()) {
@@ -402,10 +408,10 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
   segment.dirty = true;
   directoryDirty_ = true;
 
-  static const uint64_t pageBytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
+  const uint64_t page = pageBytes();
   const uint64_t wanted = std::max<uint64_t>(std::min(options_.segmentBytes, kMaxSegmentBytes / 2),
                                              kSegmentHeaderBytes + frameBytes);
-  const uint64_t capacity = (wanted + pageBytes - 1) / pageBytes * pageBytes;
+  const uint64_t capacity = (wanted + page - 1) / page * page;
   // Reserving the blocks now is what keeps a full disk from turning into a
   // SIGBUS inside a mapped write later.
   if (::posix_fallocate(segment.fd, 0, static_cast<off_t>(capacity)) == 0) {
@@ -632,8 +638,7 @@ void JournalFront::syncActive() {
   // lock is released; callers keep appending past the synced length.
   if (active.fd >= 0 && active.dirty) {
     if (active.map != nullptr) {
-      static const uint64_t pageBytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-      const uint64_t from = active.syncedBytes / pageBytes * pageBytes;
+      const uint64_t from = active.syncedBytes / pageBytes() * pageBytes();
       ::msync(active.map + from, active.bytes - from, MS_SYNC);
     } else {
       ::fdatasync(active.fd);
