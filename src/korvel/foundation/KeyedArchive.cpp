@@ -549,12 +549,18 @@ void KeyedArchiver::encodeBool(std::string_view key, bool value) {
 struct KeyedUnarchiver::Impl {
   TopLevel root;
 
-  // Nothing when the key is missing or holds no value this library makes.
-  const KVRValue* find(std::string_view key) const {
-    for (const auto& entry : root) {
-      if (entry.first == key) return entry.second ? &*entry.second : nullptr;
+  // The key's entry, with or without a value; nothing when it is missing.
+  const std::optional<KVRValue>* entry(std::string_view key) const {
+    for (const auto& [name, value] : root) {
+      if (name == key) return &value;
     }
     return nullptr;
+  }
+
+  // Nothing when the key is missing or holds no value this library makes.
+  const KVRValue* find(std::string_view key) const {
+    const auto* value = entry(key);
+    return value != nullptr && *value ? &**value : nullptr;
   }
 };
 
@@ -588,11 +594,7 @@ std::optional<KeyedUnarchiver> KeyedUnarchiver::open(std::string_view data) {
 }
 
 bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
-  if (!impl_) return false;
-  for (const auto& entry : impl_->root) {
-    if (entry.first == key) return true;
-  }
-  return false;
+  return impl_ && impl_->entry(key) != nullptr;
 }
 
 std::optional<KVRParameters> KeyedUnarchiver::decodeDictionary(std::string_view key) const {
