@@ -957,8 +957,11 @@ void DurableRequestExecutor::saveHosts(const std::vector<std::pair<std::string, 
 }
 
 void DurableRequestExecutor::writerLoop() {
-  // Not lowered: report calls rely on it for new journal segments.
+  // Not lowered, since report calls rely on it for new journal segments;
+  // but batch, so that a sync finishing or a segment switch that wakes it
+  // does not take the core from a report call half-way through.
   nameThisThread("korvel-journal");
+  batchThisThread();
   if (store_) {
     restoreStored();
   } else {

@@ -18,12 +18,19 @@ void nameThisThread(const char* name) noexcept {
   pthread_setname_np(pthread_self(), shortName);
 }
 
-void lowerThisThreadPriority() noexcept {
-  // A batch thread never preempts a normal one when it wakes (an answer
-  // arriving does not take the core from a thread that reports). On Linux
-  // pid 0 and PRIO_PROCESS with who 0 mean the calling thread alone.
+void batchThisThread() noexcept {
+  // A batch thread never preempts a running one when it wakes: it waits for
+  // a free core or the running thread's time slice, and keeps its fair share
+  // of the CPU. On Linux pid 0 means the calling thread alone.
   const sched_param param{};
   sched_setscheduler(0, SCHED_BATCH, &param);
+}
+
+void lowerThisThreadPriority() noexcept {
+  // Batch, so that an answer arriving does not take the core from a thread
+  // that reports; and a smaller share of a busy core. PRIO_PROCESS with who
+  // 0 means the calling thread alone on Linux.
+  batchThisThread();
   errno = 0;
   const int current = getpriority(PRIO_PROCESS, 0);
   if (current == -1 && errno != 0) return;

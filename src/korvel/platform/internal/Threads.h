@@ -14,4 +14,10 @@ void nameThisThread(const char* name) noexcept;
 // waiting behind it. Best effort; nothing changes where the system refuses.
 void lowerThisThreadPriority() noexcept;
 
+// Keeps the calling thread's share of the CPU but stops it from preempting
+// the thread running on a core when it wakes (batch scheduling): for a
+// thread that must keep up with the host's threads, whose wake-ups should
+// not land in the middle of a report call. Best effort, like the above.
+void batchThisThread() noexcept;
+
 }  // namespace korvel::platform
