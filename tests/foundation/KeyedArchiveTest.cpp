@@ -5,6 +5,9 @@
 #include <cmath>
 #include <limits>
 #include <random>
+#include <string>
+
+#include <nlohmann/json.hpp>
 
 namespace korvel::platform {
 namespace {
@@ -84,6 +87,41 @@ TEST(KeyedArchiveTest, EveryValueKindRoundTripsExactly) {
   EXPECT_EQ(unarchiver->decodeDouble("time"), 12.5);
   EXPECT_EQ(unarchiver->decodeInt("count"), -9);
   EXPECT_EQ(unarchiver->decodeBool("sent"), true);
+}
+
+// Keys and texts of every length around the writer's boundaries: its inline
+// copies (4, 8 and 16 bytes) and CBOR's head forms (24, 256, 65,536). The
+// bytes must be CBOR's own, as nlohmann-json writes them, and a key written
+// again with a longer value must still fit.
+TEST(KeyedArchiveTest, TextsOfEveryLengthAreWrittenAsCBORWritesThem) {
+  const size_t lengths[] = {0, 1, 2, 3, 4, 5, 7, 8, 9, 15, 16, 17, 23, 24, 255, 256, 65535, 65536};
+  for (const size_t length : lengths) {
+    const std::string key(length, 'k');
+    const std::string text(length, 't');
+    KeyedArchiver archiver;
+    archiver.encodeObject(key, text);
+    archiver.encodeObject("dict", KVRParameters{{key, text}, {"url", KVRURL{text}}});
+    const nlohmann::ordered_json expected = {{key, text},
+                                             {"dict", {{key, text}, {"url", nullptr}}}};
+    std::vector<std::uint8_t> bytes = nlohmann::ordered_json::to_cbor(expected);
+    // nlohmann has no URL kind: compare up to the URL's value, then the
+    // tagged byte string the archive keeps it as.
+    const std::string archived(archiver.data());
+    const std::string prefix(bytes.begin(), bytes.end() - 1);
+    ASSERT_GE(archived.size(), prefix.size()) << length;
+    EXPECT_EQ(archived.substr(0, prefix.size()), prefix) << length;
+    auto unarchiver = KeyedUnarchiver::open(archived);
+    ASSERT_TRUE(unarchiver) << length;
+    EXPECT_EQ(unarchiver->decodeString(key), text) << length;
+    EXPECT_EQ(*unarchiver->decodeDictionary("dict")->find("url")->asURL(), KVRURL{text})
+        << length;
+
+    archiver.encodeObject(key, text + text + "!");
+    unarchiver = KeyedUnarchiver::open(archiver.data());
+    ASSERT_TRUE(unarchiver) << length;
+    EXPECT_EQ(unarchiver->decodeString(key), text + text + "!") << length;
+    EXPECT_TRUE(unarchiver->decodeDictionary("dict")) << length;
+  }
 }
 
 TEST(KeyedArchiveTest, WrongKindOrMissingKeyGivesNothing) {

@@ -281,110 +281,163 @@ size_t makeHead(char* bytes, unsigned major, std::uint64_t value) {
   return 1 + width;
 }
 
-void putHead(std::string& out, unsigned major, std::uint64_t value) {
-  char bytes[9];
-  out.append(bytes, makeHead(bytes, major, value));
+// Items are written through a plain pointer into bytes reserved beforehand
+// for the most they can take (a walk over the sizes alone), rather than
+// appended piece by piece: a string's append checks its capacity and calls
+// memcpy for every key, head and value.
+
+constexpr size_t kMaxHeadBytes = 9;
+constexpr size_t kTaggedBytesOverhead = 2 + kMaxHeadBytes;  // tag, then head
+
+char* writeItemHead(char* at, unsigned major, std::uint64_t value) {
+  return at + makeHead(at, major, value);
 }
 
-void putText(std::string& out, std::string_view text) {
-  putHead(out, 3, text.size());
-  out.append(text);
+// Keys and most values are a few bytes long: copied inline, without a call.
+char* writeBytes(char* at, const char* bytes, size_t size) {
+  if (size <= 16) {
+    if (size >= 8) {
+      std::uint64_t first;
+      std::uint64_t last;
+      std::memcpy(&first, bytes, 8);
+      std::memcpy(&last, bytes + size - 8, 8);
+      std::memcpy(at, &first, 8);
+      std::memcpy(at + size - 8, &last, 8);
+    } else if (size >= 4) {
+      std::uint32_t first;
+      std::uint32_t last;
+      std::memcpy(&first, bytes, 4);
+      std::memcpy(&last, bytes + size - 4, 4);
+      std::memcpy(at, &first, 4);
+      std::memcpy(at + size - 4, &last, 4);
+    } else {
+      for (size_t i = 0; i < size; ++i) at[i] = bytes[i];
+    }
+    return at + size;
+  }
+  std::memcpy(at, bytes, size);
+  return at + size;
 }
 
-void putTaggedBytes(std::string& out, std::uint8_t subtype, const char* bytes, size_t size) {
+char* writeText(char* at, std::string_view text) {
+  return writeBytes(writeItemHead(at, 3, text.size()), text.data(), text.size());
+}
+
+char* writeTaggedBytes(char* at, std::uint8_t subtype, const char* bytes, size_t size) {
   // Always the one-byte-argument form: the reader takes small tags (0xC0 to
   // 0xC5) for the standard date and bignum tags, not for byte-string kinds.
-  char head[11] = {'\xD8', static_cast<char>(subtype)};
-  out.append(head, 2 + makeHead(head + 2, 2, size));
-  out.append(bytes, size);
+  at[0] = '\xD8';
+  at[1] = static_cast<char>(subtype);
+  return writeBytes(writeItemHead(at + 2, 2, size), bytes, size);
 }
 
-void putLittleEndian(std::string& out, std::uint8_t subtype, std::uint64_t bits) {
+char* writeLittleEndian(char* at, std::uint8_t subtype, std::uint64_t bits) {
   char bytes[8];
   for (size_t i = 0; i < 8; ++i) bytes[i] = static_cast<char>(bits >> (8 * i));
-  putTaggedBytes(out, subtype, bytes, 8);
+  return writeTaggedBytes(at, subtype, bytes, 8);
 }
 
-void putDouble(std::string& out, double value) {
+char* writeDouble(char* at, double value) {
   // Single precision when that loses nothing, as the JSON writer does.
   const bool fitsFloat = value >= static_cast<double>(std::numeric_limits<float>::lowest()) &&
                          value <= static_cast<double>(std::numeric_limits<float>::max()) &&
                          static_cast<double>(static_cast<float>(value)) == value;
-  char bytes[9];
   if (fitsFloat) {
     const float f = static_cast<float>(value);
     std::uint32_t bits = 0;
     std::memcpy(&bits, &f, sizeof bits);
-    bytes[0] = '\xFA';
-    for (size_t i = 0; i < 4; ++i) bytes[1 + i] = static_cast<char>(bits >> (24 - 8 * i));
-    out.append(bytes, 5);
-  } else {
-    std::uint64_t bits = 0;
-    std::memcpy(&bits, &value, sizeof bits);
-    bytes[0] = '\xFB';
-    for (size_t i = 0; i < 8; ++i) bytes[1 + i] = static_cast<char>(bits >> (56 - 8 * i));
-    out.append(bytes, 9);
+    at[0] = '\xFA';
+    for (size_t i = 0; i < 4; ++i) at[1 + i] = static_cast<char>(bits >> (24 - 8 * i));
+    return at + 5;
   }
+  std::uint64_t bits = 0;
+  std::memcpy(&bits, &value, sizeof bits);
+  at[0] = '\xFB';
+  for (size_t i = 0; i < 8; ++i) at[1 + i] = static_cast<char>(bits >> (56 - 8 * i));
+  return at + 9;
 }
 
-void putInt(std::string& out, std::int64_t i) {
-  if (i >= 0) {
-    putHead(out, 0, static_cast<std::uint64_t>(i));
-  } else {
-    putHead(out, 1, static_cast<std::uint64_t>(-(i + 1)));
-  }
+char* writeInt(char* at, std::int64_t i) {
+  if (i >= 0) return writeItemHead(at, 0, static_cast<std::uint64_t>(i));
+  return writeItemHead(at, 1, static_cast<std::uint64_t>(-(i + 1)));
 }
 
-void putDictionary(std::string& out, const KVRParameters& dictionary);
+char* writeBool(char* at, bool value) {
+  *at = value ? '\xF5' : '\xF4';
+  return at + 1;
+}
 
-void putValue(std::string& out, const KVRValue& value) {
+size_t boundOf(const KVRParameters& dictionary);
+
+// The most bytes writeValue can take for the value.
+size_t boundOf(const KVRValue& value) {
   switch (value.kind()) {
     case KVRValue::Kind::String:
-      putText(out, *value.asString());
-      return;
-    case KVRValue::Kind::Int:
-      putInt(out, *value.asInt());
-      return;
+      return kMaxHeadBytes + value.asString()->size();
+    case KVRValue::Kind::URL:
+      return kTaggedBytesOverhead + value.asURL()->absoluteString.size();
     case KVRValue::Kind::UInt:
-      putLittleEndian(out, kUIntSubtype, value.asUInt().value_or(0));
-      return;
+    case KVRValue::Kind::Date:
+      return kTaggedBytesOverhead + 8;
+    case KVRValue::Kind::Dictionary:
+      return boundOf(*value.asDictionary());
+    case KVRValue::Kind::List: {
+      size_t bound = kMaxHeadBytes;
+      for (const auto& entry : *value.asList()) bound += boundOf(entry);
+      return bound;
+    }
+    default:  // numbers, booleans, null
+      return kMaxHeadBytes;
+  }
+}
+
+size_t boundOf(const KVRParameters& dictionary) {
+  size_t bound = kMaxHeadBytes;
+  for (const auto& [key, entry] : dictionary) bound += kMaxHeadBytes + key.size() + boundOf(entry);
+  return bound;
+}
+
+char* writeDictionary(char* at, const KVRParameters& dictionary);
+
+char* writeValue(char* at, const KVRValue& value) {
+  switch (value.kind()) {
+    case KVRValue::Kind::String:
+      return writeText(at, *value.asString());
+    case KVRValue::Kind::Int:
+      return writeInt(at, *value.asInt());
+    case KVRValue::Kind::UInt:
+      return writeLittleEndian(at, kUIntSubtype, value.asUInt().value_or(0));
     case KVRValue::Kind::Double:
-      putDouble(out, *value.asDouble());
-      return;
+      return writeDouble(at, *value.asDouble());
     case KVRValue::Kind::Bool:
-      out += *value.asBool() ? '\xF5' : '\xF4';
-      return;
+      return writeBool(at, *value.asBool());
     case KVRValue::Kind::Date: {
       const double seconds = value.asDate()->secondsSince1970;
       std::uint64_t bits = 0;
       std::memcpy(&bits, &seconds, sizeof bits);
-      putLittleEndian(out, kDateSubtype, bits);
-      return;
+      return writeLittleEndian(at, kDateSubtype, bits);
     }
     case KVRValue::Kind::URL: {
       const std::string& text = value.asURL()->absoluteString;
-      putTaggedBytes(out, kURLSubtype, text.data(), text.size());
-      return;
+      return writeTaggedBytes(at, kURLSubtype, text.data(), text.size());
     }
     case KVRValue::Kind::Dictionary:
-      putDictionary(out, *value.asDictionary());
-      return;
+      return writeDictionary(at, *value.asDictionary());
     case KVRValue::Kind::List: {
       const KVRList& list = *value.asList();
-      putHead(out, 4, list.size());
-      for (const auto& entry : list) putValue(out, entry);
-      return;
+      at = writeItemHead(at, 4, list.size());
+      for (const auto& entry : list) at = writeValue(at, entry);
+      return at;
     }
   }
-  out += '\xF6';  // null: not a kind this library makes
+  *at = '\xF6';  // null: not a kind this library makes
+  return at + 1;
 }
 
-void putDictionary(std::string& out, const KVRParameters& dictionary) {
-  putHead(out, 5, dictionary.size());
-  for (const auto& [key, entry] : dictionary) {
-    putText(out, key);
-    putValue(out, entry);
-  }
+char* writeDictionary(char* at, const KVRParameters& dictionary) {
+  at = writeItemHead(at, 5, dictionary.size());
+  for (const auto& [key, entry] : dictionary) at = writeValue(writeText(at, key), entry);
+  return at;
 }
 
 // The argument of the item head at data[pos], moving pos past the head.
@@ -449,7 +502,7 @@ std::string_view KeyedArchiver::data() const {
 }
 
 void KeyedArchiver::writeHead() {
-  char head[9];
+  char head[kMaxHeadBytes];
   const size_t length = makeHead(head, 5, count_);
   std::string& out = *out_;
   if (out.size() == start_) {
@@ -457,7 +510,7 @@ void KeyedArchiver::writeHead() {
   } else {
     // The count only grows, and so does its head: past 23 and 255 keys.
     if (length > headBytes_) out.insert(start_, length - headBytes_, '\0');
-    out.replace(start_, length, head, length);
+    std::memcpy(out.data() + start_, head, length);
   }
   headBytes_ = length;
 }
@@ -486,14 +539,15 @@ std::optional<KeyedArchiver::Slot> KeyedArchiver::findSlot(std::string_view key)
 }
 
 template <class Write>
-void KeyedArchiver::put(std::string_view key, Write&& write) {
+void KeyedArchiver::put(std::string_view key, size_t bound, Write&& write) {
   std::string& out = *out_;
   const size_t base = entriesStart();
   if (auto found = findSlot(key)) {
     // Rare: a key written again. The value is written at the end, then
     // moved over the old one.
     const size_t end = out.size();
-    write(out);
+    out.resize(end + bound);
+    out.resize(static_cast<size_t>(write(out.data() + end) - out.data()));
     const std::string value = out.substr(end);
     out.resize(end);
     out.replace(base + found->value, found->end - found->value, value);
@@ -511,37 +565,41 @@ void KeyedArchiver::put(std::string_view key, Write&& write) {
     }
     return;
   }
-  putHead(out, 3, key.size());
+  const size_t end = out.size();
+  out.resize(end + kMaxHeadBytes + key.size() + bound);
+  char* const first = out.data() + base;
+  char* at = writeItemHead(out.data() + end, 3, key.size());
   Slot slot;
-  slot.key = out.size() - base;
+  slot.key = static_cast<size_t>(at - first);
   slot.keyLength = key.size();
-  out.append(key);
-  slot.value = out.size() - base;
-  write(out);
-  slot.end = out.size() - base;
+  at = writeBytes(at, key.data(), key.size());
+  slot.value = static_cast<size_t>(at - first);
+  at = write(at);
+  slot.end = static_cast<size_t>(at - first);
+  out.resize(base + slot.end);
   if (count_ < kSlots) slots_[count_] = slot;
   ++count_;
   writeHead();
 }
 
 void KeyedArchiver::encodeObject(std::string_view key, const KVRParameters& dictionary) {
-  put(key, [&](std::string& out) { putDictionary(out, dictionary); });
+  put(key, boundOf(dictionary), [&](char* at) { return writeDictionary(at, dictionary); });
 }
 
 void KeyedArchiver::encodeObject(std::string_view key, std::string_view text) {
-  put(key, [&](std::string& out) { putText(out, text); });
+  put(key, kMaxHeadBytes + text.size(), [&](char* at) { return writeText(at, text); });
 }
 
 void KeyedArchiver::encodeDouble(std::string_view key, double value) {
-  put(key, [&](std::string& out) { putDouble(out, value); });
+  put(key, kMaxHeadBytes, [&](char* at) { return writeDouble(at, value); });
 }
 
 void KeyedArchiver::encodeInt(std::string_view key, int64_t value) {
-  put(key, [&](std::string& out) { putInt(out, value); });
+  put(key, kMaxHeadBytes, [&](char* at) { return writeInt(at, value); });
 }
 
 void KeyedArchiver::encodeBool(std::string_view key, bool value) {
-  put(key, [&](std::string& out) { out += value ? '\xF5' : '\xF4'; });
+  put(key, 1, [&](char* at) { return writeBool(at, value); });
 }
 
 // MARK: - KeyedUnarchiver

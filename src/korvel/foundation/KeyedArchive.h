@@ -56,8 +56,10 @@ class KORVEL_EXPORT KeyedArchiver {
   // bytes back; larger ones read the entries past the last slot.
   static constexpr size_t kSlots = 12;
 
+  // Writes the key's entry; write puts the value at a pointer into at most
+  // bound bytes reserved for it, and gives back the end of what it wrote.
   template <class Write>
-  void put(std::string_view key, Write&& write);
+  void put(std::string_view key, size_t bound, Write&& write);
   std::optional<Slot> findSlot(std::string_view key) const;
   size_t entriesStart() const { return start_ + headBytes_; }
   void writeHead();
