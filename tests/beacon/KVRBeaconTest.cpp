@@ -417,7 +417,7 @@ TEST_F(KVRBeaconTest, StoredBeaconsAreRestoredOnlyWithTheirArchivedUUID) {
   const auto stored = executor_->requests().at(0);
   ASSERT_EQ(stored.restorationKind(), KVRBeacon::kRestorationKind);
   const auto restored =
-      KVNRequestRestorers::restore(stored.restorationKind(), stored.restorationPayloadEncoder()());
+      KVNRequestRestorers::restore(stored.restorationKind(), *stored.restorationPayload());
   ASSERT_TRUE(restored.has_value());
   EXPECT_EQ(restored->buildEndpoint()->urlString(), executor_->urlAt(0));
 
@@ -509,7 +509,7 @@ TEST_F(KVRBeaconTest, RestorationPayloadBytesArePinnedAndRestoreTheBeacon) {
   const std::string url = executor_->urlAt(0);
   const KVNNetworkRequest request = executor_->requests().at(0);
   ASSERT_EQ(request.restorationKind(), KVRBeacon::kRestorationKind);
-  const std::string payload = request.restorationPayloadEncoder()();
+  const std::string payload = request.restorationPayload().value_or("");
   EXPECT_EQ(toHex(payload), kPinnedPayloadHex);
 
   for (const std::string& bytes : {fromHex(kPinnedPayloadHex), payload}) {
@@ -518,7 +518,7 @@ TEST_F(KVRBeaconTest, RestorationPayloadBytesArePinnedAndRestoreTheBeacon) {
     const auto endpoint = restored->buildEndpoint();
     ASSERT_TRUE(endpoint);
     EXPECT_EQ(endpoint->urlString(), url);
-    EXPECT_EQ(restored->restorationPayloadEncoder()(), payload);
+    EXPECT_EQ(restored->restorationPayload(), payload);
   }
 }
 

@@ -94,7 +94,7 @@ KVNNetworkRequest makeRequest(const std::string& name, int priority = 1, int pol
   r.setConfigurationPolicy(policy);
   r.setBackgroundSessionRetryCount(retries);
   r.setEndpointBuilderBlock([name] { return KVNEndpoint("http://fake/" + name); });
-  if (durable) r.setRestorationPayload(kKind, [name] { return name; });
+  if (durable) r.setRestorationPayload(kKind, [name](std::string& out) { out += name; });
   return r;
 }
 
@@ -303,7 +303,7 @@ TEST_F(DurableRequestExecutorTest, RequestsNoRestorerKnowsAreKeptNotSent) {
     o.startPaused = true;
     auto executor = start(o);
     KVNNetworkRequest r = makeRequest("unknown");
-    r.setRestorationPayload("kind.nobody.registered", [] { return std::string("x"); });
+    r.setRestorationPayload("kind.nobody.registered", [](std::string& out) { out += "x"; });
     executor->executeRequest(r);
   }
   for (int run = 0; run < 2; ++run) {
@@ -578,7 +578,7 @@ TEST_F(DurableRequestExecutorTest, StoredRequestsAreReadBackWhenSentAndOthersKep
     KVNNetworkRequest r = makeRequest(name);
     // The request's own builder would give another URL than its payload.
     r.setEndpointBuilderBlock([] { return KVNEndpoint("http://fake/not-the-stored-one"); });
-    r.setRestorationPayload("test.counted", [name] { return std::string(name); });
+    r.setRestorationPayload("test.counted", [name](std::string& out) { out += name; });
     executor->executeRequest(r);
   }
   executor->executeRequest(makeRequest("memory-only", 1, 0, 3, false));

@@ -73,17 +73,12 @@ KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
     if (!url) return std::nullopt;
     return KVNEndpoint(std::move(*url));
   });
-  request.setRestorationPayload(KVRBeacon::kRestorationKind, [task, type] {
-    // Written into a buffer kept by the thread, so the payload's only
-    // allocation is the string handed back.
-    thread_local std::string buffer;
-    buffer.clear();
-    platform::KeyedArchiver coder(buffer);
+  request.setRestorationPayload(KVRBeacon::kRestorationKind, [task, type](std::string& out) {
+    platform::KeyedArchiver coder(out);
     coder.encodeObject("$class", task->className());
     task->encodeWithCoder(coder);
     coder.encodeInt(kPayloadTypeKey, type);
     if (auto event = task->event()) coder.encodeObject(kPayloadEventKey, *event);
-    return buffer;
   });
   return request;
 }

@@ -22,9 +22,11 @@
 //
 // Durable executors keep requests across process restarts. A closure cannot
 // be stored, so a request that wants to survive carries a restoration
-// payload: a kind naming a registered restorer, and an encoder producing the
+// payload: a kind naming a registered restorer, and an encoder writing the
 // bytes the restorer turns back into an equivalent request. The encoder runs
-// only when an executor persists the request.
+// only when an executor persists the request, and appends the bytes to the
+// buffer it is given (a durable executor hands it the stored frame itself,
+// so the payload is never copied on its way to the journal).
 #pragma once
 
 #include <korvel/export.h>
@@ -56,7 +58,8 @@ class KORVEL_EXPORT KVNEndpoint {
 class KORVEL_EXPORT KVNNetworkRequest {
  public:
   using EndpointBuilder = std::function<std::optional<KVNEndpoint>()>;
-  using PayloadEncoder = std::function<std::string()>;
+  // Appends the payload's bytes to out, after what out holds already.
+  using PayloadEncoder = std::function<void(std::string& out)>;
 
   KVNNetworkRequestHTTPMethod httpMethod() const { return httpMethod_; }
   void setHttpMethod(KVNNetworkRequestHTTPMethod method) { httpMethod_ = method; }
@@ -80,6 +83,13 @@ class KORVEL_EXPORT KVNNetworkRequest {
 
   const std::string& restorationKind() const { return restorationKind_; }
   const PayloadEncoder& restorationPayloadEncoder() const { return payloadEncoder_; }
+  // The payload in a string of its own; nothing without an encoder.
+  std::optional<std::string> restorationPayload() const {
+    if (!payloadEncoder_) return std::nullopt;
+    std::string payload;
+    payloadEncoder_(payload);
+    return payload;
+  }
   void setRestorationPayload(std::string kind, PayloadEncoder encoder) {
     restorationKind_ = std::move(kind);
     payloadEncoder_ = std::move(encoder);

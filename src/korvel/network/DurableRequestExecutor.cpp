@@ -42,6 +42,9 @@ constexpr size_t kKeptWhole = 64;
 // sending (paused, or every host backing off) never grows it further, and
 // report calls never pay for moving it to a larger block.
 constexpr size_t kHandoffBatch = 1024;
+
+// A reporting thread keeps a frame buffer of up to this many bytes.
+constexpr size_t kKeptFrameCapacity = 64u << 10;
 // Repeated log lines are summed up this often.
 constexpr auto kRepeatedLogInterval = std::chrono::seconds(1);
 // The file in the store's directory that keeps hosts' Retry-After times.
@@ -174,23 +177,28 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
   bool oversize = false;
   size_t bytes = 0;
   if (store_ && !request.restorationKind().empty() && request.restorationPayloadEncoder()) {
-    // One buffer per thread: the frame costs no allocation once warm.
+    // One buffer per thread, which the payload is encoded straight into:
+    // the frame costs no allocation once warm. One that an unusually large
+    // request grew is let go afterwards.
     thread_local std::string frame;
     frame.clear();
     try {
-      const std::string payload = request.restorationPayloadEncoder()();
-      if (payload.size() > options_.maxRequestBytes) {
+      beginFrame(frame, id, created, request.priority(), request.configurationPolicy(),
+                 request.backgroundSessionRetryCount(), request.restorationKind());
+      request.restorationPayloadEncoder()(frame);
+      const size_t payloadBytes = framePayloadBytes(frame, 0);
+      if (payloadBytes > options_.maxRequestBytes) {
         oversize = true;
-        bytes = payload.size();
+        bytes = payloadBytes;
       } else {
-        appendFrame(frame, id, created, request.priority(), request.configurationPolicy(),
-                    request.backgroundSessionRetryCount(), request.restorationKind(), payload);
+        finishFrame(frame, 0);
         durable = store_->append(frame, id);
         bytes = frame.size();
       }
     } catch (...) {
       // An encoder that throws leaves the request in memory, like a full disk.
     }
+    if (frame.capacity() > kKeptFrameCapacity) frame = std::string();
     appendFailed = !durable && !oversize;
   }
   if (oversize) {

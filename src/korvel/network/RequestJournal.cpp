@@ -120,16 +120,13 @@ uint32_t crc32cPortable(const void* data, size_t size, uint32_t crc) {
 
 // MARK: - Frames
 
-void appendFrame(std::string& out, uint64_t id, int64_t createdMillis, int32_t priority,
-                 int32_t configurationPolicy, int32_t retryCount, std::string_view kind,
-                 std::string_view payload) {
+size_t beginFrame(std::string& out, uint64_t id, int64_t createdMillis, int32_t priority,
+                  int32_t configurationPolicy, int32_t retryCount, std::string_view kind) {
   const size_t kindLength = std::min<size_t>(kind.size(), 0xFFFF);
-  const size_t bodyLength = kFrameFixedBodyBytes + kindLength + payload.size();
   const size_t start = out.size();
-  out.reserve(start + kFrameHeaderBytes + bodyLength);
   put<uint32_t>(out, kFrameMarker);
-  put<uint32_t>(out, static_cast<uint32_t>(bodyLength));
-  put<uint32_t>(out, 0);  // checksum, filled in below
+  put<uint32_t>(out, 0);  // body length, filled in by finishFrame
+  put<uint32_t>(out, 0);  // checksum, likewise
   put<uint64_t>(out, id);
   put<int64_t>(out, createdMillis);
   put<int32_t>(out, priority);
@@ -137,9 +134,30 @@ void appendFrame(std::string& out, uint64_t id, int64_t createdMillis, int32_t p
   put<int32_t>(out, retryCount);
   put<uint16_t>(out, static_cast<uint16_t>(kindLength));
   out.append(kind.data(), kindLength);
-  out.append(payload);
+  return start;
+}
+
+size_t framePayloadBytes(const std::string& out, size_t start) {
+  const size_t kindAt = start + kFrameHeaderBytes + kFrameFixedBodyBytes;
+  return out.size() - kindAt - get<uint16_t>(out.data() + kindAt - 2);
+}
+
+void finishFrame(std::string& out, size_t start) {
+  const size_t bodyLength = out.size() - start - kFrameHeaderBytes;
+  const auto length = static_cast<uint32_t>(bodyLength);
+  std::memcpy(out.data() + start + 4, &length, 4);
   const uint32_t crc = crc32c(out.data() + start + kFrameHeaderBytes, bodyLength);
   std::memcpy(out.data() + start + 8, &crc, 4);
+}
+
+void appendFrame(std::string& out, uint64_t id, int64_t createdMillis, int32_t priority,
+                 int32_t configurationPolicy, int32_t retryCount, std::string_view kind,
+                 std::string_view payload) {
+  const size_t start = out.size();
+  out.reserve(start + kFrameHeaderBytes + kFrameFixedBodyBytes + kind.size() + payload.size());
+  beginFrame(out, id, createdMillis, priority, configurationPolicy, retryCount, kind);
+  out.append(payload);
+  finishFrame(out, start);
 }
 
 std::string encodeFrame(const StoredRequest& r) {

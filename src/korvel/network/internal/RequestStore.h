@@ -74,6 +74,16 @@ inline constexpr size_t kFrameFixedBodyBytes = 30;
 // A body longer than this is taken for corruption, not allocated.
 inline constexpr size_t kMaxFrameBodyBytes = 16u << 20;
 
+// A frame written in place, payload included: beginFrame writes the header
+// and the kind and gives the frame's start; the caller appends the payload
+// to out; finishFrame fills in the body's length and checksum. Nothing else
+// may be appended to out in between.
+size_t beginFrame(std::string& out, uint64_t id, int64_t createdMillis, int32_t priority,
+                  int32_t configurationPolicy, int32_t retryCount, std::string_view kind);
+// The payload's length in the frame begun at start.
+size_t framePayloadBytes(const std::string& out, size_t start);
+void finishFrame(std::string& out, size_t start);
+
 // Appends the frame of a request to out (out is not cleared).
 void appendFrame(std::string& out, uint64_t id, int64_t createdMillis, int32_t priority,
                  int32_t configurationPolicy, int32_t retryCount, std::string_view kind,
