@@ -2,6 +2,7 @@
 // after kills and damage, delivered marks, compaction, and both store kinds
 // against the same expectations.
 #include <fcntl.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -397,6 +398,39 @@ TEST_F(RequestStoreTest, EveryAppendSurvivesAKillWhateverTheSegmentsLookLike) {
   uint64_t payloadBytes = 0;
   for (const auto& r : recovered) payloadBytes += r.payload.size();
   EXPECT_LT(store->stats().bytesOnDisk, payloadBytes * 2);
+}
+
+TEST_F(RequestStoreTest, WithoutRoomToReserveASegmentAppendsAreWrittenPlainlyAndSurviveAKill) {
+  // A file size limit below the segment size stands in for a full disk: the
+  // segment's space cannot be reserved, so it is not mapped (a mapped write
+  // beyond what the disk holds would be a SIGBUS) and appends are written
+  // with pwrite instead, from right after the header.
+  constexpr int kRecords = 20;
+  const pid_t child = fork();
+  ASSERT_GE(child, 0);
+  if (child == 0) {
+    std::signal(SIGXFSZ, SIG_IGN);
+    const rlimit limit{32u << 10, 32u << 10};
+    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(5);
+    auto store = open(1u << 20);
+    if (!store) _exit(3);
+    store->recover();
+    for (int i = 0; i < kRecords; ++i) {
+      const uint64_t id = (uint64_t{store->epoch()} << 32) | static_cast<uint32_t>(i);
+      if (!store->append(encodeFrame(request(id, std::string(500, 'r'))), id)) _exit(4);
+    }
+    raise(SIGKILL);
+  }
+  int status = 0;
+  ASSERT_EQ(waitpid(child, &status, 0), child);
+  ASSERT_TRUE(WIFSIGNALED(status)) << "child exit " << WEXITSTATUS(status);
+
+  auto store = open(1u << 20);
+  ASSERT_TRUE(store);
+  const auto recovered = store->recover();
+  ASSERT_EQ(recovered.size(), size_t{kRecords});
+  for (const auto& r : recovered) EXPECT_EQ(r.payload, std::string(500, 'r'));
+  EXPECT_TRUE(setAside().empty()) << "a reservation given up leaves no zeros between records";
 }
 
 TEST_F(RequestStoreTest, ADamagedMarksFileResendsInsteadOfLosing) {
