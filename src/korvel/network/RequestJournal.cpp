@@ -230,6 +230,8 @@ constexpr const char* kSegmentPrefix = "seg-";
 constexpr const char* kSegmentSuffix = ".log";
 constexpr const char* kMarksSuffix = ".done";
 constexpr const char* kAsideFolder = "aside";
+// A removed segment's file kept for reuse; never read, and deleted at start.
+constexpr const char* kRecycledPrefix = "free-";
 
 // Mappings and msync work in whole pages.
 uint64_t pageBytes() {
@@ -357,6 +359,10 @@ JournalFront::~JournalFront() {
     ::unlink(segmentPath(spare.number).c_str());
     finish(spare);
   }
+  {
+    MutexLock recycledLock(recycledMutex_);
+    for (const auto& path : recycled_) ::unlink(path.c_str());
+  }
   if (lockFd_ >= 0) ::close(lockFd_);  // releases the flock
 }
 
@@ -399,6 +405,10 @@ bool JournalFront::open(uint32_t minEpoch) {
   uint32_t highestEpoch = minEpoch;
   for (const auto& entry : fs::directory_iterator(dir, ec)) {
     const std::string name = entry.path().filename().string();
+    if (name.starts_with(kRecycledPrefix)) {
+      ::unlink(entry.path().c_str());  // kept by an earlier run
+      continue;
+    }
     auto number = segmentNumber(name, kSegmentSuffix);
     if (!number) continue;
     earlierSegments_.push_back(*number);
@@ -454,7 +464,8 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
   Segment segment;
   segment.number = nextSegment_.fetch_add(1);
   const fs::path path = segmentPath(segment.number);
-  segment.fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+  segment.fd = openRecycled(path);
+  if (segment.fd < 0) segment.fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
   if (segment.fd < 0) {
     error = errnoText();
     return std::nullopt;
@@ -804,9 +815,47 @@ void JournalFront::setAside(const fs::path& file, const std::string& reason) {
   }
 }
 
+bool JournalFront::recycle(const fs::path& log) {
+  {
+    MutexLock lock(recycledMutex_);
+    if (recycled_.size() >= kRecycledFiles) return false;
+  }
+  const fs::path kept =
+      options_.directory / (kRecycledPrefix + std::to_string(recycledNames_.fetch_add(1)));
+  // Renamed before it is emptied: a crash in between leaves a file that is
+  // never read, not an empty segment.
+  if (::rename(log.c_str(), kept.c_str()) != 0) return false;
+  if (::truncate(kept.c_str(), 0) != 0) {
+    ::unlink(kept.c_str());
+    return true;
+  }
+  MutexLock lock(recycledMutex_);
+  recycled_.push_back(kept);
+  return true;
+}
+
+int JournalFront::openRecycled(const fs::path& path) {
+  for (;;) {
+    fs::path kept;
+    {
+      MutexLock lock(recycledMutex_);
+      if (recycled_.empty()) return -1;
+      kept = std::move(recycled_.back());
+      recycled_.pop_back();
+    }
+    const int fd = ::open(kept.c_str(), O_RDWR | O_CLOEXEC);
+    if (fd >= 0 && ::renameat2(AT_FDCWD, kept.c_str(), AT_FDCWD, path.c_str(),
+                               RENAME_NOREPLACE) == 0) {
+      return fd;
+    }
+    if (fd >= 0) ::close(fd);
+    ::unlink(kept.c_str());
+  }
+}
+
 void JournalFront::removeSegmentFiles(uint32_t number) {
   const fs::path log = segmentPath(number);
-  ::unlink(log.c_str());
+  if (!recycle(log)) ::unlink(log.c_str());
   fs::path marks = log;
   marks.replace_extension(kMarksSuffix);
   ::unlink(marks.c_str());
