@@ -298,6 +298,31 @@ TEST_F(RequestStoreTest, ClosedSegmentsGoOnceFinishedAndSmallFilesRemain) {
   EXPECT_THAT(idsOf(store->recover()), ElementsAre(all.back()));
 }
 
+TEST_F(RequestStoreTest, ASyncCallsItsOwnerBackBetweenItsLongStepsWithNoLockHeld) {
+  RequestStoreOptions options;
+  options.directory = dir_;
+  options.segmentBytes = 4096;
+  std::unique_ptr<RequestStore> store;
+  int calls = 0;
+  bool appendedInside = true;
+  options.betweenSyncSteps = [&] {
+    ++calls;
+    // The store's locks are free: appending from here must not deadlock.
+    if (store) {
+      const uint64_t id = (uint64_t{store->epoch()} << 32) | (1000u + static_cast<uint32_t>(calls));
+      appendedInside = appendedInside && store->append(encodeFrame(request(id)), id);
+    }
+  };
+  store = openJournalRequestStore(options);
+  ASSERT_TRUE(store);
+  store->recover();
+  calls = 0;
+  appendSome(*store, 240, 200);  // some fifteen segments closed
+  store->sync({});
+  EXPECT_GE(calls, 15) << "once per segment finished, and per spare made";
+  EXPECT_TRUE(appendedInside);
+}
+
 TEST_F(RequestStoreTest, RemovedSegmentFilesAreEmptiedAndReusedAndNeverRead) {
   // Left by an earlier run, with a frame that must not come back.
   const uint64_t stale = 99;

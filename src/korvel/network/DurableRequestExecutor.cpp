@@ -133,6 +133,16 @@ DurableRequestExecutor::DurableRequestExecutor(std::string sessionIdentifier, Op
       segmentSwitched_.store(true, std::memory_order_release);
       writerWake_.signal();
     };
+    // The writer syncs without mutex_; a burst handed over meanwhile is
+    // taken between the sync's steps, not left to grow until it ends. Only
+    // when mutex_ is free: the store may call this with a lock of its own
+    // held, and must not wait for mutex_ then.
+    storeOptions.betweenSyncSteps = [this] {
+      if (!handoffsWaiting_.load(std::memory_order_acquire) || !mutex_.tryLock()) return;
+      handoffsWaiting_.store(false, std::memory_order_relaxed);
+      adoptHandoffs();
+      mutex_.unlock();
+    };
     store_ = openJournalRequestStore(storeOptions);
     if (!store_) logger_.log(LogLevel::Error, "requests are kept in memory only");
   }

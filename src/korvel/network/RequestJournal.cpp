@@ -677,8 +677,11 @@ void JournalFront::topUpSpares() {
     auto spare = createSegment(0, true, error);
     // Without a spare a caller makes the next segment itself.
     if (!spare) break;
-    MutexLock lock(mutex_);
-    spares_.push_back(*spare);
+    {
+      MutexLock lock(mutex_);
+      spares_.push_back(*spare);
+    }
+    if (options_.betweenSyncSteps) options_.betweenSyncSteps();
   }
 }
 
@@ -717,6 +720,7 @@ void JournalFront::syncActive() {
   }
   for (auto& segment : closing) {
     finish(segment);
+    if (options_.betweenSyncSteps) options_.betweenSyncSteps();
     // A burst of appends may be using up the spares while segments are
     // written back: keep them coming.
     topUpSpares();

@@ -163,6 +163,11 @@ struct RequestStoreOptions {
   // append moved on to a new segment: the next sync() should come soon, so
   // new spares are ready before the caller's thread has to make one.
   std::function<void()> segmentSwitched;
+  // Called on the syncing thread, with none of the store's locks held,
+  // between the long steps of a sync (making a spare segment, finishing a
+  // closed one): work its owner would otherwise leave waiting for the whole
+  // sync can be done in between.
+  std::function<void()> betweenSyncSteps;
 };
 
 // Null, after logging why, when the directory cannot be used.
@@ -172,8 +177,8 @@ std::unique_ptr<RequestStore> openJournalRequestStore(const RequestStoreOptions&
 // segment that callers append to, and reading and setting aside of segments.
 //
 // Segments are memory-mapped: a segment file is created with its full size
-// reserved on disk (posix_fallocate, so a full disk shows up then and never
-// as a fault inside a mapped write) and mapped shared. An append is a memcpy
+// reserved on disk (written with zeros, so a full disk shows up then and
+// never as a fault inside a mapped write) and mapped shared. An append is a memcpy
 // into the mapping under a short lock: once it returns, the bytes belong to
 // the kernel's page cache and survive a kill of the process, with no system
 // call on the caller's thread. The writer thread makes them survive a power
