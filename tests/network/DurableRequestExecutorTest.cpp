@@ -317,6 +317,33 @@ TEST_F(DurableRequestExecutorTest, RequestsNoRestorerKnowsAreKeptNotSent) {
   EXPECT_TRUE(logged("1 stored requests could not be restored"));
 }
 
+TEST_F(DurableRequestExecutorTest, ARequestWhosePayloadCannotBeEncodedIsKeptInMemoryAndSent) {
+  struct Case {
+    const char* name;
+    KVNNetworkRequest::PayloadEncoder encoder;
+  };
+  const Case cases[] = {
+      {"throws", [](std::string&) { throw std::runtime_error("cannot encode"); }},
+      {"cuts", [](std::string& out) { out.clear(); }},  // must only append
+  };
+  for (const Case& c : cases) {
+    auto o = options();
+    o.startPaused = true;
+    auto executor = start(o);
+    KVNNetworkRequest r = makeRequest(c.name);
+    r.setRestorationPayload(kKind, c.encoder);
+    executor->executeRequest(r);
+    auto stored = executor->syncStore(5s);
+    ASSERT_TRUE(stored) << c.name;
+    EXPECT_EQ(stored->storedRequests, 0u) << c.name;
+    EXPECT_FALSE(executor->stats().durable) << c.name;
+    executor->setPaused(false);
+    ASSERT_TRUE(executor->flush(5s)) << c.name;
+    EXPECT_THAT(server_.urls(), ::testing::Contains(std::string("http://fake/") + c.name))
+        << c.name;
+  }
+}
+
 TEST_F(DurableRequestExecutorTest, ShutdownAbandonsATransferInProgressAndKeepsTheRequest) {
   server_.holdUntilCancelled(true);
   {

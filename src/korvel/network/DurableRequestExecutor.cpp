@@ -10,6 +10,7 @@
 #include <fstream>
 #include <random>
 #include <sstream>
+#include <stdexcept>
 
 #include <korvel/platform/Env.h>
 #include <korvel/platform/internal/Threads.h>
@@ -45,6 +46,7 @@ constexpr size_t kHandoffBatch = 1024;
 
 // A reporting thread keeps a frame buffer of up to this many bytes.
 constexpr size_t kKeptFrameCapacity = 64u << 10;
+
 // Repeated log lines are summed up this often.
 constexpr auto kRepeatedLogInterval = std::chrono::seconds(1);
 // The file in the store's directory that keeps hosts' Retry-After times.
@@ -195,8 +197,12 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
     try {
       beginFrame(frame, id, created, request.priority(), request.configurationPolicy(),
                  request.backgroundSessionRetryCount(), request.restorationKind());
+      const size_t payloadAt = frame.size();
       request.restorationPayloadEncoder()(frame);
-      const size_t payloadBytes = framePayloadBytes(frame, 0);
+      // An encoder only appends; one that cut the frame is taken for one
+      // that failed.
+      if (frame.size() < payloadAt) throw std::length_error("payload encoder cut its buffer");
+      const size_t payloadBytes = frame.size() - payloadAt;
       if (payloadBytes > options_.maxRequestBytes) {
         oversize = true;
         bytes = payloadBytes;

@@ -138,11 +138,6 @@ size_t beginFrame(std::string& out, uint64_t id, int64_t createdMillis, int32_t 
   return start;
 }
 
-size_t framePayloadBytes(const std::string& out, size_t start) {
-  const size_t kindAt = start + kFrameHeaderBytes + kFrameFixedBodyBytes;
-  return out.size() - kindAt - get<uint16_t>(out.data() + kindAt - 2);
-}
-
 void finishFrame(std::string& out, size_t start) {
   const size_t bodyLength = out.size() - start - kFrameHeaderBytes;
   const auto length = static_cast<uint32_t>(bodyLength);

@@ -80,8 +80,6 @@ inline constexpr size_t kMaxFrameBodyBytes = 16u << 20;
 // may be appended to out in between.
 size_t beginFrame(std::string& out, uint64_t id, int64_t createdMillis, int32_t priority,
                   int32_t configurationPolicy, int32_t retryCount, std::string_view kind);
-// The payload's length in the frame begun at start.
-size_t framePayloadBytes(const std::string& out, size_t start);
 void finishFrame(std::string& out, size_t start);
 
 // Appends the frame of a request to out (out is not cleared).
