@@ -293,29 +293,29 @@ char* writeItemHead(char* at, unsigned major, std::uint64_t value) {
   return at + makeHead(at, major, value);
 }
 
+// Copies size bytes, sizeof(Word) <= size <= 2 * sizeof(Word), as two
+// possibly overlapping words: the first and the last.
+template <class Word>
+void copyAsTwoWords(char* at, const char* bytes, size_t size) {
+  Word first;
+  Word last;
+  std::memcpy(&first, bytes, sizeof(Word));
+  std::memcpy(&last, bytes + size - sizeof(Word), sizeof(Word));
+  std::memcpy(at, &first, sizeof(Word));
+  std::memcpy(at + size - sizeof(Word), &last, sizeof(Word));
+}
+
 // Keys and most values are a few bytes long: copied inline, without a call.
 char* writeBytes(char* at, const char* bytes, size_t size) {
-  if (size <= 16) {
-    if (size >= 8) {
-      std::uint64_t first;
-      std::uint64_t last;
-      std::memcpy(&first, bytes, 8);
-      std::memcpy(&last, bytes + size - 8, 8);
-      std::memcpy(at, &first, 8);
-      std::memcpy(at + size - 8, &last, 8);
-    } else if (size >= 4) {
-      std::uint32_t first;
-      std::uint32_t last;
-      std::memcpy(&first, bytes, 4);
-      std::memcpy(&last, bytes + size - 4, 4);
-      std::memcpy(at, &first, 4);
-      std::memcpy(at + size - 4, &last, 4);
-    } else {
-      for (size_t i = 0; i < size; ++i) at[i] = bytes[i];
-    }
-    return at + size;
+  if (size > 16) {
+    std::memcpy(at, bytes, size);
+  } else if (size >= 8) {
+    copyAsTwoWords<std::uint64_t>(at, bytes, size);
+  } else if (size >= 4) {
+    copyAsTwoWords<std::uint32_t>(at, bytes, size);
+  } else {
+    for (size_t i = 0; i < size; ++i) at[i] = bytes[i];
   }
-  std::memcpy(at, bytes, size);
   return at + size;
 }
 
