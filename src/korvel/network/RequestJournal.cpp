@@ -260,29 +260,18 @@ bool writeAll(int fd, std::string_view data) {
 // a segment a reporting thread has to make itself.
 bool reserveWithZeros(int fd, uint64_t from, uint64_t to, bool pageSized) {
   static const char kZeros[64 << 10] = {};
-  if (pageSized) {
-    const uint64_t page = pageBytes();
-    while (from < to) {
-      const auto size = static_cast<size_t>(
-          std::min({page - from % page, to - from, uint64_t{sizeof kZeros}}));
-      const ssize_t n = ::pwrite(fd, kZeros, size, static_cast<off_t>(from));
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return false;
-      from += static_cast<uint64_t>(n);
-    }
-    return true;
-  }
   constexpr int kVectors = 16;
+  // One write covers at most this much; page sized, it ends at the next
+  // page boundary.
+  const uint64_t most = pageSized ? pageBytes() : kVectors * sizeof kZeros;
   iovec vectors[kVectors];
-  for (iovec& v : vectors) v = {const_cast<char*>(kZeros), sizeof kZeros};
   while (from < to) {
-    const uint64_t left = to - from;
+    uint64_t left = std::min(to - from, pageSized ? most - from % most : most);
     int count = 0;
-    uint64_t asked = 0;
-    while (count < kVectors && asked < left) {
-      vectors[count].iov_len = static_cast<size_t>(std::min<uint64_t>(sizeof kZeros, left - asked));
-      asked += vectors[count].iov_len;
-      ++count;
+    for (; left > 0 && count < kVectors; ++count) {
+      const auto size = static_cast<size_t>(std::min<uint64_t>(sizeof kZeros, left));
+      vectors[count] = {const_cast<char*>(kZeros), size};
+      left -= size;
     }
     const ssize_t n = ::pwritev(fd, vectors, count, static_cast<off_t>(from));
     if (n < 0 && errno == EINTR) continue;
