@@ -657,42 +657,35 @@ bool KeyedUnarchiver::containsValueForKey(std::string_view key) const {
 
 std::optional<KVRParameters> KeyedUnarchiver::decodeDictionary(std::string_view key) const {
   const KVRValue* value = impl_ ? impl_->find(key) : nullptr;
-  if (value == nullptr || value->kind() != KVRValue::Kind::Dictionary) return std::nullopt;
-  return *value->asDictionary();
+  const KVRParameters* dictionary = value ? value->asDictionary() : nullptr;
+  if (dictionary == nullptr) return std::nullopt;
+  return *dictionary;
 }
 
 std::optional<std::string> KeyedUnarchiver::decodeString(std::string_view key) const {
   const KVRValue* value = impl_ ? impl_->find(key) : nullptr;
-  if (value == nullptr || value->kind() != KVRValue::Kind::String) return std::nullopt;
-  return *value->asString();
+  const std::string* text = value ? value->asString() : nullptr;
+  if (text == nullptr) return std::nullopt;
+  return *text;
 }
 
 std::optional<double> KeyedUnarchiver::decodeDouble(std::string_view key) const {
   const KVRValue* value = impl_ ? impl_->find(key) : nullptr;
-  if (value == nullptr) return std::nullopt;
-  switch (value->kind()) {
-    case KVRValue::Kind::Int:
-    case KVRValue::Kind::UInt:
-    case KVRValue::Kind::Double:
-      return value->asDouble();
-    default:
-      return std::nullopt;
-  }
+  // Any number but a boolean, which asDouble would also give.
+  if (value == nullptr || value->kind() == KVRValue::Kind::Bool) return std::nullopt;
+  return value->asDouble();
 }
 
 std::optional<int64_t> KeyedUnarchiver::decodeInt(std::string_view key) const {
   const KVRValue* value = impl_ ? impl_->find(key) : nullptr;
-  if (value == nullptr ||
-      (value->kind() != KVRValue::Kind::Int && value->kind() != KVRValue::Kind::UInt)) {
-    return std::nullopt;
-  }
-  return value->asInt();
+  // Integers only: asInt gives nothing for doubles, and an unsigned value
+  // past the signed range is no int64_t either.
+  return value ? value->asInt() : std::nullopt;
 }
 
 std::optional<bool> KeyedUnarchiver::decodeBool(std::string_view key) const {
   const KVRValue* value = impl_ ? impl_->find(key) : nullptr;
-  if (value == nullptr || value->kind() != KVRValue::Kind::Bool) return std::nullopt;
-  return value->asBool();
+  return value ? value->asBool() : std::nullopt;
 }
 
 }  // namespace korvel::platform
