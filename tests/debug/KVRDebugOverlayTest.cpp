@@ -246,6 +246,26 @@ TEST_F(OverlayTest, PassiveModeLetsTheApplicationBeUsedUnderADimmedPanel) {
   EXPECT_EQ(overlay.view()->touchableViews().size(), 2u) << "the page view once, not twice";
 }
 
+// Showing the overlay again shows the panel but leaves the mode the user
+// chose: a passive overlay hidden and shown is still passive, and its button
+// still offers to go active.
+TEST_F(OverlayTest, ShowingAgainKeepsPassiveModeAndItsButtonTitle) {
+  startCenter();
+  auto window = build();
+  auto& overlay = *window->debugOverlayViewController();
+  window->presentDebugMenu();
+  overlay.passiveButton().userTap();
+  window->hideDebugMenu();
+  window->presentDebugMenu();
+  EXPECT_TRUE(overlay.passiveMode());
+  EXPECT_EQ(overlay.passiveButton().title(), "Active");
+
+  overlay.passiveButton().userTap();  // the button still goes active from there
+  EXPECT_FALSE(overlay.passiveMode());
+  EXPECT_EQ(overlay.passiveButton().title(), "Passive");
+  EXPECT_EQ(overlay.view()->touchableViews().size(), 2u);
+}
+
 TEST_F(OverlayTest, PresentAndHideEachActOnlyOnceInARow) {
   startCenter();
   auto window = build();

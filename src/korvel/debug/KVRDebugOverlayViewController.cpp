@@ -138,9 +138,8 @@ bool KVRDebugOverlayViewController::showPreviousPage() {
 void KVRDebugOverlayViewController::showDebugView() {
   const auto center = KVRDebugMessageCenter::defaultCenter();
   const bool showingTagResult = center && center->isShowingTagResult();
-  // Shown fresh: whatever mode a former showing ended in, start active.
-  passiveMode_ = false;
-  passiveButton_.setTitle(kPassiveButtonTitle);
+  // The passive mode and the button's title stay as the user left them: a
+  // passive overlay hidden and shown again is still passive.
   shown_ = true;
   if (!pages_.empty()) setCurrentPage(showingTagResult ? pages_.size() - 1 : 0, false);
 

@@ -111,7 +111,8 @@ class KORVEL_EXPORT KVRDebugOverlayViewController : public platform::ViewControl
   // Picks the page (the tag information when the debug message center shows
   // a tag result, else the beacon log), shows the background and the
   // active panel, makes the page view and the passive button touchable and
-  // tells the pages that the overlay is visible.
+  // tells the pages that the overlay is visible. The passive mode and the
+  // passive button's title are left as they were.
   void showDebugView();
   // Hides it all again: nothing of the overlay takes touches.
   void hideDebugView();
