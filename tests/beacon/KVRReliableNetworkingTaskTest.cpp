@@ -184,6 +184,18 @@ TEST_F(KVRReliableNetworkingTaskTest, InidChangedAfterCreationMarksTheRecordExpi
   EXPECT_TRUE(lost.contains("expiredinid"));
 }
 
+// The record's configuration is the shared one, read live: what the host
+// sets there is what the record sees, and what the record's inid rules use.
+TEST_F(KVRReliableNetworkingTaskTest, ConfigurationIsTheSharedInstance) {
+  setInid("A");
+  const auto task = makeRecord({});
+  KVNConfiguration& configuration = task->configuration();
+  EXPECT_EQ(&configuration, &KVNConfiguration::sharedInstance());
+  configuration.setInid("B");
+  EXPECT_EQ(KVNConfiguration::sharedInstance().snapshot()->inid, "B");
+  EXPECT_TRUE(task->hasINIDExpired());
+}
+
 TEST_F(KVRReliableNetworkingTaskTest, CreationTimestampIsPrintedAsWholeSeconds) {
   struct Case {
     double t;

@@ -106,6 +106,10 @@ void KVRReliableNetworkingTask::postCreationNotification() const {
   center.post(KVRReliableNetworkingTaskCreatedNotification, dictionaryRepresentation());
 }
 
+KVNConfiguration& KVRReliableNetworkingTask::configuration() const {
+  return KVNConfiguration::sharedInstance();
+}
+
 std::string KVRReliableNetworkingTask::inidToBeacon() {
   return KVNConfiguration::sharedInstance().inid().value_or(KVNConfigurationUnconfiguredInid);
 }

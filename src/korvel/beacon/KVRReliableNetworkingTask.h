@@ -18,6 +18,7 @@
 
 namespace korvel {
 
+class KVNConfiguration;
 class KVRUserSession;
 
 namespace platform {
@@ -124,6 +125,9 @@ class KORVEL_EXPORT KVRReliableNetworkingTask {
   bool hasINIDExpired() const;
   // The configuration's inid, or the unconfigured marker.
   static std::string inidToBeacon();
+  // The process-wide configuration the record reads its inid and app
+  // version from (KVNConfiguration::sharedInstance()).
+  KVNConfiguration& configuration() const;
 
   // {"type": event, "parameters": parameters + clientcreationtimestamp,
   //  clientbeaconuuid, the configuration's inid and expiredinid when expired}.
