@@ -25,9 +25,12 @@ TEST(KVRReportingUtilitiesTest, BeaconTimeStringsAreWholeMilliseconds) {
     const char* text;
   };
   const std::vector<Case> cases = {
-      // 1.2345 * 1000 is 1234.4999999999998 in binary floating point, so
-      // rounding to the nearest whole millisecond gives 1234.
+      // 1.2345 * 1000 rounds to exactly 1234.5 in binary64, and "%.0f"
+      // rounds that tie to the even neighbour: 1234. The next tie, 1235.5,
+      // goes up to 1236; 2000.5000000000002 is no tie and goes up.
       {1.2345, "1234"},
+      {1.2355, "1236"},
+      {2.0005, "2001"},
       {0, "0"},
       {2.5, "2500"},
       {0.0016, "2"},
