@@ -11,6 +11,7 @@
 #include <utility>
 #include <vector>
 
+#include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/pageviews/PageViewBeaconReporter.h>
@@ -171,6 +172,31 @@ TEST_F(BeaconReporterTest, PageViewsGoOutWithTheirNameAndSecondsVisible) {
     std::sort(parameters.begin(), parameters.end());
     EXPECT_EQ(parameters, row.wire);
   }
+}
+
+// While reporting is off (the user opted out, the library was shut down)
+// the dispatcher makes no beacon. That is the host's ordinary state, not a
+// programming error: report answers no uuid, and a page view going out
+// through the manager neither stops the program nor sends anything.
+TEST_F(BeaconReporterTest, WhileReportingIsOffThereIsNoUUIDAndTheProgramGoesOn) {
+  auto pages = std::make_shared<PageViewManager>(std::make_shared<PageViewBeaconReporter>(), true);
+  KVRBeacon::setReportingAllowed(false);
+  const std::vector<KVRBeaconType> types = {KVRBeaconTypePageView, KVRBeaconTypeUserEvent,
+                                            KVRBeaconTypeStartup, KVRBeaconTypePerformance};
+  for (const auto type : types) {
+    EXPECT_EQ(BeaconReporter::report(type, {ReportingParameter::trackID("t")}, {{"k", "v"}}), "")
+        << type;
+  }
+  const auto page = PageID::make();
+  pages->trackPageAppeared(page, PageName("home"), {});
+  env_.advanceMonotonic(230'000'000);
+  pages->trackPageClosed(page);
+  KVRBeacon::setReportingAllowed(true);
+  EXPECT_TRUE(submitted().empty());
+
+  // Allowed again: the same calls send and answer the beacon's uuid.
+  const auto uuid = BeaconReporter::report(KVRBeaconTypePageView, {}, {});
+  EXPECT_EQ(onlySent().value(std::string(KVRBeaconUUIDKey)), uuid);
 }
 
 using BeaconReporterDeathTest = BeaconReporterTest;

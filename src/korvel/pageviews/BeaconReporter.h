@@ -19,7 +19,10 @@ class KORVEL_EXPORT BeaconReporter {
 
   // Sends one beacon of the caller's type and returns its uuid; the beacon is
   // made (and its uuid returned) also when the configured endpoint is empty
-  // and nothing is submitted.
+  // and nothing is submitted. While reporting is off (the user opted out, or
+  // after Reporting::shutdown) no beacon is made and the answer is empty, and
+  // so it is when the beacon could not be built or queued (logged). Never
+  // throws.
   //
   // Values go into the dictionary as their native kind: bool as a boolean
   // (on the wire "1"/"0"), double as a double, int as a signed integer,
@@ -30,10 +33,10 @@ class KORVEL_EXPORT BeaconReporter {
   // parameters with the same key (different values are distinct set
   // elements) the one met later in the set's unspecified order wins.
   //
-  // A type outside the dispatcher's range yields no beacon, which is a
-  // programming error: the program stops.
+  // A type outside the dispatcher's range (1...20) yields no beacon in any
+  // state, which is a programming error: the program stops.
   static std::string report(KVRBeaconType type, const ReportingParameters& parameters,
-                            const KVRParameters& serverProvidedParameters);
+                            const KVRParameters& serverProvidedParameters) noexcept;
 
   // The dictionary value of a typed value, as report() stores it.
   static KVRValue dictionaryValue(const ReportingValue& value);
