@@ -1,12 +1,19 @@
 // The inspector's HTTP side against a collector with a store: beacons sent
 // as the library sends them, read back through the JSON API, the live
 // stream and the expect command.
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <httplib.h>
 
 #include <gtest/gtest.h>
 
 #include <nlohmann/json.hpp>
+#include <cstdlib>
 #include <string>
+#include <vector>
 
 #include "collector/BeaconCollector.h"
 #include "collector/BeaconStore.h"
@@ -26,6 +33,53 @@ std::string beaconTarget(const std::string& event, const std::string& uuid,
                               .count();
   return "/b/INID/14.2/Model/" + event + "?clientcreationtimestamp=" + std::to_string(now) +
          "&clientbeaconuuid=" + uuid + "&sessionid=" + session + (rest.empty() ? "" : "&" + rest);
+}
+
+// Sends requests one at a time on one connection to 127.0.0.1:port, as curl
+// writes them (httplib's client always sends a length), and reads each
+// answer: its head, then the body its Content-Length announces, or what
+// comes until the server closes. The answers, one after the other.
+std::string exchange(int port, const std::vector<std::string>& requests) {
+  const int fd = ::socket(AF_INET, SOCK_STREAM, 0);
+  if (fd < 0) return "socket failed";
+  sockaddr_in address{};
+  address.sin_family = AF_INET;
+  address.sin_port = htons(static_cast<uint16_t>(port));
+  address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+  std::string answers;
+  if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof address) == 0) {
+    for (const auto& request : requests) {
+      if (::send(fd, request.data(), request.size(), 0) != static_cast<ssize_t>(request.size())) {
+        break;
+      }
+      std::string answer;
+      size_t complete = std::string::npos;
+      char buffer[4096];
+      while (answer.size() < complete) {
+        const ssize_t n = ::recv(fd, buffer, sizeof buffer, 0);
+        if (n <= 0) break;
+        answer.append(buffer, static_cast<size_t>(n));
+        const size_t head = answer.find("\r\n\r\n");
+        const size_t length = answer.find("Content-Length: ");
+        if (head != std::string::npos && length != std::string::npos && length < head) {
+          complete = head + 4 + std::strtoul(answer.c_str() + length + 16, nullptr, 10);
+        }
+      }
+      answers += answer;
+    }
+  }
+  ::close(fd);
+  return answers;
+}
+
+// The status codes of the answers in a raw exchange, in order.
+std::vector<int> statuses(const std::string& answers) {
+  std::vector<int> out;
+  for (size_t at = answers.find("HTTP/1.1 "); at != std::string::npos;
+       at = answers.find("HTTP/1.1 ", at + 1)) {
+    out.push_back(std::atoi(answers.c_str() + at + 9));
+  }
+  return out;
 }
 
 class InspectorApiTest : public testing::Test {
@@ -86,6 +140,10 @@ TEST_F(InspectorApiTest, ListsFiltersAndViews) {
       {"/api/good", {"userevent", "pageview"}},
       {"/api/bad", {"bogus"}},
       {"/api/good?session=S1&limit=1", {"userevent"}},
+      // inid and app version as the endpoint template places them in the path
+      {"/api/beacons?inid=INID&appversion=14.2", {"bogus", "userevent", "pageview"}},
+      {"/api/beacons?inid=OTHER", {}},
+      {"/api/beacons?appversion=14.3", {}},
   };
   for (const auto& [path, expected] : cases) {
     EXPECT_EQ(events(get(path)), expected) << path;
@@ -122,6 +180,72 @@ TEST_F(InspectorApiTest, OneBeaconCountsSessionsAndReset) {
   ASSERT_TRUE(reset);
   EXPECT_EQ(json::parse(reset->body)["removed"], 4);
   EXPECT_EQ(get("/api/count")["count"], 0);
+}
+
+// curl -s -X POST .../api/reset sends no body and no length; the answer comes
+// at once, not after the server gave up reading a body. A request that does
+// carry a body has it read, so the next one on the connection is understood.
+TEST_F(InspectorApiTest, ResetAnswersWithOrWithoutABody) {
+  struct Case {
+    const char* name;
+    std::vector<std::string> requests;
+    std::vector<int> statuses;
+    int64_t countAfter;
+  };
+  const std::string close = "Host: x\r\nConnection: close\r\n\r\n";
+  const std::vector<Case> cases = {
+      {"POST without a body", {"POST /api/reset HTTP/1.1\r\n" + close}, {200}, 0},
+      {"DELETE without a body", {"DELETE /api/beacons HTTP/1.1\r\n" + close}, {200}, 0},
+      {"POST without a body, then a count on the same connection",
+       {"POST /api/reset HTTP/1.1\r\nHost: x\r\n\r\n", "GET /api/count HTTP/1.1\r\n" + close},
+       {200, 200}, 0},
+      {"POST with a body, then a count on the same connection",
+       {"POST /api/reset HTTP/1.1\r\nHost: x\r\nContent-Length: 3\r\n\r\nabc",
+        "GET /api/count HTTP/1.1\r\n" + close},
+       {200, 200}, 0},
+      {"POST with a chunked body, then a count",
+       {"POST /api/reset HTTP/1.1\r\nHost: x\r\nTransfer-Encoding: chunked\r\n\r\n"
+        "3\r\nabc\r\n0\r\n\r\n",
+        "GET /api/count HTTP/1.1\r\n" + close},
+       {200, 200}, 0},
+  };
+  for (const auto& c : cases) {
+    sendThree();
+    const std::string answers = exchange(collector_->port(), c.requests);
+    EXPECT_EQ(statuses(answers), c.statuses) << c.name << ":\n" << answers;
+    EXPECT_NE(answers.find("{\"removed\":3}"), std::string::npos) << c.name << ":\n" << answers;
+    EXPECT_EQ(get("/api/count")["count"], c.countAfter) << c.name;
+  }
+}
+
+// Only the collector's beacon paths are beacons: a mistyped inspector
+// address is a 404 that says so, and is not stored as a bad beacon (which
+// would fail a CI's "expect --none good=false").
+TEST_F(InspectorApiTest, AMistypedApiAddressIsA404NotABeacon) {
+  struct Case {
+    std::string request;
+    std::string error;
+  };
+  const std::string close = " HTTP/1.1\r\nHost: x\r\nConnection: close\r\n\r\n";
+  const std::vector<Case> cases = {
+      {"GET /api/beacon?event=pageview" + close, "no such API: GET /api/beacon"},
+      {"GET /api/" + close, "no such API: GET /api/"},
+      {"GET /api" + close, "no such API: GET /api"},
+      {"GET /api/sessions/S1/more" + close, "no such API: GET /api/sessions/S1/more"},
+      {"POST /api/rest" + close, "no such API: POST /api/rest"},
+      {"DELETE /api/beacon" + close, "no such API: DELETE /api/beacon"},
+  };
+  for (const auto& c : cases) {
+    const std::string answer = exchange(collector_->port(), {c.request});
+    EXPECT_EQ(statuses(answer), std::vector<int>{404}) << c.request << answer;
+    EXPECT_NE(answer.find("{\"error\":\"" + c.error + "\"}"), std::string::npos)
+        << c.request << answer;
+  }
+  EXPECT_EQ(collector_->beaconCount(), 0u);
+  EXPECT_EQ(get("/api/count")["count"], 0);
+  // The beacon paths still are beacons.
+  send(beaconTarget("pageview", "U1", "S1", "screenname=home"));
+  EXPECT_EQ(get("/api/count?good=true")["count"], 1);
 }
 
 TEST_F(InspectorApiTest, ABadFilterIsAnError) {
@@ -190,6 +314,11 @@ TEST_F(InspectorApiTest, ExpectWaitsForMatchingBeacons) {
       {{{"good", "false"}}, 0, true, O::NotMet, 1},
       {{{"event", "impression"}}, 0, true, O::Met, 0},
       {{{"good", "perhaps"}}, 1, false, O::Error, 0},
+      // the fields taken from the path, as a CI names them
+      {{{"inid", "INID"}, {"appversion", "14.2"}}, 3, false, O::Met, 3},
+      {{{"inid", "INID"}, {"event", "pageview"}}, 1, false, O::Met, 1},
+      {{{"inid", "OTHER-INID"}}, 1, false, O::NotMet, 0},
+      {{{"appversion", "14.3"}}, 0, true, O::Met, 0},
   };
   for (const auto& c : cases) {
     expectation.filter = c.filter;
@@ -211,7 +340,10 @@ TEST_F(InspectorApiTest, ExpectWaitsForMatchingBeacons) {
   collector_->stop();
   const auto unreachable = expectBeacons(expectation);
   EXPECT_EQ(unreachable.outcome, O::Error);
-  EXPECT_NE(unreachable.message.find("cannot reach the collector"), std::string::npos);
+  EXPECT_EQ(unreachable.message,
+            "cannot reach the collector at " + expectation.baseURL +
+                ": no connection could be made (is korvel-collector running and listening "
+                "there?)");
 }
 
 }  // namespace

@@ -203,6 +203,10 @@ std::optional<BeaconFilter> BeaconFilter::fromQuery(
       filter.session = value;
     } else if (key == "uuid" || key == "clientbeaconuuid") {
       filter.uuid = value;
+    } else if (key == "inid") {
+      filter.inid = value;
+    } else if (key == "appversion") {
+      filter.appVersion = value;
     } else if (key == "verdict") {
       if (value != "good" && value != "retry" && value != "bad") return fail(key, value);
       filter.verdict = value;
@@ -505,6 +509,8 @@ std::pair<std::string, std::vector<std::string>> whereClause(const BeaconFilter&
   equal("type", filter.type);
   equal("sessionid", filter.session);
   equal("uuid", filter.uuid);
+  equal("inid", filter.inid);
+  equal("appversion", filter.appVersion);
   equal("verdict", filter.verdict);
   if (filter.good) terms.push_back(*filter.good ? "verdict != 'bad'" : "verdict = 'bad'");
   for (const auto& [key, value] : filter.params) {

@@ -51,6 +51,9 @@ struct BeaconFilter {
   std::optional<std::string> type;  // the "type" parameter
   std::optional<std::string> session;
   std::optional<std::string> uuid;
+  // As read from the beacon's path (see Options::endpointTemplate).
+  std::optional<std::string> inid;
+  std::optional<std::string> appVersion;
   std::optional<std::string> verdict;  // "good", "retry" or "bad"
   std::optional<bool> good;            // good and retry, or bad only
   // key=value pairs every selected beacon holds (a key alone: holds the key).
@@ -64,7 +67,7 @@ struct BeaconFilter {
   static constexpr int kMaxLimit = 1000;
 
   // From URL query items: event, type, session (or sessionid), uuid,
-  // verdict, good (true/false), param (key=value or key; repeatable, and
+  // inid and appversion (the path's), verdict, good (true/false), param (key=value or key; repeatable, and
   // any other item is taken as one), since, until (ms), before, after,
   // limit. nullopt with the reason in *error for a value that does not
   // parse.

@@ -18,6 +18,25 @@ std::string describe(const std::multimap<std::string, std::string>& filter) {
   return text;
 }
 
+// What went wrong, in words: httplib's own names ("Connection", "Read") read
+// like a message cut short.
+std::string describe(httplib::Error error) {
+  switch (error) {
+    case httplib::Error::Connection:
+      return "no connection could be made (is korvel-collector running and listening there?)";
+    case httplib::Error::ConnectionTimeout:
+      return "the connection timed out";
+    case httplib::Error::Read:
+      return "the connection broke while reading the answer";
+    case httplib::Error::Write:
+      return "the connection broke while sending the question";
+    case httplib::Error::BindIPAddress:
+      return "the local address cannot be bound";
+    default:
+      return "the request failed (" + httplib::to_string(error) + ")";
+  }
+}
+
 }  // namespace
 
 ExpectationResult expectBeacons(const Expectation& expectation) {
@@ -39,7 +58,7 @@ ExpectationResult expectBeacons(const Expectation& expectation) {
     const auto answer = client.Get(path);
     if (!answer) {
       result.message = "cannot reach the collector at " + expectation.baseURL + ": " +
-                       httplib::to_string(answer.error());
+                       describe(answer.error());
       return result;
     }
     const auto body = nlohmann::json::parse(answer->body, nullptr, false);

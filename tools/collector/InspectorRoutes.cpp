@@ -30,6 +30,26 @@ std::optional<BeaconFilter> filterOf(const httplib::Request& req, httplib::Respo
   return filter;
 }
 
+// Wraps a handler of a request whose body means nothing to it. httplib reads
+// the body of a POST or DELETE before it routes, and one that announces no
+// length (curl -X POST sends none, and an HTTP/1.1 request without a length
+// has no body) until the client closes, or its read timeout. A handler given
+// the reader instead reads only a body the request announces, so that the
+// next request on the connection starts where it should.
+httplib::Server::HandlerWithContentReader ignoringBody(httplib::Server::Handler handler) {
+  return [handler = std::move(handler)](const httplib::Request& req, httplib::Response& res,
+                                        const httplib::ContentReader& content) {
+    if (req.has_header("Content-Length") || req.has_header("Transfer-Encoding")) {
+      content([](const char*, size_t) { return true; });
+    }
+    handler(req, res);
+  };
+}
+
+void noSuchRoute(const httplib::Request& req, httplib::Response& res) {
+  sendJson(res, {{"error", "no such API: " + req.method + " " + req.path}}, 404);
+}
+
 }  // namespace
 
 void installInspectorRoutes(httplib::Server& http, std::shared_ptr<BeaconStore> store,
@@ -92,8 +112,8 @@ void installInspectorRoutes(httplib::Server& http, std::shared_ptr<BeaconStore> 
   auto reset = [store](const httplib::Request&, httplib::Response& res) {
     sendJson(res, {{"removed", store->reset()}});
   };
-  http.Post("/api/reset", reset);
-  http.Delete("/api/beacons", reset);
+  http.Post("/api/reset", ignoringBody(reset));
+  http.Delete("/api/beacons", ignoringBody(reset));
 
   http.Get("/api/stream", [store, stopping](const httplib::Request& req, httplib::Response& res) {
     // Starts after what the page already has ("after"), or now.
@@ -132,6 +152,14 @@ void installInspectorRoutes(httplib::Server& http, std::shared_ptr<BeaconStore> 
           return sink.write(message.data(), message.size());
         });
   });
+
+  // Registered last: whatever else is under /api/ is a mistyped address,
+  // not a beacon (the collector takes any other GET for one).
+  const char* const elsewhere = R"(/api(/.*)?)";
+  http.Get(elsewhere, noSuchRoute);
+  http.Post(elsewhere, ignoringBody(noSuchRoute));
+  http.Put(elsewhere, ignoringBody(noSuchRoute));
+  http.Delete(elsewhere, ignoringBody(noSuchRoute));
 }
 
 }  // namespace korvel::tools

@@ -13,7 +13,10 @@
 //   GET    /api/events            the events the library makes
 //   POST   /api/reset             forgets everything (DELETE /api/beacons too)
 //   GET    /api/stream            server-sent events: {"last":id,"beacons":[...]}
+//   any    /api/<anything else>   404 {"error":...}: a mistyped address is
+//                                 not taken for a beacon
 //
+// POST and DELETE answer at once whether or not the request carries a body.
 // The filter items are those of BeaconFilter::fromQuery.
 #pragma once
 
