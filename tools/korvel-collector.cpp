@@ -50,18 +50,72 @@
 
 namespace {
 
-void usage() {
-  std::fprintf(stderr,
-               "usage: korvel-collector [--port N] [--out FILE] [--quiet] [--db FILE]\n"
-               "                        [--endpoint-template T] [--allow-event NAME]... "
-               "[--fail-first N]\n"
-               "                        [--fail-status S] "
-               "[--retry-after VALUE] [--delay-ms N] [--drop-first N] "
-               "[--exit-after N]\n"
-               "                        [--configuration FILE]\n"
-               "       korvel-collector expect [--url URL] [--count N | --none] [--timeout S] "
-               "[KEY=VALUE ...]\n");
-}
+constexpr const char* kUsage =
+    "usage: korvel-collector [--port N] [--out FILE] [--quiet] [--db FILE]\n"
+    "                        [--endpoint-template T] [--allow-event NAME]... [--fail-first N]\n"
+    "                        [--fail-status S] [--retry-after VALUE] [--delay-ms N]\n"
+    "                        [--drop-first N] [--exit-after N] [--configuration FILE]\n"
+    "       korvel-collector expect [--url URL] [--count N | --none] [--timeout S]\n"
+    "                        [KEY=VALUE ...]\n"
+    "       korvel-collector --help\n";
+
+constexpr const char* kHelp =
+    "\n"
+    "A beacon collector on 127.0.0.1 for developing and testing a host of the\n"
+    "Korvel reporting library. Prints one JSON line per beacon received\n"
+    "({\"event\":...,\"path\":...,\"params\":[[k,v],...]}) and keeps every request,\n"
+    "checked, for the inspector page and its JSON API at the printed address.\n"
+    "Runs until interrupted (SIGINT, SIGTERM) or --exit-after beacons arrived.\n"
+    "\n"
+    "Options:\n"
+    "  --port N               listen on port N; 0 (the default) picks a free one.\n"
+    "                         The address in use is printed on standard error as\n"
+    "                         \"korvel-collector: listening on http://127.0.0.1:PORT\"\n"
+    "  --out FILE             append the JSON lines to FILE instead of standard output\n"
+    "  --quiet                print no JSON lines\n"
+    "  --db FILE              keep the checked beacons in the SQLite file FILE\n"
+    "                         (created 0600) instead of in memory\n"
+    "  --endpoint-template T  where the inid and app version sit in the beacon path\n"
+    "                         (default /b/{inid}/{appversion}/{devicemodel})\n"
+    "  --allow-event NAME     accept the event NAME that a host's web page sends\n"
+    "                         (repeatable); any other unknown event is a bad beacon\n"
+    "  --drop-first N         cut the first N requests off without an answer\n"
+    "  --fail-first N         answer the next N requests with --fail-status\n"
+    "  --fail-status S        the status of those failures (default 500)\n"
+    "  --retry-after VALUE    send a Retry-After header with each failure\n"
+    "  --delay-ms N           wait N ms before answering every request\n"
+    "  --exit-after N         exit once N beacons were accepted\n"
+    "  --configuration FILE   answer GET /configuration/v1/configure with the JSON\n"
+    "                         document in FILE (a \"buckets\" query item is echoed\n"
+    "                         into its beacon parameters)\n"
+    "  -h, --help             print this help\n"
+    "\n"
+    "The inspector: open the printed address in a browser. Its JSON API:\n"
+    "  GET  /api/beacons, /api/good, /api/bad   beacons, newest first (filtered)\n"
+    "  GET  /api/count                          {\"count\":n} of the filter\n"
+    "  GET  /api/beacons/UUID                   every record of one beacon\n"
+    "  GET  /api/counts, /api/sessions, /api/sessions/ID, /api/events\n"
+    "  POST /api/reset                          forget every stored beacon\n"
+    "Filter items: event, type, session, uuid, inid, appversion, verdict\n"
+    "(good, retry, bad), good (true, false), since and until (ms since 1970),\n"
+    "limit, and any other KEY=VALUE for a beacon parameter.\n"
+    "\n"
+    "korvel-collector expect: asks a running collector until at least --count\n"
+    "beacons (default 1) match the KEY=VALUE filter items, or with --none that\n"
+    "none does.\n"
+    "  --url URL              the collector (default $KORVEL_COLLECTOR_URL, else\n"
+    "                         http://127.0.0.1:8787)\n"
+    "  --count N              how many matching beacons are needed\n"
+    "  --none                 no beacon may match (checked once)\n"
+    "  --timeout S            give up after S seconds (default 10)\n"
+    "Exits 0 when met, 1 when not within the timeout, 2 on a usage or\n"
+    "connection error. For example, in a host's CI:\n"
+    "  korvel-collector --port 8787 --quiet &\n"
+    "  ./my-app-tests\n"
+    "  korvel-collector expect --count 3 event=pageview inid=MY-INID\n"
+    "  korvel-collector expect --none good=false\n";
+
+void usage() { std::fputs(kUsage, stderr); }
 
 bool parseInt(const char* text, long min, long max, long& out) {
   errno = 0;
@@ -79,6 +133,11 @@ int expect(int argc, char** argv) {
   for (int i = 0; i < argc; ++i) {
     const std::string arg = argv[i];
     long number = 0;
+    if (arg == "--help" || arg == "-h") {
+      std::fputs(kUsage, stdout);
+      std::fputs(kHelp, stdout);
+      return 0;
+    }
     if (arg == "--none") {
       expectation.none = true;
     } else if (arg == "--url" && i + 1 < argc) {
@@ -118,7 +177,8 @@ int main(int argc, char** argv) {
   for (int i = 1; i < argc; ++i) {
     const std::string flag = argv[i];
     if (flag == "--help" || flag == "-h") {
-      usage();
+      std::fputs(kUsage, stdout);
+      std::fputs(kHelp, stdout);
       return 0;
     }
     if (flag == "--quiet") {
