@@ -3,8 +3,11 @@
 
 Starts korvel-collector, opens its page, lets korvel-example deliver a host's
 beacons to it, and checks what a developer sees: rows arriving live (without
-a reload), the filter, a session's timeline with its page views, and a
-planted bad beacon flagged with its reason. Saves a screenshot.
+a reload), the filter (and the word it shows when nothing matches), page
+views named by their screen, a session's timeline with its page views (a
+short one's label on one line), each tab's details pane showing that tab's
+own beacon, and a planted bad beacon flagged with its reason. Saves a
+screenshot.
 
     inspector_browser_test.py COLLECTOR EXAMPLE SCREENSHOT
 
@@ -111,9 +114,17 @@ def main():
         bad_rows = settled(lambda: [cells(r) for r in browser.find_elements(By.CSS_SELECTOR, "tr.bad")])
         if bad_rows:
             fail("the library's own beacons should all be good: " + str(bad_rows))
+        # A page view has no type: its row names the screen in that column.
+        screens = settled(lambda: [cells(r)[3] for r in rows() if cells(r)[2] == "pageview"])
+        if not screens or "" in screens or "home" not in screens:
+            fail("page-view rows should show their screen name: " + str(screens))
 
         # A bad beacon: an event the library does not make, a broken escape.
         now = int(time.time())
+        # A page view of 0.23 s in a session of its own, for the timeline.
+        urllib.request.urlopen(
+            f"{base}/b/EXAMPLE-INID/14.2/Laptop14%2C2/pageview?clientcreationtimestamp={now}"
+            f"&clientbeaconuuid=SHORT-1&sessionid=short&screenname=splash&duration=0.23").read()
         urllib.request.urlopen(
             f"{base}/b/EXAMPLE-INID/14.2/Laptop14%2C2/pagevieww?clientcreationtimestamp={now}"
             f"&clientbeaconuuid=PLANTED-1&sessionid=planted&screenname=100%zz").read()
@@ -141,16 +152,62 @@ def main():
         box.clear()
         box.send_keys("bad")
         wait_until("the bad filter", lambda: len(rows()) == 1 and cells(rows()[0])[2] == "pagevieww")
+        # A filter that matches nothing says so instead of an empty table.
+        box.clear()
+        box.send_keys("nosuchevent")
+        message = wait_until("the no-match message", lambda: not rows() and browser.find_element(
+            By.ID, "empty").is_displayed() and browser.find_element(By.ID, "empty").text)
+        if "No beacon matches the filter" not in message or "nosuchevent" not in message:
+            fail("the no-match message does not say so: " + message)
         box.clear()
         box.send_keys(" ")
-        wait_until("the filter to clear", lambda: len(rows()) >= 9)
+        wait_until("the filter to clear", lambda: len(rows()) >= 10)
+        if browser.find_element(By.ID, "empty").is_displayed():
+            fail("the no-match message stays with rows in the table")
+
+        # The details pane belongs to the tab: the beacon chosen on Beacons is
+        # not shown on Sessions, and comes back on Beacons.
+        settled(lambda: [r for r in rows() if cells(r)[2] == "userevent"][0].click())
+        wait_until("the userevent's details", lambda: "userevent" in
+                   browser.find_element(By.ID, "detail").text)
+        browser.find_element(By.ID, "tab-sessions").click()
+        wait_until("the sessions tab to show no beacon's details", lambda: "Select a beacon" in
+                   browser.find_element(By.ID, "detail").text)
+
+        # A page view of 0.23 s: its label stays on one line.
+        settled(lambda: wait_until("the short session", lambda: [
+            li for li in browser.find_elements(By.CSS_SELECTOR, "#sessions li")
+            if li.get_attribute("data-session") == "short"])[0].click())
+        short = wait_until("the short page view", lambda: [
+            v for v in browser.find_elements(By.CSS_SELECTOR, "#timeline .view")
+            if "splash" in v.text])[0]
+        step = browser.find_element(By.CSS_SELECTOR, "#timeline .step")
+        heights = settled(lambda: (short.size["height"], step.size["height"]))
+        if "page view: splash · 0.23 s" not in short.text or heights[0] > 1.5 * heights[1]:
+            fail(f"the 0.23 s page view wraps: {heights[0]} px high against a line of "
+                 f"{heights[1]} px: {short.text!r}")
+        settled(lambda: browser.find_element(By.CSS_SELECTOR, "#timeline .step").click())
+        wait_until("the session beacon's details", lambda: "splash" in
+                   browser.find_element(By.ID, "detail").text)
+        browser.find_element(By.ID, "tab-beacons").click()
+        wait_until("the beacons tab's own choice back", lambda: "userevent" in
+                   browser.find_element(By.ID, "detail").text)
+        browser.find_element(By.ID, "tab-sessions").click()
+        wait_until("the sessions tab's own choice back", lambda: "splash" in
+                   browser.find_element(By.ID, "detail").text)
+        browser.save_screenshot(screenshot.replace(".png", "-sessions.png"))
+        browser.find_element(By.ID, "tab-beacons").click()
 
         # A session's timeline with its page views and their durations.
         browser.find_element(By.ID, "tab-sessions").click()
-        settled(lambda: wait_until("the session list", lambda: [
-            li for li in browser.find_elements(By.CSS_SELECTOR, "#sessions li")
-            if li.get_attribute("data-session") != "planted"])[0].click())
-        views = wait_until("the timeline", lambda: [
+        host_session = settled(lambda: wait_until("the session list", lambda: [
+            li.get_attribute("data-session")
+            for li in browser.find_elements(By.CSS_SELECTOR, "#sessions li")
+            if li.get_attribute("data-session") not in ("planted", "short")])[0])
+        settled(lambda: browser.find_element(
+            By.CSS_SELECTOR, f'#sessions li[data-session="{host_session}"]').click())
+        views = wait_until("the host session's timeline", lambda: browser.find_element(
+            By.CSS_SELECTOR, "#timeline h2").text == "Session " + host_session and [
             v.text for v in browser.find_elements(By.CSS_SELECTOR, "#timeline .view")])
         if not any(re.search(r"page view: home · \d+\.\d\d s", v) for v in views):
             fail("no timed page view of home in the timeline: " + str(views))

@@ -4,8 +4,9 @@
 "use strict";
 
 const $ = (selector) => document.querySelector(selector);
+// chosen: the beacon whose details each tab shows (a tab shows its own).
 const state = { filter: new URLSearchParams(), next: null, selected: null, view: "beacons",
-                known: new Set(), session: null };
+                known: new Set(), session: null, chosen: { beacons: null, sessions: null } };
 
 function text(tag, content, className) {
   const element = document.createElement(tag);
@@ -33,7 +34,7 @@ function parseFilter(input) {
     if (token === "retry") { query.set("verdict", "retry"); continue; }
     if (eq < 0) { query.set("event", token); continue; }
     const key = token.slice(0, eq), value = token.slice(eq + 1);
-    if (["event", "type", "session", "sessionid", "uuid", "since", "until"].includes(key)) query.set(key, value);
+    if (["event", "type", "session", "sessionid", "uuid", "inid", "appversion", "since", "until"].includes(key)) query.set(key, value);
     else query.append("param", key + "=" + value);
   }
   return query;
@@ -51,8 +52,11 @@ function row(beacon) {
   tr.dataset.id = beacon.id;
   tr.className = beacon.verdict;
   if (!state.known.has(beacon.id)) tr.classList.add("fresh");
+  // A page view has no type; its screen name tells the rows apart instead.
+  const screen = beacon.event === "pageview" ? param(beacon, "screenname") : null;
   tr.append(text("td", beacon.id), text("td", time(beacon.received)), text("td", beacon.event, "event"),
-            text("td", beacon.type || ""), text("td", beacon.sessionid ? beacon.sessionid.slice(0, 8) : "—"));
+            screen !== null && !beacon.type ? text("td", screen, "screen") : text("td", beacon.type || ""),
+            text("td", beacon.sessionid ? beacon.sessionid.slice(0, 8) : "—"));
   const verdict = text("td", beacon.verdict === "good" ? "good" : beacon.verdict + ": " + beacon.reasons.join("; "), "verdict");
   tr.append(verdict);
   if (state.selected === beacon.id) tr.classList.add("selected");
@@ -66,6 +70,10 @@ async function refresh() {
       api("/api/beacons?" + state.filter.toString()), api("/api/counts")]);
     const body = $("#beacons tbody");
     body.replaceChildren(...page.beacons.map(row));
+    const empty = $("#empty");
+    empty.hidden = page.beacons.length > 0;
+    empty.textContent = !state.filter.toString() ? "No beacons yet: they appear here as they arrive."
+      : `No beacon matches the filter “${$("#filter").value.trim()}”.`;
     for (const b of page.beacons) state.known.add(b.id);
     state.next = page.next;
     $("#older").hidden = page.next === null;
@@ -112,7 +120,12 @@ function paramTable(pairs) {
   return table;
 }
 
+function showHint() {
+  $("#detail").replaceChildren(text("p", "Select a beacon to see its parameters.", "hint"));
+}
+
 async function select(beacon) {
+  state.chosen[state.view] = beacon;
   state.selected = beacon.id;
   document.querySelectorAll("tr.selected").forEach((tr) => tr.classList.remove("selected"));
   const tr = document.querySelector(`tr[data-id="${beacon.id}"]`);
@@ -121,6 +134,8 @@ async function select(beacon) {
   if (beacon.sessionid) {
     try { siblings = (await api("/api/sessions/" + encodeURIComponent(beacon.sessionid))).beacons; } catch (e) { /* a lone beacon */ }
   }
+  // The user may have moved on to another tab or beacon meanwhile.
+  if (state.chosen[state.view] !== beacon) return;
   const common = commonKeys(siblings);
   const detail = $("#detail");
   detail.replaceChildren();
@@ -159,6 +174,8 @@ async function loadSessions() {
 async function timeline(sessionID) {
   state.session = sessionID;
   const data = await api("/api/sessions/" + encodeURIComponent(sessionID));
+  // Another session was chosen while this one loaded: that one is drawn.
+  if (state.session !== sessionID) return;
   const box = $("#timeline");
   box.replaceChildren(text("h2", "Session " + sessionID));
   const start = data.beacons.length ? data.beacons[0].received : 0;
@@ -172,19 +189,31 @@ async function timeline(sessionID) {
     box.append(step);
     const view = views.get(b.id);
     if (view) {
-      const bar = text("div", `page view: ${view.screen ?? "?"} · ${view.duration === null ? "?" : view.duration.toFixed(2) + " s"}`, "view");
-      bar.style.width = Math.max(60, Math.min(400, (view.duration || 0) * 100)) + "px";
-      box.append(bar);
+      // The bar's length is the duration (100 px a second, at most 400);
+      // the label beside it stays on one line however short the bar.
+      const line = text("div", null, "view");
+      const bar = text("span", null, "bar");
+      bar.style.width = Math.max(4, Math.min(400, (view.duration || 0) * 100)) + "px";
+      line.append(bar, text("span", `page view: ${view.screen ?? "?"} · ${view.duration === null ? "?" : view.duration.toFixed(2) + " s"}`, "label"));
+      box.append(line);
     }
   }
 }
 
 function show(view) {
+  const changed = state.view !== view;
   state.view = view;
   $("#beacons-view").hidden = view !== "beacons";
   $("#sessions-view").hidden = view !== "sessions";
   $("#tab-beacons").classList.toggle("active", view === "beacons");
   $("#tab-sessions").classList.toggle("active", view === "sessions");
+  if (changed) {
+    // Each tab shows the details of the beacon chosen on it, or none.
+    const chosen = state.chosen[view];
+    state.selected = chosen ? chosen.id : null;
+    document.querySelectorAll("tr.selected").forEach((tr) => tr.classList.remove("selected"));
+    if (chosen) select(chosen); else showHint();
+  }
   if (view === "sessions") loadSessions();
 }
 
@@ -206,6 +235,12 @@ $("#filter").addEventListener("input", () => { state.filter = parseFilter($("#fi
 $("#older").addEventListener("click", older);
 $("#tab-beacons").addEventListener("click", () => show("beacons"));
 $("#tab-sessions").addEventListener("click", () => show("sessions"));
-$("#reset").addEventListener("click", async () => { await fetch("/api/reset", { method: "POST" }); refresh(); });
+$("#reset").addEventListener("click", async () => {
+  await fetch("/api/reset", { method: "POST" });
+  state.chosen = { beacons: null, sessions: null };
+  state.selected = null;
+  showHint();
+  refresh();
+});
 refresh();
 connect();
