@@ -78,11 +78,21 @@ void hostCalls(const StateCase& c) {
   KVRUserEventReporter::reportShortcutUsed("search");
   KVRUserEventReporter::reportAboutIconEasterEggSuccess(true);
   KVRPlayerReporter::reportNavigationToArtistPage();
+  KVRTaggingReporter::reportTaggingSessionStarted("TAG-SESSION", 4, std::nullopt, false);
+  KVRTaggingReporter::reportTaggingSessionEnded("TAG-SESSION", nullptr, 0, false, nullptr);
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeWebInitiated, {{"campaign", "fall"}}, "webpromo");
+  KVRBeacon::sendBeacon(KVRBeacon::taskOfType(KVRBeaconTypeUserEvent, {}, std::nullopt),
+                        KVRBeaconTypeUserEvent);
   KVRUserSession::startSession();
   KVRUserSession::endSession();
+  KVRUserSession::reportUserSessionWithDuration(KVRValue(1.5));
+  Reporting::dataDirectory();
 
   Reporting::flush(200ms);
   Reporting::purgePendingBeacons();
+  Reporting::setOptedOut(true, Reporting::PendingBeacons::Purge);
+  Reporting::setOptedOut(false);
+  Reporting::shutdown(200ms);
   Reporting::shutdown(200ms);
   // After everything, once more: a report after the last shutdown.
   BeaconReporter::report(KVRBeaconTypePageView, {}, {});
