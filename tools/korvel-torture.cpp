@@ -330,8 +330,6 @@ void Torture::drive(int round, std::vector<Child>& children, std::vector<Event> 
       if (!child.killedByUs && now >= child.hangAt) {
         ++hangs_;
         std::printf("  round %d: host %d hung; killed\n", round, child.pid);
-        kill(child.pid, SIGABRT);  // a core, when the system keeps them
-        std::this_thread::sleep_for(std::chrono::milliseconds(500));
         kill(child.pid, SIGKILL);
         child.killedByUs = true;
       }
@@ -395,14 +393,15 @@ void Torture::playRound(int round, Fault fault) {
   const double start = secondsSince(t0_);
   const double duration = std::uniform_real_distribution<double>(1.0, 4.0)(random_);
   const double end = start + duration;
-  // The store holds at most 10,000 waiting beacons by default: stay well
-  // under, so that no beacon is dropped by the cap.
+  // The store holds at most 10,000 waiting beacons and 64 MiB of records by
+  // default: stay well under both (half the beacons long, say), so that no
+  // beacon is dropped by a cap.
   size_t backlog = 0;
   {
     MutexLock lock(tally_.mutex);
     backlog = ledger_.backlog(tally_.received);
   }
-  const long budget = static_cast<long>(std::clamp<double>(6000.0 - static_cast<double>(backlog), 0, 4000));
+  const long budget = static_cast<long>(std::clamp<double>(4000.0 - static_cast<double>(backlog), 0, 3000));
   auto at = [&](double from, double to) {
     return start + duration * std::uniform_real_distribution<double>(from, to)(random_);
   };
