@@ -177,6 +177,10 @@ class Torture {
   void ended(int round, Child& child, const char* what);
   bool census(int round);
   void healFolder();
+  // With --verbose: what happened when.
+  void note(int round, const char* what) {
+    if (options_.verbose) std::printf("  round %d: %s at %.2f s\n", round, what, secondsSince(t0_));
+  }
   void chownToHost(const fs::path& path);
   std::vector<std::string> hostArgs(double seconds, long budget);
   int finish();
@@ -326,6 +330,7 @@ void Torture::drive(int round, std::vector<Child>& children, std::vector<Event> 
       if (!child.killedByUs && child.killAt >= 0 && now >= child.killAt) {
         kill(child.pid, SIGKILL);
         child.killedByUs = true;
+        note(round, "SIGKILL");
       }
       if (!child.killedByUs && now >= child.hangAt) {
         ++hangs_;
@@ -436,6 +441,7 @@ void Torture::playRound(int round, Fault fault) {
       events.push_back({at(0.1, 0.8), [this, round] {
                           std::error_code ec;
                           ledger_.folderTaken(round, secondsSince(t0_));
+                          note(round, "folder deleted and made again");
                           fs::remove_all(data_, ec);
                           mkdir(data_.c_str(), 0700);
                           chownToHost(data_);
@@ -444,6 +450,7 @@ void Torture::playRound(int round, Fault fault) {
     case Fault::FolderRenamed:
       events.push_back({at(0.1, 0.8), [this, round] {
                           ledger_.folderTaken(round, secondsSince(t0_));
+                          note(round, "folder renamed away");
                           const fs::path away = work_ / ("away-" + std::to_string(away_++));
                           std::error_code ec;
                           fs::rename(data_, away, ec);
@@ -456,6 +463,7 @@ void Torture::playRound(int round, Fault fault) {
       events.push_back({from, [this, round] {
                           std::error_code ec;
                           ledger_.folderTaken(round, secondsSince(t0_));
+                          note(round, "folder replaced by a file");
                           fs::remove_all(data_, ec);
                           std::ofstream(data_) << "not a folder\n";
                         }});

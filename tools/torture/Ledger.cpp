@@ -1,5 +1,7 @@
 #include "torture/Ledger.h"
 
+#include <cstdio>
+
 namespace korvel::tools::torture {
 
 const char* faultName(Fault fault) {
@@ -120,7 +122,12 @@ Summary Ledger::summary() const {
       default:
         ++s.lost;
         ++figures.lost;
-        if (figures.lostSamples.size() < 3) figures.lostSamples.push_back(uuid);
+        if (figures.lostSamples.size() < 3) {
+          char where[96];
+          std::snprintf(where, sizeof where, " (returned at %.2f s in round %d, missing after round %d)",
+                        beacon.returnedAt, beacon.round, beacon.missingSince);
+          figures.lostSamples.push_back(uuid + where);
+        }
         break;
     }
   }

@@ -59,7 +59,7 @@ struct FaultFigures {
   size_t givenUp = 0;
   size_t lost = 0;
   size_t deaths = 0;  // hosts ended by a signal other than our SIGKILL
-  std::vector<std::string> lostSamples;  // a few uuids, for the log
+  std::vector<std::string> lostSamples;  // a few uuids with when and where, for the log
 };
 
 struct Summary {
