@@ -54,7 +54,7 @@
 #include <unordered_set>
 #include <vector>
 
-#include "collector/BeaconSink.h"
+#include "torture/Collector.h"
 #include "torture/Ledger.h"
 #include "torture/TortureHost.h"
 
@@ -66,7 +66,6 @@ namespace fs = std::filesystem;
 using namespace korvel::tools::torture;
 using korvel::Mutex;
 using korvel::MutexLock;
-using korvel::tools::BeaconSink;
 using Clock = std::chrono::steady_clock;
 
 struct Options {
@@ -78,64 +77,6 @@ struct Options {
   double grace = 1.0;
   bool keep = false;
   bool verbose = false;
-};
-
-// What the collector saw, fed from its threads.
-struct Tally {
-  Mutex mutex;
-  std::unordered_set<std::string> received KORVEL_GUARDED_BY(mutex);
-  std::unordered_map<std::string, int> refusals KORVEL_GUARDED_BY(mutex);
-};
-
-// The collector, on one port for the whole run: stopped, started again or
-// made flaky or slow by the rounds.
-class Collector {
- public:
-  explicit Collector(Tally& tally) : tally_(tally) {}
-
-  enum class Mode { Healthy, Flaky, Slow };
-
-  bool start(Mode mode, std::mt19937_64& random) {
-    server_.reset();
-    BeaconSink::Options o;
-    o.port = port_;
-    if (mode == Mode::Flaky) {
-      o.failEvery = std::uniform_int_distribution<int>(2, 5)(random);
-      static constexpr int kStatuses[] = {500, 502, 503, 429, 408};
-      o.failStatus = kStatuses[random() % std::size(kStatuses)];
-    } else if (mode == Mode::Slow) {
-      o.delay = std::chrono::milliseconds(std::uniform_int_distribution<int>(100, 1500)(random));
-    }
-    o.onAnswer = [this](const std::string& uuid, int status) {
-      MutexLock lock(tally_.mutex);
-      if (status == 204) {
-        tally_.received.insert(uuid);
-      } else {
-        ++tally_.refusals[uuid];
-      }
-    };
-    // The port may still be held for a moment by the last server.
-    for (int attempt = 0; attempt < 50; ++attempt) {
-      auto server = std::make_unique<BeaconSink>(o);
-      if (server->start()) {
-        port_ = server->port();
-        server_ = std::move(server);
-        return true;
-      }
-      std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    }
-    return false;
-  }
-  void stop() { server_.reset(); }
-  void dropNext(int count) {
-    if (server_) server_->dropNext(count);
-  }
-  int port() const { return port_; }
-
- private:
-  Tally& tally_;
-  std::unique_ptr<BeaconSink> server_;
-  int port_ = 0;
 };
 
 double secondsSince(Clock::time_point t0) {
@@ -396,7 +337,11 @@ void Torture::healFolder() {
 
 void Torture::playRound(int round, Fault fault) {
   const double start = secondsSince(t0_);
-  const double duration = std::uniform_real_distribution<double>(1.0, 4.0)(random_);
+  // Mostly short rounds; now and then a long one, in which a slow host fills
+  // whole segments and lives on with them.
+  const double duration = std::uniform_real_distribution<double>(0, 1)(random_) < 0.15
+                              ? std::uniform_real_distribution<double>(8.0, 20.0)(random_)
+                              : std::uniform_real_distribution<double>(1.0, 4.0)(random_);
   const double end = start + duration;
   // The store holds at most 10,000 waiting beacons and 64 MiB of records by
   // default: stay well under both (half the beacons long, say), so that no
