@@ -33,6 +33,24 @@ class FakeServer {
     std::lock_guard lock(mutex_);
     hold_ = hold;
   }
+  // Holds every request until release(), which answers the held ones.
+  void closeGate() {
+    std::lock_guard lock(mutex_);
+    gated_ = true;
+  }
+  void release(DeliveryResponse answer) {
+    std::lock_guard lock(mutex_);
+    gated_ = false;
+    script_.push_front(std::move(answer));
+    changed_.notify_all();
+  }
+  void reset() {
+    std::lock_guard lock(mutex_);
+    script_.clear();
+    urls_.clear();
+    gated_ = false;
+    hold_ = false;
+  }
   std::vector<std::string> urls() const {
     std::lock_guard lock(mutex_);
     return urls_;
@@ -50,6 +68,7 @@ class FakeServer {
       while (!cancelled) changed_.wait_for(lock, 5ms);
       return DeliveryResponse{};  // abandoned: no connection
     }
+    while (gated_ && !cancelled) changed_.wait_for(lock, 5ms);
     if (script_.empty()) return status(204);
     DeliveryResponse r = script_.front();
     script_.pop_front();
@@ -74,6 +93,7 @@ class FakeServer {
   std::deque<DeliveryResponse> script_;
   std::vector<std::string> urls_;
   bool hold_ = false;
+  bool gated_ = false;
 };
 
 class FakeTransport : public DeliveryTransport {
@@ -614,6 +634,121 @@ TEST_F(DurableRequestExecutorTest, StoredRequestsAreReadBackWhenSentAndOthersKep
   EXPECT_THAT(server_.urls(), ElementsAre("http://fake/one", "http://fake/two",
                                           "http://fake/three", "http://fake/memory-only"));
   EXPECT_EQ(restored.load(), 3);
+}
+
+// MARK: - Purge
+
+TEST_F(DurableRequestExecutorTest, APurgedRequestOnTheWireIsNeverQueuedAgain) {
+  struct Case {
+    const char* name;
+    DeliveryResponse answer;
+    uint64_t delivered;
+  };
+  const Case cases[] = {
+      {"no connection", FakeServer::offline(), 0},
+      {"server error", FakeServer::status(503), 0},
+      {"delivered all the same", FakeServer::status(204), 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    server_.reset();
+    server_.closeGate();
+    auto o = options();
+    o.directory = dir_ / c.name;
+    o.concurrency = 1;
+    {
+      auto executor = start(o);
+      executor->executeRequest(makeRequest("purged"));
+      ASSERT_TRUE(server_.waitForAttempts(1, 5s));
+      EXPECT_EQ(executor->purge(), 1u);
+      server_.release(c.answer);
+      ASSERT_TRUE(executor->flush(5s));
+      EXPECT_EQ(server_.urls().size(), 1u);
+      const auto stats = executor->stats();
+      EXPECT_EQ(stats.waiting, 0u);
+      EXPECT_EQ(stats.delivered, c.delivered);
+    }
+    // Nor does a restart send it.
+    auto executor = start(o);
+    ASSERT_TRUE(executor->flush(5s));
+    EXPECT_EQ(server_.urls().size(), 1u);
+    EXPECT_EQ(executor->stats().restored, 0u);
+  }
+}
+
+// MARK: - Age
+
+constexpr double kDaySeconds = 86'400;
+constexpr uint64_t kDayNanos = 86'400ull * 1'000'000'000ull;
+
+TEST_F(DurableRequestExecutorTest, SettingTheWallClockDoesNotAgeTheRequestsOfTheRun) {
+  struct Case {
+    const char* name;
+    double wallWhenReported;  // days from now
+    double wallAfter;
+  };
+  const Case cases[] = {
+      {"set 8 days forward", 0, 8},
+      {"made while 30 days behind, then corrected", -30, 0},
+  };
+  const double t0 = env_.now();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto o = options();
+    o.directory = dir_ / c.name;
+    o.startPaused = true;
+    env_.setNow(t0 + c.wallWhenReported * kDaySeconds);
+    auto executor = start(o);
+    for (const char* name : {"a", "b", "c"}) executor->executeRequest(makeRequest(name));
+    env_.setNow(t0 + c.wallAfter * kDaySeconds);
+    ASSERT_TRUE(executor->syncStore(5s));
+    EXPECT_EQ(executor->stats().droppedTooOld, 0u);
+    EXPECT_EQ(executor->stats().waiting, 3u);
+    // They still age with the time that really passes.
+    env_.advanceMonotonic(8 * kDayNanos);
+    ASSERT_TRUE(executor->syncStore(5s));
+    EXPECT_EQ(executor->stats().droppedTooOld, 3u);
+    EXPECT_EQ(executor->stats().waiting, 0u);
+  }
+}
+
+TEST_F(DurableRequestExecutorTest, AcrossRestartsAgeComesFromAClockThatNeverRunsBackwards) {
+  struct Case {
+    const char* name;
+    double wallWhenReported;  // days from the first run
+    double wallAtRestore;
+    uint64_t keptAtRestore;
+  };
+  const Case cases[] = {
+      // Stamped no earlier than the first run's clock, not 30 days back.
+      {"made while 30 days behind, restored once corrected", -30, 1.0 / 24, 3},
+      // Taken for just made; they age from there, not kept for good.
+      {"restored while the clock is 30 days behind", 0, -30, 3},
+      // A device off for longer than the cap: they are too old.
+      {"restored 8 days later", 0, 8, 0},
+  };
+  const double t0 = env_.now();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto o = options();
+    o.directory = dir_ / c.name;
+    o.startPaused = true;
+    env_.setNow(t0);
+    start(o).reset();  // a first run keeps the store's clock
+    env_.setNow(t0 + c.wallWhenReported * kDaySeconds);
+    {
+      auto executor = start(o);
+      for (const char* name : {"a", "b", "c"}) executor->executeRequest(makeRequest(name));
+    }
+    env_.setNow(t0 + c.wallAtRestore * kDaySeconds);
+    auto executor = start(o);
+    ASSERT_TRUE(executor->syncStore(5s));
+    EXPECT_EQ(executor->stats().restored, c.keptAtRestore);
+    EXPECT_EQ(executor->stats().droppedTooOld, 3 - c.keptAtRestore);
+    env_.advanceMonotonic(8 * kDayNanos);
+    ASSERT_TRUE(executor->syncStore(5s));
+    EXPECT_EQ(executor->stats().droppedTooOld, 3u);
+  }
 }
 
 }  // namespace

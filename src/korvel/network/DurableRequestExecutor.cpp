@@ -4,6 +4,9 @@
 #include <unistd.h>
 
 #include <fcntl.h>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
 
 #include <algorithm>
 #include <cstdlib>
@@ -43,6 +46,9 @@ constexpr size_t kKeptWhole = 64;
 // sending (paused, or every host backing off) never grows it further, and
 // report calls never pay for moving it to a larger block.
 constexpr size_t kHandoffBatch = 1024;
+// Past this many restored requests the memory their payloads took is given
+// back to the system.
+constexpr size_t kRestoreTrimThreshold = 10'000;
 
 // A reporting thread keeps a frame buffer of up to this many bytes.
 constexpr size_t kKeptFrameCapacity = 64u << 10;
@@ -51,6 +57,10 @@ constexpr size_t kKeptFrameCapacity = 64u << 10;
 constexpr auto kRepeatedLogInterval = std::chrono::seconds(1);
 // The file in the store's directory that keeps hosts' Retry-After times.
 constexpr const char* kHostsFile = "hosts";
+// The file that keeps the store's clock across runs, and how often the
+// writer brings it up to date.
+constexpr const char* kClockFile = "clock";
+constexpr int64_t kClockSaveIntervalMillis = 60'000;
 
 // "scheme://host:port" of a URL (the port only when given); the URL itself
 // when it has no scheme.
@@ -78,6 +88,7 @@ std::string sanitizedComponent(const std::string& text) {
 }
 
 int64_t wallMillis() { return static_cast<int64_t>(env().now() * 1000.0); }
+int64_t monotonicMillis() { return static_cast<int64_t>(env().monotonicNanos() / 1'000'000); }
 
 // The URL without its query, for log lines (the query carries the inid).
 std::string withoutQuery(const std::string& url) { return url.substr(0, url.find('?')); }
@@ -149,6 +160,9 @@ DurableRequestExecutor::DurableRequestExecutor(std::string sessionIdentifier, Op
     if (!store_) logger_.log(LogLevel::Error, "requests are kept in memory only");
   }
   if (store_) epochBits_ = static_cast<uint64_t>(store_->epoch()) << 32;
+  monotonicBaseMillis_ = monotonicMillis();
+  clockBaseMillis_ = wallMillis();
+  if (store_) loadClock();
   {
     MutexLock lock(mutex_);
     stats_.durable = store_ != nullptr;
@@ -183,7 +197,8 @@ int DurableRequestExecutor::bucketOf(int policy) { return policy == 1 || policy 
 
 void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept try {
   const uint64_t id = epochBits_ | nextCounter_.fetch_add(1, std::memory_order_relaxed);
-  const int64_t created = wallMillis();
+  const int64_t created = storeClockMillis();
+  const int64_t born = monotonicMillis();
   bool durable = false;
   bool appendFailed = false;
   bool oversize = false;
@@ -233,7 +248,7 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
   entry.policy = static_cast<int8_t>(bucketOf(request.configurationPolicy()));
   entry.retryCount = static_cast<int16_t>(
       std::clamp(request.backgroundSessionRetryCount(), 0, int{INT16_MAX}));
-  entry.createdMillis = created;
+  entry.bornMillis = born;
   entry.durable = durable;
   entry.bytes = durable ? static_cast<uint32_t>(bytes) : 0;
   // A stored request that will have to wait is read back when its turn
@@ -331,7 +346,19 @@ size_t DurableRequestExecutor::purge() {
   adoptHandoffs();
   size_t purged = 0;
   for (auto it = entries_.begin(); it != entries_.end();) {
-    if (it->second.state == State::InFlight) {  // already on the wire
+    Entry& e = it->second;
+    if (e.state == State::InFlight) {
+      // Already on the wire: it may still arrive, but whatever the answer
+      // it is forgotten when the attempt ends, never queued again. The store
+      // forgets it now, so that no restart sends it either.
+      if (!e.cancelled) {
+        e.cancelled = true;
+        if (e.durable) finished_.push_back(it->first);
+        e.durable = false;
+        storedBytes_ -= e.bytes;
+        e.bytes = 0;
+        ++purged;
+      }
       ++it;
       continue;
     }
@@ -502,7 +529,7 @@ void DurableRequestExecutor::dropExpired(int64_t nowMillis, bool scanAll) {
   const int64_t cutoff =
       nowMillis - std::chrono::duration_cast<std::chrono::milliseconds>(options_.maxAge).count();
   for (auto it = entries_.begin(); it != entries_.end();) {
-    if (it->second.createdMillis >= cutoff) {
+    if (it->second.bornMillis >= cutoff) {
       // Identifiers grow with time: past the first young one, only a full
       // scan finds more.
       if (!scanAll) break;
@@ -665,6 +692,11 @@ void DurableRequestExecutor::settle(uint64_t id, DeliveryVerdict verdict,
   auto it = entries_.find(id);
   if (it == entries_.end()) return;
   Entry& e = it->second;
+  if (e.cancelled) {
+    if (verdict == DeliveryVerdict::Delivered) ++stats_.delivered;
+    finish(it);
+    return;
+  }
   switch (verdict) {
     case DeliveryVerdict::Delivered:
       ++stats_.delivered;
@@ -791,9 +823,15 @@ void DurableRequestExecutor::workerLoop() {
         }
         if (h.steps > 0 && probeHost != host) {
           if (h.probing || Clock::now() < h.notBefore) {
-            // The host backs off: no connection; it waits with the others.
+            // The host backs off: no connection; it waits with the others
+            // (unless it was purged meanwhile).
             --inFlight_;
-            hold(id, entries_.at(id), host);
+            auto it = entries_.find(id);
+            if (it->second.cancelled) {
+              finish(it);
+            } else {
+              hold(id, it->second, host);
+            }
             continue;
           }
           h.probing = true;
@@ -876,23 +914,31 @@ void DurableRequestExecutor::workerLoop() {
 }
 
 void DurableRequestExecutor::restoreStored() {
-  std::vector<StoredRequest> stored = store_->recover(&cancel_);
-  // In chunks, with the marks of what went out meanwhile synced between
-  // them: a kill during a long restore sends little twice.
-  constexpr size_t kChunk = 1024;
+  // In batches, with the marks of what went out meanwhile synced between
+  // them: a kill during a long restore sends little twice. Only one batch's
+  // payloads are held at a time; the queue keeps the index alone.
+  constexpr size_t kBatch = 1024;
   size_t unknown = 0;
-  // Past the age cap already: dropped before anything could send them.
-  const int64_t cutoff =
-      wallMillis() - std::chrono::duration_cast<std::chrono::milliseconds>(options_.maxAge).count();
-  for (size_t begin = 0; begin < stored.size() && !cancel_; begin += kChunk) {
-    const size_t end = std::min(stored.size(), begin + kChunk);
-    std::vector<std::pair<uint64_t, Entry>> chunk;
-    chunk.reserve(end - begin);
-    std::vector<uint64_t> expired;
-    size_t chunkUnknown = 0;
-    for (size_t i = begin; i < end; ++i) {
-      StoredRequest& s = stored[i];
-      if (s.createdMillis < cutoff) {
+  size_t seen = 0;
+  // Past the age cap already: dropped before anything could send them. A
+  // stamp ahead of the store's clock counts as made now.
+  const int64_t maxAgeMillis =
+      std::chrono::duration_cast<std::chrono::milliseconds>(options_.maxAge).count();
+  const int64_t clockNow = storeClockMillis();
+  const int64_t monotonicNow = monotonicMillis();
+  // Kept across batches (their capacity with them), let go at the end.
+  std::vector<std::pair<uint64_t, Entry>> batchEntries;
+  std::vector<uint64_t> expired;
+  std::vector<uint64_t> finished;
+  store_->recoverInBatches(&cancel_, kBatch, [&](std::vector<StoredRequest>& batch) {
+    if (cancel_) return false;
+    seen += batch.size();
+    batchEntries.clear();
+    expired.clear();
+    size_t batchUnknown = 0;
+    for (StoredRequest& s : batch) {
+      const int64_t age = std::max<int64_t>(0, clockNow - s.createdMillis);
+      if (age > maxAgeMillis) {
         expired.push_back(s.id);
         continue;
       }
@@ -900,7 +946,7 @@ void DurableRequestExecutor::restoreStored() {
       entry.priority = s.priority;
       entry.policy = static_cast<int8_t>(bucketOf(s.configurationPolicy));
       entry.retryCount = static_cast<int16_t>(std::clamp(s.retryCount, 0, int{INT16_MAX}));
-      entry.createdMillis = s.createdMillis;
+      entry.bornMillis = monotonicNow - age;
       entry.durable = true;
       entry.bytes = static_cast<uint32_t>(kFrameHeaderBytes + kFrameFixedBodyBytes + s.kind.size() +
                                           s.payload.size());
@@ -908,27 +954,27 @@ void DurableRequestExecutor::restoreStored() {
       // its index is kept: the request is read back when it is sent.
       if (!KVNRequestRestorers::restore(s.kind, s.payload)) {
         entry.state = State::Parked;
-        ++chunkUnknown;
+        ++batchUnknown;
       }
-      chunk.emplace_back(s.id, std::move(entry));
-      s.payload = std::string();
+      batchEntries.emplace_back(s.id, std::move(entry));
     }
-    unknown += chunkUnknown;
-    std::vector<uint64_t> finished;
+    unknown += batchUnknown;
     {
       MutexLock lock(mutex_);
-      if (writerStopping_) break;  // the rest stays stored for the next start
-      for (auto& [id, entry] : chunk) enqueue(id, std::move(entry));
-      stats_.restored += chunk.size() - chunkUnknown;
+      if (writerStopping_) return false;  // the rest stays stored for the next start
+      for (auto& [id, entry] : batchEntries) enqueue(id, std::move(entry));
+      stats_.restored += batchEntries.size() - batchUnknown;
       stats_.droppedTooOld += expired.size();
       tooOldSinceLog_ += expired.size();
       finished_.insert(finished_.end(), expired.begin(), expired.end());
       enforceCap();
+      finished.clear();
       finished.swap(finished_);
     }
     workAvailable_.signalAll();
     store_->sync(finished);
-  }
+    return true;
+  });
   if (unknown > 0) {
     logger_.log(LogLevel::Error, std::to_string(unknown) +
                                      " stored requests could not be restored; they are kept "
@@ -936,11 +982,21 @@ void DurableRequestExecutor::restoreStored() {
   }
   {
     MutexLock lock(mutex_);
-    dropExpired(wallMillis(), true);
+    dropExpired(monotonicMillis(), true);
     restored_ = true;
+    // A long restore grew the queue's side tables: give back what a
+    // backlog no longer needs.
+    finished_.shrink_to_fit();
     if (drained()) progress_.signalAll();
   }
   workAvailable_.signalAll();
+#if defined(__GLIBC__)
+  // The payloads read back are freed, but glibc keeps the pages they took
+  // (between the index's blocks, its heap cannot shrink from the top): a
+  // large restore would leave the process several times larger than the
+  // one that queued the same backlog. Once, after restoring.
+  if (seen >= kRestoreTrimThreshold) malloc_trim(0);
+#endif
 }
 
 void DurableRequestExecutor::loadHosts() {
@@ -962,6 +1018,35 @@ void DurableRequestExecutor::loadHosts() {
                                     " s from now; waiting until then");
   }
   refreshKeepWhole();
+}
+
+int64_t DurableRequestExecutor::storeClockMillis() const {
+  return std::max(wallMillis(), clockBaseMillis_ + (monotonicMillis() - monotonicBaseMillis_));
+}
+
+void DurableRequestExecutor::loadClock() {
+  const fs::path path = directory_ / kClockFile;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return;
+  char text[32] = {};
+  const ssize_t got = ::read(fd, text, sizeof text - 1);
+  ::close(fd);
+  if (got <= 0) return;
+  char* end = nullptr;
+  const long long stored = std::strtoll(text, &end, 10);
+  if (end == text) return;
+  clockBaseMillis_ = std::max<int64_t>(clockBaseMillis_, stored);
+}
+
+void DurableRequestExecutor::saveClock(int64_t millis) {
+  const std::string text = std::to_string(millis) + "\n";
+  const fs::path temporary = directory_ / "clock.tmp";
+  const int fd =
+      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return;
+  const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  ::close(fd);
+  if (written) ::rename(temporary.c_str(), (directory_ / kClockFile).c_str());
 }
 
 void DurableRequestExecutor::saveHosts(const std::vector<std::pair<std::string, int64_t>>& hosts) {
@@ -994,6 +1079,10 @@ void DurableRequestExecutor::writerLoop() {
     progress_.signalAll();
   }
 
+  // The store's clock is kept from the start on: a run killed early still
+  // moves it forward.
+  if (store_) saveClock(storeClockMillis());
+  int64_t lastClockSave = monotonicMillis();
   auto lastFullScan = Clock::now();
   auto lastRepeatedLog = Clock::now();
   mutex_.lock();
@@ -1015,7 +1104,7 @@ void DurableRequestExecutor::writerLoop() {
     const auto now = Clock::now();
     const bool fullScan = now - lastFullScan >= kFullAgeScanInterval;
     if (fullScan) lastFullScan = now;
-    dropExpired(wallMillis(), fullScan);
+    dropExpired(monotonicMillis(), fullScan);
 
     std::vector<uint64_t> finished;
     finished.swap(finished_);
@@ -1061,6 +1150,10 @@ void DurableRequestExecutor::writerLoop() {
       if (compact) storeStats = store_->stats();
     }
     if (hosts) saveHosts(*hosts);
+    if (store_ && (stop || monotonicMillis() - lastClockSave >= kClockSaveIntervalMillis)) {
+      lastClockSave = monotonicMillis();
+      saveClock(storeClockMillis());
+    }
     for (const auto& line : repeatedLines) logger_.log(LogLevel::Error, line);
     if (overCap > 0) {
       logger_.log(LogLevel::Error, "dropped the " + std::to_string(overCap) +

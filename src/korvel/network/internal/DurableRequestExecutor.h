@@ -64,7 +64,27 @@
 // Bounds: at most Options::maxStoredRequests waiting requests, at most
 // Options::maxStoredBytes of stored records (the oldest are dropped past
 // either) and none older than Options::maxAge; each drop is counted in a log
-// line. A log line about a dropped request that repeats is written once, then
+// line.
+//
+// Age. A request's age is never read off the wall clock alone, which the
+// user or a time service may set forward or back at any moment:
+//  - In the run that made it, its age is measured on the monotonic clock
+//    (Env::monotonicNanos): setting the wall clock forward drops nothing,
+//    and requests made while it was behind are not taken for old once it is
+//    corrected.
+//  - Across runs only a stamp on disk can tell. Records are stamped with the
+//    store's clock: the wall clock, but never earlier than the store's clock
+//    at this run's start (kept in the directory's "clock" file, written at
+//    most once a minute and at the end of a run) plus the monotonic time
+//    since. It never runs backwards across runs, so a wall clock that was
+//    behind (a device without a battery-backed clock that boots in 1970, a
+//    clock set back) neither stamps records as older than they are nor makes
+//    earlier runs' records look new again: each run's uptime still counts
+//    towards their age, so they cannot be kept forever. A restored record's
+//    age is the store's clock at restore minus its stamp, at least zero; from
+//    then on it ages on the monotonic clock. The one case no clock can tell
+//    apart is a wall clock that is ahead across a restart from a device that
+//    was really off that long: both are taken for time that passed. A log line about a dropped request that repeats is written once, then
 // at most once per second with the number of repeats. A journal or store that cannot be read is set aside with a
 // log line and a fresh one started; when the directory cannot be used at all
 // the executor still delivers, from memory only, and says so in the log.
@@ -180,7 +200,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // One waiting request: its index entry, 32 bytes. The request itself is
   // in whole_ when kept in memory, else read back from the journal when sent.
   struct Entry {
-    int64_t createdMillis = 0;
+    // Monotonic milliseconds (Env::monotonicNanos) when it was made; for a
+    // restored request, now minus the age its stamp gives.
+    int64_t bornMillis = 0;
     int32_t priority = 1;
     uint32_t bytes = 0;     // its stored record
     int16_t retryCount = 0;
@@ -190,6 +212,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     int8_t policy = 0;
     State state = State::Ready;
     bool durable = false;
+    // Purged while on the wire: forgotten when its attempt ends, never
+    // queued again.
+    bool cancelled = false;
   };
   // A backlog of 100,000 costs this times 100,000, and more: keep it small.
   static_assert(sizeof(Entry) <= 32);
@@ -215,6 +240,10 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // A stored request read back and restored; nothing when it cannot be.
   std::shared_ptr<const KVNNetworkRequest> readBack(uint64_t id) KORVEL_EXCLUDES(mutex_);
   void loadHosts() KORVEL_EXCLUDES(mutex_);
+  // The store's clock (see Age above), in milliseconds since 1970.
+  int64_t storeClockMillis() const;
+  void loadClock();
+  void saveClock(int64_t millis);
   void saveHosts(const std::vector<std::pair<std::string, int64_t>>& hosts);
 
   // A request handed over by a report call, not yet in the queue.
@@ -263,6 +292,10 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   std::filesystem::path directory_;
   std::unique_ptr<RequestStore> store_;
   uint64_t epochBits_ = 0;
+  // The store's clock at start, and the monotonic time then; set before any
+  // thread starts, read without a lock.
+  int64_t clockBaseMillis_ = 0;
+  int64_t monotonicBaseMillis_ = 0;
   std::atomic<uint32_t> nextCounter_{0};
   std::atomic<bool> cancel_{false};
 
