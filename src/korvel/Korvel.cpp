@@ -63,7 +63,9 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s)
 
 Reporting::Result failure(std::string error) {
   logger().log(platform::LogLevel::Error, "cannot start: " + error);
-  return Reporting::Result{false, std::move(error)};
+  Reporting::Result result;
+  result.error = std::move(error);
+  return result;
 }
 
 bool persistConsent(State& s, bool optedOut) KORVEL_REQUIRES(s.mutex) {
@@ -112,13 +114,25 @@ Reporting::Result Reporting::start(StartOptions options) {
   // Whatever executor was in use before start goes; beacons an earlier run
   // left are delivered now, unless the user opted out.
   KVRBeacon::setBackgroundSession(nullptr);
-  if (!s.optedOut) ensureExecutor(s);
+  Result result;
+  result.ok = true;
+  if (!s.optedOut) {
+    auto durable =
+        std::dynamic_pointer_cast<platform::DurableRequestExecutor>(ensureExecutor(s));
+    if (durable && !durable->stats().durable) {
+      result.durable = false;
+      result.warning = "beacons cannot be stored in " + durable->directory().string() +
+                       ": they are kept in memory only, and lost if the process ends before "
+                       "they are delivered";
+      logger().log(platform::LogLevel::Error, "started, but " + result.warning);
+    }
+  }
   KVRBeacon::setReportingAllowed(!s.optedOut);
 
   s.userSession = options.startUserSession;
   if (s.userSession) KVRUserSession::load();
   s.started = true;
-  return Result{true, {}};
+  return result;
 }
 
 bool Reporting::started() {
@@ -157,12 +171,13 @@ bool Reporting::flush(std::chrono::milliseconds deadline) { return flushExecutor
 bool Reporting::shutdown(std::chrono::milliseconds deadline) {
   State& s = state();
   MutexLock lock(s.mutex);
+  // Waits for report calls in progress: what they hand over is flushed too.
   KVRBeacon::setReportingAllowed(false);
   if (s.userSession) KVRUserSession::unload();
   const bool delivered = flushExecutor(deadline);
-  // The durable executor stops when the last reference goes, keeping what
-  // was not delivered for the next start.
-  KVRBeacon::setBackgroundSession(nullptr);
+  // The durable executor stops here (its last reference goes), keeping what
+  // was not delivered for the next start; none is made again until start().
+  KVRBeacon::closeBackgroundSession();
   s.hostExecutor.reset();
   s.started = false;
   s.userSession = false;

@@ -129,6 +129,13 @@ class KORVEL_EXPORT Reporting {
   struct Result {
     bool ok = false;
     std::string error;  // why not, when !ok
+    // False when started but beacons cannot be stored in the data directory
+    // (the library's store could not be opened there: the folder is refused,
+    // another process holds it, the disk is full, ...): they are delivered
+    // from memory only, and lost if the process ends first. warning says
+    // why; the same text is logged once.
+    bool durable = true;
+    std::string warning;
     explicit operator bool() const { return ok; }
   };
 
@@ -153,8 +160,12 @@ class KORVEL_EXPORT Reporting {
   static bool flush(std::chrono::milliseconds deadline);
 
   // flush(deadline), then stops delivery and the user session. Beacons not
-  // delivered by then stay stored for the next start. Reports made after it
-  // are dropped. True when everything was delivered.
+  // delivered by then stay stored for the next start. A report call racing
+  // it either hands its beacon over before the flush (and returns its UUID)
+  // or returns nothing; reports made after it return nothing, send nothing
+  // and start no thread. When it returns, none of the library's threads is
+  // left (the host's own executor, if it gave one, is the host's). True when
+  // everything was delivered.
   static bool shutdown(std::chrono::milliseconds deadline);
 
   enum class PendingBeacons {
