@@ -27,6 +27,11 @@ struct State {
   fs::path dataDirectory KORVEL_GUARDED_BY(mutex);
   // The host's own executor, when it gave one.
   std::shared_ptr<KVNNetworkBackgroundRequestExecutor> hostExecutor KORVEL_GUARDED_BY(mutex);
+  // The limits start() was given, for the library's executor.
+  size_t maxStoredBeacons KORVEL_GUARDED_BY(mutex) = 0;
+  uint64_t maxStoredBytes KORVEL_GUARDED_BY(mutex) = 0;
+  std::chrono::seconds maxBeaconAge KORVEL_GUARDED_BY(mutex){0};
+  int sendConcurrency KORVEL_GUARDED_BY(mutex) = 0;
   // Read without the mutex by optedOut().
   std::atomic<bool> optedOut{false};
 };
@@ -52,6 +57,10 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s)
     platform::DurableRequestExecutor::Options options;
     options.directory = s.dataDirectory / kBeaconsFolderName;
     options.startPaused = s.optedOut.load();
+    options.maxStoredRequests = s.maxStoredBeacons;
+    options.maxStoredBytes = s.maxStoredBytes;
+    options.maxAge = s.maxBeaconAge;
+    options.concurrency = s.sendConcurrency;
     executor = std::make_shared<platform::DurableRequestExecutor>(
         s.bundleIdentifier + ".backgroundBeacons", std::move(options));
   } else if (s.optedOut.load()) {
@@ -66,6 +75,28 @@ Reporting::Result failure(std::string error) {
   Reporting::Result result;
   result.error = std::move(error);
   return result;
+}
+
+// Why the limits cannot be used; nothing when they can.
+std::optional<std::string> invalidLimits(const Reporting::StartOptions& o) {
+  auto outside = [](const char* name, auto value, const char* range) {
+    return std::optional<std::string>(std::string(name) + " is " + std::to_string(value) +
+                                      ": it must be " + range);
+  };
+  if (o.maxStoredBeacons < 1 || o.maxStoredBeacons > 10'000'000) {
+    return outside("maxStoredBeacons", o.maxStoredBeacons, "from 1 to 10,000,000");
+  }
+  if (o.maxStoredBytes < (uint64_t{64} << 10) || o.maxStoredBytes > (uint64_t{16} << 30)) {
+    return outside("maxStoredBytes", o.maxStoredBytes, "from 64 KiB to 16 GiB");
+  }
+  if (o.maxBeaconAge < std::chrono::minutes(1) || o.maxBeaconAge > std::chrono::hours(24 * 366)) {
+    return outside("maxBeaconAge", o.maxBeaconAge.count(),
+                   "from 60 to 31,622,400 seconds (1 minute to 366 days)");
+  }
+  if (o.sendConcurrency < 1 || o.sendConcurrency > 32) {
+    return outside("sendConcurrency", o.sendConcurrency, "from 1 to 32");
+  }
+  return std::nullopt;
 }
 
 bool persistConsent(State& s, bool optedOut) KORVEL_REQUIRES(s.mutex) {
@@ -91,6 +122,7 @@ Reporting::Result Reporting::start(StartOptions options) {
   MutexLock lock(s.mutex);
   if (s.started) return failure("already started");
   if (options.bundleIdentifier.empty()) return failure("no bundle identifier");
+  if (auto invalid = invalidLimits(options)) return failure(*invalid);
   fs::path directory = options.dataDirectory.empty()
                            ? defaultDataDirectory(options.bundleIdentifier)
                            : options.dataDirectory;
@@ -104,6 +136,10 @@ Reporting::Result Reporting::start(StartOptions options) {
   s.bundleIdentifier = options.bundleIdentifier;
   s.dataDirectory = directory;
   s.hostExecutor = options.executor;
+  s.maxStoredBeacons = options.maxStoredBeacons;
+  s.maxStoredBytes = options.maxStoredBytes;
+  s.maxBeaconAge = options.maxBeaconAge;
+  s.sendConcurrency = options.sendConcurrency;
   s.optedOut = fs::exists(directory / kConsentFileName, error);
 
   platform::setMainBundleIdentifier(options.bundleIdentifier);
@@ -214,6 +250,22 @@ bool Reporting::setOptedOut(bool out, PendingBeacons pending) {
 }
 
 bool Reporting::optedOut() { return state().optedOut.load(); }
+
+void Reporting::applicationDidEnterBackground() {
+  platform::env().notificationCenter().post(platform::ApplicationDidEnterBackgroundNotification);
+}
+
+void Reporting::applicationWillEnterForeground() {
+  platform::env().notificationCenter().post(platform::ApplicationWillEnterForegroundNotification);
+}
+
+void Reporting::setInBackground(bool inBackground) {
+  if (inBackground) {
+    applicationDidEnterBackground();
+  } else {
+    applicationWillEnterForeground();
+  }
+}
 
 size_t Reporting::purgePendingBeacons() {
   State& s = state();

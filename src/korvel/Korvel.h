@@ -124,6 +124,17 @@ class KORVEL_EXPORT Reporting {
     // Starts the user session and follows the application life-cycle
     // notifications (KVRUserSession::load).
     bool startUserSession = true;
+
+    // Limits of the library's executor (ignored when the host gives its
+    // own). Past maxStoredBeacons waiting beacons, or maxStoredBytes of them
+    // as stored, the oldest are dropped; a beacon older than maxBeaconAge is
+    // dropped unsent; each drop is counted in a log line. A value outside its
+    // range makes start() fail, saying which.
+    size_t maxStoredBeacons = 10'000;                                // 1 to 10,000,000
+    uint64_t maxStoredBytes = uint64_t{64} << 20;                    // 64 KiB to 16 GiB
+    std::chrono::seconds maxBeaconAge = std::chrono::hours(24 * 7);  // 1 minute to 366 days
+    // Beacons sent at once, each by a thread with its own connection.
+    int sendConcurrency = 4;  // 1 to 32
   };
 
   struct Result {
@@ -142,8 +153,9 @@ class KORVEL_EXPORT Reporting {
   // Starts the library: names the host, makes the data directory, reads the
   // user's consent, applies the configuration and starts delivery (a start
   // that finds beacons of an earlier run delivers them, unless the user has
-  // opted out). Fails, changing nothing, without a bundle identifier, when
-  // the data directory cannot be made, or when already started.
+  // opted out). Fails, changing nothing, without a bundle identifier, with a
+  // limit outside its range, when the data directory cannot be made, or when
+  // already started.
   static Result start(StartOptions options);
   static bool started();
 
@@ -183,8 +195,20 @@ class KORVEL_EXPORT Reporting {
   static bool optedOut();
 
   // Drops every beacon not yet delivered, in memory and on disk, whatever
-  // the consent; returns how many. One already on the wire may still arrive.
+  // the consent; returns how many. One already on the wire may still arrive,
+  // but is never sent again.
   static size_t purgePendingBeacons();
+
+  // The host's life cycle: call applicationDidEnterBackground() when the
+  // application moves to the background and applicationWillEnterForeground()
+  // when it is about to come back; setInBackground(b) calls the one that
+  // matches b. The user session and page views follow them (they post
+  // platform::ApplicationDidEnterBackgroundNotification and
+  // ApplicationWillEnterForegroundNotification on the Env's notification
+  // centre, which hosts no longer need to name). Any thread, started or not.
+  static void applicationDidEnterBackground();
+  static void applicationWillEnterForeground();
+  static void setInBackground(bool inBackground);
 };
 
 }  // namespace korvel

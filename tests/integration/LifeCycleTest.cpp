@@ -5,10 +5,12 @@
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <mutex>
 #include <thread>
 
 #include <korvel/Korvel.h>
+#include <korvel/network/internal/DurableRequestExecutor.h>
 #include "support/TestEnv.h"
 
 namespace korvel {
@@ -163,6 +165,96 @@ TEST_F(LifeCycleTest, AReportRacingShutdownIsHandedOverBeforeItOrNotAtAll) {
   EXPECT_FALSE(KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"type", "late"}}));
   EXPECT_EQ(KVRBeacon::existingBackgroundSession(), nullptr);
   EXPECT_EQ(libraryThreads(), 0u);
+}
+
+// MARK: - Limits
+
+TEST_F(LifeCycleTest, LimitsOutsideTheirRangeAreAStartError) {
+  struct Case {
+    const char* name;
+    std::function<void(Reporting::StartOptions&)> set;
+    const char* field;
+  };
+  const Case cases[] = {
+      {"no beacon may wait", [](auto& o) { o.maxStoredBeacons = 0; }, "maxStoredBeacons"},
+      {"too many beacons", [](auto& o) { o.maxStoredBeacons = 10'000'001; }, "maxStoredBeacons"},
+      {"too few bytes", [](auto& o) { o.maxStoredBytes = 1024; }, "maxStoredBytes"},
+      {"too many bytes", [](auto& o) { o.maxStoredBytes = uint64_t{17} << 30; }, "maxStoredBytes"},
+      {"an age of seconds", [](auto& o) { o.maxBeaconAge = 30s; }, "maxBeaconAge"},
+      {"an age of years", [](auto& o) { o.maxBeaconAge = std::chrono::hours(24 * 400); },
+       "maxBeaconAge"},
+      {"no sender", [](auto& o) { o.sendConcurrency = 0; }, "sendConcurrency"},
+      {"too many senders", [](auto& o) { o.sendConcurrency = 33; }, "sendConcurrency"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto o = options();
+    c.set(o);
+    const auto started = Reporting::start(o);
+    EXPECT_FALSE(started);
+    EXPECT_NE(started.error.find(c.field), std::string::npos) << started.error;
+    EXPECT_FALSE(Reporting::started());
+  }
+}
+
+TEST_F(LifeCycleTest, TheLimitsReachTheLibrarysExecutor) {
+  struct Case {
+    const char* name;
+    std::function<void(Reporting::StartOptions&)> set;
+    size_t requests;
+    uint64_t bytes;
+    std::chrono::seconds age;
+    int concurrency;
+  };
+  const Case cases[] = {
+      {"the defaults", [](auto&) {}, 10'000, uint64_t{64} << 20, std::chrono::hours(24 * 7), 4},
+      {"the host's",
+       [](auto& o) {
+         o.maxStoredBeacons = 500;
+         o.maxStoredBytes = uint64_t{1} << 20;
+         o.maxBeaconAge = std::chrono::hours(36);
+         o.sendConcurrency = 2;
+       },
+       500, uint64_t{1} << 20, std::chrono::hours(36), 2},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto o = options();
+    c.set(o);
+    const auto started = Reporting::start(o);
+    ASSERT_TRUE(started) << started.error;
+    auto executor = std::dynamic_pointer_cast<platform::DurableRequestExecutor>(
+        KVRBeacon::existingBackgroundSession());
+    ASSERT_NE(executor, nullptr);
+    EXPECT_EQ(executor->options().maxStoredRequests, c.requests);
+    EXPECT_EQ(executor->options().maxStoredBytes, c.bytes);
+    EXPECT_EQ(executor->options().maxAge, c.age);
+    EXPECT_EQ(executor->options().concurrency, c.concurrency);
+    Reporting::shutdown(0ms);
+  }
+}
+
+// MARK: - Life cycle calls
+
+TEST_F(LifeCycleTest, TheLifeCycleCallsPostTheApplicationNotifications) {
+  std::vector<std::string> posted;
+  std::vector<platform::ObserverRegistration> observers;
+  for (auto name : {platform::ApplicationDidEnterBackgroundNotification,
+                    platform::ApplicationWillEnterForegroundNotification}) {
+    observers.emplace_back(env_.notificationCenter(),
+                           env_.notificationCenter().addObserver(
+                               std::string(name), [&posted](const platform::Notification& n) {
+                                 posted.emplace_back(n.name);
+                               }));
+  }
+  Reporting::applicationDidEnterBackground();
+  Reporting::setInBackground(false);
+  Reporting::setInBackground(true);
+  Reporting::applicationWillEnterForeground();
+  EXPECT_EQ(posted, (std::vector<std::string>{"ApplicationDidEnterBackgroundNotification",
+                                               "ApplicationWillEnterForegroundNotification",
+                                               "ApplicationDidEnterBackgroundNotification",
+                                               "ApplicationWillEnterForegroundNotification"}));
 }
 
 }  // namespace

@@ -188,6 +188,7 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // figures include them.
   Stats stats() KORVEL_EXCLUDES(mutex_);
   const std::filesystem::path& directory() const { return directory_; }
+  const Options& options() const { return options_; }
 
   // Syncs and compacts the store now and gives its figures (measurements,
   // tests); nothing when it is not done before the deadline or there is no
