@@ -1,11 +1,17 @@
 #include <korvel/Korvel.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
+#include <iterator>
 #include <span>
+#include <string_view>
+#include <vector>
 #include <system_error>
 
 #include <korvel/foundation/Mutex.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
+#include <korvel/foundation/URLComponents.h>
 #include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>
 
@@ -99,6 +105,52 @@ std::optional<std::string> invalidLimits(const Reporting::StartOptions& o) {
   return std::nullopt;
 }
 
+// Why a beacon endpoint template cannot be used; nothing when it can. Its
+// placeholders must be known, and once they are filled in it must be an
+// http or https URL with a host.
+std::optional<std::string> invalidEndpoint(const std::string& endpoint) {
+  static constexpr std::string_view kKnown[] = {"{inid}", "{appversion}", "{devicemodel}"};
+  std::string filled;
+  for (size_t i = 0; i < endpoint.size();) {
+    if (endpoint[i] != '{') {
+      filled += endpoint[i++];
+      continue;
+    }
+    const size_t close = endpoint.find('}', i);
+    const std::string_view placeholder = std::string_view(endpoint).substr(
+        i, close == std::string::npos ? std::string::npos : close - i + 1);
+    if (std::find(std::begin(kKnown), std::end(kKnown), placeholder) == std::end(kKnown)) {
+      return "the beacon endpoint has an unknown placeholder " + std::string(placeholder) +
+             " (known: {inid}, {appversion}, {devicemodel})";
+    }
+    filled += 'x';
+    i = close + 1;
+  }
+  const auto url = platform::URLComponents::parse(filled);
+  std::string scheme = url ? url->scheme() : std::string();
+  std::transform(scheme.begin(), scheme.end(), scheme.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (!url || (scheme != "http" && scheme != "https") || url->host().empty()) {
+    return "the beacon endpoint \"" + endpoint + "\" is not an http or https URL with a host";
+  }
+  return std::nullopt;
+}
+
+// What keeps beacons from being sent with this configuration, though it is
+// valid: they are made, and wait (or, without an endpoint, are not sent).
+std::vector<std::string> deliveryWarnings(const KVNConfiguration::Snapshot& c) {
+  std::vector<std::string> warnings;
+  if (!c.beacons.beaconEndpoint || c.beacons.beaconEndpoint->empty()) {
+    warnings.emplace_back(
+        "no beacon endpoint: report calls return a UUID but no beacon is sent until one is "
+        "configured");
+  }
+  if (!c.inid || c.inid->empty()) {
+    warnings.emplace_back("no inid: beacons are stored but not sent until one is configured");
+  }
+  return warnings;
+}
+
 bool persistConsent(State& s, bool optedOut) KORVEL_REQUIRES(s.mutex) {
   const fs::path file = s.dataDirectory / kConsentFileName;
   std::error_code error;
@@ -123,6 +175,14 @@ Reporting::Result Reporting::start(StartOptions options) {
   if (s.started) return failure("already started");
   if (options.bundleIdentifier.empty()) return failure("no bundle identifier");
   if (auto invalid = invalidLimits(options)) return failure(*invalid);
+  // The configuration as it will be, checked before anything changes.
+  KVNConfiguration::Snapshot configuration = *KVNConfiguration::sharedInstance().snapshot();
+  if (options.configure) options.configure(configuration);
+  if (configuration.beacons.beaconEndpoint && !configuration.beacons.beaconEndpoint->empty()) {
+    if (auto invalid = invalidEndpoint(*configuration.beacons.beaconEndpoint)) {
+      return failure(*invalid);
+    }
+  }
   fs::path directory = options.dataDirectory.empty()
                            ? defaultDataDirectory(options.bundleIdentifier)
                            : options.dataDirectory;
@@ -144,7 +204,8 @@ Reporting::Result Reporting::start(StartOptions options) {
 
   platform::setMainBundleIdentifier(options.bundleIdentifier);
   if (!options.appVersion.empty()) KVNConfiguration::setAppShortVersion(options.appVersion);
-  if (options.configure) KVNConfiguration::sharedInstance().update(options.configure);
+  const std::vector<std::string> warnings = deliveryWarnings(configuration);
+  KVNConfiguration::sharedInstance().replace(std::move(configuration));
   KVRBeacon::registerRequestRestorer();
 
   // Whatever executor was in use before start goes; beacons an earlier run
@@ -152,15 +213,19 @@ Reporting::Result Reporting::start(StartOptions options) {
   KVRBeacon::setBackgroundSession(nullptr);
   Result result;
   result.ok = true;
+  auto warn = [&result](const std::string& warning) {
+    logger().log(platform::LogLevel::Error, "started, but " + warning);
+    result.warning += (result.warning.empty() ? "" : "; ") + warning;
+  };
+  for (const auto& warning : warnings) warn(warning);
   if (!s.optedOut) {
     auto durable =
         std::dynamic_pointer_cast<platform::DurableRequestExecutor>(ensureExecutor(s));
     if (durable && !durable->stats().durable) {
       result.durable = false;
-      result.warning = "beacons cannot be stored in " + durable->directory().string() +
-                       ": they are kept in memory only, and lost if the process ends before "
-                       "they are delivered";
-      logger().log(platform::LogLevel::Error, "started, but " + result.warning);
+      warn("beacons cannot be stored in " + durable->directory().string() +
+           ": they are kept in memory only, and lost if the process ends before they are "
+           "delivered");
     }
   }
   KVRBeacon::setReportingAllowed(!s.optedOut);

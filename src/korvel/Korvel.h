@@ -143,9 +143,11 @@ class KORVEL_EXPORT Reporting {
     // False when started but beacons cannot be stored in the data directory
     // (the library's store could not be opened there: the folder is refused,
     // another process holds it, the disk is full, ...): they are delivered
-    // from memory only, and lost if the process ends first. warning says
-    // why; the same text is logged once.
+    // from memory only, and lost if the process ends first.
     bool durable = true;
+    // When started, what keeps beacons from being stored or sent ("; "
+    // between several): not durable, no beacon endpoint, no inid. Each is
+    // logged once too. Empty when all is well.
     std::string warning;
     explicit operator bool() const { return ok; }
   };
@@ -154,8 +156,11 @@ class KORVEL_EXPORT Reporting {
   // user's consent, applies the configuration and starts delivery (a start
   // that finds beacons of an earlier run delivers them, unless the user has
   // opted out). Fails, changing nothing, without a bundle identifier, with a
-  // limit outside its range, when the data directory cannot be made, or when
-  // already started.
+  // limit outside its range, with a beacon endpoint that is not an http or
+  // https URL with a host or names a placeholder other than {inid},
+  // {appversion} and {devicemodel}, when the data directory cannot be made,
+  // or when already started. Without an endpoint or an inid it starts, and
+  // says so in the result's warning.
   static Result start(StartOptions options);
   static bool started();
 

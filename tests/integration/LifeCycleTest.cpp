@@ -167,6 +167,58 @@ TEST_F(LifeCycleTest, AReportRacingShutdownIsHandedOverBeforeItOrNotAtAll) {
   EXPECT_EQ(libraryThreads(), 0u);
 }
 
+// MARK: - Configuration
+
+TEST_F(LifeCycleTest, StartChecksTheConfigurationAndSaysWhatIsWrong) {
+  struct Case {
+    const char* name;
+    std::optional<std::string> endpoint;
+    std::optional<std::string> inid;
+    bool ok;
+    const char* says;  // in the error, or the warning when ok
+  };
+  const Case cases[] = {
+      {"not a URL", "not a url", "INID", false, "is not an http or https URL with a host"},
+      {"another scheme", "ftp://beacons.test/b/{inid}", "INID", false, "not an http or https"},
+      {"no host", "https:///b/{inid}", "INID", false, "not an http or https"},
+      {"an unknown placeholder", "https://beacons.test/b/{inid}/{bundle}", "INID", false,
+       "unknown placeholder {bundle}"},
+      {"an unclosed placeholder", "https://beacons.test/b/{inid", "INID", false,
+       "unknown placeholder {inid"},
+      {"all is well", "HTTPS://beacons.test/b/{inid}/{appversion}/{devicemodel}?k=v", "INID",
+       true, ""},
+      {"no endpoint", std::nullopt, "INID", true, "no beacon endpoint"},
+      {"no inid", "https://beacons.test/b/{inid}", std::nullopt, true, "no inid"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    env_.logs().clear();
+    const auto before = *KVNConfiguration::sharedInstance().snapshot();
+    auto o = options();
+    o.configure = [&c](KVNConfiguration::Snapshot& s) {
+      s.beacons.beaconEndpoint = c.endpoint;
+      s.inid = c.inid;
+    };
+    const auto started = Reporting::start(o);
+    EXPECT_EQ(bool(started), c.ok) << started.error;
+    const std::string& said = c.ok ? started.warning : started.error;
+    EXPECT_NE(said.find(c.says), std::string::npos) << said;
+    if (c.ok) {
+      EXPECT_EQ(started.warning.empty(), std::string(c.says).empty()) << started.warning;
+      EXPECT_EQ(logLines("started, but"), std::string(c.says).empty() ? 0u : 1u);
+      EXPECT_EQ(KVNConfiguration::sharedInstance().snapshot()->beacons.beaconEndpoint, c.endpoint);
+    } else {
+      // Nothing changed: not started, the configuration as it was.
+      EXPECT_FALSE(Reporting::started());
+      EXPECT_EQ(KVNConfiguration::sharedInstance().snapshot()->beacons.beaconEndpoint,
+                before.beacons.beaconEndpoint);
+      EXPECT_EQ(logLines(c.says), 1u);
+    }
+    Reporting::shutdown(0ms);
+    KVNConfiguration::sharedInstance().replace(before);
+  }
+}
+
 // MARK: - Limits
 
 TEST_F(LifeCycleTest, LimitsOutsideTheirRangeAreAStartError) {
