@@ -38,6 +38,8 @@ struct State {
   uint64_t maxStoredBytes KORVEL_GUARDED_BY(mutex) = 0;
   std::chrono::seconds maxBeaconAge KORVEL_GUARDED_BY(mutex){0};
   int sendConcurrency KORVEL_GUARDED_BY(mutex) = 0;
+  // Whether start() installed the host's log sink (shutdown removes it).
+  bool hostLog KORVEL_GUARDED_BY(mutex) = false;
   // Read without the mutex by optedOut().
   std::atomic<bool> optedOut{false};
 };
@@ -169,10 +171,10 @@ bool persistConsent(State& s, bool optedOut) KORVEL_REQUIRES(s.mutex) {
 
 }  // namespace
 
-Reporting::Result Reporting::start(StartOptions options) {
-  State& s = state();
-  MutexLock lock(s.mutex);
-  if (s.started) return failure("already started");
+namespace {
+
+Reporting::Result startLocked(State& s, Reporting::StartOptions& options)
+    KORVEL_REQUIRES(s.mutex) {
   if (options.bundleIdentifier.empty()) return failure("no bundle identifier");
   if (auto invalid = invalidLimits(options)) return failure(*invalid);
   // The configuration as it will be, checked before anything changes.
@@ -184,7 +186,7 @@ Reporting::Result Reporting::start(StartOptions options) {
     }
   }
   fs::path directory = options.dataDirectory.empty()
-                           ? defaultDataDirectory(options.bundleIdentifier)
+                           ? Reporting::defaultDataDirectory(options.bundleIdentifier)
                            : options.dataDirectory;
   if (directory.empty()) return failure("no data directory (no home directory)");
   std::error_code error;
@@ -211,7 +213,7 @@ Reporting::Result Reporting::start(StartOptions options) {
   // Whatever executor was in use before start goes; beacons an earlier run
   // left are delivered now, unless the user opted out.
   KVRBeacon::setBackgroundSession(nullptr);
-  Result result;
+  Reporting::Result result;
   result.ok = true;
   auto warn = [&result](const std::string& warning) {
     logger().log(platform::LogLevel::Error, "started, but " + warning);
@@ -233,6 +235,21 @@ Reporting::Result Reporting::start(StartOptions options) {
   s.userSession = options.startUserSession;
   if (s.userSession) KVRUserSession::load();
   s.started = true;
+  return result;
+}
+
+}  // namespace
+
+Reporting::Result Reporting::start(StartOptions options) {
+  State& s = state();
+  MutexLock lock(s.mutex);
+  if (s.started) return failure("already started");
+  // First, so that start's own lines reach the host's sink.
+  const bool hostLog = static_cast<bool>(options.logCallback);
+  if (hostLog) platform::setLogCallback(options.logLevel, options.logCallback);
+  Result result = startLocked(s, options);
+  if (!result && hostLog) platform::setLogCallback(platform::LogLevel::Default, nullptr);
+  if (result) s.hostLog = hostLog;
   return result;
 }
 
@@ -280,6 +297,8 @@ bool Reporting::shutdown(std::chrono::milliseconds deadline) {
   // was not delivered for the next start; none is made again until start().
   KVRBeacon::closeBackgroundSession();
   s.hostExecutor.reset();
+  if (s.hostLog) platform::setLogCallback(platform::LogLevel::Default, nullptr);
+  s.hostLog = false;
   s.started = false;
   s.userSession = false;
   return delivered;

@@ -63,6 +63,7 @@
 #include <korvel/foundation/KVRParameters.h>
 #include <korvel/platform/Application.h>
 #include <korvel/platform/Env.h>
+#include <korvel/platform/Logging.h>
 #include <korvel/platform/NotificationCenter.h>
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRBeaconTypes.h>
@@ -135,6 +136,15 @@ class KORVEL_EXPORT Reporting {
     std::chrono::seconds maxBeaconAge = std::chrono::hours(24 * 7);  // 1 minute to 366 days
     // Beacons sent at once, each by a thread with its own connection.
     int sendConcurrency = 4;  // 1 to 32
+
+    // The host's log sink; null: the library's lines go to standard error
+    // (KORVEL_LOG_LEVEL picks the level there). Lines below logLevel are not
+    // passed on. Set first thing in start(), so that start's own lines reach
+    // it, and removed when start fails or shutdown() returns. Called on the
+    // thread that logs (any thread): it must not block for long nor call
+    // into the library.
+    platform::LogCallback logCallback;
+    platform::LogLevel logLevel = platform::LogLevel::Default;
   };
 
   struct Result {

@@ -219,6 +219,48 @@ TEST_F(LifeCycleTest, StartChecksTheConfigurationAndSaysWhatIsWrong) {
   }
 }
 
+// MARK: - The host's log sink
+
+TEST_F(LifeCycleTest, TheHostsLogSinkGetsTheLibrarysLinesFromItsLevelUpUntilShutdown) {
+  std::mutex mutex;
+  std::vector<std::string> lines;  // "category: message"
+  auto o = options();
+  o.logLevel = platform::LogLevel::Error;
+  o.logCallback = [&](platform::LogLevel, std::string_view category, std::string_view message) {
+    std::lock_guard lock(mutex);
+    lines.push_back(std::string(category) + ": " + std::string(message));
+  };
+  auto taken = [&] {
+    std::lock_guard lock(mutex);
+    return std::exchange(lines, {});
+  };
+  const platform::Logger logger("com.korvel.tests", "Test");
+
+  // A start that fails says why to the host's sink, then lets it go.
+  auto bad = o;
+  bad.configure = [](KVNConfiguration::Snapshot& c) { c.beacons.beaconEndpoint = "not a url"; };
+  EXPECT_FALSE(Reporting::start(bad));
+  const auto failed = taken();
+  ASSERT_EQ(failed.size(), 1u);
+  EXPECT_NE(failed[0].find("cannot start: the beacon endpoint"), std::string::npos) << failed[0];
+  EXPECT_EQ(logLines("cannot start"), 0u);
+  logger.log(platform::LogLevel::Error, "after a failed start");
+  EXPECT_TRUE(taken().empty());
+  EXPECT_EQ(logLines("after a failed start"), 1u);
+
+  ASSERT_TRUE(Reporting::start(o));
+  logger.log(platform::LogLevel::Info, "below the level");
+  logger.log(platform::LogLevel::Error, "at the level");
+  EXPECT_EQ(taken(), std::vector<std::string>{"Test: at the level"});
+  EXPECT_EQ(logLines("below the level") + logLines("at the level"), 0u);
+
+  Reporting::shutdown(0ms);
+  taken();
+  logger.log(platform::LogLevel::Error, "after shutdown");
+  EXPECT_TRUE(taken().empty());
+  EXPECT_EQ(logLines("after shutdown"), 1u);
+}
+
 // MARK: - Limits
 
 TEST_F(LifeCycleTest, LimitsOutsideTheirRangeAreAStartError) {
