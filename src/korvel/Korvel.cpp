@@ -274,25 +274,66 @@ std::optional<fs::path> Reporting::dataDirectory() {
 
 namespace {
 
+// What the library's executor had delivered and dropped when a flush or
+// shutdown last answered: the next answer counts from there.
+struct Counted {
+  Mutex mutex;
+  std::weak_ptr<KVNNetworkBackgroundRequestExecutor> executor KORVEL_GUARDED_BY(mutex);
+  uint64_t delivered KORVEL_GUARDED_BY(mutex) = 0;
+  uint64_t dropped KORVEL_GUARDED_BY(mutex) = 0;
+};
+
+Counted& counted() {
+  static auto* c = new Counted;
+  return *c;
+}
+
 // While the user is opted out the executor is held: a flush answers false at
 // once when kept beacons wait, and still waits for the store's last sync.
-bool flushExecutor(std::chrono::milliseconds deadline) {
+Reporting::DeliveryResult flushExecutor(std::chrono::milliseconds deadline) {
+  Reporting::DeliveryResult result;
   auto executor = KVRBeacon::existingBackgroundSession();
-  if (!executor) return true;
-  return executor->flush(deadline);
+  if (!executor) {
+    result.ok = true;
+    return result;
+  }
+  const bool flushed = executor->flush(deadline);
+  // A host's own executor gives no figures: its flush is the answer.
+  if (auto durable = std::dynamic_pointer_cast<platform::DurableRequestExecutor>(executor)) {
+    const auto stats = durable->stats();
+    const uint64_t dropped = stats.droppedByServer + stats.droppedOverCap + stats.droppedTooOld +
+                             stats.droppedOversize + stats.droppedUnreadable;
+    Counted& c = counted();
+    MutexLock lock(c.mutex);
+    // Another executor than last time (a new start): it counts from zero.
+    if (c.executor.owner_before(executor) || executor.owner_before(c.executor)) {
+      c.executor = executor;
+      c.delivered = 0;
+      c.dropped = 0;
+    }
+    result.delivered = stats.delivered - c.delivered;
+    result.dropped = dropped - c.dropped;
+    result.pending = stats.waiting;
+    c.delivered = stats.delivered;
+    c.dropped = dropped;
+  }
+  result.ok = flushed && result.pending == 0 && result.dropped == 0;
+  return result;
 }
 
 }  // namespace
 
-bool Reporting::flush(std::chrono::milliseconds deadline) { return flushExecutor(deadline); }
+Reporting::DeliveryResult Reporting::flush(std::chrono::milliseconds deadline) {
+  return flushExecutor(deadline);
+}
 
-bool Reporting::shutdown(std::chrono::milliseconds deadline) {
+Reporting::DeliveryResult Reporting::shutdown(std::chrono::milliseconds deadline) {
   State& s = state();
   MutexLock lock(s.mutex);
   // Waits for report calls in progress: what they hand over is flushed too.
   KVRBeacon::setReportingAllowed(false);
   if (s.userSession) KVRUserSession::unload();
-  const bool delivered = flushExecutor(deadline);
+  const DeliveryResult delivered = flushExecutor(deadline);
   // The durable executor stops here (its last reference goes), keeping what
   // was not delivered for the next start; none is made again until start().
   KVRBeacon::closeBackgroundSession();

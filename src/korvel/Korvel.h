@@ -49,6 +49,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -180,11 +181,24 @@ class KORVEL_EXPORT Reporting {
   // The data directory in use; nothing when not started.
   static std::optional<std::filesystem::path> dataDirectory();
 
+  // What flush and shutdown answer: true when every beacon reported so far
+  // was delivered, with the figures since the previous answer (or start):
+  // how many were delivered, how many dropped (refused by the collector,
+  // retries used up, over a limit, too old) and how many still wait. With
+  // the host's own executor only ok is known (its flush's answer).
+  struct DeliveryResult {
+    bool ok = false;  // nothing pending, nothing dropped
+    uint64_t delivered = 0;
+    uint64_t dropped = 0;
+    uint64_t pending = 0;
+    explicit operator bool() const { return ok; }
+  };
+
   // Waits until every beacon reported so far has been delivered or given up
-  // (and the store has recorded it), or the deadline passes; true when
-  // nothing is left pending. True at once when nothing was ever sent. While
-  // the user is opted out it does not wait: kept beacons stay pending.
-  static bool flush(std::chrono::milliseconds deadline);
+  // (and the store has recorded it), or the deadline passes. True at once
+  // when nothing was ever sent. While the user is opted out it does not
+  // wait: kept beacons stay pending.
+  static DeliveryResult flush(std::chrono::milliseconds deadline);
 
   // flush(deadline), then stops delivery and the user session. Beacons not
   // delivered by then stay stored for the next start. A report call racing
@@ -192,8 +206,8 @@ class KORVEL_EXPORT Reporting {
   // or returns nothing; reports made after it return nothing, send nothing
   // and start no thread. When it returns, none of the library's threads is
   // left (the host's own executor, if it gave one, is the host's). True when
-  // everything was delivered.
-  static bool shutdown(std::chrono::milliseconds deadline);
+  // everything was delivered; pending beacons are kept for the next start.
+  static DeliveryResult shutdown(std::chrono::milliseconds deadline);
 
   enum class PendingBeacons {
     Keep,   // stored, unsent, until the user opts in again

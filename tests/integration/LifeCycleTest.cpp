@@ -9,6 +9,7 @@
 #include <mutex>
 #include <thread>
 
+#include "collector/BeaconCollector.h"
 #include <korvel/Korvel.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include "support/TestEnv.h"
@@ -259,6 +260,52 @@ TEST_F(LifeCycleTest, TheHostsLogSinkGetsTheLibrarysLinesFromItsLevelUpUntilShut
   logger.log(platform::LogLevel::Error, "after shutdown");
   EXPECT_TRUE(taken().empty());
   EXPECT_EQ(logLines("after shutdown"), 1u);
+}
+
+// MARK: - What flush and shutdown answer
+
+TEST_F(LifeCycleTest, FlushAndShutdownTellDeliveredFromDroppedFromPending) {
+  tools::BeaconCollector collector;
+  ASSERT_TRUE(collector.start());
+  auto o = options();
+  const std::string endpoint = collector.baseURL() + "/b/{inid}/{appversion}/{devicemodel}";
+  o.configure = [&](KVNConfiguration::Snapshot& c) { c.beacons.beaconEndpoint = endpoint; };
+  ASSERT_TRUE(Reporting::start(o));
+  auto report = [](int n) {
+    for (int i = 0; i < n; ++i) {
+      ASSERT_TRUE(KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"type", "share"}}));
+    }
+  };
+  struct Expected {
+    bool ok;
+    uint64_t delivered, dropped, pending;
+  };
+  auto expect = [](const Reporting::DeliveryResult& r, Expected e) {
+    EXPECT_EQ(bool(r), e.ok);
+    EXPECT_EQ(r.delivered, e.delivered);
+    EXPECT_EQ(r.dropped, e.dropped);
+    EXPECT_EQ(r.pending, e.pending);
+  };
+
+  {
+    SCOPED_TRACE("one of three refused with 404");
+    collector.failNext(1, 404);
+    report(3);
+    expect(Reporting::flush(20s), {false, 2, 1, 0});
+  }
+  {
+    SCOPED_TRACE("counted from the previous answer");
+    report(2);
+    expect(Reporting::flush(20s), {true, 2, 0, 0});
+  }
+  {
+    SCOPED_TRACE("the collector failing: still pending");
+    collector.failNext(100, 503);
+    report(1);
+    expect(Reporting::flush(300ms), {false, 0, 0, 1});
+    expect(Reporting::shutdown(0ms), {false, 0, 0, 1});
+  }
+  collector.stop();
 }
 
 // MARK: - Limits
