@@ -38,6 +38,7 @@ struct State {
   uint64_t maxStoredBytes KORVEL_GUARDED_BY(mutex) = 0;
   std::chrono::seconds maxBeaconAge KORVEL_GUARDED_BY(mutex){0};
   int sendConcurrency KORVEL_GUARDED_BY(mutex) = 0;
+  std::function<void(const Reporting::DeliveryEvent&)> deliveryObserver KORVEL_GUARDED_BY(mutex);
   // Whether start() installed the host's log sink (shutdown removes it).
   bool hostLog KORVEL_GUARDED_BY(mutex) = false;
   // Read without the mutex by optedOut().
@@ -69,6 +70,21 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s)
     options.maxStoredBytes = s.maxStoredBytes;
     options.maxAge = s.maxBeaconAge;
     options.concurrency = s.sendConcurrency;
+    if (s.deliveryObserver) {
+      options.observer = [observer = s.deliveryObserver](
+                             const platform::DurableRequestExecutor::Event& event) {
+        using From = platform::DurableRequestExecutor::Event::Outcome;
+        using To = Reporting::DeliveryEvent::Outcome;
+        Reporting::DeliveryEvent out;
+        out.outcome = event.outcome == From::Delivered   ? To::Delivered
+                      : event.outcome == From::WillRetry ? To::WillRetry
+                                                         : To::Dropped;
+        out.reason = event.reason;
+        out.beaconUUID = event.uuid;
+        out.count = event.count;
+        observer(out);
+      };
+    }
     executor = std::make_shared<platform::DurableRequestExecutor>(
         s.bundleIdentifier + ".backgroundBeacons", std::move(options));
   } else if (s.optedOut.load()) {
@@ -202,6 +218,7 @@ Reporting::Result startLocked(State& s, Reporting::StartOptions& options)
   s.maxStoredBytes = options.maxStoredBytes;
   s.maxBeaconAge = options.maxBeaconAge;
   s.sendConcurrency = options.sendConcurrency;
+  s.deliveryObserver = options.deliveryObserver;
   s.optedOut = fs::exists(directory / kConsentFileName, error);
 
   platform::setMainBundleIdentifier(options.bundleIdentifier);
@@ -338,6 +355,7 @@ Reporting::DeliveryResult Reporting::shutdown(std::chrono::milliseconds deadline
   // was not delivered for the next start; none is made again until start().
   KVRBeacon::closeBackgroundSession();
   s.hostExecutor.reset();
+  s.deliveryObserver = nullptr;
   if (s.hostLog) platform::setLogCallback(platform::LogLevel::Default, nullptr);
   s.hostLog = false;
   s.started = false;

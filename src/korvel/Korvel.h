@@ -106,6 +106,20 @@ class KORVEL_EXPORT Reporting {
  public:
   Reporting() = delete;
 
+  // What became of beacons, for StartOptions::deliveryObserver.
+  struct DeliveryEvent {
+    enum class Outcome { Delivered, WillRetry, Dropped };
+    Outcome outcome = Outcome::Delivered;
+    // The collector's answer ("HTTP 204", "refused with HTTP 404", "retries
+    // used up, the last HTTP 500", a transport error) or the limit that
+    // dropped it.
+    std::string reason;
+    // The beacon's uuid when it was sent; empty for the limits' drops, which
+    // come summed (count).
+    std::string beaconUUID;
+    uint64_t count = 1;
+  };
+
   struct StartOptions {
     // Required: the host's reverse-DNS name ("com.example.app"). It names
     // the data directory, the log subsystem and the delivery session.
@@ -146,6 +160,13 @@ class KORVEL_EXPORT Reporting {
     // into the library.
     platform::LogCallback logCallback;
     platform::LogLevel logLevel = platform::LogLevel::Default;
+
+    // Told what became of each beacon the library's executor sent
+    // (delivered, will be retried, dropped) and of those its limits dropped;
+    // called on a delivery thread, without the library's locks: it must not
+    // block for long. Not called for purged beacons, nor with the host's own
+    // executor.
+    std::function<void(const DeliveryEvent&)> deliveryObserver;
   };
 
   struct Result {

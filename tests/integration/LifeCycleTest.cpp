@@ -308,6 +308,39 @@ TEST_F(LifeCycleTest, FlushAndShutdownTellDeliveredFromDroppedFromPending) {
   collector.stop();
 }
 
+TEST_F(LifeCycleTest, TheDeliveryObserverHearsOfEachBeaconWithItsUUID) {
+  tools::BeaconCollector collector;
+  ASSERT_TRUE(collector.start());
+  std::mutex mutex;
+  std::vector<std::string> heard;
+  auto o = options();
+  const std::string endpoint = collector.baseURL() + "/b/{inid}/{appversion}/{devicemodel}";
+  o.configure = [&](KVNConfiguration::Snapshot& c) { c.beacons.beaconEndpoint = endpoint; };
+  o.sendConcurrency = 1;  // in order
+  o.deliveryObserver = [&](const Reporting::DeliveryEvent& e) {
+    using Outcome = Reporting::DeliveryEvent::Outcome;
+    std::lock_guard lock(mutex);
+    heard.push_back(std::string(e.outcome == Outcome::Delivered   ? "delivered "
+                                : e.outcome == Outcome::WillRetry ? "will retry "
+                                                                  : "dropped ") +
+                    e.beaconUUID + " " + e.reason);
+  };
+  ASSERT_TRUE(Reporting::start(o));
+  collector.failNext(1, 404);
+  std::vector<std::string> uuids;
+  for (int i = 0; i < 3; ++i) {
+    auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"type", "share"}});
+    ASSERT_TRUE(uuid);
+    uuids.push_back(*uuid);
+  }
+  EXPECT_FALSE(Reporting::shutdown(20s));  // one was dropped
+  std::lock_guard lock(mutex);
+  EXPECT_EQ(heard, (std::vector<std::string>{"dropped " + uuids[0] + " refused with HTTP 404",
+                                             "delivered " + uuids[1] + " HTTP 204",
+                                             "delivered " + uuids[2] + " HTTP 204"}));
+  collector.stop();
+}
+
 // MARK: - Limits
 
 TEST_F(LifeCycleTest, LimitsOutsideTheirRangeAreAStartError) {

@@ -751,5 +751,53 @@ TEST_F(DurableRequestExecutorTest, AcrossRestartsAgeComesFromAClockThatNeverRuns
   }
 }
 
+// MARK: - The observer
+
+std::string describeEvent(const DurableRequestExecutor::Event& e) {
+  using Outcome = DurableRequestExecutor::Event::Outcome;
+  const char* outcome = e.outcome == Outcome::Delivered   ? "delivered"
+                        : e.outcome == Outcome::WillRetry ? "will retry"
+                                                          : "dropped";
+  return std::string(outcome) + " [" + e.uuid + "] " + e.reason + " x" + std::to_string(e.count);
+}
+
+TEST_F(DurableRequestExecutorTest, TheObserverIsToldWhatBecameOfEachRequest) {
+  std::mutex mutex;
+  std::vector<std::string> seen;
+  auto o = options();
+  o.concurrency = 1;  // in order
+  o.observer = [&](const DurableRequestExecutor::Event& e) {
+    std::lock_guard lock(mutex);
+    seen.push_back(describeEvent(e));
+  };
+  {
+    auto executor = start(o);
+    server_.script({FakeServer::status(204), FakeServer::status(404), FakeServer::status(503),
+                    FakeServer::status(204), FakeServer::status(500)});
+    executor->executeRequest(makeRequest("a?clientbeaconuuid=U1"));
+    ASSERT_TRUE(executor->flush(5s));
+    executor->executeRequest(makeRequest("b?clientbeaconuuid=U2&k=v"));
+    ASSERT_TRUE(executor->flush(5s));
+    executor->executeRequest(makeRequest("c?k=v&clientbeaconuuid=U3"));
+    ASSERT_TRUE(executor->flush(5s));
+    executor->executeRequest(makeRequest("d?clientbeaconuuid=U4", 1, 0, 0));
+    ASSERT_TRUE(executor->flush(5s));
+  }
+  EXPECT_THAT(seen, ElementsAre("delivered [U1] HTTP 204 x1", "dropped [U2] refused with HTTP 404 x1",
+                                "will retry [U3] HTTP 503 x1", "delivered [U3] HTTP 204 x1",
+                                "dropped [U4] retries used up, the last HTTP 500 x1"));
+
+  // The caps' drops come summed, without a uuid.
+  seen.clear();
+  o.directory = dir_ / "capped";
+  o.startPaused = true;
+  o.maxStoredRequests = 2;
+  auto executor = start(o);
+  for (const char* name : {"1", "2", "3", "4", "5"}) executor->executeRequest(makeRequest(name));
+  ASSERT_TRUE(executor->syncStore(5s));
+  std::lock_guard lock(mutex);
+  EXPECT_THAT(seen, ElementsAre("dropped [] over the stored requests' count or bytes x3"));
+}
+
 }  // namespace
 }  // namespace korvel::platform

@@ -145,10 +145,12 @@ void DurableRequestExecutor::settle(uint64_t id, DeliveryVerdict verdict,
   switch (verdict) {
     case DeliveryVerdict::Delivered:
       ++stats_.delivered;
+      observe(Event::Outcome::Delivered, describe(response), url);
       finish(it);
       return;
     case DeliveryVerdict::Drop:
       ++stats_.droppedByServer;
+      observe(Event::Outcome::Dropped, "refused with " + describe(response), url);
       logRepeated("dropped a request refused with " + describe(response) + ": GET " +
                   withoutQuery(url));
       finish(it);
@@ -156,6 +158,8 @@ void DurableRequestExecutor::settle(uint64_t id, DeliveryVerdict verdict,
     case DeliveryVerdict::Retry:
       if (++e.failures > e.retryCount) {
         ++stats_.droppedByServer;
+        observe(Event::Outcome::Dropped,
+                "retries used up, the last " + describe(response), url);
         logRepeated("dropped a request after " + std::to_string(e.failures) +
                     " failed attempts, the last " + describe(response) + ": GET " +
                     withoutQuery(url));
@@ -170,6 +174,7 @@ void DurableRequestExecutor::settle(uint64_t id, DeliveryVerdict verdict,
       }
       break;
   }
+  observe(Event::Outcome::WillRetry, describe(response), url);
   if (host >= 0) {
     hold(id, e, host);
     return;
@@ -179,6 +184,41 @@ void DurableRequestExecutor::settle(uint64_t id, DeliveryVerdict verdict,
   if (e.durable) whole_.erase(id);
   e.state = State::Waiting;
   waiting_.emplace(Clock::now() + delay, id);
+}
+
+void DurableRequestExecutor::observe(Event::Outcome outcome, std::string reason,
+                                     const std::string& url) {
+  if (!options_.observer) return;
+  Event event;
+  event.outcome = outcome;
+  event.reason = std::move(reason);
+  // The beacon's uuid, as its URL carries it.
+  constexpr std::string_view kKey = "clientbeaconuuid=";
+  const size_t query = url.find('?');
+  for (size_t at = query; at != std::string::npos && at + 1 < url.size();
+       at = url.find('&', at + 1)) {
+    if (url.compare(at + 1, kKey.size(), kKey) == 0) {
+      const size_t begin = at + 1 + kKey.size();
+      event.uuid = url.substr(begin, url.find('&', begin) - begin);
+      break;
+    }
+  }
+  events_.push_back(std::move(event));
+}
+
+void DurableRequestExecutor::deliverEvents() {
+  if (events_.empty()) return;
+  std::vector<Event> events;
+  events.swap(events_);
+  mutex_.unlock();
+  for (const Event& event : events) {
+    try {
+      options_.observer(event);
+    } catch (...) {
+      // The observer's failure is its own.
+    }
+  }
+  mutex_.lock();
 }
 
 void DurableRequestExecutor::logRepeated(const std::string& line) {
@@ -217,6 +257,8 @@ void DurableRequestExecutor::workerLoop() {
 
   mutex_.lock();
   while (!stopping_) {
+    deliverEvents();
+    if (stopping_) break;
     adoptHandoffs();
     const auto now = Clock::now();
     promoteDue(now);
@@ -313,6 +355,9 @@ void DurableRequestExecutor::workerLoop() {
         auto it = entries_.find(id);
         if (it != entries_.end()) {
           ++stats_.droppedOversize;
+          observe(Event::Outcome::Dropped, "URL longer than " +
+                                               std::to_string(options_.maxRequestBytes) +
+                                               " bytes", url);
           logRepeated("dropped a request whose URL has " + std::to_string(url.size()) +
                       " bytes: more than " + std::to_string(options_.maxRequestBytes) +
                       " bytes are never sent");
@@ -355,6 +400,7 @@ void DurableRequestExecutor::workerLoop() {
     --sleepingWorkers_;
     markAwake(wakeable);
   }
+  deliverEvents();
   mutex_.unlock();
 }
 

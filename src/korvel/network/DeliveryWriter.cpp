@@ -285,6 +285,21 @@ void DurableRequestExecutor::writerLoop() {
       saveClock(storeClockMillis());
     }
     for (const auto& line : repeatedLines) logger_.log(LogLevel::Error, line);
+    if (options_.observer && (overCap > 0 || tooOld > 0)) {
+      auto dropped = [this](uint64_t count, std::string reason) {
+        Event event;
+        event.outcome = Event::Outcome::Dropped;
+        event.reason = std::move(reason);
+        event.count = count;
+        try {
+          options_.observer(event);
+        } catch (...) {
+          // The observer's failure is its own.
+        }
+      };
+      if (overCap > 0) dropped(overCap, "over the stored requests' count or bytes");
+      if (tooOld > 0) dropped(tooOld, "older than the age cap");
+    }
     if (overCap > 0) {
       logger_.log(LogLevel::Error, "dropped the " + std::to_string(overCap) +
                                        " oldest requests: more than " +

@@ -108,6 +108,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -126,6 +127,17 @@ namespace korvel::platform {
 
 class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor {
  public:
+  // What became of requests, for an observer.
+  struct Event {
+    enum class Outcome : uint8_t { Delivered, WillRetry, Dropped };
+    Outcome outcome = Outcome::Delivered;
+    std::string reason;  // the answer ("HTTP 204", "HTTP 404", a transport error) or the cap
+    // The beacon's uuid (its URL's clientbeaconuuid) when the request was
+    // sent; empty for the caps' and the age's drops.
+    std::string uuid;
+    uint64_t count = 1;  // requests it stands for (the caps' drops come summed)
+  };
+
   struct Options {
     // Empty: defaultDirectory(sessionIdentifier).
     std::filesystem::path directory;
@@ -147,6 +159,11 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     bool startPaused = false;
     // Empty: libcurl (makeCurlTransport).
     DeliveryTransportFactory transport;
+    // Told what became of each request that was sent (delivered, will be
+    // retried, dropped) and of those the caps and the age dropped; called on
+    // a worker or the writer thread, without the executor's locks. Purged
+    // requests are not reported.
+    std::function<void(const Event&)> observer;
   };
 
   struct Stats {
@@ -285,6 +302,11 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   void settle(uint64_t id, DeliveryVerdict verdict, const DeliveryResponse& response,
               const std::string& url, double jitter, int host, bool probe) KORVEL_REQUIRES(mutex_);
   void logRepeated(const std::string& line) KORVEL_REQUIRES(mutex_);
+  // Queues an event for the observer (when there is one); deliverEvents
+  // hands the queued ones over with mutex_ let go meanwhile.
+  void observe(Event::Outcome outcome, std::string reason, const std::string& url)
+      KORVEL_REQUIRES(mutex_);
+  void deliverEvents() KORVEL_REQUIRES(mutex_);
   bool drained() const KORVEL_REQUIRES(mutex_);
 
   const std::string identifier_;
@@ -338,6 +360,7 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // Log lines written once and repeated since, by text.
   std::map<std::string, uint64_t> repeated_ KORVEL_GUARDED_BY(mutex_);
   Stats stats_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<Event> events_ KORVEL_GUARDED_BY(mutex_);
 
   // Taken after mutex_ when both are held.
   Mutex handoffMutex_ KORVEL_ACQUIRED_AFTER(mutex_);
