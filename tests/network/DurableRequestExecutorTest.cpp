@@ -799,5 +799,33 @@ TEST_F(DurableRequestExecutorTest, TheObserverIsToldWhatBecameOfEachRequest) {
   EXPECT_THAT(seen, ElementsAre("dropped [] over the stored requests' count or bytes x3"));
 }
 
+TEST_F(DurableRequestExecutorTest, RequestsHeldByTheConfigurationAreLoggedOncePerStretch) {
+  auto& configuration = KVNConfiguration::sharedInstance();
+  configuration.update([](auto& s) {
+    s.beacons.beaconEndpoint.reset();
+    s.inid = "INID";
+  });
+  auto holds = [this] {
+    size_t n = 0;
+    for (const auto& m : env_.logs().messages()) {
+      n += m.find("requests wait: the configuration") != std::string::npos;
+    }
+    return n;
+  };
+  auto executor = start(options());
+  for (const char* name : {"a", "b", "c"}) executor->executeRequest(makeRequest(name, 1, 2));
+  EXPECT_FALSE(executor->flush(300ms));  // workers look again and again meanwhile
+  EXPECT_EQ(holds(), 1u);
+  EXPECT_TRUE(logged("3 requests wait: the configuration has no beacon endpoint or no inid"));
+
+  configuration.setBeaconEndpoint("http://fake/{inid}");
+  ASSERT_TRUE(executor->flush(5s));
+  // Taken away again: a new stretch, a new line.
+  configuration.update([](auto& s) { s.beacons.beaconEndpoint.reset(); });
+  executor->executeRequest(makeRequest("d", 1, 2));
+  EXPECT_FALSE(executor->flush(300ms));
+  EXPECT_EQ(holds(), 2u);
+}
+
 }  // namespace
 }  // namespace korvel::platform

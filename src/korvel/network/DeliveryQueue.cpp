@@ -168,7 +168,12 @@ bool DurableRequestExecutor::pickReady(uint64_t& id) {
       best = &first;
       bestBucket = b;
     }
-    if (best == nullptr) return false;
+    if (best == nullptr) {
+      noteHeldByPolicy();
+      return false;
+    }
+    // Its policy lets it go: the next hold is worth a line again.
+    if (bestBucket != 0) policyHoldLogged_ &= static_cast<uint8_t>(~(1u << bestBucket));
     id = best->second;
     ready_[bestBucket].erase(ready_[bestBucket].begin());
     refreshKeepWhole();
@@ -179,6 +184,20 @@ bool DurableRequestExecutor::pickReady(uint64_t& id) {
       continue;
     }
     return true;
+  }
+}
+
+void DurableRequestExecutor::noteHeldByPolicy() {
+  for (int b = 1; b < 3; ++b) {
+    const uint8_t bit = static_cast<uint8_t>(1u << b);
+    if (ready_[b].empty() || (policyHoldLogged_ & bit) != 0 || KVNConfigurationPolicySatisfied(b)) {
+      continue;
+    }
+    policyHoldLogged_ |= bit;
+    logger_.log(LogLevel::Error,
+                std::to_string(ready_[b].size()) + " requests wait: the configuration " +
+                    (b == 2 ? "has no beacon endpoint or no inid" : "is not configured") +
+                    "; they go out once it allows (said once until then)");
   }
 }
 

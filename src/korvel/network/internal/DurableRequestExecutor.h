@@ -295,6 +295,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   bool pickProbe(std::chrono::steady_clock::time_point now, uint64_t& id, int& host)
       KORVEL_REQUIRES(mutex_);
   bool pickReady(uint64_t& id) KORVEL_REQUIRES(mutex_);
+  // Logs, once per stretch, that ready requests wait for their
+  // configuration policy (an endpoint and an inid, or a configuration).
+  void noteHeldByPolicy() KORVEL_REQUIRES(mutex_);
   int hostIndex(const std::string& name) KORVEL_REQUIRES(mutex_);
   void hostFailed(int host, bool probe, const DeliveryResponse& response, double jitter)
       KORVEL_REQUIRES(mutex_);
@@ -361,6 +364,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   std::map<std::string, uint64_t> repeated_ KORVEL_GUARDED_BY(mutex_);
   Stats stats_ KORVEL_GUARDED_BY(mutex_);
   std::vector<Event> events_ KORVEL_GUARDED_BY(mutex_);
+  // Policy buckets whose hold was logged (bit per bucket), until one of their
+  // requests goes out.
+  uint8_t policyHoldLogged_ KORVEL_GUARDED_BY(mutex_) = 0;
 
   // Taken after mutex_ when both are held.
   Mutex handoffMutex_ KORVEL_ACQUIRED_AFTER(mutex_);
