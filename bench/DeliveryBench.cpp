@@ -21,6 +21,11 @@
 //                    Delays are scaled down ten times (retry base 100 ms,
 //                    cap 30 s, outage 6 s): the attempts are those of a 60 s
 //                    outage with the default delays (1 s, 5 min).
+//   RestoredMemory   resident memory of a process that queued N beacons
+//                    (delivery paused, store synced) against that of a fresh
+//                    process that restored them, each in a child process of
+//                    its own: rss_* all resident memory, anon_* the heap
+//                    alone (without mapped journal pages), in MiB.
 //   CraftedSegment   recovery time of a 1 MiB segment made of frame headers
 //                    that each claim a long body with a bad checksum, and how
 //                    long the executor takes to shut down during it.
@@ -29,12 +34,14 @@
 #include <benchmark/benchmark.h>
 
 #include <fcntl.h>
+#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
 #include <cstring>
 #include <fstream>
+#include <functional>
 #include <thread>
 #include <deque>
 #include <filesystem>
@@ -389,6 +396,78 @@ void CraftedSegment(benchmark::State& state) {
   state.counters["shutdown_ms"] = shutdownMillis;
 }
 BENCHMARK(CraftedSegment)->Iterations(1)->Repetitions(3)->UseManualTime()->Unit(benchmark::kMillisecond);
+
+// VmRSS and RssAnon (the heap, without mapped journal pages) of this
+// process, in MiB.
+std::pair<double, double> residentAndAnonMiB() {
+  std::ifstream status("/proc/self/status");
+  std::string line;
+  double rss = 0, anon = 0;
+  while (std::getline(status, line)) {
+    if (line.starts_with("VmRSS:")) rss = std::stod(line.substr(6)) / 1024;
+    if (line.starts_with("RssAnon:")) anon = std::stod(line.substr(8)) / 1024;
+  }
+  return {rss, anon};
+}
+
+// Runs body in a child process and gives back the figures it measured.
+std::pair<double, double> inChild(const std::function<std::pair<double, double>()>& body) {
+  int fds[2];
+  if (::pipe(fds) != 0) return {0, 0};
+  const pid_t pid = ::fork();
+  if (pid == 0) {
+    ::close(fds[0]);
+    const auto figures = body();
+    const double out[2] = {figures.first, figures.second};
+    [[maybe_unused]] const auto written = ::write(fds[1], out, sizeof out);
+    ::_exit(0);
+  }
+  ::close(fds[1]);
+  double in[2] = {0, 0};
+  if (pid < 0 || ::read(fds[0], in, sizeof in) != static_cast<ssize_t>(sizeof in)) in[0] = in[1] = 0;
+  ::close(fds[0]);
+  if (pid > 0) ::waitpid(pid, nullptr, 0);
+  return {in[0], in[1]};
+}
+
+// Arg: beacons queued, then restored.
+void RestoredMemory(benchmark::State& state) {
+  const int queued = static_cast<int>(state.range(0));
+  std::pair<double, double> queuing, restoring;
+  for (auto _ : state) {
+    const fs::path dir = temporaryDirectory();
+    queuing = inChild([&] {
+      configure(9);
+      auto o = storeOptions(dir);
+      o.startPaused = true;
+      auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
+      KVRBeacon::setBackgroundSession(executor);
+      const KVRParameters parameters = userEvent(20);
+      for (int i = 0; i < queued; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
+      executor->syncStore(std::chrono::minutes(10));
+      return residentAndAnonMiB();
+    });
+    restoring = inChild([&] {
+      configure(9);
+      auto o = storeOptions(dir);
+      o.startPaused = true;
+      auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
+      KVRBeacon::setBackgroundSession(executor);
+      // Returns once everything stored is restored.
+      executor->syncStore(std::chrono::minutes(10));
+      if (executor->stats().restored != static_cast<uint64_t>(queued)) return std::pair{0.0, 0.0};
+      return residentAndAnonMiB();
+    });
+    std::error_code ec;
+    fs::remove_all(dir, ec);
+  }
+  state.counters["queue_rss_mib"] = queuing.first;
+  state.counters["queue_anon_mib"] = queuing.second;
+  state.counters["restore_rss_mib"] = restoring.first;
+  state.counters["restore_anon_mib"] = restoring.second;
+  state.counters["restore_over_queue"] = queuing.first > 0 ? restoring.first / queuing.first : 0;
+}
+BENCHMARK(RestoredMemory)->Arg(200'000)->Arg(1'000'000)->Iterations(1)->Unit(benchmark::kMillisecond);
 
 }  // namespace
 

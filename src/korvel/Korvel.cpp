@@ -1,11 +1,17 @@
 #include <korvel/Korvel.h>
 
+#include <algorithm>
 #include <atomic>
+#include <cctype>
+#include <iterator>
 #include <span>
+#include <string_view>
+#include <vector>
 #include <system_error>
 
 #include <korvel/foundation/Mutex.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
+#include <korvel/foundation/URLComponents.h>
 #include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>
 
@@ -27,6 +33,14 @@ struct State {
   fs::path dataDirectory KORVEL_GUARDED_BY(mutex);
   // The host's own executor, when it gave one.
   std::shared_ptr<KVNNetworkBackgroundRequestExecutor> hostExecutor KORVEL_GUARDED_BY(mutex);
+  // The limits start() was given, for the library's executor.
+  size_t maxStoredBeacons KORVEL_GUARDED_BY(mutex) = 0;
+  uint64_t maxStoredBytes KORVEL_GUARDED_BY(mutex) = 0;
+  std::chrono::seconds maxBeaconAge KORVEL_GUARDED_BY(mutex){0};
+  int sendConcurrency KORVEL_GUARDED_BY(mutex) = 0;
+  std::function<void(const Reporting::DeliveryEvent&)> deliveryObserver KORVEL_GUARDED_BY(mutex);
+  // Whether start() installed the host's log sink (shutdown removes it).
+  bool hostLog KORVEL_GUARDED_BY(mutex) = false;
   // Read without the mutex by optedOut().
   std::atomic<bool> optedOut{false};
 };
@@ -52,6 +66,25 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s)
     platform::DurableRequestExecutor::Options options;
     options.directory = s.dataDirectory / kBeaconsFolderName;
     options.startPaused = s.optedOut.load();
+    options.maxStoredRequests = s.maxStoredBeacons;
+    options.maxStoredBytes = s.maxStoredBytes;
+    options.maxAge = s.maxBeaconAge;
+    options.concurrency = s.sendConcurrency;
+    if (s.deliveryObserver) {
+      options.observer = [observer = s.deliveryObserver](
+                             const platform::DurableRequestExecutor::Event& event) {
+        using From = platform::DurableRequestExecutor::Event::Outcome;
+        using To = Reporting::DeliveryEvent::Outcome;
+        Reporting::DeliveryEvent out;
+        out.outcome = event.outcome == From::Delivered   ? To::Delivered
+                      : event.outcome == From::WillRetry ? To::WillRetry
+                                                         : To::Dropped;
+        out.reason = event.reason;
+        out.beaconUUID = event.uuid;
+        out.count = event.count;
+        observer(out);
+      };
+    }
     executor = std::make_shared<platform::DurableRequestExecutor>(
         s.bundleIdentifier + ".backgroundBeacons", std::move(options));
   } else if (s.optedOut.load()) {
@@ -63,7 +96,77 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s)
 
 Reporting::Result failure(std::string error) {
   logger().log(platform::LogLevel::Error, "cannot start: " + error);
-  return Reporting::Result{false, std::move(error)};
+  Reporting::Result result;
+  result.error = std::move(error);
+  return result;
+}
+
+// Why the limits cannot be used; nothing when they can.
+std::optional<std::string> invalidLimits(const Reporting::StartOptions& o) {
+  auto outside = [](const char* name, auto value, const char* range) {
+    return std::optional<std::string>(std::string(name) + " is " + std::to_string(value) +
+                                      ": it must be " + range);
+  };
+  if (o.maxStoredBeacons < 1 || o.maxStoredBeacons > 10'000'000) {
+    return outside("maxStoredBeacons", o.maxStoredBeacons, "from 1 to 10,000,000");
+  }
+  if (o.maxStoredBytes < (uint64_t{64} << 10) || o.maxStoredBytes > (uint64_t{16} << 30)) {
+    return outside("maxStoredBytes", o.maxStoredBytes, "from 64 KiB to 16 GiB");
+  }
+  if (o.maxBeaconAge < std::chrono::minutes(1) || o.maxBeaconAge > std::chrono::hours(24 * 366)) {
+    return outside("maxBeaconAge", o.maxBeaconAge.count(),
+                   "from 60 to 31,622,400 seconds (1 minute to 366 days)");
+  }
+  if (o.sendConcurrency < 1 || o.sendConcurrency > 32) {
+    return outside("sendConcurrency", o.sendConcurrency, "from 1 to 32");
+  }
+  return std::nullopt;
+}
+
+// Why a beacon endpoint template cannot be used; nothing when it can. Its
+// placeholders must be known, and once they are filled in it must be an
+// http or https URL with a host.
+std::optional<std::string> invalidEndpoint(const std::string& endpoint) {
+  static constexpr std::string_view kKnown[] = {"{inid}", "{appversion}", "{devicemodel}"};
+  std::string filled;
+  for (size_t i = 0; i < endpoint.size();) {
+    if (endpoint[i] != '{') {
+      filled += endpoint[i++];
+      continue;
+    }
+    const size_t close = endpoint.find('}', i);
+    const std::string_view placeholder = std::string_view(endpoint).substr(
+        i, close == std::string::npos ? std::string::npos : close - i + 1);
+    if (std::find(std::begin(kKnown), std::end(kKnown), placeholder) == std::end(kKnown)) {
+      return "the beacon endpoint has an unknown placeholder " + std::string(placeholder) +
+             " (known: {inid}, {appversion}, {devicemodel})";
+    }
+    filled += 'x';
+    i = close + 1;
+  }
+  const auto url = platform::URLComponents::parse(filled);
+  std::string scheme = url ? url->scheme() : std::string();
+  std::transform(scheme.begin(), scheme.end(), scheme.begin(),
+                 [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
+  if (!url || (scheme != "http" && scheme != "https") || url->host().empty()) {
+    return "the beacon endpoint \"" + endpoint + "\" is not an http or https URL with a host";
+  }
+  return std::nullopt;
+}
+
+// What keeps beacons from being sent with this configuration, though it is
+// valid: they are made, and wait (or, without an endpoint, are not sent).
+std::vector<std::string> deliveryWarnings(const KVNConfiguration::Snapshot& c) {
+  std::vector<std::string> warnings;
+  if (!c.beacons.beaconEndpoint || c.beacons.beaconEndpoint->empty()) {
+    warnings.emplace_back(
+        "no beacon endpoint: report calls return a UUID but no beacon is sent until one is "
+        "configured");
+  }
+  if (!c.inid || c.inid->empty()) {
+    warnings.emplace_back("no inid: beacons are stored but not sent until one is configured");
+  }
+  return warnings;
 }
 
 bool persistConsent(State& s, bool optedOut) KORVEL_REQUIRES(s.mutex) {
@@ -84,13 +187,22 @@ bool persistConsent(State& s, bool optedOut) KORVEL_REQUIRES(s.mutex) {
 
 }  // namespace
 
-Reporting::Result Reporting::start(StartOptions options) {
-  State& s = state();
-  MutexLock lock(s.mutex);
-  if (s.started) return failure("already started");
+namespace {
+
+Reporting::Result startLocked(State& s, Reporting::StartOptions& options)
+    KORVEL_REQUIRES(s.mutex) {
   if (options.bundleIdentifier.empty()) return failure("no bundle identifier");
+  if (auto invalid = invalidLimits(options)) return failure(*invalid);
+  // The configuration as it will be, checked before anything changes.
+  KVNConfiguration::Snapshot configuration = *KVNConfiguration::sharedInstance().snapshot();
+  if (options.configure) options.configure(configuration);
+  if (configuration.beacons.beaconEndpoint && !configuration.beacons.beaconEndpoint->empty()) {
+    if (auto invalid = invalidEndpoint(*configuration.beacons.beaconEndpoint)) {
+      return failure(*invalid);
+    }
+  }
   fs::path directory = options.dataDirectory.empty()
-                           ? defaultDataDirectory(options.bundleIdentifier)
+                           ? Reporting::defaultDataDirectory(options.bundleIdentifier)
                            : options.dataDirectory;
   if (directory.empty()) return failure("no data directory (no home directory)");
   std::error_code error;
@@ -102,23 +214,60 @@ Reporting::Result Reporting::start(StartOptions options) {
   s.bundleIdentifier = options.bundleIdentifier;
   s.dataDirectory = directory;
   s.hostExecutor = options.executor;
+  s.maxStoredBeacons = options.maxStoredBeacons;
+  s.maxStoredBytes = options.maxStoredBytes;
+  s.maxBeaconAge = options.maxBeaconAge;
+  s.sendConcurrency = options.sendConcurrency;
+  s.deliveryObserver = options.deliveryObserver;
   s.optedOut = fs::exists(directory / kConsentFileName, error);
 
   platform::setMainBundleIdentifier(options.bundleIdentifier);
   if (!options.appVersion.empty()) KVNConfiguration::setAppShortVersion(options.appVersion);
-  if (options.configure) KVNConfiguration::sharedInstance().update(options.configure);
+  const std::vector<std::string> warnings = deliveryWarnings(configuration);
+  KVNConfiguration::sharedInstance().replace(std::move(configuration));
   KVRBeacon::registerRequestRestorer();
 
   // Whatever executor was in use before start goes; beacons an earlier run
   // left are delivered now, unless the user opted out.
   KVRBeacon::setBackgroundSession(nullptr);
-  if (!s.optedOut) ensureExecutor(s);
+  Reporting::Result result;
+  result.ok = true;
+  auto warn = [&result](const std::string& warning) {
+    logger().log(platform::LogLevel::Error, "started, but " + warning);
+    result.warning += (result.warning.empty() ? "" : "; ") + warning;
+  };
+  for (const auto& warning : warnings) warn(warning);
+  if (!s.optedOut) {
+    auto durable =
+        std::dynamic_pointer_cast<platform::DurableRequestExecutor>(ensureExecutor(s));
+    if (durable && !durable->stats().durable) {
+      result.durable = false;
+      warn("beacons cannot be stored in " + durable->directory().string() +
+           ": they are kept in memory only, and lost if the process ends before they are "
+           "delivered");
+    }
+  }
   KVRBeacon::setReportingAllowed(!s.optedOut);
 
   s.userSession = options.startUserSession;
   if (s.userSession) KVRUserSession::load();
   s.started = true;
-  return Result{true, {}};
+  return result;
+}
+
+}  // namespace
+
+Reporting::Result Reporting::start(StartOptions options) {
+  State& s = state();
+  MutexLock lock(s.mutex);
+  if (s.started) return failure("already started");
+  // First, so that start's own lines reach the host's sink.
+  const bool hostLog = static_cast<bool>(options.logCallback);
+  if (hostLog) platform::setLogCallback(options.logLevel, options.logCallback);
+  Result result = startLocked(s, options);
+  if (!result && hostLog) platform::setLogCallback(platform::LogLevel::Default, nullptr);
+  if (result) s.hostLog = hostLog;
+  return result;
 }
 
 bool Reporting::started() {
@@ -142,28 +291,73 @@ std::optional<fs::path> Reporting::dataDirectory() {
 
 namespace {
 
+// What the library's executor had delivered and dropped when a flush or
+// shutdown last answered: the next answer counts from there.
+struct Counted {
+  Mutex mutex;
+  std::weak_ptr<KVNNetworkBackgroundRequestExecutor> executor KORVEL_GUARDED_BY(mutex);
+  uint64_t delivered KORVEL_GUARDED_BY(mutex) = 0;
+  uint64_t dropped KORVEL_GUARDED_BY(mutex) = 0;
+};
+
+Counted& counted() {
+  static auto* c = new Counted;
+  return *c;
+}
+
 // While the user is opted out the executor is held: a flush answers false at
 // once when kept beacons wait, and still waits for the store's last sync.
-bool flushExecutor(std::chrono::milliseconds deadline) {
+Reporting::DeliveryResult flushExecutor(std::chrono::milliseconds deadline) {
+  Reporting::DeliveryResult result;
   auto executor = KVRBeacon::existingBackgroundSession();
-  if (!executor) return true;
-  return executor->flush(deadline);
+  if (!executor) {
+    result.ok = true;
+    return result;
+  }
+  const bool flushed = executor->flush(deadline);
+  // A host's own executor gives no figures: its flush is the answer.
+  if (auto durable = std::dynamic_pointer_cast<platform::DurableRequestExecutor>(executor)) {
+    const auto stats = durable->stats();
+    const uint64_t dropped = stats.droppedByServer + stats.droppedOverCap + stats.droppedTooOld +
+                             stats.droppedOversize + stats.droppedUnreadable;
+    Counted& c = counted();
+    MutexLock lock(c.mutex);
+    // Another executor than last time (a new start): it counts from zero.
+    if (c.executor.owner_before(executor) || executor.owner_before(c.executor)) {
+      c.executor = executor;
+      c.delivered = 0;
+      c.dropped = 0;
+    }
+    result.delivered = stats.delivered - c.delivered;
+    result.dropped = dropped - c.dropped;
+    result.pending = stats.waiting;
+    c.delivered = stats.delivered;
+    c.dropped = dropped;
+  }
+  result.ok = flushed && result.pending == 0 && result.dropped == 0;
+  return result;
 }
 
 }  // namespace
 
-bool Reporting::flush(std::chrono::milliseconds deadline) { return flushExecutor(deadline); }
+Reporting::DeliveryResult Reporting::flush(std::chrono::milliseconds deadline) {
+  return flushExecutor(deadline);
+}
 
-bool Reporting::shutdown(std::chrono::milliseconds deadline) {
+Reporting::DeliveryResult Reporting::shutdown(std::chrono::milliseconds deadline) {
   State& s = state();
   MutexLock lock(s.mutex);
+  // Waits for report calls in progress: what they hand over is flushed too.
   KVRBeacon::setReportingAllowed(false);
   if (s.userSession) KVRUserSession::unload();
-  const bool delivered = flushExecutor(deadline);
-  // The durable executor stops when the last reference goes, keeping what
-  // was not delivered for the next start.
-  KVRBeacon::setBackgroundSession(nullptr);
+  const DeliveryResult delivered = flushExecutor(deadline);
+  // The durable executor stops here (its last reference goes), keeping what
+  // was not delivered for the next start; none is made again until start().
+  KVRBeacon::closeBackgroundSession();
   s.hostExecutor.reset();
+  s.deliveryObserver = nullptr;
+  if (s.hostLog) platform::setLogCallback(platform::LogLevel::Default, nullptr);
+  s.hostLog = false;
   s.started = false;
   s.userSession = false;
   return delivered;
@@ -199,6 +393,22 @@ bool Reporting::setOptedOut(bool out, PendingBeacons pending) {
 }
 
 bool Reporting::optedOut() { return state().optedOut.load(); }
+
+void Reporting::applicationDidEnterBackground() {
+  platform::env().notificationCenter().post(platform::ApplicationDidEnterBackgroundNotification);
+}
+
+void Reporting::applicationWillEnterForeground() {
+  platform::env().notificationCenter().post(platform::ApplicationWillEnterForegroundNotification);
+}
+
+void Reporting::setInBackground(bool inBackground) {
+  if (inBackground) {
+    applicationDidEnterBackground();
+  } else {
+    applicationWillEnterForeground();
+  }
+}
 
 size_t Reporting::purgePendingBeacons() {
   State& s = state();

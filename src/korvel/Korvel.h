@@ -49,6 +49,7 @@
 
 #include <chrono>
 #include <cstddef>
+#include <cstdint>
 #include <filesystem>
 #include <functional>
 #include <memory>
@@ -63,6 +64,7 @@
 #include <korvel/foundation/KVRParameters.h>
 #include <korvel/platform/Application.h>
 #include <korvel/platform/Env.h>
+#include <korvel/platform/Logging.h>
 #include <korvel/platform/NotificationCenter.h>
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRBeaconTypes.h>
@@ -104,6 +106,20 @@ class KORVEL_EXPORT Reporting {
  public:
   Reporting() = delete;
 
+  // What became of beacons, for StartOptions::deliveryObserver.
+  struct DeliveryEvent {
+    enum class Outcome { Delivered, WillRetry, Dropped };
+    Outcome outcome = Outcome::Delivered;
+    // The collector's answer ("HTTP 204", "refused with HTTP 404", "retries
+    // used up, the last HTTP 500", a transport error) or the limit that
+    // dropped it.
+    std::string reason;
+    // The beacon's uuid when it was sent; empty for the limits' drops, which
+    // come summed (count).
+    std::string beaconUUID;
+    uint64_t count = 1;
+  };
+
   struct StartOptions {
     // Required: the host's reverse-DNS name ("com.example.app"). It names
     // the data directory, the log subsystem and the delivery session.
@@ -124,19 +140,59 @@ class KORVEL_EXPORT Reporting {
     // Starts the user session and follows the application life-cycle
     // notifications (KVRUserSession::load).
     bool startUserSession = true;
+
+    // Limits of the library's executor (ignored when the host gives its
+    // own). Past maxStoredBeacons waiting beacons, or maxStoredBytes of them
+    // as stored, the oldest are dropped; a beacon older than maxBeaconAge is
+    // dropped unsent; each drop is counted in a log line. A value outside its
+    // range makes start() fail, saying which.
+    size_t maxStoredBeacons = 10'000;                                // 1 to 10,000,000
+    uint64_t maxStoredBytes = uint64_t{64} << 20;                    // 64 KiB to 16 GiB
+    std::chrono::seconds maxBeaconAge = std::chrono::hours(24 * 7);  // 1 minute to 366 days
+    // Beacons sent at once, each by a thread with its own connection.
+    int sendConcurrency = 4;  // 1 to 32
+
+    // The host's log sink; null: the library's lines go to standard error
+    // (KORVEL_LOG_LEVEL picks the level there). Lines below logLevel are not
+    // passed on. Set first thing in start(), so that start's own lines reach
+    // it, and removed when start fails or shutdown() returns. Called on the
+    // thread that logs (any thread): it must not block for long nor call
+    // into the library.
+    platform::LogCallback logCallback;
+    platform::LogLevel logLevel = platform::LogLevel::Default;
+
+    // Told what became of each beacon the library's executor sent
+    // (delivered, will be retried, dropped) and of those its limits dropped;
+    // called on a delivery thread, without the library's locks: it must not
+    // block for long. Not called for purged beacons, nor with the host's own
+    // executor.
+    std::function<void(const DeliveryEvent&)> deliveryObserver;
   };
 
   struct Result {
     bool ok = false;
     std::string error;  // why not, when !ok
+    // False when started but beacons cannot be stored in the data directory
+    // (the library's store could not be opened there: the folder is refused,
+    // another process holds it, the disk is full, ...): they are delivered
+    // from memory only, and lost if the process ends first.
+    bool durable = true;
+    // When started, what keeps beacons from being stored or sent ("; "
+    // between several): not durable, no beacon endpoint, no inid. Each is
+    // logged once too. Empty when all is well.
+    std::string warning;
     explicit operator bool() const { return ok; }
   };
 
   // Starts the library: names the host, makes the data directory, reads the
   // user's consent, applies the configuration and starts delivery (a start
   // that finds beacons of an earlier run delivers them, unless the user has
-  // opted out). Fails, changing nothing, without a bundle identifier, when
-  // the data directory cannot be made, or when already started.
+  // opted out). Fails, changing nothing, without a bundle identifier, with a
+  // limit outside its range, with a beacon endpoint that is not an http or
+  // https URL with a host or names a placeholder other than {inid},
+  // {appversion} and {devicemodel}, when the data directory cannot be made,
+  // or when already started. Without an endpoint or an inid it starts, and
+  // says so in the result's warning.
   static Result start(StartOptions options);
   static bool started();
 
@@ -146,16 +202,33 @@ class KORVEL_EXPORT Reporting {
   // The data directory in use; nothing when not started.
   static std::optional<std::filesystem::path> dataDirectory();
 
+  // What flush and shutdown answer: true when every beacon reported so far
+  // was delivered, with the figures since the previous answer (or start):
+  // how many were delivered, how many dropped (refused by the collector,
+  // retries used up, over a limit, too old) and how many still wait. With
+  // the host's own executor only ok is known (its flush's answer).
+  struct DeliveryResult {
+    bool ok = false;  // nothing pending, nothing dropped
+    uint64_t delivered = 0;
+    uint64_t dropped = 0;
+    uint64_t pending = 0;
+    explicit operator bool() const { return ok; }
+  };
+
   // Waits until every beacon reported so far has been delivered or given up
-  // (and the store has recorded it), or the deadline passes; true when
-  // nothing is left pending. True at once when nothing was ever sent. While
-  // the user is opted out it does not wait: kept beacons stay pending.
-  static bool flush(std::chrono::milliseconds deadline);
+  // (and the store has recorded it), or the deadline passes. True at once
+  // when nothing was ever sent. While the user is opted out it does not
+  // wait: kept beacons stay pending.
+  static DeliveryResult flush(std::chrono::milliseconds deadline);
 
   // flush(deadline), then stops delivery and the user session. Beacons not
-  // delivered by then stay stored for the next start. Reports made after it
-  // are dropped. True when everything was delivered.
-  static bool shutdown(std::chrono::milliseconds deadline);
+  // delivered by then stay stored for the next start. A report call racing
+  // it either hands its beacon over before the flush (and returns its UUID)
+  // or returns nothing; reports made after it return nothing, send nothing
+  // and start no thread. When it returns, none of the library's threads is
+  // left (the host's own executor, if it gave one, is the host's). True when
+  // everything was delivered; pending beacons are kept for the next start.
+  static DeliveryResult shutdown(std::chrono::milliseconds deadline);
 
   enum class PendingBeacons {
     Keep,   // stored, unsent, until the user opts in again
@@ -172,8 +245,20 @@ class KORVEL_EXPORT Reporting {
   static bool optedOut();
 
   // Drops every beacon not yet delivered, in memory and on disk, whatever
-  // the consent; returns how many. One already on the wire may still arrive.
+  // the consent; returns how many. One already on the wire may still arrive,
+  // but is never sent again.
   static size_t purgePendingBeacons();
+
+  // The host's life cycle: call applicationDidEnterBackground() when the
+  // application moves to the background and applicationWillEnterForeground()
+  // when it is about to come back; setInBackground(b) calls the one that
+  // matches b. The user session and page views follow them (they post
+  // platform::ApplicationDidEnterBackgroundNotification and
+  // ApplicationWillEnterForegroundNotification on the Env's notification
+  // centre, which hosts no longer need to name). Any thread, started or not.
+  static void applicationDidEnterBackground();
+  static void applicationWillEnterForeground();
+  static void setInBackground(bool inBackground);
 };
 
 }  // namespace korvel

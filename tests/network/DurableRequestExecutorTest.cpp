@@ -33,6 +33,24 @@ class FakeServer {
     std::lock_guard lock(mutex_);
     hold_ = hold;
   }
+  // Holds every request until release(), which answers the held ones.
+  void closeGate() {
+    std::lock_guard lock(mutex_);
+    gated_ = true;
+  }
+  void release(DeliveryResponse answer) {
+    std::lock_guard lock(mutex_);
+    gated_ = false;
+    script_.push_front(std::move(answer));
+    changed_.notify_all();
+  }
+  void reset() {
+    std::lock_guard lock(mutex_);
+    script_.clear();
+    urls_.clear();
+    gated_ = false;
+    hold_ = false;
+  }
   std::vector<std::string> urls() const {
     std::lock_guard lock(mutex_);
     return urls_;
@@ -50,6 +68,7 @@ class FakeServer {
       while (!cancelled) changed_.wait_for(lock, 5ms);
       return DeliveryResponse{};  // abandoned: no connection
     }
+    while (gated_ && !cancelled) changed_.wait_for(lock, 5ms);
     if (script_.empty()) return status(204);
     DeliveryResponse r = script_.front();
     script_.pop_front();
@@ -74,6 +93,7 @@ class FakeServer {
   std::deque<DeliveryResponse> script_;
   std::vector<std::string> urls_;
   bool hold_ = false;
+  bool gated_ = false;
 };
 
 class FakeTransport : public DeliveryTransport {
@@ -614,6 +634,197 @@ TEST_F(DurableRequestExecutorTest, StoredRequestsAreReadBackWhenSentAndOthersKep
   EXPECT_THAT(server_.urls(), ElementsAre("http://fake/one", "http://fake/two",
                                           "http://fake/three", "http://fake/memory-only"));
   EXPECT_EQ(restored.load(), 3);
+}
+
+// MARK: - Purge
+
+TEST_F(DurableRequestExecutorTest, APurgedRequestOnTheWireIsNeverQueuedAgain) {
+  struct Case {
+    const char* name;
+    DeliveryResponse answer;
+    uint64_t delivered;
+  };
+  const Case cases[] = {
+      {"no connection", FakeServer::offline(), 0},
+      {"server error", FakeServer::status(503), 0},
+      {"delivered all the same", FakeServer::status(204), 1},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    server_.reset();
+    server_.closeGate();
+    auto o = options();
+    o.directory = dir_ / c.name;
+    o.concurrency = 1;
+    {
+      auto executor = start(o);
+      executor->executeRequest(makeRequest("purged"));
+      ASSERT_TRUE(server_.waitForAttempts(1, 5s));
+      EXPECT_EQ(executor->purge(), 1u);
+      server_.release(c.answer);
+      ASSERT_TRUE(executor->flush(5s));
+      EXPECT_EQ(server_.urls().size(), 1u);
+      const auto stats = executor->stats();
+      EXPECT_EQ(stats.waiting, 0u);
+      EXPECT_EQ(stats.delivered, c.delivered);
+    }
+    // Nor does a restart send it.
+    auto executor = start(o);
+    ASSERT_TRUE(executor->flush(5s));
+    EXPECT_EQ(server_.urls().size(), 1u);
+    EXPECT_EQ(executor->stats().restored, 0u);
+  }
+}
+
+// MARK: - Age
+
+constexpr double kDaySeconds = 86'400;
+constexpr uint64_t kDayNanos = 86'400ull * 1'000'000'000ull;
+
+TEST_F(DurableRequestExecutorTest, SettingTheWallClockDoesNotAgeTheRequestsOfTheRun) {
+  struct Case {
+    const char* name;
+    double wallWhenReported;  // days from now
+    double wallAfter;
+  };
+  const Case cases[] = {
+      {"set 8 days forward", 0, 8},
+      {"made while 30 days behind, then corrected", -30, 0},
+  };
+  const double t0 = env_.now();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto o = options();
+    o.directory = dir_ / c.name;
+    o.startPaused = true;
+    env_.setNow(t0 + c.wallWhenReported * kDaySeconds);
+    auto executor = start(o);
+    for (const char* name : {"a", "b", "c"}) executor->executeRequest(makeRequest(name));
+    env_.setNow(t0 + c.wallAfter * kDaySeconds);
+    ASSERT_TRUE(executor->syncStore(5s));
+    EXPECT_EQ(executor->stats().droppedTooOld, 0u);
+    EXPECT_EQ(executor->stats().waiting, 3u);
+    // They still age with the time that really passes.
+    env_.advanceMonotonic(8 * kDayNanos);
+    ASSERT_TRUE(executor->syncStore(5s));
+    EXPECT_EQ(executor->stats().droppedTooOld, 3u);
+    EXPECT_EQ(executor->stats().waiting, 0u);
+  }
+}
+
+TEST_F(DurableRequestExecutorTest, AcrossRestartsAgeComesFromAClockThatNeverRunsBackwards) {
+  struct Case {
+    const char* name;
+    double wallWhenReported;  // days from the first run
+    double wallAtRestore;
+    uint64_t keptAtRestore;
+  };
+  const Case cases[] = {
+      // Stamped no earlier than the first run's clock, not 30 days back.
+      {"made while 30 days behind, restored once corrected", -30, 1.0 / 24, 3},
+      // Taken for just made; they age from there, not kept for good.
+      {"restored while the clock is 30 days behind", 0, -30, 3},
+      // A device off for longer than the cap: they are too old.
+      {"restored 8 days later", 0, 8, 0},
+  };
+  const double t0 = env_.now();
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    auto o = options();
+    o.directory = dir_ / c.name;
+    o.startPaused = true;
+    env_.setNow(t0);
+    start(o).reset();  // a first run keeps the store's clock
+    env_.setNow(t0 + c.wallWhenReported * kDaySeconds);
+    {
+      auto executor = start(o);
+      for (const char* name : {"a", "b", "c"}) executor->executeRequest(makeRequest(name));
+    }
+    env_.setNow(t0 + c.wallAtRestore * kDaySeconds);
+    auto executor = start(o);
+    ASSERT_TRUE(executor->syncStore(5s));
+    EXPECT_EQ(executor->stats().restored, c.keptAtRestore);
+    EXPECT_EQ(executor->stats().droppedTooOld, 3 - c.keptAtRestore);
+    env_.advanceMonotonic(8 * kDayNanos);
+    ASSERT_TRUE(executor->syncStore(5s));
+    EXPECT_EQ(executor->stats().droppedTooOld, 3u);
+  }
+}
+
+// MARK: - The observer
+
+std::string describeEvent(const DurableRequestExecutor::Event& e) {
+  using Outcome = DurableRequestExecutor::Event::Outcome;
+  const char* outcome = e.outcome == Outcome::Delivered   ? "delivered"
+                        : e.outcome == Outcome::WillRetry ? "will retry"
+                                                          : "dropped";
+  return std::string(outcome) + " [" + e.uuid + "] " + e.reason + " x" + std::to_string(e.count);
+}
+
+TEST_F(DurableRequestExecutorTest, TheObserverIsToldWhatBecameOfEachRequest) {
+  std::mutex mutex;
+  std::vector<std::string> seen;
+  auto o = options();
+  o.concurrency = 1;  // in order
+  o.observer = [&](const DurableRequestExecutor::Event& e) {
+    std::lock_guard lock(mutex);
+    seen.push_back(describeEvent(e));
+  };
+  {
+    auto executor = start(o);
+    server_.script({FakeServer::status(204), FakeServer::status(404), FakeServer::status(503),
+                    FakeServer::status(204), FakeServer::status(500)});
+    executor->executeRequest(makeRequest("a?clientbeaconuuid=U1"));
+    ASSERT_TRUE(executor->flush(5s));
+    executor->executeRequest(makeRequest("b?clientbeaconuuid=U2&k=v"));
+    ASSERT_TRUE(executor->flush(5s));
+    executor->executeRequest(makeRequest("c?k=v&clientbeaconuuid=U3"));
+    ASSERT_TRUE(executor->flush(5s));
+    executor->executeRequest(makeRequest("d?clientbeaconuuid=U4", 1, 0, 0));
+    ASSERT_TRUE(executor->flush(5s));
+  }
+  EXPECT_THAT(seen, ElementsAre("delivered [U1] HTTP 204 x1", "dropped [U2] refused with HTTP 404 x1",
+                                "will retry [U3] HTTP 503 x1", "delivered [U3] HTTP 204 x1",
+                                "dropped [U4] retries used up, the last HTTP 500 x1"));
+
+  // The caps' drops come summed, without a uuid.
+  seen.clear();
+  o.directory = dir_ / "capped";
+  o.startPaused = true;
+  o.maxStoredRequests = 2;
+  auto executor = start(o);
+  for (const char* name : {"1", "2", "3", "4", "5"}) executor->executeRequest(makeRequest(name));
+  ASSERT_TRUE(executor->syncStore(5s));
+  std::lock_guard lock(mutex);
+  EXPECT_THAT(seen, ElementsAre("dropped [] over the stored requests' count or bytes x3"));
+}
+
+TEST_F(DurableRequestExecutorTest, RequestsHeldByTheConfigurationAreLoggedOncePerStretch) {
+  auto& configuration = KVNConfiguration::sharedInstance();
+  configuration.update([](auto& s) {
+    s.beacons.beaconEndpoint.reset();
+    s.inid = "INID";
+  });
+  auto holds = [this] {
+    size_t n = 0;
+    for (const auto& m : env_.logs().messages()) {
+      n += m.find("requests wait: the configuration") != std::string::npos;
+    }
+    return n;
+  };
+  auto executor = start(options());
+  for (const char* name : {"a", "b", "c"}) executor->executeRequest(makeRequest(name, 1, 2));
+  EXPECT_FALSE(executor->flush(300ms));  // workers look again and again meanwhile
+  EXPECT_EQ(holds(), 1u);
+  EXPECT_TRUE(logged("3 requests wait: the configuration has no beacon endpoint or no inid"));
+
+  configuration.setBeaconEndpoint("http://fake/{inid}");
+  ASSERT_TRUE(executor->flush(5s));
+  // Taken away again: a new stretch, a new line.
+  configuration.update([](auto& s) { s.beacons.beaconEndpoint.reset(); });
+  executor->executeRequest(makeRequest("d", 1, 2));
+  EXPECT_FALSE(executor->flush(300ms));
+  EXPECT_EQ(holds(), 2u);
 }
 
 }  // namespace

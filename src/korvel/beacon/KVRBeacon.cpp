@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <thread>
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRLogging.h>
@@ -33,9 +34,35 @@ constexpr std::string_view kPayloadEventKey = "beaconEvent";
 struct ExecutorSlot {
   Mutex makeMutex;
   platform::SharedSlot<KVNNetworkBackgroundRequestExecutor> executor;
+  // After closeBackgroundSession: none is made on first use.
+  bool closed KORVEL_GUARDED_BY(makeMutex) = false;
 };
 
 std::atomic<bool> reportingAllowedFlag{true};
+
+// Report calls between their check of reportingAllowedFlag and the hand-over
+// to the executor: turning reporting off waits for them, so that none hands
+// a beacon over (or makes an executor) after it returns. The counter and the
+// flag are both sequentially consistent: either a report call sees the flag
+// off, or the thread turning it off sees the call counted.
+std::atomic<int> reportsInProgress{0};
+// The calls counted above that the current thread is inside (an observer of
+// a submission that turns reporting off must not wait for its own call).
+thread_local int reportsOnThisThread = 0;
+
+class ReportInProgress {
+ public:
+  ReportInProgress() noexcept {
+    reportsInProgress.fetch_add(1);
+    ++reportsOnThisThread;
+  }
+  ~ReportInProgress() {
+    --reportsOnThisThread;
+    reportsInProgress.fetch_sub(1);
+  }
+  ReportInProgress(const ReportInProgress&) = delete;
+  ReportInProgress& operator=(const ReportInProgress&) = delete;
+};
 
 ExecutorSlot& executorSlot() {
   static ExecutorSlot* slot = new ExecutorSlot;
@@ -110,6 +137,12 @@ std::optional<KVNNetworkRequest> restoreRequest(std::string_view payload) {
 // Hands the record to the executor; false (logged) when it could not.
 bool queueOnExecutor(const KVRTaskPtr& task, KVRBeaconType type) noexcept try {
   auto executor = KVRBeacon::backgroundSession();
+  if (!executor && KVRBeacon::backgroundSessionClosed()) {
+    platform::Logger(KVRLogging::subsystem(), KVRLogging::categoryReporting())
+        .log(platform::LogLevel::Error,
+             "KVRBeacon: the library is shut down; beacon " + task->uuid() + " not sent");
+    return false;
+  }
   if (!executor) {
     platform::Logger(KVRLogging::subsystem(), KVRLogging::categoryReporting())
         .log(platform::LogLevel::Error,
@@ -135,7 +168,8 @@ std::optional<std::string> KVRBeacon::sendBeaconOfType(KVRBeaconType type,
                                                        const KVRParameters& parameters,
                                                        std::optional<std::string> event) noexcept
     try {
-  if (!reportingAllowed()) return std::nullopt;
+  ReportInProgress inProgress;
+  if (!reportingAllowedFlag.load()) return std::nullopt;
   auto task = taskOfType(type, parameters, event);
   if (!task) return std::nullopt;
   // Set also when no event was given: a web-initiated beacon sent without
@@ -169,12 +203,16 @@ KVRTaskPtr KVRBeacon::taskOfType(KVRBeaconType type, const KVRParameters& parame
 }
 
 void KVRBeacon::sendBeacon(const KVRTaskPtr& task, KVRBeaconType type) noexcept {
-  if (!task || !reportingAllowed()) return;
+  ReportInProgress inProgress;
+  if (!task || !reportingAllowedFlag.load()) return;
   queueOnExecutor(task, type);
 }
 
 void KVRBeacon::setReportingAllowed(bool allowed) {
-  reportingAllowedFlag.store(allowed, std::memory_order_relaxed);
+  reportingAllowedFlag.store(allowed);
+  if (allowed) return;
+  // A report call is a few microseconds: yielding beats sleeping here.
+  while (reportsInProgress.load() > reportsOnThisThread) std::this_thread::yield();
 }
 
 bool KVRBeacon::reportingAllowed() {
@@ -190,6 +228,7 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> KVRBeacon::backgroundSessio
   if (auto existing = slot.executor.load()) return existing;
   MutexLock lock(slot.makeMutex);
   if (auto existing = slot.executor.load()) return existing;
+  if (slot.closed) return nullptr;
   registerRequestRestorer();
   // The default Env makes this library's durable executor unless the host
   // installed a factory of its own first.
@@ -208,7 +247,27 @@ void KVRBeacon::setBackgroundSession(
   auto& slot = executorSlot();
   MutexLock lock(slot.makeMutex);
   registerRequestRestorer();
+  slot.closed = false;
   slot.executor.store(std::move(executor));
+}
+
+void KVRBeacon::closeBackgroundSession() {
+  auto& slot = executorSlot();
+  std::shared_ptr<KVNNetworkBackgroundRequestExecutor> last;
+  {
+    MutexLock lock(slot.makeMutex);
+    slot.closed = true;
+    last = slot.executor.load();
+    slot.executor.store(nullptr);
+  }
+  // Dropped outside the lock: the library's executor stops its threads here.
+  last.reset();
+}
+
+bool KVRBeacon::backgroundSessionClosed() {
+  auto& slot = executorSlot();
+  MutexLock lock(slot.makeMutex);
+  return slot.closed;
 }
 
 void KVRBeacon::registerRequestRestorer() {

@@ -56,11 +56,18 @@ class KORVEL_EXPORT KVRBeacon {
   // delivery, or a test capturing requests); null goes back to making one on
   // first use.
   static void setBackgroundSession(std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor);
+  // Drops the executor in use and makes none on first use until
+  // setBackgroundSession is called again (Reporting::shutdown): a report
+  // call then sends nothing and starts no thread.
+  static void closeBackgroundSession();
+  static bool backgroundSessionClosed();
 
   // Whether report operations make and send beacons (true until set
   // otherwise). The host's consent switch (Reporting::setOptedOut in
   // korvel/Korvel.h) and shutdown turn it off; it is not persisted here.
   // Checked on every report call with one atomic load; safe from any thread.
+  // Turning it off waits for the report calls already past that check (on
+  // other threads) to hand their beacon over: none is queued afterwards.
   static void setReportingAllowed(bool allowed);
   static bool reportingAllowed();
 

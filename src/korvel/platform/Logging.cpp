@@ -2,8 +2,10 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <memory>
 #include <strings.h>
 
+#include <korvel/foundation/SharedSlot.h>
 #include <korvel/platform/Env.h>
 
 namespace korvel::platform {
@@ -40,7 +42,36 @@ void StderrLogSink::write(const LogRecord& record) {
                std::string(logLevelName(record.level)).c_str(), record.message.c_str());
 }
 
+namespace {
+
+struct HostLog {
+  LogLevel minimum;
+  LogCallback callback;
+};
+
+SharedSlot<const HostLog>& hostLog() {
+  static auto* slot = new SharedSlot<const HostLog>;
+  return *slot;
+}
+
+}  // namespace
+
+void setLogCallback(LogLevel minimum, LogCallback callback) {
+  hostLog().store(callback ? std::make_shared<const HostLog>(HostLog{minimum, std::move(callback)})
+                           : nullptr);
+}
+
 void Logger::log(LogLevel level, std::string message) const {
+  if (auto host = hostLog().load()) {
+    if (level >= host->minimum) {
+      try {
+        host->callback(level, category_, message);
+      } catch (...) {
+        // The host's sink failing is no reason to fail the caller.
+      }
+    }
+    return;
+  }
   env().logSink().write(LogRecord{level, subsystem_, category_, std::move(message)});
 }
 

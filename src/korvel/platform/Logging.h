@@ -4,6 +4,7 @@
 
 #include <korvel/export.h>
 
+#include <functional>
 #include <string>
 #include <string_view>
 
@@ -44,6 +45,15 @@ class KORVEL_EXPORT StderrLogSink : public LogSink {
   // Keeps the lines of concurrent writers whole.
   Mutex mutex_;
 };
+
+// A host's own log sink: while one is set, every record at or above its
+// minimum level goes to it (from the thread that logs, which may be any
+// thread), and no record goes to the Env's sink. A null callback goes back to
+// the Env's sink. The callback must not block for long and must not call
+// back into the library.
+using LogCallback = std::function<void(LogLevel level, std::string_view category,
+                                       std::string_view message)>;
+KORVEL_EXPORT void setLogCallback(LogLevel minimum, LogCallback callback);
 
 // A logger bound to one subsystem and category.
 class KORVEL_EXPORT Logger {

@@ -64,7 +64,27 @@
 // Bounds: at most Options::maxStoredRequests waiting requests, at most
 // Options::maxStoredBytes of stored records (the oldest are dropped past
 // either) and none older than Options::maxAge; each drop is counted in a log
-// line. A log line about a dropped request that repeats is written once, then
+// line.
+//
+// Age. A request's age is never read off the wall clock alone, which the
+// user or a time service may set forward or back at any moment:
+//  - In the run that made it, its age is measured on the monotonic clock
+//    (Env::monotonicNanos): setting the wall clock forward drops nothing,
+//    and requests made while it was behind are not taken for old once it is
+//    corrected.
+//  - Across runs only a stamp on disk can tell. Records are stamped with the
+//    store's clock: the wall clock, but never earlier than the store's clock
+//    at this run's start (kept in the directory's "clock" file, written at
+//    most once a minute and at the end of a run) plus the monotonic time
+//    since. It never runs backwards across runs, so a wall clock that was
+//    behind (a device without a battery-backed clock that boots in 1970, a
+//    clock set back) neither stamps records as older than they are nor makes
+//    earlier runs' records look new again: each run's uptime still counts
+//    towards their age, so they cannot be kept forever. A restored record's
+//    age is the store's clock at restore minus its stamp, at least zero; from
+//    then on it ages on the monotonic clock. The one case no clock can tell
+//    apart is a wall clock that is ahead across a restart from a device that
+//    was really off that long: both are taken for time that passed. A log line about a dropped request that repeats is written once, then
 // at most once per second with the number of repeats. A journal or store that cannot be read is set aside with a
 // log line and a fresh one started; when the directory cannot be used at all
 // the executor still delivers, from memory only, and says so in the log.
@@ -88,6 +108,7 @@
 #include <chrono>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -106,6 +127,17 @@ namespace korvel::platform {
 
 class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor {
  public:
+  // What became of requests, for an observer.
+  struct Event {
+    enum class Outcome : uint8_t { Delivered, WillRetry, Dropped };
+    Outcome outcome = Outcome::Delivered;
+    std::string reason;  // the answer ("HTTP 204", "HTTP 404", a transport error) or the cap
+    // The beacon's uuid (its URL's clientbeaconuuid) when the request was
+    // sent; empty for the caps' and the age's drops.
+    std::string uuid;
+    uint64_t count = 1;  // requests it stands for (the caps' drops come summed)
+  };
+
   struct Options {
     // Empty: defaultDirectory(sessionIdentifier).
     std::filesystem::path directory;
@@ -127,6 +159,11 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     bool startPaused = false;
     // Empty: libcurl (makeCurlTransport).
     DeliveryTransportFactory transport;
+    // Told what became of each request that was sent (delivered, will be
+    // retried, dropped) and of those the caps and the age dropped; called on
+    // a worker or the writer thread, without the executor's locks. Purged
+    // requests are not reported.
+    std::function<void(const Event&)> observer;
   };
 
   struct Stats {
@@ -168,6 +205,7 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // figures include them.
   Stats stats() KORVEL_EXCLUDES(mutex_);
   const std::filesystem::path& directory() const { return directory_; }
+  const Options& options() const { return options_; }
 
   // Syncs and compacts the store now and gives its figures (measurements,
   // tests); nothing when it is not done before the deadline or there is no
@@ -180,7 +218,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // One waiting request: its index entry, 32 bytes. The request itself is
   // in whole_ when kept in memory, else read back from the journal when sent.
   struct Entry {
-    int64_t createdMillis = 0;
+    // Monotonic milliseconds (Env::monotonicNanos) when it was made; for a
+    // restored request, now minus the age its stamp gives.
+    int64_t bornMillis = 0;
     int32_t priority = 1;
     uint32_t bytes = 0;     // its stored record
     int16_t retryCount = 0;
@@ -190,6 +230,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     int8_t policy = 0;
     State state = State::Ready;
     bool durable = false;
+    // Purged while on the wire: forgotten when its attempt ends, never
+    // queued again.
+    bool cancelled = false;
   };
   // A backlog of 100,000 costs this times 100,000, and more: keep it small.
   static_assert(sizeof(Entry) <= 32);
@@ -215,6 +258,10 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // A stored request read back and restored; nothing when it cannot be.
   std::shared_ptr<const KVNNetworkRequest> readBack(uint64_t id) KORVEL_EXCLUDES(mutex_);
   void loadHosts() KORVEL_EXCLUDES(mutex_);
+  // The store's clock (see Age above), in milliseconds since 1970.
+  int64_t storeClockMillis() const;
+  void loadClock();
+  void saveClock(int64_t millis);
   void saveHosts(const std::vector<std::pair<std::string, int64_t>>& hosts);
 
   // A request handed over by a report call, not yet in the queue.
@@ -248,6 +295,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   bool pickProbe(std::chrono::steady_clock::time_point now, uint64_t& id, int& host)
       KORVEL_REQUIRES(mutex_);
   bool pickReady(uint64_t& id) KORVEL_REQUIRES(mutex_);
+  // Logs, once per stretch, that ready requests wait for their
+  // configuration policy (an endpoint and an inid, or a configuration).
+  void noteHeldByPolicy() KORVEL_REQUIRES(mutex_);
   int hostIndex(const std::string& name) KORVEL_REQUIRES(mutex_);
   void hostFailed(int host, bool probe, const DeliveryResponse& response, double jitter)
       KORVEL_REQUIRES(mutex_);
@@ -255,6 +305,11 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   void settle(uint64_t id, DeliveryVerdict verdict, const DeliveryResponse& response,
               const std::string& url, double jitter, int host, bool probe) KORVEL_REQUIRES(mutex_);
   void logRepeated(const std::string& line) KORVEL_REQUIRES(mutex_);
+  // Queues an event for the observer (when there is one); deliverEvents
+  // hands the queued ones over with mutex_ let go meanwhile.
+  void observe(Event::Outcome outcome, std::string reason, const std::string& url)
+      KORVEL_REQUIRES(mutex_);
+  void deliverEvents() KORVEL_REQUIRES(mutex_);
   bool drained() const KORVEL_REQUIRES(mutex_);
 
   const std::string identifier_;
@@ -263,6 +318,10 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   std::filesystem::path directory_;
   std::unique_ptr<RequestStore> store_;
   uint64_t epochBits_ = 0;
+  // The store's clock at start, and the monotonic time then; set before any
+  // thread starts, read without a lock.
+  int64_t clockBaseMillis_ = 0;
+  int64_t monotonicBaseMillis_ = 0;
   std::atomic<uint32_t> nextCounter_{0};
   std::atomic<bool> cancel_{false};
 
@@ -304,6 +363,10 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // Log lines written once and repeated since, by text.
   std::map<std::string, uint64_t> repeated_ KORVEL_GUARDED_BY(mutex_);
   Stats stats_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<Event> events_ KORVEL_GUARDED_BY(mutex_);
+  // Policy buckets whose hold was logged (bit per bucket), until one of their
+  // requests goes out.
+  uint8_t policyHoldLogged_ KORVEL_GUARDED_BY(mutex_) = 0;
 
   // Taken after mutex_ when both are held.
   Mutex handoffMutex_ KORVEL_ACQUIRED_AFTER(mutex_);

@@ -28,6 +28,7 @@
 // never throws and never crashes its host over its files.
 #pragma once
 
+#include <algorithm>
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
@@ -134,6 +135,26 @@ class RequestStore {
   // Takes time linear in the files' size; when stop turns true it ends
   // early, leaving the segments it has not read for the next start.
   virtual std::vector<StoredRequest> recover(const std::atomic<bool>* stop = nullptr) = 0;
+
+  // Streams the requests earlier runs stored and did not finish, oldest first, in batches of at most
+  // batchSize; batch returns false to stop early (the rest stays stored for the next start).
+  virtual void recoverInBatches(const std::atomic<bool>* stop, size_t batchSize,
+                                const std::function<bool(std::vector<StoredRequest>&)>& batch) {
+    // On top of recover(): everything is read first, then handed out batch by
+    // batch, each batch's payloads let go as it goes.
+    std::vector<StoredRequest> all = recover(stop);
+    const size_t step = batchSize == 0 ? 1 : batchSize;
+    std::vector<StoredRequest> chunk;
+    for (size_t begin = 0; begin < all.size(); begin += step) {
+      const size_t end = std::min(all.size(), begin + step);
+      chunk.clear();
+      chunk.reserve(end - begin);
+      for (size_t i = begin; i < end; ++i) chunk.push_back(std::move(all[i]));
+      // Moved-from strings may keep nothing, but make sure of it.
+      for (size_t i = begin; i < end; ++i) all[i] = StoredRequest{};
+      if (!batch(chunk)) return;
+    }
+  }
 
   // Forgets the finished requests (delivered or dropped) and makes every
   // append and every forget so far survive a power loss.

@@ -1,0 +1,407 @@
+// The durable executor's workers and backoff: a worker takes the next
+// request, builds its URL, sends it and settles the answer (delivered,
+// retried, held while its host backs off, dropped); per-host backoff and
+// probes.
+#include <korvel/network/internal/DurableRequestExecutor.h>
+
+#include <algorithm>
+#include <random>
+
+#include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/KVNRequestReload.h>
+#include <korvel/network/internal/DeliveryShared.h>
+#include <korvel/platform/Env.h>
+#include <korvel/platform/internal/Threads.h>
+
+namespace korvel::platform {
+
+namespace fs = std::filesystem;
+using namespace delivery;
+
+namespace {
+
+// How often requests held back by their configuration policy are looked at
+// again; the configuration announces no changes.
+constexpr auto kPolicyRecheckInterval = std::chrono::milliseconds(50);
+// While a host backs off, new reports wake no worker; a worker looks at
+// them this often (they may be for another host).
+constexpr auto kBackoffRecheckInterval = std::chrono::milliseconds(500);
+
+// "scheme://host:port" of a URL (the port only when given); the URL itself
+// when it has no scheme.
+std::string hostOf(const std::string& url) {
+  const size_t scheme = url.find("://");
+  if (scheme == std::string::npos) return url.substr(0, url.find_first_of("/?#"));
+  const size_t end = url.find_first_of("/?#", scheme + 3);
+  std::string host = url.substr(0, end);
+  // Without any userinfo: it is no part of the host.
+  if (const size_t at = host.find('@', scheme + 3); at != std::string::npos) {
+    host.erase(scheme + 3, at - scheme - 2);
+  }
+  return host;
+}
+
+// The URL without its query, for log lines (the query carries the inid).
+std::string withoutQuery(const std::string& url) { return url.substr(0, url.find('?')); }
+
+std::string describe(const DeliveryResponse& response) {
+  if (response.status != 0) return "HTTP " + std::to_string(response.status);
+  return response.error.empty() ? std::string("no answer") : response.error;
+}
+
+}  // namespace
+
+int DurableRequestExecutor::hostIndex(const std::string& name) {
+  for (size_t h = 0; h < hosts_.size(); ++h) {
+    if (hosts_[h].name == name) return static_cast<int>(h);
+  }
+  // Hosts are few; past this many the oldest healthy one's slot is reused.
+  constexpr size_t kMaxHosts = 64;
+  if (hosts_.size() >= kMaxHosts) {
+    for (size_t h = 0; h < hosts_.size(); ++h) {
+      if (hosts_[h].steps == 0 && hosts_[h].held.empty()) {
+        hosts_[h] = Host{};
+        hosts_[h].name = name;
+        // Entries that still name the slot only take its (healthy) state.
+        return static_cast<int>(h);
+      }
+    }
+  }
+  hosts_.push_back(Host{});
+  hosts_.back().name = name;
+  return static_cast<int>(hosts_.size() - 1);
+}
+
+void DurableRequestExecutor::hostFailed(int index, bool probe, const DeliveryResponse& response,
+                                        double jitter) {
+  Host& host = hosts_[static_cast<size_t>(index)];
+  const auto now = Clock::now();
+  // Requests already on their way when the host failed add no step.
+  if (host.steps == 0) {
+    ++hostsBackingOff_;
+    logger_.log(LogLevel::Info, "backing off from " + host.name + " after " + describe(response));
+  }
+  if (probe || host.steps == 0) ++host.steps;
+  auto delay = retryDelay(host.steps, options_.retryBaseDelay, options_.maxRetryDelay, jitter);
+  if (response.retryAfter) {
+    if (auto asked = parseRetryAfter(*response.retryAfter, env().now())) {
+      const auto honoured = std::min(*asked, options_.maxRetryAfter);
+      delay = std::max(delay, honoured);
+      host.retryAfterUntilMillis = wallMillis() + honoured.count();
+      hostsDirty_ = true;
+    }
+  }
+  host.notBefore = std::max(host.notBefore, now + delay);
+  refreshKeepWhole();
+}
+
+void DurableRequestExecutor::hostAnswered(int index) {
+  Host& host = hosts_[static_cast<size_t>(index)];
+  if (host.steps == 0) return;
+  host.steps = 0;
+  --hostsBackingOff_;
+  if (host.retryAfterUntilMillis != 0) {
+    host.retryAfterUntilMillis = 0;
+    hostsDirty_ = true;
+  }
+  const size_t count = host.held.size();
+  // All at once: one by one, each would move the ready ones before it.
+  std::vector<std::pair<std::pair<int, uint64_t>, NoValue>> goingOut[3];
+  for (const auto& waiting : host.held) {
+    const uint64_t id = waiting.first.second;
+    Entry& entry = entries_.at(id);
+    entry.state = State::Ready;
+    goingOut[bucketOf(entry.policy)].emplace_back(waiting.first, NoValue{});
+  }
+  host.held.clear();
+  for (int b = 0; b < 3; ++b) ready_[b].insertSorted(std::move(goingOut[b]));
+  held_ -= count;
+  refreshKeepWhole();
+  logger_.log(LogLevel::Info, host.name + " answers again; " + std::to_string(count) +
+                                  " waiting requests go out");
+  workAvailable_.signalAll();
+}
+
+void DurableRequestExecutor::settle(uint64_t id, DeliveryVerdict verdict,
+                                    const DeliveryResponse& response, const std::string& url,
+                                    double jitter, int host, bool probe) {
+  if (probe && host >= 0) hosts_[static_cast<size_t>(host)].probing = false;
+  const bool abandoned = verdict == DeliveryVerdict::RetryUncounted && stopping_;
+  if (host >= 0 && !abandoned) {
+    if (verdict == DeliveryVerdict::Delivered || verdict == DeliveryVerdict::Drop) {
+      hostAnswered(host);
+    } else {
+      hostFailed(host, probe, response, jitter);
+    }
+  }
+  auto it = entries_.find(id);
+  if (it == entries_.end()) return;
+  Entry& e = it->second;
+  if (e.cancelled) {
+    if (verdict == DeliveryVerdict::Delivered) ++stats_.delivered;
+    finish(it);
+    return;
+  }
+  switch (verdict) {
+    case DeliveryVerdict::Delivered:
+      ++stats_.delivered;
+      observe(Event::Outcome::Delivered, describe(response), url);
+      finish(it);
+      return;
+    case DeliveryVerdict::Drop:
+      ++stats_.droppedByServer;
+      observe(Event::Outcome::Dropped, "refused with " + describe(response), url);
+      logRepeated("dropped a request refused with " + describe(response) + ": GET " +
+                  withoutQuery(url));
+      finish(it);
+      return;
+    case DeliveryVerdict::Retry:
+      if (++e.failures > e.retryCount) {
+        ++stats_.droppedByServer;
+        observe(Event::Outcome::Dropped,
+                "retries used up, the last " + describe(response), url);
+        logRepeated("dropped a request after " + std::to_string(e.failures) +
+                    " failed attempts, the last " + describe(response) + ": GET " +
+                    withoutQuery(url));
+        finish(it);
+        return;
+      }
+      break;
+    case DeliveryVerdict::RetryUncounted:
+      if (abandoned) {  // by shutdown, not failed
+        makeReady(id, e);
+        return;
+      }
+      break;
+  }
+  observe(Event::Outcome::WillRetry, describe(response), url);
+  if (host >= 0) {
+    hold(id, e, host);
+    return;
+  }
+  // No host to back off from: the request waits on its own.
+  auto delay = retryDelay(++e.backoffSteps, options_.retryBaseDelay, options_.maxRetryDelay, jitter);
+  if (e.durable) whole_.erase(id);
+  e.state = State::Waiting;
+  waiting_.emplace(Clock::now() + delay, id);
+}
+
+void DurableRequestExecutor::observe(Event::Outcome outcome, std::string reason,
+                                     const std::string& url) {
+  if (!options_.observer) return;
+  Event event;
+  event.outcome = outcome;
+  event.reason = std::move(reason);
+  // The beacon's uuid, as its URL carries it.
+  constexpr std::string_view kKey = "clientbeaconuuid=";
+  const size_t query = url.find('?');
+  for (size_t at = query; at != std::string::npos && at + 1 < url.size();
+       at = url.find('&', at + 1)) {
+    if (url.compare(at + 1, kKey.size(), kKey) == 0) {
+      const size_t begin = at + 1 + kKey.size();
+      event.uuid = url.substr(begin, url.find('&', begin) - begin);
+      break;
+    }
+  }
+  events_.push_back(std::move(event));
+}
+
+void DurableRequestExecutor::deliverEvents() {
+  if (events_.empty()) return;
+  std::vector<Event> events;
+  events.swap(events_);
+  mutex_.unlock();
+  for (const Event& event : events) {
+    try {
+      options_.observer(event);
+    } catch (...) {
+      // The observer's failure is its own.
+    }
+  }
+  mutex_.lock();
+}
+
+void DurableRequestExecutor::logRepeated(const std::string& line) {
+  auto [it, first] = repeated_.try_emplace(line, 0);
+  if (first) {
+    logger_.log(LogLevel::Error, line);
+  } else {
+    ++it->second;
+  }
+}
+
+// MARK: - Workers
+
+std::shared_ptr<const KVNNetworkRequest> DurableRequestExecutor::readBack(uint64_t id) {
+  auto stored = store_ ? store_->load(id) : std::nullopt;
+  if (!stored) return nullptr;
+  auto request = KVNReloadRequest(stored->kind, stored->payload);
+  if (!request) return nullptr;
+  request->setPriority(stored->priority);
+  request->setConfigurationPolicy(stored->configurationPolicy);
+  request->setBackgroundSessionRetryCount(stored->retryCount);
+  return std::make_shared<const KVNNetworkRequest>(std::move(*request));
+}
+
+void DurableRequestExecutor::workerLoop() {
+  nameThisThread("korvel-send");
+  lowerThisThreadPriority();
+  std::unique_ptr<DeliveryTransport> transport =
+      options_.transport
+          ? options_.transport(cancel_)
+          : makeCurlTransport(cancel_, CurlTransportOptions{options_.requestTimeout,
+                                                            std::min(options_.requestTimeout,
+                                                                     std::chrono::milliseconds(10'000))});
+  std::minstd_rand random(std::random_device{}());
+  std::uniform_real_distribution<double> unit(0.0, 1.0);
+
+  mutex_.lock();
+  while (!stopping_) {
+    deliverEvents();
+    if (stopping_) break;
+    adoptHandoffs();
+    const auto now = Clock::now();
+    promoteDue(now);
+    uint64_t id = 0;
+    int probeHost = -1;
+    if (!paused_ && (pickProbe(now, id, probeHost) || pickReady(id))) {
+      Entry& entry = entries_.at(id);
+      entry.state = State::InFlight;
+      ++inFlight_;
+      // Reports wake one worker; it wakes the next while there is more.
+      if (sleepingWorkers_ > 0 && ready_[0].size() + ready_[1].size() + ready_[2].size() > 0) {
+        workAvailable_.signal();
+      }
+      std::shared_ptr<const KVNNetworkRequest> request;
+      if (auto kept = whole_.find(id); kept != whole_.end()) request = kept->second;
+      const bool stored = entry.durable && !request;
+      mutex_.unlock();
+
+      if (stored) request = readBack(id);
+      DeliveryResponse response;
+      DeliveryVerdict verdict;
+      std::string url;
+      int host = -1;
+      bool urlTooLong = false;
+      std::optional<KVNEndpoint> endpoint;
+      if (request) endpoint = request->buildEndpoint();
+      if (!request) {
+        mutex_.lock();
+        --inFlight_;
+        auto it = entries_.find(id);
+        if (it != entries_.end()) {
+          ++stats_.droppedUnreadable;
+          logRepeated("dropped a stored request that could not be read back from the journal");
+          finish(it);
+        }
+        if (probeHost >= 0) hosts_[static_cast<size_t>(probeHost)].probing = false;
+        continue;
+      }
+      if (endpoint) {
+        url = endpoint->urlString();
+        mutex_.lock();
+        host = hostIndex(hostOf(url));
+        Host& h = hosts_[static_cast<size_t>(host)];
+        entries_.at(id).host = static_cast<int16_t>(host);
+        if (probeHost >= 0 && probeHost != host) {
+          // Picked as another host's probe, but its URL now names this one.
+          hosts_[static_cast<size_t>(probeHost)].probing = false;
+          probeHost = -1;
+        }
+        if (h.steps > 0 && probeHost != host) {
+          if (h.probing || Clock::now() < h.notBefore) {
+            // The host backs off: no connection; it waits with the others
+            // (unless it was purged meanwhile).
+            --inFlight_;
+            auto it = entries_.find(id);
+            if (it->second.cancelled) {
+              finish(it);
+            } else {
+              hold(id, it->second, host);
+            }
+            continue;
+          }
+          h.probing = true;
+          probeHost = host;
+        }
+        urlTooLong = url.size() > options_.maxRequestBytes;
+        if (!urlTooLong) ++stats_.attempts;
+        mutex_.unlock();
+        if (urlTooLong) {
+          verdict = DeliveryVerdict::Drop;
+        } else {
+          response = transport ? transport->get(url) : DeliveryResponse{};
+          verdict = classifyDelivery(response);
+        }
+      } else if (!KVNConfigurationPolicySatisfied(request->configurationPolicy())) {
+        // The configuration changed under it: wait for the policy again.
+        response.error = "configuration no longer allows it";
+        verdict = DeliveryVerdict::RetryUncounted;
+      } else {
+        response.reachedServer = true;
+        response.error = "no endpoint URL";
+        verdict = DeliveryVerdict::Retry;
+      }
+      const double jitter = unit(random);
+
+      mutex_.lock();
+      --inFlight_;
+      if (probeHost >= 0 && probeHost != host) {
+        hosts_[static_cast<size_t>(probeHost)].probing = false;
+        probeHost = -1;
+      }
+      if (urlTooLong) {
+        if (probeHost >= 0) hosts_[static_cast<size_t>(probeHost)].probing = false;
+        auto it = entries_.find(id);
+        if (it != entries_.end()) {
+          ++stats_.droppedOversize;
+          observe(Event::Outcome::Dropped, "URL longer than " +
+                                               std::to_string(options_.maxRequestBytes) +
+                                               " bytes", url);
+          logRepeated("dropped a request whose URL has " + std::to_string(url.size()) +
+                      " bytes: more than " + std::to_string(options_.maxRequestBytes) +
+                      " bytes are never sent");
+          finish(it);
+        }
+        continue;
+      }
+      settle(id, verdict, response, url, jitter, host, probeHost >= 0);
+      continue;
+    }
+
+    // Nothing to send now: sleep until a retry or a host's probe is due, a
+    // policy may have changed, or new work arrives.
+    std::optional<Clock::time_point> wake;
+    auto wakeBy = [&wake](Clock::time_point at) { wake = wake ? std::min(*wake, at) : at; };
+    if (!waiting_.empty()) wakeBy(waiting_.begin()->first);
+    if (hostsBackingOff_ > 0) {
+      // New reports wake no worker now: the next probe time does, or, while
+      // a probe is on its way, a short recheck.
+      std::optional<Clock::time_point> probeAt;
+      for (const Host& h : hosts_) {
+        if (h.steps > 0 && !h.probing && h.notBefore > now) {
+          probeAt = probeAt ? std::min(*probeAt, h.notBefore) : h.notBefore;
+        }
+      }
+      wakeBy(probeAt ? *probeAt : now + kPolicyRecheckInterval);
+      wakeBy(now + kBackoffRecheckInterval);
+    }
+    if (!paused_ && (!ready_[1].empty() || !ready_[2].empty())) {
+      wakeBy(now + kPolicyRecheckInterval);
+    }
+    bool wakeable = false;
+    if (!markAsleep(wakeable)) continue;  // handed over meanwhile
+    ++sleepingWorkers_;
+    if (wake) {
+      workAvailable_.waitUntil(mutex_, *wake);
+    } else {
+      workAvailable_.wait(mutex_);
+    }
+    --sleepingWorkers_;
+    markAwake(wakeable);
+  }
+  deliverEvents();
+  mutex_.unlock();
+}
+
+}  // namespace korvel::platform

@@ -1,0 +1,332 @@
+// The durable executor's writer thread: restores what earlier runs stored,
+// then every sync interval syncs the journal, tells it what is finished,
+// applies the age cap, writes the collapsed log lines and keeps the hosts'
+// Retry-After times and the store's clock in the directory.
+#include <korvel/network/internal/DurableRequestExecutor.h>
+
+#include <fcntl.h>
+#include <unistd.h>
+#if defined(__GLIBC__)
+#include <malloc.h>
+#endif
+
+#include <algorithm>
+#include <cstdlib>
+#include <fstream>
+
+#include <korvel/foundation/KVNRequestReload.h>
+#include <korvel/network/internal/DeliveryShared.h>
+#include <korvel/platform/Env.h>
+#include <korvel/platform/internal/Threads.h>
+
+namespace korvel::platform {
+
+namespace fs = std::filesystem;
+using namespace delivery;
+
+namespace {
+
+// The age cap is applied from the oldest entry on at every sync; a full scan
+// (entries restored out of order) runs this often.
+constexpr auto kFullAgeScanInterval = std::chrono::minutes(1);
+// Past this many restored requests the memory their payloads took is given
+// back to the system.
+constexpr size_t kRestoreTrimThreshold = 10'000;
+// Repeated log lines are summed up this often.
+constexpr auto kRepeatedLogInterval = std::chrono::seconds(1);
+// The file in the store's directory that keeps hosts' Retry-After times.
+constexpr const char* kHostsFile = "hosts";
+// The file that keeps the store's clock across runs, and how often the
+// writer brings it up to date.
+constexpr const char* kClockFile = "clock";
+constexpr int64_t kClockSaveIntervalMillis = 60'000;
+
+}  // namespace
+
+void DurableRequestExecutor::restoreStored() {
+  // In batches, with the marks of what went out meanwhile synced between
+  // them: a kill during a long restore sends little twice. Only one batch's
+  // payloads are held at a time; the queue keeps the index alone.
+  constexpr size_t kBatch = 1024;
+  size_t unknown = 0;
+  size_t seen = 0;
+  // Past the age cap already: dropped before anything could send them. A
+  // stamp ahead of the store's clock counts as made now.
+  const int64_t maxAgeMillis =
+      std::chrono::duration_cast<std::chrono::milliseconds>(options_.maxAge).count();
+  const int64_t clockNow = storeClockMillis();
+  const int64_t monotonicNow = monotonicMillis();
+  // Kept across batches (their capacity with them), let go at the end.
+  std::vector<std::pair<uint64_t, Entry>> batchEntries;
+  std::vector<uint64_t> expired;
+  std::vector<uint64_t> finished;
+  store_->recoverInBatches(&cancel_, kBatch, [&](std::vector<StoredRequest>& batch) {
+    if (cancel_) return false;
+    seen += batch.size();
+    batchEntries.clear();
+    expired.clear();
+    size_t batchUnknown = 0;
+    for (StoredRequest& s : batch) {
+      const int64_t age = std::max<int64_t>(0, clockNow - s.createdMillis);
+      if (age > maxAgeMillis) {
+        expired.push_back(s.id);
+        continue;
+      }
+      Entry entry;
+      entry.priority = s.priority;
+      entry.policy = static_cast<int8_t>(bucketOf(s.configurationPolicy));
+      entry.retryCount = static_cast<int16_t>(std::clamp(s.retryCount, 0, int{INT16_MAX}));
+      entry.bornMillis = monotonicNow - age;
+      entry.durable = true;
+      entry.bytes = static_cast<uint32_t>(kFrameHeaderBytes + kFrameFixedBodyBytes + s.kind.size() +
+                                          s.payload.size());
+      // Restored once here (as every earlier run's request is), then only
+      // its index is kept: the request is read back when it is sent.
+      if (!KVNRequestRestorers::restore(s.kind, s.payload)) {
+        entry.state = State::Parked;
+        ++batchUnknown;
+      }
+      batchEntries.emplace_back(s.id, std::move(entry));
+    }
+    unknown += batchUnknown;
+    {
+      MutexLock lock(mutex_);
+      if (writerStopping_) return false;  // the rest stays stored for the next start
+      for (auto& [id, entry] : batchEntries) enqueue(id, std::move(entry));
+      stats_.restored += batchEntries.size() - batchUnknown;
+      stats_.droppedTooOld += expired.size();
+      tooOldSinceLog_ += expired.size();
+      finished_.insert(finished_.end(), expired.begin(), expired.end());
+      enforceCap();
+      finished.clear();
+      finished.swap(finished_);
+    }
+    workAvailable_.signalAll();
+    store_->sync(finished);
+    return true;
+  });
+  if (unknown > 0) {
+    logger_.log(LogLevel::Error, std::to_string(unknown) +
+                                     " stored requests could not be restored; they are kept "
+                                     "until they exceed the age cap");
+  }
+  {
+    MutexLock lock(mutex_);
+    dropExpired(monotonicMillis(), true);
+    restored_ = true;
+    // A long restore grew the queue's side tables: give back what a
+    // backlog no longer needs.
+    finished_.shrink_to_fit();
+    if (drained()) progress_.signalAll();
+  }
+  workAvailable_.signalAll();
+#if defined(__GLIBC__)
+  // The payloads read back are freed, but glibc keeps the pages they took
+  // (between the index's blocks, its heap cannot shrink from the top): a
+  // large restore would leave the process several times larger than the
+  // one that queued the same backlog. Once, after restoring.
+  if (seen >= kRestoreTrimThreshold) malloc_trim(0);
+#endif
+}
+
+void DurableRequestExecutor::loadHosts() {
+  std::ifstream in(directory_ / kHostsFile);
+  std::string name;
+  int64_t until = 0;
+  const int64_t nowMillis = wallMillis();
+  const auto now = Clock::now();
+  MutexLock lock(mutex_);
+  while (in >> name >> until) {
+    if (until <= nowMillis) continue;
+    const auto left = std::min(std::chrono::milliseconds(until - nowMillis), options_.maxRetryAfter);
+    Host& host = hosts_[static_cast<size_t>(hostIndex(name))];
+    if (host.steps == 0) ++hostsBackingOff_;
+    host.steps = 1;
+    host.notBefore = now + left;
+    host.retryAfterUntilMillis = until;
+    logger_.log(LogLevel::Info, name + " asked for no requests before " + std::to_string(left.count() / 1000) +
+                                    " s from now; waiting until then");
+  }
+  refreshKeepWhole();
+}
+
+int64_t DurableRequestExecutor::storeClockMillis() const {
+  return std::max(wallMillis(), clockBaseMillis_ + (monotonicMillis() - monotonicBaseMillis_));
+}
+
+void DurableRequestExecutor::loadClock() {
+  const fs::path path = directory_ / kClockFile;
+  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
+  if (fd < 0) return;
+  char text[32] = {};
+  const ssize_t got = ::read(fd, text, sizeof text - 1);
+  ::close(fd);
+  if (got <= 0) return;
+  char* end = nullptr;
+  const long long stored = std::strtoll(text, &end, 10);
+  if (end == text) return;
+  clockBaseMillis_ = std::max<int64_t>(clockBaseMillis_, stored);
+}
+
+void DurableRequestExecutor::saveClock(int64_t millis) {
+  const std::string text = std::to_string(millis) + "\n";
+  const fs::path temporary = directory_ / "clock.tmp";
+  const int fd =
+      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
+  if (fd < 0) return;
+  const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  ::close(fd);
+  if (written) ::rename(temporary.c_str(), (directory_ / kClockFile).c_str());
+}
+
+void DurableRequestExecutor::saveHosts(const std::vector<std::pair<std::string, int64_t>>& hosts) {
+  const fs::path path = directory_ / kHostsFile;
+  if (hosts.empty()) {
+    ::unlink(path.c_str());
+    return;
+  }
+  std::string text;
+  for (const auto& [name, until] : hosts) text += name + " " + std::to_string(until) + "\n";
+  const fs::path temporary = directory_ / "hosts.tmp";
+  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
+  if (fd < 0) return;
+  const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  ::close(fd);
+  if (written) ::rename(temporary.c_str(), path.c_str());
+}
+
+void DurableRequestExecutor::writerLoop() {
+  // Not lowered, since report calls rely on it for new journal segments;
+  // but batch, so that a sync finishing or a segment switch that wakes it
+  // does not take the core from a report call half-way through.
+  nameThisThread("korvel-journal");
+  batchThisThread();
+  if (store_) {
+    restoreStored();
+  } else {
+    MutexLock lock(mutex_);
+    restored_ = true;
+    progress_.signalAll();
+  }
+
+  // The store's clock is kept from the start on: a run killed early still
+  // moves it forward.
+  if (store_) saveClock(storeClockMillis());
+  int64_t lastClockSave = monotonicMillis();
+  auto lastFullScan = Clock::now();
+  auto lastRepeatedLog = Clock::now();
+  mutex_.lock();
+  for (;;) {
+    const auto until = Clock::now() + options_.syncInterval;
+    while (!writerStopping_ && !syncRequested_) {
+      // A switch signalled between this check and the wait is seen at the
+      // next interval: the hint only brings the sync forward.
+      if (segmentSwitched_.exchange(false, std::memory_order_acquire)) break;
+      if (handoffsWaiting_.exchange(false, std::memory_order_acquire)) adoptHandoffs();
+      if (!writerWake_.waitUntil(mutex_, until)) break;
+    }
+    adoptHandoffs();  // counts their appends and applies the caps to them
+    const bool stop = writerStopping_;
+    const bool compact = compactRequested_;
+    syncRequested_ = false;
+    compactRequested_ = false;
+
+    const auto now = Clock::now();
+    const bool fullScan = now - lastFullScan >= kFullAgeScanInterval;
+    if (fullScan) lastFullScan = now;
+    dropExpired(monotonicMillis(), fullScan);
+
+    std::vector<uint64_t> finished;
+    finished.swap(finished_);
+    const uint64_t overCap = std::exchange(overCapSinceLog_, 0);
+    const uint64_t tooOld = std::exchange(tooOldSinceLog_, 0);
+    const uint64_t appendFailures = std::exchange(appendFailuresSinceLog_, 0);
+    const uint64_t appends = std::exchange(appendsSinceLog_, 0);
+    // Appends fail (a full disk, a broken segment): not durable until one
+    // works again.
+    const bool wasFailing = appendsFailing_;
+    if (appendFailures > 0) appendsFailing_ = true;
+    if (appendFailures == 0 && appends > 0) appendsFailing_ = false;
+    const bool nowFailing = appendsFailing_;
+    std::vector<std::string> repeatedLines;
+    if (stop || now - lastRepeatedLog >= kRepeatedLogInterval) {
+      lastRepeatedLog = now;
+      for (auto it = repeated_.begin(); it != repeated_.end();) {
+        if (it->second == 0) {
+          it = repeated_.erase(it);
+          continue;
+        }
+        repeatedLines.push_back(it->first + " (and " + std::to_string(it->second) +
+                                " more like it)");
+        it->second = 0;
+        ++it;
+      }
+    }
+    std::optional<std::vector<std::pair<std::string, int64_t>>> hosts;
+    if (hostsDirty_ && store_) {
+      hostsDirty_ = false;
+      hosts.emplace();
+      for (const Host& h : hosts_) {
+        if (h.retryAfterUntilMillis > 0) hosts->emplace_back(h.name, h.retryAfterUntilMillis);
+      }
+    }
+    const uint64_t generation = ++syncStarted_;
+    mutex_.unlock();
+
+    std::optional<StoreStats> storeStats;
+    if (store_) {
+      store_->sync(finished);
+      if (compact) store_->compact();
+      if (compact) storeStats = store_->stats();
+    }
+    if (hosts) saveHosts(*hosts);
+    if (store_ && (stop || monotonicMillis() - lastClockSave >= kClockSaveIntervalMillis)) {
+      lastClockSave = monotonicMillis();
+      saveClock(storeClockMillis());
+    }
+    for (const auto& line : repeatedLines) logger_.log(LogLevel::Error, line);
+    if (options_.observer && (overCap > 0 || tooOld > 0)) {
+      auto dropped = [this](uint64_t count, std::string reason) {
+        Event event;
+        event.outcome = Event::Outcome::Dropped;
+        event.reason = std::move(reason);
+        event.count = count;
+        try {
+          options_.observer(event);
+        } catch (...) {
+          // The observer's failure is its own.
+        }
+      };
+      if (overCap > 0) dropped(overCap, "over the stored requests' count or bytes");
+      if (tooOld > 0) dropped(tooOld, "older than the age cap");
+    }
+    if (overCap > 0) {
+      logger_.log(LogLevel::Error, "dropped the " + std::to_string(overCap) +
+                                       " oldest requests: more than " +
+                                       std::to_string(options_.maxStoredRequests) +
+                                       " were waiting, or more than " +
+                                       std::to_string(options_.maxStoredBytes) + " bytes");
+    }
+    if (tooOld > 0) {
+      logger_.log(LogLevel::Error, "dropped " + std::to_string(tooOld) +
+                                       " requests older than " +
+                                       std::to_string(options_.maxAge.count()) + " s");
+    }
+    if (nowFailing && !wasFailing) {
+      logger_.log(LogLevel::Error, std::to_string(appendFailures) +
+                                       " requests could not be stored: not durable, requests are "
+                                       "kept in memory only until the store takes them again");
+    } else if (!nowFailing && wasFailing) {
+      logger_.log(LogLevel::Info, "requests are stored again: durable");
+    }
+
+    mutex_.lock();
+    if (storeStats) lastStoreStats_ = storeStats;
+    syncCompleted_ = generation;
+    progress_.signalAll();
+    if (stop) break;
+  }
+  mutex_.unlock();
+}
+
+}  // namespace korvel::platform

@@ -1,0 +1,25 @@
+// What the durable executor's files share (DurableRequestExecutor.cpp,
+// DeliveryQueue.cpp, DeliveryWorkers.cpp, DeliveryWriter.cpp in network/):
+// its clocks and the bound on the requests that wait whole.
+#pragma once
+
+#include <chrono>
+#include <cstddef>
+#include <cstdint>
+
+#include <korvel/platform/Env.h>
+
+namespace korvel::platform::delivery {
+
+using Clock = std::chrono::steady_clock;
+
+// A stored request that is about to go out keeps its request object while
+// fewer than this many are ready to send (no read-back on the healthy
+// path); past that, and whenever a request has to wait, only its index is
+// kept. Bounds the memory held whole, whatever the backlog.
+inline constexpr size_t kKeptWhole = 64;
+
+inline int64_t wallMillis() { return static_cast<int64_t>(env().now() * 1000.0); }
+inline int64_t monotonicMillis() { return static_cast<int64_t>(env().monotonicNanos() / 1'000'000); }
+
+}  // namespace korvel::platform::delivery
