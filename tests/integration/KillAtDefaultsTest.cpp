@@ -64,7 +64,7 @@ std::string env(const char* name) {
   };
   if (!Reporting::start(options)) _exit(2);
   if (mode == "drain") {
-    const bool delivered = Reporting::flush(15s);
+    const bool delivered = Reporting::flush(15s).ok;
     Reporting::shutdown(2s);
     _exit(delivered ? 0 : 3);
   }

@@ -194,8 +194,10 @@ int runDrain(const HostOptions& o) {
     std::fprintf(stderr, "korvel-torture drain: start failed: %s\n", started.error.c_str());
     return kExitStartFailed;
   }
-  const bool delivered = Reporting::flush(std::chrono::duration_cast<std::chrono::milliseconds>(
+  // Beacons the collector refused for good count as given up, not as pending.
+  const auto flushed = Reporting::flush(std::chrono::duration_cast<std::chrono::milliseconds>(
       std::chrono::duration<double>(o.flushSeconds)));
+  const bool delivered = flushed.pending == 0;
   Reporting::shutdown(std::chrono::seconds(3));
   return delivered ? 0 : kExitNotDrained;
 }
