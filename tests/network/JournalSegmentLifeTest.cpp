@@ -65,7 +65,7 @@ TEST_F(JournalSegmentLifeTest, ASegmentRemovedBeforeItIsFinishedIsNeverHandedOut
     const uint64_t small = epoch | next++;
     if (!store->append(frameOf(small, 900), small)) _exit(4);
     const uint64_t large = epoch | next++;
-    if (!store->append(frameOf(large, 15000), large)) _exit(4);
+    if (!store->append(frameOf(large, 16000), large)) _exit(4);
     const uint64_t finished[] = {small};
     store->sync(finished);
     // Through the next few segments, each of which the writer made.

@@ -282,6 +282,10 @@ class JournalRequestStore final : public RequestStore {
         // Requests marked in the unreadable part are sent again (same uuid).
         front_.setAside(marksName(number), "bad delivered-marks batch");
       }
+    } else if (errno == ELOOP) {
+      // A link where the marks file belongs was not made by the store: it
+      // goes (never followed), and the segment's requests are sent again.
+      front_.files().unlinkAt(front_.folder(), marksName(number).c_str(), 0);
     } else if (!marksMissing) {
       unreadableReason = "marks: " + errnoText(errno);
       return false;
@@ -379,8 +383,13 @@ class JournalRequestStore final : public RequestStore {
       if (segment.marks.empty()) continue;
       // Kept until written: a request without its mark is sent again after
       // a restart.
-      const int fd = front_.files().openAt(front_.folder(), marksName(number).c_str(),
-                                           O_WRONLY | O_CREAT | O_APPEND, 0600);
+      const std::string name = marksName(number);
+      FileSystem& files = front_.files();
+      int fd = files.openAt(front_.folder(), name.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+      if (fd < 0 && errno == ELOOP && files.unlinkAt(front_.folder(), name.c_str(), 0) == 0) {
+        // A planted link is removed, never followed.
+        fd = files.openAt(front_.folder(), name.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+      }
       if (fd >= 0 && writeMarks(fd, segment.marks)) {
         toSync.push_back(fd);
         segment.marks.clear();
