@@ -13,7 +13,6 @@
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/JournalFront.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
-#include <korvel/platform/Files.h>
 
 namespace korvel::platform {
 
@@ -41,37 +40,9 @@ JournalFront::~JournalFront() {
 bool JournalFront::openDirectory() {
   const fs::path& dir = options_.directory;
   failure_.clear();
-  std::error_code ec;
-  if (dir.has_parent_path()) createPrivateDirectories(dir.parent_path(), ec);
-  if (files_.mkdirAt(AT_FDCWD, dir.c_str(), 0700) != 0 && errno != EEXIST) {
-    failure_ = "cannot create " + dir.string() + ": " + errnoText(errno);
-    return false;
-  }
-  const int folder = files_.openFolder(dir.c_str());
-  if (folder < 0) {
-    failure_ = "cannot open " + dir.string() + ": " + errnoText(errno);
-    return false;
-  }
-  // Another user's folder, or one others may write to, could have files
-  // planted in it or be emptied by them: refused unless it can be made ours.
-  struct stat st {};
-  if (files_.fstat(folder, &st) != 0) {
-    failure_ = "cannot inspect " + dir.string() + ": " + errnoText(errno);
-  } else if (!S_ISDIR(st.st_mode)) {
-    failure_ = dir.string() + " is not a directory";
-  } else if (st.st_uid != files_.user()) {
-    failure_ = dir.string() + " belongs to another user (uid " + std::to_string(st.st_uid) +
-               "); requests are not stored there";
-  } else if ((st.st_mode & 077) != 0 && files_.fchmod(folder, 0700) != 0) {
-    char mode[8];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
-    failure_ = dir.string() + " is open to other users (mode " + mode +
-               ") and cannot be made private: " + errnoText(errno);
-  }
-  if (!failure_.empty()) {
-    files_.close(folder);
-    return false;
-  }
+  heldByAnother_ = false;
+  const int folder = openCheckedFolder(files_, dir.string(), failure_);
+  if (folder < 0) return false;
   const int lockFd = files_.openAt(folder, kLockFile, O_RDWR | O_CREAT, 0600);
   if (lockFd < 0) {
     failure_ = "cannot open the lock in " + dir.string() + ": " + errnoText(errno);
@@ -80,6 +51,7 @@ bool JournalFront::openDirectory() {
   }
   if (files_.flock(lockFd, LOCK_EX | LOCK_NB) != 0) {
     failure_ = dir.string() + " is in use by another process";
+    heldByAnother_ = errno == EWOULDBLOCK;
     files_.close(lockFd);
     files_.close(folder);
     return false;
@@ -87,6 +59,26 @@ bool JournalFront::openDirectory() {
   MutexLock lock(mutex_);
   folder_ = folder;
   lockFd_ = lockFd;
+  return true;
+}
+
+bool JournalFront::adoptSegment(int fromFolder, uint32_t number) {
+  const uint32_t renumbered = nextSegment_.fetch_add(1);
+  // The marks go first: a crash in between leaves marks without their
+  // segment here (removed at the next start) and the segment there without
+  // its marks, whose finished requests are then sent again: a resend,
+  // never a loss.
+  if (files_.renameAt(fromFolder, marksName(number).c_str(), folder_, marksName(renumbered).c_str()) != 0 &&
+      errno != ENOENT) {
+    return false;
+  }
+  if (files_.renameAt(fromFolder, segmentName(number).c_str(), folder_,
+                      segmentName(renumbered).c_str()) != 0) {
+    files_.renameAt(folder_, marksName(renumbered).c_str(), fromFolder, marksName(number).c_str());
+    return false;
+  }
+  earlierSegments_.push_back(renumbered);
+  directoryDirty_ = true;
   return true;
 }
 

@@ -3,9 +3,11 @@
 // and healing when the directory is replaced under it.
 #include <errno.h>
 #include <fcntl.h>
+#include <sys/file.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <cstring>
 #include <list>
 #include <map>
 #include <unordered_map>
@@ -76,18 +78,33 @@ class ReadDescriptors {
 class JournalRequestStore final : public RequestStore {
  public:
   explicit JournalRequestStore(const RequestStoreOptions& options)
-      : front_(options), descriptors_(front_.files()) {}
+      : options_(options),
+        files_(options.fileSystem != nullptr ? *options.fileSystem : posixFileSystem()),
+        descriptors_(files_) {}
   ~JournalRequestStore() override {
     MutexLock lock(indexMutex_);
     descriptors_.clear();
   }
 
-  bool open() { return front_.open(); }
-  const std::string& failure() const { return front_.failure(); }
+  // The data folder's own journal, or, while another live process holds
+  // that, a journal of this process's own in a "run-<n>" folder inside it;
+  // then the journals no live process holds are adopted.
+  bool open() {
+    const int top = openCheckedFolder(files_, options_.directory.string(), failure_);
+    if (top < 0) {
+      options_.logger.log(LogLevel::Error, failure_);
+      return false;
+    }
+    const bool opened = openJournal(top);
+    if (opened) adoptOrphanedJournals(top);
+    files_.close(top);
+    return opened;
+  }
+  const std::string& failure() const { return failure_; }
 
-  uint32_t epoch() const override { return front_.epoch(); }
+  uint32_t epoch() const override { return front_->epoch(); }
 
-  bool append(std::string_view frame, uint64_t id) override { return front_.append(frame, id); }
+  bool append(std::string_view frame, uint64_t id) override { return front_->append(frame, id); }
 
   std::vector<StoredRequest> recover(const std::atomic<bool>* stop) override
       KORVEL_EXCLUDES(indexMutex_) {
@@ -109,13 +126,13 @@ class JournalRequestStore final : public RequestStore {
   void recoverInBatches(const std::atomic<bool>* stop, size_t batchSize,
                         const std::function<bool(std::vector<StoredRequest>&)>& batch) override
       KORVEL_EXCLUDES(indexMutex_) {
-    const auto& log = front_.logger();
+    const auto& log = front_->logger();
     removeOrphanMarks();
     size_t restored = 0;
     size_t unreadable = 0;
     std::string unreadableReason;
     std::vector<StoredRequest> live;
-    for (uint32_t number : front_.earlierSegments()) {
+    for (uint32_t number : front_->earlierSegments()) {
       if (stop != nullptr && stop->load()) break;  // the rest stays for the next start
       live.clear();
       bool kept = true;
@@ -148,19 +165,19 @@ class JournalRequestStore final : public RequestStore {
   }
 
   void sync(std::span<const uint64_t> finished) override KORVEL_EXCLUDES(indexMutex_) {
-    if (front_.activeBytes() >= front_.options().segmentBytes &&
-        front_.activeBytes() != UINT64_MAX) {
-      front_.rotate();
+    if (front_->activeBytes() >= front_->options().segmentBytes &&
+        front_->activeBytes() != UINT64_MAX) {
+      front_->rotate();
     }
     std::vector<int> toSync;
     {
       MutexLock lock(indexMutex_);
       toSync = settle(finished);
     }
-    front_.syncActive();
+    front_->syncActive();
     for (int fd : toSync) {
-      front_.files().fdatasync(fd);
-      front_.files().close(fd);
+      front_->files().fdatasync(fd);
+      front_->files().close(fd);
     }
     MutexLock lock(indexMutex_);
     compactClosed(false);
@@ -189,17 +206,17 @@ class JournalRequestStore final : public RequestStore {
   }
 
   void compact() override KORVEL_EXCLUDES(indexMutex_) {
-    if (front_.activeBytes() > kSegmentHeaderBytes && front_.activeBytes() != UINT64_MAX) {
-      front_.rotate();
+    if (front_->activeBytes() > kSegmentHeaderBytes && front_->activeBytes() != UINT64_MAX) {
+      front_->rotate();
     }
-    front_.syncActive();  // finishes what was closed, so it can be compacted
+    front_->syncActive();  // finishes what was closed, so it can be compacted
     {
       MutexLock lock(indexMutex_);
       drainFront();
       removeFinishedSegments();
       compactClosed(true);
     }
-    front_.syncActive();
+    front_->syncActive();
   }
 
   StoreStats stats() const override KORVEL_EXCLUDES(indexMutex_) {
@@ -208,17 +225,17 @@ class JournalRequestStore final : public RequestStore {
       MutexLock lock(indexMutex_);
       stored = stored_.size();
     }
-    return {front_.bytesOnDisk(), stored};
+    return {front_->bytesOnDisk(), stored};
   }
 
   bool writeSmallFile(const std::string& name, std::string_view contents) override {
-    return front_.writeSmallFile(name, contents);
+    return front_->writeSmallFile(name, contents);
   }
   std::optional<std::string> readSmallFile(const std::string& name) override {
-    return front_.readSmallFile(name);
+    return front_->readSmallFile(name);
   }
   void removeSmallFile(const std::string& name) override {
-    front_.files().unlinkAt(front_.folder(), name.c_str(), 0);
+    front_->files().unlinkAt(front_->folder(), name.c_str(), 0);
   }
 
   // Descriptors held for reading requests back (tests).
@@ -256,15 +273,115 @@ class JournalRequestStore final : public RequestStore {
     Loc loc{};
   };
 
+  bool openJournal(int top) {
+    // Processes pick their epochs one at a time, each above every epoch
+    // written in the folder so far: identifiers never collide between
+    // journals that one process may adopt later.
+    const int epochLock = files_.openAt(top, kEpochLockFile, O_RDWR | O_CREAT, 0600);
+    if (epochLock >= 0) files_.flock(epochLock, LOCK_EX);
+    uint32_t minEpoch = highestRunEpoch(top);
+    if (auto text = readSmallFileIn(files_, top, kEpochFile)) {
+      char* end = nullptr;
+      const unsigned long long stored = std::strtoull(text->c_str(), &end, 10);
+      if (end != text->c_str() && stored < 0xFFFFFFFFull) {
+        minEpoch = std::max(minEpoch, static_cast<uint32_t>(stored));
+      }
+    }
+    front_ = std::make_unique<JournalFront>(options_);
+    bool opened = front_->open(minEpoch);
+    for (uint32_t run = 1; !opened && front_->heldByAnotherProcess() && run <= kMostRuns; ++run) {
+      RequestStoreOptions own = options_;
+      own.directory = options_.directory / (kRunPrefix + std::to_string(run));
+      front_ = std::make_unique<JournalFront>(own);
+      opened = front_->open(minEpoch);
+    }
+    if (opened && front_->options().directory != options_.directory) {
+      writeSmallFileIn(files_, top, kEpochFile, std::to_string(front_->epoch()) + "\n");
+    }
+    if (epochLock >= 0) files_.close(epochLock);
+    if (!opened) failure_ = front_->failure();
+    return opened;
+  }
+
+  // The highest epoch in the segment headers of the run folders.
+  uint32_t highestRunEpoch(int top) {
+    uint32_t highest = 0;
+    std::vector<std::string> runs;
+    if (!files_.listFolder(top, runs)) return 0;
+    for (const auto& run : runs) {
+      if (!run.starts_with(kRunPrefix)) continue;
+      const int folder = files_.openAt(top, run.c_str(), O_RDONLY | O_DIRECTORY, 0);
+      std::vector<std::string> names;
+      if (folder >= 0 && files_.listFolder(folder, names)) {
+        for (const auto& name : names) {
+          if (!segmentNumber(name, kSegmentSuffix)) continue;
+          const int fd = files_.openAt(folder, name.c_str(), O_RDONLY, 0);
+          char header[kSegmentHeaderBytes];
+          if (fd >= 0 && files_.pread(fd, header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) &&
+              std::memcmp(header, kSegmentMagic, sizeof kSegmentMagic) == 0) {
+            highest = std::max(highest, get<uint32_t>(header + 12));
+          }
+          if (fd >= 0) files_.close(fd);
+        }
+      }
+      if (folder >= 0) files_.close(folder);
+    }
+    return highest;
+  }
+
+  // Moves the segments of every run folder no live process holds (its lock
+  // is free) into this journal and removes the folder: what a process that
+  // ended left is delivered by the next one.
+  void adoptOrphanedJournals(int top) {
+    const std::string own = front_->options().directory.filename().string();
+    std::vector<std::string> runs;
+    if (!files_.listFolder(top, runs)) return;
+    size_t adopted = 0;
+    for (const auto& run : runs) {
+      if (!run.starts_with(kRunPrefix) || run == own) continue;
+      const int folder = files_.openAt(top, run.c_str(), O_RDONLY | O_DIRECTORY, 0);
+      if (folder < 0) continue;
+      const int lock = files_.openAt(folder, kLockFile, O_RDWR | O_CREAT, 0600);
+      if (lock >= 0 && files_.flock(lock, LOCK_EX | LOCK_NB) == 0) {
+        std::vector<std::string> names;
+        bool all = files_.listFolder(folder, names);
+        std::vector<uint32_t> numbers;
+        for (const auto& name : names) {
+          if (auto number = segmentNumber(name, kSegmentSuffix)) numbers.push_back(*number);
+        }
+        std::sort(numbers.begin(), numbers.end());
+        for (uint32_t number : numbers) {
+          if (front_->adoptSegment(folder, number)) {
+            ++adopted;
+          } else {
+            all = false;
+          }
+        }
+        if (all) {
+          for (const auto& name : names) {
+            if (!segmentNumber(name, kSegmentSuffix)) files_.unlinkAt(folder, name.c_str(), 0);
+          }
+          files_.unlinkAt(top, run.c_str(), AT_REMOVEDIR);
+        }
+      }
+      if (lock >= 0) files_.close(lock);  // releases the lock
+      files_.close(folder);
+    }
+    if (adopted > 0) {
+      options_.logger.log(LogLevel::Info, "took over " + std::to_string(adopted) +
+                                              " journal segments of processes that ended");
+    }
+  }
+
   void removeOrphanMarks() {
-    std::unordered_set<uint32_t> earlier(front_.earlierSegments().begin(),
-                                         front_.earlierSegments().end());
+    std::unordered_set<uint32_t> earlier(front_->earlierSegments().begin(),
+                                         front_->earlierSegments().end());
     std::vector<std::string> names;
-    if (!front_.files().listFolder(front_.folder(), names)) return;
+    if (!front_->files().listFolder(front_->folder(), names)) return;
     for (const auto& name : names) {
       auto number = segmentNumber(name, kMarksSuffix);
-      if (number && !earlier.contains(*number) && *number != front_.activeSegment()) {
-        front_.files().unlinkAt(front_.folder(), name.c_str(), 0);
+      if (number && !earlier.contains(*number) && *number != front_->activeSegment()) {
+        front_->files().unlinkAt(front_->folder(), name.c_str(), 0);
       }
     }
   }
@@ -277,20 +394,20 @@ class JournalRequestStore final : public RequestStore {
     const std::string name = segmentName(number);
     std::unordered_set<uint64_t> finished;
     bool marksMissing = false;
-    if (auto marks = front_.readSmallFile(marksName(number), &marksMissing)) {
+    if (auto marks = front_->readSmallFile(marksName(number), &marksMissing)) {
       if (!decodeMarks(*marks, finished)) {
         // Requests marked in the unreadable part are sent again (same uuid).
-        front_.setAside(marksName(number), "bad delivered-marks batch");
+        front_->setAside(marksName(number), "bad delivered-marks batch");
       }
     } else if (errno == ELOOP) {
       // A link where the marks file belongs was not made by the store: it
       // goes (never followed), and the segment's requests are sent again.
-      front_.files().unlinkAt(front_.folder(), marksName(number).c_str(), 0);
+      front_->files().unlinkAt(front_->folder(), marksName(number).c_str(), 0);
     } else if (!marksMissing) {
       unreadableReason = "marks: " + errnoText(errno);
       return false;
     }
-    auto contents = front_.readSegment(number, stop);
+    auto contents = front_->readSegment(number, stop);
     if (contents.unreadable) {
       unreadableReason = contents.readError;
       return false;
@@ -299,10 +416,10 @@ class JournalRequestStore final : public RequestStore {
     if (!contents.headerOk) {
       // Empty: a kill between creating the file and writing its header.
       if (contents.fileBytes == 0) {
-        front_.removeSegmentFiles(number);
+        front_->removeSegmentFiles(number);
       } else {
-        front_.setAside(name, "not a journal segment");
-        front_.files().unlinkAt(front_.folder(), marksName(number).c_str(), 0);
+        front_->setAside(name, "not a journal segment");
+        front_->files().unlinkAt(front_->folder(), marksName(number).c_str(), 0);
       }
       return true;
     }
@@ -319,7 +436,7 @@ class JournalRequestStore final : public RequestStore {
       std::vector<JournalFront::Appended> moved;
       carried = true;
       for (size_t i : indexes) {
-        auto where = front_.appendCarried(encodeFrame(contents.records[i]), contents.records[i].id);
+        auto where = front_->appendCarried(encodeFrame(contents.records[i]), contents.records[i].id);
         if (!where) {
           carried = false;
           break;
@@ -328,23 +445,23 @@ class JournalRequestStore final : public RequestStore {
       }
       if (carried) {
         indexMutex_.unlock();
-        front_.syncActive();
+        front_->syncActive();
         indexMutex_.lock();
         for (const auto& a : moved) track(a);
-        front_.setAside(name, std::string(tailReason(contents.tail)) + " at byte " +
+        front_->setAside(name, std::string(tailReason(contents.tail)) + " at byte " +
                                   std::to_string(contents.validBytes) + "; " +
                                   std::to_string(indexes.size()) + " pending requests kept");
-        front_.files().unlinkAt(front_.folder(), marksName(number).c_str(), 0);
+        front_->files().unlinkAt(front_->folder(), marksName(number).c_str(), 0);
       }
     }
     if (!carried) {
       if (indexes.empty()) {
-        front_.removeSegmentFiles(number);
+        front_->removeSegmentFiles(number);
         return true;
       }
       // A segment that was open when the run ended keeps its reserved,
       // unwritten end until cut here.
-      if (contents.physicalBytes > contents.fileBytes) front_.trimSegment(number, contents.fileBytes);
+      if (contents.physicalBytes > contents.fileBytes) front_->trimSegment(number, contents.fileBytes);
       auto& segment = segments_[number];
       segment.closed = true;  // an earlier run's: nothing is appended to it again
       segment.fileBytes = contents.fileBytes;
@@ -363,7 +480,7 @@ class JournalRequestStore final : public RequestStore {
   // Forgets the finished requests and writes their marks; the marks files
   // to sync and close.
   std::vector<int> settle(std::span<const uint64_t> finished) KORVEL_REQUIRES(indexMutex_) {
-    if (front_.directoryReplaced()) heal();
+    if (front_->directoryReplaced()) heal();
     drainFront();
 
     for (uint64_t id : finished) {
@@ -384,11 +501,11 @@ class JournalRequestStore final : public RequestStore {
       // Kept until written: a request without its mark is sent again after
       // a restart.
       const std::string name = marksName(number);
-      FileSystem& files = front_.files();
-      int fd = files.openAt(front_.folder(), name.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-      if (fd < 0 && errno == ELOOP && files.unlinkAt(front_.folder(), name.c_str(), 0) == 0) {
+      FileSystem& files = front_->files();
+      int fd = files.openAt(front_->folder(), name.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+      if (fd < 0 && errno == ELOOP && files.unlinkAt(front_->folder(), name.c_str(), 0) == 0) {
         // A planted link is removed, never followed.
-        fd = files.openAt(front_.folder(), name.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        fd = files.openAt(front_->folder(), name.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
       }
       if (fd >= 0 && writeMarks(fd, segment.marks)) {
         toSync.push_back(fd);
@@ -397,9 +514,9 @@ class JournalRequestStore final : public RequestStore {
       }
       failure = errnoText(errno);
       marksFailed = true;
-      if (fd >= 0) front_.files().close(fd);
+      if (fd >= 0) front_->files().close(fd);
     }
-    const auto& log = front_.logger();
+    const auto& log = front_->logger();
     if (marksFailed && !marksFailing_) {
       log.log(LogLevel::Error, "cannot write delivered marks (" + failure +
                                    "); retrying at every sync, delivered requests may be sent "
@@ -444,7 +561,7 @@ class JournalRequestStore final : public RequestStore {
   // back, so no torn batch hides the batches written after it. Never past
   // the file size limit.
   bool writeMarks(int fd, const std::vector<uint64_t>& marks) {
-    FileSystem& files = front_.files();
+    FileSystem& files = front_->files();
     const off_t before = files.seekEnd(fd);
     if (before < 0) return false;
     const std::string batch = encodeMarks(marks);
@@ -463,21 +580,21 @@ class JournalRequestStore final : public RequestStore {
   // segment, else through a read descriptor.
   bool readFrame(uint32_t number, const Segment& segment, const Loc& loc, std::string& frame)
       KORVEL_REQUIRES(indexMutex_) {
-    if (!segment.closed && front_.readOpen(number, loc.offset, frame)) return true;
-    const int fd = descriptors_.get(front_.folder(), number);
-    if (fd >= 0 && front_.files().pread(fd, frame.data(), frame.size(),
+    if (!segment.closed && front_->readOpen(number, loc.offset, frame)) return true;
+    const int fd = descriptors_.get(front_->folder(), number);
+    if (fd >= 0 && front_->files().pread(fd, frame.data(), frame.size(),
                                         static_cast<off_t>(loc.offset)) ==
                        static_cast<ssize_t>(frame.size())) {
       return true;
     }
-    return front_.readOpen(number, loc.offset, frame);
+    return front_->readOpen(number, loc.offset, frame);
   }
 
   // The directory's path names another directory now, or nothing, or a
   // file: make it again and copy every stored request there, from the files
   // still reachable (the front's open segments, the held directory).
   void heal() KORVEL_REQUIRES(indexMutex_) {
-    const auto& log = front_.logger();
+    const auto& log = front_->logger();
     // Read through the old directory first: the front lets it go once it
     // moved on. (Its open segments stay readable until the next sync.)
     drainFront();
@@ -490,9 +607,9 @@ class JournalRequestStore final : public RequestStore {
         frames.emplace(slot.first, std::move(frame));
       }
     }
-    if (!front_.rehome()) {
+    if (!front_->rehome()) {
       if (!homeless_) {
-        log.log(LogLevel::Error, "the store's directory " + front_.options().directory.string() +
+        log.log(LogLevel::Error, "the store's directory " + front_->options().directory.string() +
                                      " is gone or replaced and cannot be made again: requests "
                                      "are not durable until it can");
       }
@@ -501,7 +618,7 @@ class JournalRequestStore final : public RequestStore {
     }
     drainFront();  // appends that went to the old active segment meanwhile
     descriptors_.clear();
-    const uint32_t active = front_.activeSegment();
+    const uint32_t active = front_->activeSegment();
     std::vector<std::pair<uint64_t, Where>> old;
     for (const auto& slot : stored_) {
       if (slot.second.segment != active) old.emplace_back(slot.first, slot.second);
@@ -515,10 +632,10 @@ class JournalRequestStore final : public RequestStore {
         frame = std::move(found->second);
       } else {
         frame.assign(where.loc.length, '\0');
-        if (!front_.readOpen(where.segment, where.loc.offset, frame)) frame.clear();
+        if (!front_->readOpen(where.segment, where.loc.offset, frame)) frame.clear();
       }
       std::optional<JournalFront::Appended> to;
-      if (!frame.empty()) to = front_.appendCarried(frame, id);
+      if (!frame.empty()) to = front_->appendCarried(frame, id);
       if (to) {
         moved.push_back(*to);
       } else {
@@ -532,14 +649,14 @@ class JournalRequestStore final : public RequestStore {
       it = it->first != active ? segments_.erase(it) : std::next(it);
     }
     for (const auto& a : moved) track(a);
-    front_.syncActive();
+    front_->syncActive();
     drainFront();
     for (auto it = segments_.begin(); it != segments_.end();) {
       // Finished old segments reported now: nothing of them is tracked.
       it = it->second.closed && it->second.liveCount == 0 ? segments_.erase(it) : std::next(it);
     }
     homeless_ = false;
-    log.log(LogLevel::Error, "the store's directory " + front_.options().directory.string() +
+    log.log(LogLevel::Error, "the store's directory " + front_->options().directory.string() +
                                  " was gone or replaced; made it again and stored the " +
                                  std::to_string(moved.size()) + " waiting requests there again" +
                                  (lost > 0 ? " (" + std::to_string(lost) + " could not be read)" : ""));
@@ -547,7 +664,7 @@ class JournalRequestStore final : public RequestStore {
 
   void removeSegment(std::map<uint32_t, Segment>::iterator it) KORVEL_REQUIRES(indexMutex_) {
     descriptors_.forget(it->first);
-    front_.removeSegmentFiles(it->first);
+    front_->removeSegmentFiles(it->first);
     segments_.erase(it);
   }
 
@@ -569,7 +686,7 @@ class JournalRequestStore final : public RequestStore {
   }
 
   void drainFront() KORVEL_REQUIRES(indexMutex_) {
-    auto drained = front_.drain();
+    auto drained = front_->drain();
     for (const auto& a : drained.appended) track(a);
     // Known even when nothing was appended to it, so an empty one is removed.
     for (uint32_t number : drained.closed) segments_[number].closed = true;
@@ -604,7 +721,7 @@ class JournalRequestStore final : public RequestStore {
           ok = false;
           break;
         }
-        auto where = front_.appendCarried(frame, id);
+        auto where = front_->appendCarried(frame, id);
         if (!where) {
           ok = false;
           break;
@@ -615,7 +732,7 @@ class JournalRequestStore final : public RequestStore {
       // originals stay and any copies are merely duplicates (same id).
       // Workers read requests back meanwhile, from the originals.
       indexMutex_.unlock();
-      front_.syncActive();
+      front_->syncActive();
       indexMutex_.lock();
       if (!ok) continue;
       segment = segments_.find(number);
@@ -624,7 +741,12 @@ class JournalRequestStore final : public RequestStore {
     }
   }
 
-  JournalFront front_;
+  static constexpr uint32_t kMostRuns = 64;
+
+  RequestStoreOptions options_;
+  FileSystem& files_;
+  std::string failure_;
+  std::unique_ptr<JournalFront> front_;
   // The writer thread holds it while it changes the index; a worker while
   // it reads a request back.
   mutable Mutex indexMutex_;

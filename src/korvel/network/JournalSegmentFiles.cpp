@@ -14,9 +14,11 @@
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/JournalFront.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
+#include <korvel/platform/Files.h>
 
 namespace korvel::platform {
 
+namespace fs = std::filesystem;
 using namespace journal;
 
 namespace journal {
@@ -88,6 +90,67 @@ bool readAll(FileSystem& files, int fd, std::string& out) {
     if (n == 0) return true;
     out.append(buffer, static_cast<size_t>(n));
   }
+}
+
+std::optional<std::string> readSmallFileIn(FileSystem& files, int folder, const std::string& name) {
+  const int fd = files.openAt(folder, name.c_str(), O_RDONLY, 0);
+  if (fd < 0) return std::nullopt;
+  std::string text;
+  const bool ok = readAll(files, fd, text);
+  const int error = errno;
+  files.close(fd);
+  errno = error;
+  if (!ok) return std::nullopt;
+  return text;
+}
+
+bool writeSmallFileIn(FileSystem& files, int folder, const std::string& name, std::string_view contents) {
+  const std::string temporary = name + ".tmp";
+  // Whatever is there (a link planted in the folder) goes; the new file is
+  // made afresh and never opened through a link.
+  files.unlinkAt(folder, temporary.c_str(), 0);
+  const int fd = files.openAt(folder, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+  if (fd < 0) return false;
+  const bool written = pwriteAll(files, fd, contents, 0) && files.fdatasync(fd) == 0;
+  files.close(fd);
+  if (written && files.renameAt(folder, temporary.c_str(), folder, name.c_str()) == 0) return true;
+  files.unlinkAt(folder, temporary.c_str(), 0);
+  return false;
+}
+
+int openCheckedFolder(FileSystem& files, const std::string& path, std::string& failure) {
+  std::error_code ec;
+  const fs::path dir = path;
+  if (dir.has_parent_path()) createPrivateDirectories(dir.parent_path(), ec);
+  if (files.mkdirAt(AT_FDCWD, path.c_str(), 0700) != 0 && errno != EEXIST) {
+    failure = "cannot create " + path + ": " + errnoText(errno);
+    return -1;
+  }
+  const int folder = files.openFolder(path.c_str());
+  if (folder < 0) {
+    failure = "cannot open " + path + ": " + errnoText(errno);
+    return -1;
+  }
+  // Another user's folder, or one others may write to, could have files
+  // planted in it or be emptied by them: refused unless it can be made ours.
+  struct stat st {};
+  if (files.fstat(folder, &st) != 0) {
+    failure = "cannot inspect " + path + ": " + errnoText(errno);
+  } else if (!S_ISDIR(st.st_mode)) {
+    failure = path + " is not a directory";
+  } else if (st.st_uid != files.user()) {
+    failure = path + " belongs to another user (uid " + std::to_string(st.st_uid) +
+              "); requests are not stored there";
+  } else if ((st.st_mode & 077) != 0 && files.fchmod(folder, 0700) != 0) {
+    char mode[8];
+    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
+    failure = path + " is open to other users (mode " + mode +
+              ") and cannot be made private: " + errnoText(errno);
+  } else {
+    return folder;
+  }
+  files.close(folder);
+  return -1;
 }
 
 }  // namespace journal
@@ -201,31 +264,15 @@ void JournalFront::removeSegmentFiles(uint32_t number) {
 }
 
 std::optional<std::string> JournalFront::readSmallFile(const std::string& name, bool* notFound) const {
-  const int fd = files_.openAt(folder_, name.c_str(), O_RDONLY, 0);
-  if (notFound != nullptr) *notFound = fd < 0 && errno == ENOENT;
-  if (fd < 0) return std::nullopt;
-  std::string text;
-  const bool ok = readAll(files_, fd, text);
-  files_.close(fd);
-  if (!ok) return std::nullopt;
+  auto text = readSmallFileIn(files_, folder_, name);
+  if (notFound != nullptr) *notFound = !text && errno == ENOENT;
   return text;
 }
 
 bool JournalFront::writeSmallFile(const std::string& name, std::string_view contents) {
-  const std::string temporary = name + ".tmp";
-  // Whatever is there (a link planted in the folder) goes; the new file is
-  // made afresh and never opened through a link.
-  files_.unlinkAt(folder_, temporary.c_str(), 0);
-  const int fd = files_.openAt(folder_, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
-  if (fd < 0) return false;
-  const bool written = pwriteAll(files_, fd, contents, 0) && files_.fdatasync(fd) == 0;
-  files_.close(fd);
-  if (written && files_.renameAt(folder_, temporary.c_str(), folder_, name.c_str()) == 0) {
-    directoryDirty_ = true;
-    return true;
-  }
-  files_.unlinkAt(folder_, temporary.c_str(), 0);
-  return false;
+  if (!writeSmallFileIn(files_, folder_, name, contents)) return false;
+  directoryDirty_ = true;
+  return true;
 }
 
 uint64_t JournalFront::bytesOnDisk() const {
@@ -241,7 +288,7 @@ uint64_t JournalFront::bytesOnDisk() const {
   std::vector<std::string> names;
   if (!files_.listFolder(folder_, names)) return 0;
   for (const auto& name : names) {
-    if (name == kLockFile || name == kEpochFile || name == kAsideFolder) continue;
+    if (name == kLockFile || name == kEpochFile || name == kAsideFolder || name == kEpochLockFile) continue;
     struct stat st {};
     if (files_.fstatAt(folder_, name.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
     auto number = segmentNumber(name, kSegmentSuffix);

@@ -36,6 +36,12 @@ inline constexpr const char* kMarksSuffix = ".done";
 inline constexpr const char* kAsideFolder = "aside";
 inline constexpr const char* kLockFile = "lock";
 inline constexpr const char* kEpochFile = "epoch";
+// Held while a process picks its epoch, so that processes sharing a data
+// folder never pick the same one.
+inline constexpr const char* kEpochLockFile = "epoch.lock";
+// The journal of a process that found the data folder's own journal in use
+// by another live process: "run-<n>", with its own lock.
+inline constexpr const char* kRunPrefix = "run-";
 // Left by earlier versions, which kept removed segments' files for reuse:
 // never read, deleted at start.
 inline constexpr const char* kRecycledPrefix = "free-";

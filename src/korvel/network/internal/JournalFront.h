@@ -95,6 +95,13 @@ class JournalFront {
   // and logged, when the directory cannot be used.
   bool open(uint32_t minEpoch = 0);
   const std::string& failure() const { return failure_; }
+  // open() failed only because another live process holds the directory.
+  bool heldByAnotherProcess() const { return heldByAnother_; }
+
+  // Moves an earlier segment (and its marks) of another journal's folder
+  // into this one, under a new number, as one more earlier segment for
+  // recover(). Before recover(); false when it could not be moved.
+  bool adoptSegment(int fromFolder, uint32_t number);
 
   uint32_t epoch() const { return epoch_; }
   const RequestStoreOptions& options() const { return options_; }
@@ -198,6 +205,7 @@ class JournalFront {
   RequestStoreOptions options_;
   FileSystem& files_;
   std::string failure_;
+  bool heldByAnother_ = false;
   std::atomic<int> folder_{-1};
   int lockFd_ = -1;
   uint32_t epoch_ = 0;

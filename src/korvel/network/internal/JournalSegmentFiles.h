@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <optional>
 #include <string>
 #include <string_view>
 
@@ -22,5 +23,16 @@ bool reserveWithZeros(FileSystem& files, int fd, uint64_t from, uint64_t to, boo
 
 // The whole content of an open file; false (errno set) when a read fails.
 bool readAll(FileSystem& files, int fd, std::string& out);
+
+// Opens a data folder by its path (made when missing, its parents too) and
+// checks that it is this user's and private, making it private when it can;
+// -1 with the reason in failure when it cannot be used.
+int openCheckedFolder(FileSystem& files, const std::string& path, std::string& failure);
+
+// A small file of a folder, read whole; nothing when it cannot be read
+// (errno set).
+std::optional<std::string> readSmallFileIn(FileSystem& files, int folder, const std::string& name);
+// Writes a small file whole: a temporary, synced, renamed over it.
+bool writeSmallFileIn(FileSystem& files, int folder, const std::string& name, std::string_view contents);
 
 }  // namespace korvel::platform::journal
