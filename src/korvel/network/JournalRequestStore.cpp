@@ -33,7 +33,7 @@ const char* tailReason(FrameStatus status) {
 // one per segment, and delivery keeps descriptors for its sockets.
 class ReadDescriptors {
  public:
-  static constexpr size_t kKept = 8;
+  static constexpr size_t kKept = 32;
 
   ReadDescriptors(FileSystem& files) : files_(files) {}
   ~ReadDescriptors() { clear(); }
@@ -610,8 +610,8 @@ class JournalRequestStore final : public RequestStore {
     if (!front_->rehome()) {
       if (!homeless_) {
         log.log(LogLevel::Error, "the store's directory " + front_->options().directory.string() +
-                                     " is gone or replaced and cannot be made again: requests "
-                                     "are not durable until it can");
+                                     " vanished or was replaced and cannot be made again: "
+                                     "requests are not durable until it can");
       }
       homeless_ = true;
       return;
@@ -657,7 +657,7 @@ class JournalRequestStore final : public RequestStore {
     }
     homeless_ = false;
     log.log(LogLevel::Error, "the store's directory " + front_->options().directory.string() +
-                                 " was gone or replaced; made it again and stored the " +
+                                 " vanished or was replaced; made it again and stored the " +
                                  std::to_string(moved.size()) + " waiting requests there again" +
                                  (lost > 0 ? " (" + std::to_string(lost) + " could not be read)" : ""));
   }
@@ -669,7 +669,11 @@ class JournalRequestStore final : public RequestStore {
   }
 
   void track(const JournalFront::Appended& a) KORVEL_REQUIRES(indexMutex_) {
-    auto& segment = segments_[a.segment];
+    auto [found, added] = segments_.try_emplace(a.segment);
+    auto& segment = found->second;
+    // Opened while the file is certainly there: the newest segments stay
+    // readable even if the directory is deleted under the store.
+    if (added) descriptors_.get(front_->folder(), a.segment);
     segment.fileBytes = std::max(segment.fileBytes, a.offset + a.length);
     const Where where{a.segment, Loc{static_cast<uint32_t>(a.offset), a.length}};
     auto [it, inserted] = stored_.insert(a.id, where);
