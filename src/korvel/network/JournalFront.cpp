@@ -90,7 +90,8 @@ void JournalFront::removeRecycledLeftovers(const std::vector<std::string>& names
 
 bool JournalFront::open(uint32_t minEpoch) {
   if (!openDirectory()) {
-    logger().log(LogLevel::Error, failure_);
+    // Held by another process: the caller moves on to a folder of its own.
+    if (!heldByAnother_) logger().log(LogLevel::Error, failure_);
     return false;
   }
   std::vector<std::string> names;

@@ -8,7 +8,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <list>
 #include <map>
 #include <unordered_map>
 #include <unordered_set>
@@ -16,7 +15,9 @@
 #include <korvel/network/internal/FlatIndex.h>
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/JournalFront.h>
+#include <korvel/network/internal/JournalRuns.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
+#include <korvel/network/internal/ReadDescriptors.h>
 
 namespace korvel::platform {
 
@@ -27,53 +28,6 @@ namespace {
 const char* tailReason(FrameStatus status) {
   return status == FrameStatus::Truncated ? "torn record at its end" : "bad record checksum";
 }
-
-// Read descriptors of finished segments, the most recently used kept open:
-// a backlog spread over thousands of segments holds a few descriptors, not
-// one per segment, and delivery keeps descriptors for its sockets.
-class ReadDescriptors {
- public:
-  static constexpr size_t kKept = 32;
-
-  ReadDescriptors(FileSystem& files) : files_(files) {}
-  ~ReadDescriptors() { clear(); }
-
-  // -1 (errno set) when the segment cannot be opened.
-  int get(int folder, uint32_t number) {
-    for (auto it = open_.begin(); it != open_.end(); ++it) {
-      if (it->first == number) {
-        open_.splice(open_.begin(), open_, it);
-        return it->second;
-      }
-    }
-    const int fd = files_.openAt(folder, segmentName(number).c_str(), O_RDONLY, 0);
-    if (fd < 0) return -1;
-    if (open_.size() >= kKept) {
-      files_.close(open_.back().second);
-      open_.pop_back();
-    }
-    open_.emplace_front(number, fd);
-    return fd;
-  }
-  void forget(uint32_t number) {
-    for (auto it = open_.begin(); it != open_.end(); ++it) {
-      if (it->first == number) {
-        files_.close(it->second);
-        open_.erase(it);
-        return;
-      }
-    }
-  }
-  void clear() {
-    for (const auto& entry : open_) files_.close(entry.second);
-    open_.clear();
-  }
-  size_t size() const { return open_.size(); }
-
- private:
-  FileSystem& files_;
-  std::list<std::pair<uint32_t, int>> open_;
-};
 
 class JournalRequestStore final : public RequestStore {
  public:
@@ -95,10 +49,10 @@ class JournalRequestStore final : public RequestStore {
       options_.logger.log(LogLevel::Error, failure_);
       return false;
     }
-    const bool opened = openJournal(top);
-    if (opened) adoptOrphanedJournals(top);
+    front_ = openOwnJournal(files_, options_, top, failure_);
+    if (front_ != nullptr) adoptOrphanedJournals(files_, top, *front_);
     files_.close(top);
-    return opened;
+    return front_ != nullptr;
   }
   const std::string& failure() const { return failure_; }
 
@@ -127,7 +81,7 @@ class JournalRequestStore final : public RequestStore {
                         const std::function<bool(std::vector<StoredRequest>&)>& batch) override
       KORVEL_EXCLUDES(indexMutex_) {
     const auto& log = front_->logger();
-    removeOrphanMarks();
+    front_->removeOrphanMarks();
     size_t restored = 0;
     size_t unreadable = 0;
     std::string unreadableReason;
@@ -273,119 +227,6 @@ class JournalRequestStore final : public RequestStore {
     Loc loc{};
   };
 
-  bool openJournal(int top) {
-    // Processes pick their epochs one at a time, each above every epoch
-    // written in the folder so far: identifiers never collide between
-    // journals that one process may adopt later.
-    const int epochLock = files_.openAt(top, kEpochLockFile, O_RDWR | O_CREAT, 0600);
-    if (epochLock >= 0) files_.flock(epochLock, LOCK_EX);
-    uint32_t minEpoch = highestRunEpoch(top);
-    if (auto text = readSmallFileIn(files_, top, kEpochFile)) {
-      char* end = nullptr;
-      const unsigned long long stored = std::strtoull(text->c_str(), &end, 10);
-      if (end != text->c_str() && stored < 0xFFFFFFFFull) {
-        minEpoch = std::max(minEpoch, static_cast<uint32_t>(stored));
-      }
-    }
-    front_ = std::make_unique<JournalFront>(options_);
-    bool opened = front_->open(minEpoch);
-    for (uint32_t run = 1; !opened && front_->heldByAnotherProcess() && run <= kMostRuns; ++run) {
-      RequestStoreOptions own = options_;
-      own.directory = options_.directory / (kRunPrefix + std::to_string(run));
-      front_ = std::make_unique<JournalFront>(own);
-      opened = front_->open(minEpoch);
-    }
-    if (opened && front_->options().directory != options_.directory) {
-      writeSmallFileIn(files_, top, kEpochFile, std::to_string(front_->epoch()) + "\n");
-    }
-    if (epochLock >= 0) files_.close(epochLock);
-    if (!opened) failure_ = front_->failure();
-    return opened;
-  }
-
-  // The highest epoch in the segment headers of the run folders.
-  uint32_t highestRunEpoch(int top) {
-    uint32_t highest = 0;
-    std::vector<std::string> runs;
-    if (!files_.listFolder(top, runs)) return 0;
-    for (const auto& run : runs) {
-      if (!run.starts_with(kRunPrefix)) continue;
-      const int folder = files_.openAt(top, run.c_str(), O_RDONLY | O_DIRECTORY, 0);
-      std::vector<std::string> names;
-      if (folder >= 0 && files_.listFolder(folder, names)) {
-        for (const auto& name : names) {
-          if (!segmentNumber(name, kSegmentSuffix)) continue;
-          const int fd = files_.openAt(folder, name.c_str(), O_RDONLY, 0);
-          char header[kSegmentHeaderBytes];
-          if (fd >= 0 && files_.pread(fd, header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) &&
-              std::memcmp(header, kSegmentMagic, sizeof kSegmentMagic) == 0) {
-            highest = std::max(highest, get<uint32_t>(header + 12));
-          }
-          if (fd >= 0) files_.close(fd);
-        }
-      }
-      if (folder >= 0) files_.close(folder);
-    }
-    return highest;
-  }
-
-  // Moves the segments of every run folder no live process holds (its lock
-  // is free) into this journal and removes the folder: what a process that
-  // ended left is delivered by the next one.
-  void adoptOrphanedJournals(int top) {
-    const std::string own = front_->options().directory.filename().string();
-    std::vector<std::string> runs;
-    if (!files_.listFolder(top, runs)) return;
-    size_t adopted = 0;
-    for (const auto& run : runs) {
-      if (!run.starts_with(kRunPrefix) || run == own) continue;
-      const int folder = files_.openAt(top, run.c_str(), O_RDONLY | O_DIRECTORY, 0);
-      if (folder < 0) continue;
-      const int lock = files_.openAt(folder, kLockFile, O_RDWR | O_CREAT, 0600);
-      if (lock >= 0 && files_.flock(lock, LOCK_EX | LOCK_NB) == 0) {
-        std::vector<std::string> names;
-        bool all = files_.listFolder(folder, names);
-        std::vector<uint32_t> numbers;
-        for (const auto& name : names) {
-          if (auto number = segmentNumber(name, kSegmentSuffix)) numbers.push_back(*number);
-        }
-        std::sort(numbers.begin(), numbers.end());
-        for (uint32_t number : numbers) {
-          if (front_->adoptSegment(folder, number)) {
-            ++adopted;
-          } else {
-            all = false;
-          }
-        }
-        if (all) {
-          for (const auto& name : names) {
-            if (!segmentNumber(name, kSegmentSuffix)) files_.unlinkAt(folder, name.c_str(), 0);
-          }
-          files_.unlinkAt(top, run.c_str(), AT_REMOVEDIR);
-        }
-      }
-      if (lock >= 0) files_.close(lock);  // releases the lock
-      files_.close(folder);
-    }
-    if (adopted > 0) {
-      options_.logger.log(LogLevel::Info, "took over " + std::to_string(adopted) +
-                                              " journal segments of processes that ended");
-    }
-  }
-
-  void removeOrphanMarks() {
-    std::unordered_set<uint32_t> earlier(front_->earlierSegments().begin(),
-                                         front_->earlierSegments().end());
-    std::vector<std::string> names;
-    if (!front_->files().listFolder(front_->folder(), names)) return;
-    for (const auto& name : names) {
-      auto number = segmentNumber(name, kMarksSuffix);
-      if (number && !earlier.contains(*number) && *number != front_->activeSegment()) {
-        front_->files().unlinkAt(front_->folder(), name.c_str(), 0);
-      }
-    }
-  }
-
   // Reads one earlier segment, tracks its live records and gives them in
   // live. False when it could not be read: it stays as it is.
   bool recoverSegment(uint32_t number, const std::atomic<bool>* stop,
@@ -507,7 +348,7 @@ class JournalRequestStore final : public RequestStore {
         // A planted link is removed, never followed.
         fd = files.openAt(front_->folder(), name.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
       }
-      if (fd >= 0 && writeMarks(fd, segment.marks)) {
+      if (fd >= 0 && appendMarks(front_->files(), fd, segment.marks)) {
         toSync.push_back(fd);
         segment.marks.clear();
         continue;
@@ -555,25 +396,6 @@ class JournalRequestStore final : public RequestStore {
                 [](const auto& a, const auto& b) { return a.second.offset < b.second.offset; });
     }
     return live;
-  }
-
-  // Appends one batch of marks; on a failed (or short) write the file is cut
-  // back, so no torn batch hides the batches written after it. Never past
-  // the file size limit.
-  bool writeMarks(int fd, const std::vector<uint64_t>& marks) {
-    FileSystem& files = front_->files();
-    const off_t before = files.seekEnd(fd);
-    if (before < 0) return false;
-    const std::string batch = encodeMarks(marks);
-    if (static_cast<uint64_t>(before) + batch.size() > files.fileSizeLimit()) {
-      errno = EFBIG;
-      return false;
-    }
-    if (pwriteAll(files, fd, batch, static_cast<uint64_t>(before))) return true;
-    const int saved = errno;
-    files.ftruncate(fd, before);  // nothing more can be appended safely after a torn batch
-    errno = saved;
-    return false;
   }
 
   // The bytes of a stored frame: from the front while it still holds the
@@ -744,8 +566,6 @@ class JournalRequestStore final : public RequestStore {
       for (const auto& a : moved) track(a);
     }
   }
-
-  static constexpr uint32_t kMostRuns = 64;
 
   RequestStoreOptions options_;
   FileSystem& files_;

@@ -10,6 +10,7 @@
 #include <cstring>
 #include <ctime>
 #include <unordered_map>
+#include <unordered_set>
 
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/JournalFront.h>
@@ -115,6 +116,21 @@ bool writeSmallFileIn(FileSystem& files, int folder, const std::string& name, st
   files.close(fd);
   if (written && files.renameAt(folder, temporary.c_str(), folder, name.c_str()) == 0) return true;
   files.unlinkAt(folder, temporary.c_str(), 0);
+  return false;
+}
+
+bool appendMarks(FileSystem& files, int fd, const std::vector<uint64_t>& marks) {
+  const off_t before = files.seekEnd(fd);
+  if (before < 0) return false;
+  const std::string batch = encodeMarks(marks);
+  if (static_cast<uint64_t>(before) + batch.size() > files.fileSizeLimit()) {
+    errno = EFBIG;
+    return false;
+  }
+  if (pwriteAll(files, fd, batch, static_cast<uint64_t>(before))) return true;
+  const int saved = errno;
+  files.ftruncate(fd, before);  // nothing more can be appended safely after a torn batch
+  errno = saved;
   return false;
 }
 
@@ -256,6 +272,19 @@ void JournalFront::setAside(const std::string& name, const std::string& reason) 
     }
   }
   files_.close(aside);
+}
+
+void JournalFront::removeOrphanMarks() {
+  std::unordered_set<uint32_t> earlier(earlierSegments_.begin(), earlierSegments_.end());
+  const uint32_t active = activeSegment();
+  std::vector<std::string> names;
+  if (!files_.listFolder(folder_, names)) return;
+  for (const auto& name : names) {
+    auto number = segmentNumber(name, kMarksSuffix);
+    if (number && !earlier.contains(*number) && *number != active) {
+      files_.unlinkAt(folder_, name.c_str(), 0);
+    }
+  }
 }
 
 void JournalFront::removeSegmentFiles(uint32_t number) {

@@ -157,6 +157,8 @@ class JournalFront {
   // Removes a finished segment and its marks. Only for segments the front
   // reported finished, or earlier runs' segments.
   void removeSegmentFiles(uint32_t number);
+  // Removes marks files whose segment is gone. Before recover().
+  void removeOrphanMarks();
   // The whole content of a small file of the directory; nothing when it
   // cannot be read (and notFound set when it is not there).
   std::optional<std::string> readSmallFile(const std::string& name, bool* notFound = nullptr) const;

@@ -5,6 +5,7 @@
 #include <optional>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include <korvel/network/internal/FileSystem.h>
 
@@ -23,6 +24,11 @@ bool reserveWithZeros(FileSystem& files, int fd, uint64_t from, uint64_t to, boo
 
 // The whole content of an open file; false (errno set) when a read fails.
 bool readAll(FileSystem& files, int fd, std::string& out);
+
+// Appends one batch of delivered marks; on a failed (or short) write the
+// file is cut back, so no torn batch hides the batches written after it.
+// Never past the file size limit (EFBIG instead).
+bool appendMarks(FileSystem& files, int fd, const std::vector<uint64_t>& marks);
 
 // Opens a data folder by its path (made when missing, its parents too) and
 // checks that it is this user's and private, making it private when it can;
