@@ -239,6 +239,22 @@ TEST_F(JournalFaultTest, LinksPlantedInTheFolderAreNeverFollowed) {
   EXPECT_TRUE(fs::is_symlink(fs::symlink_status(dir_ / "epoch.tmp")) == false);
 }
 
+TEST_F(JournalFaultTest, ADataFolderReachedThroughALinkIsCheckedWhereItLeads) {
+  // The host's own path may pass through a link (a moved home folder); the
+  // folder it leads to is what is checked and used.
+  const fs::path real = root_ / "real";
+  fs::create_directories(real);
+  fs::create_directory_symlink(real, dir_);
+  uint64_t id;
+  {
+    auto store = open();
+    ASSERT_TRUE(store);
+    id = appendSome(*store, 1)[0];
+  }
+  EXPECT_FALSE(fs::is_empty(real));
+  EXPECT_EQ(idsOf(open()->recover()), std::vector<uint64_t>{id});
+}
+
 // MARK: - Descriptors
 
 TEST_F(JournalFaultTest, ABacklogInManySmallSegmentsIsReadThroughAFewDescriptors) {

@@ -16,7 +16,7 @@ namespace {
 class PosixFileSystem final : public FileSystem {
  public:
   int openFolder(const char* path) override {
-    return ::open(path, O_RDONLY | O_DIRECTORY | O_NOFOLLOW | O_CLOEXEC);
+    return ::open(path, O_RDONLY | O_DIRECTORY | O_CLOEXEC);
   }
   int openAt(int folder, const char* name, int flags, mode_t mode) override {
     for (;;) {

@@ -45,8 +45,9 @@ class FileSystem {
  public:
   virtual ~FileSystem() = default;
 
-  // A folder by its path, for the data folder itself (O_DIRECTORY, no link
-  // followed in its last component).
+  // A folder by its path, for the data folder itself (O_DIRECTORY). The
+  // path is the host's and may pass through links; what it names is then
+  // checked (owner, mode) through the descriptor.
   virtual int openFolder(const char* path) = 0;
   virtual int openAt(int folder, const char* name, int flags, mode_t mode) = 0;
   virtual int close(int fd) = 0;
