@@ -16,6 +16,7 @@
 #include <random>
 
 #include <korvel/network/internal/JournalFront.h>
+#include "support/FaultInjectingFileSystem.h"
 #include "support/TestEnv.h"
 
 namespace korvel::platform {
@@ -137,6 +138,7 @@ class RequestStoreTest : public ::testing::Test {
     RequestStoreOptions options;
     options.directory = dir_;
     options.segmentBytes = segmentBytes;
+    options.fileSystem = files_;
     return openJournalRequestStore(options);
   }
 
@@ -204,6 +206,7 @@ class RequestStoreTest : public ::testing::Test {
   mutable testing::TestEnv env_;
   std::optional<ScopedEnv> scope_;
   fs::path dir_;
+  FileSystem* files_ = nullptr;  // the plain system calls
 };
 
 TEST_F(RequestStoreTest, WhatWasAppendedSurvivesWithoutAnySyncAndFinishedRequestsDoNot) {
@@ -465,17 +468,15 @@ TEST_F(RequestStoreTest, EveryAppendSurvivesAKillWhateverTheSegmentsLookLike) {
   EXPECT_LT(store->stats().bytesOnDisk, payloadBytes * 2);
 }
 
-TEST_F(RequestStoreTest, WithoutRoomToReserveASegmentAppendsAreWrittenPlainlyAndSurviveAKill) {
-  // A file size limit below the segment size stands in for a full disk: the
-  // segment's space cannot be reserved, so it is not mapped (a mapped write
-  // beyond what the disk holds would be a SIGBUS) and appends are written
-  // with pwrite instead, from right after the header.
+TEST_F(RequestStoreTest, WhereASegmentCannotBeMappedAppendsAreWrittenPlainlyAndSurviveAKill) {
+  // No mapping (or no reservation for one): appends are written with
+  // pwrite instead, from right after the header, and the reserved zeros
+  // are cut off first.
+  testing::FaultInjectingFileSystem files;
+  files.failAlways(FileCall::Map, ENOMEM);
+  files_ = &files;
   const std::vector<std::string> payloads(20, std::string(500, 'r'));
-  auto [store, recovered] = reopenedAfterAKill(1u << 20, payloads, [] {
-    std::signal(SIGXFSZ, SIG_IGN);
-    const rlimit limit{32u << 10, 32u << 10};
-    if (setrlimit(RLIMIT_FSIZE, &limit) != 0) _exit(5);
-  });
+  auto [store, recovered] = reopenedAfterAKill(4096, payloads);
   ASSERT_TRUE(store);
   ASSERT_EQ(recovered.size(), payloads.size());
   for (const auto& r : recovered) EXPECT_EQ(r.payload, payloads[0]);
