@@ -1,11 +1,16 @@
 // Journal recovery on an arbitrary segment and marks file: the first bytes
-// of the input say where the segment ends and the marks begin.
+// of the input say where the segment ends and the marks begin. Three inputs
+// in four also fail one file call (its kind, its turn and its errno taken
+// from the input's checksum): whatever fails, nothing may crash.
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <string_view>
 
+#include <errno.h>
+
 #include <korvel/network/internal/RequestStore.h>
+#include "../tests/support/FaultInjectingFileSystem.h"
 #include "FuzzSupport.h"
 
 namespace fs = std::filesystem;
@@ -27,6 +32,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   RequestStoreOptions options;
   options.directory = dir;
   options.segmentBytes = 64 * 1024;
+  korvel::testing::FaultInjectingFileSystem files;
+  const uint32_t choice = crc32c(data, size);
+  if ((choice & 3) != 0) {
+    constexpr int kErrors[] = {EIO, ENOSPC, EMFILE, EACCES, EFBIG, ELOOP};
+    const auto kind = static_cast<FileCall>((choice >> 2) % static_cast<uint32_t>(FileCall::Count));
+    files.failAt(kind, static_cast<int>(1 + (choice >> 8) % 24), kErrors[(choice >> 16) % 6]);
+  }
+  options.fileSystem = &files;
   if (auto store = openJournalRequestStore(options)) {
     for (const auto& request : store->recover()) (void)store->load(request.id);
     store->sync({});

@@ -1,0 +1,105 @@
+// Memory after restoring a large backlog from the journal: one process
+// stores N beacons (default 1,000,000 of about 600 bytes) and reports its
+// peak resident size; a second one restores them either all at once
+// (recover) or streamed (recoverInBatches, keeping only what the executor
+// keeps per request: its id) and reports its own.
+//
+//   JournalRecoveryMemory [count] [payload bytes]
+//
+// Not a timed benchmark: it prints sizes. Uses a scratch folder in /tmp.
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+#include <korvel/network/internal/RequestStore.h>
+
+namespace {
+
+using namespace korvel::platform;
+namespace fs = std::filesystem;
+
+long peakKilobytes() {
+  rusage usage{};
+  getrusage(RUSAGE_SELF, &usage);
+  return usage.ru_maxrss;
+}
+
+std::unique_ptr<RequestStore> open(const fs::path& dir) {
+  RequestStoreOptions options;
+  options.directory = dir;
+  return openJournalRequestStore(options);
+}
+
+// Runs body in a child and gives its peak resident size in KiB.
+template <class Body>
+long inChild(Body body) {
+  int fds[2];
+  if (pipe(fds) != 0) return -1;
+  const pid_t child = fork();
+  if (child == 0) {
+    body();
+    const long peak = peakKilobytes();
+    if (write(fds[1], &peak, sizeof peak) != sizeof peak) _exit(1);
+    _exit(0);
+  }
+  close(fds[1]);
+  long peak = -1;
+  if (read(fds[0], &peak, sizeof peak) != sizeof peak) peak = -1;
+  close(fds[0]);
+  waitpid(child, nullptr, 0);
+  return peak;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+  const size_t count = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 1'000'000;
+  const size_t payloadBytes = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 600;
+  char pattern[] = "/tmp/korvel-recovery-memory-XXXXXX";
+  if (mkdtemp(pattern) == nullptr) return 1;
+  const fs::path dir = pattern;
+
+  const long queued = inChild([&] {
+    auto store = open(dir);
+    if (!store) _exit(2);
+    store->recover();
+    std::string frame;
+    const std::string payload(payloadBytes, 'p');
+    for (size_t i = 0; i < count; ++i) {
+      const uint64_t id = (uint64_t{store->epoch()} << 32) | i;
+      frame.clear();
+      appendFrame(frame, id, 1'700'000'000'000, 1, 2, 3, "KVRBeacon", payload);
+      if (!store->append(frame, id)) _exit(3);
+      if (i % 10'000 == 0) store->sync({});
+    }
+    store->sync({});
+  });
+  const long whole = inChild([&] {
+    auto store = open(dir);
+    const auto all = store->recover();
+    if (all.size() != count) _exit(4);
+  });
+  const long streamed = inChild([&] {
+    auto store = open(dir);
+    std::vector<uint64_t> ids;
+    ids.reserve(count);
+    store->recoverInBatches(nullptr, 1024, [&](std::vector<StoredRequest>& batch) {
+      for (const auto& r : batch) ids.push_back(r.id);
+      return true;
+    });
+    if (ids.size() != count) _exit(5);
+  });
+  std::printf("%zu beacons of %zu payload bytes, peak resident size\n", count, payloadBytes);
+  std::printf("  the process that stored them      %8ld KiB\n", queued);
+  std::printf("  restored at once (recover)        %8ld KiB\n", whole);
+  std::printf("  streamed (recoverInBatches, ids)  %8ld KiB\n", streamed);
+  std::error_code ec;
+  fs::remove_all(dir, ec);
+  return 0;
+}

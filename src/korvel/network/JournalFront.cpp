@@ -1,0 +1,469 @@
+// The journal front: the directory, its lock and epoch, and the life of the
+// segments that callers append to (spare, active, closing, finished).
+#include <errno.h>
+#include <fcntl.h>
+#include <sys/file.h>
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstring>
+
+#include <korvel/network/internal/JournalFormat.h>
+#include <korvel/network/internal/JournalFront.h>
+#include <korvel/network/internal/JournalSegmentFiles.h>
+
+namespace korvel::platform {
+
+namespace fs = std::filesystem;
+using namespace journal;
+
+JournalFront::JournalFront(RequestStoreOptions options)
+    : options_(std::move(options)),
+      files_(options_.fileSystem != nullptr ? *options_.fileSystem : posixFileSystem()) {}
+
+JournalFront::~JournalFront() {
+  MutexLock lock(mutex_);
+  for (auto& segment : closing_) finish(segment);
+  closing_.clear();
+  if (active_.fd >= 0) finish(active_);
+  for (auto& spare : spares_) {
+    // Never written to: it goes, rather than being found empty at the next start.
+    files_.unlinkAt(folder_, segmentName(spare.number).c_str(), 0);
+    finish(spare);
+  }
+  if (lockFd_ >= 0) files_.close(lockFd_);  // releases the flock
+  if (folder_ >= 0) files_.close(folder_);
+}
+
+bool JournalFront::openDirectory() {
+  const fs::path& dir = options_.directory;
+  failure_.clear();
+  heldByAnother_ = false;
+  const int folder = openCheckedFolder(files_, dir.string(), failure_);
+  if (folder < 0) return false;
+  const int lockFd = files_.openAt(folder, kLockFile, O_RDWR | O_CREAT, 0600);
+  if (lockFd < 0) {
+    failure_ = "cannot open the lock in " + dir.string() + ": " + errnoText(errno);
+    files_.close(folder);
+    return false;
+  }
+  if (files_.flock(lockFd, LOCK_EX | LOCK_NB) != 0) {
+    failure_ = dir.string() + " is in use by another process";
+    heldByAnother_ = errno == EWOULDBLOCK;
+    files_.close(lockFd);
+    files_.close(folder);
+    return false;
+  }
+  MutexLock lock(mutex_);
+  folder_ = folder;
+  lockFd_ = lockFd;
+  return true;
+}
+
+bool JournalFront::adoptSegment(int fromFolder, uint32_t number) {
+  const uint32_t renumbered = nextSegment_.fetch_add(1);
+  // The marks go first: a crash in between leaves marks without their
+  // segment here (removed at the next start) and the segment there without
+  // its marks, whose finished requests are then sent again: a resend,
+  // never a loss.
+  if (files_.renameAt(fromFolder, marksName(number).c_str(), folder_, marksName(renumbered).c_str()) != 0 &&
+      errno != ENOENT) {
+    return false;
+  }
+  if (files_.renameAt(fromFolder, segmentName(number).c_str(), folder_,
+                      segmentName(renumbered).c_str()) != 0) {
+    files_.renameAt(folder_, marksName(renumbered).c_str(), fromFolder, marksName(number).c_str());
+    return false;
+  }
+  earlierSegments_.push_back(renumbered);
+  directoryDirty_ = true;
+  return true;
+}
+
+void JournalFront::removeRecycledLeftovers(const std::vector<std::string>& names) {
+  for (const auto& name : names) {
+    if (name.starts_with(kRecycledPrefix)) files_.unlinkAt(folder_, name.c_str(), 0);
+  }
+}
+
+bool JournalFront::open(uint32_t minEpoch) {
+  if (!openDirectory()) {
+    // Held by another process: the caller moves on to a folder of its own.
+    if (!heldByAnother_) logger().log(LogLevel::Error, failure_);
+    return false;
+  }
+  std::vector<std::string> names;
+  if (!files_.listFolder(folder_, names)) {
+    failure_ = "cannot list " + options_.directory.string() + ": " + errnoText(errno);
+    logger().log(LogLevel::Error, failure_);
+    return false;
+  }
+  removeRecycledLeftovers(names);
+
+  // Earlier segments, and the highest epoch any of them was written in. One
+  // that cannot be opened now is still an earlier segment: recovery keeps it.
+  uint32_t highestEpoch = minEpoch;
+  for (const auto& name : names) {
+    auto number = segmentNumber(name, kSegmentSuffix);
+    if (!number) continue;
+    earlierSegments_.push_back(*number);
+    const int fd = files_.openAt(folder_, name.c_str(), O_RDONLY, 0);
+    if (fd < 0) continue;
+    char header[kSegmentHeaderBytes];
+    if (files_.pread(fd, header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) &&
+        std::memcmp(header, kSegmentMagic, sizeof kSegmentMagic) == 0) {
+      highestEpoch = std::max(highestEpoch, get<uint32_t>(header + 12));
+    }
+    files_.close(fd);
+  }
+  std::sort(earlierSegments_.begin(), earlierSegments_.end());
+
+  if (auto text = readSmallFile(kEpochFile)) {
+    char* end = nullptr;
+    const unsigned long long stored = std::strtoull(text->c_str(), &end, 10);
+    if (end != text->c_str() && stored < 0xFFFFFFFFull) {
+      highestEpoch = std::max(highestEpoch, static_cast<uint32_t>(stored));
+    }
+  }
+  epoch_ = highestEpoch + 1;
+  // The epoch file only saves reading every header; segment headers carry
+  // the epoch too, so losing this write to a power cut cannot reuse an id.
+  writeSmallFile(kEpochFile, std::to_string(epoch_) + "\n");
+
+  nextSegment_ = earlierSegments_.empty() ? 1 : earlierSegments_.back() + 1;
+  std::string error;
+  auto segment = createSegment(0, true, error);
+  MutexLock lock(mutex_);
+  if (!segment) {
+    // What is stored is still read and delivered; new requests stay in
+    // memory until the writer can make a segment.
+    segmentFailed(error);
+    return true;
+  }
+  active_ = *segment;
+  return true;
+}
+
+void JournalFront::segmentFailed(const std::string& error) {
+  ++appendsRefused_;
+  if (cannotMakeSegments_) return;
+  cannotMakeSegments_ = true;
+  logger().log(LogLevel::Error, "cannot start a journal segment in " + options_.directory.string() +
+                                    ": " + error + "; new requests are kept in memory until one can be made");
+}
+
+std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameBytes, bool prefault,
+                                                                 std::string& error) {
+  // Never past the file size limit: writing there raises SIGXFSZ, which
+  // ends the host.
+  const uint64_t limit = std::min(files_.fileSizeLimit(), kMaxSegmentBytes);
+  if (limit < kSegmentHeaderBytes + frameBytes) {
+    error = "the file size limit (" + std::to_string(limit) + " bytes) leaves no room";
+    return std::nullopt;
+  }
+  Segment segment;
+  segment.number = nextSegment_.fetch_add(1);
+  const std::string name = segmentName(segment.number);
+  const int folder = folder_;
+  segment.fd = files_.openAt(folder, name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  if (segment.fd < 0) {
+    error = errnoText(errno);
+    return std::nullopt;
+  }
+  const auto discard = [&] {
+    error = errnoText(errno);
+    files_.close(segment.fd);
+    files_.unlinkAt(folder, name.c_str(), 0);
+    return std::nullopt;
+  };
+  std::string header(kSegmentMagic, sizeof kSegmentMagic);
+  put<uint32_t>(header, segment.number);
+  put<uint32_t>(header, epoch_);
+  if (!pwriteAll(files_, segment.fd, header, 0)) return discard();
+  segment.bytes = kSegmentHeaderBytes;
+  segment.dirty = true;
+  directoryDirty_ = true;
+
+  const uint64_t page = pageBytes();
+  const uint64_t wanted = std::max<uint64_t>(std::min(options_.segmentBytes, kMaxSegmentBytes / 2),
+                                             kSegmentHeaderBytes + frameBytes);
+  const uint64_t capacity = std::min((wanted + page - 1) / page * page, limit / page * page);
+  if (capacity >= kSegmentHeaderBytes + frameBytes &&
+      reserveWithZeros(files_, segment.fd, kSegmentHeaderBytes, capacity, prefault)) {
+    void* map = files_.mapShared(segment.fd, capacity);
+    if (map != MAP_FAILED) {
+      segment.map = static_cast<char*>(map);
+      segment.room = capacity;
+      // Writing every page once here maps the pages, so the appending
+      // threads take no page faults; measured, it makes the appends some
+      // twenty times cheaper than faulting pages in as they come.
+      if (prefault) {
+        std::memset(segment.map + kSegmentHeaderBytes, 0, capacity - kSegmentHeaderBytes);
+      }
+      return segment;
+    }
+  }
+  // Unmapped: appends use pwrite(2); the file must not keep a zero end that
+  // a pwrite would leave in the middle.
+  if (files_.ftruncate(segment.fd, static_cast<off_t>(kSegmentHeaderBytes)) != 0) return discard();
+  segment.room = limit;
+  return segment;
+}
+
+// Unmaps, cuts to the used length, syncs and closes.
+void JournalFront::finish(Segment& segment) {
+  if (segment.map != nullptr) {
+    // Unmapped first: the dirty pages stay in the page cache and the
+    // fdatasync below writes them, but with no mapping left the kernel has
+    // no page-table entries to write-protect, so writing them back sends no
+    // TLB-flush interrupt to the cores of the threads that report (one per
+    // page when syncing through the mapping, a stall on the report path).
+    files_.unmap(segment.map, segment.room);
+    segment.map = nullptr;
+    // The unused end is cut off, so it is never written. The file is this
+    // segment's alone: no other segment is ever made of it.
+    if (files_.ftruncate(segment.fd, static_cast<off_t>(segment.bytes)) == 0 || segment.dirty) {
+      files_.fdatasync(segment.fd);
+    }
+  } else if (segment.dirty) {
+    files_.fdatasync(segment.fd);
+  }
+  files_.close(segment.fd);
+  segment.fd = -1;
+}
+
+bool JournalFront::switchSegmentLocked(size_t frameBytes) {
+  std::optional<Segment> next;
+  if (!spares_.empty() && spares_.front().hasRoom(frameBytes)) {
+    next = spares_.front();
+    spares_.erase(spares_.begin());
+  } else {
+    // No spare ready (the writer is behind), or a record larger than a
+    // segment: the rare slow path makes one here.
+    if (spares_.empty()) spareTarget_.store(kMaxSpareSegments, std::memory_order_relaxed);
+    std::string error;
+    next = createSegment(frameBytes, false, error);
+    if (!next) {
+      segmentFailed(error);
+      return false;
+    }
+  }
+  if (active_.fd >= 0) closing_.push_back(active_);
+  active_ = *next;
+  return true;
+}
+
+std::optional<JournalFront::Appended> JournalFront::appendLocked(std::string_view frame,
+                                                                 uint64_t id, bool& switched) {
+  if (active_.fd < 0 || active_.broken || !active_.hasRoom(frame.size())) {
+    if (cannotMakeSegments_) {
+      // Tried again by the writer, not by every report call.
+      ++appendsRefused_;
+      return std::nullopt;
+    }
+    if (!switchSegmentLocked(frame.size())) return std::nullopt;
+    switched = true;
+  }
+  Segment& segment = active_;
+  if (segment.map != nullptr) {
+    std::memcpy(segment.map + segment.bytes, frame.data(), frame.size());
+  } else if (!pwriteAll(files_, segment.fd, frame, segment.bytes)) {
+    // Nothing may follow a partial frame: cut it off. The segment is left
+    // either way (a full disk or a size limit does not go away by trying
+    // again); the next append moves on to a new one.
+    files_.ftruncate(segment.fd, static_cast<off_t>(segment.bytes));
+    segment.broken = true;
+    return std::nullopt;
+  }
+  Appended where{id, segment.number, segment.bytes, static_cast<uint32_t>(frame.size())};
+  segment.bytes += frame.size();
+  segment.dirty = true;
+  return where;
+}
+
+bool JournalFront::append(std::string_view frame, uint64_t id) {
+  bool switched = false;
+  bool appended = false;
+  {
+    MutexLock lock(mutex_);
+    if (auto where = appendLocked(frame, id, switched)) {
+      appended_.push_back(*where);
+      appended = true;
+    }
+  }
+  if (switched && options_.segmentSwitched) options_.segmentSwitched();
+  return appended;
+}
+
+std::optional<JournalFront::Appended> JournalFront::appendCarried(std::string_view frame,
+                                                                  uint64_t id) {
+  // The writer thread itself: it makes the next spares at its next sync.
+  bool switched = false;
+  MutexLock lock(mutex_);
+  return appendLocked(frame, id, switched);
+}
+
+JournalFront::Drained JournalFront::drain() {
+  Drained out;
+  MutexLock lock(mutex_);
+  out.appended.swap(appended_);
+  out.closed.swap(closed_);
+  appended_.reserve(out.appended.size());
+  return out;
+}
+
+bool JournalFront::directoryReplaced() const {
+  struct stat now {};
+  if (files_.statPath(options_.directory.c_str(), &now) != 0) {
+    return errno == ENOENT || errno == ENOTDIR;
+  }
+  struct stat held {};
+  if (files_.fstat(folder_, &held) != 0) return false;
+  return !S_ISDIR(now.st_mode) || now.st_dev != held.st_dev || now.st_ino != held.st_ino ||
+         held.st_nlink == 0;
+}
+
+bool JournalFront::rehome() {
+  const int previousFolder = folder_;
+  const int previousLock = lockFd_;
+  if (!openDirectory()) {
+    // Keeps what it holds; tried again at the next sync.
+    return false;
+  }
+  files_.close(previousLock);  // its file went with the old directory
+  std::vector<Segment> spares;
+  bool switched;
+  {
+    MutexLock lock(mutex_);
+    spares.swap(spares_);
+    cannotMakeSegments_ = false;
+    switched = switchSegmentLocked(0);
+  }
+  for (auto& spare : spares) {
+    files_.unlinkAt(previousFolder, segmentName(spare.number).c_str(), 0);
+    finish(spare);  // never written
+  }
+  files_.close(previousFolder);
+  directoryDirty_ = true;
+  if (switched) topUpSpares();
+  return switched;
+}
+
+bool JournalFront::readOpen(uint32_t number, uint64_t offset, std::string& out) const {
+  MutexLock lock(mutex_);
+  const Segment* found = active_.number == number && active_.fd >= 0 ? &active_ : nullptr;
+  for (const auto& segment : closing_) {
+    if (segment.number == number) found = &segment;
+  }
+  if (found == nullptr) return false;
+  if (found->map != nullptr && offset + out.size() <= found->bytes) {
+    std::memcpy(out.data(), found->map + offset, out.size());
+    return true;
+  }
+  return files_.pread(found->fd, out.data(), out.size(), static_cast<off_t>(offset)) ==
+         static_cast<ssize_t>(out.size());
+}
+
+uint32_t JournalFront::activeSegment() const {
+  MutexLock lock(mutex_);
+  return active_.fd >= 0 ? active_.number : 0;
+}
+
+uint64_t JournalFront::activeBytes() const {
+  MutexLock lock(mutex_);
+  return active_.fd >= 0 && !active_.broken ? active_.bytes : UINT64_MAX;
+}
+
+bool JournalFront::rotate() {
+  MutexLock lock(mutex_);
+  if (cannotMakeSegments_) return false;
+  return switchSegmentLocked(0);
+}
+
+void JournalFront::topUpSpares() {
+  size_t missing;
+  {
+    MutexLock lock(mutex_);
+    const size_t target = spareTarget_.load(std::memory_order_relaxed);
+    missing = target - std::min(target, spares_.size());
+  }
+  for (; missing > 0; --missing) {
+    std::string error;
+    auto spare = createSegment(0, true, error);
+    // Without a spare a caller makes the next segment itself.
+    if (!spare) break;
+    {
+      MutexLock lock(mutex_);
+      if (cannotMakeSegments_) {
+        // Segments can be made again: appends go on in this one.
+        cannotMakeSegments_ = false;
+        logger().log(LogLevel::Info, "journal segments can be made again; " +
+                                         std::to_string(appendsRefused_) +
+                                         " requests were kept in memory meanwhile");
+        appendsRefused_ = 0;
+        if (active_.fd >= 0) closing_.push_back(active_);
+        active_ = *spare;
+      } else {
+        spares_.push_back(*spare);
+      }
+    }
+    if (options_.betweenSyncSteps) options_.betweenSyncSteps();
+  }
+}
+
+void JournalFront::syncActive() {
+  // Spares first: a caller may be about to need one.
+  topUpSpares();
+
+  std::vector<Segment> closing;
+  Segment active;
+  {
+    MutexLock lock(mutex_);
+    // Syncing through the mapping write-protects every page it writes, with
+    // one TLB-flush interrupt each on the reporting threads' cores and a
+    // write fault on the page being filled. A segment that took many pages
+    // since its last sync is closed instead (a spare takes over, which costs
+    // callers nothing) and synced unmapped with the others; only a short
+    // tail is synced in place.
+    if (active_.map != nullptr && active_.dirty &&
+        active_.bytes - active_.syncedBytes >= kSyncInPlaceBytes && !spares_.empty()) {
+      switchSegmentLocked(0);
+    }
+    closing.swap(closing_);
+    active = active_;
+    active_.dirty = false;
+    active_.syncedBytes = active_.bytes;
+  }
+  // Only this thread unmaps or closes, so the copies stay valid after the
+  // lock is released; callers keep appending past the synced length.
+  if (active.fd >= 0 && active.dirty) {
+    if (active.map != nullptr) {
+      const uint64_t from = active.syncedBytes / pageBytes() * pageBytes();
+      files_.msync(active.map + from, active.bytes - from);
+    } else {
+      files_.fdatasync(active.fd);
+    }
+  }
+  for (auto& segment : closing) {
+    finish(segment);
+    {
+      // Finished: from now on the store's alone, to read and to remove.
+      MutexLock lock(mutex_);
+      closed_.push_back(segment.number);
+    }
+    if (options_.betweenSyncSteps) options_.betweenSyncSteps();
+    // A burst of appends may be using up the spares while segments are
+    // written back: keep them coming.
+    topUpSpares();
+  }
+  syncDirectory();
+}
+
+void JournalFront::syncDirectory() {
+  if (!directoryDirty_.exchange(false)) return;
+  files_.fsync(folder_);
+}
+
+}  // namespace korvel::platform

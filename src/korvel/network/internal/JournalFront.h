@@ -1,0 +1,244 @@
+// The journal front: the store's directory (held by a descriptor), its lock
+// and epoch, the active segment that callers append to, and reading and
+// setting aside of segments.
+//
+// Segments are memory-mapped: a segment file is created with its full size
+// reserved on disk (written with zeros, so a full disk shows up then and
+// never as a fault inside a mapped write) and mapped shared. An append is a
+// memcpy into the mapping under a short lock: once it returns, the bytes
+// belong to the kernel's page cache and survive a kill of the process, with
+// no system call on the caller's thread. The writer thread makes them
+// survive a power loss and keeps spare segments ready, so a caller whose
+// record does not fit only swaps pointers. It never syncs many pages through
+// the mapping: that write-protects each page, which costs the appending
+// threads one TLB-flush interrupt per page and a write fault on the page
+// they fill. A closed segment is unmapped first and then synced through its
+// descriptor; an active segment that took many pages since the last sync is
+// closed (the spare takes over) rather than synced in place. The unused end
+// of a mapped segment reads as zeros, which readers take for the end of the
+// segment; a closed segment is cut to its used length.
+//
+// A segment's life, all of it owned by the front until it is finished:
+//   spare -> active -> closing (closed by a switch, still open and mapped)
+//         -> finished (unmapped, cut, synced, closed; reported by drain()).
+// Only a finished segment is ever handed to the store, which alone removes
+// it once every record in it is finished. A segment's file is never reused
+// for another segment, so nothing is cut or removed under a mapping.
+//
+// Where a segment cannot be mapped (or reserved) the front falls back to
+// pwrite(2) appends on that segment, within the room the file size limit
+// leaves. Where no segment can be made at all (full disk, read-only folder)
+// appends fail at once, with one log line, until the writer's next sync
+// makes one again.
+#pragma once
+
+#include <sys/types.h>
+
+#include <atomic>
+#include <cstdint>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include <korvel/foundation/Mutex.h>
+#include <korvel/network/internal/FileSystem.h>
+#include <korvel/network/internal/RequestStore.h>
+
+namespace korvel::platform {
+
+class JournalFront {
+ public:
+  struct Appended {
+    uint64_t id;
+    uint32_t segment;
+    uint64_t offset;
+    uint32_t length;
+  };
+
+  // What callers appended since the last drain, and which segments were
+  // finished. Every append to a finished segment is in the same drain or an
+  // earlier one.
+  struct Drained {
+    std::vector<Appended> appended;  // in file order per segment
+    std::vector<uint32_t> closed;
+  };
+
+  struct SegmentContents {
+    uint32_t number = 0;
+    // The file could not be opened or read (no descriptor, no permission,
+    // an I/O error): nothing is known about it, it is not empty.
+    bool unreadable = false;
+    std::string readError;
+    bool headerOk = false;
+    // End when every byte up to the used length was a frame; otherwise the
+    // first damage found (frames after it that still decode are kept).
+    FrameStatus tail = FrameStatus::End;
+    uint64_t validBytes = 0;  // where the first damage starts
+    // The used length: the file's size without an unwritten (zero) end.
+    uint64_t fileBytes = 0;
+    uint64_t physicalBytes = 0;  // the file's size
+    std::vector<StoredRequest> records;
+    std::vector<uint64_t> offsets;  // of each record's frame
+    bool stopped = false;
+  };
+
+  explicit JournalFront(RequestStoreOptions options);
+  ~JournalFront();
+  JournalFront(const JournalFront&) = delete;
+  JournalFront& operator=(const JournalFront&) = delete;
+
+  // Opens the directory (making it when missing), checks that it is ours
+  // and private, takes its lock, picks the epoch (above minEpoch and above
+  // every segment's) and starts a new active segment when it can (a full
+  // disk still opens what is stored). False, with the reason in failure()
+  // and logged, when the directory cannot be used.
+  bool open(uint32_t minEpoch = 0);
+  const std::string& failure() const { return failure_; }
+  // open() failed only because another live process holds the directory.
+  bool heldByAnotherProcess() const { return heldByAnother_; }
+
+  // Moves an earlier segment (and its marks) of another journal's folder
+  // into this one, under a new number, as one more earlier segment for
+  // recover(). Before recover(); false when it could not be moved.
+  bool adoptSegment(int fromFolder, uint32_t number);
+
+  uint32_t epoch() const { return epoch_; }
+  const RequestStoreOptions& options() const { return options_; }
+  const Logger& logger() const { return options_.logger; }
+  FileSystem& files() const { return files_; }
+  // The directory's descriptor; changes only on the writer thread (rehome).
+  int folder() const { return folder_; }
+
+  // Any thread.
+  bool append(std::string_view frame, uint64_t id) KORVEL_EXCLUDES(mutex_);
+  // Appends on the writer thread (records carried forward); not reported by
+  // drain(). The frame's location, or nothing when it failed.
+  std::optional<Appended> appendCarried(std::string_view frame, uint64_t id)
+      KORVEL_EXCLUDES(mutex_);
+
+  Drained drain() KORVEL_EXCLUDES(mutex_);
+
+  // True when the directory's path no longer names the directory the front
+  // holds (deleted, or deleted and made again, or replaced by a file).
+  bool directoryReplaced() const;
+  // Opens the directory at its path again (making it when missing), takes
+  // its lock and moves appends on to a new segment there; the old active
+  // segment is closed (finished by the next syncActive()). False, with the
+  // reason logged, when it cannot.
+  bool rehome() KORVEL_EXCLUDES(mutex_);
+  // Reads bytes of a segment the front still has open (active, closing).
+  bool readOpen(uint32_t number, uint64_t offset, std::string& out) const KORVEL_EXCLUDES(mutex_);
+
+  // Segments of earlier runs found by open(), oldest first.
+  const std::vector<uint32_t>& earlierSegments() const { return earlierSegments_; }
+  // 0 when there is none.
+  uint32_t activeSegment() const KORVEL_EXCLUDES(mutex_);
+  // Used bytes of the active segment; UINT64_MAX when it cannot take more.
+  uint64_t activeBytes() const KORVEL_EXCLUDES(mutex_);
+
+  // Closes the active segment (finished by the next syncActive()) and
+  // starts the next one. False when no new segment could be made.
+  bool rotate() KORVEL_EXCLUDES(mutex_);
+  // Tops up the spare segments (and makes an active one when there was
+  // none), makes every append so far survive a power loss, and finishes
+  // the segments closed since the last call. Writer thread.
+  void syncActive() KORVEL_EXCLUDES(mutex_);
+  void syncDirectory();
+
+  // Reading stops early (tail Truncated at the point reached, stopped set)
+  // when stop turns true.
+  SegmentContents readSegment(uint32_t number, const std::atomic<bool>* stop = nullptr) const;
+  // Cuts a closed segment of an earlier run to its used length.
+  void trimSegment(uint32_t number, uint64_t usedBytes);
+  // Moves a file of the directory to "aside" and logs why; deletes it when
+  // that fails.
+  void setAside(const std::string& name, const std::string& reason);
+  // Removes a finished segment and its marks. Only for segments the front
+  // reported finished, or earlier runs' segments.
+  void removeSegmentFiles(uint32_t number);
+  // Removes marks files whose segment is gone. Before recover().
+  void removeOrphanMarks();
+  // The whole content of a small file of the directory; nothing when it
+  // cannot be read (and notFound set when it is not there).
+  std::optional<std::string> readSmallFile(const std::string& name, bool* notFound = nullptr) const;
+  // Writes a small file whole: a temporary, synced, renamed over it.
+  bool writeSmallFile(const std::string& name, std::string_view contents);
+
+  // Bytes of the store's files (not "aside", not the lock), counting open
+  // segments by their used length.
+  uint64_t bytesOnDisk() const KORVEL_EXCLUDES(mutex_);
+
+  // Offsets in a segment fit 32 bits (the store's index keeps them so).
+  static constexpr uint64_t kMaxSegmentBytes = 1ull << 30;
+
+ private:
+  struct Segment {
+    int fd = -1;
+    uint32_t number = 0;
+    char* map = nullptr;    // null: appended with pwrite(2)
+    uint64_t room = 0;      // the most bytes it may hold
+    uint64_t bytes = 0;     // used
+    uint64_t syncedBytes = 0;  // used bytes at the last sync
+    bool dirty = false;     // appended to since the last sync
+    bool broken = false;    // a failed pwrite left it unusable
+
+    bool hasRoom(size_t size) const { return bytes + size <= room; }
+  };
+
+  // Opens and checks the directory and takes its lock; sets failure_.
+  bool openDirectory() KORVEL_EXCLUDES(mutex_);
+  // Creates, reserves and maps a new segment with room for at least
+  // frameBytes; with prefault, its pages are made writable now so the
+  // appends into it take no page faults. Any thread; takes no lock of the
+  // front's.
+  std::optional<Segment> createSegment(size_t frameBytes, bool prefault, std::string& error);
+  // Closes the active segment and installs the spare or a new one; with the
+  // lock held. False when no segment could be made.
+  bool switchSegmentLocked(size_t frameBytes) KORVEL_REQUIRES(mutex_);
+  std::optional<Appended> appendLocked(std::string_view frame, uint64_t id, bool& switched)
+      KORVEL_REQUIRES(mutex_);
+  // Logs the first failure to make a segment, counts the rest.
+  void segmentFailed(const std::string& error) KORVEL_REQUIRES(mutex_);
+  void topUpSpares() KORVEL_EXCLUDES(mutex_);
+  void finish(Segment& segment);
+  void removeRecycledLeftovers(const std::vector<std::string>& names);
+
+  RequestStoreOptions options_;
+  FileSystem& files_;
+  std::string failure_;
+  bool heldByAnother_ = false;
+  std::atomic<int> folder_{-1};
+  int lockFd_ = -1;
+  uint32_t epoch_ = 0;
+  std::vector<uint32_t> earlierSegments_;
+  std::atomic<uint32_t> nextSegment_{1};
+  std::atomic<bool> directoryDirty_{false};
+
+  // Two spares carry a burst of appends over the time the writer takes to
+  // notice that one was taken and to make the next. Once appends outran
+  // them (a caller had to make a segment itself), four are kept: making a
+  // segment costs the writer a file creation and a page fault per page,
+  // which a sustained burst of small segments can outpace.
+  static constexpr size_t kSpareSegments = 2;
+  static constexpr size_t kMaxSpareSegments = 4;
+  std::atomic<size_t> spareTarget_{kSpareSegments};
+
+  // An active segment that took more than this since its last sync is
+  // closed and synced unmapped rather than synced in place (syncActive).
+  static constexpr uint64_t kSyncInPlaceBytes = 64u << 10;
+
+  mutable Mutex mutex_;
+  Segment active_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<Segment> spares_ KORVEL_GUARDED_BY(mutex_);
+  // Closed, not yet finished by syncActive().
+  std::vector<Segment> closing_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<Appended> appended_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<uint32_t> closed_ KORVEL_GUARDED_BY(mutex_);
+  // No segment could be made: appends fail at once until the writer makes
+  // one (syncActive), with one log line for the spell and a count after it.
+  bool cannotMakeSegments_ KORVEL_GUARDED_BY(mutex_) = false;
+  uint64_t appendsRefused_ KORVEL_GUARDED_BY(mutex_) = 0;
+};
+
+}  // namespace korvel::platform

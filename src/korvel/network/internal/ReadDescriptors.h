@@ -1,0 +1,62 @@
+// Read descriptors of a journal's finished segments.
+#pragma once
+
+#include <fcntl.h>
+
+#include <cstdint>
+#include <list>
+#include <utility>
+
+#include <korvel/network/internal/FileSystem.h>
+#include <korvel/network/internal/JournalFormat.h>
+
+namespace korvel::platform {
+
+// Read descriptors of finished segments, the most recently used kept open:
+// a backlog spread over thousands of segments holds a few descriptors, not
+// one per segment, and delivery keeps descriptors for its sockets.
+class ReadDescriptors {
+ public:
+  static constexpr size_t kKept = 32;
+
+  explicit ReadDescriptors(FileSystem& files) : files_(files) {}
+  ~ReadDescriptors() { clear(); }
+
+  // -1 (errno set) when the segment cannot be opened.
+  int get(int folder, uint32_t number) {
+    for (auto it = open_.begin(); it != open_.end(); ++it) {
+      if (it->first == number) {
+        open_.splice(open_.begin(), open_, it);
+        return it->second;
+      }
+    }
+    const int fd = files_.openAt(folder, journal::segmentName(number).c_str(), O_RDONLY, 0);
+    if (fd < 0) return -1;
+    if (open_.size() >= kKept) {
+      files_.close(open_.back().second);
+      open_.pop_back();
+    }
+    open_.emplace_front(number, fd);
+    return fd;
+  }
+  void forget(uint32_t number) {
+    for (auto it = open_.begin(); it != open_.end(); ++it) {
+      if (it->first == number) {
+        files_.close(it->second);
+        open_.erase(it);
+        return;
+      }
+    }
+  }
+  void clear() {
+    for (const auto& entry : open_) files_.close(entry.second);
+    open_.clear();
+  }
+  size_t size() const { return open_.size(); }
+
+ private:
+  FileSystem& files_;
+  std::list<std::pair<uint32_t, int>> open_;
+};
+
+}  // namespace korvel::platform
