@@ -210,6 +210,11 @@ Reporting::Result startLocked(State& s, Reporting::StartOptions& options)
     return failure("cannot make the data directory " + directory.string() + ": " +
                    error.message());
   }
+  // A folder another user made, or one others may write to, would let them
+  // plant or remove the files the library keeps there.
+  if (auto unsafe = platform::unsafePrivateDirectory(directory)) {
+    return failure("the data directory " + directory.string() + " is not private: " + *unsafe);
+  }
 
   s.bundleIdentifier = options.bundleIdentifier;
   s.dataDirectory = directory;
@@ -242,8 +247,9 @@ Reporting::Result startLocked(State& s, Reporting::StartOptions& options)
         std::dynamic_pointer_cast<platform::DurableRequestExecutor>(ensureExecutor(s));
     if (durable && !durable->stats().durable) {
       result.durable = false;
+      const std::string& why = durable->storeFailure();
       warn("beacons cannot be stored in " + durable->directory().string() +
-           ": they are kept in memory only, and lost if the process ends before they are "
+           (why.empty() ? "" : " (" + why + ")") + ": they are kept in memory only, and lost if the process ends before they are "
            "delivered");
     }
   }

@@ -2,6 +2,8 @@
 // the store it got, and a report call racing shutdown.
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <condition_variable>
 #include <filesystem>
 #include <fstream>
@@ -95,6 +97,44 @@ TEST_F(LifeCycleTest, StartSaysWhenBeaconsCanOnlyBeKeptInMemory) {
     EXPECT_EQ(started.durable, c.durable);
     EXPECT_EQ(started.warning.empty(), c.durable) << started.warning;
     EXPECT_EQ(logLines("started, but beacons cannot be stored"), c.durable ? 0u : 1u);
+    Reporting::shutdown(0ms);
+  }
+}
+
+TEST_F(LifeCycleTest, StartRefusesADataDirectoryThatIsNotTheUsersAlone) {
+  struct Case {
+    const char* name;
+    fs::perms mode;
+    bool otherOwner;  // needs root to hand the folder to another user
+    const char* error;  // empty: started, and the folder is 0700 afterwards
+  };
+  const Case cases[] = {
+      {"private already", fs::perms::owner_all, false, ""},
+      {"open to everyone, but ours", fs::perms::all, false, ""},
+      {"open to the group, but ours", fs::perms::owner_all | fs::perms::group_all, false, ""},
+      {"made by another user", fs::perms::all, true, "owned by another user"},
+      {"another user's, private", fs::perms::owner_all, true, "owned by another user"},
+  };
+  for (const auto& c : cases) {
+    SCOPED_TRACE(c.name);
+    if (c.otherOwner && ::geteuid() != 0) continue;
+    const fs::path data = root_ / "data";
+    std::error_code ec;
+    fs::remove_all(data, ec);
+    fs::create_directory(data);
+    fs::permissions(data, c.mode);
+    if (c.otherOwner) ASSERT_EQ(::chown(data.c_str(), 65534, 65534), 0);
+    const auto started = Reporting::start(options());
+    if (std::string(c.error).empty()) {
+      ASSERT_TRUE(started) << started.error;
+      EXPECT_EQ(fs::status(data).permissions() & fs::perms::mask, fs::perms::owner_all);
+    } else {
+      EXPECT_FALSE(started);
+      EXPECT_NE(started.error.find(c.error), std::string::npos) << started.error;
+      EXPECT_NE(started.error.find(data.string()), std::string::npos) << started.error;
+      // Nothing was written into the other user's folder.
+      EXPECT_TRUE(fs::is_empty(data));
+    }
     Reporting::shutdown(0ms);
   }
 }

@@ -12,7 +12,7 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <fstream>
+#include <sstream>
 
 #include <korvel/foundation/KVNRequestReload.h>
 #include <korvel/network/internal/DeliveryShared.h>
@@ -130,7 +130,10 @@ void DurableRequestExecutor::restoreStored() {
 }
 
 void DurableRequestExecutor::loadHosts() {
-  std::ifstream in(directory_ / kHostsFile);
+  // Read through the store, relative to its folder, following no link.
+  const auto text = store_->readSmallFile(kHostsFile);
+  if (!text) return;
+  std::istringstream in(*text);
   std::string name;
   int64_t until = 0;
   const int64_t nowMillis = wallMillis();
@@ -155,44 +158,26 @@ int64_t DurableRequestExecutor::storeClockMillis() const {
 }
 
 void DurableRequestExecutor::loadClock() {
-  const fs::path path = directory_ / kClockFile;
-  const int fd = ::open(path.c_str(), O_RDONLY | O_NOFOLLOW | O_CLOEXEC);
-  if (fd < 0) return;
-  char text[32] = {};
-  const ssize_t got = ::read(fd, text, sizeof text - 1);
-  ::close(fd);
-  if (got <= 0) return;
+  const auto text = store_->readSmallFile(kClockFile);
+  if (!text) return;
   char* end = nullptr;
-  const long long stored = std::strtoll(text, &end, 10);
-  if (end == text) return;
+  const long long stored = std::strtoll(text->c_str(), &end, 10);
+  if (end == text->c_str()) return;
   clockBaseMillis_ = std::max<int64_t>(clockBaseMillis_, stored);
 }
 
 void DurableRequestExecutor::saveClock(int64_t millis) {
-  const std::string text = std::to_string(millis) + "\n";
-  const fs::path temporary = directory_ / "clock.tmp";
-  const int fd =
-      ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_NOFOLLOW | O_CLOEXEC, 0600);
-  if (fd < 0) return;
-  const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  ::close(fd);
-  if (written) ::rename(temporary.c_str(), (directory_ / kClockFile).c_str());
+  store_->writeSmallFile(kClockFile, std::to_string(millis) + "\n");
 }
 
 void DurableRequestExecutor::saveHosts(const std::vector<std::pair<std::string, int64_t>>& hosts) {
-  const fs::path path = directory_ / kHostsFile;
   if (hosts.empty()) {
-    ::unlink(path.c_str());
+    store_->removeSmallFile(kHostsFile);
     return;
   }
   std::string text;
   for (const auto& [name, until] : hosts) text += name + " " + std::to_string(until) + "\n";
-  const fs::path temporary = directory_ / "hosts.tmp";
-  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) return;
-  const bool written = ::write(fd, text.data(), text.size()) == static_cast<ssize_t>(text.size());
-  ::close(fd);
-  if (written) ::rename(temporary.c_str(), path.c_str());
+  store_->writeSmallFile(kHostsFile, text);
 }
 
 void DurableRequestExecutor::writerLoop() {
@@ -279,7 +264,7 @@ void DurableRequestExecutor::writerLoop() {
       if (compact) store_->compact();
       if (compact) storeStats = store_->stats();
     }
-    if (hosts) saveHosts(*hosts);
+    if (hosts && store_) saveHosts(*hosts);
     if (store_ && (stop || monotonicMillis() - lastClockSave >= kClockSaveIntervalMillis)) {
       lastClockSave = monotonicMillis();
       saveClock(storeClockMillis());

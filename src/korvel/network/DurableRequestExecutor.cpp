@@ -99,7 +99,9 @@ DurableRequestExecutor::DurableRequestExecutor(std::string sessionIdentifier, Op
       adoptHandoffs();
       mutex_.unlock();
     };
-    store_ = openJournalRequestStore(storeOptions);
+    auto opened = openJournalRequestStoreWithReason(storeOptions);
+    store_ = std::move(opened.store);
+    storeFailure_ = std::move(opened.failure);
     if (!store_) logger_.log(LogLevel::Error, "requests are kept in memory only");
   }
   if (store_) epochBits_ = static_cast<uint64_t>(store_->epoch()) << 32;

@@ -5,6 +5,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cstring>
 #include <fstream>
 
 namespace korvel::platform {
@@ -85,6 +86,20 @@ bool createPrivateDirectories(const std::filesystem::path& path, std::error_code
     return false;
   }
   return true;
+}
+
+std::optional<std::string> unsafePrivateDirectory(const std::filesystem::path& path) {
+  struct stat status {};
+  if (::stat(path.c_str(), &status) != 0) return std::string(std::strerror(errno));
+  if (!S_ISDIR(status.st_mode)) return std::string("not a folder");
+  if (status.st_uid != ::geteuid()) {
+    return "owned by another user (uid " + std::to_string(status.st_uid) + ")";
+  }
+  if ((status.st_mode & 022) != 0 && ::chmod(path.c_str(), 0700) != 0) {
+    return std::string("writable by group or others, and it cannot be made private: ") +
+           std::strerror(errno);
+  }
+  return std::nullopt;
 }
 
 bool writeFileReplacing(const std::filesystem::path& path, std::span<const uint8_t> content,

@@ -7,6 +7,7 @@
 #include <filesystem>
 #include <optional>
 #include <span>
+#include <string>
 #include <system_error>
 
 #include <korvel/foundation/Data.h>
@@ -27,6 +28,12 @@ KORVEL_EXPORT bool writeFileReplacing(const std::filesystem::path& path, std::sp
 // (folders that already exist are left as they are). True when path is a
 // folder afterwards; otherwise false with error set.
 KORVEL_EXPORT bool createPrivateDirectories(const std::filesystem::path& path, std::error_code& error);
+
+// Why the folder at path is not the user's own private folder (owned by
+// another user; writable by group or others, and that cannot be taken
+// away), or nothing when it is. A folder that others may write to but that
+// the user owns is made 0700 first.
+KORVEL_EXPORT std::optional<std::string> unsafePrivateDirectory(const std::filesystem::path& path);
 
 // The whole content of a regular file; nothing when it cannot be read.
 KORVEL_EXPORT std::optional<Data> readFileContents(const std::filesystem::path& path);

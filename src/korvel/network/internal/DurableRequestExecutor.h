@@ -205,6 +205,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // figures include them.
   Stats stats() KORVEL_EXCLUDES(mutex_);
   const std::filesystem::path& directory() const { return directory_; }
+  // Why the store could not be opened (empty when it was, or was not asked
+  // for); set once by the constructor.
+  const std::string& storeFailure() const { return storeFailure_; }
   const Options& options() const { return options_; }
 
   // Syncs and compacts the store now and gives its figures (measurements,
@@ -316,6 +319,7 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   const Options options_;
   const Logger logger_;
   std::filesystem::path directory_;
+  std::string storeFailure_;
   std::unique_ptr<RequestStore> store_;
   uint64_t epochBits_ = 0;
   // The store's clock at start, and the monotonic time then; set before any
