@@ -123,7 +123,9 @@ TEST_F(LifeCycleTest, StartRefusesADataDirectoryThatIsNotTheUsersAlone) {
     fs::remove_all(data, ec);
     fs::create_directory(data);
     fs::permissions(data, c.mode);
-    if (c.otherOwner) ASSERT_EQ(::chown(data.c_str(), 65534, 65534), 0);
+    if (c.otherOwner) {
+      ASSERT_EQ(::chown(data.c_str(), 65534, 65534), 0);
+    }
     const auto started = Reporting::start(options());
     if (std::string(c.error).empty()) {
       ASSERT_TRUE(started) << started.error;
