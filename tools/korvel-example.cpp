@@ -4,7 +4,10 @@
 //   korvel-example                 prints the URLs, sends nothing
 //   korvel-example --send BASE     delivers them for real to a collector at
 //                                  BASE (e.g. http://127.0.0.1:8787), through
-//                                  the durable executor in a temporary folder
+//                                  the library's durable executor, its data
+//                                  directory a temporary folder
+//
+// Written as a host writes it: public headers only.
 #include <stdlib.h>
 
 #include <chrono>
@@ -15,18 +18,9 @@
 #include <string>
 #include <thread>
 
-#include <korvel/beacon/KVRBeacon.h>
-#include <korvel/beacon/KVRConstants.h>
-#include <korvel/beacon/KVRReportingUtilities.h>
-#include <korvel/beacon/KVRUserSession.h>
-#include <korvel/pageviews/PageViewBeaconReporter.h>
-#include <korvel/pageviews/PageViewManager.h>
-#include <korvel/platform/Application.h>
-#include <korvel/platform/Env.h>
-#include <korvel/network/internal/DurableRequestExecutor.h>
+#include <korvel/Korvel.h>
 #include <korvel/network/InProcessRequestExecutor.h>
-#include <korvel/foundation/KVNConfiguration.h>
-#include <korvel/platform/NotificationCenter.h>
+#include <korvel/pageviews/PageViewBeaconReporter.h>
 
 using namespace korvel;
 
@@ -40,44 +34,47 @@ int main(int argc, char** argv) {
     return 2;
   }
 
-  platform::setMainBundleIdentifier("com.korvel.example");
-  KVNConfiguration::setAppShortVersion("14.2");
-  auto& config = KVNConfiguration::sharedInstance();
-  config.update([&](KVNConfiguration::Snapshot& s) {
+  // Everything the library keeps goes to a temporary data directory,
+  // removed on the way out.
+  char pattern[] = "/tmp/korvel-example-XXXXXX";
+  if (mkdtemp(pattern) == nullptr) {
+    std::perror("korvel-example: mkdtemp");
+    return 1;
+  }
+  const std::filesystem::path dataDirectory = pattern;
+  const auto removeDataDirectory = [&dataDirectory] {
+    std::error_code ec;
+    std::filesystem::remove_all(dataDirectory, ec);
+  };
+
+  Reporting::StartOptions options;
+  options.bundleIdentifier = "com.korvel.example";
+  options.appVersion = "14.2";
+  options.dataDirectory = dataDirectory;
+  options.configure = [&](KVNConfiguration::Snapshot& s) {
     s.inid = "EXAMPLE-INID";
     s.configured = true;
     s.deviceModel = "Laptop14,2";
     s.beacons.beaconEndpoint = base + "/b/{inid}/{appversion}/{devicemodel}?src=example";
     s.beacons.beaconParameters = KVRParameters{{"cohort", "b"}};
-  });
-
-  std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor;
-  std::filesystem::path journal;
-  if (send) {
-    char pattern[] = "/tmp/korvel-example-XXXXXX";
-    if (mkdtemp(pattern) == nullptr) {
-      std::perror("korvel-example: mkdtemp");
-      return 1;
-    }
-    journal = pattern;
-    platform::DurableRequestExecutor::Options options;
-    options.directory = journal;
-    options.concurrency = 1;
-    executor = std::make_shared<platform::DurableRequestExecutor>(
-        "com.korvel.example.backgroundBeacons", options);
-  } else {
+  };
+  if (!send) {
     // Print instead of sending: the executor thread builds each URL when it
-    // takes the request, as a real executor does.
-    executor = std::make_shared<InProcessRequestExecutor>(
+    // takes the request, as a real executor does. With --send the library's
+    // own durable executor delivers, keeping its journal in the data
+    // directory.
+    options.executor = std::make_shared<InProcessRequestExecutor>(
         "com.korvel.example.backgroundBeacons",
         [](const KVNNetworkRequest&, const KVNEndpoint& endpoint) {
           std::printf("GET %s\n", endpoint.urlString().c_str());
           return true;
         });
   }
-  KVRBeacon::setBackgroundSession(executor);
-
-  KVRUserSession::load();
+  if (auto started = Reporting::start(std::move(options)); !started) {
+    std::fprintf(stderr, "korvel-example: cannot start: %s\n", started.error.c_str());
+    removeDataDirectory();
+    return 1;
+  }
 
   auto share = KVRReportingUtilities::defaultUserEventBeaconParametersOfType(kKVRShare);
   share.set(kKVRProviderName, "share");
@@ -109,13 +106,8 @@ int main(int argc, char** argv) {
   // page view manager reports the page still open ("home").
   platform::env().notificationCenter().post(platform::ApplicationDidEnterBackgroundNotification);
 
-  const bool delivered = executor->flush(std::chrono::seconds(10));
-  KVRBeacon::setBackgroundSession(nullptr);
-  executor.reset();
-  if (send) {
-    std::error_code ec;
-    std::filesystem::remove_all(journal, ec);
-    if (!delivered) std::fprintf(stderr, "korvel-example: not every beacon was delivered\n");
-  }
+  const bool delivered = Reporting::shutdown(std::chrono::seconds(10));
+  removeDataDirectory();
+  if (send && !delivered) std::fprintf(stderr, "korvel-example: not every beacon was delivered\n");
   return delivered ? 0 : 1;
 }

@@ -1,4 +1,5 @@
 #include <korvel/pageviews/ReportingValue.h>
+#include <korvel/pageviews/internal/ReportingValueJSON.h>
 
 #include <gtest/gtest.h>
 
@@ -83,9 +84,9 @@ TEST(ReportingValueCodingTest, EveryCaseHasItsShapeBothWays) {
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.encoded);
-    EXPECT_EQ(row.value.toJSON(), json::parse(row.encoded));
+    EXPECT_EQ(toJSON(row.value), json::parse(row.encoded));
     EXPECT_EQ(row.value.toJSONString(), row.encoded);
-    const auto decoded = ReportingValue::fromJSON(json::parse(row.encoded));
+    const auto decoded = reportingValueFromJSON(json::parse(row.encoded));
     EXPECT_EQ(decoded.valueCase(), row.value.valueCase());
     EXPECT_EQ(decoded, row.value);
     EXPECT_EQ(ReportingValue::fromJSONString(row.encoded), row.value);
@@ -95,7 +96,7 @@ TEST(ReportingValueCodingTest, EveryCaseHasItsShapeBothWays) {
 TEST(ReportingValueCodingTest, StructuresKeepTheirKeysInDeclaredOrder) {
   const auto parameter = ReportingParameter::trackID("123");
   EXPECT_EQ(parameter.toJSONString(), R"({"key":"trackkey","value":{"string":{"_0":"123"}}})");
-  EXPECT_EQ(parameter.toJSON(), json::parse(parameter.toJSONString()));
+  EXPECT_EQ(toJSON(parameter), json::parse(parameter.toJSONString()));
 
   EXPECT_EQ(PageName("home").toJSONString(), R"({"stringValue":"home"})");
 
@@ -103,7 +104,7 @@ TEST(ReportingValueCodingTest, StructuresKeepTheirKeysInDeclaredOrder) {
   EXPECT_EQ(view.toJSONString(),
             R"({"name":{"stringValue":"home"},"duration":1.5,)"
             R"("reportingParameters":[{"key":"headphones","value":{"int":{"_0":0}}}]})");
-  EXPECT_EQ(view.toJSON(), json::parse(view.toJSONString()));
+  EXPECT_EQ(toJSON(view), json::parse(view.toJSONString()));
 }
 
 TEST(ReportingValueCodingTest, PageViewRoundTrips) {
@@ -113,7 +114,7 @@ TEST(ReportingValueCodingTest, PageViewRoundTrips) {
                        ReportingParameter::headphonesConnected(1),
                        ReportingParameter("flag", ReportingValue::boolean(true)),
                        ReportingParameter("flag", ReportingValue::int_(1))}};
-  EXPECT_EQ(PageView::fromJSON(view.toJSON()), view);
+  EXPECT_EQ(pageViewFromJSON(toJSON(view)), view);
   EXPECT_EQ(PageView::fromJSONString(view.toJSONString()), view);
 
   const PageView empty{PageName(""), 0, {}};
@@ -166,7 +167,7 @@ void expectFailure(const DecodingFailure& row) {
 }
 
 std::function<void()> value(const char* text) {
-  return [text] { ReportingValue::fromJSON(json::parse(text)); };
+  return [text] { reportingValueFromJSON(json::parse(text)); };
 }
 
 TEST(ReportingValueCodingTest, ValueDecodingFailures) {
@@ -202,13 +203,13 @@ TEST(ReportingValueCodingTest, ValueDecodingFailures) {
       {"null", value("null"), Kind::TypeMismatch, {}, nullptr},
       {"text", value(R"("int")"), Kind::TypeMismatch, {}, nullptr},
       {"malformed text, non-throwing parse",
-       [] { ReportingValue::fromJSON(json::parse(R"({"int":{"_0":)", nullptr, false)); },
+       [] { reportingValueFromJSON(json::parse(R"({"int":{"_0":)", nullptr, false)); },
        Kind::DataCorrupted, {}, nullptr},
       {"malformed text", [] { ReportingValue::fromJSONString(R"({"int":{"_0":1})"); },
        Kind::DataCorrupted, {}, nullptr},
       {"empty text", [] { ReportingValue::fromJSONString(""); }, Kind::DataCorrupted, {}, nullptr},
       {"caller's coding path is kept",
-       [] { ReportingValue::fromJSON(json::parse("{}"), {"outer", "3"}); }, Kind::TypeMismatch,
+       [] { reportingValueFromJSON(json::parse("{}"), {"outer", "3"}); }, Kind::TypeMismatch,
        {"outer", "3"}, kInvalidCount},
   };
   for (const auto& row : rows) expectFailure(row);
@@ -277,13 +278,13 @@ TEST(ReportingValueCodingTest, UnencodableValuesFailWithTheirPath) {
   struct Row {
     const char* name;
     std::function<std::string()> toText;
-    std::function<json()> toJSON;
+    std::function<json()> toDocument;
     Path codingPath;
   };
   auto rows = std::vector<Row>{};
   auto add = [&rows](const char* name, const auto& value, Path path) {
     rows.push_back({name, [value] { return value.toJSONString(); },
-                    [value] { return value.toJSON(); }, std::move(path)});
+                    [value] { return toJSON(value); }, std::move(path)});
   };
   add("NaN", ReportingValue::double_(nan), {"double", "_0"});
   add("infinity", ReportingValue::double_(inf), {"double", "_0"});
@@ -302,7 +303,7 @@ TEST(ReportingValueCodingTest, UnencodableValuesFailWithTheirPath) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.name);
     for (const auto& encode : {std::function<void()>([&] { row.toText(); }),
-                               std::function<void()>([&] { row.toJSON(); })}) {
+                               std::function<void()>([&] { row.toDocument(); })}) {
       try {
         encode();
         ADD_FAILURE() << "encoded without an error";

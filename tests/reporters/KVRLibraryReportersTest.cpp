@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 #include <korvel/beacon/KVRUserSession.h>
+#include <korvel/beacon/internal/KVRLibrarySyncStatusJSON.h>
 #include <korvel/foundation/KVNError.h>
 #include <korvel/reporters/KVRLibraryReporter.h>
 #include <korvel/reporters/KVRLibrarySyncReporter.h>
@@ -193,8 +194,8 @@ TEST(TagSyncErrorCodes, SelfReferentialChainsEndAtTheFirstRepeat) {
 // MARK: - Sync status value
 
 TEST(LibrarySyncStatusValue, EncodesAsTheRawIntegerAlone) {
-  EXPECT_EQ(KVRLibrarySyncStatusValue(3).toJSON(), nlohmann::json(3));
-  EXPECT_EQ(KVRLibrarySyncStatusValue(3).toJSON().dump(), "3");
+  EXPECT_EQ(toJSON(KVRLibrarySyncStatusValue(3)), nlohmann::json(3));
+  EXPECT_EQ(toJSON(KVRLibrarySyncStatusValue(3)).dump(), "3");
   const nlohmann::json viaAdl = KVRLibrarySyncStatusValue(-2);
   EXPECT_EQ(viaAdl.dump(), "-2");
   EXPECT_EQ(nlohmann::json(std::vector{KVRLibrarySyncStatusOptOut, KVRLibrarySyncStatusICloudFull})
@@ -205,7 +206,7 @@ TEST(LibrarySyncStatusValue, EncodesAsTheRawIntegerAlone) {
 TEST(LibrarySyncStatusValue, DecodesAnyRawValueAndRoundTrips) {
   for (int64_t raw : {kInt64Min, int64_t{-1}, int64_t{0}, int64_t{3}, int64_t{99}, kInt64Max}) {
     const KVRLibrarySyncStatusValue status(raw);
-    EXPECT_EQ(KVRLibrarySyncStatusValue::fromJSON(nlohmann::json::parse(status.toJSON().dump())),
+    EXPECT_EQ(librarySyncStatusFromJSON(nlohmann::json::parse(toJSON(status).dump())),
               status)
         << raw;
     EXPECT_EQ(nlohmann::json(status).get<KVRLibrarySyncStatusValue>().rawValue(), raw);
@@ -215,7 +216,7 @@ TEST(LibrarySyncStatusValue, DecodesAnyRawValueAndRoundTrips) {
 TEST(LibrarySyncStatusValue, RejectsAnythingButOneFittingInteger) {
   for (const char* text :
        {"\"3\"", "3.5", "null", "true", "[3]", "{\"rawValue\":3}", "18446744073709551615"}) {
-    EXPECT_THROW(KVRLibrarySyncStatusValue::fromJSON(nlohmann::json::parse(text)),
+    EXPECT_THROW(librarySyncStatusFromJSON(nlohmann::json::parse(text)),
                  std::invalid_argument)
         << text;
   }

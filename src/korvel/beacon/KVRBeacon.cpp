@@ -15,7 +15,7 @@
 #include <korvel/foundation/KeyedArchive.h>
 #include <korvel/platform/NotificationCenter.h>
 #include <korvel/foundation/URLComponents.h>
-#include <korvel/foundation/SharedSlot.h>
+#include <korvel/foundation/internal/SharedSlot.h>
 
 namespace korvel {
 

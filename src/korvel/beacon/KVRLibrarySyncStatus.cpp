@@ -1,4 +1,5 @@
 #include <korvel/beacon/KVRLibrarySyncStatus.h>
+#include <korvel/beacon/internal/KVRLibrarySyncStatusJSON.h>
 
 #include <array>
 #include <limits>
@@ -21,9 +22,9 @@ constexpr std::string_view kStatusFallback = "icloudon";
 
 }  // namespace
 
-nlohmann::json KVRLibrarySyncStatusValue::toJSON() const { return nlohmann::json(rawValue_); }
+nlohmann::json toJSON(KVRLibrarySyncStatusValue value) { return nlohmann::json(value.rawValue()); }
 
-KVRLibrarySyncStatusValue KVRLibrarySyncStatusValue::fromJSON(const nlohmann::json& json) {
+KVRLibrarySyncStatusValue librarySyncStatusFromJSON(const nlohmann::json& json) {
   if (json.is_number_integer() && !json.is_number_unsigned()) {
     return KVRLibrarySyncStatusValue(json.get<int64_t>());
   }
@@ -40,11 +41,11 @@ KVRLibrarySyncStatusValue KVRLibrarySyncStatusValue::fromJSON(const nlohmann::js
 }
 
 void to_json(nlohmann::json& json, const KVRLibrarySyncStatusValue& value) {
-  json = value.toJSON();
+  json = toJSON(value);
 }
 
 void from_json(const nlohmann::json& json, KVRLibrarySyncStatusValue& value) {
-  value = KVRLibrarySyncStatusValue::fromJSON(json);
+  value = librarySyncStatusFromJSON(json);
 }
 
 std::string KVRLibrarySyncStatusWord(KVRLibrarySyncStatusValue status) {

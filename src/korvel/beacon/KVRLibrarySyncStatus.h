@@ -8,8 +8,6 @@
 #include <cstdint>
 #include <string>
 
-#include <nlohmann/json_fwd.hpp>
-
 namespace korvel {
 
 // The state of library sync as settings shows it. Wraps any raw value: the
@@ -21,12 +19,6 @@ class KORVEL_EXPORT KVRLibrarySyncStatusValue {
   constexpr explicit KVRLibrarySyncStatusValue(int64_t rawValue) : rawValue_(rawValue) {}
 
   constexpr int64_t rawValue() const { return rawValue_; }
-
-  // The encoded form is the raw value alone, as one JSON integer.
-  nlohmann::json toJSON() const;
-  // Accepts one JSON integer that fits a signed 64-bit value; anything else
-  // throws std::invalid_argument naming what it got.
-  static KVRLibrarySyncStatusValue fromJSON(const nlohmann::json& json);
 
   friend constexpr bool operator==(KVRLibrarySyncStatusValue, KVRLibrarySyncStatusValue) = default;
 
@@ -42,10 +34,6 @@ inline constexpr KVRLibrarySyncStatusValue KVRLibrarySyncStatusNoICloudAccess{3}
 inline constexpr KVRLibrarySyncStatusValue KVRLibrarySyncStatusRestricted{4};
 inline constexpr KVRLibrarySyncStatusValue KVRLibrarySyncStatusICloudFull{5};
 inline constexpr KVRLibrarySyncStatusValue KVRLibrarySyncStatusTemporarilyUnavailable{6};
-
-// For nlohmann::json's own conversions (json j = status; j.get<...>()).
-KORVEL_EXPORT void to_json(nlohmann::json& json, const KVRLibrarySyncStatusValue& value);
-KORVEL_EXPORT void from_json(const nlohmann::json& json, KVRLibrarySyncStatusValue& value);
 
 // The word a status goes out as ("optout", ..., "icloudon" for anything
 // without a word of its own).

@@ -14,7 +14,7 @@
 #include <korvel/platform/KVNTimer.h>
 #include <korvel/platform/NotificationCenter.h>
 #include <korvel/beacon/KVRLibrarySyncStatus.h>
-#include <korvel/foundation/SharedSlot.h>
+#include <korvel/foundation/internal/SharedSlot.h>
 
 namespace korvel {
 

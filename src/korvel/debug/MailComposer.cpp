@@ -22,9 +22,9 @@
 #include <limits>
 #include <thread>
 
-#include <korvel/foundation/SharedSlot.h>
+#include <korvel/foundation/internal/SharedSlot.h>
 #include <korvel/foundation/URLComponents.h>
-#include <korvel/foundation/UTF8.h>
+#include <korvel/foundation/internal/UTF8.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 

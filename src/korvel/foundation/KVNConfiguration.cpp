@@ -58,14 +58,23 @@ KVNConfiguration::Snapshot KVNConfiguration::machineDefaults() {
 
 void KVNConfiguration::update(const std::function<void(Snapshot&)>& edit) {
   MutexLock lock(writeMutex_);
-  auto next = std::make_shared<Snapshot>(*snapshot_.load());
+  auto next = std::make_shared<Snapshot>(*this->snapshot());
   edit(*next);
-  snapshot_.store(std::move(next));
+  publish(std::move(next));
 }
 
 void KVNConfiguration::replace(Snapshot snapshot) {
   MutexLock lock(writeMutex_);
-  snapshot_.store(std::make_shared<const Snapshot>(std::move(snapshot)));
+  publish(std::make_shared<const Snapshot>(std::move(snapshot)));
+}
+
+void KVNConfiguration::publish(std::shared_ptr<const Snapshot> next) {
+  {
+    MutexLock lock(snapshotMutex_);
+    snapshot_.swap(next);
+  }
+  // next now holds the previous snapshot; if this was its last owner it is
+  // destroyed here, outside the lock.
 }
 
 void KVNConfiguration::setInid(std::optional<std::string> inid) {

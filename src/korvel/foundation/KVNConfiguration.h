@@ -18,7 +18,6 @@
 
 #include <korvel/foundation/KVRParameters.h>
 #include <korvel/foundation/Mutex.h>
-#include <korvel/foundation/SharedSlot.h>
 
 namespace korvel {
 
@@ -46,7 +45,10 @@ class KORVEL_EXPORT KVNConfiguration {
   // The process-wide configuration.
   static KVNConfiguration& sharedInstance();
 
-  std::shared_ptr<const Snapshot> snapshot() const { return snapshot_.load(); }
+  std::shared_ptr<const Snapshot> snapshot() const KORVEL_EXCLUDES(snapshotMutex_) {
+    MutexLock lock(snapshotMutex_);
+    return snapshot_;
+  }
 
   std::optional<std::string> inid() const { return snapshot()->inid; }
   bool configured() const { return snapshot()->configured; }
@@ -90,7 +92,14 @@ class KORVEL_EXPORT KVNConfiguration {
   // Serialises writers: each edit starts from the snapshot the previous one
   // published.
   Mutex writeMutex_;
-  platform::SharedSlot<const Snapshot> snapshot_;
+  // Replaces the published snapshot; the previous one is released outside
+  // the lock.
+  void publish(std::shared_ptr<const Snapshot> next) KORVEL_REQUIRES(writeMutex_)
+      KORVEL_EXCLUDES(snapshotMutex_);
+  // Guards only the pointer: readers copy it under this short lock and then
+  // use the immutable snapshot without any.
+  mutable Mutex snapshotMutex_;
+  std::shared_ptr<const Snapshot> snapshot_ KORVEL_GUARDED_BY(snapshotMutex_);
 };
 
 }  // namespace korvel

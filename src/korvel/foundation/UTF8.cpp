@@ -1,4 +1,4 @@
-#include <korvel/foundation/UTF8.h>
+#include <korvel/foundation/internal/UTF8.h>
 
 #include <unicode/utf8.h>
 

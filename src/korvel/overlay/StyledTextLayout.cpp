@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <cmath>
 
-#include <korvel/foundation/UTF8.h>
+#include <korvel/foundation/internal/UTF8.h>
 
 namespace korvel::overlay {
 

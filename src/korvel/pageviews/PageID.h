@@ -34,7 +34,9 @@ class KORVEL_EXPORT PageID {
 
 }  // namespace korvel
 
+namespace std {
 template <>
-struct std::hash<korvel::PageID> {
+struct hash<korvel::PageID> {
   size_t operator()(const korvel::PageID& id) const { return id.hash(); }
 };
+}  // namespace std

@@ -1,4 +1,5 @@
 #include <korvel/pageviews/ReportingValue.h>
+#include <korvel/pageviews/internal/ReportingValueJSON.h>
 
 #include <array>
 #include <bit>
@@ -12,7 +13,7 @@
 #include <unicode/stringpiece.h>
 
 #include <korvel/beacon/KVRConstants.h>
-#include <korvel/foundation/UTF8.h>
+#include <korvel/foundation/internal/UTF8.h>
 
 namespace korvel {
 
@@ -345,14 +346,14 @@ size_t ReportingValue::hash() const {
   return combine(combine(0, payload_.index()), payloadHash);
 }
 
-nlohmann::json ReportingValue::toJSON() const { return encode<json>(*this, kRootPath); }
+nlohmann::json toJSON(const ReportingValue& value) { return encode<json>(value, kRootPath); }
 
 std::string ReportingValue::toJSONString() const {
   return encode<ordered_json>(*this, kRootPath).dump();
 }
 
-ReportingValue ReportingValue::fromJSON(const nlohmann::json& value,
-                                        std::vector<std::string> codingPath) {
+ReportingValue reportingValueFromJSON(const nlohmann::json& value,
+                                      std::vector<std::string> codingPath) {
   const json& container = keyedContainer(value, codingPath);
 
   // Keys other than the case names are tolerated and do not count.
@@ -371,14 +372,16 @@ ReportingValue ReportingValue::fromJSON(const nlohmann::json& value,
   const Path casePath = appending(codingPath, found);
   const json& payload = keyedContainer(container[found], casePath);
   const std::string_view name = found;
-  if (name == "bool") return boolean(decodeBool(payload, kPayloadKey, casePath));
-  if (name == "double") return double_(decodeDouble(payload, kPayloadKey, casePath));
-  if (name == "int") return int_(decodeInt(payload, kPayloadKey, casePath));
-  return string(decodeString(payload, kPayloadKey, casePath));
+  if (name == "bool") return ReportingValue::boolean(decodeBool(payload, kPayloadKey, casePath));
+  if (name == "double") {
+    return ReportingValue::double_(decodeDouble(payload, kPayloadKey, casePath));
+  }
+  if (name == "int") return ReportingValue::int_(decodeInt(payload, kPayloadKey, casePath));
+  return ReportingValue::string(decodeString(payload, kPayloadKey, casePath));
 }
 
 ReportingValue ReportingValue::fromJSONString(std::string_view text) {
-  return fromJSON(parseText(text));
+  return reportingValueFromJSON(parseText(text));
 }
 
 // ---------------------------------------------------------------------------
@@ -444,24 +447,24 @@ bool operator==(const ReportingParameter& a, const ReportingParameter& b) {
 
 size_t ReportingParameter::hash() const { return combine(canonicalTextHash(key), value.hash()); }
 
-nlohmann::json ReportingParameter::toJSON() const { return encode<json>(*this, kRootPath); }
+nlohmann::json toJSON(const ReportingParameter& value) { return encode<json>(value, kRootPath); }
 
 std::string ReportingParameter::toJSONString() const {
   return encode<ordered_json>(*this, kRootPath).dump();
 }
 
-ReportingParameter ReportingParameter::fromJSON(const nlohmann::json& value,
-                                                std::vector<std::string> codingPath) {
+ReportingParameter reportingParameterFromJSON(const nlohmann::json& value,
+                                              std::vector<std::string> codingPath) {
   const json& container = keyedContainer(value, codingPath);
   std::string key = decodeString(container, "key", codingPath);
   ReportingValue decoded =
-      ReportingValue::fromJSON(requiredValue(container, "value", codingPath),
-                               appending(codingPath, "value"));
+      reportingValueFromJSON(requiredValue(container, "value", codingPath),
+                             appending(codingPath, "value"));
   return ReportingParameter(std::move(key), std::move(decoded));
 }
 
 ReportingParameter ReportingParameter::fromJSONString(std::string_view text) {
-  return fromJSON(parseText(text));
+  return reportingParameterFromJSON(parseText(text));
 }
 
 // ---------------------------------------------------------------------------
@@ -473,18 +476,20 @@ bool operator==(const PageName& a, const PageName& b) {
 
 size_t PageName::hash() const { return canonicalTextHash(stringValue); }
 
-nlohmann::json PageName::toJSON() const { return encode<json>(*this, kRootPath); }
+nlohmann::json toJSON(const PageName& value) { return encode<json>(value, kRootPath); }
 
 std::string PageName::toJSONString() const {
   return encode<ordered_json>(*this, kRootPath).dump();
 }
 
-PageName PageName::fromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
+PageName pageNameFromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
   const json& container = keyedContainer(value, codingPath);
   return PageName(decodeString(container, "stringValue", codingPath));
 }
 
-PageName PageName::fromJSONString(std::string_view text) { return fromJSON(parseText(text)); }
+PageName PageName::fromJSONString(std::string_view text) {
+  return pageNameFromJSON(parseText(text));
+}
 
 // ---------------------------------------------------------------------------
 // PageView
@@ -501,17 +506,17 @@ size_t PageView::hash() const {
   return combine(combine(combine(0, name.hash()), doubleHash(duration)), parameters);
 }
 
-nlohmann::json PageView::toJSON() const { return encode<json>(*this, kRootPath); }
+nlohmann::json toJSON(const PageView& value) { return encode<json>(value, kRootPath); }
 
 std::string PageView::toJSONString() const {
   return encode<ordered_json>(*this, kRootPath).dump();
 }
 
-PageView PageView::fromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
+PageView pageViewFromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
   const json& container = keyedContainer(value, codingPath);
 
-  PageName name = PageName::fromJSON(requiredValue(container, "name", codingPath),
-                                     appending(codingPath, "name"));
+  PageName name = pageNameFromJSON(requiredValue(container, "name", codingPath),
+                                   appending(codingPath, "name"));
   const double duration = decodeDouble(container, "duration", codingPath);
 
   const Path listPath = appending(codingPath, "reportingParameters");
@@ -520,11 +525,14 @@ PageView PageView::fromJSON(const nlohmann::json& value, std::vector<std::string
   ReportingParameters parameters;
   parameters.reserve(list.size());
   for (size_t i = 0; i < list.size(); ++i) {
-    parameters.insert(ReportingParameter::fromJSON(list[i], appending(listPath, std::to_string(i))));
+    parameters.insert(
+        reportingParameterFromJSON(list[i], appending(listPath, std::to_string(i))));
   }
   return PageView{std::move(name), duration, std::move(parameters)};
 }
 
-PageView PageView::fromJSONString(std::string_view text) { return fromJSON(parseText(text)); }
+PageView PageView::fromJSONString(std::string_view text) {
+  return pageViewFromJSON(parseText(text));
+}
 
 }  // namespace korvel

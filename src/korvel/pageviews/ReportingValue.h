@@ -2,8 +2,8 @@
 // builders speak in these instead of loose dictionaries.
 //
 // All four types are immutable values with equality and hashing, and each has
-// a keyed encoded form (JSON through nlohmann-json) that stays readable by
-// every earlier and later version:
+// a keyed encoded form, JSON text (toJSONString / fromJSONString), that stays
+// readable by every earlier and later version:
 //   ReportingValue      {"string": {"_0": "abc"}}, {"int": {"_0": 2}},
 //                       {"double": {"_0": 1.5}}, {"bool": {"_0": true}}
 //   ReportingParameter  {"key": "trackkey", "value": <ReportingValue>}
@@ -24,8 +24,6 @@
 #include <utility>
 #include <variant>
 #include <vector>
-
-#include <nlohmann/json_fwd.hpp>
 
 namespace korvel {
 
@@ -82,14 +80,11 @@ class KORVEL_EXPORT ReportingValue {
   friend bool operator==(const ReportingValue& a, const ReportingValue& b);
   size_t hash() const;
 
-  // Throws ReportingEncodingError for a double that is not finite or text
-  // that is not UTF-8; so do the other types' encoders.
-  nlohmann::json toJSON() const;
-  // Throws ReportingDecodingError.
-  static ReportingValue fromJSON(const nlohmann::json& json,
-                                 std::vector<std::string> codingPath = {});
-  // The encoded form as JSON text, and back; text that is not JSON fails
-  // with a DataCorrupted error.
+  // The encoded form as JSON text, and back. Encoding throws
+  // ReportingEncodingError for a double that is not finite or text that is
+  // not UTF-8; decoding throws ReportingDecodingError, with a DataCorrupted
+  // error for text that is not JSON. So do the other types' encoders and
+  // decoders.
   std::string toJSONString() const;
   static ReportingValue fromJSONString(std::string_view text);
 
@@ -106,8 +101,8 @@ struct KORVEL_EXPORT ReportingParameter {
   std::string key;
   ReportingValue value;
 
-  ReportingParameter(std::string key, ReportingValue value)
-      : key(std::move(key)), value(std::move(value)) {}
+  ReportingParameter(std::string parameterKey, ReportingValue parameterValue)
+      : key(std::move(parameterKey)), value(std::move(parameterValue)) {}
 
   static ReportingParameter trackID(std::string v);          // "trackkey"
   static ReportingParameter trackAdamID(std::string v);      // "track_adam_id"
@@ -129,9 +124,6 @@ struct KORVEL_EXPORT ReportingParameter {
   friend bool operator==(const ReportingParameter& a, const ReportingParameter& b);
   size_t hash() const;
 
-  nlohmann::json toJSON() const;
-  static ReportingParameter fromJSON(const nlohmann::json& json,
-                                     std::vector<std::string> codingPath = {});
   // JSON text with "key" written before "value".
   std::string toJSONString() const;
   static ReportingParameter fromJSONString(std::string_view text);
@@ -147,14 +139,12 @@ using ReportingParameters = std::unordered_set<ReportingParameter, ReportingPara
 struct KORVEL_EXPORT PageName {
   std::string stringValue;
 
-  explicit PageName(std::string value) : stringValue(std::move(value)) {}
+  explicit PageName(std::string name) : stringValue(std::move(name)) {}
   ReportingValue reportingValue() const { return ReportingValue::string(stringValue); }
 
   friend bool operator==(const PageName& a, const PageName& b);
   size_t hash() const;
 
-  nlohmann::json toJSON() const;
-  static PageName fromJSON(const nlohmann::json& json, std::vector<std::string> codingPath = {});
   std::string toJSONString() const;
   static PageName fromJSONString(std::string_view text);
 };
@@ -168,10 +158,7 @@ struct KORVEL_EXPORT PageView {
   // Agrees with ==: the parameters count whatever order the set holds them in.
   size_t hash() const;
 
-  nlohmann::json toJSON() const;
-  static PageView fromJSON(const nlohmann::json& json, std::vector<std::string> codingPath = {});
-  // JSON text with "name", "duration", "reportingParameters" in that order
-  // (toJSON() gives nlohmann::json, whose objects sort their keys).
+  // JSON text with "name", "duration", "reportingParameters" in that order.
   std::string toJSONString() const;
   static PageView fromJSONString(std::string_view text);
 };
@@ -185,19 +172,21 @@ KORVEL_EXPORT std::string canonicalDecomposition(const std::string& text);
 
 }  // namespace korvel
 
+namespace std {
 template <>
-struct std::hash<korvel::ReportingValue> {
+struct hash<korvel::ReportingValue> {
   size_t operator()(const korvel::ReportingValue& v) const { return v.hash(); }
 };
 template <>
-struct std::hash<korvel::ReportingParameter> {
+struct hash<korvel::ReportingParameter> {
   size_t operator()(const korvel::ReportingParameter& v) const { return v.hash(); }
 };
 template <>
-struct std::hash<korvel::PageName> {
+struct hash<korvel::PageName> {
   size_t operator()(const korvel::PageName& v) const { return v.hash(); }
 };
 template <>
-struct std::hash<korvel::PageView> {
+struct hash<korvel::PageView> {
   size_t operator()(const korvel::PageView& v) const { return v.hash(); }
 };
+}  // namespace std

@@ -14,7 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include <korvel/foundation/SharedSlot.h>
+#include <korvel/foundation/internal/SharedSlot.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>

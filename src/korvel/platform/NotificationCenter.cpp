@@ -53,6 +53,20 @@ NotificationCenter::NotificationCenter()
 
 NotificationCenter::~NotificationCenter() = default;
 
+std::shared_ptr<const NotificationCenter::Snapshot> NotificationCenter::observers() const {
+  MutexLock lock(observersMutex_);
+  return observers_;
+}
+
+void NotificationCenter::publish(std::shared_ptr<const Snapshot> next) {
+  {
+    MutexLock lock(observersMutex_);
+    observers_.swap(next);
+  }
+  // next now holds the previous list; if this was its last owner it is
+  // destroyed here, outside the lock.
+}
+
 ObserverToken NotificationCenter::addObserver(std::string name, NotificationBlock block) {
   auto observer = std::make_shared<Observer>();
   observer->name = std::move(name);
@@ -60,9 +74,9 @@ ObserverToken NotificationCenter::addObserver(std::string name, NotificationBloc
 
   MutexLock lock(writeMutex_);
   observer->token = nextToken_++;
-  auto next = std::make_shared<Snapshot>(*observers_.load());
+  auto next = std::make_shared<Snapshot>(*observers());
   next->push_back(observer);
-  observers_.store(std::move(next));
+  publish(std::move(next));
   return observer->token;
 }
 
@@ -70,7 +84,7 @@ void NotificationCenter::removeObserver(ObserverToken token) {
   std::shared_ptr<Observer> removed;
   {
     MutexLock lock(writeMutex_);
-    auto current = observers_.load();
+    auto current = observers();
     auto next = std::make_shared<Snapshot>();
     next->reserve(current->size());
     for (const auto& observer : *current) {
@@ -81,7 +95,7 @@ void NotificationCenter::removeObserver(ObserverToken token) {
       }
     }
     if (!removed) return;
-    observers_.store(std::move(next));
+    publish(std::move(next));
   }
   // Outside the write lock: a callback running elsewhere may itself add or
   // remove observers while we wait for it to finish.
@@ -89,7 +103,7 @@ void NotificationCenter::removeObserver(ObserverToken token) {
 }
 
 void NotificationCenter::post(std::string_view name, std::any object) {
-  const auto snapshot = observers_.load();
+  const auto snapshot = observers();
   const Notification notification{name, object};
   for (const auto& observer : *snapshot) {
     if (observer->name != name) continue;
@@ -103,7 +117,7 @@ void NotificationCenter::post(std::string_view name, std::any object) {
 }
 
 bool NotificationCenter::hasObservers(std::string_view name) const {
-  const auto snapshot = observers_.load();
+  const auto snapshot = observers();
   return std::any_of(snapshot->begin(), snapshot->end(),
                      [&](const auto& observer) { return observer->name == name; });
 }

@@ -21,7 +21,6 @@
 #include <vector>
 
 #include <korvel/foundation/Mutex.h>
-#include <korvel/foundation/SharedSlot.h>
 
 namespace korvel::platform {
 
@@ -55,10 +54,19 @@ class KORVEL_EXPORT NotificationCenter {
   struct Observer;
   using Snapshot = std::vector<std::shared_ptr<Observer>>;
 
+  std::shared_ptr<const Snapshot> observers() const KORVEL_EXCLUDES(observersMutex_);
+  // Replaces the observer list; the previous one is released outside the
+  // lock.
+  void publish(std::shared_ptr<const Snapshot> next) KORVEL_REQUIRES(writeMutex_)
+      KORVEL_EXCLUDES(observersMutex_);
+
   // Serialises changes to the observer list; readers load the snapshot
   // without it.
   mutable Mutex writeMutex_;
-  SharedSlot<const Snapshot> observers_;
+  // Guards only the pointer: readers copy it under this short lock and then
+  // walk the immutable list without any.
+  mutable Mutex observersMutex_;
+  std::shared_ptr<const Snapshot> observers_ KORVEL_GUARDED_BY(observersMutex_);
   ObserverToken nextToken_ KORVEL_GUARDED_BY(writeMutex_) = 1;
 };
 

@@ -6,7 +6,7 @@
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNError.h>
-#include <korvel/foundation/UTF8.h>
+#include <korvel/foundation/internal/UTF8.h>
 #include <korvel/reporters/internal/KVRReporterSupport.h>
 #include <korvel/reporters/KVRTaggingReporter.h>
 

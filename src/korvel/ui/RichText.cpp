@@ -1,6 +1,6 @@
 #include <korvel/ui/RichText.h>
 
-#include <korvel/foundation/UTF8.h>
+#include <korvel/foundation/internal/UTF8.h>
 
 #include <algorithm>
 #include <cstdint>
