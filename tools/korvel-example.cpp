@@ -104,9 +104,9 @@ int main(int argc, char** argv) {
 
   // Going to the background ends the session and sends "usersession"; the
   // page view manager reports the page still open ("home").
-  platform::env().notificationCenter().post(platform::ApplicationDidEnterBackgroundNotification);
+  Reporting::applicationDidEnterBackground();
 
-  const bool delivered = Reporting::shutdown(std::chrono::seconds(10));
+  const bool delivered = Reporting::shutdown(std::chrono::seconds(10)).ok;
   removeDataDirectory();
   if (send && !delivered) std::fprintf(stderr, "korvel-example: not every beacon was delivered\n");
   return delivered ? 0 : 1;

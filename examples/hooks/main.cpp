@@ -1,82 +1,60 @@
-// The host's hooks: where the library's log lines go, and what the host
-// learns about delivery.
+// The host's hooks: where the library's log lines go, what the host learns
+// about each beacon's delivery, and the counts flush() and shutdown() answer.
 //
-// The library logs through the Env in force (korvel::platform::env()). A
-// host that wants the lines in its own log installs an EnvWrapper whose
-// logSink() is its own, before starting the library, for as long as the
-// library runs. The default sink writes to standard error, from the level
-// KORVEL_LOG_LEVEL names (debug, info, default, error, fault; "default"
-// when unset). KORVEL_EXAMPLE_ENDPOINT overrides the beacon endpoint.
+// StartOptions::logCallback takes the library's lines from logLevel up
+// (without it they go to standard error, from the level KORVEL_LOG_LEVEL
+// names). StartOptions::deliveryObserver hears what became of each beacon:
+// delivered, will be retried, dropped, with the reason. Both are called on
+// the library's threads and must return quickly. KORVEL_EXAMPLE_ENDPOINT
+// overrides the beacon endpoint.
 #include <korvel/Korvel.h>
-#include <korvel/platform/Logging.h>
 
 #include <atomic>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <mutex>
+#include <string>
 
 namespace {
 
-// Forwards the library's records at `minimum` and above into the host's own
-// log (here: standard output, one line each). Called from any of the
-// library's threads.
-class HostLogSink : public korvel::platform::LogSink {
- public:
-  explicit HostLogSink(korvel::platform::LogLevel minimum) : minimum_(minimum) {}
-
-  void write(const korvel::platform::LogRecord& record) override {
-    if (record.level < minimum_) return;
-    ++written_;
-    const auto level = korvel::platform::logLevelName(record.level);
-    std::printf("host log: %.*s [%s:%s] %s\n", static_cast<int>(level.size()), level.data(),
-                record.subsystem.c_str(), record.category.c_str(), record.message.c_str());
-    std::fflush(stdout);
+const char* outcomeName(korvel::Reporting::DeliveryEvent::Outcome outcome) {
+  switch (outcome) {
+    case korvel::Reporting::DeliveryEvent::Outcome::Delivered:
+      return "delivered";
+    case korvel::Reporting::DeliveryEvent::Outcome::WillRetry:
+      return "will retry";
+    case korvel::Reporting::DeliveryEvent::Outcome::Dropped:
+      return "dropped";
   }
-  int written() const { return written_.load(); }
-
- private:
-  korvel::platform::LogLevel minimum_;
-  std::atomic<int> written_{0};
-};
-
-// The machine's Env with the host's log sink.
-class HostEnv : public korvel::platform::EnvWrapper {
- public:
-  explicit HostEnv(HostLogSink& sink)
-      : EnvWrapper(korvel::platform::Env::Default()), sink_(sink) {}
-  korvel::platform::LogSink& logSink() override { return sink_; }
-
- private:
-  HostLogSink& sink_;
-};
+  return "?";
+}
 
 }  // namespace
 
 int main() {
   const char* endpoint = std::getenv("KORVEL_EXAMPLE_ENDPOINT");
-
-  HostLogSink sink(korvel::platform::LogLevel::Info);
-  HostEnv hostEnv(sink);
-  // Installed before start() and kept until after shutdown().
-  korvel::platform::ScopedEnv scopedEnv(hostEnv);
-
-  // A start without a bundle identifier fails, says why in its result and
-  // logs it: the first line in the host's log.
-  korvel::Reporting::StartOptions incomplete;
-  if (auto started = korvel::Reporting::start(incomplete); started) {
-    std::fprintf(stderr, "started without a bundle identifier\n");
-    return 1;
-  } else {
-    std::printf("start refused: %s\n", started.error.c_str());
-  }
-  if (sink.written() == 0) {
-    std::fprintf(stderr, "the refused start logged nothing to the host's sink\n");
-    return 1;
-  }
+  std::mutex output;  // the hooks run on the library's threads
+  std::atomic<int> logLines{0};
+  std::atomic<int> delivered{0};
 
   korvel::Reporting::StartOptions options;
   options.bundleIdentifier = "com.example.hooks";
   options.appVersion = "2.1";
+  options.logLevel = korvel::platform::LogLevel::Info;
+  options.logCallback = [&](korvel::platform::LogLevel, std::string_view category,
+                            std::string_view message) {
+    ++logLines;
+    std::lock_guard lock(output);
+    std::printf("host log: [%.*s] %.*s\n", static_cast<int>(category.size()), category.data(),
+                static_cast<int>(message.size()), message.data());
+  };
+  options.deliveryObserver = [&](const korvel::Reporting::DeliveryEvent& event) {
+    if (event.outcome == korvel::Reporting::DeliveryEvent::Outcome::Delivered) ++delivered;
+    std::lock_guard lock(output);
+    std::printf("delivery: %s %s (%s)\n", outcomeName(event.outcome), event.beaconUUID.c_str(),
+                event.reason.c_str());
+  };
   options.configure = [&](korvel::KVNConfiguration::Snapshot& c) {
     c.inid = "INSTALLATION-ID";
     c.beacons.beaconEndpoint =
@@ -89,13 +67,20 @@ int main() {
 
   const auto uuid = korvel::KVRBeacon::sendBeaconOfType(korvel::KVRBeaconTypeUserEvent,
                                                         korvel::KVRParameters{{"type", "share"}});
-  std::printf("beacon %s\n", uuid ? uuid->c_str() : "not made");
+  {
+    std::lock_guard lock(output);
+    std::printf("beacon %s\n", uuid ? uuid->c_str() : "not made");
+  }
 
-  // The delivery result: flush() answers whether nothing is left pending
-  // (delivered, or given up for good) by the deadline.
-  const bool delivered = korvel::Reporting::flush(std::chrono::seconds(10));
-  std::printf("flush: %s\n", delivered ? "nothing pending" : "still pending");
-  korvel::Reporting::shutdown(std::chrono::seconds(10));
-  std::printf("%d log records reached the host's sink\n", sink.written());
-  return uuid && delivered ? 0 : 2;
+  // flush() tells delivered from dropped from still pending; in an if it is
+  // true only when everything was delivered.
+  const auto flushed = korvel::Reporting::flush(std::chrono::seconds(10));
+  const auto stopped = korvel::Reporting::shutdown(std::chrono::seconds(10));
+  std::printf("flush: %llu delivered, %llu dropped, %llu pending\n",
+              static_cast<unsigned long long>(flushed.delivered),
+              static_cast<unsigned long long>(flushed.dropped),
+              static_cast<unsigned long long>(flushed.pending));
+  std::printf("%d log lines reached the host, %d beacons were reported delivered\n",
+              logLines.load(), delivered.load());
+  return uuid && flushed && stopped && delivered.load() == 1 ? 0 : 2;
 }
