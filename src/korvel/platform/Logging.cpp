@@ -5,7 +5,7 @@
 #include <memory>
 #include <strings.h>
 
-#include <korvel/foundation/SharedSlot.h>
+#include <korvel/foundation/internal/SharedSlot.h>
 #include <korvel/platform/Env.h>
 
 namespace korvel::platform {
