@@ -154,7 +154,11 @@ void DurableRequestExecutor::loadHosts() {
 }
 
 int64_t DurableRequestExecutor::storeClockMillis() const {
-  return std::max(wallMillis(), clockBaseMillis_ + (monotonicMillis() - monotonicBaseMillis_));
+  return storeClockMillis(monotonicMillis());
+}
+
+int64_t DurableRequestExecutor::storeClockMillis(int64_t monotonicNow) const {
+  return std::max(wallMillis(), clockBaseMillis_ + (monotonicNow - monotonicBaseMillis_));
 }
 
 void DurableRequestExecutor::loadClock() {

@@ -142,8 +142,9 @@ int DurableRequestExecutor::bucketOf(int policy) { return policy == 1 || policy 
 
 void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept try {
   const uint64_t id = epochBits_ | nextCounter_.fetch_add(1, std::memory_order_relaxed);
-  const int64_t created = storeClockMillis();
+  // One monotonic reading serves both the age and the stored stamp.
   const int64_t born = monotonicMillis();
+  const int64_t created = storeClockMillis(born);
   bool durable = false;
   bool appendFailed = false;
   bool oversize = false;

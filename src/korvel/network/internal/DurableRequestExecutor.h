@@ -263,6 +263,8 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   void loadHosts() KORVEL_EXCLUDES(mutex_);
   // The store's clock (see Age above), in milliseconds since 1970.
   int64_t storeClockMillis() const;
+  // The same, from a monotonic reading the caller already took.
+  int64_t storeClockMillis(int64_t monotonicNow) const;
   void loadClock();
   void saveClock(int64_t millis);
   void saveHosts(const std::vector<std::pair<std::string, int64_t>>& hosts);
