@@ -78,8 +78,7 @@ void DurableRequestExecutor::restoreStored() {
       entry.retryCount = static_cast<int16_t>(std::clamp(s.retryCount, 0, int{INT16_MAX}));
       entry.bornMillis = monotonicNow - age;
       entry.durable = true;
-      entry.bytes = static_cast<uint32_t>(kFrameHeaderBytes + kFrameFixedBodyBytes + s.kind.size() +
-                                          s.payload.size());
+      entry.bytes = static_cast<uint32_t>(frameBytes(s.kind, s.payload));
       // Restored once here (as every earlier run's request is), then only
       // its index is kept: the request is read back when it is sent.
       if (!KVNRequestRestorers::restore(s.kind, s.payload)) {

@@ -121,7 +121,7 @@ void appendFrame(std::string& out, uint64_t id, int64_t createdMillis, int32_t p
                  int32_t configurationPolicy, int32_t retryCount, std::string_view kind,
                  std::string_view payload) {
   const size_t start = out.size();
-  out.reserve(start + kFrameHeaderBytes + kFrameFixedBodyBytes + kind.size() + payload.size());
+  out.reserve(start + frameBytes(kind, payload));
   beginFrame(out, id, createdMillis, priority, configurationPolicy, retryCount, kind);
   out.append(payload);
   finishFrame(out, start);

@@ -307,9 +307,8 @@ class JournalRequestStore final : public RequestStore {
       segment.closed = true;  // an earlier run's: nothing is appended to it again
       segment.fileBytes = contents.fileBytes;
       for (size_t i : indexes) {
-        const uint32_t length = static_cast<uint32_t>(kFrameHeaderBytes + kFrameFixedBodyBytes +
-                                                      contents.records[i].kind.size() +
-                                                      contents.records[i].payload.size());
+        const uint32_t length =
+            static_cast<uint32_t>(frameBytes(contents.records[i].kind, contents.records[i].payload));
         track({contents.records[i].id, number, contents.offsets[i], length});
       }
     }

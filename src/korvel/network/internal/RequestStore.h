@@ -77,6 +77,10 @@ uint32_t crc32cPortable(const void* data, size_t size, uint32_t crc = 0);
 inline constexpr uint32_t kFrameMarker = 0x4A52564B;  // "KVRJ"
 inline constexpr size_t kFrameHeaderBytes = 12;
 inline constexpr size_t kFrameFixedBodyBytes = 30;
+// The bytes the frame of a request with this kind and payload takes.
+inline constexpr size_t frameBytes(std::string_view kind, std::string_view payload) {
+  return kFrameHeaderBytes + kFrameFixedBodyBytes + kind.size() + payload.size();
+}
 // A body longer than this is taken for corruption, not allocated.
 inline constexpr size_t kMaxFrameBodyBytes = 16u << 20;
 
