@@ -54,8 +54,8 @@ void DurableRequestExecutor::restoreStored() {
   // stamp ahead of the store's clock counts as made now.
   const int64_t maxAgeMillis =
       std::chrono::duration_cast<std::chrono::milliseconds>(options_.maxAge).count();
-  const int64_t clockNow = storeClockMillis();
   const int64_t monotonicNow = monotonicMillis();
+  const int64_t clockNow = storeClockMillis(monotonicNow);
   // Kept across batches (their capacity with them), let go at the end.
   std::vector<std::pair<uint64_t, Entry>> batchEntries;
   std::vector<uint64_t> expired;
