@@ -7,7 +7,6 @@
 // static initialisation and never reaches the tests.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -19,11 +18,10 @@
 #include <random>
 
 #include "collector/BeaconCollector.h"
+#include "support/ChildProcess.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/foundation/KVNConfiguration.h>
-
-extern char** environ;
 
 namespace korvel {
 namespace {
@@ -98,23 +96,7 @@ pid_t spawnChild(const std::string& mode, const fs::path& dir, int port, long fi
       "KORVEL_CRASH_CHILD=" + mode, "KORVEL_CRASH_DIR=" + dir.string(),
       "KORVEL_CRASH_PORT=" + std::to_string(port), "KORVEL_CRASH_FIRST_SEQ=" + std::to_string(firstSeq)};
   variables.insert(variables.end(), extra.begin(), extra.end());
-  for (char** e = environ; *e != nullptr; ++e) {
-    if (std::string_view(*e).starts_with("KORVEL_CRASH_")) continue;
-    variables.emplace_back(*e);
-  }
-  std::vector<char*> envp;
-  for (auto& v : variables) envp.push_back(v.data());
-  envp.push_back(nullptr);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (pipeWrite >= 0) posix_spawn_file_actions_adddup2(&actions, pipeWrite, kUUIDPipe);
-  std::string self = fs::read_symlink("/proc/self/exe").string();
-  char* argv[] = {self.data(), nullptr};
-  pid_t pid = -1;
-  const int error = posix_spawn(&pid, self.c_str(), &actions, nullptr, argv, envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  return error == 0 ? pid : -1;
+  return testing::spawnSelf(variables, "KORVEL_CRASH_", pipeWrite, kUUIDPipe);
 }
 
 // Reads "uuid seq" lines until at least count arrived; the rest of a line cut

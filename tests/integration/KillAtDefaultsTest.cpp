@@ -11,7 +11,6 @@
 // long request lines.
 #include <fcntl.h>
 #include <signal.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -27,9 +26,8 @@
 #include <thread>
 
 #include "collector/BeaconSink.h"
+#include "support/ChildProcess.h"
 #include <korvel/Korvel.h>
-
-extern char** environ;
 
 namespace korvel {
 namespace {
@@ -100,22 +98,7 @@ const bool kIsChild = [] {
 }();
 
 pid_t spawnChild(const std::vector<std::string>& variables, int pipeWrite) {
-  std::vector<std::string> all = variables;
-  for (char** e = environ; *e != nullptr; ++e) {
-    if (!std::string_view(*e).starts_with("KORVEL_KILL_")) all.emplace_back(*e);
-  }
-  std::vector<char*> envp;
-  for (auto& v : all) envp.push_back(v.data());
-  envp.push_back(nullptr);
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  if (pipeWrite >= 0) posix_spawn_file_actions_adddup2(&actions, pipeWrite, kUUIDPipe);
-  std::string self = fs::read_symlink("/proc/self/exe").string();
-  char* argv[] = {self.data(), nullptr};
-  pid_t pid = -1;
-  const int error = posix_spawn(&pid, self.c_str(), &actions, nullptr, argv, envp.data());
-  posix_spawn_file_actions_destroy(&actions);
-  return error == 0 ? pid : -1;
+  return testing::spawnSelf(variables, "KORVEL_KILL_", pipeWrite, kUUIDPipe);
 }
 
 struct Load {
