@@ -97,10 +97,7 @@ class DeliveryTest : public testing::BeaconTest {
   }
 
   bool logged(const std::string& text) {
-    for (const auto& m : env_.logs().messages()) {
-      if (m.find(text) != std::string::npos) return true;
-    }
-    return false;
+    return env_.logs().messagesContaining(text) > 0;
   }
 
   fs::path dir_;

@@ -65,9 +65,7 @@ class LifeCycleTest : public testing::BeaconTest {
   }
 
   size_t logLines(const std::string& text) {
-    size_t n = 0;
-    for (const auto& m : env_.logs().messages()) n += m.find(text) != std::string::npos;
-    return n;
+    return env_.logs().messagesContaining(text);
   }
 
   fs::path root_;

@@ -159,10 +159,7 @@ class DurableRequestExecutorTest : public ::testing::Test {
   }
 
   bool logged(const std::string& text) {
-    for (const auto& m : env_.logs().messages()) {
-      if (m.find(text) != std::string::npos) return true;
-    }
-    return false;
+    return env_.logs().messagesContaining(text) > 0;
   }
 
   testing::TestEnv env_;
@@ -432,9 +429,7 @@ TEST_F(DurableRequestExecutorTest, AVanishedDirectoryIsMadeAgainWithEverythingWa
     ASSERT_TRUE(executor->syncStore(5s));
     EXPECT_TRUE(fs::is_directory(dir_));
     EXPECT_TRUE(executor->stats().durable);
-    size_t lines = 0;
-    for (const auto& m : env_.logs().messages()) lines += m.find("vanished") != std::string::npos;
-    EXPECT_EQ(lines, 1u);
+    EXPECT_EQ(env_.logs().messagesContaining("vanished"), 1u);
     EXPECT_TRUE(logged("stored the 31 waiting requests there again"));
   }
   // A later run finds all of them there.
@@ -556,9 +551,8 @@ TEST_F(DurableRequestExecutorTest, AnOversizeRequestIsDroppedAtOnceWithOneLogLin
   ASSERT_TRUE(executor->flush(5s));
   EXPECT_THAT(server_.urls(), ElementsAre("http://fake/fits"));
   EXPECT_EQ(executor->stats().droppedOversize, 3u);
-  size_t lines = 0;
-  for (const auto& m : env_.logs().messages()) lines += m.find("dropped a request") != std::string::npos;
-  EXPECT_EQ(lines, 2u) << "one for the payloads, one for the URL";
+  EXPECT_EQ(env_.logs().messagesContaining("dropped a request"), 2u)
+      << "one for the payloads, one for the URL";
   EXPECT_TRUE(logged("dropped a request of 1001 bytes: more than 1000 bytes are never sent"));
 }
 
@@ -805,13 +799,7 @@ TEST_F(DurableRequestExecutorTest, RequestsHeldByTheConfigurationAreLoggedOncePe
     s.beacons.beaconEndpoint.reset();
     s.inid = "INID";
   });
-  auto holds = [this] {
-    size_t n = 0;
-    for (const auto& m : env_.logs().messages()) {
-      n += m.find("requests wait: the configuration") != std::string::npos;
-    }
-    return n;
-  };
+  auto holds = [this] { return env_.logs().messagesContaining("requests wait: the configuration"); };
   auto executor = start(options());
   for (const char* name : {"a", "b", "c"}) executor->executeRequest(makeRequest(name, 1, 2));
   EXPECT_FALSE(executor->flush(300ms));  // workers look again and again meanwhile

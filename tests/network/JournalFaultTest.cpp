@@ -84,9 +84,7 @@ class JournalFaultTest : public ::testing::Test {
   }
 
   size_t loggedCount(const std::string& text) const {
-    size_t count = 0;
-    for (const auto& m : env_.logs().messages()) count += m.find(text) != std::string::npos;
-    return count;
+    return env_.logs().messagesContaining(text);
   }
 
   mutable testing::TestEnv env_;

@@ -48,10 +48,7 @@ class KVNUserDefaultsTest : public ::testing::Test {
     return names;
   }
   bool logged(const std::string& fragment) {
-    for (const auto& m : env_.logs().messages()) {
-      if (m.find(fragment) != std::string::npos) return true;
-    }
-    return false;
+    return env_.logs().messagesContaining(fragment) > 0;
   }
 
   testing::TestEnv env_;

@@ -26,6 +26,12 @@ std::vector<std::string> CapturingLogSink::messages() const {
   return out;
 }
 
+size_t CapturingLogSink::messagesContaining(std::string_view text) const {
+  size_t count = 0;
+  for (const auto& r : records()) count += r.message.find(text) != std::string::npos;
+  return count;
+}
+
 void CapturingLogSink::clear() {
   std::lock_guard lock(mutex_);
   records_.clear();

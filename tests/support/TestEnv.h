@@ -13,6 +13,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -32,6 +33,8 @@ class CapturingLogSink : public platform::LogSink {
   void write(const platform::LogRecord& record) override;
   std::vector<platform::LogRecord> records() const;
   std::vector<std::string> messages() const;
+  // How many messages contain text.
+  size_t messagesContaining(std::string_view text) const;
   void clear();
 
  private:
