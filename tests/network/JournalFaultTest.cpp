@@ -18,6 +18,7 @@
 #include <korvel/network/internal/FileSystem.h>
 #include <korvel/network/internal/RequestStore.h>
 #include "support/FaultInjectingFileSystem.h"
+#include "support/FolderTest.h"
 #include "support/TestEnv.h"
 
 namespace korvel::platform {
@@ -40,19 +41,12 @@ std::string readText(const fs::path& path) {
   return std::string(std::istreambuf_iterator<char>(in), {});
 }
 
-class JournalFaultTest : public ::testing::Test {
+class JournalFaultTest : public testing::FolderTest {
  protected:
   void SetUp() override {
-    scope_.emplace(env_);
-    char pattern[] = "/tmp/korvel-faults-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    root_ = pattern;
+    FolderTest::SetUp();
+    root_ = dir_;
     dir_ = root_ / "store";
-  }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(root_, ec);
-    scope_.reset();
   }
 
   RequestStoreOptions options(uint64_t segmentBytes = 64u << 10, FileSystem* files = nullptr) {
@@ -87,10 +81,7 @@ class JournalFaultTest : public ::testing::Test {
     return env_.logs().messagesContaining(text);
   }
 
-  mutable testing::TestEnv env_;
-  std::optional<ScopedEnv> scope_;
   fs::path root_;
-  fs::path dir_;
 };
 
 // MARK: - A storage error never deletes what is stored

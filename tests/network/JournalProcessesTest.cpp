@@ -10,6 +10,7 @@
 #include <set>
 
 #include <korvel/network/internal/RequestStore.h>
+#include "support/FolderTest.h"
 #include "support/TestEnv.h"
 
 namespace korvel::platform {
@@ -25,22 +26,14 @@ std::string frameOf(uint64_t id) {
   return encodeFrame(r);
 }
 
-class JournalProcessesTest : public ::testing::Test {
+class JournalProcessesTest : public testing::FolderTest {
  protected:
-  void SetUp() override {
-    scope_.emplace(env_);
-    char pattern[] = "/tmp/korvel-processes-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
   void TearDown() override {
     for (pid_t child : children_) {
       ::kill(child, SIGKILL);
       ::waitpid(child, nullptr, 0);
     }
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-    scope_.reset();
+    FolderTest::TearDown();
   }
 
   std::unique_ptr<RequestStore> open() {
@@ -87,9 +80,6 @@ class JournalProcessesTest : public ::testing::Test {
     children_.clear();
   }
 
-  testing::TestEnv env_;
-  std::optional<ScopedEnv> scope_;
-  fs::path dir_;
   std::vector<pid_t> children_;
 };
 

@@ -10,6 +10,7 @@
 #include <filesystem>
 
 #include <korvel/network/internal/RequestStore.h>
+#include "support/FolderTest.h"
 #include "support/TestEnv.h"
 
 namespace korvel::platform {
@@ -25,24 +26,7 @@ std::string frameOf(uint64_t id, size_t payloadBytes) {
   return encodeFrame(r);
 }
 
-class JournalSegmentLifeTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    scope_.emplace(env_);
-    char pattern[] = "/tmp/korvel-life-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-    scope_.reset();
-  }
-
-  testing::TestEnv env_;
-  std::optional<ScopedEnv> scope_;
-  fs::path dir_;
-};
+class JournalSegmentLifeTest : public testing::FolderTest {};
 
 // A small record, then a large one that does not fit after it: the segment
 // holding only the small one is closed by the report call and a spare takes

@@ -17,6 +17,7 @@
 
 #include <korvel/network/internal/JournalFront.h>
 #include "support/FaultInjectingFileSystem.h"
+#include "support/FolderTest.h"
 #include "support/TestEnv.h"
 
 namespace korvel::platform {
@@ -120,20 +121,8 @@ TEST(RequestFrameTest, FindsTheNextWholeFrameAfterDamage) {
 
 // MARK: - Stores
 
-class RequestStoreTest : public ::testing::Test {
+class RequestStoreTest : public testing::FolderTest {
  protected:
-  void SetUp() override {
-    scope_.emplace(env_);
-    char pattern[] = "/tmp/korvel-store-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
-  }
-  void TearDown() override {
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-    scope_.reset();
-  }
-
   std::unique_ptr<RequestStore> open(uint64_t segmentBytes = 1u << 20) {
     RequestStoreOptions options;
     options.directory = dir_;
@@ -200,9 +189,6 @@ class RequestStoreTest : public ::testing::Test {
     return env_.logs().messagesContaining(text) > 0;
   }
 
-  mutable testing::TestEnv env_;
-  std::optional<ScopedEnv> scope_;
-  fs::path dir_;
   FileSystem* files_ = nullptr;  // the plain system calls
 };
 
