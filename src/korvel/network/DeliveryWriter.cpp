@@ -4,8 +4,6 @@
 // Retry-After times and the store's clock in the directory.
 #include <korvel/network/internal/DurableRequestExecutor.h>
 
-#include <fcntl.h>
-#include <unistd.h>
 #if defined(__GLIBC__)
 #include <malloc.h>
 #endif
@@ -21,7 +19,6 @@
 
 namespace korvel::platform {
 
-namespace fs = std::filesystem;
 using namespace delivery;
 
 namespace {
