@@ -149,10 +149,15 @@ class JournalRequestStore final : public RequestStore {
       if (at == stored_.end()) return std::nullopt;
     }
     const Where where = at->second;
-    auto found = segments_.find(where.segment);
-    if (found == segments_.end()) return std::nullopt;
-    std::string frame(where.loc.length, '\0');
-    if (!readFrame(where.segment, found->second, where.loc, frame)) return std::nullopt;
+    std::string frame;
+    if (auto kept = homelessFrames_.find(id); kept != homelessFrames_.end()) {
+      frame = kept->second;
+    } else {
+      auto found = segments_.find(where.segment);
+      if (found == segments_.end()) return std::nullopt;
+      frame.assign(where.loc.length, '\0');
+      if (!readFrame(where.segment, found->second, where.loc, frame)) return std::nullopt;
+    }
     size_t offset = 0;
     StoredRequest request;
     if (decodeFrame(frame, offset, request) != FrameStatus::Ok || request.id != id) return std::nullopt;
@@ -324,6 +329,7 @@ class JournalRequestStore final : public RequestStore {
     drainFront();
 
     for (uint64_t id : finished) {
+      homelessFrames_.erase(id);
       auto it = stored_.find(id);
       if (it == stored_.end()) continue;
       auto& segment = segments_[it->second.segment];
@@ -419,8 +425,12 @@ class JournalRequestStore final : public RequestStore {
     // Read through the old directory first: the front lets it go once it
     // moved on. (Its open segments stay readable until the next sync.)
     drainFront();
-    std::unordered_map<uint64_t, std::string> frames;
+    // What an earlier attempt read is kept: the files it came from were let
+    // go since.
+    std::unordered_map<uint64_t, std::string> frames = std::move(homelessFrames_);
+    homelessFrames_.clear();
     for (const auto& slot : stored_) {
+      if (frames.contains(slot.first)) continue;
       const Where& where = slot.second;
       std::string frame(where.loc.length, '\0');
       auto segment = segments_.find(where.segment);
@@ -434,6 +444,10 @@ class JournalRequestStore final : public RequestStore {
                                      " vanished or was replaced and cannot be made again: "
                                      "requests are not durable until it can");
       }
+      // The segments of the lost directory are finished at this sync and
+      // cannot be read again: their requests wait in memory, for delivery
+      // and for the next attempt.
+      homelessFrames_ = std::move(frames);
       homeless_ = true;
       return;
     }
@@ -521,6 +535,7 @@ class JournalRequestStore final : public RequestStore {
   // deletes the segments; all of them when everything is true.
   void compactClosed(bool everything) KORVEL_REQUIRES(indexMutex_) {
     constexpr uint64_t kMinimumBytes = 64 * 1024;
+    if (homeless_) return;  // nowhere to carry records to
     std::vector<uint32_t> candidates;
     for (const auto& [number, segment] : segments_) {
       if (!segment.closed || segment.liveCount == 0) continue;
@@ -579,6 +594,9 @@ class JournalRequestStore final : public RequestStore {
   ReadDescriptors descriptors_ KORVEL_GUARDED_BY(indexMutex_);
   bool marksFailing_ KORVEL_GUARDED_BY(indexMutex_) = false;
   std::atomic<bool> homeless_{false};
+  // While homeless: the frames of every stored request, read before the
+  // lost directory's files were let go.
+  std::unordered_map<uint64_t, std::string> homelessFrames_ KORVEL_GUARDED_BY(indexMutex_);
 };
 
 }  // namespace
