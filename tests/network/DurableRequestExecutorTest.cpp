@@ -442,6 +442,39 @@ TEST_F(DurableRequestExecutorTest, AVanishedDirectoryIsMadeAgainWithEverythingWa
   EXPECT_TRUE(distinct.contains("http://fake/after"));
 }
 
+TEST_F(DurableRequestExecutorTest, RequestsTheStoreRefusedAreStoredOnceItTakesAppendsAgain) {
+  {
+    auto o = options();
+    o.startPaused = true;
+    o.segmentBytes = 4096;
+    auto executor = start(o);
+    ASSERT_TRUE(executor->syncStore(5s));
+    fs::remove_all(dir_);
+    std::ofstream(dir_) << "a file where the folder was";
+    // Past the open segment's room: the first go to the files still held
+    // open (read back into memory when they are let go), the rest are
+    // refused, as no segment can be made.
+    const std::string large(900, 'x');
+    for (int i = 0; i < 40; ++i) {
+      executor->executeRequest(makeRequest("during-" + std::to_string(i) + large));
+      if (i % 4 == 3) ASSERT_TRUE(executor->syncStore(5s));
+    }
+    EXPECT_FALSE(executor->stats().durable);
+    fs::remove(dir_);  // the folder can be made again
+    ASSERT_TRUE(executor->syncStore(5s));
+    ASSERT_TRUE(executor->syncStore(5s));
+    EXPECT_TRUE(executor->stats().durable);
+    EXPECT_TRUE(logged("requests kept in memory while the store could not take them"));
+    // Ended as a kill would: nothing was sent.
+  }
+  auto executor = start(options());
+  ASSERT_TRUE(executor->flush(5s));
+  const auto urls = server_.urls();
+  const std::set<std::string> distinct(urls.begin(), urls.end());
+  EXPECT_EQ(distinct.size(), 40u) << "every request returned during the outage is stored";
+  EXPECT_EQ(urls.size(), 40u);
+}
+
 // MARK: - One backoff per host
 
 TEST_F(DurableRequestExecutorTest, AnOfflineHostGetsOneProbeAtATimeAndNewReportsWaitQuietly) {

@@ -1,7 +1,9 @@
 // The durable executor's writer thread: restores what earlier runs stored,
 // then every sync interval syncs the journal, tells it what is finished,
 // applies the age cap, writes the collapsed log lines and keeps the hosts'
-// Retry-After times and the store's clock in the directory.
+// Retry-After times and the store's clock in the directory. Requests the
+// store refused (a full disk, the folder gone) are stored by it once the
+// store takes appends again.
 #include <korvel/network/internal/DurableRequestExecutor.h>
 
 #if defined(__GLIBC__)
@@ -180,6 +182,61 @@ void DurableRequestExecutor::saveHosts(const std::vector<std::pair<std::string, 
   store_->writeSmallFile(kHostsFile, text);
 }
 
+void DurableRequestExecutor::storeUnstored() {
+  struct Pending {
+    uint64_t id;
+    int64_t bornMillis;
+    std::shared_ptr<const KVNNetworkRequest> request;
+  };
+  std::vector<Pending> pending;
+  {
+    MutexLock lock(mutex_);
+    for (uint64_t id : unstored_) {
+      auto it = entries_.find(id);
+      auto whole = whole_.find(id);
+      // Delivered or dropped meanwhile: nothing to keep.
+      if (it == entries_.end() || it->second.durable || whole == whole_.end()) continue;
+      pending.push_back({id, it->second.bornMillis, whole->second});
+    }
+    unstored_.clear();
+  }
+  // Framed and appended without the queue's lock, as a report call does.
+  std::string frame;
+  std::vector<std::pair<uint64_t, uint32_t>> stored;
+  size_t next = 0;
+  for (; next < pending.size(); ++next) {
+    const Pending& p = pending[next];
+    size_t bytes = 0;
+    if (storeRequest(*p.request, p.id, storeClockMillis(p.bornMillis), frame, bytes) !=
+        Stored::Yes) {
+      break;  // the store refuses again: the rest wait for the next sync
+    }
+    stored.emplace_back(p.id, static_cast<uint32_t>(bytes));
+  }
+  {
+    MutexLock lock(mutex_);
+    // None left: durable again, as when a report call's append works.
+    if (next == pending.size() && !stored.empty()) appendsFailing_ = false;
+    for (; next < pending.size(); ++next) unstored_.push_back(pending[next].id);
+    for (const auto& [id, bytes] : stored) {
+      auto it = entries_.find(id);
+      if (it == entries_.end()) {
+        // Finished while being stored: the store forgets it at the next sync.
+        finished_.push_back(id);
+        continue;
+      }
+      it->second.durable = true;
+      it->second.bytes = bytes;
+      storedBytes_ += bytes;
+    }
+  }
+  if (!stored.empty()) {
+    logger_.log(LogLevel::Info, "stored the " + std::to_string(stored.size()) +
+                                    " requests kept in memory while the store could not take them; "
+                                    "requests are durable again");
+  }
+}
+
 void DurableRequestExecutor::writerLoop() {
   // Not lowered, since report calls rely on it for new journal segments;
   // but batch, so that a sync finishing or a segment switch that wakes it
@@ -256,11 +313,13 @@ void DurableRequestExecutor::writerLoop() {
       }
     }
     const uint64_t generation = ++syncStarted_;
+    const bool unstored = !unstored_.empty();
     mutex_.unlock();
 
     std::optional<StoreStats> storeStats;
     if (store_) {
       store_->sync(finished);
+      if (unstored && store_->durable()) storeUnstored();
       if (compact) store_->compact();
       if (compact) storeStats = store_->stats();
     }

@@ -140,6 +140,32 @@ DurableRequestExecutor::~DurableRequestExecutor() {
 
 int DurableRequestExecutor::bucketOf(int policy) { return policy == 1 || policy == 2 ? policy : 0; }
 
+DurableRequestExecutor::Stored DurableRequestExecutor::storeRequest(
+    const KVNNetworkRequest& request, uint64_t id, int64_t createdMillis, std::string& frame,
+    size_t& bytes) {
+  frame.clear();
+  try {
+    beginFrame(frame, id, createdMillis, request.priority(), request.configurationPolicy(),
+               request.backgroundSessionRetryCount(), request.restorationKind());
+    const size_t payloadAt = frame.size();
+    request.restorationPayloadEncoder()(frame);
+    // An encoder only appends; one that cut the frame is taken for one
+    // that failed.
+    if (frame.size() < payloadAt) return Stored::No;
+    const size_t payloadBytes = frame.size() - payloadAt;
+    if (payloadBytes > options_.maxRequestBytes) {
+      bytes = payloadBytes;
+      return Stored::Oversize;
+    }
+    finishFrame(frame, 0);
+    bytes = frame.size();
+    return store_->append(frame, id) ? Stored::Yes : Stored::No;
+  } catch (...) {
+    // An encoder that throws leaves the request in memory, like a full disk.
+    return Stored::No;
+  }
+}
+
 void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept try {
   const uint64_t id = epochBits_ | nextCounter_.fetch_add(1, std::memory_order_relaxed);
   // One monotonic reading serves both the age and the stored stamp.
@@ -154,29 +180,12 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
     // the frame costs no allocation once warm. One that an unusually large
     // request grew is let go afterwards.
     thread_local std::string frame;
-    frame.clear();
-    try {
-      beginFrame(frame, id, created, request.priority(), request.configurationPolicy(),
-                 request.backgroundSessionRetryCount(), request.restorationKind());
-      const size_t payloadAt = frame.size();
-      request.restorationPayloadEncoder()(frame);
-      // An encoder only appends; one that cut the frame is taken for one
-      // that failed.
-      if (frame.size() < payloadAt) throw std::length_error("payload encoder cut its buffer");
-      const size_t payloadBytes = frame.size() - payloadAt;
-      if (payloadBytes > options_.maxRequestBytes) {
-        oversize = true;
-        bytes = payloadBytes;
-      } else {
-        finishFrame(frame, 0);
-        durable = store_->append(frame, id);
-        bytes = frame.size();
-      }
-    } catch (...) {
-      // An encoder that throws leaves the request in memory, like a full disk.
+    switch (storeRequest(request, id, created, frame, bytes)) {
+      case Stored::Yes: durable = true; break;
+      case Stored::Oversize: oversize = true; break;
+      case Stored::No: appendFailed = true; break;
     }
     if (frame.capacity() > kKeptFrameCapacity) frame = std::string();
-    appendFailed = !durable && !oversize;
   }
   if (oversize) {
     MutexLock lock(mutex_);
@@ -348,7 +357,10 @@ void DurableRequestExecutor::adoptHandoffs() {
                                  adopting_.size() <=
                              kKeptWhole;
   for (Handoff& handoff : adopting_) {
-    if (handoff.appendFailed) ++appendFailuresSinceLog_;
+    if (handoff.appendFailed) {
+      ++appendFailuresSinceLog_;
+      unstored_.push_back(handoff.id);
+    }
     if (handoff.entry.durable) {
       ++appendsSinceLog_;
       if (!keepWhole) handoff.request.reset();

@@ -277,6 +277,16 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     bool appendFailed = false;
   };
 
+  enum class Stored : uint8_t { Yes, No, Oversize };
+  // Frames the request into frame (a buffer the caller keeps) and appends
+  // it to the store; bytes is the frame's size (the payload's when
+  // oversize). Never throws.
+  Stored storeRequest(const KVNNetworkRequest& request, uint64_t id, int64_t createdMillis,
+                      std::string& frame, size_t& bytes);
+  // The writer, once the store takes appends again: stores the requests
+  // that were queued in memory only while it could not.
+  void storeUnstored() KORVEL_EXCLUDES(mutex_);
+
   // Moves what report calls handed over into the queue.
   void adoptHandoffs() KORVEL_REQUIRES(mutex_) KORVEL_EXCLUDES(handoffMutex_);
   // Tells report calls whether a stored request may wait whole (see
@@ -360,6 +370,10 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   uint64_t syncStarted_ KORVEL_GUARDED_BY(mutex_) = 0;
   uint64_t syncCompleted_ KORVEL_GUARDED_BY(mutex_) = 0;
   std::optional<StoreStats> lastStoreStats_ KORVEL_GUARDED_BY(mutex_);
+  // Requests queued in memory only because the store refused them (a full
+  // disk, the folder gone); the writer stores them once it can. Ids already
+  // finished are skipped then.
+  std::vector<uint64_t> unstored_ KORVEL_GUARDED_BY(mutex_);
   // Durable ids for the writer to forget.
   std::vector<uint64_t> finished_ KORVEL_GUARDED_BY(mutex_);
   uint64_t overCapSinceLog_ KORVEL_GUARDED_BY(mutex_) = 0;
