@@ -412,9 +412,14 @@ void Torture::playRound(int round, Fault fault) {
                           fs::remove_all(data_, ec);
                           std::ofstream(data_) << "not a folder\n";
                         }});
+      // The host cannot make the data folder in the work folder (root's):
+      // the user's folder comes back, empty, and the library makes its
+      // store there again.
       events.push_back({to, [this] {
                           std::error_code ec;
                           fs::remove(data_, ec);
+                          mkdir(data_.c_str(), 0700);
+                          chownToHost(data_);
                         }});
       break;
     }
