@@ -152,11 +152,16 @@ bool Torture::setUp() {
     work_ = options_.work;
     fs::create_directories(work_, ec);
   }
-  data_ = work_ / "data";
+  // The data folder sits in a folder of the host's user, as an
+  // application's does in the user's home: a host whose folder was taken
+  // away can make it again.
+  const fs::path home = work_ / "home";
+  data_ = home / "data";
   log_ = work_ / "hosts.log";
-  fs::remove_all(data_, ec);
-  if (mkdir(data_.c_str(), 0700) != 0) return false;
+  fs::remove_all(home, ec);
+  if (mkdir(home.c_str(), 0700) != 0 || mkdir(data_.c_str(), 0700) != 0) return false;
   chmod(work_.c_str(), 0755);
+  chownToHost(home);
   chownToHost(data_);
   const int log = open(log_.c_str(), O_CREAT | O_TRUNC | O_WRONLY | O_CLOEXEC, 0644);
   if (log < 0) return false;
@@ -412,14 +417,10 @@ void Torture::playRound(int round, Fault fault) {
                           fs::remove_all(data_, ec);
                           std::ofstream(data_) << "not a folder\n";
                         }});
-      // The host cannot make the data folder in the work folder (root's):
-      // the user's folder comes back, empty, and the library makes its
-      // store there again.
+      // The file goes; the host makes its folder again.
       events.push_back({to, [this] {
                           std::error_code ec;
                           fs::remove(data_, ec);
-                          mkdir(data_.c_str(), 0700);
-                          chownToHost(data_);
                         }});
       break;
     }
