@@ -1,3 +1,4 @@
+// Thread names and scheduling classes on Linux.
 #include <korvel/platform/internal/Threads.h>
 
 #include <cerrno>

@@ -1,26 +1,21 @@
 // Random (version 4) UUIDs.
 //
-// The bytes come from the kernel (getrandom, or /dev/urandom where that is
-// unavailable). Each thread keeps its own buffer and refills it one block at a
-// time, so a UUID normally costs a 16-byte copy and a little formatting, and
-// threads never contend. A forked child throws away the buffer it inherited,
+// The bytes come from the system's random source (SystemRandom.h). Each
+// thread keeps its own buffer and refills it one block at a time, so a UUID
+// normally costs a 16-byte copy and a little formatting, and threads never
+// contend. A forked child throws away the buffer it inherited,
 // so parent and child never hand out the same identifiers.
 #include <korvel/platform/Env.h>
+#include <korvel/platform/internal/SystemRandom.h>
 
 #include <algorithm>
 #include <array>
 #include <atomic>
-#include <cerrno>
 #include <chrono>
 #include <cstdint>
 #include <cstring>
 #include <functional>
 #include <thread>
-
-#include <fcntl.h>
-#include <pthread.h>
-#include <sys/random.h>
-#include <unistd.h>
 
 namespace korvel::platform {
 
@@ -29,34 +24,7 @@ namespace {
 constexpr size_t kBufferSize = 4096;
 constexpr size_t kUUIDBytes = 16;
 
-bool fillFromGetrandom(unsigned char* out, size_t size) {
-  size_t filled = 0;
-  while (filled < size) {
-    const ssize_t n = ::getrandom(out + filled, size - filled, 0);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    filled += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-bool fillFromDevURandom(unsigned char* out, size_t size) {
-  const int fd = ::open("/dev/urandom", O_RDONLY | O_CLOEXEC);
-  if (fd < 0) return false;
-  size_t filled = 0;
-  while (filled < size) {
-    const ssize_t n = ::read(fd, out + filled, size - filled);
-    if (n < 0 && errno == EINTR) continue;
-    if (n <= 0) break;
-    filled += static_cast<size_t>(n);
-  }
-  ::close(fd);
-  return filled == size;
-}
-
-// Last resort when the kernel gives nothing: a splitmix64 stream seeded from
+// Last resort when the system gives nothing: a splitmix64 stream seeded from
 // the clock, the thread and a process-wide counter. Not cryptographic, but it
 // keeps identifiers distinct rather than failing.
 void fillFromClock(unsigned char* out, size_t size) {
@@ -79,12 +47,7 @@ void fillFromClock(unsigned char* out, size_t size) {
 std::atomic<std::uint64_t> forkGeneration{0};
 
 void registerForkHandler() {
-  static const bool registered = [] {
-    ::pthread_atfork(nullptr, nullptr,
-                     [] { forkGeneration.fetch_add(1, std::memory_order_relaxed); });
-    return true;
-  }();
-  (void)registered;
+  callInForkedChildren([] { forkGeneration.fetch_add(1, std::memory_order_relaxed); });
 }
 
 struct RandomBuffer {
@@ -96,10 +59,7 @@ struct RandomBuffer {
     const std::uint64_t current = forkGeneration.load(std::memory_order_relaxed);
     if (kBufferSize - position < count || generation != current) {
       registerForkHandler();
-      if (!fillFromGetrandom(bytes.data(), kBufferSize) &&
-          !fillFromDevURandom(bytes.data(), kBufferSize)) {
-        fillFromClock(bytes.data(), kBufferSize);
-      }
+      if (!systemRandomBytes(bytes.data(), kBufferSize)) fillFromClock(bytes.data(), kBufferSize);
       position = 0;
       generation = current;
     }
