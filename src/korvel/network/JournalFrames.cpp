@@ -6,6 +6,7 @@
 
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/RequestStore.h>
+#include <korvel/platform/internal/Cpu.h>
 
 namespace korvel::platform {
 
@@ -74,13 +75,32 @@ __attribute__((target("sse4.2"))) uint32_t crc32cHardware(const unsigned char* p
 }
 
 const bool kHardwareCrc = __builtin_cpu_supports("sse4.2");
+#define KORVEL_HARDWARE_CRC 1
+#elif defined(__aarch64__) && defined(__GNUC__)
+// The ARMv8 CRC32C instructions, optional before ARMv8.1: used when the
+// system says the processor has them.
+__attribute__((target("+crc"))) uint32_t crc32cHardware(const unsigned char* p, size_t size,
+                                                       uint32_t crc) {
+  while (size >= 8) {
+    uint64_t word;
+    std::memcpy(&word, p, 8);
+    crc = __builtin_aarch64_crc32cx(crc, word);
+    p += 8;
+    size -= 8;
+  }
+  while (size-- > 0) crc = __builtin_aarch64_crc32cb(crc, *p++);
+  return crc;
+}
+
+const bool kHardwareCrc = armCrc32Available();
+#define KORVEL_HARDWARE_CRC 1
 #endif
 
 }  // namespace
 
 uint32_t crc32c(const void* data, size_t size, uint32_t crc) {
   const auto* p = static_cast<const unsigned char*>(data);
-#if defined(__x86_64__) && (defined(__GNUC__) || defined(__clang__))
+#if defined(KORVEL_HARDWARE_CRC)
   if (kHardwareCrc) return ~crc32cHardware(p, size, ~crc);
 #endif
   return ~crc32cTables(p, size, ~crc);
