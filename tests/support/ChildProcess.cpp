@@ -3,7 +3,9 @@
 #include <spawn.h>
 #include <unistd.h>
 
+#include <cstdlib>
 #include <filesystem>
+#include <sstream>
 
 extern char** environ;
 
@@ -22,9 +24,20 @@ pid_t spawnSelf(const std::vector<std::string>& variables, std::string_view drop
   posix_spawn_file_actions_init(&actions);
   if (pipeWrite >= 0) posix_spawn_file_actions_adddup2(&actions, pipeWrite, childFd);
   std::string self = std::filesystem::read_symlink("/proc/self/exe").string();
-  char* argv[] = {self.data(), nullptr};
+  // A cross build's tests run under an emulator (qemu-user, named by CTest
+  // in KORVEL_TEST_EMULATOR): the kernel cannot start this program by
+  // itself, so the child runs under the emulator too.
+  std::vector<std::string> words;
+  if (const char* emulator = std::getenv("KORVEL_TEST_EMULATOR")) {
+    std::istringstream in(emulator);
+    for (std::string word; in >> word;) words.push_back(word);
+  }
+  words.push_back(self);
+  std::vector<char*> argv;
+  for (auto& word : words) argv.push_back(word.data());
+  argv.push_back(nullptr);
   pid_t pid = -1;
-  const int error = posix_spawn(&pid, self.c_str(), &actions, nullptr, argv, envp.data());
+  const int error = posix_spawn(&pid, argv[0], &actions, nullptr, argv.data(), envp.data());
   posix_spawn_file_actions_destroy(&actions);
   return error == 0 ? pid : -1;
 }
