@@ -11,6 +11,7 @@
 #include <system_error>
 
 #include <korvel/beacon/KVRLogging.h>
+#include <korvel/beacon/internal/KVRBeaconHooks.h>
 #include <korvel/foundation/Mutex.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/foundation/URLComponents.h>
@@ -45,6 +46,11 @@ struct State {
   bool hostLog KORVEL_GUARDED_BY(mutex) = false;
   // Read without the mutex by optedOut().
   std::atomic<bool> optedOut{false};
+  // started, for report calls, which take no lock.
+  std::atomic<bool> running{false};
+  // Whether a report before start() without a beacon endpoint was logged
+  // (once until the next shutdown).
+  std::atomic<bool> toldUnsentBeforeStart{false};
 };
 
 State& state() {
@@ -189,6 +195,22 @@ class WaitingRoom final : public KVNNetworkBackgroundRequestExecutor {
         [](const std::string& identifier) -> std::shared_ptr<KVNNetworkBackgroundRequestExecutor> {
           return WaitingRoom::shared(identifier);
         });
+
+// A beacon made before start() while no endpoint is configured yet is not
+// sent, nor kept: said once.
+void unsentBeaconBeforeStart() noexcept try {
+  State& s = state();
+  if (s.running.load() || s.toldUnsentBeforeStart.exchange(true)) return;
+  logger().log(platform::LogLevel::Error,
+               "a beacon was reported before korvel::Reporting::start() with no beacon endpoint "
+               "configured: it is not sent, nor kept; report after start(), or configure the "
+               "endpoint first");
+} catch (...) {
+  KVRLogging::logReportFailure("Reporting: a beacon reported before start() without an endpoint");
+}
+
+[[maybe_unused]] const bool unsentBeaconHookInstalled =
+    (internal::setUnsentBeaconHook(unsentBeaconBeforeStart), true);
 
 bool isWaitingRoom(const std::shared_ptr<KVNNetworkBackgroundRequestExecutor>& executor) {
   return dynamic_cast<const WaitingRoom*>(executor.get()) != nullptr;
@@ -437,6 +459,7 @@ Reporting::Result startLocked(State& s, Reporting::StartOptions& options)
   s.userSession = options.startUserSession;
   if (s.userSession) KVRUserSession::load();
   s.started = true;
+  s.running = true;
   return result;
 }
 
@@ -556,6 +579,8 @@ Reporting::DeliveryResult Reporting::shutdown(std::chrono::milliseconds deadline
   if (s.hostLog) platform::setLogCallback(platform::LogLevel::Default, nullptr);
   s.hostLog = false;
   s.started = false;
+  s.running = false;
+  s.toldUnsentBeforeStart = false;
   s.userSession = false;
   return delivered;
 }

@@ -178,6 +178,25 @@ TEST_F(ReportsBeforeStartTest, AUserWhoOptedOutHasThemDroppedAtStart) {
   EXPECT_EQ(delivered_->count(), 0u);
 }
 
+TEST_F(ReportsBeforeStartTest, WithoutAnEndpointYetTheyAreNotKeptAndOneLineSaysSo) {
+  KVNConfiguration::sharedInstance().update(
+      [](KVNConfiguration::Snapshot& c) { c.beacons.beaconEndpoint = std::nullopt; });
+  for (int n = 0; n < 2; ++n) EXPECT_TRUE(report("main", n));
+  EXPECT_EQ(logLines("a beacon was reported before korvel::Reporting::start() with no beacon "
+                     "endpoint configured: it is not sent, nor kept"),
+            1u);
+
+  auto o = options();
+  o.configure = [](KVNConfiguration::Snapshot& c) { c.beacons.beaconEndpoint = kEndpoint; };
+  ASSERT_TRUE(Reporting::start(o));
+  EXPECT_EQ(delivered_->count(), 0u);
+  // Once started, the start's own warning is the one that speaks of it.
+  KVNConfiguration::sharedInstance().update(
+      [](KVNConfiguration::Snapshot& c) { c.beacons.beaconEndpoint = std::nullopt; });
+  EXPECT_TRUE(report("main", 2));
+  EXPECT_EQ(logLines("no beacon endpoint configured"), 1u);
+}
+
 TEST_F(ReportsBeforeStartTest, ReportsBeforeStartMakeNoFolderNorThread) {
   const fs::path data = root_ / "xdg-data";
   const char* previous = getenv("XDG_DATA_HOME");
