@@ -3,12 +3,15 @@
 #include <algorithm>
 #include <atomic>
 #include <cctype>
+#include <deque>
 #include <iterator>
 #include <span>
 #include <string_view>
 #include <vector>
 #include <system_error>
 
+#include <korvel/beacon/KVRLogging.h>
+#include <korvel/beacon/internal/KVRBeaconHooks.h>
 #include <korvel/foundation/Mutex.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/foundation/URLComponents.h>
@@ -43,6 +46,11 @@ struct State {
   bool hostLog KORVEL_GUARDED_BY(mutex) = false;
   // Read without the mutex by optedOut().
   std::atomic<bool> optedOut{false};
+  // started, for report calls, which take no lock.
+  std::atomic<bool> running{false};
+  // Whether a report before start() without a beacon endpoint was logged
+  // (once until the next shutdown).
+  std::atomic<bool> toldUnsentBeforeStart{false};
 };
 
 State& state() {
@@ -55,12 +63,186 @@ platform::Logger logger() {
                           "Reporting");
 }
 
+// Beacons reported before start(): kept in memory, in the order they came,
+// until start() hands them to the executor it makes. The default Env makes
+// this executor (one for the process) on the first report before start(),
+// so that such a report makes no folder, no file and no thread; past
+// kCapacity beacons each further one is dropped and counted.
+class WaitingRoom final : public KVNNetworkBackgroundRequestExecutor {
+ public:
+  static constexpr size_t kCapacity = 1000;
+
+  // What waited when the room was emptied: handed over, or dropped.
+  struct Emptied {
+    size_t waited = 0;
+    uint64_t droppedOverCapacity = 0;
+    uint64_t total() const { return waited + droppedOverCapacity; }
+  };
+
+  // The process's waiting room, made with identifier the first time.
+  static std::shared_ptr<WaitingRoom> shared(const std::string& identifier) {
+    struct Shared {
+      Mutex mutex;
+      std::shared_ptr<WaitingRoom> room KORVEL_GUARDED_BY(mutex);
+    };
+    static Shared* shared = new Shared;
+    MutexLock lock(shared->mutex);
+    if (!shared->room) shared->room = std::shared_ptr<WaitingRoom>(new WaitingRoom(identifier));
+    return shared->room;
+  }
+
+  const std::string& backgroundSessionIdentifier() const override { return identifier_; }
+
+  void executeRequest(KVNNetworkRequest request) noexcept override try {
+    std::string line;
+    {
+      MutexLock lock(mutex_);
+      // Handed over already: the report call got this room before start()
+      // put the executor in its place. Forwarded under the lock, so that
+      // it follows whatever the same thread reported before.
+      if (target_) {
+        target_->executeRequest(std::move(request));
+        return;
+      }
+      if (waiting_.size() < kCapacity) {
+        waiting_.push_back(std::move(request));
+        if (!toldWaiting_) {
+          toldWaiting_ = true;
+          line = "a beacon was reported before korvel::Reporting::start(): it waits in memory, "
+                 "with those that follow (at most " + std::to_string(kCapacity) +
+                 "), and is sent once start() succeeds";
+        }
+      } else {
+        ++dropped_;
+        if (!toldFull_) {
+          toldFull_ = true;
+          line = std::to_string(kCapacity) +
+                 " beacons reported before korvel::Reporting::start() wait already: each "
+                 "further one is dropped until start()";
+        }
+      }
+    }
+    if (!line.empty()) logger().log(platform::LogLevel::Error, line);
+  } catch (...) {
+    KVRLogging::logReportFailure("Reporting: keeping a beacon reported before start()");
+  }
+
+  // Nothing is sent from here: true only when nothing waits.
+  bool flush(std::chrono::milliseconds deadline) override {
+    std::shared_ptr<KVNNetworkBackgroundRequestExecutor> target;
+    {
+      MutexLock lock(mutex_);
+      if (!target_) return waiting_.empty();
+      target = target_;
+    }
+    return target->flush(deadline);
+  }
+
+  size_t purge() override {
+    MutexLock lock(mutex_);
+    const size_t purged = waiting_.size();
+    waiting_.clear();
+    return purged;
+  }
+
+  size_t waiting() const {
+    MutexLock lock(mutex_);
+    return waiting_.size();
+  }
+
+  // Hands what waits to target, in the order it came, and every request
+  // that reaches the room from now on.
+  Emptied forwardTo(std::shared_ptr<KVNNetworkBackgroundRequestExecutor> target) {
+    MutexLock lock(mutex_);
+    Emptied emptied{waiting_.size(), dropped_};
+    for (auto& request : waiting_) target->executeRequest(std::move(request));
+    waiting_.clear();
+    dropped_ = 0;
+    target_ = std::move(target);
+    return emptied;
+  }
+
+  // Drops what waits and keeps requests again from now on (shutdown).
+  Emptied reset() {
+    MutexLock lock(mutex_);
+    Emptied emptied{waiting_.size(), dropped_};
+    waiting_.clear();
+    dropped_ = 0;
+    target_.reset();
+    toldWaiting_ = false;
+    toldFull_ = false;
+    return emptied;
+  }
+
+ private:
+  explicit WaitingRoom(std::string identifier) : identifier_(std::move(identifier)) {}
+
+  const std::string identifier_;
+  mutable Mutex mutex_;
+  std::deque<KVNNetworkRequest> waiting_ KORVEL_GUARDED_BY(mutex_);
+  // The executor start() made; null until then and after shutdown.
+  std::shared_ptr<KVNNetworkBackgroundRequestExecutor> target_ KORVEL_GUARDED_BY(mutex_);
+  uint64_t dropped_ KORVEL_GUARDED_BY(mutex_) = 0;
+  // Whether the first waiting beacon, and the first dropped one, were logged.
+  bool toldWaiting_ KORVEL_GUARDED_BY(mutex_) = false;
+  bool toldFull_ KORVEL_GUARDED_BY(mutex_) = false;
+};
+
+// The default Env makes the waiting room for a report before start(),
+// unless the host installed a factory of its own first.
+[[maybe_unused]] const bool waitingRoomInstalled =
+    platform::installDefaultBackgroundExecutorFactoryIfNone(
+        [](const std::string& identifier) -> std::shared_ptr<KVNNetworkBackgroundRequestExecutor> {
+          return WaitingRoom::shared(identifier);
+        });
+
+// A beacon made before start() while no endpoint is configured yet is not
+// sent, nor kept: said once.
+void unsentBeaconBeforeStart() noexcept try {
+  State& s = state();
+  if (s.running.load() || s.toldUnsentBeforeStart.exchange(true)) return;
+  logger().log(platform::LogLevel::Error,
+               "a beacon was reported before korvel::Reporting::start() with no beacon endpoint "
+               "configured: it is not sent, nor kept; report after start(), or configure the "
+               "endpoint first");
+} catch (...) {
+  KVRLogging::logReportFailure("Reporting: a beacon reported before start() without an endpoint");
+}
+
+[[maybe_unused]] const bool unsentBeaconHookInstalled =
+    (internal::setUnsentBeaconHook(unsentBeaconBeforeStart), true);
+
+bool isWaitingRoom(const std::shared_ptr<KVNNetworkBackgroundRequestExecutor>& executor) {
+  return dynamic_cast<const WaitingRoom*>(executor.get()) != nullptr;
+}
+
+std::string beaconsBeforeStart(const WaitingRoom::Emptied& emptied, const std::string& what) {
+  std::string line = std::to_string(emptied.waited) +
+                     " beacons reported before start() " + what;
+  if (emptied.droppedOverCapacity > 0) {
+    line += "; " + std::to_string(emptied.droppedOverCapacity) +
+            " more were dropped over the bound of " + std::to_string(WaitingRoom::kCapacity);
+  }
+  return line;
+}
+
+// Drops the beacons waiting for start(), saying how many when there were any.
+uint64_t dropWaiting(const std::string& why) {
+  const auto emptied = WaitingRoom::shared("Unknown bundle.backgroundBeacons")->reset();
+  if (emptied.total() > 0) {
+    logger().log(platform::LogLevel::Error, why + ": " + beaconsBeforeStart(emptied, "dropped, unsent"));
+  }
+  return emptied.total();
+}
+
 // The executor beacons go to, made when there is none yet: the host's, or
 // the durable one in the data directory, held while the user is opted out.
 // Runs with the state's mutex held, after start.
 std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s)
     KORVEL_REQUIRES(s.mutex) {
-  if (auto existing = KVRBeacon::existingBackgroundSession()) return existing;
+  if (auto existing = KVRBeacon::existingBackgroundSession(); existing && !isWaitingRoom(existing)) {
+    return existing;
+  }
   std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor = s.hostExecutor;
   if (!executor) {
     platform::DurableRequestExecutor::Options options;
@@ -90,7 +272,16 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s)
   } else if (s.optedOut.load()) {
     executor->setPaused(true);
   }
+  // What waited for start goes first; a report that got the waiting room
+  // before the executor takes its place is forwarded. The room is made now
+  // if no report made it yet, so that one racing this start cannot make it
+  // later and be left there.
+  const auto emptied =
+      WaitingRoom::shared(s.bundleIdentifier + ".backgroundBeacons")->forwardTo(executor);
   KVRBeacon::setBackgroundSession(executor);
+  if (emptied.total() > 0) {
+    logger().log(platform::LogLevel::Default, beaconsBeforeStart(emptied, "handed over for delivery"));
+  }
   return executor;
 }
 
@@ -232,9 +423,12 @@ Reporting::Result startLocked(State& s, Reporting::StartOptions& options)
   KVNConfiguration::sharedInstance().replace(std::move(configuration));
   KVRBeacon::registerRequestRestorer();
 
-  // Whatever executor was in use before start goes; beacons an earlier run
-  // left are delivered now, unless the user opted out.
-  KVRBeacon::setBackgroundSession(nullptr);
+  // Whatever executor was in use before start goes, but for the beacons
+  // waiting for start (handed over below); beacons an earlier run left are
+  // delivered now, unless the user opted out.
+  if (!isWaitingRoom(KVRBeacon::existingBackgroundSession())) {
+    KVRBeacon::setBackgroundSession(nullptr);
+  }
   Reporting::Result result;
   result.ok = true;
   auto warn = [&result](const std::string& warning) {
@@ -242,7 +436,14 @@ Reporting::Result startLocked(State& s, Reporting::StartOptions& options)
     result.warning += (result.warning.empty() ? "" : "; ") + warning;
   };
   for (const auto& warning : warnings) warn(warning);
-  if (!s.optedOut) {
+  if (s.optedOut) {
+    // Reports stop first, so that none waits after the room is emptied.
+    KVRBeacon::setReportingAllowed(false);
+    dropWaiting("the user has opted out");
+    if (isWaitingRoom(KVRBeacon::existingBackgroundSession())) {
+      KVRBeacon::setBackgroundSession(nullptr);
+    }
+  } else {
     auto durable =
         std::dynamic_pointer_cast<platform::DurableRequestExecutor>(ensureExecutor(s));
     if (durable && !durable->stats().durable) {
@@ -258,6 +459,7 @@ Reporting::Result startLocked(State& s, Reporting::StartOptions& options)
   s.userSession = options.startUserSession;
   if (s.userSession) KVRUserSession::load();
   s.started = true;
+  s.running = true;
   return result;
 }
 
@@ -320,6 +522,12 @@ Reporting::DeliveryResult flushExecutor(std::chrono::milliseconds deadline) {
     result.ok = true;
     return result;
   }
+  if (auto room = std::dynamic_pointer_cast<WaitingRoom>(executor)) {
+    // Not started: nothing is sent, nothing to wait for.
+    result.pending = room->waiting();
+    result.ok = result.pending == 0;
+    return result;
+  }
   const bool flushed = executor->flush(deadline);
   // A host's own executor gives no figures: its flush is the answer.
   if (auto durable = std::dynamic_pointer_cast<platform::DurableRequestExecutor>(executor)) {
@@ -356,7 +564,13 @@ Reporting::DeliveryResult Reporting::shutdown(std::chrono::milliseconds deadline
   // Waits for report calls in progress: what they hand over is flushed too.
   KVRBeacon::setReportingAllowed(false);
   if (s.userSession) KVRUserSession::unload();
-  const DeliveryResult delivered = flushExecutor(deadline);
+  uint64_t droppedBeforeStart = 0;
+  if (!s.started) droppedBeforeStart = dropWaiting("shutdown() before start()");
+  DeliveryResult delivered = flushExecutor(deadline);
+  delivered.dropped += droppedBeforeStart;
+  delivered.ok = delivered.ok && droppedBeforeStart == 0;
+  // Reports before the next start wait again.
+  if (s.started) WaitingRoom::shared(s.bundleIdentifier + ".backgroundBeacons")->reset();
   // The durable executor stops here (its last reference goes), keeping what
   // was not delivered for the next start; none is made again until start().
   KVRBeacon::closeBackgroundSession();
@@ -365,6 +579,8 @@ Reporting::DeliveryResult Reporting::shutdown(std::chrono::milliseconds deadline
   if (s.hostLog) platform::setLogCallback(platform::LogLevel::Default, nullptr);
   s.hostLog = false;
   s.started = false;
+  s.running = false;
+  s.toldUnsentBeforeStart = false;
   s.userSession = false;
   return delivered;
 }
@@ -380,6 +596,9 @@ bool Reporting::setOptedOut(bool out, PendingBeacons pending) {
   }
   if (!s.started) {
     if (!out) KVRBeacon::setReportingAllowed(true);
+    if (out && pending == PendingBeacons::Purge) {
+      WaitingRoom::shared("Unknown bundle.backgroundBeacons")->purge();
+    }
     logger().log(platform::LogLevel::Error,
                  "the user's choice holds for this run only: the library is not started");
     return false;

@@ -23,6 +23,20 @@
 // library's threads. Beacons reported after shutdown are dropped. start()
 // may be called again after shutdown().
 //
+// Reports before start(). A beacon reported before start() (with a beacon
+// endpoint already configured) waits in memory: at most 1,000 do, each
+// further one is dropped and counted. The first one logs a line naming
+// Reporting::start(). When start() succeeds it hands them, in the order they
+// were reported, to the executor it installs and logs how many (and how
+// many were dropped over the bound); a user who opted out has them dropped
+// there instead. shutdown() without start() drops them, with a line saying
+// how many. Until start() no executor, folder, file or thread is made for
+// them. A beacon reported before start() while no endpoint is configured
+// yet is not sent nor kept (as any beacon without an endpoint); the first
+// one logs a line. This holds on the default Env unless the host installed
+// an executor factory of its own (platform::setDefaultBackgroundExecutorFactory)
+// or an executor (KVRBeacon::setBackgroundSession) before reporting.
+//
 // Files. Everything the library keeps is in its data directory,
 // StartOptions::dataDirectory, by default $XDG_DATA_HOME/korvel/<bundle
 // identifier> (~/.local/share/korvel/<bundle identifier> without
@@ -206,7 +220,9 @@ class KORVEL_EXPORT Reporting {
   // was delivered, with the figures since the previous answer (or start):
   // how many were delivered, how many dropped (refused by the collector,
   // retries used up, over a limit, too old) and how many still wait. With
-  // the host's own executor only ok is known (its flush's answer).
+  // the host's own executor only ok is known (its flush's answer). Before
+  // start, flush answers at once with the beacons waiting for start as
+  // pending, and shutdown counts them as dropped.
   struct DeliveryResult {
     bool ok = false;  // nothing pending, nothing dropped
     uint64_t delivered = 0;

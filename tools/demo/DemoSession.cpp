@@ -11,11 +11,11 @@
 
 #include "collector/BeaconCollector.h"
 #include "collector/BeaconStore.h"
+#include <korvel/Korvel.h>
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/pageviews/PageViewBeaconReporter.h>
-#include <korvel/platform/Application.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
@@ -229,13 +229,13 @@ void DemoSession::tapAround() {
 
 void DemoSession::goToBackground() {
   if (inBackground_) return;
-  platform::env().notificationCenter().post(platform::ApplicationDidEnterBackgroundNotification);
+  Reporting::applicationDidEnterBackground();
   inBackground_ = true;
 }
 
 void DemoSession::comeToForeground() {
   if (!inBackground_) return;
-  platform::env().notificationCenter().post(platform::ApplicationWillEnterForegroundNotification);
+  Reporting::applicationWillEnterForeground();
   inBackground_ = false;
 }
 

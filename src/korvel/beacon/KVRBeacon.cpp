@@ -6,6 +6,7 @@
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRLogging.h>
+#include <korvel/beacon/internal/KVRBeaconHooks.h>
 #include <korvel/foundation/Mutex.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/platform/Env.h>
@@ -39,6 +40,7 @@ struct ExecutorSlot {
 };
 
 std::atomic<bool> reportingAllowedFlag{true};
+std::atomic<internal::UnsentBeaconHook> unsentBeaconHook{nullptr};
 
 // Report calls between their check of reportingAllowedFlag and the hand-over
 // to the executor: turning reporting off waits for them, so that none hands
@@ -188,6 +190,8 @@ std::optional<std::string> KVRBeacon::sendBeaconOfType(KVRBeaconType type,
       // The observer's failure is its own: the beacon is on its way.
       KVRLogging::logReportFailure("KVRBeacon: an observer of the beacon's submission");
     }
+  } else if (auto hook = unsentBeaconHook.load(std::memory_order_acquire)) {
+    hook();
   }
   return task->uuid();
 } catch (...) {
@@ -206,6 +210,10 @@ void KVRBeacon::sendBeacon(const KVRTaskPtr& task, KVRBeaconType type) noexcept 
   ReportInProgress inProgress;
   if (!task || !reportingAllowedFlag.load()) return;
   queueOnExecutor(task, type);
+}
+
+void internal::setUnsentBeaconHook(UnsentBeaconHook hook) {
+  unsentBeaconHook.store(hook, std::memory_order_release);
 }
 
 void KVRBeacon::setReportingAllowed(bool allowed) {

@@ -48,7 +48,9 @@ class KORVEL_EXPORT KVRBeacon {
   static void sendBeacon(const KVRTaskPtr& task, KVRBeaconType type) noexcept;
 
   // The shared executor, made on first use by the Env for the session
-  // identifier "<bundle identifier>.backgroundBeacons".
+  // identifier "<bundle identifier>.backgroundBeacons" (on the default Env
+  // of a program that links korvel::Reporting, before start(), the one that
+  // keeps beacons in memory until start(): see korvel/Korvel.h).
   static std::shared_ptr<KVNNetworkBackgroundRequestExecutor> backgroundSession();
   // The executor in use, without making one; null before the first use.
   static std::shared_ptr<KVNNetworkBackgroundRequestExecutor> existingBackgroundSession();

@@ -113,10 +113,14 @@ class KORVEL_EXPORT ScopedEnv {
 // none of its own; the host names itself here, before starting the library).
 KORVEL_EXPORT void setMainBundleIdentifier(std::optional<std::string> identifier);
 
-// How the default Env makes background executors. The beacon library installs
-// its durable executor here before it first asks for one (this layer cannot
-// name it); a host may install its own before starting the library. Without
-// one, the default Env makes no executor and beacons are not sent.
+// How the default Env makes background executors. The host layer
+// (korvel/Korvel.h) installs one when the program is loaded that keeps the
+// beacons reported before Reporting::start() in memory until start hands
+// them over; without it (a program that does not link Reporting) the beacon
+// library installs its durable executor here before it first asks for one
+// (this layer can name neither). A host may install its own before
+// reporting. Without one, the default Env makes no executor and beacons are
+// not sent.
 using BackgroundExecutorFactory = std::function<std::shared_ptr<KVNNetworkBackgroundRequestExecutor>(
     const std::string& sessionIdentifier)>;
 KORVEL_EXPORT void setDefaultBackgroundExecutorFactory(BackgroundExecutorFactory factory);
