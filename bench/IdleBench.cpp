@@ -2,7 +2,10 @@
 // executor, reports 10 beacons, and then idles; over the idle spell it
 // counts the context switches (voluntary and involuntary) of the library's
 // threads, from /proc/self/task/*/status, and prints them as wake-ups per
-// second, with the library's threads and the bytes of its files at the end.
+// second, over the spell and over its second half (once the writer's last
+// syncs and the extra senders' ends are behind), the writer's switches over
+// the spell, with the
+// library's threads and the bytes of its files at the end.
 //
 //   idle            a collector on 127.0.0.1 in this process took the 10
 //                   beacons; nothing is pending
@@ -62,13 +65,15 @@ struct Threads {
   int library = 0;
   int all = 0;
   std::map<std::string, long long> switches;  // of the library's threads, by task id
+  std::map<std::string, bool> writer;         // whether the task is the journal writer
 };
 
 // Switches between two looks: of the threads seen at both, and of the ones
 // started in between (all of theirs).
-long long switchesBetween(const Threads& start, const Threads& end) {
+long long switchesBetween(const Threads& start, const Threads& end, bool writerOnly = false) {
   long long total = 0;
   for (const auto& [task, count] : end.switches) {
+    if (writerOnly && !end.writer.at(task)) continue;
     auto before = start.switches.find(task);
     total += count - (before != start.switches.end() ? before->second : 0);
   }
@@ -93,10 +98,12 @@ Threads threads() {
     std::ifstream status(std::string("/proc/self/task/") + entry->d_name + "/status");
     std::string line;
     bool library = false;
+    bool writer = false;
     long long switches = 0;
     while (std::getline(status, line)) {
       if (line.rfind("Name:", 0) == 0) {
         library = line.find("korvel-") != std::string::npos;
+        writer = line.find("korvel-journal") != std::string::npos;
       } else if (line.rfind("voluntary_ctxt_switches:", 0) == 0 ||
                  line.rfind("nonvoluntary_ctxt_switches:", 0) == 0) {
         switches += std::atoll(line.c_str() + line.find(':') + 1);
@@ -105,6 +112,7 @@ Threads threads() {
     if (library) {
       ++t.library;
       t.switches[entry->d_name] = switches;
+      t.writer[entry->d_name] = writer;
     }
   }
   closedir(tasks);
@@ -127,6 +135,8 @@ unsigned long long diskBytes(const fs::path& directory) {
 
 struct Figure {
   double wakeupsPerSecond = 0;
+  double secondHalfPerSecond = 0;  // once settled
+  long long writerSwitches = 0;
   Threads start, end;
   unsigned long long disk = 0;
   uint64_t probes = 0;
@@ -161,10 +171,17 @@ Figure run(bool collectorUp, tools::BeaconCollector& collector, int seconds) {
   const uint64_t attempts = executor->stats().attempts;
   f.start = threads();
   const auto start = Clock::now();
-  std::this_thread::sleep_for(std::chrono::seconds(seconds));
+  std::this_thread::sleep_for(std::chrono::milliseconds(seconds * 500));
+  const Threads middle = threads();
+  const auto half = Clock::now();
+  std::this_thread::sleep_for(std::chrono::milliseconds(seconds * 500));
   f.end = threads();
-  const double elapsed = std::chrono::duration<double>(Clock::now() - start).count();
+  const auto end = Clock::now();
+  const double elapsed = std::chrono::duration<double>(end - start).count();
+  f.secondHalfPerSecond = static_cast<double>(switchesBetween(middle, f.end)) /
+                          std::chrono::duration<double>(end - half).count();
   f.wakeupsPerSecond = static_cast<double>(switchesBetween(f.start, f.end)) / elapsed;
+  f.writerSwitches = switchesBetween(f.start, f.end, true);
   f.disk = diskBytes(directory);
   f.probes = executor->stats().attempts - attempts;
   bench::tearDown(std::move(executor), directory);
@@ -206,8 +223,9 @@ int main(int argc, char** argv) {
   std::printf("load average at start: %s\n", loadAverage().c_str());
   std::printf("%d beacons, then %d s idle, %d runs per state\n\n", kBeacons, settings.seconds,
               settings.runs);
-  std::printf("%-16s %12s %14s %12s %10s %10s %8s\n", "state", "wakeups/s", "threads start",
-              "threads end", "all end", "disk KiB", "probes");
+  std::printf("%-16s %10s %12s %14s %14s %12s %10s %10s %8s\n", "state", "wakeups/s",
+              "2nd half/s", "writer's (all)",
+              "threads start", "threads end", "all end", "disk KiB", "probes");
 
   tools::BeaconCollector::Options collectorOptions;
   collectorOptions.keepBeacons = false;
@@ -221,18 +239,22 @@ int main(int argc, char** argv) {
     const char* name = up ? "idle" : "down";
     if (!settings.only.empty() && settings.only != name) continue;
     std::vector<double> rates;
+    std::vector<double> settled;
     for (int r = 0; r < settings.runs; ++r) {
       const Figure f = run(up, collector, settings.seconds);
       rates.push_back(f.wakeupsPerSecond);
-      std::printf("%-16s %12.2f %14d %12d %10d %10.1f %8llu\n",
-                  up ? "idle" : "collector down", f.wakeupsPerSecond, f.start.library,
+      settled.push_back(f.secondHalfPerSecond);
+      std::printf("%-16s %10.2f %12.2f %14lld %14d %12d %10d %10.1f %8llu\n",
+                  up ? "idle" : "collector down", f.wakeupsPerSecond, f.secondHalfPerSecond,
+                  f.writerSwitches, f.start.library,
                   f.end.library, f.end.all, static_cast<double>(f.disk) / 1024.0,
                   static_cast<unsigned long long>(f.probes));
       std::fflush(stdout);
     }
     std::sort(rates.begin(), rates.end());
-    std::printf("%-16s %12.2f   (median wake-ups per second)\n\n", up ? "idle" : "collector down",
-                rates[rates.size() / 2]);
+    std::sort(settled.begin(), settled.end());
+    std::printf("%-16s %10.2f %12.2f   (medians, wake-ups per second)\n\n",
+                up ? "idle" : "collector down", rates[rates.size() / 2], settled[settled.size() / 2]);
   }
   std::printf("load average at end: %s\n", loadAverage().c_str());
   return 0;
