@@ -436,13 +436,17 @@ void JournalFront::restIfQuiet(bool& quiet) {
   std::vector<Segment> dropped;
   {
     MutexLock lock(mutex_);
-    quiet = active_.fd >= 0 && !active_.dirty && closing_.empty() && !cannotMakeSegments_;
+    const bool nothingSince =
+        active_.fd >= 0 && !active_.dirty && closing_.empty() && !cannotMakeSegments_;
+    quietSyncs_ = nothingSince ? quietSyncs_ + 1 : 0;
+    quiet = quietSyncs_ >= kQuietSyncsToRest;
     if (!quiet) {
       rested_ = false;
       return;
     }
-    // Nothing appended since the last sync: small segments and one spare
-    // again, so that a few waiting requests hold little of the disk.
+    // Nothing appended for a few syncs in a row (a pause between bursts is
+    // not quiet): small segments and one spare again, so that a few waiting
+    // requests hold little of the disk.
     segmentSize_.store(firstSegmentBytes(), std::memory_order_relaxed);
     spareTarget_.store(kQuietSpareSegments, std::memory_order_relaxed);
     const uint64_t smallRoom = roundToPage(firstSegmentBytes());

@@ -6,8 +6,8 @@
 // reserved on disk (written with zeros, so a full disk shows up then and
 // never as a fault inside a mapped write) and mapped shared. Segments start
 // small (a few requests waiting hold little of the disk) and grow while
-// appends fill them, up to the configured size; a quiet sync makes them
-// small again and keeps one spare. An append is a
+// appends fill them, up to the configured size; a few quiet syncs in a row
+// make them small again and keep one spare. An append is a
 // memcpy into the mapping under a short lock: once it returns, the bytes
 // belong to the kernel's page cache and survive a kill of the process, with
 // no system call on the caller's thread. The writer thread makes them
@@ -148,8 +148,8 @@ class JournalFront {
   // the segments closed since the last call. Writer thread.
   void syncActive() KORVEL_EXCLUDES(mutex_);
   void syncDirectory();
-  // The last syncActive() found nothing appended since the one before and
-  // left the segments at rest (small, one spare), and nothing was appended
+  // The last syncActive() found nothing appended for a few syncs and left
+  // the segments at rest (small, one spare), and nothing was appended
   // since: another sync would do nothing.
   bool settled() const KORVEL_EXCLUDES(mutex_);
 
@@ -211,9 +211,9 @@ class JournalFront {
   // Logs the first failure to make a segment, counts the rest.
   void segmentFailed(const std::string& error) KORVEL_REQUIRES(mutex_);
   void topUpSpares() KORVEL_EXCLUDES(mutex_);
-  // At the start of a sync: when nothing was appended since the last one
-  // (quiet), segments start small again and spares past one, or larger
-  // than a small segment, are let go.
+  // At the start of a sync: when nothing was appended for the last few
+  // syncs (quiet), segments start small again and spares past one, or
+  // larger than a small segment, are let go.
   void restIfQuiet(bool& quiet) KORVEL_EXCLUDES(mutex_);
   // Appends filled the active segment: the next ones are larger.
   void growSegments() KORVEL_REQUIRES(mutex_);
@@ -264,6 +264,10 @@ class JournalFront {
   bool cannotMakeSegments_ KORVEL_GUARDED_BY(mutex_) = false;
   // See settled().
   bool rested_ KORVEL_GUARDED_BY(mutex_) = false;
+  // Syncs in a row that found nothing appended since the one before; at
+  // kQuietSyncsToRest the segments rest (restIfQuiet).
+  int quietSyncs_ KORVEL_GUARDED_BY(mutex_) = 0;
+  static constexpr int kQuietSyncsToRest = 5;
   uint64_t appendsRefused_ KORVEL_GUARDED_BY(mutex_) = 0;
 };
 
