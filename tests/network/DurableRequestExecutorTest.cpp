@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <set>
+#include <thread>
 
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include "support/TestEnv.h"
@@ -457,7 +458,9 @@ TEST_F(DurableRequestExecutorTest, RequestsTheStoreRefusedAreStoredOnceItTakesAp
     const std::string large(900, 'x');
     for (int i = 0; i < 40; ++i) {
       executor->executeRequest(makeRequest("during-" + std::to_string(i) + large));
-      if (i % 4 == 3) ASSERT_TRUE(executor->syncStore(5s));
+      if (i % 4 == 3) {
+        ASSERT_TRUE(executor->syncStore(5s));
+      }
     }
     EXPECT_FALSE(executor->stats().durable);
     fs::remove(dir_);  // the folder can be made again
@@ -519,6 +522,94 @@ TEST_F(DurableRequestExecutorTest, OnlyTheProbeGoesUntilTheHostAnswersThenAllGoA
   EXPECT_EQ(executor->stats().delivered, 200u);
   EXPECT_EQ(executor->stats().hostsBackingOff, 0u);
   EXPECT_TRUE(logged("http://fake answers again"));
+}
+
+// Polls the executor's figures until until() holds; false at the deadline.
+template <typename Until>
+bool eventually(DurableRequestExecutor& executor, Until until, std::chrono::milliseconds deadline = 5s) {
+  const auto end = std::chrono::steady_clock::now() + deadline;
+  while (!until(executor.stats())) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::yield();
+  }
+  return true;
+}
+
+// With nothing unsynced and nothing left to do the writer has no timer,
+// whether nothing is pending or everything waits for a host that backs
+// off; a report wakes it to sync that report (no flush asks), and it
+// sleeps again after.
+TEST_F(DurableRequestExecutorTest, TheWriterSleepsWithoutATimerUntilWorkArrives) {
+  struct Case {
+    const char* name;
+    bool hostDown;
+  };
+  for (const Case& c : {Case{"nothing pending", false}, Case{"host backing off", true}}) {
+    SCOPED_TRACE(c.name);
+    server_.reset();
+    auto o = options();
+    o.syncInterval = 1ms;  // many timer wake-ups in no time, if there were a timer
+    o.retryBaseDelay = 1h;  // no probe comes during the test
+    o.maxRetryDelay = 1h;
+    o.concurrency = 1;  // the one refused attempt is the first request's
+    o.directory = dir_ / (c.hostDown ? "down" : "idle");
+    auto executor = start(o);
+    if (c.hostDown) server_.script({FakeServer::offline()});
+    for (int i = 0; i < 3; ++i) executor->executeRequest(makeRequest("r" + std::to_string(i)));
+    if (c.hostDown) {
+      ASSERT_TRUE(eventually(*executor, [](const auto& s) { return s.hostsBackingOff == 1; }));
+    } else {
+      ASSERT_TRUE(executor->flush(5s));
+    }
+    ASSERT_TRUE(eventually(*executor, [](const auto& s) { return s.writerIdle; }));
+
+    // Paused, so that no sender takes it: the writer alone must sync it.
+    executor->setPaused(true);
+    const uint64_t syncs = executor->stats().syncs;
+    executor->executeRequest(makeRequest("after"));
+    EXPECT_TRUE(eventually(*executor, [syncs](const auto& s) { return s.syncs > syncs; }));
+    EXPECT_TRUE(eventually(*executor, [](const auto& s) { return s.writerIdle; }));
+    EXPECT_EQ(executor->stats().waiting, c.hostDown ? 4u : 1u);
+    EXPECT_EQ(server_.urls().size(), c.hostDown ? 1u : 3u);
+  }
+}
+
+// One sender while little is sent; a backlog starts more, up to the
+// concurrency, and the extra ones end once there is nothing to send.
+TEST_F(DurableRequestExecutorTest, ABacklogStartsMoreSendersAndTheyEndAfterAnIdleSpell) {
+  auto o = options();
+  o.concurrency = 3;
+  o.idleSenderTimeout = 1ms;
+  auto executor = start(o);
+  EXPECT_EQ(executor->stats().senders, 1u);
+
+  // Answered one by one: one sender is enough.
+  for (int i = 0; i < 5; ++i) {
+    executor->executeRequest(makeRequest("single-" + std::to_string(i)));
+    ASSERT_TRUE(executor->flush(5s));
+  }
+  EXPECT_EQ(executor->stats().senders, 1u);
+
+  // Every transfer hangs until released: the backlog starts a sender per
+  // transfer, up to three.
+  server_.closeGate();
+  for (int i = 0; i < 20; ++i) executor->executeRequest(makeRequest("burst-" + std::to_string(i)));
+  ASSERT_TRUE(server_.waitForAttempts(5 + 3, 5s));
+  EXPECT_EQ(executor->stats().senders, 3u);
+  server_.release(FakeServer::status(204));
+  ASSERT_TRUE(executor->flush(10s));
+  EXPECT_EQ(executor->stats().delivered, 25u);
+  EXPECT_EQ(server_.urls().size(), 25u);
+
+  EXPECT_TRUE(eventually(*executor, [](const auto& s) { return s.senders == 1; }));
+  // The one left still sends, and a new backlog starts senders again.
+  server_.closeGate();
+  for (int i = 0; i < 10; ++i) executor->executeRequest(makeRequest("again-" + std::to_string(i)));
+  ASSERT_TRUE(server_.waitForAttempts(25 + 3, 5s));
+  EXPECT_EQ(executor->stats().senders, 3u);
+  server_.release(FakeServer::status(204));
+  ASSERT_TRUE(executor->flush(10s));
+  EXPECT_EQ(executor->stats().delivered, 35u);
 }
 
 TEST_F(DurableRequestExecutorTest, RetryAfterHoldsTheHostAndSurvivesARestart) {

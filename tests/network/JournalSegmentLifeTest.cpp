@@ -1,5 +1,7 @@
 // A journal segment's life under the store: closed, fully delivered, removed
-// while the front still holds it, and what the next segments are made of.
+// while the front still holds it, what the next segments are made of, and
+// how large they are made.
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -7,7 +9,9 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <filesystem>
+#include <vector>
 
 #include <korvel/network/internal/RequestStore.h>
 #include "support/FolderTest.h"
@@ -69,6 +73,82 @@ TEST_F(JournalSegmentLifeTest, ASegmentRemovedBeforeItIsFinishedIsNeverHandedOut
   ASSERT_FALSE(WIFSIGNALED(status)) << "the child died of signal " << WTERMSIG(status) << " ("
                                     << strsignal(WTERMSIG(status)) << ")";
   EXPECT_EQ(WEXITSTATUS(status), 0);
+}
+
+struct SegmentFiles {
+  size_t count = 0;
+  uint64_t bytes = 0;    // allocated on the disk
+  uint64_t largest = 0;  // file size
+};
+
+SegmentFiles segmentFiles(const fs::path& dir) {
+  SegmentFiles files;
+  for (const auto& entry : fs::directory_iterator(dir)) {
+    if (entry.path().extension() != ".log") continue;
+    struct stat st {};
+    if (stat(entry.path().c_str(), &st) != 0) continue;
+    ++files.count;
+    files.bytes += static_cast<uint64_t>(st.st_blocks) * 512;
+    files.largest = std::max<uint64_t>(files.largest, static_cast<uint64_t>(st.st_size));
+  }
+  return files;
+}
+
+// A few waiting requests hold a small segment and one small spare; a burst
+// makes segments grow up to the configured size; a pause of one sync keeps
+// them, a few quiet syncs in a row bring back
+// small segments and one spare, and the records stay readable throughout.
+TEST_F(JournalSegmentLifeTest, SegmentsStartSmallGrowUnderABurstAndShrinkWhenQuiet) {
+  constexpr uint64_t kSegmentBytes = 1u << 20;
+  RequestStoreOptions options;
+  options.directory = dir_;
+  options.segmentBytes = kSegmentBytes;
+  auto store = openJournalRequestStore(options);
+  ASSERT_NE(store, nullptr);
+  store->recover();
+  const uint64_t epoch = uint64_t{store->epoch()} << 32;
+  uint32_t next = 0;
+  std::vector<uint64_t> ids;
+  auto appendSome = [&](int count) {
+    for (int i = 0; i < count; ++i) {
+      const uint64_t id = epoch | next++;
+      ASSERT_TRUE(store->append(frameOf(id, 700), id));
+      ids.push_back(id);
+    }
+  };
+
+  appendSome(5);
+  store->sync({});
+  SegmentFiles few = segmentFiles(dir_);
+  EXPECT_EQ(few.count, 2u) << "the active segment and one spare";
+  EXPECT_LE(few.bytes, 256u << 10);
+  EXPECT_FALSE(store->settled()) << "appended since the last sync";
+
+  // About 2 MiB at once: every full segment makes the next one larger.
+  appendSome(3000);
+  store->sync({});
+  appendSome(3000);
+  store->sync({});
+  EXPECT_EQ(segmentFiles(dir_).largest, kSegmentBytes);
+
+  // A pause between bursts is not rest.
+  store->sync({});
+  EXPECT_FALSE(store->settled());
+  EXPECT_GE(segmentFiles(dir_).count, 3u) << "the large segments and their spares are kept";
+
+  // Quiet: nothing appended for a few syncs.
+  for (int i = 0; i < 10 && !store->settled(); ++i) store->sync(ids);
+  ASSERT_TRUE(store->settled());
+  const SegmentFiles quiet = segmentFiles(dir_);
+  EXPECT_EQ(quiet.count, 2u) << "a small active segment and one small spare";
+  EXPECT_LE(quiet.bytes, 256u << 10);
+
+  // Small again: a handful more takes no large segment.
+  ids.clear();
+  appendSome(5);
+  store->sync({});
+  EXPECT_LE(segmentFiles(dir_).bytes, 256u << 10);
+  for (uint64_t id : ids) EXPECT_TRUE(store->load(id).has_value()) << id;
 }
 
 }  // namespace

@@ -72,7 +72,10 @@ void DurableRequestExecutor::unlink(Entries::iterator it) {
 
 // Forgets an entry that is no longer queued anywhere.
 DurableRequestExecutor::Entries::iterator DurableRequestExecutor::erase(Entries::iterator it) {
-  if (it->second.durable) finished_.push_back(it->first);
+  if (it->second.durable) {
+    finished_.push_back(it->first);
+    wakeIdleWriter();  // the store forgets it at the next sync
+  }
   storedBytes_ -= it->second.bytes;
   whole_.erase(it->first);
   return entries_.erase(it);

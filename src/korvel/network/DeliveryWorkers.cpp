@@ -5,7 +5,9 @@
 #include <korvel/network/internal/DurableRequestExecutor.h>
 
 #include <algorithm>
+#include <optional>
 #include <random>
+#include <thread>
 
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/foundation/KVNRequestReload.h>
@@ -23,9 +25,6 @@ namespace {
 // How often requests held back by their configuration policy are looked at
 // again; the configuration announces no changes.
 constexpr auto kPolicyRecheckInterval = std::chrono::milliseconds(50);
-// While a host backs off, new reports wake no worker; a worker looks at
-// them this often (they may be for another host).
-constexpr auto kBackoffRecheckInterval = std::chrono::milliseconds(500);
 
 // "scheme://host:port" of a URL (the port only when given); the URL itself
 // when it has no scheme.
@@ -89,6 +88,7 @@ void DurableRequestExecutor::hostFailed(int index, bool probe, const DeliveryRes
       delay = std::max(delay, honoured);
       host.retryAfterUntilMillis = wallMillis() + honoured.count();
       hostsDirty_ = true;
+      wakeIdleWriter();
     }
   }
   host.notBefore = std::max(host.notBefore, now + delay);
@@ -103,6 +103,7 @@ void DurableRequestExecutor::hostAnswered(int index) {
   if (host.retryAfterUntilMillis != 0) {
     host.retryAfterUntilMillis = 0;
     hostsDirty_ = true;
+    wakeIdleWriter();
   }
   const size_t count = host.held.size();
   // All at once: one by one, each would move the ready ones before it.
@@ -223,6 +224,7 @@ void DurableRequestExecutor::deliverEvents() {
 
 void DurableRequestExecutor::logRepeated(const std::string& line) {
   auto [it, first] = repeated_.try_emplace(line, 0);
+  wakeIdleWriter();  // it sums the repeats up
   if (first) {
     logger_.log(LogLevel::Error, line);
   } else {
@@ -255,6 +257,11 @@ void DurableRequestExecutor::workerLoop() {
   std::minstd_rand random(std::random_device{}());
   std::uniform_real_distribution<double> unit(0.0, 1.0);
 
+  // Since when this sender found nothing to send; an extra one ends after
+  // the idle timeout.
+  Clock::time_point idleSince{};
+  bool idle = false;
+  bool ended = false;
   mutex_.lock();
   while (!stopping_) {
     deliverEvents();
@@ -268,9 +275,15 @@ void DurableRequestExecutor::workerLoop() {
       Entry& entry = entries_.at(id);
       entry.state = State::InFlight;
       ++inFlight_;
-      // Reports wake one worker; it wakes the next while there is more.
-      if (sleepingWorkers_ > 0 && ready_[0].size() + ready_[1].size() + ready_[2].size() > 0) {
-        workAvailable_.signal();
+      idle = false;
+      // Reports wake one sender; it wakes the next while there is more, or,
+      // when none sleeps, starts one (a backlog), up to the concurrency.
+      if (moreReady()) {
+        if (sleepingWorkers_ > 0) {
+          workAvailable_.signal();
+        } else if (sendersRunning_ < static_cast<size_t>(std::max(1, options_.concurrency))) {
+          startSender();
+        }
       }
       std::shared_ptr<const KVNNetworkRequest> request;
       if (auto kept = whole_.find(id); kept != whole_.end()) request = kept->second;
@@ -374,20 +387,26 @@ void DurableRequestExecutor::workerLoop() {
     std::optional<Clock::time_point> wake;
     auto wakeBy = [&wake](Clock::time_point at) { wake = wake ? std::min(*wake, at) : at; };
     if (!waiting_.empty()) wakeBy(waiting_.begin()->first);
-    if (hostsBackingOff_ > 0) {
-      // New reports wake no worker now: the next probe time does, or, while
-      // a probe is on its way, a short recheck.
-      std::optional<Clock::time_point> probeAt;
-      for (const Host& h : hosts_) {
-        if (h.steps > 0 && !h.probing && h.notBefore > now) {
-          probeAt = probeAt ? std::min(*probeAt, h.notBefore) : h.notBefore;
-        }
-      }
-      wakeBy(probeAt ? *probeAt : now + kPolicyRecheckInterval);
-      wakeBy(now + kBackoffRecheckInterval);
+    // A host that backs off with requests held wakes a sender at its probe
+    // time (or soon, when its probe is due but the configuration holds its
+    // requests back). A probe on its way needs no timer: its sender looks
+    // again when it ends, and new reports wake a sender themselves.
+    for (const Host& h : hosts_) {
+      if (h.steps == 0 || h.probing || h.held.empty()) continue;
+      wakeBy(h.notBefore > now ? h.notBefore : now + kPolicyRecheckInterval);
     }
     if (!paused_ && (!ready_[1].empty() || !ready_[2].empty())) {
       wakeBy(now + kPolicyRecheckInterval);
+    }
+    if (sendersRunning_ > 1) {
+      // An extra sender with nothing to send ends after the idle timeout.
+      if (!idle) idleSince = now;
+      idle = true;
+      if (now - idleSince >= options_.idleSenderTimeout) {
+        ended = true;
+        break;
+      }
+      wakeBy(idleSince + options_.idleSenderTimeout);
     }
     bool wakeable = false;
     if (!markAsleep(wakeable)) continue;  // handed over meanwhile
@@ -401,7 +420,47 @@ void DurableRequestExecutor::workerLoop() {
     markAwake(wakeable);
   }
   deliverEvents();
+  if (ended) {
+    // Listed for startSender (or the destructor) to join; mutex_ is not
+    // taken again by this thread.
+    --sendersRunning_;
+    endedSenders_.push_back(std::this_thread::get_id());
+  }
   mutex_.unlock();
+}
+
+bool DurableRequestExecutor::moreReady() const {
+  if (!ready_[0].empty()) return true;
+  for (int b = 1; b < 3; ++b) {
+    if (!ready_[b].empty() && KVNConfigurationPolicySatisfied(b)) return true;
+  }
+  return false;
+}
+
+bool DurableRequestExecutor::startSender() {
+  if (stopping_) return false;
+  if (!endedSenders_.empty()) {
+    // Each let go of mutex_ for the last time before it was listed: the
+    // joins wait for no more than its exit.
+    for (auto it = workers_.begin(); it != workers_.end();) {
+      if (std::find(endedSenders_.begin(), endedSenders_.end(), it->get_id()) !=
+          endedSenders_.end()) {
+        it->join();
+        it = workers_.erase(it);
+      } else {
+        ++it;
+      }
+    }
+    endedSenders_.clear();
+  }
+  try {
+    workers_.emplace_back([this] { workerLoop(); });
+  } catch (...) {
+    // No thread to be had: the running senders carry on.
+    return false;
+  }
+  ++sendersRunning_;
+  return true;
 }
 
 }  // namespace korvel::platform

@@ -1,7 +1,9 @@
 // The durable executor's writer thread: restores what earlier runs stored,
-// then every sync interval syncs the journal, tells it what is finished,
+// then, while anything is unsynced or left to do, every sync interval syncs
+// the journal, tells it what is finished,
 // applies the age cap, writes the collapsed log lines and keeps the hosts'
-// Retry-After times and the store's clock in the directory. Requests the
+// Retry-After times and the store's clock in the directory; with nothing
+// left it sleeps until work arrives, with no timer. Requests the
 // store refused (a full disk, the folder gone) are stored by it once the
 // store takes appends again.
 #include <korvel/network/internal/DurableRequestExecutor.h>
@@ -237,6 +239,32 @@ void DurableRequestExecutor::storeUnstored() {
   }
 }
 
+bool DurableRequestExecutor::writerHasWork() const {
+  return !finished_.empty() || appendsSinceLog_ > 0 || appendFailuresSinceLog_ > 0 ||
+         !unstored_.empty() || hostsDirty_ || overCapSinceLog_ > 0 || tooOldSinceLog_ > 0 ||
+         !repeated_.empty() || segmentSwitched_.load(std::memory_order_acquire) ||
+         handoffsWaiting_.load(std::memory_order_acquire);
+}
+
+bool DurableRequestExecutor::sleepUntilWork() {
+  {
+    // Checked and set under the hand-off lock: a report call that hands a
+    // request over after this sees the flag and wakes the writer.
+    MutexLock lock(handoffMutex_);
+    if (!handoffs_.empty()) return false;
+    writerIdle_.store(true, std::memory_order_relaxed);
+  }
+  while (writerIdle_.load(std::memory_order_relaxed) && !writerStopping_ && !syncRequested_) {
+    writerWake_.wait(mutex_);
+  }
+  writerIdle_.store(false, std::memory_order_relaxed);
+  return true;
+}
+
+void DurableRequestExecutor::wakeIdleWriter() {
+  if (writerIdle_.exchange(false, std::memory_order_relaxed)) writerWake_.signal();
+}
+
 void DurableRequestExecutor::writerLoop() {
   // Not lowered, since report calls rely on it for new journal segments;
   // but batch, so that a sync finishing or a segment switch that wakes it
@@ -257,8 +285,18 @@ void DurableRequestExecutor::writerLoop() {
   int64_t lastClockSave = monotonicMillis();
   auto lastFullScan = Clock::now();
   auto lastRepeatedLog = Clock::now();
+  // The first pass makes the journal's spare segment, whatever comes.
+  bool storeSettled = false;
   mutex_.lock();
   for (;;) {
+    // Nothing unsynced and no duty left: no timer, the writer sleeps until
+    // work arrives (a report, a finished request, a log line, a flush).
+    if (storeSettled && !writerStopping_ && !syncRequested_ && !writerHasWork() &&
+        sleepUntilWork()) {
+      // Repeats of a line written while it slept are summed a full
+      // interval from now.
+      lastRepeatedLog = Clock::now();
+    }
     const auto until = Clock::now() + options_.syncInterval;
     while (!writerStopping_ && !syncRequested_) {
       // A switch signalled between this check and the wait is seen at the
@@ -322,8 +360,13 @@ void DurableRequestExecutor::writerLoop() {
       if (unstored && store_->durable()) storeUnstored();
       if (compact) store_->compact();
       if (compact) storeStats = store_->stats();
+      storeSettled = store_->settled();
+    } else {
+      storeSettled = true;
     }
     if (hosts && store_) saveHosts(*hosts);
+    // Brought up to date at a sync, never on a timer of its own: a run
+    // that idles for long still moves it at its end.
     if (store_ && (stop || monotonicMillis() - lastClockSave >= kClockSaveIntervalMillis)) {
       lastClockSave = monotonicMillis();
       saveClock(storeClockMillis());

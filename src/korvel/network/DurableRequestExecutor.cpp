@@ -117,19 +117,21 @@ DurableRequestExecutor::DurableRequestExecutor(std::string sessionIdentifier, Op
   if (store_) loadHosts();
 
   writer_ = std::thread([this] { writerLoop(); });
-  const int workers = std::max(1, options_.concurrency);
-  workers_.reserve(static_cast<size_t>(workers));
-  for (int i = 0; i < workers; ++i) workers_.emplace_back([this] { workerLoop(); });
+  // One sender; more start under a backlog (startSender).
+  MutexLock lock(mutex_);
+  startSender();
 }
 
 DurableRequestExecutor::~DurableRequestExecutor() {
+  std::vector<std::thread> workers;
   {
     MutexLock lock(mutex_);
-    stopping_ = true;
+    stopping_ = true;  // no sender starts from now on
+    workers.swap(workers_);
   }
   cancel_ = true;
   workAvailable_.signalAll();
-  for (auto& worker : workers_) worker.join();
+  for (auto& worker : workers) worker.join();
   {
     MutexLock lock(mutex_);
     writerStopping_ = true;
@@ -214,6 +216,7 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
   }
   std::shared_ptr<const KVNNetworkRequest> dropped;  // freed outside the lock
   bool wake;
+  bool wakeWriter;
   bool nudgeWriter;
   {
     MutexLock lock(handoffMutex_);
@@ -223,6 +226,9 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
     // Only the first request handed over wakes a worker: the worker takes
     // the whole list, and wakes more workers when there is more to send.
     wake = handoffs_.empty() && wakeableWorkers_ > 0;
+    // A writer asleep with nothing to sync syncs this one within the
+    // interval; only the first report after such a sleep sees the flag.
+    wakeWriter = writerIdle_.load(std::memory_order_relaxed);
     handoffs_.push_back(std::move(handoff));
     nudgeWriter = handoffs_.size() % kHandoffBatch == 0;
   }
@@ -230,11 +236,12 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
     handoffsWaiting_.store(true, std::memory_order_release);
     writerWake_.signal();
   }
-  if (wake) {
-    // A worker registered as asleep holds mutex_ until it waits: taking it
-    // here makes sure the signal finds it waiting.
+  if (wake || wakeWriter) {
+    // A worker or the writer registered as asleep holds mutex_ until it
+    // waits: taking it here makes sure the signal finds it waiting.
     MutexLock lock(mutex_);
-    workAvailable_.signal();
+    if (wake) workAvailable_.signal();
+    if (wakeWriter) wakeIdleWriter();
   }
 } catch (...) {
   // Out of memory queueing it: the request is dropped, and said so when the
@@ -339,6 +346,9 @@ DurableRequestExecutor::Stats DurableRequestExecutor::stats() {
   s.waiting = entries_.size() - parked_;
   s.durable = stats_.durable && !appendsFailing_ && store_->durable();
   s.hostsBackingOff = hostsBackingOff_;
+  s.senders = sendersRunning_;
+  s.syncs = syncCompleted_;
+  s.writerIdle = writerIdle_.load(std::memory_order_relaxed);
   return s;
 }
 
@@ -381,9 +391,10 @@ void DurableRequestExecutor::refreshKeepWhole() {
 bool DurableRequestExecutor::markAsleep(bool& wakeable) {
   MutexLock lock(handoffMutex_);
   if (!handoffs_.empty()) return false;
-  // While paused or while a host backs off, reports wake no worker: the
-  // worker wakes at the next attempt time, or when delivery resumes.
-  wakeable = !paused_ && hostsBackingOff_ == 0;
+  // While paused, reports wake no worker: delivery resuming does. While a
+  // host backs off they do (the new requests may be for another host); the
+  // ones for that host are held without a connection.
+  wakeable = !paused_;
   if (wakeable) ++wakeableWorkers_;
   return true;
 }

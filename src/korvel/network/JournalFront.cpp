@@ -21,7 +21,9 @@ using namespace journal;
 
 JournalFront::JournalFront(RequestStoreOptions options)
     : options_(std::move(options)),
-      files_(options_.fileSystem != nullptr ? *options_.fileSystem : posixFileSystem()) {}
+      files_(options_.fileSystem != nullptr ? *options_.fileSystem : posixFileSystem()) {
+  segmentSize_.store(firstSegmentBytes(), std::memory_order_relaxed);
+}
 
 JournalFront::~JournalFront() {
   MutexLock lock(mutex_);
@@ -187,8 +189,9 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
   directoryDirty_ = true;
 
   const uint64_t page = pageBytes();
-  const uint64_t wanted = std::max<uint64_t>(std::min(options_.segmentBytes, kMaxSegmentBytes / 2),
-                                             kSegmentHeaderBytes + frameBytes);
+  const uint64_t wanted =
+      std::max<uint64_t>(std::min(segmentSize_.load(std::memory_order_relaxed), kMaxSegmentBytes / 2),
+                         kSegmentHeaderBytes + frameBytes);
   const uint64_t capacity = std::min((wanted + page - 1) / page * page, limit / page * page);
   if (capacity >= kSegmentHeaderBytes + frameBytes &&
       reserveWithZeros(files_, segment.fd, kSegmentHeaderBytes, capacity, prefault)) {
@@ -234,6 +237,21 @@ void JournalFront::finish(Segment& segment) {
   segment.fd = -1;
 }
 
+uint64_t JournalFront::firstSegmentBytes() const {
+  return std::min<uint64_t>(options_.segmentBytes, kFirstSegmentBytes);
+}
+
+void JournalFront::growSegments() {
+  // Appends filled a segment: a burst. The next ones are larger, and two
+  // spares are kept, so that it switches less often.
+  const uint64_t grown = std::min<uint64_t>(segmentSize_.load(std::memory_order_relaxed) * 2,
+                                            std::max(options_.segmentBytes, firstSegmentBytes()));
+  segmentSize_.store(grown, std::memory_order_relaxed);
+  if (spareTarget_.load(std::memory_order_relaxed) < kSpareSegments) {
+    spareTarget_.store(kSpareSegments, std::memory_order_relaxed);
+  }
+}
+
 bool JournalFront::switchSegmentLocked(size_t frameBytes) {
   std::optional<Segment> next;
   if (!spares_.empty() && spares_.front().hasRoom(frameBytes)) {
@@ -263,6 +281,7 @@ std::optional<JournalFront::Appended> JournalFront::appendLocked(std::string_vie
       ++appendsRefused_;
       return std::nullopt;
     }
+    if (active_.fd >= 0 && !active_.broken) growSegments();
     if (!switchSegmentLocked(frame.size())) return std::nullopt;
     switched = true;
   }
@@ -413,7 +432,56 @@ void JournalFront::topUpSpares() {
   }
 }
 
+void JournalFront::restIfQuiet(bool& quiet) {
+  std::vector<Segment> dropped;
+  {
+    MutexLock lock(mutex_);
+    const bool nothingSince =
+        active_.fd >= 0 && !active_.dirty && closing_.empty() && !cannotMakeSegments_;
+    quietSyncs_ = nothingSince ? quietSyncs_ + 1 : 0;
+    quiet = quietSyncs_ >= kQuietSyncsToRest;
+    if (!quiet) {
+      rested_ = false;
+      return;
+    }
+    // Nothing appended for a few syncs in a row (a pause between bursts is
+    // not quiet): small segments and one spare again, so that a few waiting
+    // requests hold little of the disk.
+    segmentSize_.store(firstSegmentBytes(), std::memory_order_relaxed);
+    spareTarget_.store(kQuietSpareSegments, std::memory_order_relaxed);
+    const uint64_t smallRoom = roundToPage(firstSegmentBytes());
+    size_t kept = 0;
+    for (auto it = spares_.begin(); it != spares_.end();) {
+      if (it->room <= smallRoom && kept < kQuietSpareSegments) {
+        ++kept;
+        ++it;
+      } else {
+        dropped.push_back(*it);
+        it = spares_.erase(it);
+      }
+    }
+  }
+  for (auto& spare : dropped) {
+    // Never written to.
+    files_.unlinkAt(folder_, segmentName(spare.number).c_str(), 0);
+    finish(spare);
+    directoryDirty_ = true;
+  }
+}
+
+uint64_t JournalFront::roundToPage(uint64_t bytes) {
+  const uint64_t page = pageBytes();
+  return (bytes + page - 1) / page * page;
+}
+
+bool JournalFront::settled() const {
+  MutexLock lock(mutex_);
+  return rested_ && !active_.dirty && closing_.empty();
+}
+
 void JournalFront::syncActive() {
+  bool quiet = false;
+  restIfQuiet(quiet);
   // Spares first: a caller may be about to need one.
   topUpSpares();
 
@@ -431,6 +499,14 @@ void JournalFront::syncActive() {
         active_.bytes - active_.syncedBytes >= kSyncInPlaceBytes && !spares_.empty()) {
       switchSegmentLocked(0);
     }
+    // Quiet, with a large segment left from a burst: a small spare takes
+    // over, and the large one is cut to what it holds.
+    if (quiet && active_.map != nullptr && active_.room > roundToPage(firstSegmentBytes()) &&
+        !spares_.empty() && spares_.front().room <= roundToPage(firstSegmentBytes())) {
+      switchSegmentLocked(0);
+    }
+    // At rest once a quiet sync left nothing to do.
+    rested_ = quiet && closing_.empty() && !active_.dirty;
     closing.swap(closing_);
     active = active_;
     active_.dirty = false;

@@ -139,6 +139,8 @@ class JournalRequestStore final : public RequestStore {
 
   bool durable() const override { return !homeless_; }
 
+  bool settled() const override { return front_->settled(); }
+
   std::optional<StoredRequest> load(uint64_t id) override KORVEL_EXCLUDES(indexMutex_) {
     MutexLock lock(indexMutex_);
     auto at = stored_.find(id);

@@ -17,8 +17,10 @@
 // the backlog. Held whole are only requests without a restoration payload
 // and, while few are ready and nothing backs off, the ones about to go out.
 //
-// Workers (Options::concurrency threads, each with its own keep-alive
-// connection) take requests by priority (higher first, then submission
+// Workers (sender threads, each with its own keep-alive connection; one
+// while little is sent, up to Options::concurrency while a backlog waits,
+// the extra ones ending after Options::idleSenderTimeout with nothing to
+// send) take requests by priority (higher first, then submission
 // order), hold back those whose configuration policy is not met, call the
 // endpoint builder just before sending (so the URL reflects the configuration
 // as it is then) and send one GET each.
@@ -39,9 +41,10 @@
 // (seconds or HTTP-date, up to maxRetryAfter). Then one request goes as a
 // probe while the others wait; when it gets an answer the host is healthy
 // again and its backlog goes out at full speed. A Retry-After is kept in the
-// store's directory and honoured after a restart. While a host backs off, a
-// new report wakes no worker. Requests whose endpoint cannot be built retry
-// on their own, with the same delays.
+// store's directory and honoured after a restart. While a host backs off,
+// nothing wakes a sender but its probe time or a new report (whose request
+// is held with the others when it is for that host). Requests whose
+// endpoint cannot be built retry on their own, with the same delays.
 //
 // Size: a request whose restoration payload or URL exceeds
 // Options::maxRequestBytes (64 KiB unless set) is dropped at once, with a log
@@ -49,7 +52,10 @@
 //
 // Writer thread: every Options::syncInterval it syncs the journal (group
 // sync), records which requests are finished, compacts, applies the age cap
-// and logs what the caps dropped. At start it first restores the requests an
+// and logs what the caps dropped, for as long as anything is unsynced or
+// left to do; then it sleeps with no timer until work arrives (the age cap
+// and the clock file wait for that next sync). Idle, the executor wakes
+// the processor for nothing. At start it first restores the requests an
 // earlier run left through KVNRequestRestorers::restore(kind, payload)
 // (restoring a beacon decodes its record, which posts its creation
 // notification once more) and queues them ahead of newer ones. A request that
@@ -75,8 +81,8 @@
 //  - Across runs only a stamp on disk can tell. Records are stamped with the
 //    store's clock: the wall clock, but never earlier than the store's clock
 //    at this run's start (kept in the directory's "clock" file, written at
-//    most once a minute and at the end of a run) plus the monotonic time
-//    since. It never runs backwards across runs, so a wall clock that was
+//    a sync at most once a minute and at the end of a run) plus the
+//    monotonic time since. It never runs backwards across runs, so a wall clock that was
 //    behind (a device without a battery-backed clock that boots in 1970, a
 //    clock set back) neither stamps records as older than they are nor makes
 //    earlier runs' records look new again: each run's uptime still counts
@@ -150,7 +156,11 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     std::chrono::milliseconds retryBaseDelay{1'000};
     std::chrono::milliseconds maxRetryDelay{5 * 60'000};
     std::chrono::milliseconds maxRetryAfter{60 * 60'000};
+    // Sender threads at most. One runs while little is sent; more start
+    // while a backlog waits, and each extra one ends after this long with
+    // nothing to send.
     int concurrency = 4;
+    std::chrono::milliseconds idleSenderTimeout{5'000};
     // The group-sync window: the most a power loss can take.
     std::chrono::milliseconds syncInterval{200};
     std::chrono::milliseconds requestTimeout{30'000};
@@ -180,6 +190,11 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     // appends failing): they are kept in memory only.
     bool durable = false;
     size_t hostsBackingOff = 0;
+    size_t senders = 0;  // sender threads running
+    uint64_t syncs = 0;  // the writer's syncs so far
+    // The writer sleeps with no timer: nothing is unsynced and no duty is
+    // left until work arrives.
+    bool writerIdle = false;
   };
 
   // $XDG_DATA_HOME (or ~/.local/share), then "korvel/<session identifier>".
@@ -256,7 +271,19 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   static int bucketOf(int policy);
 
   void workerLoop() KORVEL_EXCLUDES(mutex_);
+  // Starts one more sender thread (none once stopping); false when it
+  // could not be started. Joins the senders that ended.
+  bool startSender() KORVEL_REQUIRES(mutex_);
   void writerLoop() KORVEL_EXCLUDES(mutex_);
+  // Whether the writer has something to do at a sync (besides the store's
+  // own work): finished requests, appends, log lines, files to write.
+  bool writerHasWork() const KORVEL_REQUIRES(mutex_);
+  // The writer sleeps, with no timer, until wakeIdleWriter, a flush or the
+  // end; false when requests were handed over meanwhile (no sleep then).
+  bool sleepUntilWork() KORVEL_REQUIRES(mutex_) KORVEL_EXCLUDES(handoffMutex_);
+  // Wakes the writer when it sleeps with nothing to do; whoever gives it
+  // work calls this.
+  void wakeIdleWriter() KORVEL_REQUIRES(mutex_);
   void restoreStored() KORVEL_EXCLUDES(mutex_);
   // A stored request read back and restored; nothing when it cannot be.
   std::shared_ptr<const KVNNetworkRequest> readBack(uint64_t id) KORVEL_EXCLUDES(mutex_);
@@ -310,6 +337,8 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   bool pickProbe(std::chrono::steady_clock::time_point now, uint64_t& id, int& host)
       KORVEL_REQUIRES(mutex_);
   bool pickReady(uint64_t& id) KORVEL_REQUIRES(mutex_);
+  // Whether requests are ready that their configuration policy lets go.
+  bool moreReady() const KORVEL_REQUIRES(mutex_);
   // Logs, once per stretch, that ready requests wait for their
   // configuration policy (an endpoint and an inid, or a configuration).
   void noteHeldByPolicy() KORVEL_REQUIRES(mutex_);
@@ -408,7 +437,14 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // taken: the writer takes them into the queue now.
   std::atomic<bool> handoffsWaiting_{false};
 
-  std::vector<std::thread> workers_;
+  // Set by the writer (under mutex_ and handoffMutex_) while it sleeps with
+  // no timer; cleared by whoever wakes it.
+  std::atomic<bool> writerIdle_{false};
+
+  // Sender threads, running or ended and not joined yet.
+  std::vector<std::thread> workers_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<std::thread::id> endedSenders_ KORVEL_GUARDED_BY(mutex_);
+  size_t sendersRunning_ KORVEL_GUARDED_BY(mutex_) = 0;
   std::thread writer_;
 };
 

@@ -4,7 +4,10 @@
 //
 // Segments are memory-mapped: a segment file is created with its full size
 // reserved on disk (written with zeros, so a full disk shows up then and
-// never as a fault inside a mapped write) and mapped shared. An append is a
+// never as a fault inside a mapped write) and mapped shared. Segments start
+// small (a few requests waiting hold little of the disk) and grow while
+// appends fill them, up to the configured size; a few quiet syncs in a row
+// make them small again and keep one spare. An append is a
 // memcpy into the mapping under a short lock: once it returns, the bytes
 // belong to the kernel's page cache and survive a kill of the process, with
 // no system call on the caller's thread. The writer thread makes them
@@ -145,6 +148,10 @@ class JournalFront {
   // the segments closed since the last call. Writer thread.
   void syncActive() KORVEL_EXCLUDES(mutex_);
   void syncDirectory();
+  // The last syncActive() found nothing appended for a few syncs and left
+  // the segments at rest (small, one spare), and nothing was appended
+  // since: another sync would do nothing.
+  bool settled() const KORVEL_EXCLUDES(mutex_);
 
   // Reading stops early (tail Truncated at the point reached, stopped set)
   // when stop turns true.
@@ -171,6 +178,9 @@ class JournalFront {
 
   // Offsets in a segment fit 32 bits (the store's index keeps them so).
   static constexpr uint64_t kMaxSegmentBytes = 1ull << 30;
+  // The first segments' size (or segmentBytes when smaller): about eighty
+  // beacons. Segments grow from it only while appends fill them.
+  static constexpr uint64_t kFirstSegmentBytes = 64u << 10;
 
  private:
   struct Segment {
@@ -201,6 +211,14 @@ class JournalFront {
   // Logs the first failure to make a segment, counts the rest.
   void segmentFailed(const std::string& error) KORVEL_REQUIRES(mutex_);
   void topUpSpares() KORVEL_EXCLUDES(mutex_);
+  // At the start of a sync: when nothing was appended for the last few
+  // syncs (quiet), segments start small again and spares past one, or
+  // larger than a small segment, are let go.
+  void restIfQuiet(bool& quiet) KORVEL_EXCLUDES(mutex_);
+  // Appends filled the active segment: the next ones are larger.
+  void growSegments() KORVEL_REQUIRES(mutex_);
+  uint64_t firstSegmentBytes() const;
+  static uint64_t roundToPage(uint64_t bytes);
   void finish(Segment& segment);
   void removeRecycledLeftovers(const std::vector<std::string>& names);
 
@@ -215,14 +233,20 @@ class JournalFront {
   std::atomic<uint32_t> nextSegment_{1};
   std::atomic<bool> directoryDirty_{false};
 
-  // Two spares carry a burst of appends over the time the writer takes to
+  // One spare while requests come one by one. Two carry a burst of appends
+  // (once appends filled a segment) over the time the writer takes to
   // notice that one was taken and to make the next. Once appends outran
   // them (a caller had to make a segment itself), four are kept: making a
   // segment costs the writer a file creation and a page fault per page,
-  // which a sustained burst of small segments can outpace.
+  // which a sustained burst of small segments can outpace. A quiet sync
+  // goes back to one.
+  static constexpr size_t kQuietSpareSegments = 1;
   static constexpr size_t kSpareSegments = 2;
   static constexpr size_t kMaxSpareSegments = 4;
-  std::atomic<size_t> spareTarget_{kSpareSegments};
+  std::atomic<size_t> spareTarget_{kQuietSpareSegments};
+  // The size of the segments made next: kFirstSegmentBytes, doubled by
+  // each segment appends fill, up to segmentBytes.
+  std::atomic<uint64_t> segmentSize_{kFirstSegmentBytes};
 
   // An active segment that took more than this since its last sync is
   // closed and synced unmapped rather than synced in place (syncActive).
@@ -238,6 +262,12 @@ class JournalFront {
   // No segment could be made: appends fail at once until the writer makes
   // one (syncActive), with one log line for the spell and a count after it.
   bool cannotMakeSegments_ KORVEL_GUARDED_BY(mutex_) = false;
+  // See settled().
+  bool rested_ KORVEL_GUARDED_BY(mutex_) = false;
+  // Syncs in a row that found nothing appended since the one before; at
+  // kQuietSyncsToRest the segments rest (restIfQuiet).
+  int quietSyncs_ KORVEL_GUARDED_BY(mutex_) = 0;
+  static constexpr int kQuietSyncsToRest = 5;
   uint64_t appendsRefused_ KORVEL_GUARDED_BY(mutex_) = 0;
 };
 

@@ -164,6 +164,10 @@ class RequestStore {
   // append and every forget so far survive a power loss.
   virtual void sync(std::span<const uint64_t> finished) = 0;
 
+  // Whether a sync now would find nothing to do: every append and move so
+  // far synced and the files at rest. Until then the owner syncs again.
+  virtual bool settled() const { return true; }
+
   // Moves whatever can be moved so the files hold only what is stored
   // (measurements and tests; sync() does this gradually).
   virtual void compact() = 0;
@@ -187,7 +191,9 @@ class FileSystem;
 
 struct RequestStoreOptions {
   std::filesystem::path directory;
-  // A journal segment is closed and a new one started past this size.
+  // The largest journal segment. The first ones are smaller
+  // (kFirstSegmentBytes); each that appends fill up makes the next twice as
+  // large, up to this, and a quiet sync starts small again.
   uint64_t segmentBytes = 1u << 20;
   // Set-aside files kept in "aside" (the newest).
   size_t keepAsideFiles = 4;
