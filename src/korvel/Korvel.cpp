@@ -9,7 +9,7 @@
 #include <vector>
 #include <system_error>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/foundation/URLComponents.h>
 #include <korvel/platform/Files.h>
