@@ -58,7 +58,7 @@
 #include "torture/Ledger.h"
 #include "torture/TortureHost.h"
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace {
 

@@ -12,7 +12,7 @@
 
 #include <korvel/beacon/KVRLogging.h>
 #include <korvel/beacon/internal/KVRBeaconHooks.h>
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/foundation/URLComponents.h>
 #include <korvel/platform/Files.h>

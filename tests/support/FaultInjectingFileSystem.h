@@ -14,7 +14,7 @@
 #include <string>
 #include <vector>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/network/internal/FileSystem.h>
 
 namespace korvel::testing {

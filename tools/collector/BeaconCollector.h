@@ -19,7 +19,7 @@
 #include <utility>
 #include <vector>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel::tools {
 

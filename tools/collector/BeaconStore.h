@@ -30,7 +30,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 struct sqlite3;
 

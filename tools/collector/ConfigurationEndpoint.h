@@ -20,7 +20,7 @@
 #include <thread>
 #include <vector>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel::tools {
 

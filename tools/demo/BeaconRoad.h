@@ -17,7 +17,7 @@
 #include <string>
 #include <vector>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel::demo {
 

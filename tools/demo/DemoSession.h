@@ -24,7 +24,7 @@
 #include <korvel/reporters/KVRTaggingReporter.h>
 
 #include "demo/BeaconRoad.h"
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel::tools {
 

@@ -14,7 +14,7 @@
 
 #include "collector/BeaconSink.h"
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel::tools::torture {
 

@@ -19,7 +19,7 @@
 #include <korvel/Korvel.h>
 #include <korvel/beacon/KVRReliableNetworkingTask.h>
 #include <korvel/foundation/KeyedArchive.h>
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 
 namespace korvel::tools::torture {

@@ -7,7 +7,7 @@
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRLogging.h>
 #include <korvel/beacon/internal/KVRBeaconHooks.h>
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Logging.h>

@@ -8,7 +8,7 @@
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRReportingUtilities.h>
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/platform/KVNTimer.h>

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/network/KVNConfigurationManager.h>
 #include <korvel/network/KVNRetryHandler.h>
@@ -51,6 +52,20 @@ void KVRDebugConfiguration::setBetaConfigurationEndpoint(std::optional<std::stri
   beta.override = std::move(url);
 }
 
+struct KVRDebugConfiguration::Impl {
+  mutable Mutex mutex_;
+  bool sendCarrierDataInConfigRequest_ KORVEL_GUARDED_BY(mutex_) = false;
+  bool globalSearchEnabled_ KORVEL_GUARDED_BY(mutex_) = false;
+  uint64_t customCarrierDataChoice_ KORVEL_GUARDED_BY(mutex_) = 0;
+  std::optional<std::string> overrideMCC_ KORVEL_GUARDED_BY(mutex_);
+  std::optional<std::string> overrideMNC_ KORVEL_GUARDED_BY(mutex_);
+  std::optional<std::string> navigationOption_ KORVEL_GUARDED_BY(mutex_);
+};
+
+KVRDebugConfiguration::KVRDebugConfiguration() : impl_(std::make_unique<Impl>()) {}
+
+KVRDebugConfiguration::~KVRDebugConfiguration() = default;
+
 KVRDebugConfiguration& KVRDebugConfiguration::sharedInstance() {
   // A function-local static is initialised exactly once, even when threads
   // race for it; the instance lives for the process.
@@ -59,63 +74,75 @@ KVRDebugConfiguration& KVRDebugConfiguration::sharedInstance() {
 }
 
 bool KVRDebugConfiguration::sendCarrierDataInConfigRequest() const {
-  MutexLock lock(mutex_);
-  return sendCarrierDataInConfigRequest_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.sendCarrierDataInConfigRequest_;
 }
 
 void KVRDebugConfiguration::setSendCarrierDataInConfigRequest(bool value) {
-  MutexLock lock(mutex_);
-  sendCarrierDataInConfigRequest_ = value;
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  d.sendCarrierDataInConfigRequest_ = value;
 }
 
 bool KVRDebugConfiguration::globalSearchEnabled() const {
-  MutexLock lock(mutex_);
-  return globalSearchEnabled_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.globalSearchEnabled_;
 }
 
 void KVRDebugConfiguration::setGlobalSearchEnabled(bool value) {
-  MutexLock lock(mutex_);
-  globalSearchEnabled_ = value;
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  d.globalSearchEnabled_ = value;
 }
 
 uint64_t KVRDebugConfiguration::customCarrierDataChoice() const {
-  MutexLock lock(mutex_);
-  return customCarrierDataChoice_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.customCarrierDataChoice_;
 }
 
 void KVRDebugConfiguration::setCustomCarrierDataChoice(uint64_t value) {
-  MutexLock lock(mutex_);
-  customCarrierDataChoice_ = value;
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  d.customCarrierDataChoice_ = value;
 }
 
 std::optional<std::string> KVRDebugConfiguration::overrideMCCInConfigRequest() const {
-  MutexLock lock(mutex_);
-  return overrideMCC_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.overrideMCC_;
 }
 
 void KVRDebugConfiguration::setOverrideMCCInConfigRequest(std::optional<std::string> value) {
-  MutexLock lock(mutex_);
-  overrideMCC_ = std::move(value);
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  d.overrideMCC_ = std::move(value);
 }
 
 std::optional<std::string> KVRDebugConfiguration::overrideMNCInConfigRequest() const {
-  MutexLock lock(mutex_);
-  return overrideMNC_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.overrideMNC_;
 }
 
 void KVRDebugConfiguration::setOverrideMNCInConfigRequest(std::optional<std::string> value) {
-  MutexLock lock(mutex_);
-  overrideMNC_ = std::move(value);
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  d.overrideMNC_ = std::move(value);
 }
 
 std::optional<std::string> KVRDebugConfiguration::navigationOption() const {
-  MutexLock lock(mutex_);
-  return navigationOption_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.navigationOption_;
 }
 
 void KVRDebugConfiguration::setNavigationOption(std::optional<std::string> value) {
-  MutexLock lock(mutex_);
-  navigationOption_ = std::move(value);
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  d.navigationOption_ = std::move(value);
 }
 
 std::string KVRDebugConfiguration::configUrlString() const {

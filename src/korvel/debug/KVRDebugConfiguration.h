@@ -21,7 +21,6 @@
 
 #include <korvel/foundation/KVRParameters.h>
 #include <korvel/foundation/KVNConfiguration.h>
-#include <korvel/foundation/Mutex.h>
 
 namespace korvel {
 
@@ -100,15 +99,12 @@ class KORVEL_EXPORT KVRDebugConfiguration {
   KVRDate coolDownExpiryTime() const;
 
  private:
-  KVRDebugConfiguration() = default;
+  KVRDebugConfiguration();
+  ~KVRDebugConfiguration();
 
-  mutable Mutex mutex_;
-  bool sendCarrierDataInConfigRequest_ KORVEL_GUARDED_BY(mutex_) = false;
-  bool globalSearchEnabled_ KORVEL_GUARDED_BY(mutex_) = false;
-  uint64_t customCarrierDataChoice_ KORVEL_GUARDED_BY(mutex_) = 0;
-  std::optional<std::string> overrideMCC_ KORVEL_GUARDED_BY(mutex_);
-  std::optional<std::string> overrideMNC_ KORVEL_GUARDED_BY(mutex_);
-  std::optional<std::string> navigationOption_ KORVEL_GUARDED_BY(mutex_);
+  // The debug switches and their lock.
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace korvel

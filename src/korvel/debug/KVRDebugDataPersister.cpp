@@ -3,7 +3,7 @@
 #include <cstdlib>
 #include <system_error>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 #include <korvel/debug/WaveWriter.h>

@@ -10,6 +10,7 @@
 #include <korvel/debug/KVRDebugLogsDataProvider.h>
 #include <korvel/debug/KVRDebugOverlayWindow.h>
 #include <korvel/debug/KVRWaitingForConfigDetector.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNTaggingDebugResult.h>
 #include <korvel/platform/Logging.h>
@@ -94,16 +95,25 @@ bool KVRDebugMessageCenter::isDebugCenterAllowed() {
 
 // MARK: - Life cycle
 
+struct KVRDebugMessageCenter::Impl {
+  mutable Mutex mutex_;
+  bool isDebugging_ KORVEL_GUARDED_BY(mutex_) = false;
+  bool isShowingTagResult_ KORVEL_GUARDED_BY(mutex_) = false;
+  std::shared_ptr<const KVRTagResultInfo> tagResult_ KORVEL_GUARDED_BY(mutex_);
+  std::shared_ptr<KVRDebugLogsDataProvider> dataProvider_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<platform::ObserverRegistration> observers_ KORVEL_GUARDED_BY(mutex_);
+};
+
 KVRDebugMessageCenter::KVRDebugMessageCenter()
-    : detector_(std::make_unique<KVRWaitingForConfigDetector>()) {}
+    : impl_(std::make_unique<Impl>()), detector_(std::make_unique<KVRWaitingForConfigDetector>()) {}
 
 KVRDebugMessageCenter::~KVRDebugMessageCenter() {
   // First: once the observers are gone no handler runs on any thread, so
   // nothing below races with one.
   std::vector<platform::ObserverRegistration> observers;
   {
-    MutexLock lock(mutex_);
-    observers = std::move(observers_);
+    MutexLock lock(impl_->mutex_);
+    observers = std::move(impl_->observers_);
   }
   observers.clear();
   detector_->unregisterForConfigUpdates();
@@ -112,10 +122,11 @@ KVRDebugMessageCenter::~KVRDebugMessageCenter() {
 }
 
 void KVRDebugMessageCenter::startDebugging() {
+  Impl& d = *impl_;
   {
-    MutexLock lock(mutex_);
-    if (isDebugging_) return;
-    isDebugging_ = true;
+    MutexLock lock(d.mutex_);
+    if (d.isDebugging_) return;
+    d.isDebugging_ = true;
   }
   auto& center = platform::env().notificationCenter();
   observe(center, KVRDebugMessageDisplayingTagResultNotification,
@@ -142,59 +153,67 @@ void KVRDebugMessageCenter::startDebugging() {
 void KVRDebugMessageCenter::observe(
     platform::NotificationCenter& center, std::string_view name,
     void (KVRDebugMessageCenter::*handler)(const platform::Notification&)) {
+  Impl& d = *impl_;
   // The handler may use this center: the destructor removes the observer
   // (waiting for calls in flight) before anything else goes.
   platform::ObserverRegistration registration(
       center, center.addObserver(std::string(name), [this, handler](const platform::Notification& n) {
         (this->*handler)(n);
       }));
-  MutexLock lock(mutex_);
-  observers_.push_back(std::move(registration));
+  MutexLock lock(d.mutex_);
+  d.observers_.push_back(std::move(registration));
 }
 
 bool KVRDebugMessageCenter::isDebugging() const {
-  MutexLock lock(mutex_);
-  return isDebugging_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.isDebugging_;
 }
 
 // MARK: - Log and tag result
 
 std::shared_ptr<KVRDebugLogsDataProvider> KVRDebugMessageCenter::dataProvider() {
-  MutexLock lock(mutex_);
-  if (!dataProvider_) dataProvider_ = KVRDebugLogsDataProvider::make();
-  return dataProvider_;
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  if (!d.dataProvider_) d.dataProvider_ = KVRDebugLogsDataProvider::make();
+  return d.dataProvider_;
 }
 
 std::shared_ptr<const KVRTagResultInfo> KVRDebugMessageCenter::tagResult() const {
-  MutexLock lock(mutex_);
-  return tagResult_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.tagResult_;
 }
 
 bool KVRDebugMessageCenter::isShowingTagResult() const {
-  MutexLock lock(mutex_);
-  return isShowingTagResult_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.isShowingTagResult_;
 }
 
 void KVRDebugMessageCenter::displayingTagResult(const platform::Notification& n) {
+  Impl& d = *impl_;
   auto result = tagResultObject(n.object);
-  MutexLock lock(mutex_);
-  tagResult_ = std::move(result);
-  isShowingTagResult_ = true;
+  MutexLock lock(d.mutex_);
+  d.tagResult_ = std::move(result);
+  d.isShowingTagResult_ = true;
 }
 
 void KVRDebugMessageCenter::closedMatchResult(const platform::Notification&) {
-  MutexLock lock(mutex_);
-  tagResult_.reset();
-  isShowingTagResult_ = false;
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  d.tagResult_.reset();
+  d.isShowingTagResult_ = false;
 }
 
 void KVRDebugMessageCenter::displayingNoMatch(const platform::Notification& n) {
+  Impl& d = *impl_;
   const KVRDate* date = std::any_cast<KVRDate>(&n.object);
   auto result = date ? std::make_shared<const KVRNoMatchTagInfo>(*date)
                      : std::make_shared<const KVRNoMatchTagInfo>();
-  MutexLock lock(mutex_);
-  tagResult_ = std::move(result);
-  isShowingTagResult_ = true;
+  MutexLock lock(d.mutex_);
+  d.tagResult_ = std::move(result);
+  d.isShowingTagResult_ = true;
 }
 
 void KVRDebugMessageCenter::taggingDebugContext(const platform::Notification& n) {

@@ -38,7 +38,6 @@
 #include <string>
 #include <vector>
 
-#include <korvel/foundation/Mutex.h>
 #include <korvel/platform/NotificationCenter.h>
 
 namespace korvel {
@@ -128,12 +127,10 @@ class KORVEL_EXPORT KVRDebugMessageCenter : public std::enable_shared_from_this<
   void placeWaitingView();
   void removeWaitingView();
 
-  mutable Mutex mutex_;
-  bool isDebugging_ KORVEL_GUARDED_BY(mutex_) = false;
-  bool isShowingTagResult_ KORVEL_GUARDED_BY(mutex_) = false;
-  std::shared_ptr<const KVRTagResultInfo> tagResult_ KORVEL_GUARDED_BY(mutex_);
-  std::shared_ptr<KVRDebugLogsDataProvider> dataProvider_ KORVEL_GUARDED_BY(mutex_);
-  std::vector<platform::ObserverRegistration> observers_ KORVEL_GUARDED_BY(mutex_);
+  // What any thread reads or changes (the debugging switch, the tag result,
+  // the log, the observers) and its lock.
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 
   std::unique_ptr<KVRWaitingForConfigDetector> detector_;
 

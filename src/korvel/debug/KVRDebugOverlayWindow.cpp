@@ -6,7 +6,7 @@
 #include <korvel/debug/KVRDebugMessageCenter.h>
 #include <korvel/debug/KVRDebugOverlayViewController.h>
 #include <korvel/debug/KVRPagesProvider.h>
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel {
 

@@ -1,13 +1,50 @@
 #include <korvel/debug/KVRStayInAppSwizzler.h>
 
+#include <korvel/foundation/internal/Mutex.h>
+
 namespace korvel {
 
+struct KVRStayInAppSwizzler::Impl {
+  explicit Impl(platform::Application& app) : application(app) {}
+
+  void exchangeImplementations() KORVEL_REQUIRES(mutex) {
+    if (!swizzleEnabled) {
+      // Going in. An application without its own openURL gets one (the
+      // blocking implementation) and our slot keeps the inherited default;
+      // otherwise the two implementations simply trade places.
+      applicationDefinedOpenURL = application.definesOpenURL();
+      ownImplementation = application.exchangeOpenURLImplementation(std::move(ownImplementation));
+      return;
+    }
+    // Coming back: the application has our implementation as its own now.
+    auto former = std::move(ownImplementation);
+    if (applicationDefinedOpenURL) {
+      ownImplementation = application.exchangeOpenURLImplementation(std::move(former));
+    } else {
+      // It inherited the default before: leave it inheriting again rather
+      // than defining a copy of the default.
+      ownImplementation = application.exchangeOpenURLImplementation(nullptr);
+    }
+  }
+
+  platform::Application& application;
+  mutable Mutex mutex;
+  // What the swizzler's own blockedOpenURL slot holds: the blocking
+  // implementation, or, while enabled, the application's former one.
+  platform::Application::OpenURLImplementation ownImplementation KORVEL_GUARDED_BY(mutex) =
+      &KVRStayInAppSwizzler::blockedOpenURL;
+  // Whether the application defined openURL itself before the first
+  // exchange (so restoring can leave it undefined again).
+  bool applicationDefinedOpenURL KORVEL_GUARDED_BY(mutex) = true;
+  bool swizzleEnabled KORVEL_GUARDED_BY(mutex) = false;
+};
+
 KVRStayInAppSwizzler::KVRStayInAppSwizzler(platform::Application& application)
-    : application_(application), ownImplementation_(&KVRStayInAppSwizzler::blockedOpenURL) {}
+    : impl_(std::make_unique<Impl>(application)) {}
 
 KVRStayInAppSwizzler::~KVRStayInAppSwizzler() {
-  MutexLock lock(mutex_);
-  if (swizzleEnabled_) exchangeImplementations();
+  MutexLock lock(impl_->mutex);
+  if (impl_->swizzleEnabled) impl_->exchangeImplementations();
 }
 
 std::shared_ptr<KVRStayInAppSwizzler> KVRStayInAppSwizzler::sharedSwizzler() {
@@ -19,34 +56,16 @@ std::shared_ptr<KVRStayInAppSwizzler> KVRStayInAppSwizzler::sharedSwizzler() {
 bool KVRStayInAppSwizzler::blockedOpenURL(const std::string&) { return false; }
 
 bool KVRStayInAppSwizzler::swizzleEnabled() const {
-  MutexLock lock(mutex_);
-  return swizzleEnabled_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex);
+  return d.swizzleEnabled;
 }
 
 void KVRStayInAppSwizzler::toggleStayInApp() {
-  MutexLock lock(mutex_);
-  exchangeImplementations();
-  swizzleEnabled_ = !swizzleEnabled_;
-}
-
-void KVRStayInAppSwizzler::exchangeImplementations() {
-  if (!swizzleEnabled_) {
-    // Going in. An application without its own openURL gets one (the
-    // blocking implementation) and our slot keeps the inherited default;
-    // otherwise the two implementations simply trade places.
-    applicationDefinedOpenURL_ = application_.definesOpenURL();
-    ownImplementation_ = application_.exchangeOpenURLImplementation(std::move(ownImplementation_));
-    return;
-  }
-  // Coming back: the application has our implementation as its own now.
-  auto former = std::move(ownImplementation_);
-  if (applicationDefinedOpenURL_) {
-    ownImplementation_ = application_.exchangeOpenURLImplementation(std::move(former));
-  } else {
-    // It inherited the default before: leave it inheriting again rather
-    // than defining a copy of the default.
-    ownImplementation_ = application_.exchangeOpenURLImplementation(nullptr);
-  }
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex);
+  d.exchangeImplementations();
+  d.swizzleEnabled = !d.swizzleEnabled;
 }
 
 }  // namespace korvel

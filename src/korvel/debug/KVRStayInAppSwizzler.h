@@ -18,7 +18,6 @@
 #include <memory>
 #include <string>
 
-#include <korvel/foundation/Mutex.h>
 #include <korvel/ui/SharedApplication.h>
 
 namespace korvel {
@@ -41,17 +40,9 @@ class KORVEL_EXPORT KVRStayInAppSwizzler {
   static bool blockedOpenURL(const std::string& url);
 
  private:
-  void exchangeImplementations() KORVEL_REQUIRES(mutex_);
-
-  platform::Application& application_;
-  mutable Mutex mutex_;
-  // What the swizzler's own blockedOpenURL slot holds: the blocking
-  // implementation, or, while enabled, the application's former one.
-  platform::Application::OpenURLImplementation ownImplementation_ KORVEL_GUARDED_BY(mutex_);
-  // Whether the application defined openURL itself before the first
-  // exchange (so restoring can leave it undefined again).
-  bool applicationDefinedOpenURL_ KORVEL_GUARDED_BY(mutex_) = true;
-  bool swizzleEnabled_ KORVEL_GUARDED_BY(mutex_) = false;
+  // The implementations being exchanged, the switch and their lock.
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace korvel

@@ -4,7 +4,7 @@
 
 #include <korvel/beacon/KVRLogging.h>
 #include <korvel/debug/KVRDebugConfiguration.h>
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Logging.h>
 #include <korvel/ui/MainQueue.h>

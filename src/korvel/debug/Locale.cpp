@@ -9,7 +9,7 @@
 #include <algorithm>
 #include <memory>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel::platform {
 

@@ -3,6 +3,9 @@
 #include <sys/utsname.h>
 
 #include <fstream>
+#include <new>
+
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel {
 
@@ -40,8 +43,50 @@ ProcessIdentity& identity() {
 
 }  // namespace
 
-KVNConfiguration::KVNConfiguration()
-    : snapshot_(std::make_shared<const Snapshot>(machineDefaults())) {}
+struct KVNConfiguration::State {
+  explicit State(std::shared_ptr<const Snapshot> first) : snapshot(std::move(first)) {}
+
+  std::shared_ptr<const Snapshot> current() const KORVEL_EXCLUDES(snapshotMutex) {
+    MutexLock lock(snapshotMutex);
+    return snapshot;
+  }
+
+  // Replaces the published snapshot; the previous one is released outside
+  // the lock.
+  void publish(std::shared_ptr<const Snapshot> next) KORVEL_REQUIRES(writeMutex)
+      KORVEL_EXCLUDES(snapshotMutex) {
+    {
+      MutexLock lock(snapshotMutex);
+      snapshot.swap(next);
+    }
+    // next now holds the previous snapshot; if this was its last owner it is
+    // destroyed here, outside the lock.
+  }
+
+  // Serialises writers: each edit starts from the snapshot the previous one
+  // published.
+  Mutex writeMutex;
+  // Guards only the pointer: readers copy it under this short lock and then
+  // use the immutable snapshot without any.
+  mutable Mutex snapshotMutex;
+  std::shared_ptr<const Snapshot> snapshot KORVEL_GUARDED_BY(snapshotMutex);
+};
+
+inline KVNConfiguration::State& KVNConfiguration::state() const noexcept {
+  return *std::launder(reinterpret_cast<State*>(state_));
+}
+
+KVNConfiguration::KVNConfiguration() {
+  static_assert(sizeof(State) <= kStateSize, "KVNConfiguration::kStateSize is too small");
+  static_assert(alignof(State) <= alignof(std::max_align_t));
+  new (state_) State(std::make_shared<const Snapshot>(machineDefaults()));
+}
+
+KVNConfiguration::~KVNConfiguration() { state().~State(); }
+
+std::shared_ptr<const KVNConfiguration::Snapshot> KVNConfiguration::snapshot() const {
+  return state().current();
+}
 
 KVNConfiguration& KVNConfiguration::sharedInstance() {
   static KVNConfiguration* instance = new KVNConfiguration;
@@ -57,24 +102,17 @@ KVNConfiguration::Snapshot KVNConfiguration::machineDefaults() {
 }
 
 void KVNConfiguration::update(const std::function<void(Snapshot&)>& edit) {
-  MutexLock lock(writeMutex_);
-  auto next = std::make_shared<Snapshot>(*this->snapshot());
+  State& s = state();
+  MutexLock lock(s.writeMutex);
+  auto next = std::make_shared<Snapshot>(*s.current());
   edit(*next);
-  publish(std::move(next));
+  s.publish(std::move(next));
 }
 
 void KVNConfiguration::replace(Snapshot snapshot) {
-  MutexLock lock(writeMutex_);
-  publish(std::make_shared<const Snapshot>(std::move(snapshot)));
-}
-
-void KVNConfiguration::publish(std::shared_ptr<const Snapshot> next) {
-  {
-    MutexLock lock(snapshotMutex_);
-    snapshot_.swap(next);
-  }
-  // next now holds the previous snapshot; if this was its last owner it is
-  // destroyed here, outside the lock.
+  State& s = state();
+  MutexLock lock(s.writeMutex);
+  s.publish(std::make_shared<const Snapshot>(std::move(snapshot)));
 }
 
 void KVNConfiguration::setInid(std::optional<std::string> inid) {

@@ -10,14 +10,13 @@
 
 #include <korvel/export.h>
 
-#include <atomic>
+#include <cstddef>
 #include <functional>
 #include <memory>
 #include <optional>
 #include <string>
 
 #include <korvel/foundation/KVRParameters.h>
-#include <korvel/foundation/Mutex.h>
 
 namespace korvel {
 
@@ -45,10 +44,8 @@ class KORVEL_EXPORT KVNConfiguration {
   // The process-wide configuration.
   static KVNConfiguration& sharedInstance();
 
-  std::shared_ptr<const Snapshot> snapshot() const KORVEL_EXCLUDES(snapshotMutex_) {
-    MutexLock lock(snapshotMutex_);
-    return snapshot_;
-  }
+  // The current snapshot, immutable: later writes publish a new one.
+  std::shared_ptr<const Snapshot> snapshot() const;
 
   std::optional<std::string> inid() const { return snapshot()->inid; }
   bool configured() const { return snapshot()->configured; }
@@ -62,9 +59,9 @@ class KORVEL_EXPORT KVNConfiguration {
   }
 
   // Applies edit to a copy of the current snapshot and publishes the result.
-  void update(const std::function<void(Snapshot&)>& edit) KORVEL_EXCLUDES(writeMutex_);
+  void update(const std::function<void(Snapshot&)>& edit);
   // Replaces the whole configuration.
-  void replace(Snapshot snapshot) KORVEL_EXCLUDES(writeMutex_);
+  void replace(Snapshot snapshot);
 
   void setInid(std::optional<std::string> inid);
   void setConfigured(bool configured);
@@ -87,19 +84,20 @@ class KORVEL_EXPORT KVNConfiguration {
   static Snapshot machineDefaults();
 
   KVNConfiguration();
+  ~KVNConfiguration();
+  KVNConfiguration(const KVNConfiguration&) = delete;
+  KVNConfiguration& operator=(const KVNConfiguration&) = delete;
 
  private:
-  // Serialises writers: each edit starts from the snapshot the previous one
-  // published.
-  Mutex writeMutex_;
-  // Replaces the published snapshot; the previous one is released outside
-  // the lock.
-  void publish(std::shared_ptr<const Snapshot> next) KORVEL_REQUIRES(writeMutex_)
-      KORVEL_EXCLUDES(snapshotMutex_);
-  // Guards only the pointer: readers copy it under this short lock and then
-  // use the immutable snapshot without any.
-  mutable Mutex snapshotMutex_;
-  std::shared_ptr<const Snapshot> snapshot_ KORVEL_GUARDED_BY(snapshotMutex_);
+  // The locks and the published snapshot (State, defined with the code) live
+  // in place inside the object: every beacon reads the configuration, and
+  // that read costs neither an allocation nor a pointer to follow. The
+  // storage's size and alignment are part of the ABI; the code checks that
+  // State fits.
+  struct State;
+  static constexpr std::size_t kStateSize = 128;
+  State& state() const noexcept;
+  alignas(std::max_align_t) mutable unsigned char state_[kStateSize];
 };
 
 }  // namespace korvel

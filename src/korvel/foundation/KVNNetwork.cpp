@@ -4,7 +4,7 @@
 #include <map>
 
 #include <korvel/foundation/KVNConfiguration.h>
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel {
 

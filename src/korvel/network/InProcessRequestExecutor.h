@@ -11,12 +11,11 @@
 
 #include <korvel/export.h>
 
-#include <deque>
+#include <cstddef>
 #include <functional>
 #include <thread>
 
 #include <korvel/foundation/KVNNetwork.h>
-#include <korvel/foundation/Mutex.h>
 
 namespace korvel {
 
@@ -36,17 +35,22 @@ class KORVEL_EXPORT InProcessRequestExecutor : public KVNNetworkBackgroundReques
   // Stops the worker; requests still queued are dropped.
   void stop();
 
+  InProcessRequestExecutor(const InProcessRequestExecutor&) = delete;
+  InProcessRequestExecutor& operator=(const InProcessRequestExecutor&) = delete;
+
  private:
-  void run() KORVEL_EXCLUDES(mutex_);
+  // The queue, its lock and the worker's signals (State, defined with the
+  // code) live in place inside the object, so that executing a request costs
+  // neither an allocation nor a pointer to follow beyond the queue's own.
+  // The storage's size and alignment are part of the ABI; the code checks
+  // that State fits.
+  struct State;
+  static constexpr std::size_t kStateSize = 320;
+  State& state() noexcept;
 
   const std::string identifier_;
   const Transport transport_;
-  Mutex mutex_;
-  CondVar wake_;
-  CondVar drained_;
-  std::deque<KVNNetworkRequest> queue_ KORVEL_GUARDED_BY(mutex_);
-  size_t inFlight_ KORVEL_GUARDED_BY(mutex_) = 0;
-  bool stopping_ KORVEL_GUARDED_BY(mutex_) = false;
+  alignas(std::max_align_t) unsigned char state_[kStateSize];
   std::thread worker_;
 };
 

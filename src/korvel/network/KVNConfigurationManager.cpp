@@ -13,7 +13,7 @@
 
 #include <nlohmann/json.hpp>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/KVNUserDefaults.h>
 #include <korvel/platform/Logging.h>

@@ -2,7 +2,7 @@
 
 #include <map>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/network/KVNConfigurationManager.h>
 
 namespace korvel {

@@ -1,11 +1,39 @@
 #include <korvel/network/URLCache.h>
 
+#include <list>
+#include <unordered_map>
+
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Env.h>
 
 namespace korvel::platform {
 
+struct URLCache::Impl {
+  struct Entry {
+    CachedURLResponse response;
+    std::list<std::string>::iterator recency;
+  };
+
+  Impl(size_t maxEntries, size_t maxBytes) : maxEntries_(maxEntries), maxBytes_(maxBytes) {}
+
+  void removeLocked(std::unordered_map<std::string, Entry>::iterator it) KORVEL_REQUIRES(mutex_) {
+    bytes_ -= it->second.response.body.size();
+    recency_.erase(it->second.recency);
+    entries_.erase(it);
+  }
+
+  const size_t maxEntries_;
+  const size_t maxBytes_;
+  mutable Mutex mutex_;
+  std::unordered_map<std::string, Entry> entries_ KORVEL_GUARDED_BY(mutex_);
+  std::list<std::string> recency_ KORVEL_GUARDED_BY(mutex_);  // most recently used first
+  size_t bytes_ KORVEL_GUARDED_BY(mutex_) = 0;
+};
+
 URLCache::URLCache(size_t maxEntries, size_t maxBytes)
-    : maxEntries_(maxEntries == 0 ? 1 : maxEntries), maxBytes_(maxBytes) {}
+    : impl_(std::make_unique<Impl>(maxEntries == 0 ? 1 : maxEntries, maxBytes)) {}
+
+URLCache::~URLCache() = default;
 
 URLCache& URLCache::sharedURLCache() {
   static URLCache* instance = new URLCache;
@@ -13,53 +41,53 @@ URLCache& URLCache::sharedURLCache() {
 }
 
 std::optional<CachedURLResponse> URLCache::cachedResponseForURL(const std::string& url) {
-  MutexLock lock(mutex_);
-  auto it = entries_.find(url);
-  if (it == entries_.end()) return std::nullopt;
-  recency_.splice(recency_.begin(), recency_, it->second.recency);
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  auto it = d.entries_.find(url);
+  if (it == d.entries_.end()) return std::nullopt;
+  d.recency_.splice(d.recency_.begin(), d.recency_, it->second.recency);
   return it->second.response;
 }
 
 void URLCache::storeCachedResponse(const std::string& url, CachedURLResponse response) {
   if (response.storedAt == 0) response.storedAt = env().now();
-  MutexLock lock(mutex_);
-  if (auto it = entries_.find(url); it != entries_.end()) removeLocked(it);
-  if (response.body.size() > maxBytes_) return;
-  while (!recency_.empty() &&
-         (entries_.size() >= maxEntries_ || bytes_ + response.body.size() > maxBytes_)) {
-    removeLocked(entries_.find(recency_.back()));
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  if (auto it = d.entries_.find(url); it != d.entries_.end()) d.removeLocked(it);
+  if (response.body.size() > d.maxBytes_) return;
+  while (!d.recency_.empty() && (d.entries_.size() >= d.maxEntries_ ||
+                                 d.bytes_ + response.body.size() > d.maxBytes_)) {
+    d.removeLocked(d.entries_.find(d.recency_.back()));
   }
-  recency_.push_front(url);
-  bytes_ += response.body.size();
-  entries_.emplace(url, Entry{std::move(response), recency_.begin()});
+  d.recency_.push_front(url);
+  d.bytes_ += response.body.size();
+  d.entries_.emplace(url, Impl::Entry{std::move(response), d.recency_.begin()});
 }
 
 void URLCache::removeCachedResponseForURL(const std::string& url) {
-  MutexLock lock(mutex_);
-  if (auto it = entries_.find(url); it != entries_.end()) removeLocked(it);
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  if (auto it = d.entries_.find(url); it != d.entries_.end()) d.removeLocked(it);
 }
 
 void URLCache::removeAllCachedResponses() {
-  MutexLock lock(mutex_);
-  entries_.clear();
-  recency_.clear();
-  bytes_ = 0;
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  d.entries_.clear();
+  d.recency_.clear();
+  d.bytes_ = 0;
 }
 
 size_t URLCache::count() const {
-  MutexLock lock(mutex_);
-  return entries_.size();
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.entries_.size();
 }
 
 size_t URLCache::currentBytes() const {
-  MutexLock lock(mutex_);
-  return bytes_;
-}
-
-void URLCache::removeLocked(std::unordered_map<std::string, Entry>::iterator it) {
-  bytes_ -= it->second.response.body.size();
-  recency_.erase(it->second.recency);
-  entries_.erase(it);
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.bytes_;
 }
 
 }  // namespace korvel::platform

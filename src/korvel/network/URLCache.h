@@ -15,12 +15,9 @@
 #include <korvel/export.h>
 
 #include <cstddef>
-#include <list>
+#include <memory>
 #include <optional>
 #include <string>
-#include <unordered_map>
-
-#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -38,6 +35,7 @@ class KORVEL_EXPORT URLCache {
   static constexpr size_t kDefaultMaxBytes = 4 * 1024 * 1024;
 
   explicit URLCache(size_t maxEntries = kDefaultMaxEntries, size_t maxBytes = kDefaultMaxBytes);
+  ~URLCache();
   URLCache(const URLCache&) = delete;
   URLCache& operator=(const URLCache&) = delete;
 
@@ -55,19 +53,8 @@ class KORVEL_EXPORT URLCache {
   size_t currentBytes() const;
 
  private:
-  struct Entry {
-    CachedURLResponse response;
-    std::list<std::string>::iterator recency;
-  };
-  void removeLocked(std::unordered_map<std::string, Entry>::iterator it)
-      KORVEL_REQUIRES(mutex_);
-
-  const size_t maxEntries_;
-  const size_t maxBytes_;
-  mutable Mutex mutex_;
-  std::unordered_map<std::string, Entry> entries_ KORVEL_GUARDED_BY(mutex_);
-  std::list<std::string> recency_ KORVEL_GUARDED_BY(mutex_);  // most recently used first
-  size_t bytes_ KORVEL_GUARDED_BY(mutex_) = 0;
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace korvel::platform

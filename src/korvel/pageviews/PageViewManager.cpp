@@ -6,6 +6,7 @@
 #include <utility>
 
 #include <korvel/beacon/KVRLogging.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/pageviews/FatalError.h>
 #include <korvel/platform/Application.h>
 #include <korvel/platform/Env.h>
@@ -18,12 +19,78 @@ void logMisuse(const char* message) { KVRLogging::pageViewLogger().log(message);
 
 }  // namespace
 
+struct PageViewManager::Impl {
+  struct Page {
+    PageID id;
+    PageName name;
+    ReportingParameters reportingParameters;
+  };
+
+  explicit Impl(std::shared_ptr<PageViewReporter> pageViewReporter)
+      : reporter(std::move(pageViewReporter)),
+        currentPageLaunchTime(platform::env().monotonicNanos()) {}
+
+  // Index of the page with id, searching from the top or from the bottom.
+  std::optional<size_t> findFromTop(const PageID& id) const KORVEL_REQUIRES(mutex) {
+    for (size_t i = pageStack.size(); i-- > 0;) {
+      if (pageStack[i].id == id) return i;
+    }
+    return std::nullopt;
+  }
+
+  std::optional<size_t> findFromBottom(const PageID& id) const KORVEL_REQUIRES(mutex) {
+    for (size_t i = 0; i < pageStack.size(); ++i) {
+      if (pageStack[i].id == id) return i;
+    }
+    return std::nullopt;
+  }
+
+  // Reports the visible stretch of the top page, unless reporting is off or
+  // the application is in the background.
+  void reportTopPage(bool reportingEnabled) KORVEL_REQUIRES(mutex) {
+    const uint64_t now = platform::env().monotonicNanos();
+    if (now < currentPageLaunchTime) {
+      // The clock is monotonic; a launch time ahead of it means the manager's
+      // state is corrupt, and an unsigned difference would report centuries.
+      fatalError("PageViewManager: the current page's launch time lies in the future (" +
+                 std::to_string(currentPageLaunchTime) + " ns > now " + std::to_string(now) +
+                 " ns)");
+    }
+    const double duration = static_cast<double>(now - currentPageLaunchTime) / 1000000000.0;
+    if (!reportingEnabled || isBackgrounded) return;
+
+    // A copy: the reporter may change the stack while it holds the view.
+    const Page& top = pageStack.back();
+    const PageView pageView{top.name, duration, top.reportingParameters};
+    try {
+      reporter->report(pageView);
+    } catch (const std::exception& error) {
+      KVRLogging::pageViewLogger().log(platform::LogLevel::Error,
+                                       std::string("PageViewReporter failed: ") + error.what());
+    } catch (...) {
+      KVRLogging::pageViewLogger().log(platform::LogLevel::Error,
+                                       "PageViewReporter failed with an unknown exception");
+    }
+  }
+
+  void restartClock() KORVEL_REQUIRES(mutex) {
+    // A fresh reading taken after any report call: time spent inside the
+    // reporter belongs to no page.
+    currentPageLaunchTime = platform::env().monotonicNanos();
+  }
+
+  // Recursive: the reporter may read the manager from inside report().
+  mutable RecursiveMutex mutex;
+  const std::shared_ptr<PageViewReporter> reporter;
+  std::vector<Page> pageStack KORVEL_GUARDED_BY(mutex);  // back() is the visible page
+  uint64_t currentPageLaunchTime KORVEL_GUARDED_BY(mutex);  // monotonic nanoseconds
+  bool isBackgrounded KORVEL_GUARDED_BY(mutex) = false;
+};
+
 PageViewManager::PageViewManager(std::shared_ptr<PageViewReporter> reporter,
                                  bool isReportingEnabled)
-    : reporter_(std::move(reporter)),
-      currentPageLaunchTime_(platform::env().monotonicNanos()),
-      isReportingEnabled_(isReportingEnabled) {
-  if (!reporter_) throw std::invalid_argument("PageViewManager needs a PageViewReporter");
+    : impl_(std::make_unique<Impl>(std::move(reporter))), isReportingEnabled_(isReportingEnabled) {
+  if (!impl_->reporter) throw std::invalid_argument("PageViewManager needs a PageViewReporter");
 
   // Registered last, so a notification can never see a half-built manager.
   auto& center = platform::env().notificationCenter();
@@ -43,123 +110,84 @@ PageViewManager::~PageViewManager() {
 
 void PageViewManager::trackPageAppeared(const PageID& id, const PageName& name,
                                         const ReportingParameters& reportingParameters) {
-  RecursiveMutexLock lock(mutex_);
-  if (findFromTop(id)) return;
-  if (!pageStack_.empty()) {
-    reportTopPage();
-    restartClock();
+  Impl& d = *impl_;
+  RecursiveMutexLock lock(d.mutex);
+  if (d.findFromTop(id)) return;
+  if (!d.pageStack.empty()) {
+    d.reportTopPage(isReportingEnabled());
+    d.restartClock();
   }
   // The reporter may have pushed this id meanwhile; ids stay unique.
-  if (findFromTop(id)) return;
-  pageStack_.push_back(Page{id, name, reportingParameters});
+  if (d.findFromTop(id)) return;
+  d.pageStack.push_back(Impl::Page{id, name, reportingParameters});
 }
 
 void PageViewManager::trackPageClosed(const PageID& id) {
-  RecursiveMutexLock lock(mutex_);
-  const auto index = findFromTop(id);
+  Impl& d = *impl_;
+  RecursiveMutexLock lock(d.mutex);
+  const auto index = d.findFromTop(id);
   if (!index) {
     logMisuse("Cannot track closed page: Missing page on page stack");
     return;
   }
-  if (*index == pageStack_.size() - 1) {
-    reportTopPage();
-    restartClock();
+  if (*index == d.pageStack.size() - 1) {
+    d.reportTopPage(isReportingEnabled());
+    d.restartClock();
   }
   // Looked up again: the reporter may have changed the stack.
-  if (const auto current = findFromTop(id)) {
-    pageStack_.erase(pageStack_.begin() + static_cast<std::ptrdiff_t>(*current));
+  if (const auto current = d.findFromTop(id)) {
+    d.pageStack.erase(d.pageStack.begin() + static_cast<std::ptrdiff_t>(*current));
   }
 }
 
 void PageViewManager::trackPageNameChanged(const PageName& name, const PageID& id) {
-  RecursiveMutexLock lock(mutex_);
-  if (pageStack_.empty()) {
+  Impl& d = *impl_;
+  RecursiveMutexLock lock(d.mutex);
+  if (d.pageStack.empty()) {
     logMisuse("Cannot track page name change: Page stack is empty");
     return;
   }
-  if (pageStack_.back().id == id) {
-    reportTopPage();
-    restartClock();
+  if (d.pageStack.back().id == id) {
+    d.reportTopPage(isReportingEnabled());
+    d.restartClock();
   }
   // A page that is not on a non-empty stack is silently left alone.
-  if (const auto index = findFromBottom(id)) pageStack_[*index].name = name;
+  if (const auto index = d.findFromBottom(id)) d.pageStack[*index].name = name;
 }
 
 void PageViewManager::trackPageViewReportingParametersChanged(
     const ReportingParameters& reportingParameters, const PageID& id) {
-  RecursiveMutexLock lock(mutex_);
-  const auto index = findFromBottom(id);
+  Impl& d = *impl_;
+  RecursiveMutexLock lock(d.mutex);
+  const auto index = d.findFromBottom(id);
   if (!index) {
     logMisuse("Cannot track page view reporting parameters change: Page is not in the stack");
     return;
   }
-  pageStack_[*index].reportingParameters = reportingParameters;
+  d.pageStack[*index].reportingParameters = reportingParameters;
 }
 
 void PageViewManager::trackAppBackgrounded() {
-  RecursiveMutexLock lock(mutex_);
-  if (pageStack_.empty()) return;
+  Impl& d = *impl_;
+  RecursiveMutexLock lock(d.mutex);
+  if (d.pageStack.empty()) return;
   // Reported under the old flag, so a repeated notification reports nothing.
-  reportTopPage();
-  isBackgrounded_ = true;
+  d.reportTopPage(isReportingEnabled());
+  d.isBackgrounded = true;
 }
 
 void PageViewManager::trackAppForegrounded() {
-  RecursiveMutexLock lock(mutex_);
-  restartClock();
-  isBackgrounded_ = false;
+  Impl& d = *impl_;
+  RecursiveMutexLock lock(d.mutex);
+  d.restartClock();
+  d.isBackgrounded = false;
 }
 
 std::optional<PageName> PageViewManager::currentPageName() const {
-  RecursiveMutexLock lock(mutex_);
-  if (pageStack_.empty()) return std::nullopt;
-  return pageStack_.back().name;
-}
-
-std::optional<size_t> PageViewManager::findFromTop(const PageID& id) const {
-  for (size_t i = pageStack_.size(); i-- > 0;) {
-    if (pageStack_[i].id == id) return i;
-  }
-  return std::nullopt;
-}
-
-std::optional<size_t> PageViewManager::findFromBottom(const PageID& id) const {
-  for (size_t i = 0; i < pageStack_.size(); ++i) {
-    if (pageStack_[i].id == id) return i;
-  }
-  return std::nullopt;
-}
-
-void PageViewManager::reportTopPage() {
-  const uint64_t now = platform::env().monotonicNanos();
-  if (now < currentPageLaunchTime_) {
-    // The clock is monotonic; a launch time ahead of it means the manager's
-    // state is corrupt, and an unsigned difference would report centuries.
-    fatalError("PageViewManager: the current page's launch time lies in the future (" +
-               std::to_string(currentPageLaunchTime_) + " ns > now " + std::to_string(now) +
-               " ns)");
-  }
-  const double duration = static_cast<double>(now - currentPageLaunchTime_) / 1000000000.0;
-  if (!isReportingEnabled() || isBackgrounded_) return;
-
-  // A copy: the reporter may change the stack while it holds the view.
-  const Page& top = pageStack_.back();
-  const PageView pageView{top.name, duration, top.reportingParameters};
-  try {
-    reporter_->report(pageView);
-  } catch (const std::exception& error) {
-    KVRLogging::pageViewLogger().log(platform::LogLevel::Error,
-                                     std::string("PageViewReporter failed: ") + error.what());
-  } catch (...) {
-    KVRLogging::pageViewLogger().log(platform::LogLevel::Error,
-                                     "PageViewReporter failed with an unknown exception");
-  }
-}
-
-void PageViewManager::restartClock() {
-  // A fresh reading taken after any report call: time spent inside the
-  // reporter belongs to no page.
-  currentPageLaunchTime_ = platform::env().monotonicNanos();
+  const Impl& d = *impl_;
+  RecursiveMutexLock lock(d.mutex);
+  if (d.pageStack.empty()) return std::nullopt;
+  return d.pageStack.back().name;
 }
 
 }  // namespace korvel

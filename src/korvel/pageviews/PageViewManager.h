@@ -38,7 +38,6 @@
 #include <optional>
 #include <vector>
 
-#include <korvel/foundation/Mutex.h>
 #include <korvel/pageviews/PageID.h>
 #include <korvel/pageviews/ReportingValue.h>
 #include <korvel/platform/NotificationCenter.h>
@@ -94,24 +93,9 @@ class KORVEL_EXPORT PageViewManager {
   }
 
  private:
-  struct Page {
-    PageID id;
-    PageName name;
-    ReportingParameters reportingParameters;
-  };
-
-  // Index of the page with id, searching from the top or from the bottom.
-  std::optional<size_t> findFromTop(const PageID& id) const KORVEL_REQUIRES(mutex_);
-  std::optional<size_t> findFromBottom(const PageID& id) const KORVEL_REQUIRES(mutex_);
-  void reportTopPage() KORVEL_REQUIRES(mutex_);
-  void restartClock() KORVEL_REQUIRES(mutex_);
-
-  // Recursive: the reporter may read the manager from inside report().
-  mutable RecursiveMutex mutex_;
-  const std::shared_ptr<PageViewReporter> reporter_;
-  std::vector<Page> pageStack_ KORVEL_GUARDED_BY(mutex_);  // back() is the visible page
-  uint64_t currentPageLaunchTime_ KORVEL_GUARDED_BY(mutex_);  // monotonic nanoseconds
-  bool isBackgrounded_ KORVEL_GUARDED_BY(mutex_) = false;
+  // The page stack, its lock and the clock; the reporter.
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
   std::atomic<bool> isReportingEnabled_;
 
   platform::ObserverRegistration backgroundObserver_;

@@ -1,7 +1,7 @@
 #include <korvel/platform/BundleInfo.h>
 
 #include <korvel/foundation/KVNConfiguration.h>
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel::platform {
 

@@ -7,7 +7,7 @@
 #include <cmath>
 
 #include <korvel/foundation/KVNNetwork.h>
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Logging.h>
 #include <korvel/platform/NotificationCenter.h>
 

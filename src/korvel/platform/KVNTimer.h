@@ -4,17 +4,19 @@
 
 #include <korvel/export.h>
 
-#include <cstdint>
-#include <map>
+#include <memory>
 #include <optional>
 #include <string>
-
-#include <korvel/foundation/Mutex.h>
 
 namespace korvel {
 
 class KORVEL_EXPORT KVNTimer {
  public:
+  KVNTimer();
+  ~KVNTimer();
+  KVNTimer(const KVNTimer&) = delete;
+  KVNTimer& operator=(const KVNTimer&) = delete;
+
   // Starts (or restarts) the stopwatch under key.
   void startTimerForKey(const std::string& key);
   // Seconds since the key was started; nothing when it is not running.
@@ -23,8 +25,8 @@ class KORVEL_EXPORT KVNTimer {
   void endTimerForKey(const std::string& key);
 
  private:
-  mutable Mutex mutex_;
-  std::map<std::string, uint64_t, std::less<>> startedAt_ KORVEL_GUARDED_BY(mutex_);
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace korvel

@@ -14,6 +14,7 @@
 
 #include <nlohmann/json.hpp>
 
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/foundation/internal/SharedSlot.h>
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
@@ -255,21 +256,35 @@ platform::SharedSlot<KVNUserDefaults>& shared() {
 
 }  // namespace
 
-KVNUserDefaults::KVNUserDefaults(std::string filePath) : filePath_(std::move(filePath)) {
-  MutexLock lock(mutex_);
-  load();
+// Hidden like the rest of the private state: only the class is API.
+struct KORVEL_NO_EXPORT KVNUserDefaults::Impl {
+  // Reads the file into values; an unusable file is moved aside.
+  void load(const std::string& filePath) KORVEL_REQUIRES(mutex);
+  // Writes values to the file; whether the write reached the disk.
+  bool persist(const std::string& filePath) KORVEL_REQUIRES(mutex);
+
+  mutable Mutex mutex;
+  KVRParameters values KORVEL_GUARDED_BY(mutex);
+};
+
+KVNUserDefaults::KVNUserDefaults(std::string filePath)
+    : filePath_(std::move(filePath)), impl_(std::make_unique<Impl>()) {
+  MutexLock lock(impl_->mutex);
+  impl_->load(filePath_);
 }
 
-void KVNUserDefaults::load() {
+KVNUserDefaults::~KVNUserDefaults() = default;
+
+void KVNUserDefaults::Impl::load(const std::string& filePath) {
   std::error_code ec;
-  const auto status = fs::status(filePath_, ec);
+  const auto status = fs::status(filePath, ec);
   if (!fs::exists(status)) return;
 
   std::string problem;
   if (fs::is_directory(status)) {
     problem = "it is a directory";
   } else {
-    std::ifstream in(filePath_, std::ios::binary);
+    std::ifstream in(filePath, std::ios::binary);
     std::stringstream content;
     if (!in || !(content << in.rdbuf())) {
       // An empty file reads as nothing, which is as unusable as garbage.
@@ -298,35 +313,35 @@ void KVNUserDefaults::load() {
       } else if (!json.is_object()) {
         problem = "the top level is not an object";
       } else if (auto decoded = decodeDictionary(json, problem)) {
-        values_ = std::move(*decoded);
+        values = std::move(*decoded);
         return;
       }
     }
   }
 
-  const std::string aside = moveAside(filePath_);
+  const std::string aside = moveAside(filePath);
   if (aside.empty()) {
-    logLine(platform::LogLevel::Error, "User defaults file " + filePath_ +
+    logLine(platform::LogLevel::Error, "User defaults file " + filePath +
                                            " is unusable (" + problem +
                                            ") and could not be moved aside; starting empty");
   } else {
-    logLine(platform::LogLevel::Error, "User defaults file " + filePath_ + " is unusable (" +
+    logLine(platform::LogLevel::Error, "User defaults file " + filePath + " is unusable (" +
                                            problem + "); moved aside to " + aside +
                                            ", starting empty");
   }
 }
 
-bool KVNUserDefaults::persistLocked() {
+bool KVNUserDefaults::Impl::persist(const std::string& filePath) {
   std::string data;
   try {
-    data = encodeDictionary(values_).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
+    data = encodeDictionary(values).dump(2, ' ', false, Json::error_handler_t::replace) + "\n";
   } catch (const FormatError& e) {
     logLine(platform::LogLevel::Error, std::string("Could not save user defaults: a value is ") +
                                            e.what());
     return false;
   }
   std::string error;
-  if (writeFileAtomically(filePath_, data, error)) return true;
+  if (writeFileAtomically(filePath, data, error)) return true;
   logLine(platform::LogLevel::Error, "Could not save user defaults: " + error);
   return false;
 }
@@ -358,37 +373,37 @@ std::string KVNUserDefaults::defaultFilePath() {
 }
 
 std::optional<KVRValue> KVNUserDefaults::objectForKey(std::string_view key) const {
-  MutexLock lock(mutex_);
-  if (const KVRValue* value = values_.find(key)) return *value;
+  MutexLock lock(impl_->mutex);
+  if (const KVRValue* value = impl_->values.find(key)) return *value;
   return std::nullopt;
 }
 
 std::optional<std::string> KVNUserDefaults::stringForKey(std::string_view key) const {
-  MutexLock lock(mutex_);
-  return values_.stringForKey(key);
+  MutexLock lock(impl_->mutex);
+  return impl_->values.stringForKey(key);
 }
 
 std::optional<KVRDate> KVNUserDefaults::dateForKey(std::string_view key) const {
-  MutexLock lock(mutex_);
-  if (const KVRValue* value = values_.find(key)) return value->asDate();
+  MutexLock lock(impl_->mutex);
+  if (const KVRValue* value = impl_->values.find(key)) return value->asDate();
   return std::nullopt;
 }
 
 bool KVNUserDefaults::setObject(KVRValue value, std::string_view key) {
-  MutexLock lock(mutex_);
-  values_.set(key, std::move(value));
-  return persistLocked();
+  MutexLock lock(impl_->mutex);
+  impl_->values.set(key, std::move(value));
+  return impl_->persist(filePath_);
 }
 
 bool KVNUserDefaults::removeObjectForKey(std::string_view key) {
-  MutexLock lock(mutex_);
-  if (!values_.remove(key)) return true;
-  return persistLocked();
+  MutexLock lock(impl_->mutex);
+  if (!impl_->values.remove(key)) return true;
+  return impl_->persist(filePath_);
 }
 
 KVRParameters KVNUserDefaults::dictionaryRepresentation() const {
-  MutexLock lock(mutex_);
-  return values_;
+  MutexLock lock(impl_->mutex);
+  return impl_->values;
 }
 
 }  // namespace korvel

@@ -33,7 +33,6 @@
 #include <string_view>
 
 #include <korvel/foundation/KVRParameters.h>
-#include <korvel/foundation/Mutex.h>
 
 namespace korvel {
 
@@ -43,6 +42,7 @@ class KORVEL_EXPORT KVNUserDefaults {
   // file does not exist yet). The file and its directory are created on the
   // first write.
   explicit KVNUserDefaults(std::string filePath);
+  ~KVNUserDefaults();
   static constexpr int kMaxDepth = 64;
   KVNUserDefaults(const KVNUserDefaults&) = delete;
   KVNUserDefaults& operator=(const KVNUserDefaults&) = delete;
@@ -74,12 +74,9 @@ class KORVEL_EXPORT KVNUserDefaults {
   const std::string& filePath() const { return filePath_; }
 
  private:
-  void load() KORVEL_REQUIRES(mutex_);
-  bool persistLocked() KORVEL_REQUIRES(mutex_);
-
+  struct Impl;
   const std::string filePath_;
-  mutable Mutex mutex_;
-  KVRParameters values_ KORVEL_GUARDED_BY(mutex_);
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace korvel

@@ -5,6 +5,7 @@
 #include <memory>
 #include <strings.h>
 
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/foundation/internal/SharedSlot.h>
 #include <korvel/platform/Env.h>
 
@@ -31,13 +32,20 @@ LogLevel levelFromEnvironment() {
   }
   return LogLevel::Default;
 }
+
+// Keeps the lines of concurrent writers whole, across every sink that writes
+// to standard error.
+Mutex& stderrMutex() {
+  static Mutex* mutex = new Mutex;
+  return *mutex;
+}
 }  // namespace
 
 StderrLogSink::StderrLogSink() : minimum_(levelFromEnvironment()) {}
 
 void StderrLogSink::write(const LogRecord& record) {
   if (record.level < minimum_) return;
-  MutexLock lock(mutex_);
+  MutexLock lock(stderrMutex());
   std::fprintf(stderr, "[%s:%s] %s: %s\n", record.subsystem.c_str(), record.category.c_str(),
                std::string(logLevelName(record.level)).c_str(), record.message.c_str());
 }

@@ -8,8 +8,6 @@
 #include <string>
 #include <string_view>
 
-#include <korvel/foundation/Mutex.h>
-
 namespace korvel::platform {
 
 enum class LogLevel { Debug, Info, Default, Error, Fault };
@@ -33,8 +31,8 @@ class KORVEL_EXPORT LogSink {
 //   [subsystem:category] level: message
 // Records below the minimum level are dropped; the minimum comes from the
 // KORVEL_LOG_LEVEL environment variable (debug, info, default, error, fault;
-// "default" when unset). Any thread may write; the Env that made the sink
-// owns it.
+// "default" when unset). Any thread may write, and lines stay whole whichever
+// sink writes them; the Env that made the sink owns it.
 class KORVEL_EXPORT StderrLogSink : public LogSink {
  public:
   StderrLogSink();
@@ -42,8 +40,6 @@ class KORVEL_EXPORT StderrLogSink : public LogSink {
 
  private:
   LogLevel minimum_;
-  // Keeps the lines of concurrent writers whole.
-  Mutex mutex_;
 };
 
 // A host's own log sink: while one is set, every record at or above its

@@ -1,8 +1,11 @@
 #include <korvel/platform/NotificationCenter.h>
 
 #include <algorithm>
+#include <new>
 #include <thread>
 #include <utility>
+
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel::platform {
 
@@ -48,44 +51,70 @@ struct NotificationCenter::Observer {
   }
 };
 
-NotificationCenter::NotificationCenter()
-    : observers_(std::make_shared<const Snapshot>()) {}
+struct NotificationCenter::State {
+  using Snapshot = std::vector<std::shared_ptr<Observer>>;
 
-NotificationCenter::~NotificationCenter() = default;
-
-std::shared_ptr<const NotificationCenter::Snapshot> NotificationCenter::observers() const {
-  MutexLock lock(observersMutex_);
-  return observers_;
-}
-
-void NotificationCenter::publish(std::shared_ptr<const Snapshot> next) {
-  {
-    MutexLock lock(observersMutex_);
-    observers_.swap(next);
+  std::shared_ptr<const Snapshot> current() const KORVEL_EXCLUDES(observersMutex) {
+    MutexLock lock(observersMutex);
+    return observers;
   }
-  // next now holds the previous list; if this was its last owner it is
-  // destroyed here, outside the lock.
+
+  // Replaces the observer list; the previous one is released outside the
+  // lock.
+  void publish(std::shared_ptr<const Snapshot> next) KORVEL_REQUIRES(writeMutex)
+      KORVEL_EXCLUDES(observersMutex) {
+    {
+      MutexLock lock(observersMutex);
+      observers.swap(next);
+    }
+    // next now holds the previous list; if this was its last owner it is
+    // destroyed here, outside the lock.
+  }
+
+  // Serialises changes to the observer list; readers load the snapshot
+  // without it.
+  Mutex writeMutex;
+  // Guards only the pointer: readers copy it under this short lock and then
+  // walk the immutable list without any.
+  mutable Mutex observersMutex;
+  std::shared_ptr<const Snapshot> observers KORVEL_GUARDED_BY(observersMutex) =
+      std::make_shared<const Snapshot>();
+  ObserverToken nextToken KORVEL_GUARDED_BY(writeMutex) = 1;
+};
+
+inline NotificationCenter::State& NotificationCenter::state() const noexcept {
+  return *std::launder(reinterpret_cast<State*>(state_));
 }
+
+NotificationCenter::NotificationCenter() {
+  static_assert(sizeof(State) <= kStateSize, "NotificationCenter::kStateSize is too small");
+  static_assert(alignof(State) <= alignof(std::max_align_t));
+  new (state_) State;
+}
+
+NotificationCenter::~NotificationCenter() { state().~State(); }
 
 ObserverToken NotificationCenter::addObserver(std::string name, NotificationBlock block) {
   auto observer = std::make_shared<Observer>();
   observer->name = std::move(name);
   observer->block = std::move(block);
 
-  MutexLock lock(writeMutex_);
-  observer->token = nextToken_++;
-  auto next = std::make_shared<Snapshot>(*observers());
+  State& s = state();
+  MutexLock lock(s.writeMutex);
+  observer->token = s.nextToken++;
+  auto next = std::make_shared<State::Snapshot>(*s.current());
   next->push_back(observer);
-  publish(std::move(next));
+  s.publish(std::move(next));
   return observer->token;
 }
 
 void NotificationCenter::removeObserver(ObserverToken token) {
   std::shared_ptr<Observer> removed;
   {
-    MutexLock lock(writeMutex_);
-    auto current = observers();
-    auto next = std::make_shared<Snapshot>();
+    State& s = state();
+    MutexLock lock(s.writeMutex);
+    auto current = s.current();
+    auto next = std::make_shared<State::Snapshot>();
     next->reserve(current->size());
     for (const auto& observer : *current) {
       if (observer->token == token) {
@@ -95,7 +124,7 @@ void NotificationCenter::removeObserver(ObserverToken token) {
       }
     }
     if (!removed) return;
-    publish(std::move(next));
+    s.publish(std::move(next));
   }
   // Outside the write lock: a callback running elsewhere may itself add or
   // remove observers while we wait for it to finish.
@@ -103,7 +132,7 @@ void NotificationCenter::removeObserver(ObserverToken token) {
 }
 
 void NotificationCenter::post(std::string_view name, std::any object) {
-  const auto snapshot = observers();
+  const auto snapshot = state().current();
   const Notification notification{name, object};
   for (const auto& observer : *snapshot) {
     if (observer->name != name) continue;
@@ -117,7 +146,7 @@ void NotificationCenter::post(std::string_view name, std::any object) {
 }
 
 bool NotificationCenter::hasObservers(std::string_view name) const {
-  const auto snapshot = observers();
+  const auto snapshot = state().current();
   return std::any_of(snapshot->begin(), snapshot->end(),
                      [&](const auto& observer) { return observer->name == name; });
 }

@@ -13,6 +13,7 @@
 
 #include <any>
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
@@ -20,7 +21,6 @@
 #include <string_view>
 #include <vector>
 
-#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -52,22 +52,15 @@ class KORVEL_EXPORT NotificationCenter {
 
  private:
   struct Observer;
-  using Snapshot = std::vector<std::shared_ptr<Observer>>;
-
-  std::shared_ptr<const Snapshot> observers() const KORVEL_EXCLUDES(observersMutex_);
-  // Replaces the observer list; the previous one is released outside the
-  // lock.
-  void publish(std::shared_ptr<const Snapshot> next) KORVEL_REQUIRES(writeMutex_)
-      KORVEL_EXCLUDES(observersMutex_);
-
-  // Serialises changes to the observer list; readers load the snapshot
-  // without it.
-  mutable Mutex writeMutex_;
-  // Guards only the pointer: readers copy it under this short lock and then
-  // walk the immutable list without any.
-  mutable Mutex observersMutex_;
-  std::shared_ptr<const Snapshot> observers_ KORVEL_GUARDED_BY(observersMutex_);
-  ObserverToken nextToken_ KORVEL_GUARDED_BY(writeMutex_) = 1;
+  // The observer list, its locks and the next token (State, defined with the
+  // code) live in place inside the object: a post, made for every beacon
+  // sent, costs neither an allocation nor a pointer to follow to reach them.
+  // The storage's size and alignment are part of the ABI; the code checks
+  // that State fits.
+  struct State;
+  static constexpr std::size_t kStateSize = 160;
+  State& state() const noexcept;
+  alignas(std::max_align_t) mutable unsigned char state_[kStateSize];
 };
 
 // Removes its observer when destroyed; movable.

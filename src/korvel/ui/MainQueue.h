@@ -14,13 +14,11 @@
 
 #include <korvel/export.h>
 
+#include <cstddef>
 #include <cstdint>
-#include <deque>
 #include <functional>
-#include <map>
+#include <memory>
 #include <optional>
-
-#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -28,6 +26,11 @@ class KORVEL_EXPORT MainQueue {
  public:
   using Task = std::function<void()>;
   using TimerID = uint64_t;
+
+  MainQueue();
+  ~MainQueue();
+  MainQueue(const MainQueue&) = delete;
+  MainQueue& operator=(const MainQueue&) = delete;
 
   // Runs task on the queue as soon as the host pumps it. Any thread.
   void async(Task task);
@@ -54,18 +57,9 @@ class KORVEL_EXPORT MainQueue {
   bool hasPendingWork() const;
 
  private:
-  struct Timer {
-    uint64_t dueNanos;
-    uint64_t intervalNanos;  // 0 for one-shot
-    Task task;
-  };
-
-  mutable Mutex mutex_;
-  CondVar wake_;
-  std::deque<Task> tasks_ KORVEL_GUARDED_BY(mutex_);
-  std::map<TimerID, Timer> timers_ KORVEL_GUARDED_BY(mutex_);
-  TimerID nextTimer_ KORVEL_GUARDED_BY(mutex_) = 1;
-  bool stopping_ KORVEL_GUARDED_BY(mutex_) = false;
+  // The tasks, the timers and their lock.
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace korvel::platform

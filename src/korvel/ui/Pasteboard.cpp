@@ -1,6 +1,18 @@
 #include <korvel/ui/Pasteboard.h>
 
+#include <korvel/foundation/internal/Mutex.h>
+
 namespace korvel::platform {
+
+struct Pasteboard::Impl {
+  mutable Mutex mutex_;
+  Item item_ KORVEL_GUARDED_BY(mutex_);
+  uint64_t changeCount_ KORVEL_GUARDED_BY(mutex_) = 0;
+};
+
+Pasteboard::Pasteboard() : impl_(std::make_unique<Impl>()) {}
+
+Pasteboard::~Pasteboard() = default;
 
 Pasteboard& Pasteboard::general() {
   static Pasteboard* pasteboard = new Pasteboard;
@@ -20,9 +32,10 @@ void Pasteboard::setData(Data data, std::string_view type) {
 }
 
 void Pasteboard::setItem(Item item) {
-  MutexLock lock(mutex_);
-  item_ = std::move(item);
-  ++changeCount_;
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  d.item_ = std::move(item);
+  ++d.changeCount_;
 }
 
 void Pasteboard::clear() { setItem({}); }
@@ -34,20 +47,23 @@ std::optional<std::string> Pasteboard::string() const {
 }
 
 std::optional<Data> Pasteboard::dataForType(std::string_view type) const {
-  MutexLock lock(mutex_);
-  auto it = item_.find(type);
-  if (it == item_.end()) return std::nullopt;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  auto it = d.item_.find(type);
+  if (it == d.item_.end()) return std::nullopt;
   return it->second;
 }
 
 Pasteboard::Item Pasteboard::item() const {
-  MutexLock lock(mutex_);
-  return item_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.item_;
 }
 
 uint64_t Pasteboard::changeCount() const {
-  MutexLock lock(mutex_);
-  return changeCount_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.changeCount_;
 }
 
 }  // namespace korvel::platform

@@ -11,12 +11,12 @@
 
 #include <cstdint>
 #include <map>
+#include <memory>
 #include <optional>
 #include <string>
 #include <string_view>
 
 #include <korvel/foundation/Data.h>
-#include <korvel/foundation/Mutex.h>
 
 namespace korvel::platform {
 
@@ -31,7 +31,8 @@ class KORVEL_EXPORT Pasteboard {
   // The process-wide pasteboard.
   static Pasteboard& general();
 
-  Pasteboard() = default;
+  Pasteboard();
+  ~Pasteboard();
   Pasteboard(const Pasteboard&) = delete;
   Pasteboard& operator=(const Pasteboard&) = delete;
 
@@ -51,9 +52,9 @@ class KORVEL_EXPORT Pasteboard {
   uint64_t changeCount() const;
 
  private:
-  mutable Mutex mutex_;
-  Item item_ KORVEL_GUARDED_BY(mutex_);
-  uint64_t changeCount_ KORVEL_GUARDED_BY(mutex_) = 0;
+  // The content, its change count and their lock.
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace korvel::platform

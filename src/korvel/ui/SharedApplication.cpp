@@ -2,7 +2,18 @@
 
 #include <utility>
 
+#include <korvel/foundation/internal/Mutex.h>
+
 namespace korvel::platform {
+
+struct Application::Impl {
+  mutable Mutex mutex_;
+  std::shared_ptr<const OpenURLImplementation> own_ KORVEL_GUARDED_BY(mutex_);
+};
+
+Application::Application() : impl_(std::make_unique<Impl>()) {}
+
+Application::~Application() = default;
 
 Application& Application::shared() {
   static Application* application = new Application;
@@ -12,10 +23,11 @@ Application& Application::shared() {
 bool Application::defaultOpenURL(const std::string&) { return false; }
 
 bool Application::openURL(const std::string& url) {
+  Impl& d = *impl_;
   std::shared_ptr<const OpenURLImplementation> implementation;
   {
-    MutexLock lock(mutex_);
-    implementation = own_;
+    MutexLock lock(d.mutex_);
+    implementation = d.own_;
   }
   // Called unlocked: the implementation may open further URLs or swap
   // itself out.
@@ -23,38 +35,43 @@ bool Application::openURL(const std::string& url) {
 }
 
 bool Application::definesOpenURL() const {
-  MutexLock lock(mutex_);
-  return own_ != nullptr;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  return d.own_ != nullptr;
 }
 
 Application::OpenURLImplementation Application::openURLImplementation() const {
-  MutexLock lock(mutex_);
-  if (own_) return *own_;
+  const Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  if (d.own_) return *d.own_;
   return &Application::defaultOpenURL;
 }
 
 void Application::setOpenURLImplementation(OpenURLImplementation implementation) {
+  Impl& d = *impl_;
   if (!implementation) return;
   auto made = std::make_shared<const OpenURLImplementation>(std::move(implementation));
-  MutexLock lock(mutex_);
-  own_ = std::move(made);
+  MutexLock lock(d.mutex_);
+  d.own_ = std::move(made);
 }
 
 void Application::removeOpenURLImplementation() {
-  MutexLock lock(mutex_);
-  own_.reset();
+  Impl& d = *impl_;
+  MutexLock lock(d.mutex_);
+  d.own_.reset();
 }
 
 Application::OpenURLImplementation Application::exchangeOpenURLImplementation(
     OpenURLImplementation implementation) {
+  Impl& d = *impl_;
   std::shared_ptr<const OpenURLImplementation> made;
   if (implementation) {
     made = std::make_shared<const OpenURLImplementation>(std::move(implementation));
   }
   std::shared_ptr<const OpenURLImplementation> former;
   {
-    MutexLock lock(mutex_);
-    former = std::exchange(own_, std::move(made));
+    MutexLock lock(d.mutex_);
+    former = std::exchange(d.own_, std::move(made));
   }
   if (former) return *former;
   return &Application::defaultOpenURL;

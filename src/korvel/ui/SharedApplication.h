@@ -19,8 +19,6 @@
 #include <memory>
 #include <string>
 
-#include <korvel/foundation/Mutex.h>
-
 namespace korvel::platform {
 
 class KORVEL_EXPORT Application {
@@ -31,7 +29,8 @@ class KORVEL_EXPORT Application {
   // The process's application object.
   static Application& shared();
 
-  Application() = default;
+  Application();
+  ~Application();
   Application(const Application&) = delete;
   Application& operator=(const Application&) = delete;
 
@@ -56,8 +55,9 @@ class KORVEL_EXPORT Application {
   static bool defaultOpenURL(const std::string& url);
 
  private:
-  mutable Mutex mutex_;
-  std::shared_ptr<const OpenURLImplementation> own_ KORVEL_GUARDED_BY(mutex_);
+  // The application's own implementation and its lock.
+  struct Impl;
+  const std::unique_ptr<Impl> impl_;
 };
 
 }  // namespace korvel::platform

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel::platform {
 

@@ -3,7 +3,7 @@
 #include <memory>
 #include <utility>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 
 namespace korvel::platform {
 

@@ -124,7 +124,7 @@
 
 #include <korvel/network/internal/DeliveryTransport.h>
 #include <korvel/foundation/KVNNetwork.h>
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Logging.h>
 #include <korvel/network/internal/FlatIndex.h>
 #include <korvel/network/internal/RequestStore.h>

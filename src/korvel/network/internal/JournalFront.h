@@ -44,7 +44,7 @@
 #include <string_view>
 #include <vector>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/network/internal/FileSystem.h>
 #include <korvel/network/internal/RequestStore.h>
 

@@ -45,7 +45,7 @@
 #include <string_view>
 #include <vector>
 
-#include <korvel/foundation/Mutex.h>
+#include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Logging.h>
 
 namespace korvel::platform {
