@@ -20,5 +20,9 @@ set(CMAKE_FIND_ROOT_PATH_MODE_PACKAGE BOTH)
 set(ENV{PKG_CONFIG_LIBDIR} /usr/lib/${triple}/pkgconfig:/usr/share/pkgconfig)
 set(ENV{PKG_CONFIG_PATH} "")
 
+# The programs run on the arm64 C library of the multiarch packages
+# (/lib/ld-linux-aarch64.so.1), the one the arm64 libcurl and ICU come with:
+# no -L /usr/aarch64-linux-gnu, whose older loader, mixed with that C
+# library, hangs every program that starts a thread.
 find_program(KORVEL_QEMU_AARCH64 qemu-aarch64 REQUIRED)
-set(CMAKE_CROSSCOMPILING_EMULATOR ${KORVEL_QEMU_AARCH64} -L /usr/${triple})
+set(CMAKE_CROSSCOMPILING_EMULATOR ${KORVEL_QEMU_AARCH64})

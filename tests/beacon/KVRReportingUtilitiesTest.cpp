@@ -13,6 +13,7 @@
 
 #include <korvel/beacon/KVRLogging.h>
 #include "support/TestEnv.h"
+#include "support/DeathTests.h"
 
 namespace korvel {
 namespace {
@@ -90,7 +91,7 @@ TEST(KVRReportingUtilitiesTest, CurrentTimeIsSecondsSince1970FromTheEnv) {
 // a process of its own (a death test that re-runs the program, not a fork
 // that would inherit this process's value).
 TEST(KVRLoggingTest, SubsystemIsComputedOnceFromTheBundleIdentifier) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  testing::useThreadsafeDeathTests();
   struct Row {
     std::optional<std::string> bundle;
     const char* subsystem;

@@ -15,6 +15,7 @@
 #include "collector/BeaconCollector.h"
 #include <korvel/Korvel.h>
 #include <korvel/pageviews/PageViewBeaconReporter.h>
+#include "support/DeathTests.h"
 
 namespace korvel {
 namespace {
@@ -162,7 +163,7 @@ void survive(const StateCase& c) {
 }
 
 TEST(HostSurvivesTest, NoStateOfTheLibraryStopsTheHost) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  testing::useThreadsafeDeathTests();
   const StateCase cases[] = {
       {"not started", State::NotStarted, true},
       {"opted out", State::OptedOut, false},
@@ -172,7 +173,7 @@ TEST(HostSurvivesTest, NoStateOfTheLibraryStopsTheHost) {
       {"store unusable at start", State::StoreUnusableAtStart, true},
   };
   for (const auto& c : cases) {
-    EXPECT_EXIT(survive(c), testing::ExitedWithCode(0), "") << c.name;
+    EXPECT_EXIT(survive(c), ::testing::ExitedWithCode(0), "") << c.name;
   }
 }
 

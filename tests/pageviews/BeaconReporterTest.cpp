@@ -18,6 +18,7 @@
 #include <korvel/pageviews/PageViewManager.h>
 #include "support/TestEnv.h"
 #include "support/WireText.h"
+#include "support/DeathTests.h"
 
 namespace korvel {
 namespace {
@@ -202,7 +203,7 @@ TEST_F(BeaconReporterTest, WhileReportingIsOffThereIsNoUUIDAndTheProgramGoesOn) 
 using BeaconReporterDeathTest = BeaconReporterTest;
 
 TEST_F(BeaconReporterDeathTest, ATypeWithoutABeaconStopsTheProgram) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  testing::useThreadsafeDeathTests();
   EXPECT_DEATH(BeaconReporter::report(static_cast<KVRBeaconType>(0), {}, {}),
                "made no beacon for type 0");
   EXPECT_DEATH(BeaconReporter::report(static_cast<KVRBeaconType>(21), {}, {}),

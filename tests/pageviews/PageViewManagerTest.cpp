@@ -14,6 +14,7 @@
 #include <vector>
 
 #include "support/TestEnv.h"
+#include "support/DeathTests.h"
 
 namespace korvel {
 
@@ -401,7 +402,7 @@ TEST(PageIDTest, IdsAreCanonicalUUIDs) {
 using PageViewManagerDeathTest = PageViewManagerTest;
 
 TEST_F(PageViewManagerDeathTest, ALaunchTimeInTheFutureStopsTheProgram) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  testing::useThreadsafeDeathTests();
   EXPECT_DEATH(
       {
         env_.setMonotonicNanos(500 * kSecond);

@@ -12,6 +12,7 @@
 #include <korvel/foundation/KeyedArchive.h>
 #include <korvel/ui/UI.h>
 #include "support/TestEnv.h"
+#include "support/DeathTests.h"
 
 namespace korvel {
 
@@ -337,7 +338,7 @@ std::string literally(const std::string& text) {
 using PageViewTrackingDeathTest = PageViewTrackingTest;
 
 TEST_F(PageViewTrackingDeathTest, RefusedInitialisersStopWithTheirMessage) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  testing::useThreadsafeDeathTests();
   const auto coder = archive([](platform::KeyedArchiver&) {});
   ASSERT_TRUE(coder);
   const std::string viewCoder = "init(coder:pageViewManager:) must be used";
