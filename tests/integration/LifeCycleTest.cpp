@@ -15,25 +15,14 @@
 #include <korvel/Korvel.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include "support/TestEnv.h"
+#include "support/LibraryThreads.h"
 
 namespace korvel {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-// The library's own threads ("korvel-send", "korvel-journal", ...) alive now.
-size_t libraryThreads() {
-  size_t count = 0;
-  std::error_code ec;
-  for (const auto& task : fs::directory_iterator("/proc/self/task", ec)) {
-    std::ifstream comm(task.path() / "comm");
-    std::string name;
-    std::getline(comm, name);
-    if (name.starts_with("korvel-")) ++count;
-  }
-  return count;
-}
+using testing::libraryThreads;
 
 class LifeCycleTest : public testing::BeaconTest {
  protected:

@@ -15,28 +15,17 @@
 
 #include <korvel/Korvel.h>
 #include "support/TestEnv.h"
+#include "support/LibraryThreads.h"
 
 namespace korvel {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
+using testing::libraryThreads;
 using testing::CapturingExecutor;
 
 constexpr const char* kWaitLine = "a beacon was reported before korvel::Reporting::start()";
-
-// The library's own threads ("korvel-send", "korvel-journal", ...) alive now.
-size_t libraryThreads() {
-  size_t count = 0;
-  std::error_code ec;
-  for (const auto& task : fs::directory_iterator("/proc/self/task", ec)) {
-    std::ifstream comm(task.path() / "comm");
-    std::string name;
-    std::getline(comm, name);
-    if (name.starts_with("korvel-")) ++count;
-  }
-  return count;
-}
 
 // The test's Env, but executors are made as on a host's machine: by the
 // default Env's factory.

@@ -6,6 +6,7 @@
 #include <new>
 
 #include <korvel/foundation/internal/Mutex.h>
+#include <korvel/foundation/internal/SharedSlot.h>
 
 namespace korvel {
 
@@ -46,30 +47,18 @@ ProcessIdentity& identity() {
 struct KVNConfiguration::State {
   explicit State(std::shared_ptr<const Snapshot> first) : snapshot(std::move(first)) {}
 
-  std::shared_ptr<const Snapshot> current() const KORVEL_EXCLUDES(snapshotMutex) {
-    MutexLock lock(snapshotMutex);
-    return snapshot;
-  }
-
-  // Replaces the published snapshot; the previous one is released outside
-  // the lock.
-  void publish(std::shared_ptr<const Snapshot> next) KORVEL_REQUIRES(writeMutex)
-      KORVEL_EXCLUDES(snapshotMutex) {
-    {
-      MutexLock lock(snapshotMutex);
-      snapshot.swap(next);
-    }
-    // next now holds the previous snapshot; if this was its last owner it is
-    // destroyed here, outside the lock.
+  std::shared_ptr<const Snapshot> current() const { return snapshot.load(); }
+  // The previous snapshot is released outside the slot's lock.
+  void publish(std::shared_ptr<const Snapshot> next) KORVEL_REQUIRES(writeMutex) {
+    snapshot.store(std::move(next));
   }
 
   // Serialises writers: each edit starts from the snapshot the previous one
   // published.
   Mutex writeMutex;
-  // Guards only the pointer: readers copy it under this short lock and then
-  // use the immutable snapshot without any.
-  mutable Mutex snapshotMutex;
-  std::shared_ptr<const Snapshot> snapshot KORVEL_GUARDED_BY(snapshotMutex);
+  // Readers copy the pointer under the slot's short lock and then use the
+  // immutable snapshot without any.
+  platform::SharedSlot<const Snapshot> snapshot;
 };
 
 inline KVNConfiguration::State& KVNConfiguration::state() const noexcept {

@@ -6,6 +6,7 @@
 #include <utility>
 
 #include <korvel/foundation/internal/Mutex.h>
+#include <korvel/foundation/internal/SharedSlot.h>
 
 namespace korvel::platform {
 
@@ -54,31 +55,18 @@ struct NotificationCenter::Observer {
 struct NotificationCenter::State {
   using Snapshot = std::vector<std::shared_ptr<Observer>>;
 
-  std::shared_ptr<const Snapshot> current() const KORVEL_EXCLUDES(observersMutex) {
-    MutexLock lock(observersMutex);
-    return observers;
-  }
-
-  // Replaces the observer list; the previous one is released outside the
-  // lock.
-  void publish(std::shared_ptr<const Snapshot> next) KORVEL_REQUIRES(writeMutex)
-      KORVEL_EXCLUDES(observersMutex) {
-    {
-      MutexLock lock(observersMutex);
-      observers.swap(next);
-    }
-    // next now holds the previous list; if this was its last owner it is
-    // destroyed here, outside the lock.
+  std::shared_ptr<const Snapshot> current() const { return observers.load(); }
+  // The previous list is released outside the slot's lock.
+  void publish(std::shared_ptr<const Snapshot> next) KORVEL_REQUIRES(writeMutex) {
+    observers.store(std::move(next));
   }
 
   // Serialises changes to the observer list; readers load the snapshot
   // without it.
   Mutex writeMutex;
-  // Guards only the pointer: readers copy it under this short lock and then
-  // walk the immutable list without any.
-  mutable Mutex observersMutex;
-  std::shared_ptr<const Snapshot> observers KORVEL_GUARDED_BY(observersMutex) =
-      std::make_shared<const Snapshot>();
+  // Readers copy the pointer under the slot's short lock and then walk the
+  // immutable list without any.
+  SharedSlot<const Snapshot> observers{std::make_shared<const Snapshot>()};
   ObserverToken nextToken KORVEL_GUARDED_BY(writeMutex) = 1;
 };
 
