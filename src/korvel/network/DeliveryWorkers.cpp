@@ -403,6 +403,10 @@ void DurableRequestExecutor::workerLoop() {
       if (!idle) idleSince = now;
       idle = true;
       if (now - idleSince >= options_.idleSenderTimeout) {
+        // Counted out now, while mutex_ is held: deliverEvents below lets
+        // it go, and another idle sender deciding meanwhile must see this
+        // one gone, or both would end and leave none.
+        --sendersRunning_;
         ended = true;
         break;
       }
@@ -423,7 +427,6 @@ void DurableRequestExecutor::workerLoop() {
   if (ended) {
     // Listed for startSender (or the destructor) to join; mutex_ is not
     // taken again by this thread.
-    --sendersRunning_;
     endedSenders_.push_back(std::this_thread::get_id());
   }
   mutex_.unlock();
