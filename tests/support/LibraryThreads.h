@@ -2,10 +2,12 @@
 // this process now, by their names.
 #pragma once
 
+#include <chrono>
 #include <cstddef>
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <thread>
 
 namespace korvel::testing {
 
@@ -19,6 +21,17 @@ inline size_t libraryThreads() {
     if (name.starts_with("korvel-")) ++count;
   }
   return count;
+}
+
+// Whether the library's threads show up within the deadline: a thread
+// names itself once it runs, a moment after the call that started it.
+inline bool libraryThreadsAppear(std::chrono::milliseconds deadline = std::chrono::seconds(5)) {
+  const auto end = std::chrono::steady_clock::now() + deadline;
+  while (libraryThreads() == 0) {
+    if (std::chrono::steady_clock::now() > end) return false;
+    std::this_thread::yield();
+  }
+  return true;
 }
 
 }  // namespace korvel::testing
