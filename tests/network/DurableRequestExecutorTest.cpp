@@ -591,9 +591,12 @@ TEST_F(DurableRequestExecutorTest, ABacklogStartsMoreSendersAndTheyEndAfterAnIdl
   EXPECT_EQ(executor->stats().senders, 1u);
 
   // Every transfer hangs until released: the backlog starts a sender per
-  // transfer, up to three.
+  // transfer, up to three, also when it arrives while the one sender is
+  // already on the wire (no report wakes a busy sender).
   server_.closeGate();
-  for (int i = 0; i < 20; ++i) executor->executeRequest(makeRequest("burst-" + std::to_string(i)));
+  executor->executeRequest(makeRequest("burst-0"));
+  ASSERT_TRUE(server_.waitForAttempts(5 + 1, 5s));
+  for (int i = 1; i < 20; ++i) executor->executeRequest(makeRequest("burst-" + std::to_string(i)));
   ASSERT_TRUE(server_.waitForAttempts(5 + 3, 5s));
   EXPECT_EQ(executor->stats().senders, 3u);
   server_.release(FakeServer::status(204));

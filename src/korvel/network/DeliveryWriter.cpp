@@ -306,6 +306,12 @@ void DurableRequestExecutor::writerLoop() {
       if (!writerWake_.waitUntil(mutex_, until)) break;
     }
     adoptHandoffs();  // counts their appends and applies the caps to them
+    // Reports wake only a sender that sleeps: a backlog that arrived while
+    // every sender was on the wire gets another sender here.
+    if (!paused_ && sleepingWorkers_ == 0 && moreReady() &&
+        sendersRunning_ < static_cast<size_t>(std::max(1, options_.concurrency))) {
+      startSender();
+    }
     const bool stop = writerStopping_;
     const bool compact = compactRequested_;
     syncRequested_ = false;
