@@ -533,7 +533,7 @@ Reporting::DeliveryResult flushExecutor(std::chrono::milliseconds deadline) {
   if (auto durable = std::dynamic_pointer_cast<platform::DurableRequestExecutor>(executor)) {
     const auto stats = durable->stats();
     const uint64_t dropped = stats.droppedByServer + stats.droppedOverCap + stats.droppedTooOld +
-                             stats.droppedOversize + stats.droppedUnreadable;
+                             stats.droppedOversize;
     Counted& c = counted();
     MutexLock lock(c.mutex);
     // Another executor than last time (a new start): it counts from zero.
@@ -544,7 +544,8 @@ Reporting::DeliveryResult flushExecutor(std::chrono::milliseconds deadline) {
     }
     result.delivered = stats.delivered - c.delivered;
     result.dropped = dropped - c.dropped;
-    result.pending = stats.waiting;
+    // Those that could not be read back stay stored for the next start.
+    result.pending = stats.waiting + stats.droppedUnreadable;
     c.delivered = stats.delivered;
     c.dropped = dropped;
   }

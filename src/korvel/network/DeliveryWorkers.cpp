@@ -303,8 +303,13 @@ void DurableRequestExecutor::workerLoop() {
         --inFlight_;
         auto it = entries_.find(id);
         if (it != entries_.end()) {
+          // A read error (no descriptor to be had, an unreadable file) is
+          // no reason to delete it: it leaves this run's queue but stays
+          // stored, and the next start restores it.
           ++stats_.droppedUnreadable;
-          logRepeated("dropped a stored request that could not be read back from the journal");
+          logRepeated("a stored request could not be read back from the journal; it stays "
+                      "stored for the next start");
+          it->second.durable = false;  // finishing it must not forget it in the store
           finish(it);
         }
         if (probeHost >= 0) hosts_[static_cast<size_t>(probeHost)].probing = false;
