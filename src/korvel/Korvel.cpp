@@ -545,7 +545,7 @@ Reporting::DeliveryResult flushExecutor(std::chrono::milliseconds deadline) {
     result.delivered = stats.delivered - c.delivered;
     result.dropped = dropped - c.dropped;
     // Those that could not be read back stay stored for the next start.
-    result.pending = stats.waiting + stats.droppedUnreadable;
+    result.pending = stats.waiting + stats.leftUnreadable;
     c.delivered = stats.delivered;
     c.dropped = dropped;
   }

@@ -306,7 +306,7 @@ void DurableRequestExecutor::workerLoop() {
           // A read error (no descriptor to be had, an unreadable file) is
           // no reason to delete it: it leaves this run's queue but stays
           // stored, and the next start restores it.
-          ++stats_.droppedUnreadable;
+          ++stats_.leftUnreadable;
           logRepeated("a stored request could not be read back from the journal; it stays "
                       "stored for the next start");
           it->second.durable = false;  // finishing it must not forget it in the store

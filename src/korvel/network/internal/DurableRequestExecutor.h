@@ -182,7 +182,7 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     uint64_t droppedOverCap = 0;
     uint64_t droppedTooOld = 0;
     uint64_t droppedOversize = 0;
-    uint64_t droppedUnreadable = 0;  // could not be read back: left stored for the next start
+    uint64_t leftUnreadable = 0;  // could not be read back: left in the store for the next start
     uint64_t attempts = 0;
     uint64_t restored = 0;
     uint64_t waiting = 0;  // queued, in flight or between retries
