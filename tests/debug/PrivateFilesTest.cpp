@@ -17,6 +17,7 @@
 #include <korvel/debug/KVRDebugDataPersister.h>
 #include <korvel/platform/Files.h>
 #include <korvel/platform/KVNUserDefaults.h>
+#include "support/HostTest.h"
 #include "support/TestEnv.h"
 
 namespace korvel {
@@ -49,27 +50,21 @@ std::vector<std::string> notPrivate(const fs::path& root, size_t& walked) {
   return out;
 }
 
-class PrivateFilesTest : public testing::BeaconTest {
+class PrivateFilesTest : public testing::HostTest {
  protected:
+  PrivateFilesTest() : HostTest("private", 10s) {}
+
   void SetUp() override {
-    BeaconTest::SetUp();
-    char pattern[] = "/tmp/korvel-private-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    root_ = pattern;
+    HostTest::SetUp();
+    if (HasFatalFailure()) return;
     previousUmask_ = ::umask(0);
   }
 
-  void TearDown() override {
-    Reporting::shutdown(10s);
-    KVRBeacon::setReportingAllowed(true);
+  void afterShutdown() override {
     KVNUserDefaults::setSharedUserDefaults(nullptr);
     ::umask(previousUmask_);
-    std::error_code ec;
-    fs::remove_all(root_, ec);
-    BeaconTest::TearDown();
   }
 
-  fs::path root_;
   mode_t previousUmask_ = 022;
 };
 

@@ -10,6 +10,7 @@
 
 #include "collector/BeaconCollector.h"
 #include <korvel/Korvel.h>
+#include "support/HostTest.h"
 #include "support/TestEnv.h"
 
 namespace korvel {
@@ -41,13 +42,13 @@ Footprint footprint(const fs::path& dir) {
   return f;
 }
 
-class ConsentTest : public testing::BeaconTest {
+class ConsentTest : public testing::HostTest {
  protected:
+  ConsentTest() : HostTest("consent", kDeadline) {}
+
   void SetUp() override {
-    BeaconTest::SetUp();
-    char pattern[] = "/tmp/korvel-consent-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    root_ = pattern;
+    HostTest::SetUp();
+    if (HasFatalFailure()) return;
     ASSERT_TRUE(collector_.start());
     created_ = platform::ObserverRegistration(
         env_.notificationCenter(),
@@ -56,14 +57,9 @@ class ConsentTest : public testing::BeaconTest {
             [this](const platform::Notification&) { ++recordsMade_; }));
   }
 
-  void TearDown() override {
-    Reporting::shutdown(kDeadline);
-    KVRBeacon::setReportingAllowed(true);
+  void afterShutdown() override {
     created_.reset();
     collector_.stop();
-    std::error_code ec;
-    fs::remove_all(root_, ec);
-    BeaconTest::TearDown();
   }
 
   fs::path dataDirectory() const { return root_ / "data"; }
@@ -106,7 +102,6 @@ class ConsentTest : public testing::BeaconTest {
     return out;
   }
 
-  fs::path root_;
   BeaconCollector collector_;
   platform::ObserverRegistration created_;
   std::atomic<int> recordsMade_{0};

@@ -14,6 +14,7 @@
 #include "collector/BeaconCollector.h"
 #include <korvel/Korvel.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
+#include "support/HostTest.h"
 #include "support/TestEnv.h"
 #include "support/LibraryThreads.h"
 
@@ -24,22 +25,9 @@ namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using testing::libraryThreads;
 
-class LifeCycleTest : public testing::BeaconTest {
+class LifeCycleTest : public testing::HostTest {
  protected:
-  void SetUp() override {
-    BeaconTest::SetUp();
-    char pattern[] = "/tmp/korvel-lifecycle-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    root_ = pattern;
-  }
-
-  void TearDown() override {
-    Reporting::shutdown(0ms);
-    KVRBeacon::setReportingAllowed(true);
-    std::error_code ec;
-    fs::remove_all(root_, ec);
-    BeaconTest::TearDown();
-  }
+  LifeCycleTest() : HostTest("lifecycle", 0ms) {}
 
   Reporting::StartOptions options() const {
     Reporting::StartOptions o;
@@ -57,7 +45,6 @@ class LifeCycleTest : public testing::BeaconTest {
     return env_.logs().messagesContaining(text);
   }
 
-  fs::path root_;
 };
 
 TEST_F(LifeCycleTest, StartSaysWhenBeaconsCanOnlyBeKeptInMemory) {

@@ -14,6 +14,7 @@
 #include <thread>
 
 #include <korvel/Korvel.h>
+#include "support/HostTest.h"
 #include "support/TestEnv.h"
 #include "support/LibraryThreads.h"
 
@@ -38,27 +39,20 @@ class HostEnv : public platform::EnvWrapper {
   }
 };
 
-class ReportsBeforeStartTest : public testing::BeaconTest {
+class ReportsBeforeStartTest : public testing::HostTest {
  protected:
+  ReportsBeforeStartTest() : HostTest("beforestart", 0ms) {}
+
   void SetUp() override {
-    BeaconTest::SetUp();
-    char pattern[] = "/tmp/korvel-beforestart-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    root_ = pattern;
+    HostTest::SetUp();
+    if (HasFatalFailure()) return;
     hostScope_.emplace(host_);
     // As in a process that has not sent yet: no executor.
     KVRBeacon::setBackgroundSession(nullptr);
     env_.logs().clear();
   }
 
-  void TearDown() override {
-    Reporting::shutdown(0ms);
-    KVRBeacon::setReportingAllowed(true);
-    hostScope_.reset();
-    std::error_code ec;
-    fs::remove_all(root_, ec);
-    BeaconTest::TearDown();
-  }
+  void afterShutdown() override { hostScope_.reset(); }
 
   Reporting::StartOptions options() const {
     Reporting::StartOptions o;
@@ -85,7 +79,6 @@ class ReportsBeforeStartTest : public testing::BeaconTest {
 
   size_t logLines(const std::string& text) { return env_.logs().messagesContaining(text); }
 
-  fs::path root_;
   HostEnv host_{env_};
   std::optional<platform::ScopedEnv> hostScope_;
   std::shared_ptr<CapturingExecutor> delivered_ = std::make_shared<CapturingExecutor>();
