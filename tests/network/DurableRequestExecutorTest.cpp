@@ -927,8 +927,13 @@ TEST_F(DurableRequestExecutorTest, RequestsHeldByTheConfigurationAreLoggedOncePe
     s.inid = "INID";
   });
   auto holds = [this] { return env_.logs().messagesContaining("requests wait: the configuration"); };
-  auto executor = start(options());
+  // All three queued before a sender looks, so that the first line counts
+  // them all.
+  auto o = options();
+  o.startPaused = true;
+  auto executor = start(o);
   for (const char* name : {"a", "b", "c"}) executor->executeRequest(makeRequest(name, 1, 2));
+  executor->setPaused(false);
   EXPECT_FALSE(executor->flush(300ms));  // workers look again and again meanwhile
   EXPECT_EQ(holds(), 1u);
   EXPECT_TRUE(logged("3 requests wait: the configuration has no beacon endpoint or no inid"));
