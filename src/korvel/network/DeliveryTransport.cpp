@@ -8,6 +8,7 @@
 #include <cmath>
 #include <ctime>
 #include <mutex>
+#include <vector>
 
 namespace korvel::platform {
 
@@ -26,50 +27,169 @@ std::string_view trim(std::string_view s) {
   return s;
 }
 
+// While requests are on the wire and the feed had nothing more, it is asked
+// again this often (new reports), and cancellation is seen this soon.
+constexpr int kPollMillis = 100;
+
+DeliveryResponse failedResponse(std::string error) {
+  DeliveryResponse response;
+  response.error = std::move(error);
+  return response;
+}
+
 class CurlTransport final : public DeliveryTransport {
  public:
   CurlTransport(const std::atomic<bool>& cancelled, CurlTransportOptions options)
-      : cancelled_(cancelled) {
+      : cancelled_(cancelled), options_(options) {
     ensureCurlGlobalInit();
-    handle_ = curl_easy_init();
-    if (handle_ == nullptr) return;
-    curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(handle_, CURLOPT_HTTPGET, 1L);
-    curl_easy_setopt(handle_, CURLOPT_TIMEOUT_MS, static_cast<long>(options.timeout.count()));
-    curl_easy_setopt(handle_, CURLOPT_CONNECTTIMEOUT_MS,
-                     static_cast<long>(options.connectTimeout.count()));
-    curl_easy_setopt(handle_, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(handle_, CURLOPT_MAXREDIRS, 5L);
-    curl_easy_setopt(handle_, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(handle_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(handle_, CURLOPT_TCP_KEEPALIVE, 1L);
-    curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, discardBody);
-    curl_easy_setopt(handle_, CURLOPT_HEADERFUNCTION, readHeader);
-    curl_easy_setopt(handle_, CURLOPT_HEADERDATA, this);
-    curl_easy_setopt(handle_, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(handle_, CURLOPT_XFERINFOFUNCTION, progress);
-    curl_easy_setopt(handle_, CURLOPT_XFERINFODATA, this);
+    const size_t transfers = std::max<size_t>(1, options.transfers);
+    multi_ = curl_multi_init();
+    if (multi_ == nullptr) return;
+    // At most one connection per transfer is kept open. No more transfers
+    // run than there are handles, so no more connections are in use either
+    // (a per-host limit would only add a queue inside libcurl).
+    curl_multi_setopt(multi_, CURLMOPT_MAXCONNECTS, static_cast<long>(transfers));
+    curl_multi_setopt(multi_, CURLMOPT_PIPELINING, CURLPIPE_MULTIPLEX);
+    slots_.reserve(transfers);
+    for (size_t i = 0; i < transfers; ++i) {
+      auto slot = std::make_unique<Slot>();
+      slot->owner = this;
+      slot->easy = curl_easy_init();
+      if (slot->easy == nullptr) break;
+      configure(*slot);
+      slots_.push_back(std::move(slot));
+    }
   }
 
   ~CurlTransport() override {
-    if (handle_ != nullptr) curl_easy_cleanup(handle_);
+    for (auto& slot : slots_) {
+      if (slot->busy) curl_multi_remove_handle(multi_, slot->easy);
+      curl_easy_cleanup(slot->easy);
+    }
+    if (multi_ != nullptr) curl_multi_cleanup(multi_);
   }
 
   DeliveryResponse get(const std::string& url) override {
-    DeliveryResponse response;
-    if (handle_ == nullptr) {
-      response.error = "curl_easy_init failed";
-      return response;
+    struct One final : DeliveryFeed {
+      const std::string* url = nullptr;
+      bool given = false;
+      DeliveryResponse response;
+      bool next(DeliveryJob& job) override {
+        if (given) return false;
+        given = true;
+        job.tag = 0;
+        job.url = url;
+        return true;
+      }
+      void done(uint64_t, DeliveryResponse answer) override { response = std::move(answer); }
+    } one;
+    one.url = &url;
+    send(one);
+    return std::move(one.response);
+  }
+
+  size_t parallelism() const override { return std::max<size_t>(1, slots_.size()); }
+
+  void send(DeliveryFeed& feed) override {
+    DeliveryJob job;
+    if (multi_ == nullptr || slots_.empty()) {
+      while (feed.next(job)) feed.done(job.tag, failedResponse("curl could not be initialised"));
+      return;
     }
-    current_ = &response;
-    curl_easy_setopt(handle_, CURLOPT_URL, url.c_str());
-    const CURLcode code = curl_easy_perform(handle_);
-    current_ = nullptr;
+    size_t running = 0;
+    for (;;) {
+      // Fills the free slots while the feed has requests.
+      bool more = true;
+      while (more && running < slots_.size()) {
+        if (!feed.next(job)) {
+          more = false;
+          break;
+        }
+        Slot& slot = freeSlot();
+        slot.tag = job.tag;
+        slot.response = DeliveryResponse{};
+        curl_easy_setopt(slot.easy, CURLOPT_URL, job.url->c_str());
+        const CURLMcode added = curl_multi_add_handle(multi_, slot.easy);
+        if (added != CURLM_OK) {
+          feed.done(job.tag, failedResponse(curl_multi_strerror(added)));
+          continue;
+        }
+        slot.busy = true;
+        ++running;
+      }
+      if (running == 0) return;  // the feed had nothing more
+
+      int stillRunning = 0;
+      curl_multi_perform(multi_, &stillRunning);
+      int left = 0;
+      bool answered = false;
+      while (CURLMsg* message = curl_multi_info_read(multi_, &left)) {
+        if (message->msg != CURLMSG_DONE) continue;
+        Slot* slot = nullptr;
+        curl_easy_getinfo(message->easy_handle, CURLINFO_PRIVATE, reinterpret_cast<char**>(&slot));
+        const CURLcode code = message->data.result;
+        // The message belongs to the handle: read it before removing it.
+        curl_multi_remove_handle(multi_, slot->easy);
+        slot->busy = false;
+        --running;
+        answered = true;
+        finish(*slot, code);
+        feed.done(slot->tag, std::move(slot->response));
+      }
+      // Slots were freed: fill them before waiting (returns when the feed
+      // has nothing and nothing is on the wire).
+      if (answered) continue;
+      // Until an answer, or the poll interval when slots are free (the feed
+      // is asked again then) or a transfer is to be cancelled.
+      curl_multi_poll(multi_, nullptr, 0, kPollMillis, nullptr);
+    }
+  }
+
+ private:
+  struct Slot {
+    CurlTransport* owner = nullptr;
+    CURL* easy = nullptr;
+    uint64_t tag = 0;
+    bool busy = false;
+    DeliveryResponse response;
+  };
+
+  void configure(Slot& slot) {
+    CURL* handle = slot.easy;
+    curl_easy_setopt(handle, CURLOPT_PRIVATE, &slot);
+    curl_easy_setopt(handle, CURLOPT_NOSIGNAL, 1L);
+    curl_easy_setopt(handle, CURLOPT_HTTPGET, 1L);
+    curl_easy_setopt(handle, CURLOPT_TIMEOUT_MS, static_cast<long>(options_.timeout.count()));
+    curl_easy_setopt(handle, CURLOPT_CONNECTTIMEOUT_MS,
+                     static_cast<long>(options_.connectTimeout.count()));
+    curl_easy_setopt(handle, CURLOPT_FOLLOWLOCATION, 1L);
+    curl_easy_setopt(handle, CURLOPT_MAXREDIRS, 5L);
+    curl_easy_setopt(handle, CURLOPT_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
+    curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
+    curl_easy_setopt(handle, CURLOPT_TCP_KEEPALIVE, 1L);
+    curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, discardBody);
+    curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, readHeader);
+    curl_easy_setopt(handle, CURLOPT_HEADERDATA, &slot);
+    curl_easy_setopt(handle, CURLOPT_NOPROGRESS, 0L);
+    curl_easy_setopt(handle, CURLOPT_XFERINFOFUNCTION, progress);
+    curl_easy_setopt(handle, CURLOPT_XFERINFODATA, this);
+  }
+
+  Slot& freeSlot() {
+    for (auto& slot : slots_) {
+      if (!slot->busy) return *slot;
+    }
+    return *slots_.front();  // not reached: called only with a slot free
+  }
+
+  static void finish(Slot& slot, CURLcode code) {
+    DeliveryResponse& response = slot.response;
     if (code != CURLE_OK) {
       response.status = 0;
       response.error = curl_easy_strerror(code);
       curl_off_t connectTime = 0;
-      curl_easy_getinfo(handle_, CURLINFO_CONNECT_TIME_T, &connectTime);
+      curl_easy_getinfo(slot.easy, CURLINFO_CONNECT_TIME_T, &connectTime);
       // Refused, unresolvable or never connected (a connect timeout): no
       // server saw the request. Cancellation counts the same way.
       response.reachedServer = !(code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST ||
@@ -77,29 +197,27 @@ class CurlTransport final : public DeliveryTransport {
                                  code == CURLE_ABORTED_BY_CALLBACK ||
                                  (code == CURLE_OPERATION_TIMEDOUT && connectTime == 0));
       response.retryAfter.reset();
-      return response;
+      return;
     }
-    curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &response.status);
+    curl_easy_getinfo(slot.easy, CURLINFO_RESPONSE_CODE, &response.status);
     response.reachedServer = true;
-    return response;
   }
 
- private:
   static size_t discardBody(char*, size_t size, size_t count, void*) { return size * count; }
 
   static size_t readHeader(char* data, size_t size, size_t count, void* user) {
-    auto* self = static_cast<CurlTransport*>(user);
+    auto* slot = static_cast<Slot*>(user);
     const size_t length = size * count;
-    if (self->current_ == nullptr) return length;
+    if (!slot->busy) return length;
     std::string_view line(data, length);
     if (line.starts_with("HTTP/")) {
-      self->current_->retryAfter.reset();  // a new response (after a redirect)
+      slot->response.retryAfter.reset();  // a new response (after a redirect)
       return length;
     }
     constexpr std::string_view kName = "retry-after:";
     if (line.size() > kName.size() && strncasecmp(line.data(), kName.data(), kName.size()) == 0) {
       const auto value = trim(line.substr(kName.size()));
-      if (!value.empty()) self->current_->retryAfter = std::string(value);
+      if (!value.empty()) slot->response.retryAfter = std::string(value);
     }
     return length;
   }
@@ -109,8 +227,10 @@ class CurlTransport final : public DeliveryTransport {
   }
 
   const std::atomic<bool>& cancelled_;
-  CURL* handle_ = nullptr;
-  DeliveryResponse* current_ = nullptr;
+  const CurlTransportOptions options_;
+  CURLM* multi_ = nullptr;
+  // Stable addresses: the handles' callbacks point at them.
+  std::vector<std::unique_ptr<Slot>> slots_;
 };
 
 }  // namespace

@@ -5,9 +5,11 @@
 #include <korvel/network/internal/DurableRequestExecutor.h>
 
 #include <algorithm>
+#include <deque>
 #include <optional>
 #include <random>
 #include <thread>
+#include <utility>
 
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/foundation/KVNRequestReload.h>
@@ -42,6 +44,12 @@ std::string hostOf(const std::string& url) {
 
 // The URL without its query, for log lines (the query carries the inid).
 std::string withoutQuery(const std::string& url) { return url.substr(0, url.find('?')); }
+
+// Where no transport could be made: nothing answers.
+class Unreachable final : public DeliveryTransport {
+ public:
+  DeliveryResponse get(const std::string&) override { return DeliveryResponse{}; }
+};
 
 std::string describe(const DeliveryResponse& response) {
   if (response.status != 0) return "HTTP " + std::to_string(response.status);
@@ -245,114 +253,108 @@ std::shared_ptr<const KVNNetworkRequest> DurableRequestExecutor::readBack(uint64
   return std::make_shared<const KVNNetworkRequest>(std::move(*request));
 }
 
-void DurableRequestExecutor::workerLoop() {
-  nameThisThread("korvel-send");
-  lowerThisThreadPriority();
-  std::unique_ptr<DeliveryTransport> transport =
-      options_.transport
-          ? options_.transport(cancel_)
-          : makeCurlTransport(cancel_, CurlTransportOptions{options_.requestTimeout,
-                                                            std::min(options_.requestTimeout,
-                                                                     std::chrono::milliseconds(10'000))});
-  std::minstd_rand random(std::random_device{}());
-  std::uniform_real_distribution<double> unit(0.0, 1.0);
+// What a sender's transport sends: each request it asks for is taken from
+// the queue and made ready (nextFlight), each answer settled (landFlight),
+// every call with mutex_ taken for its length.
+class DurableRequestExecutor::SenderFeed final : public DeliveryFeed {
+ public:
+  explicit SenderFeed(DurableRequestExecutor& executor)
+      : executor_(executor), random_(std::random_device{}()) {}
 
-  // Since when this sender found nothing to send; an extra one ends after
-  // the idle timeout.
-  Clock::time_point idleSince{};
-  bool idle = false;
-  bool ended = false;
-  mutex_.lock();
-  while (!stopping_) {
+  bool next(DeliveryJob& job) override {
+    size_t slot = 0;
+    while (slot < flights_.size() && flights_[slot].used) ++slot;
+    if (slot == flights_.size()) flights_.emplace_back();
+    Flight& flight = flights_[slot];
+    executor_.mutex_.lock();
+    const bool taken = executor_.nextFlight(flight, unit_(random_));
+    executor_.mutex_.unlock();
+    if (!taken) return false;
+    flight.used = true;
+    tookAny_ = true;
+    job.tag = slot;
+    job.url = &flight.url;
+    return true;
+  }
+
+  void done(uint64_t tag, DeliveryResponse response) override {
+    if (tag >= flights_.size() || !flights_[tag].used) return;  // not one it handed out
+    Flight& flight = flights_[tag];
+    const double jitter = unit_(random_);
+    executor_.mutex_.lock();
+    executor_.landFlight(flight, classifyDelivery(response), response, jitter);
+    executor_.mutex_.unlock();
+    flight.used = false;
+  }
+
+  // Whether any request went to the transport since the last call.
+  bool tookAny() { return std::exchange(tookAny_, false); }
+
+ private:
+  DurableRequestExecutor& executor_;
+  std::deque<Flight> flights_;  // by tag; a deque keeps the URLs handed out where they are
+  std::minstd_rand random_;
+  std::uniform_real_distribution<double> unit_{0.0, 1.0};
+  bool tookAny_ = false;
+};
+
+bool DurableRequestExecutor::nextFlight(Flight& flight, double jitter) {
+  for (;;) {
     deliverEvents();
-    if (stopping_) break;
+    if (stopping_) return false;
     adoptHandoffs();
     const auto now = Clock::now();
     promoteDue(now);
     uint64_t id = 0;
     int probeHost = -1;
-    if (!paused_ && (pickProbe(now, id, probeHost) || pickReady(id))) {
-      Entry& entry = entries_.at(id);
-      entry.state = State::InFlight;
-      ++inFlight_;
-      idle = false;
-      // Reports wake one sender; it wakes the next while there is more, or,
-      // when none sleeps, starts one (a backlog), up to the concurrency.
-      if (moreReady()) {
-        if (sleepingWorkers_ > 0) {
-          workAvailable_.signal();
-        } else if (sendersRunning_ < static_cast<size_t>(std::max(1, options_.concurrency))) {
-          startSender();
-        }
+    if (paused_ || !(pickProbe(now, id, probeHost) || pickReady(id))) return false;
+    Entry& entry = entries_.at(id);
+    entry.state = State::InFlight;
+    ++inFlight_;
+    // Reports wake one sender; it wakes the next while there is more, or,
+    // when none sleeps, starts one (a backlog), up to the concurrency.
+    if (moreReady()) {
+      if (sleepingWorkers_ > 0) {
+        workAvailable_.signal();
+      } else if (sendersRunning_ < maxSenders()) {
+        startSender();
       }
-      std::shared_ptr<const KVNNetworkRequest> request;
-      if (auto kept = whole_.find(id); kept != whole_.end()) request = kept->second;
-      const bool stored = entry.durable && !request;
-      mutex_.unlock();
+    }
+    std::shared_ptr<const KVNNetworkRequest> request;
+    if (auto kept = whole_.find(id); kept != whole_.end()) request = kept->second;
+    const bool stored = entry.durable && !request;
+    mutex_.unlock();
 
-      if (stored) request = readBack(id);
+    if (stored) request = readBack(id);
+    std::optional<KVNEndpoint> endpoint;
+    if (request) endpoint = request->buildEndpoint();
+    if (!request) {
+      mutex_.lock();
+      --inFlight_;
+      auto it = entries_.find(id);
+      if (it != entries_.end()) {
+        // A read error (no descriptor to be had, an unreadable file) is
+        // no reason to delete it: it leaves this run's queue but stays
+        // stored, and the next start restores it.
+        ++stats_.leftUnreadable;
+        logRepeated("a stored request could not be read back from the journal; it stays "
+                    "stored for the next start");
+        it->second.durable = false;  // finishing it must not forget it in the store
+        finish(it);
+      }
+      if (probeHost >= 0) hosts_[static_cast<size_t>(probeHost)].probing = false;
+      continue;
+    }
+    flight.id = id;
+    flight.host = -1;
+    flight.probeHost = probeHost;
+    flight.url.clear();
+    if (!endpoint) {
+      // Settled without a transfer: the configuration changed under it (it
+      // waits for its policy again), or it has no URL.
       DeliveryResponse response;
       DeliveryVerdict verdict;
-      std::string url;
-      int host = -1;
-      bool urlTooLong = false;
-      std::optional<KVNEndpoint> endpoint;
-      if (request) endpoint = request->buildEndpoint();
-      if (!request) {
-        mutex_.lock();
-        --inFlight_;
-        auto it = entries_.find(id);
-        if (it != entries_.end()) {
-          // A read error (no descriptor to be had, an unreadable file) is
-          // no reason to delete it: it leaves this run's queue but stays
-          // stored, and the next start restores it.
-          ++stats_.leftUnreadable;
-          logRepeated("a stored request could not be read back from the journal; it stays "
-                      "stored for the next start");
-          it->second.durable = false;  // finishing it must not forget it in the store
-          finish(it);
-        }
-        if (probeHost >= 0) hosts_[static_cast<size_t>(probeHost)].probing = false;
-        continue;
-      }
-      if (endpoint) {
-        url = endpoint->urlString();
-        mutex_.lock();
-        host = hostIndex(hostOf(url));
-        Host& h = hosts_[static_cast<size_t>(host)];
-        entries_.at(id).host = static_cast<int16_t>(host);
-        if (probeHost >= 0 && probeHost != host) {
-          // Picked as another host's probe, but its URL now names this one.
-          hosts_[static_cast<size_t>(probeHost)].probing = false;
-          probeHost = -1;
-        }
-        if (h.steps > 0 && probeHost != host) {
-          if (h.probing || Clock::now() < h.notBefore) {
-            // The host backs off: no connection; it waits with the others
-            // (unless it was purged meanwhile).
-            --inFlight_;
-            auto it = entries_.find(id);
-            if (it->second.cancelled) {
-              finish(it);
-            } else {
-              hold(id, it->second, host);
-            }
-            continue;
-          }
-          h.probing = true;
-          probeHost = host;
-        }
-        urlTooLong = url.size() > options_.maxRequestBytes;
-        if (!urlTooLong) ++stats_.attempts;
-        mutex_.unlock();
-        if (urlTooLong) {
-          verdict = DeliveryVerdict::Drop;
-        } else {
-          response = transport ? transport->get(url) : DeliveryResponse{};
-          verdict = classifyDelivery(response);
-        }
-      } else if (!KVNConfigurationPolicySatisfied(request->configurationPolicy())) {
-        // The configuration changed under it: wait for the policy again.
+      if (!KVNConfigurationPolicySatisfied(request->configurationPolicy())) {
         response.error = "configuration no longer allows it";
         verdict = DeliveryVerdict::RetryUncounted;
       } else {
@@ -360,35 +362,108 @@ void DurableRequestExecutor::workerLoop() {
         response.error = "no endpoint URL";
         verdict = DeliveryVerdict::Retry;
       }
-      const double jitter = unit(random);
-
       mutex_.lock();
-      --inFlight_;
-      if (probeHost >= 0 && probeHost != host) {
-        hosts_[static_cast<size_t>(probeHost)].probing = false;
-        probeHost = -1;
-      }
-      if (urlTooLong) {
-        if (probeHost >= 0) hosts_[static_cast<size_t>(probeHost)].probing = false;
+      landFlight(flight, verdict, response, jitter);
+      continue;
+    }
+    flight.url = endpoint->urlString();
+    request.reset();
+    mutex_.lock();
+    const int host = hostIndex(hostOf(flight.url));
+    flight.host = host;
+    Host& h = hosts_[static_cast<size_t>(host)];
+    entries_.at(id).host = static_cast<int16_t>(host);
+    if (probeHost >= 0 && probeHost != host) {
+      // Picked as another host's probe, but its URL now names this one.
+      hosts_[static_cast<size_t>(probeHost)].probing = false;
+      probeHost = -1;
+    }
+    if (h.steps > 0 && probeHost != host) {
+      if (h.probing || Clock::now() < h.notBefore) {
+        // The host backs off: no connection; it waits with the others
+        // (unless it was purged meanwhile).
+        --inFlight_;
         auto it = entries_.find(id);
-        if (it != entries_.end()) {
-          ++stats_.droppedOversize;
-          observe(Event::Outcome::Dropped, "URL longer than " +
-                                               std::to_string(options_.maxRequestBytes) +
-                                               " bytes", url);
-          logRepeated("dropped a request whose URL has " + std::to_string(url.size()) +
-                      " bytes: more than " + std::to_string(options_.maxRequestBytes) +
-                      " bytes are never sent");
+        if (it->second.cancelled) {
           finish(it);
+        } else {
+          hold(id, it->second, host);
         }
         continue;
       }
-      settle(id, verdict, response, url, jitter, host, probeHost >= 0);
+      h.probing = true;
+      probeHost = host;
+    }
+    flight.probeHost = probeHost;
+    if (flight.url.size() > options_.maxRequestBytes) {
+      --inFlight_;
+      if (probeHost >= 0) hosts_[static_cast<size_t>(probeHost)].probing = false;
+      auto it = entries_.find(id);
+      if (it != entries_.end()) {
+        ++stats_.droppedOversize;
+        observe(Event::Outcome::Dropped, "URL longer than " +
+                                             std::to_string(options_.maxRequestBytes) +
+                                             " bytes", flight.url);
+        logRepeated("dropped a request whose URL has " + std::to_string(flight.url.size()) +
+                    " bytes: more than " + std::to_string(options_.maxRequestBytes) +
+                    " bytes are never sent");
+        finish(it);
+      }
       continue;
     }
+    ++stats_.attempts;
+    return true;
+  }
+}
 
-    // Nothing to send now: sleep until a retry or a host's probe is due, a
-    // policy may have changed, or new work arrives.
+void DurableRequestExecutor::landFlight(Flight& flight, DeliveryVerdict verdict,
+                                        const DeliveryResponse& response, double jitter) {
+  --inFlight_;
+  int probeHost = flight.probeHost;
+  if (probeHost >= 0 && probeHost != flight.host) {
+    hosts_[static_cast<size_t>(probeHost)].probing = false;
+    probeHost = -1;
+  }
+  settle(flight.id, verdict, response, flight.url, jitter, flight.host, probeHost >= 0);
+}
+
+size_t DurableRequestExecutor::maxSenders() const {
+  const size_t concurrency = static_cast<size_t>(std::max(1, options_.concurrency));
+  return std::max<size_t>(1, (concurrency + transportParallelism_ - 1) / transportParallelism_);
+}
+
+void DurableRequestExecutor::workerLoop() {
+  nameThisThread("korvel-send");
+  lowerThisThreadPriority();
+  const size_t concurrency = static_cast<size_t>(std::max(1, options_.concurrency));
+  std::unique_ptr<DeliveryTransport> transport =
+      options_.transport
+          ? options_.transport(cancel_)
+          : makeCurlTransport(cancel_, CurlTransportOptions{options_.requestTimeout,
+                                                            std::min(options_.requestTimeout,
+                                                                     std::chrono::milliseconds(10'000)),
+                                                            concurrency});
+  if (!transport) transport = std::make_unique<Unreachable>();
+  SenderFeed feed(*this);
+
+  // Since when this sender found nothing to send; an extra one ends after
+  // the idle timeout.
+  Clock::time_point idleSince{};
+  bool idle = false;
+  bool ended = false;
+  mutex_.lock();
+  transportParallelism_ = std::clamp<size_t>(transport->parallelism(), 1, concurrency);
+  while (!stopping_) {
+    mutex_.unlock();
+    transport->send(feed);
+    mutex_.lock();
+    if (feed.tookAny()) idle = false;
+    if (stopping_) break;
+
+    // Nothing to send now (the feed's last look found nothing): sleep until
+    // a retry or a host's probe is due, a policy may have changed, or new
+    // work arrives.
+    const auto now = Clock::now();
     std::optional<Clock::time_point> wake;
     auto wakeBy = [&wake](Clock::time_point at) { wake = wake ? std::min(*wake, at) : at; };
     if (!waiting_.empty()) wakeBy(waiting_.begin()->first);

@@ -308,8 +308,7 @@ void DurableRequestExecutor::writerLoop() {
     adoptHandoffs();  // counts their appends and applies the caps to them
     // Reports wake only a sender that sleeps: a backlog that arrived while
     // every sender was on the wire gets another sender here.
-    if (!paused_ && sleepingWorkers_ == 0 && moreReady() &&
-        sendersRunning_ < static_cast<size_t>(std::max(1, options_.concurrency))) {
+    if (!paused_ && sleepingWorkers_ == 0 && moreReady() && sendersRunning_ < maxSenders()) {
       startSender();
     }
     const bool stop = writerStopping_;

@@ -5,6 +5,8 @@
 
 #include <atomic>
 #include <chrono>
+#include <cstddef>
+#include <cstdint>
 #include <functional>
 #include <memory>
 #include <optional>
@@ -20,12 +22,48 @@ struct DeliveryResponse {
   std::string error;           // transport error text when status is 0
 };
 
-// Sends GET requests; one per worker thread, so it may keep connections open
-// between requests (keep-alive) without locking.
+// One request for a transport to send; url stays valid until the feed is
+// told its answer (DeliveryFeed::done with the same tag).
+struct DeliveryJob {
+  uint64_t tag = 0;
+  const std::string* url = nullptr;
+};
+
+// Where a transport takes the requests it sends and gives their answers.
+// Called on the thread that runs DeliveryTransport::send, one call at a time.
+class DeliveryFeed {
+ public:
+  // The next request to send; false when none is to be sent now (it may be
+  // asked again after any answer).
+  virtual bool next(DeliveryJob& job) = 0;
+  // The answer to the request handed out with tag.
+  virtual void done(uint64_t tag, DeliveryResponse response) = 0;
+
+ protected:
+  ~DeliveryFeed() = default;
+};
+
+// Sends GET requests; one per sender thread, so it may keep connections
+// open between requests (keep-alive) without locking.
 class DeliveryTransport {
  public:
   virtual ~DeliveryTransport() = default;
   virtual DeliveryResponse get(const std::string& url) = 0;
+
+  // How many requests send() may have on the wire at once.
+  virtual size_t parallelism() const { return 1; }
+
+  // Sends what the feed hands out, up to parallelism() requests at once,
+  // telling it each answer as it arrives; returns once the feed has nothing
+  // more and no request is on the wire. This one sends one at a time with
+  // get().
+  virtual void send(DeliveryFeed& feed) {
+    DeliveryJob job;
+    while (feed.next(job)) {
+      DeliveryResponse response = get(*job.url);
+      feed.done(job.tag, std::move(response));
+    }
+  }
 };
 
 // Makes a worker's transport. When cancelled turns true, a request in
@@ -36,9 +74,13 @@ using DeliveryTransportFactory =
 struct CurlTransportOptions {
   std::chrono::milliseconds timeout{30'000};
   std::chrono::milliseconds connectTimeout{10'000};
+  // Requests on the wire at once (send), each with a connection of its
+  // own over HTTP/1.1, or sharing one where the server speaks HTTP/2.
+  size_t transfers = 1;
 };
 
-// libcurl, one easy handle per transport: connections to a host are reused.
+// libcurl's multi interface on one thread: a pool of easy handles, reused,
+// whose connections to a host stay open between requests (keep-alive).
 // Redirects are followed (at most 5); only http and https are allowed.
 std::unique_ptr<DeliveryTransport> makeCurlTransport(const std::atomic<bool>& cancelled,
                                                      CurlTransportOptions options = {});

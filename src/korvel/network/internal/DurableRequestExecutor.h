@@ -270,7 +270,29 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
 
   static int bucketOf(int policy);
 
+  // One request a sender's transport has on the wire.
+  struct Flight {
+    uint64_t id = 0;
+    int host = -1;       // index into hosts_
+    int probeHost = -1;  // the host it probes, when it is one's probe
+    std::string url;
+    bool used = false;   // handed out and not answered yet
+  };
+  class SenderFeed;
+
   void workerLoop() KORVEL_EXCLUDES(mutex_);
+  // Takes the next request to send and makes it ready (its URL built, its
+  // host's backoff applied): true when it goes to the transport. Requests
+  // settled without a transfer (unreadable, held while their host backs
+  // off, oversize, without an endpoint) are settled on the way; false when
+  // nothing is left to send now. mutex_ is let go meanwhile.
+  bool nextFlight(Flight& flight, double jitter) KORVEL_REQUIRES(mutex_);
+  // Settles the answer to a request nextFlight handed out.
+  void landFlight(Flight& flight, DeliveryVerdict verdict, const DeliveryResponse& response,
+                  double jitter) KORVEL_REQUIRES(mutex_);
+  // Sender threads at most: enough for Options::concurrency requests at
+  // once with transports that each carry transportParallelism_.
+  size_t maxSenders() const KORVEL_REQUIRES(mutex_);
   // Starts one more sender thread (none once stopping); false when it
   // could not be started. Joins the senders that ended.
   bool startSender() KORVEL_REQUIRES(mutex_);
@@ -445,6 +467,8 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   std::vector<std::thread> workers_ KORVEL_GUARDED_BY(mutex_);
   std::vector<std::thread::id> endedSenders_ KORVEL_GUARDED_BY(mutex_);
   size_t sendersRunning_ KORVEL_GUARDED_BY(mutex_) = 0;
+  // Requests one sender's transport carries at once.
+  size_t transportParallelism_ KORVEL_GUARDED_BY(mutex_) = 1;
   std::thread writer_;
 };
 
