@@ -3,7 +3,8 @@
 //
 //   cpu   a fresh process starts the library (Reporting::start), reports N
 //         beacons through KVRBeacon as fast as it can (or at --rate per
-//         second) and flushes; the process's own CPU time (getrusage
+//         second) and flushes, to a collector that keeps nothing
+//         (--no-store); the process's own CPU time (getrusage
 //         RUSAGE_SELF, user and system) from the first report to the end of
 //         the flush, divided by N, and the beacons per second delivered in
 //         that time. The CPU is also split by thread name (the senders, the
@@ -176,7 +177,8 @@ pid_t startCollector(const std::string& path, int beacons, int& port) {
     close(fds[0]);
     close(fds[1]);
     const std::string count = std::to_string(beacons);
-    execl(path.c_str(), path.c_str(), "--quiet", "--port", "0", "--exit-after", count.c_str(),
+    execl(path.c_str(), path.c_str(), "--quiet", "--no-store", "--port", "0", "--exit-after",
+          count.c_str(),
           static_cast<char*>(nullptr));
     _exit(127);
   }

@@ -7,7 +7,7 @@
 //                    [--endpoint-template T] [--allow-event NAME]...
 //                    [--fail-first N] [--fail-status S]
 //                    [--retry-after VALUE] [--delay-ms N] [--drop-first N]
-//                    [--exit-after N] [--configuration FILE]
+//                    [--exit-after N] [--configuration FILE] [--no-store]
 //   korvel-collector expect [--url URL] [--count N | --none] [--timeout S]
 //                    [KEY=VALUE ...]
 //
@@ -55,6 +55,7 @@ constexpr const char* kUsage =
     "                        [--endpoint-template T] [--allow-event NAME]... [--fail-first N]\n"
     "                        [--fail-status S] [--retry-after VALUE] [--delay-ms N]\n"
     "                        [--drop-first N] [--exit-after N] [--configuration FILE]\n"
+    "                        [--no-store]\n"
     "       korvel-collector expect [--url URL] [--count N | --none] [--timeout S]\n"
     "                        [KEY=VALUE ...]\n"
     "       korvel-collector --help\n";
@@ -88,6 +89,8 @@ constexpr const char* kHelp =
     "  --configuration FILE   answer GET /configuration/v1/configure with the JSON\n"
     "                         document in FILE (a \"buckets\" query item is echoed\n"
     "                         into its beacon parameters)\n"
+    "  --no-store             keep nothing and serve no inspector: answer and count\n"
+    "                         only (load tests, measurements)\n"
     "  -h, --help             print this help\n"
     "\n"
     "The inspector: open the printed address in a browser. Its JSON API:\n"
@@ -173,6 +176,7 @@ int main(int argc, char** argv) {
   std::string outPath;
   long exitAfter = 0;
   bool quiet = false;
+  bool noStore = false;
 
   for (int i = 1; i < argc; ++i) {
     const std::string flag = argv[i];
@@ -183,6 +187,10 @@ int main(int argc, char** argv) {
     }
     if (flag == "--quiet") {
       quiet = true;
+      continue;
+    }
+    if (flag == "--no-store") {
+      noStore = true;
       continue;
     }
     if (i + 1 >= argc) {
@@ -258,8 +266,8 @@ int main(int argc, char** argv) {
 
   long received = 0;
   std::string error;
-  options.store = korvel::tools::BeaconStore::open(storeOptions, &error);
-  if (!options.store) {
+  if (!noStore) options.store = korvel::tools::BeaconStore::open(storeOptions, &error);
+  if (!noStore && !options.store) {
     std::fprintf(stderr, "korvel-collector: cannot open the store: %s\n", error.c_str());
     return 1;
   }

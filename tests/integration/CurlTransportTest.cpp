@@ -4,10 +4,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <arpa/inet.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
 #include <atomic>
 #include <chrono>
 #include <deque>
 #include <map>
+#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -129,6 +135,115 @@ TEST(CurlTransportTest, AnswersEveryRequestOnceWithManyOnTheWire) {
     EXPECT_EQ(failed, c.failEvery > 0 ? count / c.failEvery : 0);
     // Each request reached the collector once.
     EXPECT_EQ(collector.requestCount(), static_cast<size_t>(count));
+  }
+}
+
+// A server on 127.0.0.1 that keeps every request's bytes as they arrived and
+// answers 204, or a redirect to the path given after "/to" (for "/to/new"
+// to "/new") and to itself for "/loop". Keep-alive, one connection at a
+// time.
+class RawServer {
+ public:
+  RawServer() {
+    listener_ = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof address;
+    if (bind(listener_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0 ||
+        listen(listener_, 8) != 0 ||
+        getsockname(listener_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+      return;
+    }
+    port_ = ntohs(address.sin_port);
+    thread_ = std::thread([this] { serve(); });
+  }
+  ~RawServer() {
+    shutdown(listener_, SHUT_RDWR);
+    close(listener_);
+    if (thread_.joinable()) thread_.join();
+  }
+  int port() const { return port_; }
+  std::vector<std::string> requests() const {
+    std::lock_guard lock(mutex_);
+    return requests_;
+  }
+
+ private:
+  void serve() {
+    for (;;) {
+      const int connection = accept(listener_, nullptr, nullptr);
+      if (connection < 0) return;
+      std::string buffer;
+      char chunk[4096];
+      for (;;) {
+        const size_t end = buffer.find("\r\n\r\n");
+        if (end == std::string::npos) {
+          const ssize_t got = recv(connection, chunk, sizeof chunk, 0);
+          if (got <= 0) break;
+          buffer.append(chunk, static_cast<size_t>(got));
+          continue;
+        }
+        const std::string request = buffer.substr(0, end + 4);
+        buffer.erase(0, end + 4);
+        {
+          std::lock_guard lock(mutex_);
+          requests_.push_back(request);
+        }
+        const std::string target = request.substr(4, request.find(' ', 4) - 4);
+        std::string answer = "HTTP/1.1 204 No Content\r\nContent-Length: 0\r\n\r\n";
+        if (target.starts_with("/to/")) {
+          answer = "HTTP/1.1 302 Found\r\nLocation: " + target.substr(3) +
+                   "\r\nContent-Length: 0\r\n\r\n";
+        } else if (target.starts_with("/loop")) {
+          answer = "HTTP/1.1 301 Moved\r\nLocation: /loop\r\nContent-Length: 0\r\n\r\n";
+        }
+        if (send(connection, answer.data(), answer.size(), MSG_NOSIGNAL) < 0) break;
+      }
+      close(connection);
+    }
+  }
+
+  int listener_ = -1;
+  int port_ = 0;
+  std::thread thread_;
+  mutable std::mutex mutex_;
+  std::vector<std::string> requests_;
+};
+
+// What goes on the wire is the URL's target as built (percent escapes,
+// "+", commas untouched), with libcurl's own clean-up where it makes one
+// (dot segments, a fragment), and redirects are followed as libcurl does.
+TEST(CurlTransportTest, PutsEachTargetOnTheWireAsLibcurlWouldAndFollowsRedirects) {
+  struct Case {
+    std::string path;                  // after http://127.0.0.1:port
+    std::vector<std::string> targets;  // request lines' targets, in order
+    long status;
+  };
+  const std::vector<Case> cases = {
+      {"/b/INID/1.0/Bench14%2C2?a=1&b=x+y&c=%E2%82%AC&d=a%26b", {"/b/INID/1.0/Bench14%2C2?a=1&b=x+y&c=%E2%82%AC&d=a%26b"}, 204},
+      {"/b/./x/../y?q=1", {"/b/y?q=1"}, 204},
+      {"/b/x?q=1#fragment", {"/b/x?q=1"}, 204},
+      {"/to/new?x=1", {"/to/new?x=1", "/new?x=1"}, 204},
+      {"/to/to/to/new", {"/to/to/to/new", "/to/to/new", "/to/new", "/new"}, 204},
+      // libcurl's limit: five redirects followed, then an error.
+      {"/loop", std::vector<std::string>(6, "/loop"), 0},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.path);
+    RawServer server;
+    ASSERT_GT(server.port(), 0);
+    std::atomic<bool> cancelled{false};
+    auto transport = makeCurlTransport(cancelled);
+    const std::string origin = "http://127.0.0.1:" + std::to_string(server.port());
+    const DeliveryResponse response = transport->get(origin + c.path);
+    EXPECT_EQ(response.status, c.status) << response.error;
+    const auto requests = server.requests();
+    ASSERT_EQ(requests.size(), c.targets.size());
+    for (size_t i = 0; i < requests.size(); ++i) {
+      EXPECT_EQ(requests[i], "GET " + c.targets[i] + " HTTP/1.1\r\nHost: 127.0.0.1:" +
+                                 std::to_string(server.port()) + "\r\nAccept: */*\r\n\r\n");
+    }
   }
 }
 
