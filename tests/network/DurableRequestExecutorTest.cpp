@@ -108,6 +108,33 @@ class FakeTransport : public DeliveryTransport {
   const std::atomic<bool>& cancelled_;
 };
 
+// Carries up to `width` requests at once: takes that many from the feed,
+// then answers them.
+class BatchTransport : public DeliveryTransport {
+ public:
+  BatchTransport(FakeServer& server, const std::atomic<bool>& cancelled, size_t width,
+                 std::atomic<size_t>& widest)
+      : server_(server), cancelled_(cancelled), width_(width), widest_(widest) {}
+  DeliveryResponse get(const std::string& url) override { return server_.handle(url, cancelled_); }
+  size_t parallelism() const override { return width_; }
+  void send(DeliveryFeed& feed) override {
+    for (;;) {
+      std::vector<DeliveryJob> batch;
+      DeliveryJob job;
+      while (batch.size() < width_ && feed.next(job)) batch.push_back(job);
+      if (batch.empty()) return;
+      if (batch.size() > widest_) widest_ = batch.size();
+      for (const DeliveryJob& sent : batch) feed.done(sent.tag, get(*sent.url));
+    }
+  }
+
+ private:
+  FakeServer& server_;
+  const std::atomic<bool>& cancelled_;
+  size_t width_;
+  std::atomic<size_t>& widest_;
+};
+
 KVNNetworkRequest makeRequest(const std::string& name, int priority = 1, int policy = 0,
                               int retries = 3, bool durable = true) {
   KVNNetworkRequest r;
@@ -613,6 +640,36 @@ TEST_F(DurableRequestExecutorTest, ABacklogStartsMoreSendersAndTheyEndAfterAnIdl
   server_.release(FakeServer::status(204));
   ASSERT_TRUE(executor->flush(10s));
   EXPECT_EQ(executor->stats().delivered, 35u);
+}
+
+// A transport that carries several requests at once takes the whole
+// concurrency on one sender: a backlog starts no other, and the requests
+// still go out in order with every answer settled.
+TEST_F(DurableRequestExecutorTest, ATransportThatCarriesSeveralSendsABacklogOnOneSender) {
+  auto o = options();
+  o.concurrency = 4;
+  o.startPaused = true;
+  std::atomic<int> made{0};
+  std::atomic<size_t> widest{0};
+  o.transport = [&](const std::atomic<bool>& cancelled) {
+    ++made;
+    return std::make_unique<BatchTransport>(server_, cancelled, 4, widest);
+  };
+  auto executor = start(o);
+  server_.script({FakeServer::status(503)});  // the first of a batch: retried
+  for (int i = 0; i < 40; ++i) executor->executeRequest(makeRequest("r" + std::to_string(i)));
+  executor->setPaused(false);
+  ASSERT_TRUE(executor->flush(10s));
+  const auto stats = executor->stats();
+  EXPECT_EQ(stats.delivered, 40u);
+  EXPECT_EQ(stats.attempts, 41u);
+  EXPECT_EQ(stats.senders, 1u);
+  EXPECT_EQ(made, 1);
+  EXPECT_EQ(widest, 4u);
+  const auto urls = server_.urls();
+  ASSERT_EQ(urls.size(), 41u);
+  EXPECT_EQ(urls[0], "http://fake/r0");
+  EXPECT_EQ(urls[1], "http://fake/r1");
 }
 
 TEST_F(DurableRequestExecutorTest, RetryAfterHoldsTheHostAndSurvivesARestart) {

@@ -428,6 +428,9 @@ void DurableRequestExecutor::landFlight(Flight& flight, DeliveryVerdict verdict,
 }
 
 size_t DurableRequestExecutor::maxSenders() const {
+  // Until the first sender made its transport, nobody knows how much one
+  // carries: no second one yet.
+  if (transportParallelism_ == 0) return 1;
   const size_t concurrency = static_cast<size_t>(std::max(1, options_.concurrency));
   return std::max<size_t>(1, (concurrency + transportParallelism_ - 1) / transportParallelism_);
 }

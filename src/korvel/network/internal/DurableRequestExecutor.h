@@ -467,8 +467,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   std::vector<std::thread> workers_ KORVEL_GUARDED_BY(mutex_);
   std::vector<std::thread::id> endedSenders_ KORVEL_GUARDED_BY(mutex_);
   size_t sendersRunning_ KORVEL_GUARDED_BY(mutex_) = 0;
-  // Requests one sender's transport carries at once.
-  size_t transportParallelism_ KORVEL_GUARDED_BY(mutex_) = 1;
+  // Requests one sender's transport carries at once; 0 until the first
+  // sender made its transport.
+  size_t transportParallelism_ KORVEL_GUARDED_BY(mutex_) = 0;
   std::thread writer_;
 };
 
