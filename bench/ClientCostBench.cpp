@@ -16,7 +16,10 @@
 //         mapped files (RssFile) parts of it.
 //
 //   ClientCostBench [--only cpu|rss] [--runs N] [--beacons N] [--queued N]
-//                   [--rate N] [--collector PATH]
+//                   [--rate N] [--concurrency N] [--collector PATH]
+//
+// --concurrency is StartOptions::sendConcurrency (requests on the wire at
+// once; 4 unless given).
 //
 // Each run is a child process of its own, so that one run's threads, heap
 // and files do not count in the next; for cpu each run has a collector of
@@ -64,6 +67,7 @@ struct Settings {
   int beacons = 50'000;
   int queued = 100'000;
   int rate = 0;  // reports per second; 0: as fast as possible
+  int concurrency = 4;  // StartOptions::sendConcurrency
   std::string collector = KORVEL_COLLECTOR_PATH;
 };
 
@@ -121,8 +125,9 @@ std::map<std::string, long> memoryStatus() {
   return kib;
 }
 
-Reporting::StartOptions startOptions(const fs::path& directory, int port) {
+Reporting::StartOptions startOptions(const fs::path& directory, int port, int concurrency) {
   Reporting::StartOptions o;
+  o.sendConcurrency = concurrency;
   o.bundleIdentifier = "com.korvel.bench";
   o.dataDirectory = directory;
   o.startUserSession = false;
@@ -201,9 +206,9 @@ pid_t startCollector(const std::string& path, int beacons, int& port) {
 
 // Child: reports and flushes; {cpu µs/beacon, user µs, system µs, beacons/s,
 // senders' µs, writer's µs, others' µs per beacon}.
-std::vector<double> cpuRun(int port, int beacons, int rate) {
+std::vector<double> cpuRun(int port, int beacons, int rate, int concurrency) {
   const fs::path directory = temporaryDirectory();
-  auto started = Reporting::start(startOptions(directory, port));
+  auto started = Reporting::start(startOptions(directory, port, concurrency));
   if (!started) {
     std::fprintf(stderr, "start failed: %s\n", started.error.c_str());
     return {};
@@ -248,12 +253,18 @@ std::vector<double> cpuRun(int port, int beacons, int rate) {
 }
 
 // Child: {VmHWM, VmRSS, RssAnon, RssFile} in KiB with `queued` waiting.
-std::vector<double> rssRun(int queued) {
+std::vector<double> rssRun(int queued, int rate) {
   const fs::path directory = temporaryDirectory();
-  auto o = startOptions(directory, kDeadPort);
+  auto o = startOptions(directory, kDeadPort, 4);
   if (!Reporting::start(o)) return {};
   const KVRParameters parameters = bench::userEvent(20);
-  for (int i = 0; i < queued; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
+  const auto start = Clock::now();
+  for (int i = 0; i < queued; ++i) {
+    if (rate > 0 && i % 100 == 0) {
+      std::this_thread::sleep_until(start + std::chrono::microseconds(int64_t{i} * 1'000'000 / rate));
+    }
+    KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
+  }
   // The host backs off, the writer syncs and compacts.
   Reporting::flush(std::chrono::seconds(2));
   const auto kib = memoryStatus();
@@ -295,10 +306,11 @@ Settings parse(int argc, char** argv) {
     else if (std::strcmp(argv[i], "--queued") == 0) s.queued = std::atoi(value());
     else if (std::strcmp(argv[i], "--rate") == 0) s.rate = std::atoi(value());
     else if (std::strcmp(argv[i], "--collector") == 0) s.collector = value();
+    else if (std::strcmp(argv[i], "--concurrency") == 0) s.concurrency = std::atoi(value());
     else {
       std::fprintf(stderr,
                    "usage: %s [--only cpu|rss] [--runs N] [--beacons N] [--queued N] [--rate N] "
-                   "[--collector PATH]\n",
+                   "[--concurrency N] [--collector PATH]\n",
                    argv[0]);
       std::exit(2);
     }
@@ -319,7 +331,8 @@ int main(int argc, char** argv) {
   int failures = 0;
 
   if (settings.only.empty() || settings.only == "cpu") {
-    std::printf("\ncpu: %d beacons a run, %s, collector %s\n", settings.beacons,
+    std::printf("\ncpu: %d beacons a run, %d on the wire at most, %s, collector %s\n",
+                settings.beacons, settings.concurrency,
                 settings.rate > 0 ? (std::to_string(settings.rate) + " reports/s").c_str()
                                   : "reported as fast as possible",
                 settings.collector.c_str());
@@ -332,7 +345,7 @@ int main(int argc, char** argv) {
         if (collector > 0) kill(collector, SIGTERM), waitpid(collector, nullptr, 0);
         return 1;
       }
-      const auto f = inChild([&] { return cpuRun(port, settings.beacons, settings.rate); });
+      const auto f = inChild([&] { return cpuRun(port, settings.beacons, settings.rate, settings.concurrency); });
       int status = 0;
       // The collector exits by itself once every beacon arrived.
       const auto until = Clock::now() + std::chrono::seconds(10);
@@ -376,7 +389,7 @@ int main(int argc, char** argv) {
     std::printf("\nrss: %d beacons queued, nothing listening at the endpoint\n", settings.queued);
     std::vector<double> peak, now, anon, file;
     for (int r = 0; r < settings.runs; ++r) {
-      const auto f = inChild([&] { return rssRun(settings.queued); });
+      const auto f = inChild([&] { return rssRun(settings.queued, settings.rate); });
       if (f.size() != 4) {
         std::fprintf(stderr, "run %d failed\n", r + 1);
         ++failures;

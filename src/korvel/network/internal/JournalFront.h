@@ -192,6 +192,7 @@ class JournalFront {
     uint64_t syncedBytes = 0;  // used bytes at the last sync
     bool dirty = false;     // appended to since the last sync
     bool broken = false;    // a failed pwrite left it unusable
+    bool reserved = false;  // made with a zero end (mapped), to be cut when finished
 
     bool hasRoom(size_t size) const { return bytes + size <= room; }
   };
