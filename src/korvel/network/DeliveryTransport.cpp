@@ -9,7 +9,7 @@
 #include <ctime>
 #include <mutex>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 namespace {
 
@@ -163,4 +163,4 @@ std::chrono::milliseconds retryDelay(int attempt, std::chrono::milliseconds base
                                    static_cast<int64_t>(static_cast<double>(step - half) * jitter));
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal
