@@ -21,7 +21,7 @@
 #include "support/FolderTest.h"
 #include "support/TestEnv.h"
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -398,4 +398,4 @@ TEST_F(JournalFaultTest, RecoveryStreamsInBoundedBatchesOldestFirstAndAStopLeave
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

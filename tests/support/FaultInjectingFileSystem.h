@@ -19,37 +19,37 @@
 
 namespace korvel::testing {
 
-class FaultInjectingFileSystem final : public platform::FileSystem {
+class FaultInjectingFileSystem final : public network::internal::FileSystem {
  public:
-  using FileCall = platform::FileCall;
+  using FileCall = network::internal::FileCall;
 
   // The nth call of kind from now on (1 = the next) fails with error.
   void failAt(FileCall kind, int nth, int error) {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     rules_.push_back({kind, calls_[index(kind)] + nth, error, {}});
   }
   // Every call of kind on a name containing text fails with error, until
   // clear().
   void failAlways(FileCall kind, int error, std::string text = {}) {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     rules_.push_back({kind, 0, error, std::move(text)});
   }
   void clear() {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     rules_.clear();
   }
   int calls(FileCall kind) const {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     return calls_[index(kind)];
   }
   // Descriptors opened through it and not closed yet.
   int openDescriptors() const {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     return static_cast<int>(names_.size());
   }
   // fstat of a folder opened with openFolder answers this owner and mode.
   void showFolderAs(uid_t owner, mode_t mode) {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     folderOwner_ = owner;
     folderMode_ = mode;
   }
@@ -65,7 +65,7 @@ class FaultInjectingFileSystem final : public platform::FileSystem {
   }
   int close(int fd) override {
     {
-      MutexLock lock(mutex_);
+      foundation::internal::MutexLock lock(mutex_);
       names_.erase(fd);
       folders_.erase(fd);
     }
@@ -124,7 +124,7 @@ class FaultInjectingFileSystem final : public platform::FileSystem {
   int fstat(int fd, struct stat* out) override {
     if (failing(FileCall::Stat, nameOf(fd))) return -1;
     const int result = real().fstat(fd, out);
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     if (result == 0 && folders_.contains(fd)) {
       if (folderOwner_) out->st_uid = *folderOwner_;
       if (folderMode_) out->st_mode = (out->st_mode & ~07777u) | *folderMode_;
@@ -164,11 +164,11 @@ class FaultInjectingFileSystem final : public platform::FileSystem {
     std::string text;
   };
 
-  static platform::FileSystem& real() { return platform::posixFileSystem(); }
+  static network::internal::FileSystem& real() { return network::internal::posixFileSystem(); }
   static size_t index(FileCall kind) { return static_cast<size_t>(kind); }
 
   bool failing(FileCall kind, const std::string& name) {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     const int count = ++calls_[index(kind)];
     for (auto it = rules_.begin(); it != rules_.end(); ++it) {
       if (it->kind != kind) continue;
@@ -182,18 +182,18 @@ class FaultInjectingFileSystem final : public platform::FileSystem {
   }
   int remember(int fd, const std::string& name, bool folder) {
     if (fd < 0) return fd;
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     names_[fd] = name;
     if (folder) folders_[fd] = true;
     return fd;
   }
   std::string nameOf(int fd) const {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     auto it = names_.find(fd);
     return it == names_.end() ? std::string() : it->second;
   }
 
-  mutable Mutex mutex_;
+  mutable foundation::internal::Mutex mutex_;
   std::vector<Rule> rules_ KORVEL_GUARDED_BY(mutex_);
   std::array<int, static_cast<size_t>(FileCall::Count)> calls_ KORVEL_GUARDED_BY(mutex_){};
   std::map<int, std::string> names_ KORVEL_GUARDED_BY(mutex_);

@@ -5,7 +5,7 @@
 #include <algorithm>
 #include <cstdint>
 
-namespace korvel::platform {
+namespace korvel::foundation::internal {
 
 UTF8Character utf8CharacterAt(std::string_view text, size_t at) {
   // A character is at most four bytes, so a window keeps the offsets in
@@ -32,4 +32,4 @@ bool isWellFormedUTF8(std::string_view text) {
   return true;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::foundation::internal

@@ -13,7 +13,7 @@
 #include <utility>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 namespace {
 
@@ -385,4 +385,4 @@ std::chrono::milliseconds retryDelay(int attempt, std::chrono::milliseconds base
                                    static_cast<int64_t>(static_cast<double>(step - half) * jitter));
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

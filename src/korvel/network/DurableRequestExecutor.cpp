@@ -14,7 +14,12 @@
 #include <korvel/network/internal/DeliveryShared.h>
 #include <korvel/platform/Env.h>
 
-namespace korvel::platform {
+using korvel::platform::env;
+using korvel::platform::LogLevel;
+using korvel::platform::Logger;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::network::internal {
 
 namespace fs = std::filesystem;
 using namespace delivery;
@@ -405,4 +410,4 @@ void DurableRequestExecutor::markAwake(bool wakeable) {
   --wakeableWorkers_;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -14,7 +14,10 @@
 #include <korvel/network/internal/JournalFront.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
 
-namespace korvel::platform {
+using korvel::platform::LogLevel;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::network::internal {
 
 namespace fs = std::filesystem;
 using namespace journal;
@@ -551,4 +554,4 @@ void JournalFront::syncDirectory() {
   files_.fsync(folder_);
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -7,7 +7,7 @@
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/RequestStore.h>
 
-namespace korvel::platform::journal {
+namespace korvel::network::internal::journal {
 
 namespace {
 
@@ -70,4 +70,4 @@ std::string errnoText(int error) {
   return ::strerror_r(error, buffer, sizeof buffer);
 }
 
-}  // namespace korvel::platform::journal
+}  // namespace korvel::network::internal::journal

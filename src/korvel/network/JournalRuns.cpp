@@ -10,7 +10,9 @@
 #include <korvel/network/internal/JournalRuns.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
 
-namespace korvel::platform {
+using korvel::platform::LogLevel;
+
+namespace korvel::network::internal {
 
 using namespace journal;
 
@@ -129,4 +131,4 @@ void adoptOrphanedJournals(FileSystem& files, int top, JournalFront& front) {
   }
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -19,6 +19,10 @@
 #include <korvel/platform/Logging.h>
 #include <korvel/network/URLCache.h>
 
+using korvel::foundation::internal::CondVar;
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 const char* const kKVNLastConfigurationErrorDateKey = "kLastConfigurationErrorDate";
@@ -96,7 +100,7 @@ void ensureCurlInit() {
   std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
 }
 
-FetchResult fetch(const std::string& url, const std::optional<platform::CachedURLResponse>& cached,
+FetchResult fetch(const std::string& url, const std::optional<CachedURLResponse>& cached,
                   std::chrono::milliseconds timeout) {
   ensureCurlInit();
   FetchResult result;
@@ -173,7 +177,7 @@ class Fetcher {
       pending_.push_back(std::move(completion));
       if (!thread_.joinable()) {
         thread_ = std::thread([this] {
-          platform::nameThisThread("korvel-config");
+          platform::internal::nameThisThread("korvel-config");
           run();
         });
       }
@@ -221,7 +225,7 @@ class Fetcher {
       return false;
     }
 
-    auto& cache = platform::URLCache::sharedURLCache();
+    auto& cache = URLCache::sharedURLCache();
     const auto cached = cache.cachedResponseForURL(url);
     const FetchResult result = fetch(url, cached, KVNConfigurationManager::requestTimeout());
 
@@ -247,7 +251,7 @@ class Fetcher {
       return false;
     }
     if (result.status == 200) {
-      platform::CachedURLResponse response;
+      CachedURLResponse response;
       response.body = result.body;
       response.etag = result.etag;
       response.lastModified = result.lastModified;

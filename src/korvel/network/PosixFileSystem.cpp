@@ -9,7 +9,7 @@
 
 #include <korvel/network/internal/FileSystem.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 namespace {
 
@@ -107,4 +107,4 @@ FileSystem& posixFileSystem() {
   return fileSystem;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

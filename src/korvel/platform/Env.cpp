@@ -11,6 +11,9 @@
 #include <korvel/platform/Logging.h>
 #include <korvel/platform/NotificationCenter.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::platform {
 
 namespace {

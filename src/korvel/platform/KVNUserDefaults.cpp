@@ -20,6 +20,9 @@
 #include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 namespace fs = std::filesystem;
@@ -249,8 +252,8 @@ std::string moveAside(const std::string& path) {
 }
 
 // The process-wide instance, made on first use.
-platform::SharedSlot<KVNUserDefaults>& shared() {
-  static auto* instance = new platform::SharedSlot<KVNUserDefaults>;
+foundation::internal::SharedSlot<KVNUserDefaults>& shared() {
+  static auto* instance = new foundation::internal::SharedSlot<KVNUserDefaults>;
   return *instance;
 }
 

@@ -13,7 +13,7 @@
 #include <string>
 #include <string_view>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 struct DeliveryResponse {
   long status = 0;             // HTTP status; 0 when no answer arrived
@@ -108,4 +108,4 @@ std::optional<std::chrono::milliseconds> parseRetryAfter(std::string_view value,
 std::chrono::milliseconds retryDelay(int attempt, std::chrono::milliseconds base,
                                      std::chrono::milliseconds maxDelay, double jitter);
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

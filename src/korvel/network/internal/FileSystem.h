@@ -21,7 +21,7 @@
 #include <string>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 // The kinds of call, for counting and for failing them.
 enum class FileCall : uint8_t {
@@ -92,4 +92,4 @@ class FileSystem {
 // The plain system calls; one shared instance.
 FileSystem& posixFileSystem();
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -48,7 +48,7 @@
 #include <korvel/network/internal/FileSystem.h>
 #include <korvel/network/internal/RequestStore.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 class JournalFront {
  public:
@@ -108,7 +108,7 @@ class JournalFront {
 
   uint32_t epoch() const { return epoch_; }
   const RequestStoreOptions& options() const { return options_; }
-  const Logger& logger() const { return options_.logger; }
+  const platform::Logger& logger() const { return options_.logger; }
   FileSystem& files() const { return files_; }
   // The directory's descriptor; changes only on the writer thread (rehome).
   int folder() const { return folder_; }
@@ -253,7 +253,7 @@ class JournalFront {
   // closed and synced unmapped rather than synced in place (syncActive).
   static constexpr uint64_t kSyncInPlaceBytes = 64u << 10;
 
-  mutable Mutex mutex_;
+  mutable foundation::internal::Mutex mutex_;
   Segment active_ KORVEL_GUARDED_BY(mutex_);
   std::vector<Segment> spares_ KORVEL_GUARDED_BY(mutex_);
   // Closed, not yet finished by syncActive().
@@ -272,4 +272,4 @@ class JournalFront {
   uint64_t appendsRefused_ KORVEL_GUARDED_BY(mutex_) = 0;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -9,7 +9,7 @@
 
 #include <korvel/network/internal/FileSystem.h>
 
-namespace korvel::platform::journal {
+namespace korvel::network::internal::journal {
 
 // Mappings and msync work in whole pages.
 uint64_t pageBytes();
@@ -41,4 +41,4 @@ std::optional<std::string> readSmallFileIn(FileSystem& files, int folder, const 
 // Writes a small file whole: a temporary, synced, renamed over it.
 bool writeSmallFileIn(FileSystem& files, int folder, const std::string& name, std::string_view contents);
 
-}  // namespace korvel::platform::journal
+}  // namespace korvel::network::internal::journal
