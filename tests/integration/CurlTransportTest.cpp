@@ -21,7 +21,7 @@
 #include "collector/BeaconCollector.h"
 #include <korvel/network/internal/DeliveryTransport.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 namespace {
 
 using namespace std::chrono_literals;
@@ -248,4 +248,4 @@ TEST(CurlTransportTest, PutsEachTargetOnTheWireAsLibcurlWouldAndFollowsRedirects
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

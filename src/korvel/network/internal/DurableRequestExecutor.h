@@ -17,10 +17,12 @@
 // the backlog. Held whole are only requests without a restoration payload
 // and, while few are ready and nothing backs off, the ones about to go out.
 //
-// Workers (sender threads, each with its own keep-alive connection; one
-// while little is sent, up to Options::concurrency while a backlog waits,
-// the extra ones ending after Options::idleSenderTimeout with nothing to
-// send) take requests by priority (higher first, then submission
+// Senders (one thread whose libcurl transport keeps up to
+// Options::concurrency requests on the wire through keep-alive
+// connections; with a transport that sends one at a time, one thread while
+// little is sent, up to Options::concurrency while a backlog waits, the
+// extra ones ending after Options::idleSenderTimeout with nothing to send)
+// take requests by priority (higher first, then submission
 // order), hold back those whose configuration policy is not met, call the
 // endpoint builder just before sending (so the URL reflects the configuration
 // as it is then) and send one GET each.
@@ -156,9 +158,11 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     std::chrono::milliseconds retryBaseDelay{1'000};
     std::chrono::milliseconds maxRetryDelay{5 * 60'000};
     std::chrono::milliseconds maxRetryAfter{60 * 60'000};
-    // Sender threads at most. One runs while little is sent; more start
-    // while a backlog waits, and each extra one ends after this long with
-    // nothing to send.
+    // Requests on the wire at once at most. libcurl's transport carries
+    // them all on one sender thread; with a transport that sends one at a
+    // time, one sender runs while little is sent, more (up to this many)
+    // start while a backlog waits, and each extra one ends after
+    // idleSenderTimeout with nothing to send.
     int concurrency = 4;
     std::chrono::milliseconds idleSenderTimeout{5'000};
     // The group-sync window: the most a power loss can take.
