@@ -526,21 +526,29 @@ void JournalFront::syncActive() {
       files_.fdatasync(active.fd);
     }
   }
-  // All unmapped before any is cut and synced: a burst closes segments
-  // faster than they are written back, and each mapped one keeps its
-  // megabyte in the process's resident memory until then.
-  for (auto& segment : closing) {
-    if (segment.map == nullptr) continue;
-    files_.unmap(segment.map, segment.room);
-    segment.map = nullptr;
-  }
-  for (auto& segment : closing) {
-    finish(segment);
+  // All unmapped before any is cut and synced, and the ones a burst closes
+  // meanwhile as soon as this thread sees them: each mapped one keeps its
+  // megabyte in the process's resident memory until it is unmapped.
+  const auto unmapAll = [this](std::vector<Segment>& segments, size_t from) {
+    for (size_t i = from; i < segments.size(); ++i) {
+      if (segments[i].map == nullptr) continue;
+      files_.unmap(segments[i].map, segments[i].room);
+      segments[i].map = nullptr;
+    }
+  };
+  unmapAll(closing, 0);
+  for (size_t i = 0; i < closing.size(); ++i) {
+    finish(closing[i]);
+    const size_t known = closing.size();
     {
       // Finished: from now on the store's alone, to read and to remove.
+      // Segments closed since are taken into this sync.
       MutexLock lock(mutex_);
-      closed_.push_back(segment.number);
+      closed_.push_back(closing[i].number);
+      closing.insert(closing.end(), closing_.begin(), closing_.end());
+      closing_.clear();
     }
+    unmapAll(closing, known);
     if (options_.betweenSyncSteps) options_.betweenSyncSteps();
     // A burst of appends may be using up the spares while segments are
     // written back: keep them coming.
