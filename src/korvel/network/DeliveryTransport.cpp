@@ -1,22 +1,16 @@
 #include <korvel/network/internal/DeliveryTransport.h>
 
-#include <curl/curl.h>
-#include <strings.h>
-
 #include <algorithm>
+#include <array>
 #include <charconv>
 #include <cmath>
 #include <ctime>
-#include <mutex>
+
+#include <korvel/foundation/internal/CivilTime.h>
 
 namespace korvel::platform {
 
 namespace {
-
-void ensureCurlGlobalInit() {
-  static std::once_flag once;
-  std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
 
 std::string_view trim(std::string_view s) {
   while (!s.empty() && (s.front() == ' ' || s.front() == '\t')) s.remove_prefix(1);
@@ -26,99 +20,100 @@ std::string_view trim(std::string_view s) {
   return s;
 }
 
-class CurlTransport final : public DeliveryTransport {
+bool equalIgnoringCase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c + 32) : c; };
+    if (lower(a[i]) != lower(b[i])) return false;
+  }
+  return true;
+}
+
+// Reads what strptime's "%a, %d %b %Y %H:%M:%S GMT" takes: the names of the
+// day and the month short or long in any case, space where the format has
+// it optional, one- or two-digit fields.
+class DateReader {
  public:
-  CurlTransport(const std::atomic<bool>& cancelled, CurlTransportOptions options)
-      : cancelled_(cancelled) {
-    ensureCurlGlobalInit();
-    handle_ = curl_easy_init();
-    if (handle_ == nullptr) return;
-    curl_easy_setopt(handle_, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(handle_, CURLOPT_HTTPGET, 1L);
-    curl_easy_setopt(handle_, CURLOPT_TIMEOUT_MS, static_cast<long>(options.timeout.count()));
-    curl_easy_setopt(handle_, CURLOPT_CONNECTTIMEOUT_MS,
-                     static_cast<long>(options.connectTimeout.count()));
-    curl_easy_setopt(handle_, CURLOPT_FOLLOWLOCATION, 1L);
-    curl_easy_setopt(handle_, CURLOPT_MAXREDIRS, 5L);
-    curl_easy_setopt(handle_, CURLOPT_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(handle_, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
-    curl_easy_setopt(handle_, CURLOPT_TCP_KEEPALIVE, 1L);
-    curl_easy_setopt(handle_, CURLOPT_WRITEFUNCTION, discardBody);
-    curl_easy_setopt(handle_, CURLOPT_HEADERFUNCTION, readHeader);
-    curl_easy_setopt(handle_, CURLOPT_HEADERDATA, this);
-    curl_easy_setopt(handle_, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(handle_, CURLOPT_XFERINFOFUNCTION, progress);
-    curl_easy_setopt(handle_, CURLOPT_XFERINFODATA, this);
-  }
+  explicit DateReader(std::string_view text) : text_(text) {}
 
-  ~CurlTransport() override {
-    if (handle_ != nullptr) curl_easy_cleanup(handle_);
+  void skipSpace() {
+    while (at_ < text_.size() && (text_[at_] == ' ' || text_[at_] == '\t')) ++at_;
   }
-
-  DeliveryResponse get(const std::string& url) override {
-    DeliveryResponse response;
-    if (handle_ == nullptr) {
-      response.error = "curl_easy_init failed";
-      return response;
-    }
-    current_ = &response;
-    curl_easy_setopt(handle_, CURLOPT_URL, url.c_str());
-    const CURLcode code = curl_easy_perform(handle_);
-    current_ = nullptr;
-    if (code != CURLE_OK) {
-      response.status = 0;
-      response.error = curl_easy_strerror(code);
-      curl_off_t connectTime = 0;
-      curl_easy_getinfo(handle_, CURLINFO_CONNECT_TIME_T, &connectTime);
-      // Refused, unresolvable or never connected (a connect timeout): no
-      // server saw the request. Cancellation counts the same way.
-      response.reachedServer = !(code == CURLE_COULDNT_CONNECT || code == CURLE_COULDNT_RESOLVE_HOST ||
-                                 code == CURLE_COULDNT_RESOLVE_PROXY ||
-                                 code == CURLE_ABORTED_BY_CALLBACK ||
-                                 (code == CURLE_OPERATION_TIMEDOUT && connectTime == 0));
-      response.retryAfter.reset();
-      return response;
-    }
-    curl_easy_getinfo(handle_, CURLINFO_RESPONSE_CODE, &response.status);
-    response.reachedServer = true;
-    return response;
+  bool literal(char c) {
+    skipSpace();
+    if (at_ >= text_.size() || text_[at_] != c) return false;
+    ++at_;
+    return true;
   }
+  bool literal(std::string_view word) {
+    skipSpace();
+    if (!equalIgnoringCase(text_.substr(at_, word.size()), word)) return false;
+    at_ += word.size();
+    return true;
+  }
+  // One of names (full), or its first three letters; its index.
+  std::optional<int> name(const std::array<std::string_view, 12>& names, size_t count) {
+    skipSpace();
+    for (size_t i = 0; i < count; ++i) {
+      if (equalIgnoringCase(text_.substr(at_, names[i].size()), names[i])) {
+        at_ += names[i].size();
+        return static_cast<int>(i);
+      }
+    }
+    for (size_t i = 0; i < count; ++i) {
+      if (equalIgnoringCase(text_.substr(at_, 3), names[i].substr(0, 3))) {
+        at_ += 3;
+        return static_cast<int>(i);
+      }
+    }
+    return std::nullopt;
+  }
+  std::optional<int> number(size_t maxDigits, int low, int high) {
+    skipSpace();
+    int value = 0;
+    size_t digits = 0;
+    while (digits < maxDigits && at_ < text_.size() && text_[at_] >= '0' && text_[at_] <= '9') {
+      value = value * 10 + (text_[at_] - '0');
+      ++at_;
+      ++digits;
+    }
+    if (digits == 0 || value < low || value > high) return std::nullopt;
+    return value;
+  }
+  bool atEnd() const { return at_ == text_.size(); }
 
  private:
-  static size_t discardBody(char*, size_t size, size_t count, void*) { return size * count; }
-
-  static size_t readHeader(char* data, size_t size, size_t count, void* user) {
-    auto* self = static_cast<CurlTransport*>(user);
-    const size_t length = size * count;
-    if (self->current_ == nullptr) return length;
-    std::string_view line(data, length);
-    if (line.starts_with("HTTP/")) {
-      self->current_->retryAfter.reset();  // a new response (after a redirect)
-      return length;
-    }
-    constexpr std::string_view kName = "retry-after:";
-    if (line.size() > kName.size() && strncasecmp(line.data(), kName.data(), kName.size()) == 0) {
-      const auto value = trim(line.substr(kName.size()));
-      if (!value.empty()) self->current_->retryAfter = std::string(value);
-    }
-    return length;
-  }
-
-  static int progress(void* user, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
-    return static_cast<CurlTransport*>(user)->cancelled_.load(std::memory_order_relaxed) ? 1 : 0;
-  }
-
-  const std::atomic<bool>& cancelled_;
-  CURL* handle_ = nullptr;
-  DeliveryResponse* current_ = nullptr;
+  std::string_view text_;
+  size_t at_ = 0;
 };
 
-}  // namespace
+constexpr std::array<std::string_view, 12> kWeekdays = {"Sunday",   "Monday", "Tuesday", "Wednesday",
+                                                        "Thursday", "Friday", "Saturday"};
+constexpr std::array<std::string_view, 12> kMonths = {
+    "January", "February", "March",     "April",   "May",      "June",
+    "July",    "August",   "September", "October", "November", "December"};
 
-std::unique_ptr<DeliveryTransport> makeCurlTransport(const std::atomic<bool>& cancelled,
-                                                     CurlTransportOptions options) {
-  return std::make_unique<CurlTransport>(cancelled, options);
+// Seconds since 1970 of an HTTP-date in the IMF-fixdate form.
+std::optional<int64_t> parseHTTPDate(std::string_view text) {
+  DateReader r(text);
+  if (!r.name(kWeekdays, 7) || !r.literal(',')) return std::nullopt;
+  const auto day = r.number(2, 1, 31);
+  const auto month = day ? r.name(kMonths, 12) : std::nullopt;
+  const auto year = month ? r.number(4, 0, 9999) : std::nullopt;
+  const auto hour = year ? r.number(2, 0, 23) : std::nullopt;
+  if (!hour || !r.literal(':')) return std::nullopt;
+  const auto minute = r.number(2, 0, 59);
+  if (!minute || !r.literal(':')) return std::nullopt;
+  const auto second = r.number(2, 0, 61);
+  if (!second || !r.literal(std::string_view("GMT"))) return std::nullopt;
+  r.skipSpace();
+  if (!r.atEnd()) return std::nullopt;
+  return platform::daysFromCivil(*year, static_cast<unsigned>(*month + 1), static_cast<unsigned>(*day)) *
+             86400 +
+         *hour * 3600 + *minute * 60 + *second;
 }
+
+}  // namespace
 
 DeliveryVerdict classifyDelivery(const DeliveryResponse& response) {
   const long s = response.status;
@@ -141,12 +136,9 @@ std::optional<std::chrono::milliseconds> parseRetryAfter(std::string_view value,
     return std::chrono::milliseconds(static_cast<int64_t>(seconds) * 1000);
   }
   // IMF-fixdate: "Sun, 06 Nov 1994 08:49:37 GMT".
-  std::tm tm{};
-  const std::string text(value);
-  const char* end = strptime(text.c_str(), "%a, %d %b %Y %H:%M:%S GMT", &tm);
-  if (end == nullptr || *end != '\0') return std::nullopt;
-  const time_t at = timegm(&tm);
-  const double delta = static_cast<double>(at) - nowSecondsSince1970;
+  const std::optional<int64_t> at = parseHTTPDate(value);
+  if (!at) return std::nullopt;
+  const double delta = static_cast<double>(*at) - nowSecondsSince1970;
   if (delta <= 0) return std::chrono::milliseconds(0);
   return std::chrono::milliseconds(static_cast<int64_t>(std::ceil(delta * 1000.0)));
 }

@@ -251,7 +251,7 @@ void DurableRequestExecutor::workerLoop() {
   std::unique_ptr<DeliveryTransport> transport =
       options_.transport
           ? options_.transport(cancel_)
-          : makeCurlTransport(cancel_, CurlTransportOptions{options_.requestTimeout,
+          : makeSystemTransport(cancel_, TransportOptions{options_.requestTimeout,
                                                             std::min(options_.requestTimeout,
                                                                      std::chrono::milliseconds(10'000))});
   std::minstd_rand random(std::random_device{}());

@@ -9,8 +9,8 @@
 #include <stdexcept>
 
 #include <korvel/network/internal/DeliveryShared.h>
-#include <korvel/network/internal/FileSystem.h>
 #include <korvel/platform/Env.h>
+#include <korvel/platform/internal/System.h>
 
 namespace korvel::platform {
 
@@ -46,7 +46,7 @@ Logger makeLogger() {
 }  // namespace
 
 fs::path DurableRequestExecutor::defaultDirectory(const std::string& sessionIdentifier) {
-  const fs::path base = userDataFolder();
+  const fs::path base = platform::userDataFolder();
   if (base.empty()) return {};
   return base / "korvel" / sanitizedComponent(sessionIdentifier);
 }

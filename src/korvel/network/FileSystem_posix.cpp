@@ -2,7 +2,6 @@
 #include <dirent.h>
 #include <errno.h>
 #include <fcntl.h>
-#include <pwd.h>
 #include <sys/file.h>
 #include <sys/mman.h>
 #include <sys/resource.h>
@@ -11,7 +10,6 @@
 #include <unistd.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <string_view>
 
 #include <korvel/network/internal/FileSystem.h>
@@ -174,24 +172,6 @@ FileSystem& systemFileSystem() {
 uint64_t memoryPageBytes() {
   static const uint64_t bytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
   return bytes;
-}
-
-std::filesystem::path userDataFolder() {
-  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg != nullptr && xdg[0] == '/') return xdg;
-  const char* home = std::getenv("HOME");
-  std::string fromPasswd;
-  if (home == nullptr || home[0] != '/') {
-    struct passwd entry {};
-    struct passwd* found = nullptr;
-    char buffer[4096];
-    if (getpwuid_r(getuid(), &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr &&
-        found->pw_dir != nullptr) {
-      fromPasswd = found->pw_dir;
-    }
-    home = fromPasswd.empty() ? nullptr : fromPasswd.c_str();
-  }
-  if (home == nullptr) return {};
-  return std::filesystem::path(home) / ".local" / "share";
 }
 
 }  // namespace korvel::platform

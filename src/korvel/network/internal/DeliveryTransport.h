@@ -33,15 +33,17 @@ class DeliveryTransport {
 using DeliveryTransportFactory =
     std::function<std::unique_ptr<DeliveryTransport>(const std::atomic<bool>& cancelled)>;
 
-struct CurlTransportOptions {
+struct TransportOptions {
   std::chrono::milliseconds timeout{30'000};
   std::chrono::milliseconds connectTimeout{10'000};
 };
 
-// libcurl, one easy handle per transport: connections to a host are reused.
-// Redirects are followed (at most 5); only http and https are allowed.
-std::unique_ptr<DeliveryTransport> makeCurlTransport(const std::atomic<bool>& cancelled,
-                                                     CurlTransportOptions options = {});
+// The system's HTTP stack: libcurl (one easy handle per transport) on
+// Linux, WinHTTP (one session per transport) on Windows. Connections to a
+// host are reused; redirects are followed (at most 5), only to http and
+// https URLs.
+std::unique_ptr<DeliveryTransport> makeSystemTransport(const std::atomic<bool>& cancelled,
+                                                       TransportOptions options = {});
 
 enum class DeliveryVerdict {
   Delivered,       // 2xx

@@ -21,7 +21,6 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -162,9 +161,5 @@ FileSystem& systemFileSystem();
 
 // Mappings and their syncs work in whole pages of this size.
 uint64_t memoryPageBytes();
-
-// Where this user's applications keep their data (~/.local/share or
-// $XDG_DATA_HOME; %LOCALAPPDATA%); empty when there is no such folder.
-std::filesystem::path userDataFolder();
 
 }  // namespace korvel::platform
