@@ -8,6 +8,7 @@
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/JournalFront.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
+#include <korvel/platform/internal/FilesInternal.h>
 
 namespace korvel::platform {
 
@@ -38,7 +39,7 @@ bool JournalFront::openDirectory() {
   const fs::path& dir = options_.directory;
   failure_.clear();
   heldByAnother_ = false;
-  const FileHandle folder = openCheckedFolder(files_, dir.string(), failure_);
+  const FileHandle folder = openCheckedFolder(files_, utf8FromPath(dir), failure_);
   if (folder < 0) return false;
   const FileHandle lockFd = files_.openAt(folder, kLockFile, OpenFlags::ReadWrite | OpenFlags::Create);
   if (lockFd < 0) {
@@ -331,7 +332,7 @@ JournalFront::Drained JournalFront::drain() {
 
 bool JournalFront::directoryReplaced() const {
   FileInfo now;
-  if (files_.infoOfPath(options_.directory.string().c_str(), now) != 0) {
+  if (files_.infoOfPath(utf8FromPath(options_.directory).c_str(), now) != 0) {
     return errno == ENOENT || errno == ENOTDIR;
   }
   FileInfo held;

@@ -7,6 +7,7 @@
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/JournalRuns.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
+#include <korvel/platform/internal/FilesInternal.h>
 
 namespace korvel::platform {
 
@@ -87,7 +88,7 @@ std::unique_ptr<JournalFront> openOwnJournal(FileSystem& files, const RequestSto
 // is free) into this journal and removes the folder: what a process that
 // ended left is delivered by the next one.
 void adoptOrphanedJournals(FileSystem& files, FileHandle top, JournalFront& front) {
-  const std::string own = front.options().directory.filename().string();
+  const std::string own = utf8FromPath(front.options().directory.filename());
   std::vector<std::string> runs;
   if (!files.listFolder(top, runs)) return;
   size_t adopted = 0;

@@ -13,6 +13,7 @@
 #include <korvel/network/internal/JournalFront.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
 #include <korvel/platform/Files.h>
+#include <korvel/platform/internal/FilesInternal.h>
 
 namespace korvel::platform {
 
@@ -131,7 +132,7 @@ bool appendMarks(FileSystem& files, FileHandle fd, const std::vector<uint64_t>& 
 
 FileHandle openCheckedFolder(FileSystem& files, const std::string& path, std::string& failure) {
   std::error_code ec;
-  const fs::path dir = path;
+  const fs::path dir = pathFromUTF8(path);
   if (dir.has_parent_path()) createPrivateDirectories(dir.parent_path(), ec);
   if (files.makeFolder(path.c_str()) != 0 && errno != EEXIST) {
     failure = "cannot create " + path + ": " + errnoText(errno);
