@@ -10,17 +10,6 @@
 // answered as delivered ("D <seq>", written before the answer).
 #include <gtest/gtest.h>
 
-#ifdef _WIN32
-#include <windows.h>
-#else
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
-#include "support/ChildProcess.h"
-#endif
-
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -34,6 +23,7 @@
 #include <vector>
 
 #include <korvel/network/internal/DurableRequestExecutor.h>
+#include "support/ChildOfThisProgram.h"
 
 namespace korvel::platform {
 namespace {
@@ -133,117 +123,6 @@ const bool kIsChild = [] {
 
 // MARK: - The parent
 
-// This program started again as a reporting child, its standard output a
-// pipe read line by line.
-class Reporter {
- public:
-  bool start(const fs::path& dir, long firstSeq) {
-    const std::string dirText = dir.string();
-    const std::string firstText = std::to_string(firstSeq);
-#ifdef _WIN32
-    SECURITY_ATTRIBUTES inherit{sizeof(SECURITY_ATTRIBUTES), nullptr, TRUE};
-    HANDLE write = nullptr;
-    if (!CreatePipe(&read_, &write, &inherit, 0)) return false;
-    SetHandleInformation(read_, HANDLE_FLAG_INHERIT, 0);
-    wchar_t self[MAX_PATH];
-    GetModuleFileNameW(nullptr, self, MAX_PATH);
-    // The child inherits this process's environment with the test's three
-    // variables set.
-    SetEnvironmentVariableA("KORVEL_KILL_CHILD", "report");
-    SetEnvironmentVariableA("KORVEL_KILL_DIR", dirText.c_str());
-    SetEnvironmentVariableA("KORVEL_KILL_FIRST_SEQ", firstText.c_str());
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    startup.dwFlags = STARTF_USESTDHANDLES;
-    startup.hStdOutput = write;
-    startup.hStdError = GetStdHandle(STD_ERROR_HANDLE);
-    startup.hStdInput = GetStdHandle(STD_INPUT_HANDLE);
-    std::wstring commandLine = L"\"" + std::wstring(self) + L"\"";
-    const bool started = CreateProcessW(self, commandLine.data(), nullptr, nullptr, TRUE, 0, nullptr,
-                                        nullptr, &startup, &process_);
-    SetEnvironmentVariableA("KORVEL_KILL_CHILD", nullptr);
-    SetEnvironmentVariableA("KORVEL_KILL_DIR", nullptr);
-    SetEnvironmentVariableA("KORVEL_KILL_FIRST_SEQ", nullptr);
-    CloseHandle(write);
-    if (started) CloseHandle(process_.hThread);
-    return started;
-#else
-    int fds[2];
-    if (pipe(fds) != 0) return false;
-    // Only the child's standard output is the pipe's write end.
-    fcntl(fds[0], F_SETFD, FD_CLOEXEC);
-    fcntl(fds[1], F_SETFD, FD_CLOEXEC);
-    pid_ = testing::spawnSelf({"KORVEL_KILL_CHILD=report", "KORVEL_KILL_DIR=" + dirText,
-                               "KORVEL_KILL_FIRST_SEQ=" + firstText},
-                              "KORVEL_KILL_", fds[1], 1);
-    ::close(fds[1]);
-    read_ = fds[0];
-    return pid_ > 0;
-#endif
-  }
-
-  // Kills it at once; true when it was killed (it had not ended by itself).
-  bool kill() {
-#ifdef _WIN32
-    const bool killed = TerminateProcess(process_.hProcess, 9);
-    WaitForSingleObject(process_.hProcess, INFINITE);
-    DWORD code = 0;
-    GetExitCodeProcess(process_.hProcess, &code);
-    CloseHandle(process_.hProcess);
-    return killed && code == 9;
-#else
-    ::kill(pid_, SIGKILL);
-    int status = 0;
-    waitpid(pid_, &status, 0);
-    return WIFSIGNALED(status);
-#endif
-  }
-
-  // Reads lines until at least returned report calls are known, or the
-  // pipe ends.
-  void readUntil(size_t returned) {
-    char buffer[4096];
-    while (returned_.size() < returned) {
-#ifdef _WIN32
-      DWORD n = 0;
-      if (!ReadFile(read_, buffer, sizeof buffer, &n, nullptr) || n == 0) return;
-#else
-      const ssize_t n = ::read(read_, buffer, sizeof buffer);
-      if (n <= 0) return;
-#endif
-      partial_.append(buffer, static_cast<size_t>(n));
-      for (size_t end; (end = partial_.find('\n')) != std::string::npos; partial_.erase(0, end + 1)) {
-        std::string line = partial_.substr(0, end);
-        if (!line.empty() && line.back() == '\r') line.pop_back();
-        if (line.size() < 3) continue;
-        (line[0] == 'R' ? returned_ : delivered_).insert(std::stol(line.substr(2)));
-      }
-    }
-  }
-  void close() {
-#ifdef _WIN32
-    CloseHandle(read_);
-#else
-    ::close(read_);
-#endif
-  }
-
-  const std::set<long>& returned() const { return returned_; }
-  const std::set<long>& delivered() const { return delivered_; }
-
- private:
-#ifdef _WIN32
-  HANDLE read_ = nullptr;
-  PROCESS_INFORMATION process_{};
-#else
-  int read_ = -1;
-  pid_t pid_ = -1;
-#endif
-  std::string partial_;
-  std::set<long> returned_;
-  std::set<long> delivered_;
-};
-
 TEST(KilledReporterTest, EveryReturnedRequestIsDeliveredAfterAKillAtARandomInstant) {
   ASSERT_FALSE(kIsChild);
   registerRestorer();
@@ -258,18 +137,28 @@ TEST(KilledReporterTest, EveryReturnedRequestIsDeliveredAfterAKillAtARandomInsta
   constexpr int kRounds = 5;
   for (int round = 0; round < kRounds; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
-    Reporter reporter;
-    ASSERT_TRUE(reporter.start(dir, round * 1'000'000L));
+    testing::ChildOfThisProgram reporter;
+    ASSERT_TRUE(reporter.start({"KORVEL_KILL_CHILD=report", "KORVEL_KILL_DIR=" + dir.string(),
+                                "KORVEL_KILL_FIRST_SEQ=" + std::to_string(round * 1'000'000L)},
+                               "KORVEL_KILL_"));
     // A random number of returned report calls, then a random few hundred
     // microseconds: anywhere inside a report call, a sync or a removal.
-    reporter.readUntil(std::uniform_int_distribution<size_t>(200, 8000)(random));
+    const size_t killAfter = returned.size() + std::uniform_int_distribution<size_t>(200, 8000)(random);
+    std::string line;
+    const auto take = [&] {
+      if (line.size() < 3) return;
+      const long seq = std::stol(line.substr(2));
+      if (line[0] == 'R') {
+        returned.insert(seq);
+      } else {
+        arrived.insert(seq);
+        ++deliveredBeforeKills;
+      }
+    };
+    while (returned.size() < killAfter && reporter.readLine(line)) take();
     std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution<int>(0, 800)(random)));
     EXPECT_TRUE(reporter.kill()) << "the reporter ended on its own";
-    reporter.readUntil(SIZE_MAX);  // what it wrote before the kill
-    reporter.close();
-    returned.insert(reporter.returned().begin(), reporter.returned().end());
-    arrived.insert(reporter.delivered().begin(), reporter.delivered().end());
-    deliveredBeforeKills += reporter.delivered().size();
+    while (reporter.readLine(line)) take();  // what it wrote before the kill
 
     // This process restores the journal the killed one left and delivers it.
     std::mutex mutex;
