@@ -18,7 +18,7 @@
 #include <vector>
 
 #include <korvel/network/internal/FileSystem.h>
-#include <korvel/platform/internal/FilesInternal.h>
+#include <korvel/network/internal/JournalSegmentFiles.h>
 #include "support/FolderTest.h"
 
 namespace korvel::platform {
@@ -60,7 +60,7 @@ class FileSystemTest : public testing::FolderTest {
  protected:
   void SetUp() override {
     FolderTest::SetUp();
-    folder_ = files_.openFolder(utf8FromPath(dir_).c_str());
+    folder_ = files_.openFolder(journal::utf8Text(dir_).c_str());
     ASSERT_GE(folder_, 0) << errno;
   }
   void TearDown() override {
@@ -80,7 +80,7 @@ class FileSystemTest : public testing::FolderTest {
     EXPECT_EQ(files_.close(file), 0);
   }
   void writeFile(const char* name, const std::string& text) {
-    std::ofstream out(dir_ / pathFromUTF8(name), std::ios::binary);
+    std::ofstream out(dir_ / journal::pathOfUTF8(name), std::ios::binary);
     out << text;
   }
   std::string contents(FileHandle file, size_t size) {
@@ -260,7 +260,7 @@ TEST_F(FileSystemTest, InformationTellsFilesApartAndFoldersAreMadePrivate) {
   EXPECT_EQ(errno, ENOENT);
 
   ASSERT_EQ(files_.info(folder_, folder), 0);
-  ASSERT_EQ(files_.infoOfPath(utf8FromPath(dir_).c_str(), byPath), 0);
+  ASSERT_EQ(files_.infoOfPath(journal::utf8Text(dir_).c_str(), byPath), 0);
   EXPECT_EQ(folder.type, FileType::Folder);
   EXPECT_EQ(folder.fileNumber, byPath.fileNumber);
   EXPECT_EQ(folder.device, byPath.device);
@@ -292,7 +292,7 @@ TEST_F(FileSystemTest, NamesAreListedInUTF8WithoutDotEntries) {
   expected.push_back("aside");
   std::sort(expected.begin(), expected.end());
   EXPECT_EQ(names, expected);
-  EXPECT_TRUE(fs::exists(dir_ / pathFromUTF8(made[1])));
+  EXPECT_TRUE(fs::exists(dir_ / journal::pathOfUTF8(made[1])));
 }
 
 TEST_F(FileSystemTest, ALinkInTheFolderIsRefusedAndRemovedAsItself) {

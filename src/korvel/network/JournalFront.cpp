@@ -8,7 +8,6 @@
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/JournalFront.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
-#include <korvel/platform/internal/FilesInternal.h>
 
 namespace korvel::platform {
 
@@ -39,7 +38,7 @@ bool JournalFront::openDirectory() {
   const fs::path& dir = options_.directory;
   failure_.clear();
   heldByAnother_ = false;
-  const FileHandle folder = openCheckedFolder(files_, utf8FromPath(dir), failure_);
+  const FileHandle folder = openCheckedFolder(files_, utf8Text(dir), failure_);
   if (folder < 0) return false;
   const FileHandle lockFd = files_.openAt(folder, kLockFile, OpenFlags::ReadWrite | OpenFlags::Create);
   if (lockFd < 0) {
@@ -332,7 +331,7 @@ JournalFront::Drained JournalFront::drain() {
 
 bool JournalFront::directoryReplaced() const {
   FileInfo now;
-  if (files_.infoOfPath(utf8FromPath(options_.directory).c_str(), now) != 0) {
+  if (files_.infoOfPath(utf8Text(options_.directory).c_str(), now) != 0) {
     return errno == ENOENT || errno == ENOTDIR;
   }
   FileInfo held;

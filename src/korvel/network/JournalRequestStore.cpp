@@ -15,7 +15,6 @@
 #include <korvel/network/internal/JournalRuns.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
 #include <korvel/network/internal/ReadDescriptors.h>
-#include <korvel/platform/internal/FilesInternal.h>
 
 namespace korvel::platform {
 
@@ -42,7 +41,7 @@ class JournalRequestStore final : public RequestStore {
   // that, a journal of this process's own in a "run-<n>" folder inside it;
   // then the journals no live process holds are adopted.
   bool open() {
-    const FileHandle top = openCheckedFolder(files_, utf8FromPath(options_.directory), failure_);
+    const FileHandle top = openCheckedFolder(files_, utf8Text(options_.directory), failure_);
     if (top < 0) {
       options_.logger.log(LogLevel::Error, failure_);
       return false;

@@ -7,7 +7,6 @@
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/JournalRuns.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
-#include <korvel/platform/internal/FilesInternal.h>
 
 namespace korvel::platform {
 
@@ -88,7 +87,7 @@ std::unique_ptr<JournalFront> openOwnJournal(FileSystem& files, const RequestSto
 // is free) into this journal and removes the folder: what a process that
 // ended left is delivered by the next one.
 void adoptOrphanedJournals(FileSystem& files, FileHandle top, JournalFront& front) {
-  const std::string own = utf8FromPath(front.options().directory.filename());
+  const std::string own = utf8Text(front.options().directory.filename());
   std::vector<std::string> runs;
   if (!files.listFolder(top, runs)) return;
   size_t adopted = 0;

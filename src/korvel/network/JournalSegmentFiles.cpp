@@ -13,7 +13,6 @@
 #include <korvel/network/internal/JournalFront.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
 #include <korvel/platform/Files.h>
-#include <korvel/platform/internal/FilesInternal.h>
 
 namespace korvel::platform {
 
@@ -23,6 +22,13 @@ using namespace journal;
 namespace journal {
 
 uint64_t pageBytes() { return memoryPageBytes(); }
+
+std::string utf8Text(const fs::path& path) {
+  const std::u8string text = path.u8string();
+  return std::string(text.begin(), text.end());
+}
+
+fs::path pathOfUTF8(std::string_view text) { return fs::path(std::u8string(text.begin(), text.end())); }
 
 bool pwriteAll(FileSystem& files, FileHandle fd, std::string_view data, uint64_t offset) {
   while (!data.empty()) {
@@ -132,7 +138,7 @@ bool appendMarks(FileSystem& files, FileHandle fd, const std::vector<uint64_t>& 
 
 FileHandle openCheckedFolder(FileSystem& files, const std::string& path, std::string& failure) {
   std::error_code ec;
-  const fs::path dir = pathFromUTF8(path);
+  const fs::path dir = pathOfUTF8(path);
   if (dir.has_parent_path()) createPrivateDirectories(dir.parent_path(), ec);
   if (files.makeFolder(path.c_str()) != 0 && errno != EEXIST) {
     failure = "cannot create " + path + ": " + errnoText(errno);

@@ -2,6 +2,7 @@
 #pragma once
 
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -11,8 +12,12 @@
 
 namespace korvel::platform::journal {
 
-// Mappings and msync work in whole pages.
+// Mappings and their syncs work in whole pages.
 uint64_t pageBytes();
+
+// Paths as UTF-8 text, the seam's names on every system, and back.
+std::string utf8Text(const std::filesystem::path& path);
+std::filesystem::path pathOfUTF8(std::string_view text);
 
 // Writes all of data at offset; a short write is continued, EINTR retried.
 bool pwriteAll(FileSystem& files, FileHandle fd, std::string_view data, uint64_t offset);
