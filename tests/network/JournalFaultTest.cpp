@@ -164,22 +164,22 @@ TEST_F(JournalFaultTest, AFullDiskAtStartStillDeliversWhatIsStoredAndLogsOnceUnt
 TEST_F(JournalFaultTest, AFolderOfAnotherUserOrOpenToOthersIsRefusedWithAReason) {
   struct Case {
     const char* name;
-    uid_t owner;
-    mode_t mode;
+    bool ownedByAnother;
+    unsigned mode;
     bool chmodFails;
     const char* reason;  // null: accepted
   };
   const Case cases[] = {
-      {"another user's", ::geteuid() + 1, 0700, false, "belongs to another user"},
-      {"open to others, cannot be fixed", ::geteuid(), 0777, true, "open to other users (mode 0777)"},
-      {"group-writable, cannot be fixed", ::geteuid(), 0770, true, "cannot be made private"},
-      {"open to others, fixable", ::geteuid(), 0777, false, nullptr},
-      {"private", ::geteuid(), 0700, false, nullptr},
+      {"another user's", true, 0700, false, "belongs to another user"},
+      {"open to others, cannot be fixed", false, 0777, true, "open to other users (mode 0777)"},
+      {"group-writable, cannot be fixed", false, 0770, true, "cannot be made private"},
+      {"open to others, fixable", false, 0777, false, nullptr},
+      {"private", false, 0700, false, nullptr},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
     FaultInjectingFileSystem files;
-    files.showFolderAs(c.owner, c.mode);
+    files.showFolderAs(c.ownedByAnother ? "another user" : files.user(), c.mode);
     if (c.chmodFails) files.failAlways(FileCall::Chmod, EPERM);
     auto opened = openJournalRequestStoreWithReason(options(64u << 10, &files));
     if (c.reason == nullptr) {

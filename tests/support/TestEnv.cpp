@@ -46,7 +46,10 @@ std::filesystem::path makeTemporaryFolder(const std::string& prefix) {
     std::string name = prefix + "-";
     for (int i = 0; i < 6; ++i) name += kLetters[random() % (sizeof kLetters - 1)];
     const std::filesystem::path folder = base / name;
-    if (std::filesystem::create_directory(folder, ec)) return folder;
+    if (std::filesystem::create_directory(folder, ec)) {
+      std::filesystem::permissions(folder, std::filesystem::perms::owner_all, ec);  // 0700
+      return folder;
+    }
     if (ec) return {};
   }
   return {};

@@ -4,8 +4,6 @@
 // in DeliveryWriter.cpp.
 #include <korvel/network/internal/DurableRequestExecutor.h>
 
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <stdexcept>
