@@ -6,8 +6,6 @@
 
 #include <filesystem>
 #include <optional>
-#include <random>
-#include <string>
 #include <system_error>
 
 #include "support/TestEnv.h"
