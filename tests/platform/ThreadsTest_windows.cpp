@@ -76,7 +76,9 @@ TEST(ThreadsTest, ChangesTheCallingThreadAloneToItsLevel) {
       GetThreadPriorityBoost(GetCurrentThread(), &boostDisabled);
     }).join();
     EXPECT_EQ(priority, c.priority) << c.name;
-    if (boostKept) EXPECT_TRUE(boostDisabled) << c.name;
+    if (boostKept) {
+      EXPECT_TRUE(boostDisabled) << c.name;
+    }
     EXPECT_EQ(GetThreadPriority(GetCurrentThread()), mainPriority) << c.name;
   }
 }
