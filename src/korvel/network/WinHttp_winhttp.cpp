@@ -1,18 +1,15 @@
-// WinHTTP in its synchronous mode. A request in progress is abandoned when
-// its cancellation flag turns true: a watcher thread, awake only while
-// requests are in flight, closes the request's handle, which ends the
-// blocked call on the requesting thread.
+// WinHTTP in its asynchronous mode, driven step by step from the requesting
+// thread: each call returns at once and the status callback signals when its
+// step is done. The thread waits for that in short slices, looking at the
+// cancellation flag between them; when it has turned true the request's
+// handle is closed, which ends the exchange wherever it stands.
 #include <korvel/network/internal/WinHttp.h>
 
 #include <windows.h>
 #include <winhttp.h>
 
 #include <algorithm>
-#include <list>
-#include <thread>
 
-#include <korvel/foundation/internal/Mutex.h>
-#include <korvel/platform/internal/Threads.h>
 
 namespace korvel::platform {
 
@@ -56,60 +53,47 @@ std::string errorText(DWORD code) {
   }
 }
 
-// Closes the handles of requests whose cancellation flag has turned true.
-class CancelWatcher {
- public:
-  struct Entry {
-    const std::atomic<bool>* cancelled;
-    HINTERNET request;
-    bool closed;
-  };
-
-  static CancelWatcher& shared() {
-    static auto* watcher = new CancelWatcher;
-    return *watcher;
-  }
-
-  std::list<Entry>::iterator watch(const std::atomic<bool>* cancelled, HINTERNET request) {
-    MutexLock lock(mutex_);
-    if (!thread_.joinable()) thread_ = std::thread([this] { run(); });
-    auto it = entries_.insert(entries_.end(), Entry{cancelled, request, false});
-    wake_.signal();
-    return it;
-  }
-
-  // Whether the watcher closed the handle (the caller must not).
-  bool unwatch(std::list<Entry>::iterator it) {
-    MutexLock lock(mutex_);
-    const bool closed = it->closed;
-    entries_.erase(it);
-    return closed;
-  }
-
- private:
-  void run() KORVEL_EXCLUDES(mutex_) {
-    nameThisThread("korvel-http-cancel");
-    MutexLock lock(mutex_);
-    for (;;) {
-      if (entries_.empty()) {
-        wake_.wait(mutex_);
-        continue;
-      }
-      wake_.waitFor(mutex_, std::chrono::milliseconds(20));
-      for (Entry& e : entries_) {
-        if (!e.closed && e.cancelled->load(std::memory_order_relaxed)) {
-          e.closed = true;
-          WinHttpCloseHandle(e.request);
-        }
-      }
-    }
-  }
-
-  Mutex mutex_;
-  CondVar wake_;
-  std::list<Entry> entries_ KORVEL_GUARDED_BY(mutex_);
-  std::thread thread_ KORVEL_GUARDED_BY(mutex_);
+// What the status callback tells the thread waiting for an exchange: one
+// step done (signalled), or the request failed. It lives until the
+// request's handle is gone (the callback deletes it then), with the buffer
+// a read fills: an abandoned exchange may still complete after the waiting
+// thread has left.
+struct Exchange {
+  HANDLE step = CreateEventW(nullptr, FALSE, FALSE, nullptr);
+  std::atomic<bool> failed{false};
+  std::atomic<DWORD> error{0};
+  std::atomic<DWORD_PTR> failedCall{0};
+  std::atomic<DWORD> count{0};  // bytes available or read
+  char buffer[16 * 1024];
+  ~Exchange() { CloseHandle(step); }
 };
+
+void CALLBACK onStatus(HINTERNET, DWORD_PTR context, DWORD status, LPVOID info, DWORD length) {
+  auto* x = reinterpret_cast<Exchange*>(context);
+  if (x == nullptr) return;
+  switch (status) {
+    case WINHTTP_CALLBACK_STATUS_SENDREQUEST_COMPLETE:
+    case WINHTTP_CALLBACK_STATUS_HEADERS_AVAILABLE: SetEvent(x->step); break;
+    case WINHTTP_CALLBACK_STATUS_DATA_AVAILABLE:
+      x->count = *static_cast<DWORD*>(info);
+      SetEvent(x->step);
+      break;
+    case WINHTTP_CALLBACK_STATUS_READ_COMPLETE:
+      x->count = length;
+      SetEvent(x->step);
+      break;
+    case WINHTTP_CALLBACK_STATUS_REQUEST_ERROR: {
+      const auto* result = static_cast<WINHTTP_ASYNC_RESULT*>(info);
+      x->error = result->dwError;
+      x->failedCall = result->dwResult;
+      x->failed = true;
+      SetEvent(x->step);
+      break;
+    }
+    case WINHTTP_CALLBACK_STATUS_HANDLE_CLOSING: delete x; break;
+    default: break;
+  }
+}
 
 struct Handle {
   HINTERNET h = nullptr;
@@ -148,7 +132,11 @@ struct WinHttpClient::Impl {
 
 WinHttpClient::WinHttpClient() : impl_(std::make_unique<Impl>()) {
   impl_->session.reset(WinHttpOpen(L"KorvelReporting", WINHTTP_ACCESS_TYPE_DEFAULT_PROXY,
-                                   WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, 0));
+                                   WINHTTP_NO_PROXY_NAME, WINHTTP_NO_PROXY_BYPASS, WINHTTP_FLAG_ASYNC));
+  if (impl_->session.h != nullptr) {
+    WinHttpSetStatusCallback(impl_->session.h, onStatus,
+                             WINHTTP_CALLBACK_FLAG_ALL_COMPLETIONS | WINHTTP_CALLBACK_FLAG_HANDLES, 0);
+  }
 }
 
 WinHttpClient::~WinHttpClient() = default;
@@ -214,27 +202,48 @@ WinHttpResponse WinHttpClient::get(const std::string& url, const WinHttpRequest&
   std::wstring headers;
   for (const std::string& h : options.headers) headers += widen(h) + L"\r\n";
 
-  std::list<CancelWatcher::Entry>::iterator watched;
-  if (options.cancelled != nullptr) watched = CancelWatcher::shared().watch(options.cancelled, request);
+  auto* owned = new Exchange;
+  Exchange& exchange = *owned;
+  DWORD_PTR context = reinterpret_cast<DWORD_PTR>(owned);
+  if (!WinHttpSetOption(request, WINHTTP_OPTION_CONTEXT_VALUE, &context, sizeof context)) {
+    // Without its context the callback could not free it: the handle is
+    // closed before anything is under way.
+    WinHttpCloseHandle(request);
+    delete owned;
+    response.error = errorText(GetLastError());
+    return response;
+  }
   const auto cancelled = [&] {
     return options.cancelled != nullptr && options.cancelled->load(std::memory_order_relaxed);
   };
+  // Waits for the step under way: false when it failed or the exchange was
+  // cancelled meanwhile.
+  const auto stepDone = [&]() -> bool {
+    for (;;) {
+      if (WaitForSingleObject(exchange.step, 20) == WAIT_OBJECT_0) return !exchange.failed;
+      if (cancelled()) return false;
+    }
+  };
+  DWORD failure = ERROR_SUCCESS;
+  DWORD_PTR failedCall = 0;
+  const auto fail = [&](DWORD_PTR call) {
+    failedCall = call;
+    failure = exchange.failed ? exchange.error.load() : cancelled() ? ERROR_WINHTTP_OPERATION_CANCELLED
+                                                                  : GetLastError();
+    if (exchange.failed) failedCall = exchange.failedCall;
+    return false;
+  };
 
-  bool sent = !cancelled() &&
-              WinHttpSendRequest(request, headers.empty() ? WINHTTP_NO_ADDITIONAL_HEADERS : headers.c_str(),
-                                 headers.empty() ? 0 : static_cast<DWORD>(-1L), WINHTTP_NO_REQUEST_DATA, 0,
-                                 0, 0);
-  DWORD failure = sent ? ERROR_SUCCESS : GetLastError();
-  if (!sent) {
-    // Never connected: refused, unresolvable, or the connection timed out
-    // (a GET this small is sent the moment a connection stands).
-    response.reachedServer = !(failure == ERROR_WINHTTP_CANNOT_CONNECT ||
-                               failure == ERROR_WINHTTP_NAME_NOT_RESOLVED ||
-                               failure == ERROR_WINHTTP_TIMEOUT);
-  } else if (!WinHttpReceiveResponse(request, nullptr)) {
-    failure = GetLastError();
-  } else {
-    DWORD status = 0;
+  DWORD status = 0;
+  const bool answered = [&] {
+    if (cancelled()) return fail(API_SEND_REQUEST);
+    if (!WinHttpSendRequest(request, headers.empty() ? WINHTTP_NO_ADDITIONAL_HEADERS : headers.c_str(),
+                            headers.empty() ? 0 : static_cast<DWORD>(-1L), WINHTTP_NO_REQUEST_DATA,
+                            0, 0, context) ||
+        !stepDone()) {
+      return fail(API_SEND_REQUEST);
+    }
+    if (!WinHttpReceiveResponse(request, nullptr) || !stepDone()) return fail(API_RECEIVE_RESPONSE);
     DWORD size = sizeof status;
     WinHttpQueryHeaders(request, WINHTTP_QUERY_STATUS_CODE | WINHTTP_QUERY_FLAG_NUMBER,
                         WINHTTP_HEADER_NAME_BY_INDEX, &status, &size, WINHTTP_NO_HEADER_INDEX);
@@ -243,36 +252,49 @@ WinHttpResponse WinHttpClient::get(const std::string& url, const WinHttpRequest&
     response.lastModified = header(request, WINHTTP_QUERY_LAST_MODIFIED);
     // The body is read to its end, so the connection can carry the next
     // request.
-    char buffer[16 * 1024];
+    char* buffer = exchange.buffer;
     for (;;) {
-      DWORD read = 0;
-      if (!WinHttpReadData(request, buffer, sizeof buffer, &read)) {
-        failure = GetLastError();
-        break;
+      if (!WinHttpQueryDataAvailable(request, nullptr) || !stepDone()) {
+        return fail(API_QUERY_DATA_AVAILABLE);
       }
-      if (read == 0) break;
+      if (exchange.count == 0) return true;
+      const DWORD want = std::min<DWORD>(exchange.count, sizeof exchange.buffer);
+      if (!WinHttpReadData(request, buffer, want, nullptr) || !stepDone()) return fail(API_READ_DATA);
+      const DWORD read = exchange.count;
+      if (read == 0) return true;
       if (options.keepBody) {
         if (response.body.size() + read > options.maxBody) {
           response.tooLarge = true;
           failure = ERROR_WINHTTP_OPERATION_CANCELLED;
-          break;
+          return false;
         }
         response.body.append(buffer, read);
       }
     }
-    if (failure == ERROR_SUCCESS) response.status = static_cast<long>(status);
-  }
+  }();
 
-  const bool closedByWatcher = options.cancelled != nullptr && CancelWatcher::shared().unwatch(watched);
-  if (!closedByWatcher) WinHttpCloseHandle(request);
-  if (failure != ERROR_SUCCESS || response.status == 0) {
+  // Closing ends whatever is under way (or lets it finish unattended); the
+  // exchange is not touched after this.
+  const bool wasCancelled = !answered && cancelled();
+  WinHttpCloseHandle(request);
+
+  if (answered) {
+    response.status = static_cast<long>(status);
+  } else {
     response.status = 0;
     response.retryAfter.reset();
-    if (cancelled()) {
+    if (wasCancelled) {
+      // Like a request that never connected: it does not count as an attempt.
       response.reachedServer = false;
       response.error = errorText(ERROR_WINHTTP_OPERATION_CANCELLED);
     } else {
       response.error = errorText(failure);
+      // Refused, unresolvable, or a connection that timed out (a GET this
+      // small is sent the moment a connection stands): no server saw it.
+      response.reachedServer =
+          !(failedCall == API_SEND_REQUEST &&
+            (failure == ERROR_WINHTTP_CANNOT_CONNECT || failure == ERROR_WINHTTP_NAME_NOT_RESOLVED ||
+             failure == ERROR_WINHTTP_TIMEOUT));
     }
     // A connection in an unknown state is not reused.
     impl_->connection.reset();

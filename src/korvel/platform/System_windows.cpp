@@ -6,6 +6,7 @@
 #include <objbase.h>
 #include <shlobj.h>
 
+#include <stdlib.h>
 #include <time.h>
 
 namespace korvel::platform {
@@ -63,10 +64,20 @@ std::string documentsFolder() {
   return std::string(text.begin(), text.end());
 }
 
-std::filesystem::path userDataFolder() { return knownFolder(FOLDERID_LocalAppData); }
+// %LOCALAPPDATA% as the environment says when it names an absolute folder
+// (as $XDG_DATA_HOME may move it on Linux), else the known folder.
+std::filesystem::path localAppData() {
+  if (const wchar_t* set = _wgetenv(L"LOCALAPPDATA"); set != nullptr && *set != 0) {
+    std::filesystem::path folder(set);
+    if (folder.is_absolute()) return folder;
+  }
+  return knownFolder(FOLDERID_LocalAppData);
+}
+
+std::filesystem::path userDataFolder() { return localAppData(); }
 
 std::filesystem::path userConfigFolder() {
-  std::filesystem::path folder = knownFolder(FOLDERID_LocalAppData);
+  std::filesystem::path folder = localAppData();
   return folder.empty() ? std::filesystem::path(".") : folder;
 }
 

@@ -28,7 +28,8 @@ std::filesystem::path userDataFolder();
 
 // The folder where applications keep the user's settings ($XDG_CONFIG_HOME
 // or ~/.config on Linux, else .config in the working folder;
-// %LOCALAPPDATA% on Windows, else the working folder).
+// %LOCALAPPDATA% on Windows, else the working folder). On Windows the
+// environment's LOCALAPPDATA is taken when it names an absolute folder.
 std::filesystem::path userConfigFolder();
 
 // This process's identifier, for names no other process picks at once.
