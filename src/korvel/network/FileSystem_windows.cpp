@@ -6,8 +6,8 @@
 // handle, and a reparse point (a symbolic link or a junction) is never
 // followed: it is opened as itself (FILE_FLAG_OPEN_REPARSE_POINT) and
 // refused with ELOOP. Every file is opened sharing read, write and delete,
-// so that a segment the journal holds open, or has mapped, can still be
-// renamed and removed, as on POSIX. Names are UTF-8 in the journal and
+// so that a segment the journal holds open can still be renamed (mapped or
+// not) and removed (once unmapped), as on POSIX. Names are UTF-8 in the journal and
 // UTF-16 here.
 //
 // Private means an access list that names the current user alone,

@@ -26,9 +26,10 @@ JournalFront::~JournalFront() {
   closing_.clear();
   if (active_.fd >= 0) finish(active_);
   for (auto& spare : spares_) {
-    // Never written to: it goes, rather than being found empty at the next start.
-    files_.removeAt(folder_, segmentName(spare.number).c_str());
+    // Never written to: it goes, rather than being found empty at the next
+    // start. Unmapped first: Windows removes no file that is mapped.
     finish(spare);
+    files_.removeAt(folder_, segmentName(spare.number).c_str());
   }
   if (lockFd_ >= 0) files_.close(lockFd_);  // releases the lock
   if (folder_ >= 0) files_.close(folder_);
@@ -357,8 +358,8 @@ bool JournalFront::rehome() {
     switched = switchSegmentLocked(0);
   }
   for (auto& spare : spares) {
-    files_.removeAt(previousFolder, segmentName(spare.number).c_str());
     finish(spare);  // never written
+    files_.removeAt(previousFolder, segmentName(spare.number).c_str());
   }
   files_.close(previousFolder);
   directoryDirty_ = true;
@@ -458,8 +459,8 @@ void JournalFront::restIfQuiet(bool& quiet) {
   }
   for (auto& spare : dropped) {
     // Never written to.
-    files_.removeAt(folder_, segmentName(spare.number).c_str());
     finish(spare);
+    files_.removeAt(folder_, segmentName(spare.number).c_str());
     directoryDirty_ = true;
   }
 }

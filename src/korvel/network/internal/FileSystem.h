@@ -116,6 +116,7 @@ class FileSystem {
 
   // Replaces what to names, if anything.
   virtual int renameAt(FileHandle fromFolder, const char* from, FileHandle toFolder, const char* to) = 0;
+  // Open files may be removed, mapped ones not (Windows refuses).
   virtual int removeAt(FileHandle folder, const char* name) = 0;
   // An empty folder.
   virtual int removeFolderAt(FileHandle folder, const char* name) = 0;
