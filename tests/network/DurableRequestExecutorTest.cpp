@@ -130,9 +130,8 @@ class DurableRequestExecutorTest : public ::testing::Test {
   void SetUp() override {
     scope_.emplace(env_);
     savedConfiguration_ = *KVNConfiguration::sharedInstance().snapshot();
-    char pattern[] = "/tmp/korvel-executor-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
+    dir_ = testing::makeTemporaryFolder("korvel-executor");
+    ASSERT_FALSE(dir_.empty());
   }
 
   void TearDown() override {
