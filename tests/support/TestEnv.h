@@ -44,10 +44,13 @@ class ScopedEnvironmentVariable {
 
 // The variable that moves the folder where the library keeps the user's
 // settings: XDG_CONFIG_HOME, LOCALAPPDATA on Windows.
+// And the one for its data (XDG_DATA_HOME; LOCALAPPDATA too on Windows).
 #if defined(_WIN32)
 inline constexpr const char* kConfigFolderVariable = "LOCALAPPDATA";
+inline constexpr const char* kDataFolderVariable = "LOCALAPPDATA";
 #else
 inline constexpr const char* kConfigFolderVariable = "XDG_CONFIG_HOME";
+inline constexpr const char* kDataFolderVariable = "XDG_DATA_HOME";
 #endif
 
 // A new, empty folder "<temporary folder>/<prefix>-XXXXXX" (random
