@@ -56,10 +56,15 @@
 #include <korvel/platform/Env.h>
 #include <korvel/foundation/KVNConfiguration.h>
 
+using korvel::network::internal::RequestStoreOptions;
+using korvel::network::internal::kFrameHeaderBytes;
+using korvel::network::internal::kFrameMarker;
+using korvel::network::internal::openJournalRequestStore;
+
 namespace {
 
 using namespace korvel;
-using platform::DurableRequestExecutor;
+using network::internal::DurableRequestExecutor;
 namespace fs = std::filesystem;
 
 using bench::configure;

@@ -19,6 +19,12 @@
 
 #include <korvel/network/internal/RequestStore.h>
 
+using korvel::network::internal::RequestStore;
+using korvel::network::internal::RequestStoreOptions;
+using korvel::network::internal::StoredRequest;
+using korvel::network::internal::appendFrame;
+using korvel::network::internal::openJournalRequestStore;
+
 namespace {
 
 using namespace korvel::platform;

@@ -53,7 +53,7 @@
 namespace {
 
 using namespace korvel;
-using platform::DurableRequestExecutor;
+using network::internal::DurableRequestExecutor;
 using Clock = std::chrono::steady_clock;
 namespace fs = std::filesystem;
 

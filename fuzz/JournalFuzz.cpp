@@ -16,7 +16,7 @@
 namespace fs = std::filesystem;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-  using namespace korvel::platform;
+  using namespace korvel::network::internal;
   if (size < 2) return 0;
   const std::string_view input(reinterpret_cast<const char*>(data), size);
   const size_t split = std::min<size_t>(size - 2, (size_t{data[0]} << 8 | data[1]) * 8);

@@ -17,7 +17,7 @@ namespace {
 
 using Json = nlohmann::ordered_json;
 
-void compareWithDocument(const korvel::platform::KeyedUnarchiver& coder, const uint8_t* data,
+void compareWithDocument(const korvel::KeyedUnarchiver& coder, const uint8_t* data,
                          size_t size) {
   const Json document = Json::from_cbor(data, data + size, /*strict=*/true,
                                         /*allow_exceptions=*/false, Json::cbor_tag_handler_t::store);
@@ -46,7 +46,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   }();
   (void)registered;
   const std::string_view payload(reinterpret_cast<const char*>(data), size);
-  if (auto coder = korvel::platform::KeyedUnarchiver::open(payload)) {
+  if (auto coder = korvel::KeyedUnarchiver::open(payload)) {
     (void)coder->decodeString("$class");
     (void)coder->decodeDictionary("parameters");
     compareWithDocument(*coder, data, size);

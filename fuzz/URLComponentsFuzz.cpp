@@ -7,8 +7,8 @@
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
   const std::string_view text(reinterpret_cast<const char*>(data), size);
-  if (auto url = korvel::platform::URLComponents::parse(text)) {
-    (void)korvel::platform::URLComponents::parse(url->string());
+  if (auto url = korvel::URLComponents::parse(text)) {
+    (void)korvel::URLComponents::parse(url->string());
   }
   return 0;
 }

@@ -60,12 +60,15 @@
 
 #include <korvel/foundation/internal/Mutex.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace {
 
 namespace fs = std::filesystem;
 using namespace korvel::tools::torture;
-using korvel::Mutex;
-using korvel::MutexLock;
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
 using Clock = std::chrono::steady_clock;
 
 struct Options {

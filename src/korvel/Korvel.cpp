@@ -18,6 +18,9 @@
 #include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 namespace {
@@ -210,7 +213,7 @@ void unsentBeaconBeforeStart() noexcept try {
 }
 
 [[maybe_unused]] const bool unsentBeaconHookInstalled =
-    (internal::setUnsentBeaconHook(unsentBeaconBeforeStart), true);
+    (beacon::internal::setUnsentBeaconHook(unsentBeaconBeforeStart), true);
 
 bool isWaitingRoom(const std::shared_ptr<KVNNetworkBackgroundRequestExecutor>& executor) {
   return dynamic_cast<const WaitingRoom*>(executor.get()) != nullptr;
@@ -245,7 +248,7 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s)
   }
   std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor = s.hostExecutor;
   if (!executor) {
-    platform::DurableRequestExecutor::Options options;
+    network::internal::DurableRequestExecutor::Options options;
     options.directory = s.dataDirectory / kBeaconsFolderName;
     options.startPaused = s.optedOut.load();
     options.maxStoredRequests = s.maxStoredBeacons;
@@ -254,8 +257,8 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s)
     options.concurrency = s.sendConcurrency;
     if (s.deliveryObserver) {
       options.observer = [observer = s.deliveryObserver](
-                             const platform::DurableRequestExecutor::Event& event) {
-        using From = platform::DurableRequestExecutor::Event::Outcome;
+                             const network::internal::DurableRequestExecutor::Event& event) {
+        using From = network::internal::DurableRequestExecutor::Event::Outcome;
         using To = Reporting::DeliveryEvent::Outcome;
         Reporting::DeliveryEvent out;
         out.outcome = event.outcome == From::Delivered   ? To::Delivered
@@ -267,7 +270,7 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> ensureExecutor(State& s)
         observer(out);
       };
     }
-    executor = std::make_shared<platform::DurableRequestExecutor>(
+    executor = std::make_shared<network::internal::DurableRequestExecutor>(
         s.bundleIdentifier + ".backgroundBeacons", std::move(options));
   } else if (s.optedOut.load()) {
     executor->setPaused(true);
@@ -335,7 +338,7 @@ std::optional<std::string> invalidEndpoint(const std::string& endpoint) {
     filled += 'x';
     i = close + 1;
   }
-  const auto url = platform::URLComponents::parse(filled);
+  const auto url = URLComponents::parse(filled);
   std::string scheme = url ? url->scheme() : std::string();
   std::transform(scheme.begin(), scheme.end(), scheme.begin(),
                  [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
@@ -445,7 +448,7 @@ Reporting::Result startLocked(State& s, Reporting::StartOptions& options)
     }
   } else {
     auto durable =
-        std::dynamic_pointer_cast<platform::DurableRequestExecutor>(ensureExecutor(s));
+        std::dynamic_pointer_cast<network::internal::DurableRequestExecutor>(ensureExecutor(s));
     if (durable && !durable->stats().durable) {
       result.durable = false;
       const std::string& why = durable->storeFailure();
@@ -487,7 +490,7 @@ bool Reporting::started() {
 fs::path Reporting::defaultDataDirectory(const std::string& bundleIdentifier) {
   // The same base the durable executor uses on its own:
   // $XDG_DATA_HOME/korvel/<name with unsafe characters replaced>.
-  return platform::DurableRequestExecutor::defaultDirectory(bundleIdentifier);
+  return network::internal::DurableRequestExecutor::defaultDirectory(bundleIdentifier);
 }
 
 std::optional<fs::path> Reporting::dataDirectory() {
@@ -530,7 +533,7 @@ Reporting::DeliveryResult flushExecutor(std::chrono::milliseconds deadline) {
   }
   const bool flushed = executor->flush(deadline);
   // A host's own executor gives no figures: its flush is the answer.
-  if (auto durable = std::dynamic_pointer_cast<platform::DurableRequestExecutor>(executor)) {
+  if (auto durable = std::dynamic_pointer_cast<network::internal::DurableRequestExecutor>(executor)) {
     const auto stats = durable->stats();
     const uint64_t dropped = stats.droppedByServer + stats.droppedOverCap + stats.droppedTooOld +
                              stats.droppedOversize;

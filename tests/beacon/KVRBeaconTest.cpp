@@ -425,7 +425,7 @@ TEST_F(KVRBeaconTest, StoredBeaconsAreRestoredOnlyWithTheirArchivedUUID) {
   // fresh one, so it is not restored, and the log says why.
   const std::vector<std::optional<double>> uuids = {std::nullopt, 42.0};
   for (const auto& uuidAsNumber : uuids) {
-    platform::KeyedArchiver coder;
+    KeyedArchiver coder;
     coder.encodeObject("$class", std::string("KVRUserEventBeacon"));
     coder.encodeObject("parameters", KVRParameters{{"a", "b"}});
     coder.encodeDouble("creationTimestamp", 1700000000);

@@ -324,7 +324,7 @@ TEST_F(KVRReliableNetworkingTaskTest, DamagedArchivesDecodeToNothing) {
 
 TEST_F(KVRReliableNetworkingTaskTest, ArchivesWithoutAKnownClassDecodeToNothing) {
   auto archive = [](std::optional<std::string> className) {
-    platform::KeyedArchiver coder;
+    KeyedArchiver coder;
     if (className) coder.encodeObject("$class", *className);
     coder.encodeObject("parameters", KVRParameters{{"a", "b"}});
     coder.encodeDouble("creationTimestamp", 1.0);
@@ -364,7 +364,7 @@ TEST_F(KVRReliableNetworkingTaskTest, ArchivesMissingFieldsKeepTheInitialisersVa
   for (const auto& row : rows) {
     SCOPED_TRACE(::testing::Message() << "field " << static_cast<int>(row.field) << ", damage "
                                     << static_cast<int>(row.damage));
-    platform::KeyedArchiver coder;
+    KeyedArchiver coder;
     coder.encodeObject("$class", std::string("KVRPageViewBeacon"));
     auto put = [&](Field field, auto write, auto writeOtherKind) {
       if (row.field != field) return write();

@@ -10,7 +10,18 @@
 #include <korvel/ui/RichText.h>
 #include <korvel/ui/TableView.h>
 
-namespace korvel::platform {
+using korvel::ui::TextColor;
+using korvel::ui::FontWeight;
+using korvel::ui::IndexPath;
+using korvel::ui::Pasteboard;
+using korvel::ui::StyledText;
+using korvel::ui::TableCell;
+using korvel::ui::TableRowAnimation;
+using korvel::ui::TableView;
+using korvel::ui::kPasteboardTypeRTF;
+using korvel::ui::rtfFromStyledText;
+
+namespace korvel::ui {
 namespace {
 
 // MARK: - Table
@@ -207,4 +218,4 @@ TEST(LocaleTest, CaseIsIgnoredInEveryLocale) {
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::ui

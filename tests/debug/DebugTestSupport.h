@@ -35,20 +35,20 @@ struct StubTagResult : KVRTagResultInfo {
   std::optional<std::string> syncProviderName() const override { return std::nullopt; }
 };
 
-class RecordingPresenter : public platform::Presenter {
+class RecordingPresenter : public ui::Presenter {
  public:
   struct Presented {
-    std::shared_ptr<platform::ViewController> screen;
-    platform::ModalPresentationStyle style;
+    std::shared_ptr<ui::ViewController> screen;
+    ui::ModalPresentationStyle style;
     bool animated;
   };
 
-  void presentViewController(std::shared_ptr<platform::ViewController> screen,
-                             platform::ModalPresentationStyle style, bool animated,
+  void presentViewController(std::shared_ptr<ui::ViewController> screen,
+                             ui::ModalPresentationStyle style, bool animated,
                              std::function<void()>) override {
     presented.push_back({std::move(screen), style, animated});
   }
-  void presentAlert(platform::Alert alert, bool animated, std::function<void()>) override {
+  void presentAlert(ui::Alert alert, bool animated, std::function<void()>) override {
     alerts.push_back(std::move(alert));
     alertsAnimated = animated;
   }
@@ -56,26 +56,26 @@ class RecordingPresenter : public platform::Presenter {
     ++dismissals;
     dismissedAnimated = animated;
   }
-  platform::UserInterfaceIdiom userInterfaceIdiom() const override { return idiom; }
+  ui::UserInterfaceIdiom userInterfaceIdiom() const override { return idiom; }
 
-  platform::UserInterfaceIdiom idiom = platform::UserInterfaceIdiom::Phone;
+  ui::UserInterfaceIdiom idiom = ui::UserInterfaceIdiom::Phone;
   std::vector<Presented> presented;
-  std::vector<platform::Alert> alerts;
+  std::vector<ui::Alert> alerts;
   bool alertsAnimated = false;
   int dismissals = 0;
   bool dismissedAnimated = false;
 };
 
 // Keeps the message; "delivering" succeeds.
-class RecordingComposer : public platform::MailComposer {
+class RecordingComposer : public MailComposer {
  protected:
   std::optional<std::string> deliver() override { return std::nullopt; }
 };
 
-class RecordingComposerFactory : public platform::MailComposerFactory {
+class RecordingComposerFactory : public MailComposerFactory {
  public:
   bool canSendMail() override { return canSend; }
-  std::shared_ptr<platform::MailComposer> makeComposer() override {
+  std::shared_ptr<MailComposer> makeComposer() override {
     made.push_back(std::make_shared<RecordingComposer>());
     return made.back();
   }

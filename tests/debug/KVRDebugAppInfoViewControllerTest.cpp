@@ -12,8 +12,8 @@
 namespace korvel {
 namespace {
 
-using platform::Application;
-using platform::IndexPath;
+using ui::Application;
+using ui::IndexPath;
 
 // An application whose own opener records what it opened.
 struct OpeningApplication {
@@ -145,7 +145,7 @@ TEST_F(AppInfoTest, SelectingTheRowFlipsOnlyTheSwitchNotTheSwizzler) {
 }
 
 TEST_F(AppInfoTest, CopyPutsTheRowsTextOnThePasteboard) {
-  auto& pasteboard = platform::Pasteboard::general();
+  auto& pasteboard = ui::Pasteboard::general();
   auto copyFrom = [&](IndexPath row) {
     auto actions = screen_->tableView().userLongPressRow(row);
     ASSERT_EQ(actions.size(), 1u);

@@ -52,10 +52,10 @@ class KVRDebugConfigurationTest : public ::testing::Test {
 };
 
 TEST_F(KVRDebugConfigurationTest, TheBuiltInEndpointsDifferOnlyInTheirHost) {
-  auto production = platform::URLComponents::parse(
+  auto production = URLComponents::parse(
       KVRDebugConfiguration::kDefaultProductionConfigurationEndpoint);
   auto beta =
-      platform::URLComponents::parse(KVRDebugConfiguration::kDefaultBetaConfigurationEndpoint);
+      URLComponents::parse(KVRDebugConfiguration::kDefaultBetaConfigurationEndpoint);
   ASSERT_TRUE(production && beta);
   EXPECT_EQ(production->scheme(), "https");
   EXPECT_EQ(beta->scheme(), "https");

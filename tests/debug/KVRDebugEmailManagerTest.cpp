@@ -14,18 +14,18 @@
 namespace korvel {
 namespace {
 
-using platform::MailAttachment;
-using platform::ModalPresentationStyle;
+using korvel::MailAttachment;
+using ui::ModalPresentationStyle;
 
 class KVRDebugEmailManagerTest : public ::testing::Test {
  protected:
   void SetUp() override {
     KVNConfiguration::setAppShortVersion("9.9");
     platform::setMainBundleVersion("321");
-    platform::setMailComposerFactory(factory_);
+    setMailComposerFactory(factory_);
   }
   void TearDown() override {
-    platform::setMailComposerFactory(nullptr);
+    setMailComposerFactory(nullptr);
     platform::setMainBundleVersion(std::nullopt);
   }
 
@@ -39,7 +39,7 @@ class KVRDebugEmailManagerTest : public ::testing::Test {
     return r;
   }
 
-  std::shared_ptr<platform::MailComposer> send(std::shared_ptr<KVRDebugEmailManager> manager) {
+  std::shared_ptr<MailComposer> send(std::shared_ptr<KVRDebugEmailManager> manager) {
     manager->emailDebugInfo();
     return manager->mailController();
   }
@@ -91,7 +91,7 @@ TEST_F(KVRDebugEmailManagerTest, DebugLinesAreAttachedEachFollowedByALineBreak) 
   auto manager = KVRDebugEmailManager::make(result("T1", "K1"), presenter_);
   manager->debugStrings() = {"a", "b"};
   auto two = send(manager);
-  EXPECT_EQ(two->attachments()[0].data, platform::dataFromString("a\nb\n"));
+  EXPECT_EQ(two->attachments()[0].data, dataFromString("a\nb\n"));
 }
 
 TEST_F(KVRDebugEmailManagerTest, FilesOnDiskAreAttachedUnderDottedNames) {
@@ -131,7 +131,7 @@ TEST_F(KVRDebugEmailManagerTest, PresentsTheComposerAndDismissesItWhenDone) {
   EXPECT_EQ(presenter_->dismissals, 1);
   EXPECT_TRUE(presenter_->dismissedAnimated);
 
-  presenter_->idiom = platform::UserInterfaceIdiom::Pad;
+  presenter_->idiom = ui::UserInterfaceIdiom::Pad;
   auto onTablet = send(manager);
   EXPECT_NE(onTablet, mail);  // a new composer for every e-mail
   EXPECT_EQ(presenter_->presented.back().style, ModalPresentationStyle::Automatic);
@@ -153,17 +153,17 @@ TEST_F(KVRDebugEmailManagerTest, WithoutMailAnErrorAlertIsShownInstead) {
   const auto& alert = presenter_->alerts[0];
   EXPECT_EQ(alert.title, "Error");
   EXPECT_EQ(alert.message, "You need to set up an email account");
-  EXPECT_EQ(alert.preferredStyle, platform::AlertStyle::Alert);
+  EXPECT_EQ(alert.preferredStyle, ui::AlertStyle::Alert);
   ASSERT_EQ(alert.actions.size(), 1u);
   EXPECT_EQ(alert.actions[0].title, "OK");
-  EXPECT_EQ(alert.actions[0].style, platform::AlertActionStyle::Cancel);
+  EXPECT_EQ(alert.actions[0].style, ui::AlertActionStyle::Cancel);
   EXPECT_TRUE(presenter_->alertsAnimated);
 }
 
 TEST_F(KVRDebugEmailManagerTest, RealComposerDeliversToTheOutbox) {
   const auto outbox = std::filesystem::path(env_.documentsDirectory()) / "outbox";
-  platform::setMailComposerFactory(std::make_shared<platform::MimeMailComposerFactory>(
-      platform::MailTransport::outbox(outbox)));
+  setMailComposerFactory(std::make_shared<MimeMailComposerFactory>(
+      MailTransport::outbox(outbox)));
   ASSERT_TRUE(KVRDebugDataPersister().persistSignatureData({1, 2, 3}, "T1", "sig"));
   auto manager = KVRDebugEmailManager::make(result("T1", "K1"), presenter_);
   manager->debugStrings() = {"caf\xC3\xA9"};

@@ -9,8 +9,8 @@
 namespace korvel {
 namespace {
 
-using platform::FontWeight;
-using platform::TextRun;
+using ui::FontWeight;
+using ui::TextRun;
 
 TextRun heavy14(std::string t) { return {std::move(t), FontWeight::Heavy, 14}; }
 TextRun semibold(std::string t, double size) { return {std::move(t), FontWeight::Semibold, size}; }

@@ -12,8 +12,8 @@
 namespace korvel {
 namespace {
 
-using platform::IndexPath;
-using Update = platform::TableView::Update;
+using ui::IndexPath;
+using Update = ui::TableView::Update;
 
 class BeaconLogTest : public testing::ScreenTest {
  protected:
@@ -24,7 +24,7 @@ class BeaconLogTest : public testing::ScreenTest {
     screen_->setPresenter(presenter_);
     screen_->loadViewIfNeeded();
     mail_ = std::make_shared<testing::RecordingComposerFactory>();
-    platform::setMailComposerFactory(mail_);
+    setMailComposerFactory(mail_);
   }
   void TearDown() override {
     screen_.reset();
@@ -66,7 +66,7 @@ TEST_F(BeaconLogTest, InsertsAtTheTopWhileVisibleAndReloadsWhenShownAgain) {
   pump();
   EXPECT_EQ(table.lastUpdate().kind, Update::Kind::Insert);
   EXPECT_EQ(table.lastUpdate().indexPaths, (std::vector<IndexPath>{IndexPath{0, 0}}));
-  EXPECT_EQ(table.lastUpdate().animation, platform::TableRowAnimation::Automatic);
+  EXPECT_EQ(table.lastUpdate().animation, ui::TableRowAnimation::Automatic);
   EXPECT_EQ(table.reloadCount(), reloads) << "an insertion, not a reload";
   EXPECT_EQ(table.numberOfRowsInSection(0), 1u);
 
@@ -106,11 +106,11 @@ TEST_F(BeaconLogTest, CopyPutsTheRowsStyledTextOnThePasteboardAsRichText) {
   actions[0].handler();
 
   const auto& entry = *provider_->logEntries().front();  // row 1 is the older entry
-  const auto rtf = platform::Pasteboard::general().dataForType("public.rtf");
+  const auto rtf = ui::Pasteboard::general().dataForType("public.rtf");
   ASSERT_TRUE(rtf.has_value());
   EXPECT_EQ(std::string(rtf->begin(), rtf->end()),
-            platform::rtfFromStyledText(entry.attributedString()));
-  EXPECT_EQ(platform::Pasteboard::general().string(), "Opened URL:\nhttps://a.example");
+            ui::rtfFromStyledText(entry.attributedString()));
+  EXPECT_EQ(ui::Pasteboard::general().string(), "Opened URL:\nhttps://a.example");
 }
 
 TEST_F(BeaconLogTest, EmailsTheWholeLogOldestFirst) {
@@ -127,7 +127,7 @@ TEST_F(BeaconLogTest, EmailsTheWholeLogOldestFirst) {
   ASSERT_EQ(presenter_->presented.size(), 1u);
   EXPECT_EQ(presenter_->presented[0].screen, mail_->made[0]);
   EXPECT_TRUE(presenter_->presented[0].animated);
-  EXPECT_NE(presenter_->presented[0].style, platform::ModalPresentationStyle::FormSheet)
+  EXPECT_NE(presenter_->presented[0].style, ui::ModalPresentationStyle::FormSheet)
       << "a phone shows the composer its own way";
 
   mail_->made[0]->send();
@@ -135,10 +135,10 @@ TEST_F(BeaconLogTest, EmailsTheWholeLogOldestFirst) {
 }
 
 TEST_F(BeaconLogTest, EmailIsAFormSheetOnLargeScreensAndNothingWithoutMail) {
-  presenter_->idiom = platform::UserInterfaceIdiom::Pad;
+  presenter_->idiom = ui::UserInterfaceIdiom::Pad;
   screen_->emailButton().userTap();
   ASSERT_EQ(presenter_->presented.size(), 1u);
-  EXPECT_EQ(presenter_->presented[0].style, platform::ModalPresentationStyle::FormSheet);
+  EXPECT_EQ(presenter_->presented[0].style, ui::ModalPresentationStyle::FormSheet);
   EXPECT_EQ(mail_->made[0]->messageBody(), "") << "an empty log sends an empty body";
 
   mail_->canSend = false;

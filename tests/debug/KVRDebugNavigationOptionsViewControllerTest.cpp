@@ -27,7 +27,7 @@ class ConfigSwitchingTest : public ::testing::Test {
     scope_.emplace(env_);
     defaults_ = std::make_shared<KVNUserDefaults>(env_.documentsDirectory() + "/defaults.json");
     KVNUserDefaults::setSharedUserDefaults(defaults_);
-    platform::URLCache::sharedURLCache().removeAllCachedResponses();
+    URLCache::sharedURLCache().removeAllCachedResponses();
     KVNConfiguration::sharedInstance().replace(KVNConfiguration::Snapshot{});
     ASSERT_TRUE(production_.start("127.0.0.1"));
     ASSERT_TRUE(beta_.start("127.0.0.1"));
@@ -38,7 +38,7 @@ class ConfigSwitchingTest : public ::testing::Test {
     KVRDebugConfiguration::setProductionConfigurationEndpoint(std::nullopt);
     KVRDebugConfiguration::setBetaConfigurationEndpoint(std::nullopt);
     KVNUserDefaults::setSharedUserDefaults(nullptr);
-    platform::URLCache::sharedURLCache().removeAllCachedResponses();
+    URLCache::sharedURLCache().removeAllCachedResponses();
   }
 
   std::unique_ptr<Screen> openScreen() {
@@ -228,8 +228,8 @@ TEST_F(ConfigSwitchingTest, TheRestoreIsSafeAfterTheScreenIsGone) {
 // --- Clear cache and keyboard ------------------------------------------------------
 
 TEST_F(ConfigSwitchingTest, ClearCacheEmptiesTheCacheAndRestoresAfterThreeSeconds) {
-  auto& cache = platform::URLCache::sharedURLCache();
-  cache.storeCachedResponse(production_.url("127.0.0.1"), platform::CachedURLResponse{});
+  auto& cache = URLCache::sharedURLCache();
+  cache.storeCachedResponse(production_.url("127.0.0.1"), CachedURLResponse{});
   auto screen = openScreen();
 
   EXPECT_TRUE(screen->clearCacheButton().userTap());
@@ -256,7 +256,7 @@ TEST_F(ConfigSwitchingTest, TheKeyboardGoesAwayOnATapOrReturnInTheBucketsField) 
   EXPECT_FALSE(field.userPressedReturn());  // not processed
   EXPECT_FALSE(field.isFirstResponder());
 
-  platform::TextField other;
+  ui::TextField other;
   other.becomeFirstResponder();
   other.setDelegate(screen.get());
   EXPECT_TRUE(other.userPressedReturn());

@@ -19,9 +19,9 @@
 namespace korvel {
 namespace {
 
-using platform::Point;
-using platform::Rect;
-using platform::ViewNode;
+using ui::Point;
+using ui::Rect;
+using ui::ViewNode;
 
 // MARK: - Hit testing of the view tree
 
@@ -197,7 +197,7 @@ TEST_F(OverlayTest, ShowingAndHidingSetTheBackgroundPanelButtonAndPages) {
   auto window = build();
   auto& overlay = *window->debugOverlayViewController();
   auto& log = logPage(overlay);
-  const auto dimmed = platform::Color::black().withAlphaComponent(0.3);
+  const auto dimmed = ui::Color::black().withAlphaComponent(0.3);
 
   window->presentDebugMenu();
   EXPECT_FALSE(overlay.backgroundView()->isHidden());
@@ -212,7 +212,7 @@ TEST_F(OverlayTest, ShowingAndHidingSetTheBackgroundPanelButtonAndPages) {
 
   window->hideDebugMenu();
   EXPECT_TRUE(overlay.backgroundView()->isHidden());
-  EXPECT_EQ(overlay.backgroundView()->backgroundColor(), platform::Color::clear());
+  EXPECT_EQ(overlay.backgroundView()->backgroundColor(), ui::Color::clear());
   EXPECT_EQ(overlay.pageView()->alpha(), 0.0);
   EXPECT_TRUE(overlay.passiveButton().isHidden());
   EXPECT_TRUE(overlay.view()->touchableViews().empty());
@@ -230,7 +230,7 @@ TEST_F(OverlayTest, PassiveModeLetsTheApplicationBeUsedUnderADimmedPanel) {
   EXPECT_TRUE(overlay.passiveMode());
   EXPECT_EQ(overlay.pageView()->alpha(), 0.7);
   EXPECT_EQ(overlay.passiveButton().title(), "Active");
-  EXPECT_EQ(overlay.backgroundView()->backgroundColor(), platform::Color::clear());
+  EXPECT_EQ(overlay.backgroundView()->backgroundColor(), ui::Color::clear());
   EXPECT_FALSE(overlay.view()->isTouchable(overlay.pageView()));
   EXPECT_TRUE(overlay.view()->isTouchable(overlay.passiveButtonView()));
 
@@ -241,7 +241,7 @@ TEST_F(OverlayTest, PassiveModeLetsTheApplicationBeUsedUnderADimmedPanel) {
   EXPECT_EQ(overlay.backgroundView()->alpha(), 1.0);
   EXPECT_EQ(overlay.passiveButton().title(), "Passive");
   EXPECT_EQ(overlay.backgroundView()->backgroundColor(),
-            platform::Color::black().withAlphaComponent(0.3));
+            ui::Color::black().withAlphaComponent(0.3));
   EXPECT_TRUE(overlay.view()->isTouchable(overlay.pageView()));
   EXPECT_EQ(overlay.view()->touchableViews().size(), 2u) << "the page view once, not twice";
 }

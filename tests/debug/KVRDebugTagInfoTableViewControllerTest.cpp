@@ -36,8 +36,8 @@ class TagInfoTest : public testing::ScreenTest {
  protected:
   void SetUp() override {
     ScreenTest::SetUp();
-    platform::setCurrentLocaleIdentifier("de_DE");
-    platform::setCurrentTimeZoneIdentifier("UTC");
+    setCurrentLocaleIdentifier("de_DE");
+    setCurrentTimeZoneIdentifier("UTC");
   }
   void TearDown() override {
     screen_.reset();
@@ -114,11 +114,11 @@ TEST_F(TagInfoTest, SectionsFollowTheResult) {
 TEST_F(TagInfoTest, TheTagDateIsInTheUsersLocaleAndTimeZone) {
   auto r = result("T1", "K1");
   r->when = kTagDate;
-  platform::setCurrentTimeZoneIdentifier("Europe/Berlin");
+  setCurrentTimeZoneIdentifier("Europe/Berlin");
   auto sections = Screen::sectionsForTagResult(r.get());
   EXPECT_EQ(sections[0].rows.back().value, "14. November 2023 um 23:13:20 MEZ");
-  platform::setCurrentLocaleIdentifier("en_US");
-  platform::setCurrentTimeZoneIdentifier("UTC");
+  setCurrentLocaleIdentifier("en_US");
+  setCurrentTimeZoneIdentifier("UTC");
   sections = Screen::sectionsForTagResult(r.get());
   const std::string english = sections[0].rows.back().value.value_or("");
   EXPECT_EQ(english.rfind("November 14, 2023", 0), 0u) << english;
@@ -153,13 +153,13 @@ TEST_F(TagInfoTest, CopyPutsTheRowsValueOrItsTitleOnThePasteboard) {
   auto& screen = open();
   screen.updateTagResult(result("T1", "K1"));
   screen.tableView().userLongPressRow({0, 0}).at(0).handler();
-  EXPECT_EQ(platform::Pasteboard::general().string(), "T1");
+  EXPECT_EQ(ui::Pasteboard::general().string(), "T1");
   screen.updateTagResult(result("T2", "NO_MATCH"));
   auto actions = screen.tableView().userLongPressRow({0, 0});
   ASSERT_EQ(actions.size(), 1u);
   EXPECT_EQ(actions[0].title, "Copy");
   actions[0].handler();
-  EXPECT_EQ(platform::Pasteboard::general().string(), "No Match");
+  EXPECT_EQ(ui::Pasteboard::general().string(), "No Match");
 }
 
 TEST_F(TagInfoTest, PlaysTheRecordingFromTheStartAndStops) {
@@ -229,7 +229,7 @@ TEST_F(TagInfoTest, AnotherResultStopsThePlayingRecording) {
 
 TEST_F(TagInfoTest, TheEmailButtonHandsTheResultToTheEmailManager) {
   auto mail = std::make_shared<testing::RecordingComposerFactory>();
-  platform::setMailComposerFactory(mail);
+  setMailComposerFactory(mail);
   auto& screen = open();
   auto r = result("T1", "K1");
   screen.updateTagResult(r);

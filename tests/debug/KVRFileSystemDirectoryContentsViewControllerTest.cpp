@@ -14,7 +14,7 @@ namespace korvel {
 namespace {
 
 namespace fs = std::filesystem;
-using platform::IndexPath;
+using ui::IndexPath;
 using Screen = KVRFileSystemDirectoryContentsViewController;
 
 TEST(FileSharingNamesTest, OnlyATrailingHyphenatedExtensionBecomesADot) {
@@ -136,7 +136,7 @@ TEST_F(FileBrowserTest, SharesSelectedRecordingsAsDottedCopiesAnchoredAtTheButto
   EXPECT_TRUE(presenter_->alerts.empty());
   ASSERT_EQ(presenter_->presented.size(), 1u);
   auto sheet =
-      std::dynamic_pointer_cast<platform::ActivityViewController>(presenter_->presented[0].screen);
+      std::dynamic_pointer_cast<ui::ActivityViewController>(presenter_->presented[0].screen);
   ASSERT_NE(sheet, nullptr);
   EXPECT_EQ(sheet->sourceButton(), &screen.shareButton());
   const fs::path sharing = temporary_ / "DEBUG-SHARING";
@@ -181,9 +181,9 @@ TEST_F(FileBrowserTest, ClearWithNothingSelectedAsksThenDeletesEverythingListed)
   EXPECT_EQ(alert.message, "Would you like to delete all files? This action can not be undone.");
   ASSERT_EQ(alert.actions.size(), 2u);
   EXPECT_EQ(alert.actions[0].title, "Cancel");
-  EXPECT_EQ(alert.actions[0].style, platform::AlertActionStyle::Cancel);
+  EXPECT_EQ(alert.actions[0].style, ui::AlertActionStyle::Cancel);
   EXPECT_EQ(alert.actions[1].title, "Delete");
-  EXPECT_EQ(alert.actions[1].style, platform::AlertActionStyle::Destructive);
+  EXPECT_EQ(alert.actions[1].style, ui::AlertActionStyle::Destructive);
   EXPECT_EQ(screen.entries().size(), 4u) << "nothing goes before the user agrees";
 
   alert.actions[1].handler();

@@ -7,16 +7,16 @@
 namespace korvel {
 namespace {
 
-using platform::FontWeight;
-using platform::TextColor;
-using platform::TextRun;
+using ui::FontWeight;
+using ui::TextColor;
+using ui::TextRun;
 using Screen = KVRUserDefaultsDebugViewController;
 
 class UserDefaultsPageTest : public testing::ScreenTest {
  protected:
   void SetUp() override {
     ScreenTest::SetUp();
-    platform::setCurrentLocaleIdentifier("en_US");
+    setCurrentLocaleIdentifier("en_US");
   }
 };
 
@@ -47,7 +47,7 @@ TEST_F(UserDefaultsPageTest, ListsEveryEntryInTheUsersOrderIgnoringCase) {
 }
 
 TEST_F(UserDefaultsPageTest, CaseIsIgnoredInThePOSIXLocaleToo) {
-  platform::setCurrentLocaleIdentifier("en_US_POSIX");  // what LANG=C.UTF-8 gives
+  setCurrentLocaleIdentifier("en_US_POSIX");  // what LANG=C.UTF-8 gives
   defaults_->setObject("1", "Apple_x");
   defaults_->setObject("2", "alpha");
   defaults_->setObject("3", "Zebra");
@@ -77,7 +77,7 @@ TEST_F(UserDefaultsPageTest, RowsAreNotSelectableButCanBeCopied) {
   ASSERT_EQ(actions.size(), 1u);
   EXPECT_EQ(actions[0].systemImageName, "doc.on.doc");
   actions[0].handler();
-  EXPECT_EQ(platform::Pasteboard::general().string(), "k = v");
+  EXPECT_EQ(ui::Pasteboard::general().string(), "k = v");
 }
 
 TEST_F(UserDefaultsPageTest, ReadsTheDefaultsAgainWhenItAppears) {

@@ -13,9 +13,9 @@
 namespace korvel {
 namespace {
 
-using platform::MailComposeResult;
-using platform::MailTransport;
-using platform::MimeMailComposer;
+using korvel::MailComposeResult;
+using korvel::MailTransport;
+using korvel::MimeMailComposer;
 
 // --- An independent reader of the messages -------------------------------
 
@@ -118,13 +118,13 @@ class MailComposerTest : public ::testing::Test {
     auto c = std::make_shared<MimeMailComposer>(std::move(transport));
     c->setSubject("Korvel matched tag debug data (T1)");
     c->setMessageBody("Track Key : K1\nApp Version: 9.9\n", false);
-    c->addAttachmentData(platform::dataFromString("a\nb\n"), "text/plain", "debug.txt");
+    c->addAttachmentData(dataFromString("a\nb\n"), "text/plain", "debug.txt");
     c->setMailComposeDelegate(finish_);
     return c;
   }
 
-  struct Finish : platform::MailComposeDelegate {
-    void mailComposeControllerDidFinish(platform::MailComposer&, MailComposeResult r,
+  struct Finish : MailComposeDelegate {
+    void mailComposeControllerDidFinish(MailComposer&, MailComposeResult r,
                                         const std::optional<std::string>& e) override {
       results.push_back(r);
       error = e;
@@ -140,7 +140,7 @@ class MailComposerTest : public ::testing::Test {
 
 TEST_F(MailComposerTest, BuildsAMultipartMessageWhosePartsDecodeBack) {
   auto c = composer();
-  platform::Data audio(200'003);
+  Data audio(200'003);
   for (size_t i = 0; i < audio.size(); ++i) audio[i] = static_cast<uint8_t>(i * 31);
   c->addAttachmentData(audio, "audio/x-caf", "T1.caf");
   c->setToRecipients({"qa@example.com"});
@@ -166,7 +166,7 @@ TEST_F(MailComposerTest, BuildsAMultipartMessageWhosePartsDecodeBack) {
   EXPECT_EQ(m.parts[2].headers.at("content-type"), "audio/x-caf; name=\"T1.caf\"");
   EXPECT_EQ(m.parts[2].headers.at("content-transfer-encoding"), "base64");
   const std::string decoded = decodeBase64(m.parts[2].body);
-  EXPECT_EQ(platform::Data(decoded.begin(), decoded.end()), audio);
+  EXPECT_EQ(Data(decoded.begin(), decoded.end()), audio);
   // 76-character lines, only the last one shorter.
   std::istringstream lines(m.parts[2].body);
   std::vector<std::string> all;
@@ -196,7 +196,7 @@ TEST_F(MailComposerTest, TextAttachmentsDeclareTheirCharset) {
   for (const auto& row : rows) {
     SCOPED_TRACE(row.contentType);
     auto c = std::make_shared<MimeMailComposer>(MailTransport::none());
-    c->addAttachmentData(platform::dataFromString(row.data), row.mimeType, "f");
+    c->addAttachmentData(dataFromString(row.data), row.mimeType, "f");
     const auto m = parseMessage(c->mimeMessage());
     ASSERT_EQ(m.parts.size(), 2u);
     EXPECT_EQ(m.parts[1].headers.at("content-type"), row.contentType);
@@ -252,7 +252,7 @@ TEST_F(MailComposerTest, CommandFailuresAreReportedAndNeverKillTheHost) {
 
   // Exits without reading a large message: the write fails, no SIGPIPE.
   auto deaf = composer(MailTransport::sendmailCommand({"/bin/sh", "-c", "exit 0"}));
-  deaf->addAttachmentData(platform::Data(4 << 20, 7), "application/octet-stream", "big.sig");
+  deaf->addAttachmentData(Data(4 << 20, 7), "application/octet-stream", "big.sig");
   deaf->send();
   EXPECT_EQ(finish_->results.back(), MailComposeResult::Failed);
 
@@ -289,10 +289,10 @@ TEST_F(MailComposerTest, OutboxReceivesOneCompleteFilePerMessage) {
 }
 
 TEST_F(MailComposerTest, CanSendMailOnlyWithAUsableTransport) {
-  EXPECT_FALSE(platform::MimeMailComposerFactory().canSendMail());
-  EXPECT_FALSE(platform::mailComposerFactory()->canSendMail());
-  EXPECT_TRUE(platform::MimeMailComposerFactory(MailTransport::sendmailCommand({"sh"})).canSendMail());
-  EXPECT_FALSE(platform::MimeMailComposerFactory(MailTransport::sendmailCommand({})).canSendMail());
+  EXPECT_FALSE(MimeMailComposerFactory().canSendMail());
+  EXPECT_FALSE(mailComposerFactory()->canSendMail());
+  EXPECT_TRUE(MimeMailComposerFactory(MailTransport::sendmailCommand({"sh"})).canSendMail());
+  EXPECT_FALSE(MimeMailComposerFactory(MailTransport::sendmailCommand({})).canSendMail());
   { std::ofstream(dir() / "file") << "x"; }
   EXPECT_FALSE(MailTransport::outbox(dir() / "file").isUsable());
   EXPECT_FALSE(MailTransport::outbox("").isUsable());
@@ -302,10 +302,10 @@ TEST_F(MailComposerTest, CanSendMailOnlyWithAUsableTransport) {
   EXPECT_EQ(finish_->results.back(), MailComposeResult::Failed);
 
   auto replacement = std::make_shared<testing::RecordingComposerFactory>();
-  platform::setMailComposerFactory(replacement);
-  EXPECT_EQ(platform::mailComposerFactory(), replacement);
-  platform::setMailComposerFactory(nullptr);
-  EXPECT_NE(platform::mailComposerFactory(), replacement);
+  setMailComposerFactory(replacement);
+  EXPECT_EQ(mailComposerFactory(), replacement);
+  setMailComposerFactory(nullptr);
+  EXPECT_NE(mailComposerFactory(), replacement);
 }
 
 TEST_F(MailComposerTest, CancelTellsTheDelegateOnce) {

@@ -35,18 +35,18 @@ class ScreenTest : public BeaconTest {
   void SetUp() override {
     BeaconTest::SetUp();
     presenter_ = std::make_shared<RecordingPresenter>();
-    platform::Pasteboard::general().clear();
+    ui::Pasteboard::general().clear();
     audio_ = std::make_shared<FakeAudioPlayer::Record>();
     // Like the real player: nothing for a file that is not there.
     uiEnv_.setAudioPlayerFactory(
-        [audio = audio_](const std::string& path) -> std::unique_ptr<platform::AudioPlayer> {
+        [audio = audio_](const std::string& path) -> std::unique_ptr<ui::AudioPlayer> {
           audio->paths.push_back(path);
           if (!std::filesystem::exists(path)) return nullptr;
           return std::make_unique<FakeAudioPlayer>(audio);
         });
     defaults_ = std::make_shared<KVNUserDefaults>(env_.documentsDirectory() + "/defaults.json");
     KVNUserDefaults::setSharedUserDefaults(defaults_);
-    platform::Screen::setMainScreenSize({1000, 800});
+    ui::Screen::setMainScreenSize({1000, 800});
   }
 
   void TearDown() override {
@@ -55,10 +55,10 @@ class ScreenTest : public BeaconTest {
     KVRDebugOverlayWindow::setFactory(nullptr);
     KVRDebugOverlayWindow::setDefaultPresenter(nullptr);
     KVNUserDefaults::setSharedUserDefaults(nullptr);
-    platform::setMailComposerFactory(nullptr);
-    platform::setCurrentLocaleIdentifier(std::nullopt);
-    platform::setCurrentTimeZoneIdentifier(std::nullopt);
-    platform::Screen::setMainScreenSize({1280, 720});
+    setMailComposerFactory(nullptr);
+    setCurrentLocaleIdentifier(std::nullopt);
+    setCurrentTimeZoneIdentifier(std::nullopt);
+    ui::Screen::setMainScreenSize({1280, 720});
     BeaconTest::TearDown();
   }
 

@@ -13,7 +13,7 @@
 namespace korvel {
 namespace {
 
-using platform::WaveWriteStatus;
+using korvel::WaveWriteStatus;
 using testing::parseWave;
 using testing::readBytes;
 
@@ -52,7 +52,7 @@ TEST_F(WaveWriterTest, HeaderDescribesIntegerAndFloatFormats) {
                  ::testing::PrintToString(c.format.channelCount) + " channels");
     const auto in = buffer(c.format, c.frames);
     const auto path = file("take-caf");
-    ASSERT_EQ(platform::writeWaveFile(path, in), WaveWriteStatus::Written);
+    ASSERT_EQ(writeWaveFile(path, in), WaveWriteStatus::Written);
     const auto wave = parseWave(readBytes(path));
     ASSERT_TRUE(wave.valid);
     EXPECT_EQ(wave.formatTag, c.tag);
@@ -71,11 +71,11 @@ TEST_F(WaveWriterTest, HeaderDescribesIntegerAndFloatFormats) {
 
 TEST_F(WaveWriterTest, WritesOnlyFrameLengthFramesAndReplacesAnOlderFile) {
   const auto path = file("take-caf");
-  ASSERT_EQ(platform::writeWaveFile(path, buffer({44100, 2, 16, false}, 1000)),
+  ASSERT_EQ(writeWaveFile(path, buffer({44100, 2, 16, false}, 1000)),
             WaveWriteStatus::Written);
   auto shorter = buffer({44100, 2, 16, false}, 10);
   shorter.frameLength = 4;  // the buffer holds more than it recorded
-  ASSERT_EQ(platform::writeWaveFile(path, shorter), WaveWriteStatus::Written);
+  ASSERT_EQ(writeWaveFile(path, shorter), WaveWriteStatus::Written);
   const auto wave = parseWave(readBytes(path));
   ASSERT_TRUE(wave.valid);
   EXPECT_EQ(wave.frameCount(), 4u);
@@ -93,13 +93,13 @@ TEST_F(WaveWriterTest, RefusesFormatsAndBuffersItCannotDescribe) {
     b.format = format;
     b.frameLength = 1;
     b.frames.resize(16);
-    EXPECT_EQ(platform::writeWaveFile(file("bad"), b), WaveWriteStatus::UnsupportedFormat);
+    EXPECT_EQ(writeWaveFile(file("bad"), b), WaveWriteStatus::UnsupportedFormat);
   }
   EXPECT_FALSE(std::filesystem::exists(file("bad")));
 
   auto shortBuffer = buffer({44100, 2, 16, false}, 3);
   shortBuffer.frameLength = 4;
-  EXPECT_EQ(platform::writeWaveFile(file("short"), shortBuffer), WaveWriteStatus::ShortBuffer);
+  EXPECT_EQ(writeWaveFile(file("short"), shortBuffer), WaveWriteStatus::ShortBuffer);
   EXPECT_FALSE(std::filesystem::exists(file("short")));
 }
 
@@ -108,7 +108,7 @@ TEST_F(WaveWriterTest, DoesNotWriteThroughASymbolicLink) {
   { std::ofstream(target) << "keep"; }
   std::filesystem::create_symlink(target, file("link-caf"));
   std::error_code error;
-  EXPECT_EQ(platform::writeWaveFile(file("link-caf"), buffer({8000, 1, 16, false}, 2), error),
+  EXPECT_EQ(writeWaveFile(file("link-caf"), buffer({8000, 1, 16, false}, 2), error),
             WaveWriteStatus::WriteFailed);
   EXPECT_TRUE(error);
   EXPECT_EQ(readBytes(target), (std::vector<uint8_t>{'k', 'e', 'e', 'p'}));

@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-namespace korvel::platform {
+namespace korvel {
 namespace {
 
 KVRParameters sampleDictionary() {
@@ -263,4 +263,4 @@ TEST(KeyedArchiveTest, CorruptedArchivesNeverCrash) {
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel

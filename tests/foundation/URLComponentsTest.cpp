@@ -7,7 +7,7 @@
 
 #include "collector/FormDecoding.h"
 
-namespace korvel::platform {
+namespace korvel {
 namespace {
 
 // The query exactly as it appears in the URL text.
@@ -193,4 +193,4 @@ TEST(URLComponentsTest, PercentHelpers) {
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel

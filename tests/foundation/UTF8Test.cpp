@@ -5,7 +5,7 @@
 #include <string>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel::foundation::internal {
 namespace {
 
 struct Case {
@@ -52,4 +52,4 @@ TEST(UTF8Test, ReadsCharactersAndRejectsEveryIllFormedSequence) {
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::foundation::internal

@@ -31,8 +31,8 @@ using namespace std::chrono_literals;
 
 constexpr int kUUIDPipe = 3;  // the fd a reporting child writes "uuid seq\n" lines to
 
-platform::DurableRequestExecutor::Options childOptions(const char* directory) {
-  platform::DurableRequestExecutor::Options o;
+network::internal::DurableRequestExecutor::Options childOptions(const char* directory) {
+  network::internal::DurableRequestExecutor::Options o;
   o.directory = directory;
   o.retryBaseDelay = 10ms;
   o.maxRetryDelay = 50ms;
@@ -66,7 +66,7 @@ platform::DurableRequestExecutor::Options childOptions(const char* directory) {
         std::string("http://127.0.0.1:") + port + "/b/{inid}/{appversion}/{devicemodel}";
   });
   KVRBeacon::registerRequestRestorer();  // before the executor restores anything
-  auto executor = std::make_shared<platform::DurableRequestExecutor>("crash.backgroundBeacons",
+  auto executor = std::make_shared<network::internal::DurableRequestExecutor>("crash.backgroundBeacons",
                                                                      childOptions(directory));
   KVRBeacon::setBackgroundSession(executor);
 

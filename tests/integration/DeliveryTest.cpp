@@ -18,7 +18,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using platform::DurableRequestExecutor;
+using network::internal::DurableRequestExecutor;
 using tools::BeaconCollector;
 using ::testing::UnorderedElementsAreArray;
 

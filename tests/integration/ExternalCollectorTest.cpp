@@ -26,7 +26,7 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using platform::DurableRequestExecutor;
+using network::internal::DurableRequestExecutor;
 
 constexpr auto kDeadline = 60s;
 
@@ -81,7 +81,7 @@ class ExternalCollectorTest : public testing::BeaconTest {
     nlohmann::json beacons = nlohmann::json::array();
     for (;;) {
       const auto answer =
-          platform::httpGet(collector_ + "/api/beacons?inid=" + inid_ + "&after=0&limit=1000");
+          network::internal::httpGet(collector_ + "/api/beacons?inid=" + inid_ + "&after=0&limit=1000");
       EXPECT_EQ(answer.status, 200) << answer.error;
       if (answer.status != 200) return beacons;
       const auto body = nlohmann::json::parse(answer.body, nullptr, false);

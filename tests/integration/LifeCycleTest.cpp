@@ -413,7 +413,7 @@ TEST_F(LifeCycleTest, TheLimitsReachTheLibrarysExecutor) {
     c.set(o);
     const auto started = Reporting::start(o);
     ASSERT_TRUE(started) << started.error;
-    auto executor = std::dynamic_pointer_cast<platform::DurableRequestExecutor>(
+    auto executor = std::dynamic_pointer_cast<network::internal::DurableRequestExecutor>(
         KVRBeacon::existingBackgroundSession());
     ASSERT_NE(executor, nullptr);
     EXPECT_EQ(executor->options().maxStoredRequests, c.requests);

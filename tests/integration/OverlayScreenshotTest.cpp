@@ -41,6 +41,8 @@
 #include <korvel/platform/Env.h>
 #include "support/TestEnv.h"
 
+using korvel::ui::Point;
+
 extern char** environ;
 
 extern "C" const char* __lsan_default_suppressions() { return "leak:libdbus\n"; }
@@ -269,7 +271,7 @@ class RoutingHarness {
     for (int i = 0; i < n; ++i) host_.frame([this] { drawApplication(); });
   }
 
-  void click(korvel::platform::Point point) {
+  void click(korvel::ui::Point point) {
     const int x = static_cast<int>(point.x);
     const int y = static_cast<int>(point.y);
     SDL_Event motion{};
@@ -310,7 +312,7 @@ class RoutingHarness {
   int applicationClicks_ = 0;
 };
 
-korvel::platform::Point centreOf(const korvel::platform::Rect& r) {
+korvel::ui::Point centreOf(const korvel::ui::Rect& r) {
   return {r.minX() + r.size.width / 2, r.minY() + r.size.height / 2};
 }
 
@@ -343,12 +345,12 @@ TEST(OverlayScreenshotTest, ClicksReachTheOverlayOnlyWhereItTakesTouches) {
     ASSERT_NE(overlayController, nullptr);
     // The views follow what was drawn: the panel leaves the left of the
     // window to the application.
-    const platform::Rect panel = overlayController->pageView()->frame();
-    const platform::Rect passive = overlayController->passiveButtonView()->frame();
+    const ui::Rect panel = overlayController->pageView()->frame();
+    const ui::Rect passive = overlayController->passiveButtonView()->frame();
     ASSERT_GT(panel.minX(), 100);
     ASSERT_FALSE(passive.isEmpty());
-    const platform::Point emptyOverlayArea{panel.minX() / 2, panel.minY() + 100};
-    const platform::Point insidePanel{centreOf(panel).x, panel.maxY() - 40};
+    const ui::Point emptyOverlayArea{panel.minX() / 2, panel.minY() + 100};
+    const ui::Point insidePanel{centreOf(panel).x, panel.maxY() - 40};
 
     harness.click(emptyOverlayArea);
     EXPECT_EQ(harness.applicationClicks(), 1) << "an empty overlay area lets the click through";

@@ -4,7 +4,7 @@
 
 #include <korvel/network/internal/DeliveryTransport.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 namespace {
 
 using std::chrono::milliseconds;
@@ -95,4 +95,4 @@ TEST(DeliveryRulesTest, BacksOffExponentiallyWithBoundedJitter) {
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

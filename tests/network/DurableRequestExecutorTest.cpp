@@ -13,7 +13,9 @@
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include "support/TestEnv.h"
 
-namespace korvel::platform {
+using korvel::platform::ScopedEnv;
+
+namespace korvel::network::internal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -953,4 +955,4 @@ TEST_F(DurableRequestExecutorTest, RequestsHeldByTheConfigurationAreLoggedOncePe
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

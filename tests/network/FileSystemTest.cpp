@@ -21,7 +21,7 @@
 #include <korvel/network/internal/JournalSegmentFiles.h>
 #include "support/FolderTest.h"
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -325,4 +325,4 @@ TEST_F(FileSystemTest, ALinkInTheFolderIsRefusedAndRemovedAsItself) {
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -6,7 +6,7 @@
 #include <random>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 namespace {
 
 using Index = FlatIndex<uint64_t, int>;
@@ -145,4 +145,4 @@ TEST(FlatIndexTest, InsertSortedPlacesKeysInOrder) {
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

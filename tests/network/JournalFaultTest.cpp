@@ -23,7 +23,7 @@
 #include "support/FolderTest.h"
 #include "support/TestEnv.h"
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -415,4 +415,4 @@ TEST_F(JournalFaultTest, RecoveryStreamsInBoundedBatchesOldestFirstAndAStopLeave
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

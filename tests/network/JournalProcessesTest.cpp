@@ -20,7 +20,7 @@
 #include "support/FolderTest.h"
 #include "support/TestEnv.h"
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -147,4 +147,4 @@ TEST_F(JournalProcessesTest, AProcessStartingBesideALiveOneTakesOverOnlyJournals
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -18,7 +18,7 @@
 #include "support/FolderTest.h"
 #include "support/TestEnv.h"
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -153,4 +153,4 @@ TEST_F(JournalSegmentLifeTest, SegmentsStartSmallGrowUnderABurstAndShrinkWhenQui
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -99,7 +99,7 @@ class KVNConfigurationManagerTest : public ::testing::Test {
     scope_.emplace(env_);
     defaults_ = std::make_shared<KVNUserDefaults>(env_.documentsDirectory() + "/defaults.json");
     KVNUserDefaults::setSharedUserDefaults(defaults_);
-    platform::URLCache::sharedURLCache().removeAllCachedResponses();
+    URLCache::sharedURLCache().removeAllCachedResponses();
     KVNConfigurationManager::setProductionConfigurationURL(server_.url());
     KVNConfigurationManager::setRequestTimeout(5s);
     KVNConfiguration::Snapshot start;
@@ -113,7 +113,7 @@ class KVNConfigurationManagerTest : public ::testing::Test {
     KVNConfigurationManager::setProductionConfigurationURL(std::nullopt);
     KVNConfigurationManager::setRequestTimeout(10s);
     KVNUserDefaults::setSharedUserDefaults(nullptr);
-    platform::URLCache::sharedURLCache().removeAllCachedResponses();
+    URLCache::sharedURLCache().removeAllCachedResponses();
   }
 
   // Forces a reconfiguration and waits for its completion.
@@ -182,7 +182,7 @@ TEST_F(KVNConfigurationManagerTest, FetchesTheStoredURLElseProduction) {
 TEST_F(KVNConfigurationManagerTest, RevalidatesTheCachedConfiguration) {
   server_.answer(200, R"({"inid": "CACHED"})", "\"v1\"");
   ASSERT_TRUE(reconfigure());
-  ASSERT_TRUE(platform::URLCache::sharedURLCache().cachedResponseForURL(server_.url()));
+  ASSERT_TRUE(URLCache::sharedURLCache().cachedResponseForURL(server_.url()));
 
   // Unchanged on the server: it answers 304 and the cached body applies.
   KVNConfiguration::sharedInstance().setInid("SOMETHING-ELSE");
@@ -191,7 +191,7 @@ TEST_F(KVNConfigurationManagerTest, RevalidatesTheCachedConfiguration) {
   EXPECT_EQ(configuration()->inid, "CACHED");
 
   // With the cache cleared the request is unconditional again.
-  platform::URLCache::sharedURLCache().removeAllCachedResponses();
+  URLCache::sharedURLCache().removeAllCachedResponses();
   ASSERT_TRUE(reconfigure());
   EXPECT_EQ(configuration()->inid, "NOT-SENT");
 

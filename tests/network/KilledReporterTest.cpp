@@ -25,7 +25,7 @@
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include "support/ChildOfThisProgram.h"
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -192,4 +192,4 @@ TEST(KilledReporterTest, EveryReturnedRequestIsDeliveredAfterAKillAtARandomInsta
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -20,7 +20,7 @@
 #include "support/FolderTest.h"
 #include "support/TestEnv.h"
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 namespace {
 
 namespace fs = std::filesystem;
@@ -601,4 +601,4 @@ TEST_F(RequestStoreTest, AFailedMarksWriteIsRetriedAndLoggedOnce) {
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

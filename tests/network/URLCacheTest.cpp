@@ -8,7 +8,9 @@
 
 #include "support/TestEnv.h"
 
-namespace korvel::platform {
+using korvel::platform::ScopedEnv;
+
+namespace korvel {
 namespace {
 
 CachedURLResponse response(std::string body, std::optional<std::string> etag = std::nullopt) {
@@ -106,4 +108,4 @@ TEST_F(URLCacheTest, ConcurrentUseKeepsTheBookkeepingRight) {
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel

@@ -15,9 +15,9 @@
 namespace korvel::overlay {
 namespace {
 
-using platform::FontWeight;
-using platform::StyledText;
-using platform::TextColor;
+using ui::FontWeight;
+using ui::StyledText;
+using ui::TextColor;
 
 // --- Mouse routing ------------------------------------------------------------
 

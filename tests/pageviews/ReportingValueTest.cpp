@@ -13,6 +13,10 @@
 
 #include <nlohmann/json.hpp>
 
+using korvel::pageviews::internal::pageViewFromJSON;
+using korvel::pageviews::internal::reportingValueFromJSON;
+using korvel::pageviews::internal::toJSON;
+
 namespace korvel {
 namespace {
 

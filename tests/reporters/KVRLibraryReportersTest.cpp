@@ -14,6 +14,9 @@
 
 #include "reporters/ReporterTestSupport.h"
 
+using korvel::beacon::internal::toJSON;
+using korvel::beacon::internal::librarySyncStatusFromJSON;
+
 namespace korvel::testing {
 namespace {
 

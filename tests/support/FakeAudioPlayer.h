@@ -10,7 +10,7 @@
 
 namespace korvel::testing {
 
-class FakeAudioPlayer : public platform::AudioPlayer {
+class FakeAudioPlayer : public ui::AudioPlayer {
  public:
   // Shared between the test and every player it made.
   struct Record {

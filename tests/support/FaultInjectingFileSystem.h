@@ -20,55 +20,55 @@
 
 namespace korvel::testing {
 
-class FaultInjectingFileSystem final : public platform::FileSystem {
+class FaultInjectingFileSystem final : public network::internal::FileSystem {
  public:
-  using FileCall = platform::FileCall;
-  using FileHandle = platform::FileHandle;
+  using FileCall = network::internal::FileCall;
+  using FileHandle = network::internal::FileHandle;
 
   // The nth call of kind from now on (1 = the next) fails with error.
   void failAt(FileCall kind, int nth, int error) {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     rules_.push_back({kind, calls_[index(kind)] + nth, error, {}});
   }
   // Every call of kind on a name containing text fails with error, until
   // clear().
   void failAlways(FileCall kind, int error, std::string text = {}) {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     rules_.push_back({kind, 0, error, std::move(text)});
   }
   void clear() {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     rules_.clear();
   }
   int calls(FileCall kind) const {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     return calls_[index(kind)];
   }
   // Descriptors opened through it and not closed yet.
   int openDescriptors() const {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     return static_cast<int>(names_.size());
   }
   // info() of a folder opened with openFolder answers this owner, and
   // access as a POSIX mode would (0777: open to others).
   void showFolderAs(std::string owner, unsigned mode) {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     folderOwner_ = std::move(owner);
     folderMode_ = mode;
   }
   void limitFileSize(uint64_t bytes) { fileSizeLimit_ = bytes; }
 
   FileHandle openFolder(const char* path) override {
-    if (failing(FileCall::Open, path)) return platform::kNoFile;
+    if (failing(FileCall::Open, path)) return network::internal::kNoFile;
     return remember(real().openFolder(path), path, true);
   }
-  FileHandle openAt(FileHandle folder, const char* name, platform::OpenFlags flags) override {
-    if (failing(FileCall::Open, name)) return platform::kNoFile;
+  FileHandle openAt(FileHandle folder, const char* name, network::internal::OpenFlags flags) override {
+    if (failing(FileCall::Open, name)) return network::internal::kNoFile;
     return remember(real().openAt(folder, name, flags), name, false);
   }
   int close(FileHandle fd) override {
     {
-      MutexLock lock(mutex_);
+      foundation::internal::MutexLock lock(mutex_);
       names_.erase(fd);
       folders_.erase(fd);
     }
@@ -82,7 +82,7 @@ class FaultInjectingFileSystem final : public platform::FileSystem {
     if (failing(FileCall::Write, nameOf(fd))) return -1;
     return real().writeAt(fd, data, size, offset);
   }
-  int64_t writeRunsAt(FileHandle fd, const platform::WriteRun* runs, int count, uint64_t offset) override {
+  int64_t writeRunsAt(FileHandle fd, const network::internal::WriteRun* runs, int count, uint64_t offset) override {
     if (failing(FileCall::Write, nameOf(fd))) return -1;
     return real().writeRunsAt(fd, runs, count, offset);
   }
@@ -128,10 +128,10 @@ class FaultInjectingFileSystem final : public platform::FileSystem {
     if (failing(FileCall::Sync, {})) return -1;
     return real().syncMapped(fd, address, size);
   }
-  int info(FileHandle fd, platform::FileInfo& out) override {
+  int info(FileHandle fd, network::internal::FileInfo& out) override {
     if (failing(FileCall::Stat, nameOf(fd))) return -1;
     const int result = real().info(fd, out);
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     if (result == 0 && folders_.contains(fd)) {
       if (folderOwner_) out.owner = *folderOwner_;
       if (folderMode_) {
@@ -143,11 +143,11 @@ class FaultInjectingFileSystem final : public platform::FileSystem {
     }
     return result;
   }
-  int infoAt(FileHandle folder, const char* name, platform::FileInfo& out) override {
+  int infoAt(FileHandle folder, const char* name, network::internal::FileInfo& out) override {
     if (failing(FileCall::Stat, name)) return -1;
     return real().infoAt(folder, name, out);
   }
-  int infoOfPath(const char* path, platform::FileInfo& out) override {
+  int infoOfPath(const char* path, network::internal::FileInfo& out) override {
     if (failing(FileCall::Stat, path)) return -1;
     return real().infoOfPath(path, out);
   }
@@ -176,11 +176,11 @@ class FaultInjectingFileSystem final : public platform::FileSystem {
     std::string text;
   };
 
-  static platform::FileSystem& real() { return platform::systemFileSystem(); }
+  static network::internal::FileSystem& real() { return network::internal::systemFileSystem(); }
   static size_t index(FileCall kind) { return static_cast<size_t>(kind); }
 
   bool failing(FileCall kind, const std::string& name) {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     const int count = ++calls_[index(kind)];
     for (auto it = rules_.begin(); it != rules_.end(); ++it) {
       if (it->kind != kind) continue;
@@ -194,18 +194,18 @@ class FaultInjectingFileSystem final : public platform::FileSystem {
   }
   FileHandle remember(FileHandle fd, const std::string& name, bool folder) {
     if (fd < 0) return fd;
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     names_[fd] = name;
     if (folder) folders_[fd] = true;
     return fd;
   }
   std::string nameOf(FileHandle fd) const {
-    MutexLock lock(mutex_);
+    foundation::internal::MutexLock lock(mutex_);
     auto it = names_.find(fd);
     return it == names_.end() ? std::string() : it->second;
   }
 
-  mutable Mutex mutex_;
+  mutable foundation::internal::Mutex mutex_;
   std::vector<Rule> rules_ KORVEL_GUARDED_BY(mutex_);
   std::array<int, static_cast<size_t>(FileCall::Count)> calls_ KORVEL_GUARDED_BY(mutex_){};
   std::map<FileHandle, std::string> names_ KORVEL_GUARDED_BY(mutex_);

@@ -15,16 +15,16 @@
 
 namespace korvel::testing {
 
-class TestUIEnv : public platform::UIEnvWrapper {
+class TestUIEnv : public ui::UIEnvWrapper {
  public:
-  TestUIEnv() : UIEnvWrapper(platform::UIEnv::Default()), scope_(*this) {}
+  TestUIEnv() : UIEnvWrapper(ui::UIEnv::Default()), scope_(*this) {}
 
-  platform::MainQueue& mainQueue() override { return mainQueue_; }
+  ui::MainQueue& mainQueue() override { return mainQueue_; }
 
   // Players come from the factory the test set, else from the real player.
   using AudioPlayerFactory =
-      std::function<std::unique_ptr<platform::AudioPlayer>(const std::string& path)>;
-  std::unique_ptr<platform::AudioPlayer> makeAudioPlayer(const std::string& path) override {
+      std::function<std::unique_ptr<ui::AudioPlayer>(const std::string& path)>;
+  std::unique_ptr<ui::AudioPlayer> makeAudioPlayer(const std::string& path) override {
     AudioPlayerFactory factory;
     {
       std::lock_guard lock(mutex_);
@@ -38,10 +38,10 @@ class TestUIEnv : public platform::UIEnvWrapper {
   }
 
  private:
-  platform::MainQueue mainQueue_;
+  ui::MainQueue mainQueue_;
   std::mutex mutex_;
   AudioPlayerFactory factory_;
-  platform::ScopedUIEnv scope_;
+  ui::ScopedUIEnv scope_;
 };
 
 }  // namespace korvel::testing

@@ -19,8 +19,8 @@ namespace korvel {
 namespace {
 
 using namespace std::chrono_literals;
-using platform::AudioPlayer;
-using platform::makeDefaultAudioPlayer;
+using ui::AudioPlayer;
+using ui::makeDefaultAudioPlayer;
 
 // SDL's dummy driver consumes audio in real time without a sound card, so
 // playback reaches its end on schedule on any machine.
@@ -44,7 +44,7 @@ class AudioPlayerTest : public ::testing::Test {
       buffer.frames[i] = static_cast<uint8_t>(i * 37);
     }
     const auto path = std::filesystem::path(env_.documentsDirectory()) / name;
-    EXPECT_EQ(platform::writeWaveFile(path, buffer), platform::WaveWriteStatus::Written);
+    EXPECT_EQ(writeWaveFile(path, buffer), WaveWriteStatus::Written);
     return path.string();
   }
 

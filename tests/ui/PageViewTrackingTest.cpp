@@ -20,8 +20,8 @@ void PrintTo(const PageView& v, std::ostream* os) { *os << v.toJSONString(); }
 
 namespace {
 
-using platform::View;
-using platform::ViewHost;
+using ui::View;
+using ui::ViewHost;
 
 constexpr uint64_t kSecond = 1'000'000'000;
 
@@ -66,11 +66,11 @@ class ComputedNameScreen : public PageViewTrackingViewController, public PageVie
   }
 };
 
-std::optional<platform::KeyedUnarchiver> archive(
-    const std::function<void(platform::KeyedArchiver&)>& fill) {
-  platform::KeyedArchiver archiver;
+std::optional<KeyedUnarchiver> archive(
+    const std::function<void(KeyedArchiver&)>& fill) {
+  KeyedArchiver archiver;
   fill(archiver);
-  return platform::KeyedUnarchiver::open(archiver.encodedData());
+  return KeyedUnarchiver::open(archiver.encodedData());
 }
 
 class PageViewTrackingTest : public ::testing::Test {
@@ -219,26 +219,26 @@ TEST_F(PageViewTrackingTest, TheHooksRunThePlatformImplementationFirst) {
 }
 
 TEST_F(PageViewTrackingTest, EveryConstructionFormOfEveryClassTracks) {
-  auto coder = archive([](platform::KeyedArchiver& a) {
+  auto coder = archive([](KeyedArchiver& a) {
     a.encodeObject("nibName", std::string("Main"));
     a.encodeObject("nibBundle", std::string("com.korvel.app"));
   });
   ASSERT_TRUE(coder);
-  const platform::CollectionViewLayout layout{
-      platform::CollectionViewLayout::ScrollDirection::Horizontal, 4, 8};
-  const platform::Bundle bundle{"com.korvel.app"};
+  const ui::CollectionViewLayout layout{
+      ui::CollectionViewLayout::ScrollDirection::Horizontal, 4, 8};
+  const ui::Bundle bundle{"com.korvel.app"};
   const ReportingParameters none;
 
   struct Row {
     const char* form;
-    std::function<std::unique_ptr<platform::ViewController>(PageName)> make;
+    std::function<std::unique_ptr<ui::ViewController>(PageName)> make;
   };
   const std::vector<Row> rows = {
       {"view plain", [&](PageName n) { return std::make_unique<TrackedScreen>(manager_, n, none); }},
       {"view nib",
        [&](PageName n) { return std::make_unique<TrackedScreen>("Main", bundle, manager_, n, none); }},
       {"view coder",
-       [&](PageName n) { return platform::makeFromCoder<TrackedScreen>(*coder, manager_, n, none); }},
+       [&](PageName n) { return ui::makeFromCoder<TrackedScreen>(*coder, manager_, n, none); }},
       {"collection layout",
        [&](PageName n) { return std::make_unique<TrackedCollection>(layout, manager_, n, none); }},
       {"collection plain",
@@ -249,17 +249,17 @@ TEST_F(PageViewTrackingTest, EveryConstructionFormOfEveryClassTracks) {
        }},
       {"collection coder",
        [&](PageName n) {
-         return platform::makeFromCoder<TrackedCollection>(*coder, manager_, n, none);
+         return ui::makeFromCoder<TrackedCollection>(*coder, manager_, n, none);
        }},
       {"table style",
        [&](PageName n) {
-         return std::make_unique<TrackedTable>(platform::TableViewStyle::Grouped, manager_, n, none);
+         return std::make_unique<TrackedTable>(ui::TableViewStyle::Grouped, manager_, n, none);
        }},
       {"table plain", [&](PageName n) { return std::make_unique<TrackedTable>(manager_, n, none); }},
       {"table nib",
        [&](PageName n) { return std::make_unique<TrackedTable>("Main", bundle, manager_, n, none); }},
       {"table coder",
-       [&](PageName n) { return platform::makeFromCoder<TrackedTable>(*coder, manager_, n, none); }},
+       [&](PageName n) { return ui::makeFromCoder<TrackedTable>(*coder, manager_, n, none); }},
   };
   for (const auto& row : rows) {
     SCOPED_TRACE(row.form);
@@ -275,34 +275,34 @@ TEST_F(PageViewTrackingTest, EveryConstructionFormOfEveryClassTracks) {
 }
 
 TEST_F(PageViewTrackingTest, ThePlatformControllerGetsItsOwnArguments) {
-  const platform::CollectionViewLayout layout{
-      platform::CollectionViewLayout::ScrollDirection::Horizontal, 4, 8};
+  const ui::CollectionViewLayout layout{
+      ui::CollectionViewLayout::ScrollDirection::Horizontal, 4, 8};
   EXPECT_EQ(TrackedCollection(layout, manager_, PageName("c"), {}).collectionViewLayout(), layout);
   EXPECT_EQ(TrackedCollection(manager_, PageName("c"), {}).collectionViewLayout(),
-            platform::CollectionViewLayout{});
-  EXPECT_EQ(TrackedTable(platform::TableViewStyle::InsetGrouped, manager_, PageName("t"), {}).style(),
-            platform::TableViewStyle::InsetGrouped);
-  EXPECT_EQ(TrackedTable(manager_, PageName("t"), {}).style(), platform::TableViewStyle::Plain);
+            ui::CollectionViewLayout{});
+  EXPECT_EQ(TrackedTable(ui::TableViewStyle::InsetGrouped, manager_, PageName("t"), {}).style(),
+            ui::TableViewStyle::InsetGrouped);
+  EXPECT_EQ(TrackedTable(manager_, PageName("t"), {}).style(), ui::TableViewStyle::Plain);
 
   const TrackedScreen plain(manager_, PageName("v"), {});
   EXPECT_EQ(plain.nibName(), std::nullopt);
   EXPECT_EQ(plain.nibBundle(), std::nullopt);
-  const TrackedTable nib("Settings", platform::Bundle{"b"}, manager_, PageName("t"), {});
+  const TrackedTable nib("Settings", ui::Bundle{"b"}, manager_, PageName("t"), {});
   EXPECT_EQ(nib.nibName(), "Settings");
-  EXPECT_EQ(nib.nibBundle(), platform::Bundle{"b"});
+  EXPECT_EQ(nib.nibBundle(), ui::Bundle{"b"});
   EXPECT_EQ(nib.pageViewManager(), manager_);
 }
 
 TEST_F(PageViewTrackingTest, AnUnreadableArchiveMakesNoScreen) {
-  auto coder = archive([](platform::KeyedArchiver& a) { a.encodeInt("nibName", 7); });
+  auto coder = archive([](KeyedArchiver& a) { a.encodeInt("nibName", 7); });
   ASSERT_TRUE(coder);
-  EXPECT_EQ(platform::makeFromCoder<TrackedScreen>(*coder, manager_, PageName("x"),
+  EXPECT_EQ(ui::makeFromCoder<TrackedScreen>(*coder, manager_, PageName("x"),
                                                    ReportingParameters{}),
             nullptr);
-  EXPECT_EQ(platform::makeFromCoder<TrackedTable>(*coder, manager_, PageName("x"),
+  EXPECT_EQ(ui::makeFromCoder<TrackedTable>(*coder, manager_, PageName("x"),
                                                   ReportingParameters{}),
             nullptr);
-  EXPECT_THROW(TrackedCollection(*coder, manager_, PageName("x"), {}), platform::CoderError);
+  EXPECT_THROW(TrackedCollection(*coder, manager_, PageName("x"), {}), ui::CoderError);
   EXPECT_EQ(current(), std::nullopt);
 }
 
@@ -339,7 +339,7 @@ using PageViewTrackingDeathTest = PageViewTrackingTest;
 
 TEST_F(PageViewTrackingDeathTest, RefusedInitialisersStopWithTheirMessage) {
   testing::useThreadsafeDeathTests();
-  const auto coder = archive([](platform::KeyedArchiver&) {});
+  const auto coder = archive([](KeyedArchiver&) {});
   ASSERT_TRUE(coder);
   const std::string viewCoder = "init(coder:pageViewManager:) must be used";
   const std::string otherCoder =
@@ -349,23 +349,23 @@ TEST_F(PageViewTrackingDeathTest, RefusedInitialisersStopWithTheirMessage) {
   EXPECT_DEATH(PageViewTrackingCollectionViewController{*coder}, literally(otherCoder));
   EXPECT_DEATH(PageViewTrackingTableViewController{*coder}, literally(otherCoder));
   // The generic toolkit path reaches the same refusal.
-  EXPECT_DEATH(platform::makeFromCoder<PageViewTrackingViewController>(*coder),
+  EXPECT_DEATH(ui::makeFromCoder<PageViewTrackingViewController>(*coder),
                literally(viewCoder));
-  EXPECT_DEATH(platform::makeFromCoder<TrackedTable>(*coder), literally(otherCoder));
+  EXPECT_DEATH(ui::makeFromCoder<TrackedTable>(*coder), literally(otherCoder));
 
-  EXPECT_DEATH(PageViewTrackingViewController("Main", platform::Bundle{"b"}),
+  EXPECT_DEATH(PageViewTrackingViewController("Main", ui::Bundle{"b"}),
                literally("unimplemented initializer 'init(nibName:bundle:)' for class "
                          "'PageViewTrackingViewController'"));
   EXPECT_DEATH(PageViewTrackingCollectionViewController(std::nullopt, std::nullopt),
                literally("unimplemented initializer 'init(nibName:bundle:)' for class "
                          "'PageViewTrackingCollectionViewController'"));
-  EXPECT_DEATH(PageViewTrackingCollectionViewController{platform::CollectionViewLayout{}},
+  EXPECT_DEATH(PageViewTrackingCollectionViewController{ui::CollectionViewLayout{}},
                literally("unimplemented initializer 'init(collectionViewLayout:)' for class "
                          "'PageViewTrackingCollectionViewController'"));
   EXPECT_DEATH(PageViewTrackingTableViewController(std::nullopt, std::nullopt),
                literally("unimplemented initializer 'init(nibName:bundle:)' for class "
                          "'PageViewTrackingTableViewController'"));
-  EXPECT_DEATH(PageViewTrackingTableViewController{platform::TableViewStyle::Plain},
+  EXPECT_DEATH(PageViewTrackingTableViewController{ui::TableViewStyle::Plain},
                literally("unimplemented initializer 'init(style:)' for class "
                          "'PageViewTrackingTableViewController'"));
 }

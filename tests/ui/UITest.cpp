@@ -7,7 +7,7 @@
 
 #include <korvel/foundation/KeyedArchive.h>
 
-namespace korvel::platform {
+namespace korvel::ui {
 namespace {
 
 std::optional<KeyedUnarchiver> archive(const std::function<void(KeyedArchiver&)>& fill) {
@@ -153,4 +153,4 @@ TEST(ViewHostTest, HandlersMayUpdateTheirOwnHost) {
 }
 
 }  // namespace
-}  // namespace korvel::platform
+}  // namespace korvel::ui

@@ -11,6 +11,8 @@
 #include <nlohmann/json.hpp>
 #include <korvel/platform/internal/Threads.h>
 
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::tools {
 
 CollectedBeacon CollectedBeacon::decode(std::string_view target) {
@@ -77,7 +79,7 @@ bool BeaconCollector::start() {
   http.Get(R"(/.*)", [this](const httplib::Request& req, httplib::Response& res) {
     if (options_.backgroundPriority) {
       thread_local bool lowered = false;
-      if (!lowered) platform::lowerThisThreadPriority();
+      if (!lowered) platform::internal::lowerThisThreadPriority();
       lowered = true;
     }
     if (options_.configuration && ConfigurationEndpoint::handles(req.path)) {

@@ -115,9 +115,9 @@ class BeaconCollector {
   int port_ = 0;
   std::atomic<bool> stopping_{false};
 
-  mutable korvel::Mutex mutex_;
-  mutable korvel::CondVar arrived_;
-  korvel::Mutex callbackMutex_;  // held while onBeacon runs: one call at a time
+  mutable korvel::foundation::internal::Mutex mutex_;
+  mutable korvel::foundation::internal::CondVar arrived_;
+  korvel::foundation::internal::Mutex callbackMutex_;  // held while onBeacon runs: one call at a time
   int dropLeft_ KORVEL_GUARDED_BY(mutex_) = 0;
   int failLeft_ KORVEL_GUARDED_BY(mutex_) = 0;
   int failStatus_ KORVEL_GUARDED_BY(mutex_) = 500;

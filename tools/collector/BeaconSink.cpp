@@ -12,6 +12,8 @@
 
 #include "collector/BeaconCollector.h"
 
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::tools {
 
 namespace {

@@ -61,10 +61,10 @@ class BeaconSink {
   std::atomic<uint64_t> requests_{0};
   std::thread acceptor_;
 
-  Mutex mutex_;
+  foundation::internal::Mutex mutex_;
   std::vector<int> connections_ KORVEL_GUARDED_BY(mutex_);
   std::vector<std::thread> servers_ KORVEL_GUARDED_BY(mutex_);
-  Mutex callbackMutex_;  // held while onAnswer runs: one call at a time
+  foundation::internal::Mutex callbackMutex_;  // held while onAnswer runs: one call at a time
 };
 
 }  // namespace korvel::tools

@@ -16,6 +16,8 @@
 #include <korvel/beacon/KVRBeaconTypes.h>
 #include <korvel/beacon/KVRConstants.h>
 
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::tools {
 
 namespace {

@@ -150,13 +150,13 @@ class BeaconStore {
   std::set<std::string> knownEvents_;
   std::vector<std::string> templateSegments_;
 
-  korvel::Mutex dbMutex_;  // the connection is used by one thread at a time
+  korvel::foundation::internal::Mutex dbMutex_;  // the connection is used by one thread at a time
   sqlite3* db_ KORVEL_PT_GUARDED_BY(dbMutex_) = nullptr;
   struct Writes;
   std::unique_ptr<Writes> writes_ KORVEL_PT_GUARDED_BY(dbMutex_);
 
-  mutable korvel::Mutex queueMutex_;
-  mutable korvel::CondVar queueChanged_;
+  mutable korvel::foundation::internal::Mutex queueMutex_;
+  mutable korvel::foundation::internal::CondVar queueChanged_;
   std::vector<ArrivedRequest> queue_ KORVEL_GUARDED_BY(queueMutex_);
   uint64_t queued_ KORVEL_GUARDED_BY(queueMutex_) = 0;
   uint64_t written_ KORVEL_GUARDED_BY(queueMutex_) = 0;

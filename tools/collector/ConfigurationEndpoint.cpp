@@ -9,6 +9,8 @@
 
 #include <nlohmann/json.hpp>
 
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::tools {
 
 namespace {

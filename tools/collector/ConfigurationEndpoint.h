@@ -70,7 +70,7 @@ class ConfigurationEndpoint {
  private:
   struct Server;
 
-  mutable korvel::Mutex mutex_;
+  mutable korvel::foundation::internal::Mutex mutex_;
   std::string configuration_ KORVEL_GUARDED_BY(mutex_);
   int failLeft_ KORVEL_GUARDED_BY(mutex_) = 0;
   int failStatus_ KORVEL_GUARDED_BY(mutex_) = 500;

@@ -2,6 +2,8 @@
 
 #include <algorithm>
 
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::demo {
 
 namespace {

@@ -47,7 +47,7 @@ class BeaconRoad {
   void printRoadStep(const std::string& text) KORVEL_REQUIRES(mutex_);
 
   std::FILE* out_;
-  mutable korvel::Mutex mutex_;
+  mutable korvel::foundation::internal::Mutex mutex_;
   const std::chrono::steady_clock::time_point start_ = std::chrono::steady_clock::now();
   std::optional<std::chrono::steady_clock::time_point> callAt_ KORVEL_GUARDED_BY(mutex_);
   std::string callDescription_ KORVEL_GUARDED_BY(mutex_);

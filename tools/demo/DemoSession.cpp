@@ -25,6 +25,8 @@
 #include <korvel/reporters/KVRUserEventReporter.h>
 #include <korvel/reporters/KVRWidgetReporter.h>
 
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::demo {
 
 using namespace std::chrono_literals;
@@ -112,10 +114,10 @@ bool DemoSession::start() {
   // Durable delivery into a temporary store (a host normally lets the
   // library pick $XDG_DATA_HOME/korvel/...).
   KVRBeacon::registerRequestRestorer();
-  platform::DurableRequestExecutor::Options options;
+  network::internal::DurableRequestExecutor::Options options;
   options.directory = storeDirectory_;
   options.concurrency = 1;  // one connection: beacons arrive in the order reported
-  executor_ = std::make_shared<platform::DurableRequestExecutor>(
+  executor_ = std::make_shared<network::internal::DurableRequestExecutor>(
       "com.korvel.demo.backgroundBeacons", options);
   KVRBeacon::setBackgroundSession(executor_);
 

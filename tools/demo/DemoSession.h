@@ -33,7 +33,7 @@ class BeaconStore;
 
 }  // namespace korvel::tools
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 class DurableRequestExecutor;
 }
 
@@ -97,13 +97,13 @@ class DemoSession {
   bool inspect_;
   std::unique_ptr<BeaconRoad> road_;
   std::shared_ptr<tools::BeaconStore> store_;
-  korvel::Mutex mutex_;
+  korvel::foundation::internal::Mutex mutex_;
   std::set<std::string> receivedUUIDs_ KORVEL_GUARDED_BY(mutex_);
   std::set<std::string> reportedUUIDs_ KORVEL_GUARDED_BY(mutex_);
   size_t receivedCount_ KORVEL_GUARDED_BY(mutex_) = 0;
   std::unique_ptr<tools::BeaconCollector> collector_;
   std::filesystem::path storeDirectory_;
-  std::shared_ptr<platform::DurableRequestExecutor> executor_;
+  std::shared_ptr<network::internal::DurableRequestExecutor> executor_;
   platform::ObserverRegistration submitted_;
   platform::ObserverRegistration created_;
   std::unique_ptr<PageViewManager> pages_;

@@ -42,7 +42,7 @@ class AllowDebugging : public KVRDebugMessageCenterDelegate {
 
 // "E-mail" in the overlay writes the message into an outbox folder (one .eml
 // file each) and says on standard output which file it wrote.
-class OutboxComposer : public platform::MimeMailComposer {
+class OutboxComposer : public MimeMailComposer {
  public:
   using MimeMailComposer::MimeMailComposer;
 
@@ -73,18 +73,18 @@ class OutboxComposer : public platform::MimeMailComposer {
   }
 };
 
-class OutboxComposerFactory : public platform::MailComposerFactory {
+class OutboxComposerFactory : public MailComposerFactory {
  public:
   explicit OutboxComposerFactory(std::filesystem::path folder)
-      : transport_(platform::MailTransport::outbox(std::move(folder))) {}
+      : transport_(MailTransport::outbox(std::move(folder))) {}
   bool canSendMail() override { return transport_.isUsable(); }
-  std::shared_ptr<platform::MailComposer> makeComposer() override {
+  std::shared_ptr<MailComposer> makeComposer() override {
     return std::make_shared<OutboxComposer>(transport_);
   }
   const std::filesystem::path& folder() const { return transport_.outboxDirectory; }
 
  private:
-  platform::MailTransport transport_;
+  MailTransport transport_;
 };
 
 // The match the host shows after a recognition (what the debug overlay's
@@ -126,7 +126,7 @@ std::shared_ptr<const KVNTaggingDebugResultContext> recordingOf(const KVRTagDeta
   context->tags.push_back({tag.tagID.value_or("")});
   context->sessionStartDate = KVRDate{started};
   context->audioBuffer = buffer;
-  context->recognitionAttempts.push_back({KVNSignature{platform::dataFromString("KVSIG demo")}});
+  context->recognitionAttempts.push_back({KVNSignature{dataFromString("KVSIG demo")}});
   return context;
 }
 
@@ -274,7 +274,7 @@ int takeScreenshot(overlay::ImGuiWindowHost& host, DemoSession& demo, DemoApplic
   if (options.page == 5) postMatchShown(demo);
   auto center = KVRDebugMessageCenter::defaultCenter();
   // The log takes submitted beacons on the main queue.
-  platform::uiEnv().mainQueue().runPending();
+  ui::uiEnv().mainQueue().runPending();
   center->presentDebugMenu();
   if (options.page != 0) {
     if (auto window = center->debugWindow(); window && window->debugOverlayViewController()) {
@@ -333,7 +333,7 @@ int runWindowed(const WindowOptions& options) {
   const auto outbox = std::filesystem::temp_directory_path() /
                       ("korvel-demo-outbox-" + std::to_string(::getuid()));
   auto mail = std::make_shared<OutboxComposerFactory>(outbox);
-  platform::setMailComposerFactory(mail);
+  setMailComposerFactory(mail);
   if (!options.screenshotPath) {
     std::printf("korvel-demo: the overlay's E-mail writes .eml files into %s\n",
                 outbox.c_str());
@@ -355,7 +355,7 @@ int runWindowed(const WindowOptions& options) {
 
   KVRDebugMessageCenter::stopDebugging();
   KVRDebugMessageCenter::setDebugMessageCenterDelegate(nullptr);
-  platform::setMailComposerFactory(nullptr);
+  setMailComposerFactory(nullptr);
   host.reset();
   const int delivered = demo.finish();
   return code != 0 ? code : delivered;

@@ -20,7 +20,7 @@ namespace korvel::tools::torture {
 
 // What the collector saw, fed from its threads.
 struct Tally {
-  Mutex mutex;
+  foundation::internal::Mutex mutex;
   std::unordered_set<std::string> received KORVEL_GUARDED_BY(mutex);
   std::unordered_map<std::string, int> refusals KORVEL_GUARDED_BY(mutex);
 };
@@ -43,7 +43,7 @@ class Collector {
       o.delay = std::chrono::milliseconds(std::uniform_int_distribution<int>(100, 1500)(random));
     }
     o.onAnswer = [this](const std::string& uuid, int status) {
-      MutexLock lock(tally_.mutex);
+      foundation::internal::MutexLock lock(tally_.mutex);
       if (status == 204) {
         tally_.received.insert(uuid);
       } else {

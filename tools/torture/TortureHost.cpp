@@ -22,6 +22,9 @@
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::tools::torture {
 
 namespace {
@@ -214,7 +217,7 @@ int runCensus(const HostOptions& o) {
   KVNRequestRestorers::registerRestorer(
       KVRBeacon::kRestorationKind,
       [&](std::string_view payload) -> std::optional<KVNNetworkRequest> {
-        auto coder = platform::KeyedUnarchiver::open(payload);
+        auto coder = KeyedUnarchiver::open(payload);
         auto uuid = coder ? coder->decodeString(KVRReliableNetworkingTask::kArchiveUUIDKey)
                           : std::nullopt;
         MutexLock lock(found.mutex);
@@ -226,10 +229,10 @@ int runCensus(const HostOptions& o) {
         return std::nullopt;
       });
   {
-    platform::DurableRequestExecutor::Options options;
+    network::internal::DurableRequestExecutor::Options options;
     options.directory = std::filesystem::path(o.directory) / "beacons";
     options.startPaused = true;
-    platform::DurableRequestExecutor executor(std::string(kBundleIdentifier) + ".census",
+    network::internal::DurableRequestExecutor executor(std::string(kBundleIdentifier) + ".census",
                                               options);
     if (!executor.syncStore(std::chrono::seconds(60))) {
       std::fprintf(stderr, "korvel-torture census: the store could not be read in time\n");

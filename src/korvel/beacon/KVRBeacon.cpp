@@ -18,6 +18,9 @@
 #include <korvel/foundation/URLComponents.h>
 #include <korvel/foundation/internal/SharedSlot.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 namespace {
@@ -34,13 +37,13 @@ constexpr std::string_view kPayloadEventKey = "beaconEvent";
 // makeMutex, so two first reports cannot make two executors.
 struct ExecutorSlot {
   Mutex makeMutex;
-  platform::SharedSlot<KVNNetworkBackgroundRequestExecutor> executor;
+  foundation::internal::SharedSlot<KVNNetworkBackgroundRequestExecutor> executor;
   // After closeBackgroundSession: none is made on first use.
   bool closed KORVEL_GUARDED_BY(makeMutex) = false;
 };
 
 std::atomic<bool> reportingAllowedFlag{true};
-std::atomic<internal::UnsentBeaconHook> unsentBeaconHook{nullptr};
+std::atomic<beacon::internal::UnsentBeaconHook> unsentBeaconHook{nullptr};
 
 // Report calls between their check of reportingAllowedFlag and the hand-over
 // to the executor: turning reporting off waits for them, so that none hands
@@ -103,7 +106,7 @@ KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
     return KVNEndpoint(std::move(*url));
   });
   request.setRestorationPayload(KVRBeacon::kRestorationKind, [task, type](std::string& out) {
-    platform::KeyedArchiver coder(out);
+    KeyedArchiver coder(out);
     coder.encodeObject("$class", task->className());
     task->encodeWithCoder(coder);
     coder.encodeInt(kPayloadTypeKey, type);
@@ -113,7 +116,7 @@ KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
 }
 
 std::optional<KVNNetworkRequest> restoreRequest(std::string_view payload) {
-  auto coder = platform::KeyedUnarchiver::open(payload);
+  auto coder = KeyedUnarchiver::open(payload);
   if (!coder) return std::nullopt;
   // Decoding would give a record without its archived uuid a fresh one, and
   // the beacon, perhaps delivered already under the first, would then count
@@ -212,7 +215,7 @@ void KVRBeacon::sendBeacon(const KVRTaskPtr& task, KVRBeaconType type) noexcept 
   queueOnExecutor(task, type);
 }
 
-void internal::setUnsentBeaconHook(UnsentBeaconHook hook) {
+void beacon::internal::setUnsentBeaconHook(UnsentBeaconHook hook) {
   unsentBeaconHook.store(hook, std::memory_order_release);
 }
 
@@ -241,7 +244,7 @@ std::shared_ptr<KVNNetworkBackgroundRequestExecutor> KVRBeacon::backgroundSessio
   // The default Env makes this library's durable executor unless the host
   // installed a factory of its own first.
   platform::installDefaultBackgroundExecutorFactoryIfNone([](const std::string& identifier) {
-    return std::make_shared<platform::DurableRequestExecutor>(identifier);
+    return std::make_shared<network::internal::DurableRequestExecutor>(identifier);
   });
   auto& env = platform::env();
   auto made = env.makeBackgroundExecutor(
@@ -297,11 +300,11 @@ std::optional<std::string> KVRBeacon::endpointURLString(const KVRReliableNetwork
                                 : encodeCommas(config->deviceModel.value_or(""));
   replaceAll(templ, "{devicemodel}", model);
 
-  auto components = platform::URLComponents::parse(templ);
+  auto components = URLComponents::parse(templ);
   if (!components) return std::nullopt;
 
   const auto templateItems = components->queryItems();
-  std::vector<platform::URLQueryItem> items;
+  std::vector<URLQueryItem> items;
   items.reserve(2 + task.parameters().size() + templateItems.size());
   items.push_back({std::string(KVRBeaconCreationTimestampKey),
                    task.formattedCreationTimestampString()});

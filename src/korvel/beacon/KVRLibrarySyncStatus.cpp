@@ -22,9 +22,9 @@ constexpr std::string_view kStatusFallback = "icloudon";
 
 }  // namespace
 
-nlohmann::json toJSON(KVRLibrarySyncStatusValue value) { return nlohmann::json(value.rawValue()); }
+nlohmann::json beacon::internal::toJSON(KVRLibrarySyncStatusValue value) { return nlohmann::json(value.rawValue()); }
 
-KVRLibrarySyncStatusValue librarySyncStatusFromJSON(const nlohmann::json& json) {
+KVRLibrarySyncStatusValue beacon::internal::librarySyncStatusFromJSON(const nlohmann::json& json) {
   if (json.is_number_integer() && !json.is_number_unsigned()) {
     return KVRLibrarySyncStatusValue(json.get<int64_t>());
   }
@@ -41,11 +41,11 @@ KVRLibrarySyncStatusValue librarySyncStatusFromJSON(const nlohmann::json& json) 
 }
 
 void to_json(nlohmann::json& json, const KVRLibrarySyncStatusValue& value) {
-  json = toJSON(value);
+  json = beacon::internal::toJSON(value);
 }
 
 void from_json(const nlohmann::json& json, KVRLibrarySyncStatusValue& value) {
-  value = librarySyncStatusFromJSON(json);
+  value = beacon::internal::librarySyncStatusFromJSON(json);
 }
 
 std::string KVRLibrarySyncStatusWord(KVRLibrarySyncStatusValue status) {

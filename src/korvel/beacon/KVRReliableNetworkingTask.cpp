@@ -168,7 +168,7 @@ KVRTaskPtr KVRReliableNetworkingTask::copy() const {
   return target;
 }
 
-void KVRReliableNetworkingTask::encodeWithCoder(platform::KeyedArchiver& coder) const {
+void KVRReliableNetworkingTask::encodeWithCoder(KeyedArchiver& coder) const {
   coder.encodeObject(kArchiveParametersKey, parameters_);
   coder.encodeDouble(kArchiveCreationTimestampKey, creationTimestamp_);
   coder.encodeObject(kArchiveUUIDKey, uuid_);
@@ -185,7 +185,7 @@ void KVRReliableNetworkingTask::encodeWithCoder(platform::KeyedArchiver& coder) 
   }
 }
 
-void KVRReliableNetworkingTask::initWithCoder(const platform::KeyedUnarchiver& coder) {
+void KVRReliableNetworkingTask::initWithCoder(const KeyedUnarchiver& coder) {
   auto parameters = coder.decodeDictionary(kArchiveParametersKey);
 
   // A decoded record is made afresh first (new uuid and time, and the
@@ -204,18 +204,18 @@ void KVRReliableNetworkingTask::initWithCoder(const platform::KeyedUnarchiver& c
 
 std::string KVRReliableNetworkingTask::archivedData() const {
   std::string data;
-  platform::KeyedArchiver coder(data);
+  KeyedArchiver coder(data);
   coder.encodeObject(kArchiveClassKey, className());
   encodeWithCoder(coder);
   return data;
 }
 
 KVRTaskPtr KVRReliableNetworkingTask::unarchive(std::string_view data) {
-  auto coder = platform::KeyedUnarchiver::open(data);
+  auto coder = KeyedUnarchiver::open(data);
   return coder ? unarchive(*coder) : nullptr;
 }
 
-KVRTaskPtr KVRReliableNetworkingTask::unarchive(const platform::KeyedUnarchiver& coder) {
+KVRTaskPtr KVRReliableNetworkingTask::unarchive(const KeyedUnarchiver& coder) {
   auto className = coder.decodeString(kArchiveClassKey);
   if (!className) return nullptr;
   auto task = KVRBeaconFactory::emptyRecordOfClass(*className);

@@ -21,10 +21,8 @@ namespace korvel {
 class KVNConfiguration;
 class KVRUserSession;
 
-namespace platform {
 class KeyedArchiver;
 class KeyedUnarchiver;
-}  // namespace platform
 
 class KVRReliableNetworkingTask;
 using KVRTaskPtr = std::shared_ptr<KVRReliableNetworkingTask>;
@@ -55,7 +53,7 @@ class KORVEL_EXPORT KVRReliableNetworkingTask {
   static KVRTaskPtr unarchive(std::string_view data);
   // The same from an archive already opened (read once by a caller that
   // also reads keys of its own from it).
-  static KVRTaskPtr unarchive(const platform::KeyedUnarchiver& coder);
+  static KVRTaskPtr unarchive(const KeyedUnarchiver& coder);
   // The archive key of the uuid.
   static constexpr std::string_view kArchiveUUIDKey = "uuid";
   // The keyed archive of this record, with its class name.
@@ -63,12 +61,12 @@ class KORVEL_EXPORT KVRReliableNetworkingTask {
 
   // The archive form: "parameters", "creationTimestamp", "uuid", "inid" (the
   // resolved inid) and "appVersion".
-  void encodeWithCoder(platform::KeyedArchiver& coder) const;
+  void encodeWithCoder(KeyedArchiver& coder) const;
   // Makes this record with the designated initialiser (no session), posts the
   // creation notification, then takes each archived field the coder holds; a
   // field that is missing or of another kind keeps the initialiser's value
   // (parameters empty, a fresh uuid, the current time, inid and app version).
-  void initWithCoder(const platform::KeyedUnarchiver& coder);
+  void initWithCoder(const KeyedUnarchiver& coder);
 
   // A new record of the same class with parameters, event, uuid, creation
   // time and the resolved inid; app version, debug inid and the caller's and

@@ -16,6 +16,9 @@
 #include <korvel/beacon/KVRLibrarySyncStatus.h>
 #include <korvel/foundation/internal/SharedSlot.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 namespace {
@@ -55,8 +58,8 @@ class SharedSession {
  private:
   // Serialises edits: each starts from the state the previous one published.
   Mutex writeMutex_;
-  platform::SharedSlot<const SessionState> state_{std::make_shared<const SessionState>()};
-  platform::SharedSlot<KVRUserSessionDelegate> delegate_;
+  foundation::internal::SharedSlot<const SessionState> state_{std::make_shared<const SessionState>()};
+  foundation::internal::SharedSlot<KVRUserSessionDelegate> delegate_;
 };
 
 SharedSession& shared() {

@@ -7,7 +7,7 @@ namespace korvel {
 
 KVRDebugAppInfoViewController::KVRDebugAppInfoViewController(
     std::shared_ptr<KVRStayInAppSwizzler> swizzler)
-    : KVRDebugTableViewController(platform::TableViewStyle::Grouped),
+    : KVRDebugTableViewController(ui::TableViewStyle::Grouped),
       swizzler_(swizzler ? std::move(swizzler) : KVRStayInAppSwizzler::sharedSwizzler()) {
   setTitle(kTitle);
 }
@@ -37,15 +37,15 @@ size_t KVRDebugAppInfoViewController::numberOfRowsInSection(size_t section) cons
 }
 
 std::optional<std::string> KVRDebugAppInfoViewController::textForRow(
-    platform::IndexPath indexPath) const {
+    ui::IndexPath indexPath) const {
   if (indexPath.row != 0) return std::nullopt;
   if (indexPath.section == kINIDSection) return KVRDebugConfiguration::sharedInstance().inid();
   if (indexPath.section == kOptionsSection) return std::string(kStayInAppRowTitle);
   return std::nullopt;
 }
 
-platform::TableCell KVRDebugAppInfoViewController::cellForRow(platform::IndexPath indexPath) const {
-  platform::TableCell cell;
+ui::TableCell KVRDebugAppInfoViewController::cellForRow(ui::IndexPath indexPath) const {
+  ui::TableCell cell;
   cell.text = textForRow(indexPath).value_or("");
   if (indexPath.section == kOptionsSection) {
     cell.accessorySwitch = &stayInAppSwitch_;
@@ -60,7 +60,7 @@ std::optional<std::string> KVRDebugAppInfoViewController::titleForHeaderInSectio
   return std::nullopt;
 }
 
-void KVRDebugAppInfoViewController::didSelectRow(platform::IndexPath indexPath) {
+void KVRDebugAppInfoViewController::didSelectRow(ui::IndexPath indexPath) {
   if (indexPath.section == kOptionsSection) {
     // Only the switch moves; the swizzler follows the switch's own action.
     stayInAppSwitch_.setOn(!stayInAppSwitch_.isOn(), true);
@@ -68,8 +68,8 @@ void KVRDebugAppInfoViewController::didSelectRow(platform::IndexPath indexPath) 
   tableView_.deselectRow(indexPath, true);
 }
 
-void KVRDebugAppInfoViewController::copyRow(platform::IndexPath indexPath) {
-  platform::Pasteboard::general().setString(textForRow(indexPath).value_or(""));
+void KVRDebugAppInfoViewController::copyRow(ui::IndexPath indexPath) {
+  ui::Pasteboard::general().setString(textForRow(indexPath).value_or(""));
 }
 
 }  // namespace korvel

@@ -42,24 +42,24 @@ class KORVEL_EXPORT KVRDebugAppInfoViewController : public KVRDebugTableViewCont
   void viewWillAppear(bool animated) override;
 
   const std::shared_ptr<KVRStayInAppSwizzler>& swizzler() const { return swizzler_; }
-  platform::Switch& stayInAppSwitch() { return stayInAppSwitch_; }
+  ui::Switch& stayInAppSwitch() { return stayInAppSwitch_; }
   // The switch's value-changed action.
   void stayInAppSwitchChanged();
 
   // The row's text; nothing for an INID row without an inid.
-  std::optional<std::string> textForRow(platform::IndexPath indexPath) const;
+  std::optional<std::string> textForRow(ui::IndexPath indexPath) const;
 
   size_t numberOfSections() const override { return 2; }
   size_t numberOfRowsInSection(size_t section) const override;
-  platform::TableCell cellForRow(platform::IndexPath indexPath) const override;
+  ui::TableCell cellForRow(ui::IndexPath indexPath) const override;
   std::optional<std::string> titleForHeaderInSection(size_t section) const override;
-  void didSelectRow(platform::IndexPath indexPath) override;
-  void copyRow(platform::IndexPath indexPath) override;
+  void didSelectRow(ui::IndexPath indexPath) override;
+  void copyRow(ui::IndexPath indexPath) override;
 
  private:
   std::shared_ptr<KVRStayInAppSwizzler> swizzler_;
   // Mutable: cells hand the renderer a pointer to it from const reads.
-  mutable platform::Switch stayInAppSwitch_;
+  mutable ui::Switch stayInAppSwitch_;
 };
 
 }  // namespace korvel

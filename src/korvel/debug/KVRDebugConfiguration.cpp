@@ -8,6 +8,9 @@
 #include <korvel/network/KVNRetryHandler.h>
 #include <korvel/platform/KVNUserDefaults.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 // The same key the configuration manager reads its URL from.

@@ -10,6 +10,9 @@
 #include <korvel/foundation/URLComponents.h>
 #include <korvel/reporters/KVRTaggingReporter.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 namespace {
@@ -59,7 +62,7 @@ std::optional<std::string> KVRDebugDataPersister::safePathComponent(std::string_
   if (uniqueId.empty() || uniqueId == "." || uniqueId == "..") return std::nullopt;
   // Cheap early refusal before encoding a huge identifier.
   if (uniqueId.size() > kMaxFileNameBytes) return std::nullopt;
-  std::string encoded = platform::percentEncode(uniqueId, isSafeByte);
+  std::string encoded = percentEncode(uniqueId, isSafeByte);
   if (encoded.size() > kMaxFileNameBytes) return std::nullopt;
   return encoded;
 }
@@ -74,7 +77,7 @@ std::optional<std::filesystem::path> KVRDebugDataPersister::debugFilePathForUniq
     std::string_view uniqueId, std::string_view extension) {
   auto folder = safePathComponent(uniqueId);
   if (!folder) return std::nullopt;
-  std::string fileName = *folder + "-" + platform::percentEncode(extension, isSafeByte);
+  std::string fileName = *folder + "-" + percentEncode(extension, isSafeByte);
   if (fileName.size() > kMaxFileNameBytes) return std::nullopt;
   auto root = debugDirectory();
   if (!root) return std::nullopt;
@@ -93,7 +96,7 @@ bool KVRDebugDataPersister::createMissingDirectoriesForPath(const std::filesyste
   return !ec;
 }
 
-bool KVRDebugDataPersister::persistSignatureData(const platform::Data& data,
+bool KVRDebugDataPersister::persistSignatureData(const Data& data,
                                                  std::string_view uniqueId,
                                                  std::string_view extension) const {
   const auto path = debugFilePathForUniqueId(uniqueId, extension);
@@ -110,7 +113,7 @@ bool KVRDebugDataPersister::persistAudioFile(const KVNPCMBuffer& buffer,
   if (!path) return false;
   MutexLock lock(writeMutex());
   if (!createMissingDirectoriesForPath(*path) || folderIsLink(*path)) return false;
-  return platform::writeWaveFile(*path, buffer) == platform::WaveWriteStatus::Written;
+  return writeWaveFile(*path, buffer) == WaveWriteStatus::Written;
 }
 
 bool KVRDebugDataPersister::audioFileExistsForTagResultInfo(const KVRTagResultInfo& tagResult) {

@@ -47,7 +47,7 @@ class KORVEL_EXPORT KVRDebugDataPersister {
   // Writes data to the debug file of (uniqueId, extension), creating missing
   // folders; not atomically. False when nothing could be written (callers
   // may ignore it).
-  bool persistSignatureData(const platform::Data& data, std::string_view uniqueId,
+  bool persistSignatureData(const Data& data, std::string_view uniqueId,
                             std::string_view extension) const;
   // Writes the buffer to the debug file of (uniqueId, "caf") as a WAVE file
   // (the name says caf; the content is WAVE, deliberately), replacing an

@@ -21,7 +21,7 @@ std::string orMissing(const std::optional<std::string>& text) {
 }  // namespace
 
 std::shared_ptr<KVRDebugEmailManager> KVRDebugEmailManager::make(
-    std::shared_ptr<const KVRTagResultInfo> tagResult, std::weak_ptr<platform::Presenter> delegate) {
+    std::shared_ptr<const KVRTagResultInfo> tagResult, std::weak_ptr<ui::Presenter> delegate) {
   return std::shared_ptr<KVRDebugEmailManager>(
       new KVRDebugEmailManager(std::move(tagResult), std::move(delegate)));
 }
@@ -55,14 +55,14 @@ std::string KVRDebugEmailManager::bodyForTagResult(const KVRTagResultInfo* tagRe
 
 void KVRDebugEmailManager::emailDebugInfo() {
   auto presenter = delegate();
-  auto factory = platform::mailComposerFactory();
+  auto factory = mailComposerFactory();
   mailController_ = factory->canSendMail() ? factory->makeComposer() : nullptr;
   if (!mailController_) {
-    platform::Alert alert;
+    ui::Alert alert;
     alert.title = "Error";
     alert.message = "You need to set up an email account";
-    alert.preferredStyle = platform::AlertStyle::Alert;
-    alert.actions.push_back({"OK", platform::AlertActionStyle::Cancel, nullptr});
+    alert.preferredStyle = ui::AlertStyle::Alert;
+    alert.actions.push_back({"OK", ui::AlertActionStyle::Cancel, nullptr});
     if (presenter) presenter->presentAlert(std::move(alert), true, nullptr);
     return;
   }
@@ -75,8 +75,8 @@ void KVRDebugEmailManager::emailDebugInfo() {
   if (tagResult_ && KVRDebugDataPersister::signatureFileExistsForTagResultInfo(*tagResult_)) {
     addMessageSignature();
   }
-  if (!presenter || presenter->userInterfaceIdiom() != platform::UserInterfaceIdiom::Pad) {
-    mailController_->setModalPresentationStyle(platform::ModalPresentationStyle::OverFullScreen);
+  if (!presenter || presenter->userInterfaceIdiom() != ui::UserInterfaceIdiom::Pad) {
+    mailController_->setModalPresentationStyle(ui::ModalPresentationStyle::OverFullScreen);
   }
   if (presenter) {
     presenter->presentViewController(mailController_, mailController_->modalPresentationStyle(),
@@ -99,7 +99,7 @@ void KVRDebugEmailManager::addMessageDebugAttachment() {
     text += line;
     text += '\n';
   }
-  mailController_->addAttachmentData(platform::dataFromString(text), "text/plain", "debug.txt");
+  mailController_->addAttachmentData(dataFromString(text), "text/plain", "debug.txt");
   mailController_->setMailComposeDelegate(weak_from_this());
 }
 
@@ -127,8 +127,8 @@ void KVRDebugEmailManager::addMessageSignature() {
   addFileAttachment(KVRDebugDataPersister::kSignatureExtension, kSignatureMimeType);
 }
 
-void KVRDebugEmailManager::mailComposeControllerDidFinish(platform::MailComposer&,
-                                                          platform::MailComposeResult,
+void KVRDebugEmailManager::mailComposeControllerDidFinish(MailComposer&,
+                                                          MailComposeResult,
                                                           const std::optional<std::string>&) {
   if (auto presenter = delegate()) presenter->dismissViewController(true, nullptr);
 }

@@ -37,19 +37,19 @@ namespace korvel {
 
 class KVRTagResultInfo;
 
-class KORVEL_EXPORT KVRDebugEmailManager final : public platform::MailComposeDelegate,
+class KORVEL_EXPORT KVRDebugEmailManager final : public MailComposeDelegate,
                                    public std::enable_shared_from_this<KVRDebugEmailManager> {
  public:
   static std::shared_ptr<KVRDebugEmailManager> make(
       std::shared_ptr<const KVRTagResultInfo> tagResult,
-      std::weak_ptr<platform::Presenter> delegate);
+      std::weak_ptr<ui::Presenter> delegate);
 
   // Lines for the "debug.txt" attachment; empty at creation.
   std::vector<std::string>& debugStrings() { return debugStrings_; }
   const std::shared_ptr<const KVRTagResultInfo>& tagResult() const { return tagResult_; }
-  std::shared_ptr<platform::Presenter> delegate() const { return delegate_.lock(); }
+  std::shared_ptr<ui::Presenter> delegate() const { return delegate_.lock(); }
   // The composer of the last emailDebugInfo(), if it could make one.
-  const std::shared_ptr<platform::MailComposer>& mailController() const { return mailController_; }
+  const std::shared_ptr<MailComposer>& mailController() const { return mailController_; }
 
   // Makes a new composer, fills it and asks the delegate to present it; or
   // presents the error alert when mail cannot be sent.
@@ -63,8 +63,8 @@ class KORVEL_EXPORT KVRDebugEmailManager final : public platform::MailComposeDel
   void addMessageSignature();
 
   // Dismisses the composer; the result is not looked at.
-  void mailComposeControllerDidFinish(platform::MailComposer& composer,
-                                      platform::MailComposeResult result,
+  void mailComposeControllerDidFinish(MailComposer& composer,
+                                      MailComposeResult result,
                                       const std::optional<std::string>& error) override;
 
   static std::string subjectForTagResult(const KVRTagResultInfo* tagResult);
@@ -72,15 +72,15 @@ class KORVEL_EXPORT KVRDebugEmailManager final : public platform::MailComposeDel
 
  private:
   KVRDebugEmailManager(std::shared_ptr<const KVRTagResultInfo> tagResult,
-                       std::weak_ptr<platform::Presenter> delegate)
+                       std::weak_ptr<ui::Presenter> delegate)
       : tagResult_(std::move(tagResult)), delegate_(std::move(delegate)) {}
 
   void addFileAttachment(std::string_view extension, const char* mimeType);
 
   std::vector<std::string> debugStrings_;
   std::shared_ptr<const KVRTagResultInfo> tagResult_;
-  std::weak_ptr<platform::Presenter> delegate_;
-  std::shared_ptr<platform::MailComposer> mailController_;
+  std::weak_ptr<ui::Presenter> delegate_;
+  std::shared_ptr<MailComposer> mailController_;
 };
 
 }  // namespace korvel

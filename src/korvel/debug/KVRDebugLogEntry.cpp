@@ -12,8 +12,8 @@ namespace korvel {
 
 namespace {
 
-using platform::FontWeight;
-using platform::StyledText;
+using ui::FontWeight;
+using ui::StyledText;
 
 constexpr double kTitleSize = 14;
 constexpr double kParameterSize = 13;

@@ -31,7 +31,7 @@ class KORVEL_EXPORT KVRDebugLogEntry {
   virtual ~KVRDebugLogEntry() = default;
   virtual int type() const = 0;
   // The entry as the log viewer shows it.
-  virtual platform::StyledText attributedString() const = 0;
+  virtual ui::StyledText attributedString() const = 0;
   // The entry as a debug e-mail carries it; ends with three line breaks.
   virtual std::string emailString() const = 0;
 };
@@ -52,7 +52,7 @@ class KORVEL_EXPORT KVRDebugLogBeaconEntry final : public KVRDebugLogEntry {
  public:
   explicit KVRDebugLogBeaconEntry(std::shared_ptr<const KVRReliableNetworkingTask> task);
   int type() const override { return KVRDebugLogEntryTypeBeacon; }
-  platform::StyledText attributedString() const override;
+  ui::StyledText attributedString() const override;
   std::string emailString() const override;
   const std::shared_ptr<const KVRReliableNetworkingTask>& task() const { return task_; }
 
@@ -66,7 +66,7 @@ class KORVEL_EXPORT KVRDebugLogURLEntry final : public KVRDebugLogEntry {
  public:
   explicit KVRDebugLogURLEntry(KVRURL url) : url_(std::move(url)) {}
   int type() const override { return KVRDebugLogEntryTypeURL; }
-  platform::StyledText attributedString() const override;
+  ui::StyledText attributedString() const override;
   std::string emailString() const override;
   const KVRURL& url() const { return url_; }
 
@@ -83,7 +83,7 @@ class KORVEL_EXPORT KVRDebugLogInAppUpsellOptionsEntry final : public KVRDebugLo
   explicit KVRDebugLogInAppUpsellOptionsEntry(KVRParameters dictionary)
       : dictionary_(std::move(dictionary)) {}
   int type() const override { return KVRDebugLogEntryTypeInAppUpsellOptions; }
-  platform::StyledText attributedString() const override;
+  ui::StyledText attributedString() const override;
   std::string emailString() const override;
   const KVRParameters& dictionary() const { return dictionary_; }
 
@@ -93,7 +93,7 @@ class KORVEL_EXPORT KVRDebugLogInAppUpsellOptionsEntry final : public KVRDebugLo
 
 // One "key = value" line: the key semibold, " = " and the value's description
 // (describe()) regular, both at fontSize; "\n" after it when asked.
-KORVEL_EXPORT platform::StyledText attributedStringForKey(std::string_view key, const KVRValue& value,
+KORVEL_EXPORT ui::StyledText attributedStringForKey(std::string_view key, const KVRValue& value,
                                             double fontSize, bool withTrailingNewLine);
 
 // The dictionary's keys in case-insensitive order (Unicode case folding);

@@ -12,7 +12,7 @@ namespace korvel {
 // this small object rather than the screen; the screen cuts it loose when it
 // goes.
 class KVRDebugLogViewController::Forwarder final : public KVRDebugLogsDataProviderDelegate,
-                                                   public platform::MailComposeDelegate {
+                                                   public MailComposeDelegate {
  public:
   explicit Forwarder(KVRDebugLogViewController* screen) : screen_(screen) {}
   void detach() { screen_ = nullptr; }
@@ -20,7 +20,7 @@ class KVRDebugLogViewController::Forwarder final : public KVRDebugLogsDataProvid
   void entryAddedToLog() override {
     if (screen_) screen_->entryAddedToLog();
   }
-  void mailComposeControllerDidFinish(platform::MailComposer&, platform::MailComposeResult,
+  void mailComposeControllerDidFinish(MailComposer&, MailComposeResult,
                                       const std::optional<std::string>&) override {
     if (!screen_) return;
     if (auto presenter = screen_->presenter()) presenter->dismissViewController(true, nullptr);
@@ -32,7 +32,7 @@ class KVRDebugLogViewController::Forwarder final : public KVRDebugLogsDataProvid
 
 KVRDebugLogViewController::KVRDebugLogViewController(
     std::shared_ptr<KVRDebugLogsDataProvider> dataProvider)
-    : KVRDebugTableViewController(platform::TableViewStyle::Plain),
+    : KVRDebugTableViewController(ui::TableViewStyle::Plain),
       dataProvider_(dataProvider ? std::move(dataProvider) : KVRDebugLogsDataProvider::make()),
       forwarder_(std::make_shared<Forwarder>(this)) {
   setTitle(kTitle);
@@ -66,7 +66,7 @@ void KVRDebugLogViewController::setOverlayIsVisible(bool visible) {
 
 void KVRDebugLogViewController::entryAddedToLog() {
   if (!overlayIsVisible_ || !isViewLoaded()) return;
-  tableView_.insertRows({platform::IndexPath{0, 0}}, platform::TableRowAnimation::Automatic);
+  tableView_.insertRows({ui::IndexPath{0, 0}}, ui::TableRowAnimation::Automatic);
 }
 
 std::string KVRDebugLogViewController::emailBody() const {
@@ -76,7 +76,7 @@ std::string KVRDebugLogViewController::emailBody() const {
 }
 
 void KVRDebugLogViewController::emailButtonTapped() {
-  auto factory = platform::mailComposerFactory();
+  auto factory = mailComposerFactory();
   if (!factory->canSendMail()) return;
   auto presenter = presenterFor("log e-mail");
   if (!presenter) return;
@@ -85,8 +85,8 @@ void KVRDebugLogViewController::emailButtonTapped() {
   composer->setSubject(kEmailSubject);
   composer->setMessageBody(emailBody(), false);
   composer->setMailComposeDelegate(forwarder_);
-  if (presenter->userInterfaceIdiom() == platform::UserInterfaceIdiom::Pad) {
-    composer->setModalPresentationStyle(platform::ModalPresentationStyle::FormSheet);
+  if (presenter->userInterfaceIdiom() == ui::UserInterfaceIdiom::Pad) {
+    composer->setModalPresentationStyle(ui::ModalPresentationStyle::FormSheet);
   }
   presenter->presentViewController(composer, composer->modalPresentationStyle(), true, nullptr);
 }
@@ -100,8 +100,8 @@ size_t KVRDebugLogViewController::numberOfRowsInSection(size_t section) const {
   return section == 0 ? dataProvider_->logEntries().size() : 0;
 }
 
-platform::TableCell KVRDebugLogViewController::cellForRow(platform::IndexPath indexPath) const {
-  platform::TableCell cell;
+ui::TableCell KVRDebugLogViewController::cellForRow(ui::IndexPath indexPath) const {
+  ui::TableCell cell;
   if (auto entry = entryAtRow(indexPath.row); entry && indexPath.section == 0) {
     cell.attributedText = entry->attributedString();
     cell.text = cell.attributedText->plainText();
@@ -110,17 +110,17 @@ platform::TableCell KVRDebugLogViewController::cellForRow(platform::IndexPath in
   return cell;
 }
 
-void KVRDebugLogViewController::copyRow(platform::IndexPath indexPath) {
+void KVRDebugLogViewController::copyRow(ui::IndexPath indexPath) {
   auto entry = entryAtRow(indexPath.row);
   if (!entry || indexPath.section != 0) return;
-  const platform::StyledText text = entry->attributedString();
-  platform::Pasteboard::Item item;
-  item.emplace(std::string(platform::kPasteboardTypeRTF),
-               platform::dataFromString(platform::rtfFromStyledText(text)));
+  const ui::StyledText text = entry->attributedString();
+  ui::Pasteboard::Item item;
+  item.emplace(std::string(ui::kPasteboardTypeRTF),
+               dataFromString(ui::rtfFromStyledText(text)));
   // Plain text beside it, for places that cannot paste rich text.
-  item.emplace(std::string(platform::kPasteboardTypePlainText),
-               platform::dataFromString(text.plainText()));
-  platform::Pasteboard::general().setItem(std::move(item));
+  item.emplace(std::string(ui::kPasteboardTypePlainText),
+               dataFromString(text.plainText()));
+  ui::Pasteboard::general().setItem(std::move(item));
 }
 
 }  // namespace korvel

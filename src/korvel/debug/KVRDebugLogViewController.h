@@ -52,17 +52,17 @@ class KORVEL_EXPORT KVRDebugLogViewController : public KVRDebugTableViewControll
   // weakly).
   void entryAddedToLog();
 
-  platform::Button& emailButton() { return emailButton_; }
-  platform::Button& clearButton() { return clearButton_; }
-  std::vector<platform::Button*> toolbarButtons() override { return {&emailButton_, &clearButton_}; }
+  ui::Button& emailButton() { return emailButton_; }
+  ui::Button& clearButton() { return clearButton_; }
+  std::vector<ui::Button*> toolbarButtons() override { return {&emailButton_, &clearButton_}; }
   void emailButtonTapped();
   void clearButtonTapped();
   // Every entry's e-mail text, oldest first.
   std::string emailBody() const;
 
   size_t numberOfRowsInSection(size_t section) const override;
-  platform::TableCell cellForRow(platform::IndexPath indexPath) const override;
-  void copyRow(platform::IndexPath indexPath) override;
+  ui::TableCell cellForRow(ui::IndexPath indexPath) const override;
+  void copyRow(ui::IndexPath indexPath) override;
 
  private:
   class Forwarder;
@@ -70,8 +70,8 @@ class KORVEL_EXPORT KVRDebugLogViewController : public KVRDebugTableViewControll
   std::shared_ptr<KVRDebugLogsDataProvider> dataProvider_;
   std::shared_ptr<Forwarder> forwarder_;
   bool overlayIsVisible_ = false;
-  platform::Button emailButton_{kEmailButtonTitle};
-  platform::Button clearButton_{kClearButtonTitle};
+  ui::Button emailButton_{kEmailButtonTitle};
+  ui::Button clearButton_{kClearButtonTitle};
 };
 
 }  // namespace korvel

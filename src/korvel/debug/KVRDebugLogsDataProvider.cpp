@@ -13,7 +13,7 @@ std::shared_ptr<KVRDebugLogsDataProvider> KVRDebugLogsDataProvider::make() {
 
 void KVRDebugLogsDataProvider::addLogEntry(EntryPtr entry) {
   if (!entry) return;
-  platform::uiEnv().mainQueue().async(
+  ui::uiEnv().mainQueue().async(
       [weak = weak_from_this(), entry = std::move(entry)]() mutable {
         auto self = weak.lock();
         if (!self) return;

@@ -18,6 +18,11 @@
 #include <korvel/reporters/KVRTaggingReporter.h>
 #include <korvel/ui/UIEnv.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+using korvel::foundation::internal::RecursiveMutex;
+using korvel::foundation::internal::RecursiveMutexLock;
+
 namespace korvel {
 
 namespace {
@@ -144,7 +149,7 @@ void KVRDebugMessageCenter::startDebugging() {
           &KVRDebugMessageCenter::inAppUpsellOptions);
 
   detector_->registerForConfigUpdates([weak = weak_from_this()](bool stillWaiting) {
-    platform::uiEnv().mainQueue().async([weak, stillWaiting] {
+    ui::uiEnv().mainQueue().async([weak, stillWaiting] {
       if (auto self = weak.lock()) self->configurationWaitingChanged(stillWaiting);
     });
   });

@@ -15,7 +15,7 @@ namespace korvel {
 namespace {
 
 std::string lowercaseHost(const std::string& url) {
-  auto components = platform::URLComponents::parse(url);
+  auto components = URLComponents::parse(url);
   if (!components) return {};
   std::string host = components->host();
   std::transform(host.begin(), host.end(), host.begin(),
@@ -35,7 +35,7 @@ KVRDebugNavigationOptionsViewController::~KVRDebugNavigationOptionsViewControlle
   outlets_->bucketsTextField.setDelegate(nullptr);
   outlets_->refreshButton.action = nullptr;
   outlets_->clearCacheButton.action = nullptr;
-  outlets_->view = platform::TapTarget();
+  outlets_->view = ui::TapTarget();
 }
 
 void KVRDebugNavigationOptionsViewController::loadView() {
@@ -77,17 +77,17 @@ void KVRDebugNavigationOptionsViewController::refreshButtonTapped() {
   KVRDebugConfiguration::sharedInstance().setConfigUrlString(
       url, [outlets = outlets_](bool success) {
         // Called on the fetching thread.
-        platform::uiEnv().mainQueue().async([outlets, success] {
+        ui::uiEnv().mainQueue().async([outlets, success] {
           outlets->refreshButton.setEnabled(false);
           outlets->refreshButton.setTitle(success ? kRefreshSucceededTitle : kRefreshFailedTitle);
-          platform::animate(
+          ui::animate(
               kAnimationDuration,
               [&outlets] {
                 outlets->activityIndicator.stopAnimating();
                 outlets->refreshButton.setHidden(false);
               },
               [outlets] {
-                platform::uiEnv().mainQueue().asyncAfter(kResultDisplaySeconds, [outlets] {
+                ui::uiEnv().mainQueue().asyncAfter(kResultDisplaySeconds, [outlets] {
                   outlets->refreshButton.setEnabled(true);
                   outlets->refreshButton.setTitle(kRefreshTitle);
                 });
@@ -97,10 +97,10 @@ void KVRDebugNavigationOptionsViewController::refreshButtonTapped() {
 }
 
 void KVRDebugNavigationOptionsViewController::clearCacheButtonTapped() {
-  platform::URLCache::sharedURLCache().removeAllCachedResponses();
+  URLCache::sharedURLCache().removeAllCachedResponses();
   outlets_->clearCacheButton.setEnabled(false);
   outlets_->clearCacheButton.setTitle(kCacheClearedTitle);
-  platform::uiEnv().mainQueue().asyncAfter(kResultDisplaySeconds, [outlets = outlets_] {
+  ui::uiEnv().mainQueue().asyncAfter(kResultDisplaySeconds, [outlets = outlets_] {
     outlets->clearCacheButton.setEnabled(true);
     outlets->clearCacheButton.setTitle(kClearCacheTitle);
   });
@@ -111,7 +111,7 @@ void KVRDebugNavigationOptionsViewController::dismissKeyboard() {
 }
 
 bool KVRDebugNavigationOptionsViewController::textFieldShouldReturn(
-    platform::TextField& textField) {
+    ui::TextField& textField) {
   if (&textField == &outlets_->bucketsTextField) {
     textField.resignFirstResponder();
     return false;

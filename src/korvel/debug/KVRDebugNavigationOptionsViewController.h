@@ -19,8 +19,8 @@
 
 namespace korvel {
 
-class KORVEL_EXPORT KVRDebugNavigationOptionsViewController : public platform::ViewController,
-                                                public platform::TextFieldDelegate {
+class KORVEL_EXPORT KVRDebugNavigationOptionsViewController : public ui::ViewController,
+                                                public ui::TextFieldDelegate {
  public:
   static constexpr const char* kTitle = "Config Settings";
   static constexpr const char* kRefreshTitle = "Refresh Config";
@@ -40,12 +40,12 @@ class KORVEL_EXPORT KVRDebugNavigationOptionsViewController : public platform::V
   void viewDidLoad() override;
 
   // Outlets (and the screen's root view, for taps outside the widgets).
-  platform::Switch& betaSwitch() { return outlets_->betaSwitch; }
-  platform::TextField& bucketsTextField() { return outlets_->bucketsTextField; }
-  platform::Button& refreshButton() { return outlets_->refreshButton; }
-  platform::ActivityIndicator& activityIndicator() { return outlets_->activityIndicator; }
-  platform::Button& clearCacheButton() { return outlets_->clearCacheButton; }
-  platform::TapTarget& view() { return outlets_->view; }
+  ui::Switch& betaSwitch() { return outlets_->betaSwitch; }
+  ui::TextField& bucketsTextField() { return outlets_->bucketsTextField; }
+  ui::Button& refreshButton() { return outlets_->refreshButton; }
+  ui::ActivityIndicator& activityIndicator() { return outlets_->activityIndicator; }
+  ui::Button& clearCacheButton() { return outlets_->clearCacheButton; }
+  ui::TapTarget& view() { return outlets_->view; }
 
   // Actions.
   void refreshButtonTapped();
@@ -53,7 +53,7 @@ class KORVEL_EXPORT KVRDebugNavigationOptionsViewController : public platform::V
   void dismissKeyboard();
   // Return in the buckets field gives up the keyboard and is not processed;
   // in any other field it is.
-  bool textFieldShouldReturn(platform::TextField& textField) override;
+  bool textFieldShouldReturn(ui::TextField& textField) override;
 
   // The URL a refresh would store now: the beta endpoint when the switch is
   // on, else production, plus "?buckets=" and the field's text as typed
@@ -72,12 +72,12 @@ class KORVEL_EXPORT KVRDebugNavigationOptionsViewController : public platform::V
   // Kept alive by the delayed restores queued on the main queue, which may
   // run after the screen is gone.
   struct Outlets {
-    platform::Switch betaSwitch;
-    platform::TextField bucketsTextField;
-    platform::Button refreshButton{kRefreshTitle};
-    platform::ActivityIndicator activityIndicator;
-    platform::Button clearCacheButton{kClearCacheTitle};
-    platform::TapTarget view;
+    ui::Switch betaSwitch;
+    ui::TextField bucketsTextField;
+    ui::Button refreshButton{kRefreshTitle};
+    ui::ActivityIndicator activityIndicator;
+    ui::Button clearCacheButton{kClearCacheTitle};
+    ui::TapTarget view;
   };
 
   std::shared_ptr<Outlets> outlets_;

@@ -22,19 +22,19 @@ constexpr double kButtonHeight = 32;
 
 // MARK: - Custom touch point view
 
-void KVRCustomTouchPointView::addTouchableView(const std::shared_ptr<platform::ViewNode>& view) {
+void KVRCustomTouchPointView::addTouchableView(const std::shared_ptr<ui::ViewNode>& view) {
   if (view && !isTouchable(view)) touchableViews_.push_back(view);
 }
 
-void KVRCustomTouchPointView::removeTouchableView(const std::shared_ptr<platform::ViewNode>& view) {
+void KVRCustomTouchPointView::removeTouchableView(const std::shared_ptr<ui::ViewNode>& view) {
   std::erase(touchableViews_, view);
 }
 
-bool KVRCustomTouchPointView::isTouchable(const std::shared_ptr<platform::ViewNode>& view) const {
+bool KVRCustomTouchPointView::isTouchable(const std::shared_ptr<ui::ViewNode>& view) const {
   return std::find(touchableViews_.begin(), touchableViews_.end(), view) != touchableViews_.end();
 }
 
-bool KVRCustomTouchPointView::pointInside(platform::Point point) const {
+bool KVRCustomTouchPointView::pointInside(ui::Point point) const {
   return std::any_of(touchableViews_.begin(), touchableViews_.end(),
                      [point](const auto& view) { return view->frame().contains(point); });
 }
@@ -43,12 +43,12 @@ bool KVRCustomTouchPointView::pointInside(platform::Point point) const {
 
 KVRDebugOverlayViewController::KVRDebugOverlayViewController(
     std::shared_ptr<KVRDebugLogsDataProvider> dataProvider,
-    std::vector<std::shared_ptr<platform::ViewController>> pages)
+    std::vector<std::shared_ptr<ui::ViewController>> pages)
     : dataProvider_(std::move(dataProvider)),
       view_(std::make_shared<KVRCustomTouchPointView>("overlay")),
-      backgroundView_(std::make_shared<platform::ViewNode>("background")),
-      pageView_(std::make_shared<platform::ViewNode>("pages")),
-      passiveButtonView_(std::make_shared<platform::ViewNode>("passiveButton")) {
+      backgroundView_(std::make_shared<ui::ViewNode>("background")),
+      pageView_(std::make_shared<ui::ViewNode>("pages")),
+      passiveButtonView_(std::make_shared<ui::ViewNode>("passiveButton")) {
   std::erase(pages, nullptr);
   pages_ = std::move(pages);
 
@@ -63,7 +63,7 @@ KVRDebugOverlayViewController::KVRDebugOverlayViewController(
 
   // As it comes from its interface file: hidden until shown.
   backgroundView_->setHidden(true);
-  backgroundView_->setBackgroundColor(platform::Color::clear());
+  backgroundView_->setBackgroundColor(ui::Color::clear());
   pageView_->setAlpha(0);
   passiveButton_.setHidden(true);
   passiveButtonView_->setHidden(true);
@@ -79,33 +79,33 @@ KVRDebugOverlayViewController::~KVRDebugOverlayViewController() {
   }
 }
 
-void KVRDebugOverlayViewController::layoutForBounds(const platform::Rect& bounds) {
-  passiveButtonView_->setFrame(platform::Rect::make(kMargin, kMargin, kButtonWidth, kButtonHeight));
+void KVRDebugOverlayViewController::layoutForBounds(const ui::Rect& bounds) {
+  passiveButtonView_->setFrame(ui::Rect::make(kMargin, kMargin, kButtonWidth, kButtonHeight));
   const double top = kMargin * 2 + kButtonHeight;
-  pageView_->setFrame(platform::Rect::make(kMargin, top,
+  pageView_->setFrame(ui::Rect::make(kMargin, top,
                                            std::max(0.0, bounds.size.width - 2 * kMargin),
                                            std::max(0.0, bounds.size.height - top - kMargin)));
 }
 
 // MARK: Paging
 
-std::shared_ptr<platform::ViewController> KVRDebugOverlayViewController::viewControllerBefore(
-    const platform::ViewController& page) const {
+std::shared_ptr<ui::ViewController> KVRDebugOverlayViewController::viewControllerBefore(
+    const ui::ViewController& page) const {
   for (size_t i = 1; i < pages_.size(); ++i) {
     if (pages_[i].get() == &page) return pages_[i - 1];
   }
   return nullptr;
 }
 
-std::shared_ptr<platform::ViewController> KVRDebugOverlayViewController::viewControllerAfter(
-    const platform::ViewController& page) const {
+std::shared_ptr<ui::ViewController> KVRDebugOverlayViewController::viewControllerAfter(
+    const ui::ViewController& page) const {
   for (size_t i = 0; i + 1 < pages_.size(); ++i) {
     if (pages_[i].get() == &page) return pages_[i + 1];
   }
   return nullptr;
 }
 
-std::shared_ptr<platform::ViewController> KVRDebugOverlayViewController::currentViewController()
+std::shared_ptr<ui::ViewController> KVRDebugOverlayViewController::currentViewController()
     const {
   return currentIndex_ < pages_.size() ? pages_[currentIndex_] : nullptr;
 }
@@ -150,7 +150,7 @@ void KVRDebugOverlayViewController::showDebugView() {
   passiveButton_.setHidden(false);
   passiveButtonView_->setHidden(false);
   pageView_->setAlpha(1.0);
-  backgroundView_->setBackgroundColor(platform::Color::black().withAlphaComponent(kBackgroundDimming));
+  backgroundView_->setBackgroundColor(ui::Color::black().withAlphaComponent(kBackgroundDimming));
   tellPagesOverlayIsVisible(true);
 }
 
@@ -161,7 +161,7 @@ void KVRDebugOverlayViewController::hideDebugView() {
   passiveButton_.setHidden(true);
   passiveButtonView_->setHidden(true);
   pageView_->setAlpha(0);
-  backgroundView_->setBackgroundColor(platform::Color::clear());
+  backgroundView_->setBackgroundColor(ui::Color::clear());
   tellPagesOverlayIsVisible(false);
   if (shown_) {
     shown_ = false;
@@ -174,20 +174,20 @@ void KVRDebugOverlayViewController::passiveButtonTapped() {
     pageView_->setAlpha(kPassiveAlpha);
     view_->removeTouchableView(pageView_);
     passiveButton_.setTitle(kActiveButtonTitle);
-    backgroundView_->setBackgroundColor(platform::Color::clear());
+    backgroundView_->setBackgroundColor(ui::Color::clear());
   } else {
     pageView_->setAlpha(1.0);
     backgroundView_->setAlpha(1.0);
     view_->addTouchableView(pageView_);
     passiveButton_.setTitle(kPassiveButtonTitle);
     backgroundView_->setBackgroundColor(
-        platform::Color::black().withAlphaComponent(kBackgroundDimming));
+        ui::Color::black().withAlphaComponent(kBackgroundDimming));
   }
   passiveMode_ = !passiveMode_;
 }
 
 void KVRDebugOverlayViewController::closeButtonTapped() {
-  platform::uiEnv().mainQueue().async([] {
+  ui::uiEnv().mainQueue().async([] {
     if (auto center = KVRDebugMessageCenter::defaultCenter()) center->hideDebugMenu();
   });
 }
@@ -201,7 +201,7 @@ void KVRDebugOverlayViewController::tellPagesOverlayIsVisible(bool visible) {
 }
 
 void KVRDebugOverlayViewController::setPresenter(
-    const std::shared_ptr<platform::Presenter>& presenter) {
+    const std::shared_ptr<ui::Presenter>& presenter) {
   for (const auto& page : pages_) {
     if (auto table = dynamic_cast<KVRDebugTableViewController*>(page.get())) {
       table->setPresenter(presenter);

@@ -36,25 +36,25 @@ class KVRDebugLogsDataProvider;
 
 // A view that takes a touch only inside the frame of one of its touchable
 // views (frames in its own coordinates: its direct subviews').
-class KORVEL_EXPORT KVRCustomTouchPointView : public platform::ViewNode {
+class KORVEL_EXPORT KVRCustomTouchPointView : public ui::ViewNode {
  public:
   using ViewNode::ViewNode;
 
-  const std::vector<std::shared_ptr<platform::ViewNode>>& touchableViews() const {
+  const std::vector<std::shared_ptr<ui::ViewNode>>& touchableViews() const {
     return touchableViews_;
   }
   // Adding a view twice keeps one.
-  void addTouchableView(const std::shared_ptr<platform::ViewNode>& view);
-  void removeTouchableView(const std::shared_ptr<platform::ViewNode>& view);
-  bool isTouchable(const std::shared_ptr<platform::ViewNode>& view) const;
+  void addTouchableView(const std::shared_ptr<ui::ViewNode>& view);
+  void removeTouchableView(const std::shared_ptr<ui::ViewNode>& view);
+  bool isTouchable(const std::shared_ptr<ui::ViewNode>& view) const;
 
-  bool pointInside(platform::Point point) const override;
+  bool pointInside(ui::Point point) const override;
 
  private:
-  std::vector<std::shared_ptr<platform::ViewNode>> touchableViews_;
+  std::vector<std::shared_ptr<ui::ViewNode>> touchableViews_;
 };
 
-class KORVEL_EXPORT KVRDebugOverlayViewController : public platform::ViewController {
+class KORVEL_EXPORT KVRDebugOverlayViewController : public ui::ViewController {
  public:
   static constexpr const char* kPassiveButtonTitle = "Passive";  // shown while active
   static constexpr const char* kActiveButtonTitle = "Active";    // shown while passive
@@ -66,39 +66,39 @@ class KORVEL_EXPORT KVRDebugOverlayViewController : public platform::ViewControl
   static constexpr double kBackgroundDimming = 0.3;
 
   KVRDebugOverlayViewController(std::shared_ptr<KVRDebugLogsDataProvider> dataProvider,
-                                std::vector<std::shared_ptr<platform::ViewController>> pages);
+                                std::vector<std::shared_ptr<ui::ViewController>> pages);
   ~KVRDebugOverlayViewController() override;
 
   const std::shared_ptr<KVRDebugLogsDataProvider>& dataProvider() const { return dataProvider_; }
-  const std::vector<std::shared_ptr<platform::ViewController>>& debugViewControllers() const {
+  const std::vector<std::shared_ptr<ui::ViewController>>& debugViewControllers() const {
     return pages_;
   }
 
   // --- Views -------------------------------------------------------------
   const std::shared_ptr<KVRCustomTouchPointView>& view() const { return view_; }
-  const std::shared_ptr<platform::ViewNode>& backgroundView() const { return backgroundView_; }
-  const std::shared_ptr<platform::ViewNode>& pageView() const { return pageView_; }
-  const std::shared_ptr<platform::ViewNode>& passiveButtonView() const {
+  const std::shared_ptr<ui::ViewNode>& backgroundView() const { return backgroundView_; }
+  const std::shared_ptr<ui::ViewNode>& pageView() const { return pageView_; }
+  const std::shared_ptr<ui::ViewNode>& passiveButtonView() const {
     return passiveButtonView_;
   }
-  platform::Button& passiveButton() { return passiveButton_; }
-  platform::Button& closeButton() { return closeButton_; }
-  platform::Label& titleLabel() { return titleLabel_; }
+  ui::Button& passiveButton() { return passiveButton_; }
+  ui::Button& closeButton() { return closeButton_; }
+  ui::Label& titleLabel() { return titleLabel_; }
   // Frames for an overlay of this size: the page view inset from the edges
   // below the passive button, which sits at the top left.
-  void layoutForBounds(const platform::Rect& bounds);
+  void layoutForBounds(const ui::Rect& bounds);
 
   // --- Paging ------------------------------------------------------------
   // The page before or after page; null at either end (pages do not wrap).
-  std::shared_ptr<platform::ViewController> viewControllerBefore(
-      const platform::ViewController& page) const;
-  std::shared_ptr<platform::ViewController> viewControllerAfter(
-      const platform::ViewController& page) const;
+  std::shared_ptr<ui::ViewController> viewControllerBefore(
+      const ui::ViewController& page) const;
+  std::shared_ptr<ui::ViewController> viewControllerAfter(
+      const ui::ViewController& page) const;
   // The page indicator.
   size_t presentationCount() const { return pages_.size(); }
   size_t presentationIndex() const { return currentIndex_; }
   // Null without pages.
-  std::shared_ptr<platform::ViewController> currentViewController() const;
+  std::shared_ptr<ui::ViewController> currentViewController() const;
   // Shows the page at index (ignored past the end) and puts its title in
   // the title label; while the overlay is shown, the former page disappears
   // and the new one appears.
@@ -128,24 +128,24 @@ class KORVEL_EXPORT KVRDebugOverlayViewController : public platform::ViewControl
   void closeButtonTapped();
 
   // Hands presenter to every page that presents (held weakly by them).
-  void setPresenter(const std::shared_ptr<platform::Presenter>& presenter);
+  void setPresenter(const std::shared_ptr<ui::Presenter>& presenter);
 
  private:
   void tellPagesOverlayIsVisible(bool visible);
 
   std::shared_ptr<KVRDebugLogsDataProvider> dataProvider_;
-  std::vector<std::shared_ptr<platform::ViewController>> pages_;
+  std::vector<std::shared_ptr<ui::ViewController>> pages_;
   size_t currentIndex_ = 0;
   bool shown_ = false;
   bool passiveMode_ = false;
 
   std::shared_ptr<KVRCustomTouchPointView> view_;
-  std::shared_ptr<platform::ViewNode> backgroundView_;
-  std::shared_ptr<platform::ViewNode> pageView_;
-  std::shared_ptr<platform::ViewNode> passiveButtonView_;
-  platform::Button passiveButton_{kPassiveButtonTitle};
-  platform::Button closeButton_{kCloseButtonTitle};
-  platform::Label titleLabel_;
+  std::shared_ptr<ui::ViewNode> backgroundView_;
+  std::shared_ptr<ui::ViewNode> pageView_;
+  std::shared_ptr<ui::ViewNode> passiveButtonView_;
+  ui::Button passiveButton_{kPassiveButtonTitle};
+  ui::Button closeButton_{kCloseButtonTitle};
+  ui::Label titleLabel_;
 };
 
 }  // namespace korvel

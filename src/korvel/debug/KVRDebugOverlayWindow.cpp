@@ -8,6 +8,9 @@
 #include <korvel/debug/KVRPagesProvider.h>
 #include <korvel/foundation/internal/Mutex.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 namespace {
@@ -16,7 +19,7 @@ struct Seams {
   Mutex mutex;
   KVRDebugOverlayWindow::Factory factory KORVEL_GUARDED_BY(mutex);
   std::function<std::shared_ptr<KVRDebugWindow>()> mainWindow KORVEL_GUARDED_BY(mutex);
-  std::shared_ptr<platform::Presenter> presenter KORVEL_GUARDED_BY(mutex);
+  std::shared_ptr<ui::Presenter> presenter KORVEL_GUARDED_BY(mutex);
 };
 
 Seams& seams() {
@@ -81,22 +84,22 @@ void KVRDebugOverlayWindow::setFactory(Factory factory) {
   s.factory = std::move(factory);
 }
 
-void KVRDebugOverlayWindow::setDefaultPresenter(std::shared_ptr<platform::Presenter> presenter) {
+void KVRDebugOverlayWindow::setDefaultPresenter(std::shared_ptr<ui::Presenter> presenter) {
   auto& s = seams();
   MutexLock lock(s.mutex);
   s.presenter = std::move(presenter);
 }
 
-std::shared_ptr<platform::Presenter> KVRDebugOverlayWindow::defaultPresenter() {
+std::shared_ptr<ui::Presenter> KVRDebugOverlayWindow::defaultPresenter() {
   auto& s = seams();
   MutexLock lock(s.mutex);
   return s.presenter;
 }
 
 KVRDebugOverlayWindow::KVRDebugOverlayWindow()
-    : windowView_(std::make_shared<platform::ViewNode>("window")),
+    : windowView_(std::make_shared<ui::ViewNode>("window")),
       presenter_(defaultPresenter()) {
-  windowView_->setFrame(platform::Screen::mainScreenBounds());
+  windowView_->setFrame(ui::Screen::mainScreenBounds());
 }
 
 KVRDebugOverlayWindow::~KVRDebugOverlayWindow() = default;
@@ -120,9 +123,9 @@ void KVRDebugOverlayWindow::setUpDebugMenu() {
   overlayViewController_->setPresenter(presenter_);
 }
 
-std::shared_ptr<platform::ViewNode> KVRDebugOverlayWindow::hitTest(platform::Point point) {
+std::shared_ptr<ui::ViewNode> KVRDebugOverlayWindow::hitTest(ui::Point point) {
   if (isHidden()) return nullptr;
-  const platform::Point local{point.x - windowView_->frame().origin.x,
+  const ui::Point local{point.x - windowView_->frame().origin.x,
                               point.y - windowView_->frame().origin.y};
   auto hit = windowView_->hitTest(local);
   if (hit == windowView_) return nullptr;
@@ -142,7 +145,7 @@ void KVRDebugOverlayWindow::hideDebugMenu() {
   debugMenuActive_ = false;
 }
 
-void KVRDebugOverlayWindow::setPresenter(std::shared_ptr<platform::Presenter> presenter) {
+void KVRDebugOverlayWindow::setPresenter(std::shared_ptr<ui::Presenter> presenter) {
   presenter_ = std::move(presenter);
   if (overlayViewController_) overlayViewController_->setPresenter(presenter_);
 }

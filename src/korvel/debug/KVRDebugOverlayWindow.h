@@ -86,8 +86,8 @@ class KORVEL_EXPORT KVRDebugOverlayWindow : public KVRDebugWindow {
 
   // Where every overlay built from now on presents alerts, share sheets and
   // mail (a host's renderer installs one); held strongly. Null drops it.
-  static void setDefaultPresenter(std::shared_ptr<platform::Presenter> presenter);
-  static std::shared_ptr<platform::Presenter> defaultPresenter();
+  static void setDefaultPresenter(std::shared_ptr<ui::Presenter> presenter);
+  static std::shared_ptr<ui::Presenter> defaultPresenter();
 
   // A window with the main screen's bounds and no menu yet.
   KVRDebugOverlayWindow();
@@ -105,17 +105,17 @@ class KORVEL_EXPORT KVRDebugOverlayWindow : public KVRDebugWindow {
 
   // The window as a view (frame = its bounds on the screen); the root view
   // controller's view is its only subview.
-  const std::shared_ptr<platform::ViewNode>& windowView() const { return windowView_; }
-  platform::Rect frame() const { return windowView_->frame(); }
+  const std::shared_ptr<ui::ViewNode>& windowView() const { return windowView_; }
+  ui::Rect frame() const { return windowView_->frame(); }
   // The root view follows (the main screen changed size, say).
-  void setFrame(const platform::Rect& frame) { windowView_->setFrame(frame); }
+  void setFrame(const ui::Rect& frame) { windowView_->setFrame(frame); }
 
   // The view under point (screen coordinates) that takes the touch: null
   // when the window is hidden, or when the hit is the window itself or the
   // root view (an empty part of the overlay), so the touch falls through to
   // the application.
-  virtual std::shared_ptr<platform::ViewNode> hitTest(platform::Point point);
-  bool takesTouchAt(platform::Point point) { return hitTest(point) != nullptr; }
+  virtual std::shared_ptr<ui::ViewNode> hitTest(ui::Point point);
+  bool takesTouchAt(ui::Point point) { return hitTest(point) != nullptr; }
 
   // Shows or hides the debug menu; each does nothing when the menu already
   // is in that state.
@@ -124,14 +124,14 @@ class KORVEL_EXPORT KVRDebugOverlayWindow : public KVRDebugWindow {
   bool debugMenuActive() const { return debugMenuActive_; }
 
   // Where this window's pages present (the default presenter unless set).
-  std::shared_ptr<platform::Presenter> presenter() const { return presenter_; }
-  void setPresenter(std::shared_ptr<platform::Presenter> presenter);
+  std::shared_ptr<ui::Presenter> presenter() const { return presenter_; }
+  void setPresenter(std::shared_ptr<ui::Presenter> presenter);
 
  private:
   bool debugMenuActive_ = false;
-  std::shared_ptr<platform::ViewNode> windowView_;
+  std::shared_ptr<ui::ViewNode> windowView_;
   std::shared_ptr<KVRDebugOverlayViewController> overlayViewController_;
-  std::shared_ptr<platform::Presenter> presenter_;
+  std::shared_ptr<ui::Presenter> presenter_;
 };
 
 }  // namespace korvel

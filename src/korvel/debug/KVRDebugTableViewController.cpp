@@ -7,7 +7,7 @@
 
 namespace korvel {
 
-KVRDebugTableViewController::KVRDebugTableViewController(platform::TableViewStyle style)
+KVRDebugTableViewController::KVRDebugTableViewController(ui::TableViewStyle style)
     : TableViewController(style) {}
 
 KVRDebugTableViewController::~KVRDebugTableViewController() {
@@ -20,14 +20,14 @@ void KVRDebugTableViewController::loadView() {
   tableView_.setDelegate(this);
 }
 
-std::vector<platform::MenuAction> KVRDebugTableViewController::contextMenuActionsForRow(
-    platform::IndexPath indexPath) {
+std::vector<ui::MenuAction> KVRDebugTableViewController::contextMenuActionsForRow(
+    ui::IndexPath indexPath) {
   // The menu can outlive a reload; copyRow() checks the row again.
-  return {platform::MenuAction{kCopyActionTitle, kCopyActionImage,
+  return {ui::MenuAction{kCopyActionTitle, kCopyActionImage,
                                [this, indexPath] { copyRow(indexPath); }}};
 }
 
-std::shared_ptr<platform::Presenter> KVRDebugTableViewController::presenterFor(
+std::shared_ptr<ui::Presenter> KVRDebugTableViewController::presenterFor(
     const char* what) const {
   auto presenter = presenter_.lock();
   if (!presenter) {

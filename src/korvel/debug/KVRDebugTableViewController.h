@@ -30,34 +30,34 @@ class KORVEL_EXPORT KVRDebugOverlayVisibilityObserver {
   virtual void setOverlayIsVisible(bool visible) = 0;
 };
 
-class KORVEL_EXPORT KVRDebugTableViewController : public platform::TableViewController,
-                                    public platform::TableViewDataSource,
-                                    public platform::TableViewDelegate {
+class KORVEL_EXPORT KVRDebugTableViewController : public ui::TableViewController,
+                                    public ui::TableViewDataSource,
+                                    public ui::TableViewDelegate {
  public:
   static constexpr const char* kCopyActionTitle = "Copy";
   static constexpr const char* kCopyActionImage = "doc.on.doc";
 
-  explicit KVRDebugTableViewController(platform::TableViewStyle style);
+  explicit KVRDebugTableViewController(ui::TableViewStyle style);
   ~KVRDebugTableViewController() override;
 
-  platform::TableView& tableView() { return tableView_; }
-  const platform::TableView& tableView() const { return tableView_; }
+  ui::TableView& tableView() { return tableView_; }
+  const ui::TableView& tableView() const { return tableView_; }
 
   // The screen's buttons, in the order a toolbar shows them; they live as
   // long as the screen.
-  virtual std::vector<platform::Button*> toolbarButtons() { return {}; }
+  virtual std::vector<ui::Button*> toolbarButtons() { return {}; }
 
   // Where alerts, share sheets and mail go; held weakly. Without one they
   // are dropped (and logged).
-  std::shared_ptr<platform::Presenter> presenter() const { return presenter_.lock(); }
-  void setPresenter(std::weak_ptr<platform::Presenter> presenter) {
+  std::shared_ptr<ui::Presenter> presenter() const { return presenter_.lock(); }
+  void setPresenter(std::weak_ptr<ui::Presenter> presenter) {
     presenter_ = std::move(presenter);
   }
 
   // Every row offers "Copy" (image "doc.on.doc"), which runs copyRow().
-  std::vector<platform::MenuAction> contextMenuActionsForRow(platform::IndexPath indexPath) override;
+  std::vector<ui::MenuAction> contextMenuActionsForRow(ui::IndexPath indexPath) override;
   // Puts the row's content on the general pasteboard.
-  virtual void copyRow(platform::IndexPath indexPath) = 0;
+  virtual void copyRow(ui::IndexPath indexPath) = 0;
 
  protected:
   // Makes this screen the table's data source and delegate.
@@ -65,12 +65,12 @@ class KORVEL_EXPORT KVRDebugTableViewController : public platform::TableViewCont
 
   // The presenter, or null after logging that what was to be shown (what)
   // had nowhere to go.
-  std::shared_ptr<platform::Presenter> presenterFor(const char* what) const;
+  std::shared_ptr<ui::Presenter> presenterFor(const char* what) const;
 
-  platform::TableView tableView_;
+  ui::TableView tableView_;
 
  private:
-  std::weak_ptr<platform::Presenter> presenter_;
+  std::weak_ptr<ui::Presenter> presenter_;
 };
 
 }  // namespace korvel

@@ -58,7 +58,7 @@ class KVRDebugTagInfoTableViewController::Forwarder {
 };
 
 KVRDebugTagInfoTableViewController::KVRDebugTagInfoTableViewController()
-    : KVRDebugTableViewController(platform::TableViewStyle::Grouped),
+    : KVRDebugTableViewController(ui::TableViewStyle::Grouped),
       forwarder_(std::make_shared<Forwarder>(this)) {
   setTitle(kTitle);
   playButton_.setImageSystemName(kPlayImage);
@@ -91,7 +91,7 @@ void KVRDebugTagInfoTableViewController::observe(std::string_view name) {
       std::string(name), [weak](const platform::Notification& notification) {
         // Posted on any thread; the screen changes on the main queue only.
         auto result = resultOfNotification(notification.name, notification.object);
-        platform::uiEnv().mainQueue().async([weak, result = std::move(result)]() mutable {
+        ui::uiEnv().mainQueue().async([weak, result = std::move(result)]() mutable {
           auto forwarder = weak.lock();
           if (forwarder && forwarder->screen()) forwarder->screen()->updateTagResult(std::move(result));
         });
@@ -118,9 +118,9 @@ KVRDebugTagInfoTableViewController::sectionsForTagResult(const KVRTagResultInfo*
     metadata.rows.push_back(Row{kAlbumArtURLRowTitle, albumArt});
     if (auto date = result->date()) {
       metadata.rows.push_back(Row{kTagDateRowTitle,
-                                  platform::formatDate(date->secondsSince1970,
-                                                       platform::DateFormatStyle::Long,
-                                                       platform::DateFormatStyle::Long)});
+                                  formatDate(date->secondsSince1970,
+                                                       DateFormatStyle::Long,
+                                                       DateFormatStyle::Long)});
     }
   }
   std::vector<Section> sections{std::move(metadata)};
@@ -153,7 +153,7 @@ void KVRDebugTagInfoTableViewController::prepareAudioPlayer() {
   if (hasFiles) {
     const auto path = KVRDebugDataPersister::debugFilePathForUniqueId(
         tagResult_->tagID().value_or(""), KVRDebugDataPersister::kAudioExtension);
-    if (path) audioPlayer_ = platform::uiEnv().makeAudioPlayer(path->string());
+    if (path) audioPlayer_ = ui::uiEnv().makeAudioPlayer(path->string());
     if (audioPlayer_) {
       audioPlayer_->finishedPlaying = [weak = std::weak_ptr<Forwarder>(forwarder_)] {
         auto forwarder = weak.lock();
@@ -202,9 +202,9 @@ size_t KVRDebugTagInfoTableViewController::numberOfRowsInSection(size_t section)
   return section < sections_.size() ? sections_[section].rows.size() : 0;
 }
 
-platform::TableCell KVRDebugTagInfoTableViewController::cellForRow(
-    platform::IndexPath indexPath) const {
-  platform::TableCell cell;
+ui::TableCell KVRDebugTagInfoTableViewController::cellForRow(
+    ui::IndexPath indexPath) const {
+  ui::TableCell cell;
   if (indexPath.section >= sections_.size()) return cell;
   const auto& rows = sections_[indexPath.section].rows;
   if (indexPath.row >= rows.size()) return cell;
@@ -220,12 +220,12 @@ std::optional<std::string> KVRDebugTagInfoTableViewController::titleForHeaderInS
   return sections_[section].title;
 }
 
-void KVRDebugTagInfoTableViewController::copyRow(platform::IndexPath indexPath) {
+void KVRDebugTagInfoTableViewController::copyRow(ui::IndexPath indexPath) {
   if (indexPath.section >= sections_.size()) return;
   const auto& rows = sections_[indexPath.section].rows;
   if (indexPath.row >= rows.size()) return;
   const Row& row = rows[indexPath.row];
-  platform::Pasteboard::general().setString(row.value.value_or(row.title));
+  ui::Pasteboard::general().setString(row.value.value_or(row.title));
 }
 
 }  // namespace korvel

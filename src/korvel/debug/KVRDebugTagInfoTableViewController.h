@@ -88,21 +88,21 @@ class KORVEL_EXPORT KVRDebugTagInfoTableViewController : public KVRDebugTableVie
 
   // Shown when the attempt has an audio or a signature file; enabled when a
   // player could be prepared.
-  platform::Button& playButton() { return playButton_; }
-  platform::Button& emailButton() { return emailButton_; }
-  std::vector<platform::Button*> toolbarButtons() override { return {&playButton_, &emailButton_}; }
+  ui::Button& playButton() { return playButton_; }
+  ui::Button& emailButton() { return emailButton_; }
+  std::vector<ui::Button*> toolbarButtons() override { return {&playButton_, &emailButton_}; }
   void playButtonTapped();
   void emailButtonTapped();
-  platform::AudioPlayer* audioPlayer() const { return audioPlayer_.get(); }
+  ui::AudioPlayer* audioPlayer() const { return audioPlayer_.get(); }
   bool isPlaying() const { return playing_; }
   // The manager of the last e-mail, kept while the composer is up.
   const std::shared_ptr<KVRDebugEmailManager>& emailManager() const { return emailManager_; }
 
   size_t numberOfSections() const override { return sections_.size(); }
   size_t numberOfRowsInSection(size_t section) const override;
-  platform::TableCell cellForRow(platform::IndexPath indexPath) const override;
+  ui::TableCell cellForRow(ui::IndexPath indexPath) const override;
   std::optional<std::string> titleForHeaderInSection(size_t section) const override;
-  void copyRow(platform::IndexPath indexPath) override;
+  void copyRow(ui::IndexPath indexPath) override;
 
  private:
   class Forwarder;
@@ -113,11 +113,11 @@ class KORVEL_EXPORT KVRDebugTagInfoTableViewController : public KVRDebugTableVie
 
   std::shared_ptr<const KVRTagResultInfo> tagResult_;
   std::vector<Section> sections_;
-  std::unique_ptr<platform::AudioPlayer> audioPlayer_;
+  std::unique_ptr<ui::AudioPlayer> audioPlayer_;
   bool playing_ = false;
   std::shared_ptr<KVRDebugEmailManager> emailManager_;
-  platform::Button playButton_{kPlayTitle};
-  platform::Button emailButton_{kEmailButtonTitle};
+  ui::Button playButton_{kPlayTitle};
+  ui::Button emailButton_{kEmailButtonTitle};
   std::shared_ptr<Forwarder> forwarder_;
   std::vector<platform::ObserverRegistration> observers_;
 };

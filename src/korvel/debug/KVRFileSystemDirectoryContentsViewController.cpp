@@ -56,7 +56,7 @@ KVRParameters KVRFileSystemDirectoryContentsViewController::Entry::record() cons
 }
 
 KVRFileSystemDirectoryContentsViewController::KVRFileSystemDirectoryContentsViewController()
-    : KVRDebugTableViewController(platform::TableViewStyle::Plain) {
+    : KVRDebugTableViewController(ui::TableViewStyle::Plain) {
   setTitle(kTitle);
   tableView_.setAllowsMultipleSelection(true);
   shareButton_.setImageSystemName("square.and.arrow.up");
@@ -138,9 +138,9 @@ void KVRFileSystemDirectoryContentsViewController::shareButtonTapped() {
   auto presenter = presenterFor("share sheet");
   if (!presenter) return;
   if (chosen.empty()) {
-    platform::Alert alert{kNothingToShareTitle, kNothingToShareMessage,
-                          platform::AlertStyle::Alert,
-                          {platform::AlertAction{kOKTitle, platform::AlertActionStyle::Default, {}}}};
+    ui::Alert alert{kNothingToShareTitle, kNothingToShareMessage,
+                          ui::AlertStyle::Alert,
+                          {ui::AlertAction{kOKTitle, ui::AlertActionStyle::Default, {}}}};
     presenter->presentAlert(std::move(alert), true, nullptr);
     return;
   }
@@ -168,9 +168,9 @@ void KVRFileSystemDirectoryContentsViewController::shareButtonTapped() {
     copies.push_back(copy);
   }
   if (copies.empty()) return;
-  auto sheet = std::make_shared<platform::ActivityViewController>(std::move(copies));
+  auto sheet = std::make_shared<ui::ActivityViewController>(std::move(copies));
   sheet->setSourceButton(&shareButton_);
-  presenter->presentViewController(std::move(sheet), platform::ModalPresentationStyle::Automatic,
+  presenter->presentViewController(std::move(sheet), ui::ModalPresentationStyle::Automatic,
                                    true, nullptr);
 }
 
@@ -184,12 +184,12 @@ void KVRFileSystemDirectoryContentsViewController::clearButtonTapped() {
     for (const auto& entry : entries_) targets.push_back(entry.url);
   }
   // The list is taken now: what the user saw when asked is what goes.
-  platform::Alert alert{all ? kDeleteAllTitle : kDeleteSelectedTitle,
+  ui::Alert alert{all ? kDeleteAllTitle : kDeleteSelectedTitle,
                         all ? kDeleteAllMessage : kDeleteSelectedMessage,
-                        platform::AlertStyle::Alert,
-                        {platform::AlertAction{kCancelTitle, platform::AlertActionStyle::Cancel, {}},
-                         platform::AlertAction{kDeleteActionTitle,
-                                               platform::AlertActionStyle::Destructive,
+                        ui::AlertStyle::Alert,
+                        {ui::AlertAction{kCancelTitle, ui::AlertActionStyle::Cancel, {}},
+                         ui::AlertAction{kDeleteActionTitle,
+                                               ui::AlertActionStyle::Destructive,
                                                [this, targets] { deleteEntries(targets); }}}};
   presenter->presentAlert(std::move(alert), true, nullptr);
 }
@@ -212,9 +212,9 @@ size_t KVRFileSystemDirectoryContentsViewController::numberOfRowsInSection(size_
   return section == 0 ? entries_.size() : 0;
 }
 
-platform::TableCell KVRFileSystemDirectoryContentsViewController::cellForRow(
-    platform::IndexPath indexPath) const {
-  platform::TableCell cell;
+ui::TableCell KVRFileSystemDirectoryContentsViewController::cellForRow(
+    ui::IndexPath indexPath) const {
+  ui::TableCell cell;
   if (indexPath.section != 0 || indexPath.row >= entries_.size()) return cell;
   const Entry& entry = entries_[indexPath.row];
   cell.text = entry.url.filename().string();
@@ -224,9 +224,9 @@ platform::TableCell KVRFileSystemDirectoryContentsViewController::cellForRow(
   return cell;
 }
 
-void KVRFileSystemDirectoryContentsViewController::copyRow(platform::IndexPath indexPath) {
+void KVRFileSystemDirectoryContentsViewController::copyRow(ui::IndexPath indexPath) {
   if (indexPath.section != 0 || indexPath.row >= entries_.size()) return;
-  platform::Pasteboard::general().setString(entries_[indexPath.row].url.string());
+  ui::Pasteboard::general().setString(entries_[indexPath.row].url.string());
 }
 
 }  // namespace korvel

@@ -88,9 +88,9 @@ class KORVEL_EXPORT KVRFileSystemDirectoryContentsViewController : public KVRDeb
   void reloadContents();
   const std::vector<Entry>& entries() const { return entries_; }
 
-  platform::Button& shareButton() { return shareButton_; }
-  platform::Button& clearButton() { return clearButton_; }
-  std::vector<platform::Button*> toolbarButtons() override { return {&shareButton_, &clearButton_}; }
+  ui::Button& shareButton() { return shareButton_; }
+  ui::Button& clearButton() { return clearButton_; }
+  std::vector<ui::Button*> toolbarButtons() override { return {&shareButton_, &clearButton_}; }
   void shareButtonTapped();
   void clearButtonTapped();
 
@@ -100,8 +100,8 @@ class KORVEL_EXPORT KVRFileSystemDirectoryContentsViewController : public KVRDeb
   static std::string sharedFileName(std::string_view lastPathComponent);
 
   size_t numberOfRowsInSection(size_t section) const override;
-  platform::TableCell cellForRow(platform::IndexPath indexPath) const override;
-  void copyRow(platform::IndexPath indexPath) override;
+  ui::TableCell cellForRow(ui::IndexPath indexPath) const override;
+  void copyRow(ui::IndexPath indexPath) override;
 
  private:
   std::vector<const Entry*> selectedEntries() const;
@@ -109,8 +109,8 @@ class KORVEL_EXPORT KVRFileSystemDirectoryContentsViewController : public KVRDeb
 
   std::vector<Entry> entries_;
   std::optional<std::filesystem::path> temporaryDirectory_;
-  platform::Button shareButton_{kShareButtonTitle};
-  platform::Button clearButton_{kClearButtonTitle};
+  ui::Button shareButton_{kShareButtonTitle};
+  ui::Button clearButton_{kClearButtonTitle};
 };
 
 }  // namespace korvel

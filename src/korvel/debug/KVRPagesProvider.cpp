@@ -14,7 +14,7 @@
 
 namespace korvel {
 
-std::vector<std::shared_ptr<platform::ViewController>> KVRPagesProvider::viewControllers() const {
+std::vector<std::shared_ptr<ui::ViewController>> KVRPagesProvider::viewControllers() const {
   return {
       std::make_shared<KVRDebugLogViewController>(dataProvider_),
       std::make_shared<KVRDebugAppInfoViewController>(),
@@ -25,7 +25,7 @@ std::vector<std::shared_ptr<platform::ViewController>> KVRPagesProvider::viewCon
   };
 }
 
-platform::Bundle kvr_resourcesBundle() {
+ui::Bundle kvr_resourcesBundle() {
   // Any code of the record class will do: it is linked wherever the library
   // is, whether as a shared object or inside the executable.
   KVRTaskPtr (*code)(std::string_view) = &KVRReliableNetworkingTask::unarchive;
@@ -34,11 +34,11 @@ platform::Bundle kvr_resourcesBundle() {
   if (dladdr(address, &info) != 0 && info.dli_fname != nullptr && info.dli_fname[0] != '\0') {
     std::error_code error;
     auto path = std::filesystem::weakly_canonical(info.dli_fname, error);
-    return platform::Bundle{error ? std::string(info.dli_fname) : path.string()};
+    return ui::Bundle{error ? std::string(info.dli_fname) : path.string()};
   }
   std::error_code error;
   auto self = std::filesystem::read_symlink("/proc/self/exe", error);
-  return platform::Bundle{error ? std::string() : self.string()};
+  return ui::Bundle{error ? std::string() : self.string()};
 }
 
 }  // namespace korvel

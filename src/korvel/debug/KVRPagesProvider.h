@@ -32,7 +32,7 @@ class KORVEL_EXPORT KVRPagesProvider {
   // New pages, each call: the beacon log (on the data provider), the
   // application information, the configuration switcher, the debug files,
   // the user defaults and the tag information.
-  std::vector<std::shared_ptr<platform::ViewController>> viewControllers() const;
+  std::vector<std::shared_ptr<ui::ViewController>> viewControllers() const;
 
  private:
   std::shared_ptr<KVRDebugLogsDataProvider> dataProvider_;
@@ -41,6 +41,6 @@ class KORVEL_EXPORT KVRPagesProvider {
 // The binary that contains this library's classes (found from the address
 // of KVRReliableNetworkingTask's code): its path as the bundle's identifier.
 // The running executable when the library is linked in statically.
-KORVEL_EXPORT platform::Bundle kvr_resourcesBundle();
+KORVEL_EXPORT ui::Bundle kvr_resourcesBundle();
 
 }  // namespace korvel

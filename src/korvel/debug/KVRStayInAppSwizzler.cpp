@@ -2,10 +2,13 @@
 
 #include <korvel/foundation/internal/Mutex.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 struct KVRStayInAppSwizzler::Impl {
-  explicit Impl(platform::Application& app) : application(app) {}
+  explicit Impl(ui::Application& app) : application(app) {}
 
   void exchangeImplementations() KORVEL_REQUIRES(mutex) {
     if (!swizzleEnabled) {
@@ -27,11 +30,11 @@ struct KVRStayInAppSwizzler::Impl {
     }
   }
 
-  platform::Application& application;
+  ui::Application& application;
   mutable Mutex mutex;
   // What the swizzler's own blockedOpenURL slot holds: the blocking
   // implementation, or, while enabled, the application's former one.
-  platform::Application::OpenURLImplementation ownImplementation KORVEL_GUARDED_BY(mutex) =
+  ui::Application::OpenURLImplementation ownImplementation KORVEL_GUARDED_BY(mutex) =
       &KVRStayInAppSwizzler::blockedOpenURL;
   // Whether the application defined openURL itself before the first
   // exchange (so restoring can leave it undefined again).
@@ -39,7 +42,7 @@ struct KVRStayInAppSwizzler::Impl {
   bool swizzleEnabled KORVEL_GUARDED_BY(mutex) = false;
 };
 
-KVRStayInAppSwizzler::KVRStayInAppSwizzler(platform::Application& application)
+KVRStayInAppSwizzler::KVRStayInAppSwizzler(ui::Application& application)
     : impl_(std::make_unique<Impl>(application)) {}
 
 KVRStayInAppSwizzler::~KVRStayInAppSwizzler() {
@@ -49,7 +52,7 @@ KVRStayInAppSwizzler::~KVRStayInAppSwizzler() {
 
 std::shared_ptr<KVRStayInAppSwizzler> KVRStayInAppSwizzler::sharedSwizzler() {
   static auto* swizzler = new std::shared_ptr<KVRStayInAppSwizzler>(
-      std::make_shared<KVRStayInAppSwizzler>(platform::Application::shared()));
+      std::make_shared<KVRStayInAppSwizzler>(ui::Application::shared()));
   return *swizzler;
 }
 

@@ -24,12 +24,12 @@ namespace korvel {
 
 class KORVEL_EXPORT KVRStayInAppSwizzler {
  public:
-  explicit KVRStayInAppSwizzler(platform::Application& application = platform::Application::shared());
+  explicit KVRStayInAppSwizzler(ui::Application& application = ui::Application::shared());
   ~KVRStayInAppSwizzler();
   KVRStayInAppSwizzler(const KVRStayInAppSwizzler&) = delete;
   KVRStayInAppSwizzler& operator=(const KVRStayInAppSwizzler&) = delete;
 
-  // The swizzler of platform::Application::shared().
+  // The swizzler of ui::Application::shared().
   static std::shared_ptr<KVRStayInAppSwizzler> sharedSwizzler();
 
   // False after construction.

@@ -8,7 +8,7 @@ namespace korvel {
 
 KVRUserDefaultsDebugViewController::KVRUserDefaultsDebugViewController(
     std::shared_ptr<KVNUserDefaults> defaults)
-    : KVRDebugTableViewController(platform::TableViewStyle::Plain), defaults_(std::move(defaults)) {
+    : KVRDebugTableViewController(ui::TableViewStyle::Plain), defaults_(std::move(defaults)) {
   setTitle(kTitle);
 }
 
@@ -26,15 +26,15 @@ void KVRUserDefaultsDebugViewController::viewWillAppear(bool animated) {
 void KVRUserDefaultsDebugViewController::reloadDefaults() {
   auto defaults = defaults_ ? defaults_ : KVNUserDefaults::sharedUserDefaults();
   entries_ = defaults ? defaults->dictionaryRepresentation() : KVRParameters();
-  keys_ = platform::sortedLocalizedCaseInsensitive(entries_.keys());
+  keys_ = sortedLocalizedCaseInsensitive(entries_.keys());
   tableView_.reloadData();
 }
 
-platform::StyledText KVRUserDefaultsDebugViewController::rowText(const std::string& key,
+ui::StyledText KVRUserDefaultsDebugViewController::rowText(const std::string& key,
                                                                  const KVRValue& value) {
-  platform::StyledText text(key, platform::FontWeight::Bold, kFontSize,
-                            platform::TextColor::SystemBlue);
-  text.append(" = " + describe(value), platform::FontWeight::Regular, kFontSize);
+  ui::StyledText text(key, ui::FontWeight::Bold, kFontSize,
+                            ui::TextColor::SystemBlue);
+  text.append(" = " + describe(value), ui::FontWeight::Regular, kFontSize);
   return text;
 }
 
@@ -42,9 +42,9 @@ size_t KVRUserDefaultsDebugViewController::numberOfRowsInSection(size_t section)
   return section == 0 ? keys_.size() : 0;
 }
 
-platform::TableCell KVRUserDefaultsDebugViewController::cellForRow(
-    platform::IndexPath indexPath) const {
-  platform::TableCell cell;
+ui::TableCell KVRUserDefaultsDebugViewController::cellForRow(
+    ui::IndexPath indexPath) const {
+  ui::TableCell cell;
   cell.numberOfLines = 0;
   if (indexPath.section != 0 || indexPath.row >= keys_.size()) return cell;
   const std::string& key = keys_[indexPath.row];
@@ -55,9 +55,9 @@ platform::TableCell KVRUserDefaultsDebugViewController::cellForRow(
   return cell;
 }
 
-void KVRUserDefaultsDebugViewController::copyRow(platform::IndexPath indexPath) {
+void KVRUserDefaultsDebugViewController::copyRow(ui::IndexPath indexPath) {
   if (indexPath.section != 0 || indexPath.row >= keys_.size()) return;
-  platform::Pasteboard::general().setString(cellForRow(indexPath).text);
+  ui::Pasteboard::general().setString(cellForRow(indexPath).text);
 }
 
 }  // namespace korvel

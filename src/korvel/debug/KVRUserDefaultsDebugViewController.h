@@ -41,12 +41,12 @@ class KORVEL_EXPORT KVRUserDefaultsDebugViewController : public KVRDebugTableVie
   void reloadDefaults();
   const std::vector<std::string>& sortedKeys() const { return keys_; }
 
-  static platform::StyledText rowText(const std::string& key, const KVRValue& value);
+  static ui::StyledText rowText(const std::string& key, const KVRValue& value);
 
   size_t numberOfRowsInSection(size_t section) const override;
-  platform::TableCell cellForRow(platform::IndexPath indexPath) const override;
-  bool shouldHighlightRow(platform::IndexPath) const override { return false; }
-  void copyRow(platform::IndexPath indexPath) override;
+  ui::TableCell cellForRow(ui::IndexPath indexPath) const override;
+  bool shouldHighlightRow(ui::IndexPath) const override { return false; }
+  void copyRow(ui::IndexPath indexPath) override;
 
  private:
   std::shared_ptr<KVNUserDefaults> defaults_;

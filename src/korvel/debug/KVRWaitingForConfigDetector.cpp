@@ -10,6 +10,9 @@
 #include <korvel/ui/MainQueue.h>
 #include <korvel/ui/UIEnv.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 // Shared with the tasks queued on the main queue, so a task that runs after
@@ -17,9 +20,9 @@ namespace korvel {
 struct KVRWaitingForConfigDetector::State {
   Mutex mutex;
   Callback callback KORVEL_GUARDED_BY(mutex);
-  std::optional<platform::MainQueue::TimerID> pollTimer KORVEL_GUARDED_BY(mutex);
+  std::optional<ui::MainQueue::TimerID> pollTimer KORVEL_GUARDED_BY(mutex);
   // Where pollTimer is scheduled.
-  platform::MainQueue* timerQueue KORVEL_GUARDED_BY(mutex) = nullptr;
+  ui::MainQueue* timerQueue KORVEL_GUARDED_BY(mutex) = nullptr;
   // Bumped by every unregister (and the destructor): queued starts and
   // timer ticks from before that are dropped.
   uint64_t generation KORVEL_GUARDED_BY(mutex) = 0;
@@ -78,8 +81,8 @@ void KVRWaitingForConfigDetector::startPolling() {
     MutexLock lock(state_->mutex);
     generation = state_->generation;
   }
-  platform::uiEnv().mainQueue().async([state = state_, generation] {
-    auto& queue = platform::uiEnv().mainQueue();
+  ui::uiEnv().mainQueue().async([state = state_, generation] {
+    auto& queue = ui::uiEnv().mainQueue();
     Callback callback;
     {
       MutexLock lock(state->mutex);

@@ -78,8 +78,8 @@ class KORVEL_EXPORT KVRWaitingForConfigView {
   // Offset of the title from the top edge, in points (the owner sets it to
   // the window's top safe-area inset, or 20).
   double titleTopConstraint = 0;
-  platform::ActivityIndicator activityIndicator;
-  platform::Label titleView{"Waiting for configuration…"};
+  ui::ActivityIndicator activityIndicator;
+  ui::Label titleView{"Waiting for configuration…"};
 };
 
 }  // namespace korvel

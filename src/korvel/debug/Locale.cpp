@@ -11,7 +11,10 @@
 
 #include <korvel/foundation/internal/Mutex.h>
 
-namespace korvel::platform {
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel {
 
 namespace {
 
@@ -165,4 +168,4 @@ std::vector<std::string> sortedLocalizedCaseInsensitive(std::vector<std::string>
   return texts;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel

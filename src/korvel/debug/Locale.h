@@ -12,7 +12,7 @@
 #include <string_view>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel {
 
 // An ICU locale identifier such as "en_US" or "de_DE".
 KORVEL_EXPORT std::string currentLocaleIdentifier();
@@ -38,4 +38,4 @@ KORVEL_EXPORT int localizedCaseInsensitiveCompare(std::string_view a, std::strin
 // fixed order (by their bytes).
 KORVEL_EXPORT std::vector<std::string> sortedLocalizedCaseInsensitive(std::vector<std::string> texts);
 
-}  // namespace korvel::platform
+}  // namespace korvel

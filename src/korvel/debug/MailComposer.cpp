@@ -28,9 +28,14 @@
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 
+using korvel::platform::createPrivateDirectories;
+using korvel::platform::env;
+using korvel::foundation::internal::isWellFormedUTF8;
+using korvel::platform::writeFileReplacing;
+
 extern char** environ;
 
-namespace korvel::platform {
+namespace korvel {
 
 // ---------------------------------------------------------------------------
 // MailComposer
@@ -65,8 +70,8 @@ void MailComposer::finish(MailComposeResult result, const std::optional<std::str
 
 namespace {
 
-platform::SharedSlot<MailComposerFactory>& factorySlot() {
-  static auto* slot = new platform::SharedSlot<MailComposerFactory>;
+foundation::internal::SharedSlot<MailComposerFactory>& factorySlot() {
+  static auto* slot = new foundation::internal::SharedSlot<MailComposerFactory>;
   return *slot;
 }
 
@@ -167,7 +172,7 @@ std::string fileNameParameter(std::string_view parameter, std::string_view fileN
     return (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') || (c >= '0' && c <= '9') ||
            (c != 0 && std::strchr("!#$&+-.^_`|~", c) != nullptr);
   };
-  return std::string(parameter) + "*=UTF-8''" + platform::percentEncode(fileName, isAttrChar);
+  return std::string(parameter) + "*=UTF-8''" + percentEncode(fileName, isAttrChar);
 }
 
 std::string rfc5322Date(double secondsSince1970) {
@@ -504,4 +509,4 @@ bool MailTransport::isUsable() const {
   return false;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel

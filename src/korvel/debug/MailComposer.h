@@ -32,7 +32,7 @@
 #include <korvel/foundation/Data.h>
 #include <korvel/ui/UI.h>
 
-namespace korvel::platform {
+namespace korvel {
 
 enum class MailComposeResult { Cancelled, Saved, Sent, Failed };
 
@@ -53,7 +53,7 @@ struct KORVEL_EXPORT MailAttachment {
   friend bool operator==(const MailAttachment&, const MailAttachment&) = default;
 };
 
-class KORVEL_EXPORT MailComposer : public ViewController {
+class KORVEL_EXPORT MailComposer : public ui::ViewController {
  public:
   const std::string& subject() const { return subject_; }
   void setSubject(std::string subject) { subject_ = std::move(subject); }
@@ -80,8 +80,8 @@ class KORVEL_EXPORT MailComposer : public ViewController {
     delegate_ = std::move(delegate);
   }
 
-  ModalPresentationStyle modalPresentationStyle() const { return presentationStyle_; }
-  void setModalPresentationStyle(ModalPresentationStyle style) { presentationStyle_ = style; }
+  ui::ModalPresentationStyle modalPresentationStyle() const { return presentationStyle_; }
+  void setModalPresentationStyle(ui::ModalPresentationStyle style) { presentationStyle_ = style; }
 
   // The user's actions on the presented composer. send() delivers the
   // message and tells the delegate Sent, or Failed with the reason;
@@ -104,7 +104,7 @@ class KORVEL_EXPORT MailComposer : public ViewController {
   bool isHTML_ = false;
   std::vector<MailAttachment> attachments_;
   std::weak_ptr<MailComposeDelegate> delegate_;
-  ModalPresentationStyle presentationStyle_ = ModalPresentationStyle::Automatic;
+  ui::ModalPresentationStyle presentationStyle_ = ui::ModalPresentationStyle::Automatic;
   bool finished_ = false;
 };
 
@@ -204,4 +204,4 @@ KORVEL_EXPORT std::string rfc5322Date(double secondsSince1970);
 
 }  // namespace mime
 
-}  // namespace korvel::platform
+}  // namespace korvel

@@ -10,7 +10,9 @@
 
 #include <korvel/platform/Files.h>
 
-namespace korvel::platform {
+using korvel::platform::writeFileReplacing;
+
+namespace korvel {
 
 namespace {
 
@@ -133,4 +135,4 @@ WaveWriteStatus writeWaveFile(const std::filesystem::path& path, const KVNPCMBuf
   return WaveWriteStatus::Written;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel

@@ -14,7 +14,7 @@
 
 #include <korvel/foundation/KVNTaggingDebugResult.h>
 
-namespace korvel::platform {
+namespace korvel {
 
 enum class WaveWriteStatus {
   Written = 0,
@@ -39,4 +39,4 @@ KORVEL_EXPORT WaveWriteStatus writeWaveFile(const std::filesystem::path& path, c
 KORVEL_EXPORT WaveWriteStatus writeWaveFile(const std::filesystem::path& path, const KVNPCMBuffer& buffer,
                               std::error_code& error);
 
-}  // namespace korvel::platform
+}  // namespace korvel

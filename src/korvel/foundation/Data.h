@@ -5,11 +5,11 @@
 #include <string_view>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel {
 
 using Data = std::vector<std::uint8_t>;
 
 // The bytes of a text, as they are.
 inline Data dataFromString(std::string_view text) { return Data(text.begin(), text.end()); }
 
-}  // namespace korvel::platform
+}  // namespace korvel

@@ -6,6 +6,9 @@
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/foundation/internal/SharedSlot.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 const char* const KVNConfigurationUnconfiguredInid = "KVN-UNCONFIGURED-INID";
@@ -50,7 +53,7 @@ struct KVNConfiguration::State {
   Mutex writeMutex;
   // Readers copy the pointer under the slot's short lock and then use the
   // immutable snapshot without any.
-  platform::SharedSlot<const Snapshot> snapshot;
+  foundation::internal::SharedSlot<const Snapshot> snapshot;
 };
 
 inline KVNConfiguration::State& KVNConfiguration::state() const noexcept {

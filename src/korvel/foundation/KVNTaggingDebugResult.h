@@ -42,7 +42,7 @@ struct KORVEL_EXPORT KVNAudioFormat {
 // (8-bit integer samples are unsigned, as WAVE has them).
 struct KORVEL_EXPORT KVNPCMBuffer {
   KVNAudioFormat format;
-  platform::Data frames;
+  Data frames;
   uint32_t frameLength = 0;
 };
 
@@ -51,7 +51,7 @@ struct KORVEL_EXPORT KVNTaggingDebugTag {
 };
 
 struct KORVEL_EXPORT KVNSignature {
-  platform::Data data;
+  Data data;
 };
 
 // One try at recognising the recording: the signature it picked, if any.

@@ -9,7 +9,7 @@
 
 #include <nlohmann/json.hpp>
 
-namespace korvel::platform {
+namespace korvel {
 
 namespace {
 
@@ -688,4 +688,4 @@ std::optional<bool> KeyedUnarchiver::decodeBool(std::string_view key) const {
   return value ? value->asBool() : std::nullopt;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel

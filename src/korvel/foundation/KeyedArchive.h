@@ -16,7 +16,7 @@
 
 #include <korvel/foundation/KVRParameters.h>
 
-namespace korvel::platform {
+namespace korvel {
 
 // Writes the archive as it goes: after every encode call the buffer holds a
 // complete archive. Encoding allocates nothing beyond the buffer's growth, so
@@ -99,4 +99,4 @@ class KORVEL_EXPORT KeyedUnarchiver {
   std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel

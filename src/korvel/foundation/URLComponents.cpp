@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-namespace korvel::platform {
+namespace korvel {
 
 namespace {
 
@@ -304,4 +304,4 @@ std::string percentDecode(std::string_view text) {
   return out;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel

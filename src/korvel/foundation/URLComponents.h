@@ -15,7 +15,7 @@
 #include <string_view>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel {
 
 struct KORVEL_EXPORT URLQueryItem {
   std::string name;
@@ -67,4 +67,4 @@ KORVEL_EXPORT std::string percentEncodeQueryComponent(std::string_view text);
 // alone: it is not a space in a URL's query.
 KORVEL_EXPORT std::string percentDecode(std::string_view text);
 
-}  // namespace korvel::platform
+}  // namespace korvel

@@ -2,7 +2,7 @@
 
 #include <cstdint>
 
-namespace korvel::platform {
+namespace korvel::foundation::internal {
 
 namespace {
 
@@ -56,4 +56,4 @@ bool isWellFormedUTF8(std::string_view text) {
   return true;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::foundation::internal

@@ -6,7 +6,7 @@
 
 #include <mutex>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 namespace {
 
@@ -86,4 +86,4 @@ FetchResult fetchConfiguration(const std::string& url, const std::optional<Cache
   return result;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -2,7 +2,7 @@
 #include <korvel/network/internal/ConfigurationFetch.h>
 #include <korvel/network/internal/WinHttp.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 FetchResult fetchConfiguration(const std::string& url, const std::optional<CachedURLResponse>& cached,
                                std::chrono::milliseconds timeout) {
@@ -28,4 +28,4 @@ FetchResult fetchConfiguration(const std::string& url, const std::optional<Cache
   return result;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

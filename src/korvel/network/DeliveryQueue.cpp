@@ -7,7 +7,9 @@
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/network/internal/DeliveryShared.h>
 
-namespace korvel::platform {
+using korvel::platform::LogLevel;
+
+namespace korvel::network::internal {
 
 namespace fs = std::filesystem;
 using namespace delivery;
@@ -204,4 +206,4 @@ void DurableRequestExecutor::noteHeldByPolicy() {
   }
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -8,7 +8,7 @@
 
 #include <korvel/foundation/internal/CivilTime.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 namespace {
 
@@ -155,4 +155,4 @@ std::chrono::milliseconds retryDelay(int attempt, std::chrono::milliseconds base
                                    static_cast<int64_t>(static_cast<double>(step - half) * jitter));
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -6,7 +6,7 @@
 
 #include <mutex>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 namespace {
 
@@ -117,4 +117,4 @@ std::unique_ptr<DeliveryTransport> makeSystemTransport(const std::atomic<bool>& 
   return std::make_unique<CurlTransport>(cancelled, options);
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

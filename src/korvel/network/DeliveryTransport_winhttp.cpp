@@ -2,7 +2,7 @@
 #include <korvel/network/internal/DeliveryTransport.h>
 #include <korvel/network/internal/WinHttp.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 namespace {
 
@@ -37,4 +37,4 @@ std::unique_ptr<DeliveryTransport> makeSystemTransport(const std::atomic<bool>& 
   return std::make_unique<WinHttpTransport>(cancelled, options);
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

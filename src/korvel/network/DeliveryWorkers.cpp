@@ -15,7 +15,12 @@
 #include <korvel/platform/Env.h>
 #include <korvel/platform/internal/Threads.h>
 
-namespace korvel::platform {
+using korvel::platform::LogLevel;
+using korvel::platform::env;
+using korvel::platform::internal::lowerThisThreadPriority;
+using korvel::platform::internal::nameThisThread;
+
+namespace korvel::network::internal {
 
 namespace fs = std::filesystem;
 using namespace delivery;
@@ -471,4 +476,4 @@ bool DurableRequestExecutor::startSender() {
   return true;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

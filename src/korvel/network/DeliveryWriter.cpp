@@ -21,7 +21,12 @@
 #include <korvel/platform/Env.h>
 #include <korvel/platform/internal/Threads.h>
 
-namespace korvel::platform {
+using korvel::platform::LogLevel;
+using korvel::platform::internal::batchThisThread;
+using korvel::platform::internal::nameThisThread;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::network::internal {
 
 using namespace delivery;
 
@@ -422,4 +427,4 @@ void DurableRequestExecutor::writerLoop() {
   mutex_.unlock();
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

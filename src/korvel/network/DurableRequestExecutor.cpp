@@ -12,7 +12,12 @@
 #include <korvel/platform/Env.h>
 #include <korvel/platform/internal/System.h>
 
-namespace korvel::platform {
+using korvel::platform::env;
+using korvel::platform::LogLevel;
+using korvel::platform::Logger;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::network::internal {
 
 namespace fs = std::filesystem;
 using namespace delivery;
@@ -386,4 +391,4 @@ void DurableRequestExecutor::markAwake(bool wakeable) {
   --wakeableWorkers_;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -14,7 +14,7 @@
 
 #include <korvel/network/internal/FileSystem.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 namespace {
 
@@ -174,4 +174,4 @@ uint64_t memoryPageBytes() {
   return bytes;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

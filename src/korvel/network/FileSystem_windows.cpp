@@ -32,7 +32,10 @@
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/network/internal/FileSystem.h>
 
-namespace korvel::platform {
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::network::internal {
 
 namespace {
 
@@ -546,4 +549,4 @@ uint64_t memoryPageBytes() {
   return bytes;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

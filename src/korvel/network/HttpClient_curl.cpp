@@ -5,7 +5,7 @@
 #include <cstring>
 #include <mutex>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 namespace {
 
@@ -73,4 +73,4 @@ HttpResponse httpGet(const std::string& url, std::chrono::milliseconds timeout) 
   return response;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

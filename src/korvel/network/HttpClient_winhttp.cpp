@@ -2,7 +2,7 @@
 #include <korvel/network/internal/HttpClient.h>
 #include <korvel/network/internal/WinHttp.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 HttpResponse httpGet(const std::string& url, std::chrono::milliseconds timeout) {
   thread_local WinHttpClient client;
@@ -20,4 +20,4 @@ HttpResponse httpGet(const std::string& url, std::chrono::milliseconds timeout) 
   return response;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -10,6 +10,10 @@
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Logging.h>
 
+using korvel::foundation::internal::CondVar;
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 namespace {
@@ -99,7 +103,7 @@ InProcessRequestExecutor::InProcessRequestExecutor(std::string sessionIdentifier
   static_assert(alignof(State) <= alignof(std::max_align_t));
   new (state_) State;
   worker_ = std::thread([this] {
-    platform::nameThisThread("korvel-send");
+    platform::internal::nameThisThread("korvel-send");
     state().run(transport_);
   });
 }

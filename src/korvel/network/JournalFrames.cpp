@@ -8,7 +8,7 @@
 #include <korvel/network/internal/RequestStore.h>
 #include <korvel/platform/internal/Cpu.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 using journal::get;
 using journal::put;
@@ -205,4 +205,4 @@ std::optional<size_t> findNextFrame(std::string_view data, size_t from) {
   uint64_t budget = UINT64_MAX;
   return findNextFrame(data, from, budget);
 }
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

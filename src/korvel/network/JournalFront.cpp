@@ -9,7 +9,10 @@
 #include <korvel/network/internal/JournalFront.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
 
-namespace korvel::platform {
+using korvel::platform::LogLevel;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::network::internal {
 
 namespace fs = std::filesystem;
 using namespace journal;
@@ -538,4 +541,4 @@ void JournalFront::syncDirectory() {
   files_.syncFolder(folder_);
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -6,7 +6,7 @@
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/RequestStore.h>
 
-namespace korvel::platform::journal {
+namespace korvel::network::internal::journal {
 
 namespace {
 
@@ -66,4 +66,4 @@ bool decodeMarks(std::string_view data, std::unordered_set<uint64_t>& into) {
 
 std::string errnoText(int error) { return std::generic_category().message(error); }
 
-}  // namespace korvel::platform::journal
+}  // namespace korvel::network::internal::journal

@@ -16,7 +16,11 @@
 #include <korvel/network/internal/JournalSegmentFiles.h>
 #include <korvel/network/internal/ReadDescriptors.h>
 
-namespace korvel::platform {
+using korvel::platform::LogLevel;
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::network::internal {
 
 using namespace journal;
 
@@ -610,4 +614,4 @@ std::unique_ptr<RequestStore> openJournalRequestStore(const RequestStoreOptions&
   return openJournalRequestStoreWithReason(options).store;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -8,7 +8,9 @@
 #include <korvel/network/internal/JournalRuns.h>
 #include <korvel/network/internal/JournalSegmentFiles.h>
 
-namespace korvel::platform {
+using korvel::platform::LogLevel;
+
+namespace korvel::network::internal {
 
 using namespace journal;
 
@@ -127,4 +129,4 @@ void adoptOrphanedJournals(FileSystem& files, FileHandle top, JournalFront& fron
   }
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -14,7 +14,11 @@
 #include <korvel/network/internal/JournalSegmentFiles.h>
 #include <korvel/platform/Files.h>
 
-namespace korvel::platform {
+using korvel::platform::LogLevel;
+using korvel::platform::createPrivateDirectories;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::network::internal {
 
 namespace fs = std::filesystem;
 using namespace journal;
@@ -325,4 +329,4 @@ uint64_t JournalFront::bytesOnDisk() const {
   return total;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

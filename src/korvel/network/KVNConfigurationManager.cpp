@@ -17,6 +17,10 @@
 #include <korvel/network/URLCache.h>
 #include <korvel/network/internal/ConfigurationFetch.h>
 
+using korvel::foundation::internal::CondVar;
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 const char* const kKVNLastConfigurationErrorDateKey = "kLastConfigurationErrorDate";
@@ -83,7 +87,7 @@ class Fetcher {
       pending_.push_back(std::move(completion));
       if (!thread_.joinable()) {
         thread_ = std::thread([this] {
-          platform::nameThisThread("korvel-config");
+          platform::internal::nameThisThread("korvel-config");
           run();
         });
       }
@@ -131,10 +135,10 @@ class Fetcher {
       return false;
     }
 
-    auto& cache = platform::URLCache::sharedURLCache();
+    auto& cache = URLCache::sharedURLCache();
     const auto cached = cache.cachedResponseForURL(url);
-    const platform::FetchResult result =
-        platform::fetchConfiguration(url, cached, KVNConfigurationManager::requestTimeout());
+    const network::internal::FetchResult result =
+        network::internal::fetchConfiguration(url, cached, KVNConfigurationManager::requestTimeout());
 
     std::string body;
     if (result.status == 200) {
@@ -158,7 +162,7 @@ class Fetcher {
       return false;
     }
     if (result.status == 200) {
-      platform::CachedURLResponse response;
+      CachedURLResponse response;
       response.body = result.body;
       response.etag = result.etag;
       response.lastModified = result.lastModified;

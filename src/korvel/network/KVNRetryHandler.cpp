@@ -5,6 +5,9 @@
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/network/KVNConfigurationManager.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 namespace {

@@ -6,7 +6,11 @@
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Env.h>
 
-namespace korvel::platform {
+using korvel::platform::env;
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel {
 
 struct URLCache::Impl {
   struct Entry {
@@ -90,4 +94,4 @@ size_t URLCache::currentBytes() const {
   return d.bytes_;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel

@@ -19,7 +19,7 @@
 #include <optional>
 #include <string>
 
-namespace korvel::platform {
+namespace korvel {
 
 struct KORVEL_EXPORT CachedURLResponse {
   long status = 200;
@@ -57,4 +57,4 @@ class KORVEL_EXPORT URLCache {
   const std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel

@@ -11,7 +11,7 @@
 #include <algorithm>
 
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 namespace {
 
@@ -302,4 +302,4 @@ WinHttpResponse WinHttpClient::get(const std::string& url, const WinHttpRequest&
   return response;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -98,7 +98,7 @@ void drawTextLayout(const TextLayout& layout) {
   ImGui::Dummy(ImVec2(std::max(layout.width, 1.0f), std::max(layout.height, 1.0f)));
 }
 
-void drawStyledText(const platform::StyledText& text, float wrapWidth) {
+void drawStyledText(const ui::StyledText& text, float wrapWidth) {
   drawTextLayout(layoutStyledText(text, wrapWidth, FontSet::current().metrics()));
 }
 

@@ -45,7 +45,7 @@ inline constexpr uint32_t kBoldFallbackColor = packColor(255, 214, 120);
 
 // Lays text out at the cursor, wrapped to wrapWidth, draws it and moves the
 // cursor below it. Honours the style's alpha (a dimmed overlay dims its text).
-KORVEL_EXPORT void drawStyledText(const platform::StyledText& text, float wrapWidth);
+KORVEL_EXPORT void drawStyledText(const ui::StyledText& text, float wrapWidth);
 // The same for a layout made earlier with FontSet::current().metrics().
 KORVEL_EXPORT void drawTextLayout(const TextLayout& layout);
 

@@ -17,20 +17,20 @@ namespace korvel::overlay {
 namespace {
 
 void later(std::function<void()> completion) {
-  if (completion) platform::uiEnv().mainQueue().async(std::move(completion));
+  if (completion) ui::uiEnv().mainQueue().async(std::move(completion));
 }
 
-ImVec2 sizeFor(platform::ModalPresentationStyle style) {
+ImVec2 sizeFor(ui::ModalPresentationStyle style) {
   const ImVec2 display = ImGui::GetIO().DisplaySize;
-  if (style == platform::ModalPresentationStyle::FullScreen ||
-      style == platform::ModalPresentationStyle::OverFullScreen) {
+  if (style == ui::ModalPresentationStyle::FullScreen ||
+      style == ui::ModalPresentationStyle::OverFullScreen) {
     return ImVec2(display.x - 40, display.y - 40);
   }
   return ImVec2(std::min(680.0f, display.x - 40), std::min(560.0f, display.y - 40));
 }
 
-bool styledButton(const platform::AlertAction& action) {
-  const bool destructive = action.style == platform::AlertActionStyle::Destructive;
+bool styledButton(const ui::AlertAction& action) {
+  const bool destructive = action.style == ui::AlertActionStyle::Destructive;
   if (destructive) ImGui::PushStyleColor(ImGuiCol_Button, IM_COL32(190, 45, 40, 255));
   const bool clicked = ImGui::Button(action.title.c_str(), ImVec2(120, 0));
   if (destructive) ImGui::PopStyleColor();
@@ -39,14 +39,14 @@ bool styledButton(const platform::AlertAction& action) {
 
 }  // namespace
 
-void ImGuiPresenter::presentViewController(std::shared_ptr<platform::ViewController> screen,
-                                           platform::ModalPresentationStyle style, bool,
+void ImGuiPresenter::presentViewController(std::shared_ptr<ui::ViewController> screen,
+                                           ui::ModalPresentationStyle style, bool,
                                            std::function<void()> completion) {
   if (!screen) return;
   presented_.push_back(Presented{nextId_++, std::move(screen), style, std::move(completion), {}, false});
 }
 
-void ImGuiPresenter::presentAlert(platform::Alert alert, bool, std::function<void()> completion) {
+void ImGuiPresenter::presentAlert(ui::Alert alert, bool, std::function<void()> completion) {
   alerts_.push_back(PendingAlert{nextId_++, std::move(alert), std::move(completion)});
 }
 
@@ -129,11 +129,11 @@ void ImGuiPresenter::drawPresented(const ButtonFrames& buttons) {
   const auto screen = top.screen;  // kept while drawing: a dismissal pops the stack
   const uint64_t id = top.id;
 
-  auto* sheet = dynamic_cast<platform::ActivityViewController*>(screen.get());
+  auto* sheet = dynamic_cast<ui::ActivityViewController*>(screen.get());
   const ImVec2 display = ImGui::GetIO().DisplaySize;
   if (sheet != nullptr && sheet->sourceButton() != nullptr &&
       buttons.count(sheet->sourceButton()) != 0) {
-    const platform::Rect& anchor = buttons.at(sheet->sourceButton());
+    const ui::Rect& anchor = buttons.at(sheet->sourceButton());
     ImGui::SetNextWindowPos(
         ImVec2(static_cast<float>(anchor.minX()), static_cast<float>(anchor.maxY()) + 4),
         ImGuiCond_Appearing);
@@ -144,7 +144,7 @@ void ImGuiPresenter::drawPresented(const ButtonFrames& buttons) {
   ImGui::SetNextWindowSize(sheet != nullptr ? ImVec2(520, 0) : sizeFor(top.style),
                            ImGuiCond_Appearing);
 
-  auto* mail = dynamic_cast<platform::MailComposer*>(screen.get());
+  auto* mail = dynamic_cast<MailComposer*>(screen.get());
   const std::string title = mail != nullptr    ? "New Message"
                             : sheet != nullptr ? "Share"
                                                : (screen->title().empty() ? "Screen" : screen->title());
@@ -171,9 +171,9 @@ void ImGuiPresenter::drawPresented(const ButtonFrames& buttons) {
       top.recipients = buffer;
       mail->setToRecipients(splitRecipients(top.recipients));
     }
-    if (const auto* mime = dynamic_cast<const platform::MimeMailComposer*>(mail)) {
+    if (const auto* mime = dynamic_cast<const MimeMailComposer*>(mail)) {
       const auto& transport = mime->transport();
-      if (transport.kind == platform::MailTransport::Kind::Outbox) {
+      if (transport.kind == MailTransport::Kind::Outbox) {
         ImGui::TextDisabled("Saved as an .eml file in %s",
                             transport.outboxDirectory.string().c_str());
       }
@@ -207,7 +207,7 @@ void ImGuiPresenter::drawPresented(const ButtonFrames& buttons) {
     if (ImGui::Button("Copy Paths", ImVec2(120, 0))) {
       std::string paths;
       for (const auto& item : sheet->activityItems()) paths += item.string() + "\n";
-      platform::Pasteboard::general().setString(paths);
+      ui::Pasteboard::general().setString(paths);
     }
     ImGui::SameLine();
     dismiss = ImGui::Button("Done", ImVec2(120, 0));

@@ -22,18 +22,18 @@
 
 namespace korvel::overlay {
 
-class KORVEL_EXPORT ImGuiPresenter : public platform::Presenter {
+class KORVEL_EXPORT ImGuiPresenter : public ui::Presenter {
  public:
-  void presentViewController(std::shared_ptr<platform::ViewController> screen,
-                             platform::ModalPresentationStyle style, bool animated,
+  void presentViewController(std::shared_ptr<ui::ViewController> screen,
+                             ui::ModalPresentationStyle style, bool animated,
                              std::function<void()> completion) override;
-  void presentAlert(platform::Alert alert, bool animated,
+  void presentAlert(ui::Alert alert, bool animated,
                     std::function<void()> completion) override;
   void dismissViewController(bool animated, std::function<void()> completion) override;
   // A desktop window is a large screen: pages take their large-screen
   // presentations (form sheets).
-  platform::UserInterfaceIdiom userInterfaceIdiom() const override {
-    return platform::UserInterfaceIdiom::Pad;
+  ui::UserInterfaceIdiom userInterfaceIdiom() const override {
+    return ui::UserInterfaceIdiom::Pad;
   }
 
   // Draws what is presented, in the current (overlay) ImGui context. Share
@@ -46,13 +46,13 @@ class KORVEL_EXPORT ImGuiPresenter : public platform::Presenter {
  private:
   struct PendingAlert {
     uint64_t id;
-    platform::Alert alert;
+    ui::Alert alert;
     std::function<void()> completion;
   };
   struct Presented {
     uint64_t id;
-    std::shared_ptr<platform::ViewController> screen;
-    platform::ModalPresentationStyle style;
+    std::shared_ptr<ui::ViewController> screen;
+    ui::ModalPresentationStyle style;
     std::function<void()> completion;
     // A composer's To field as the user edits it (comma-separated).
     std::string recipients;

@@ -122,9 +122,9 @@ struct ImGuiWindowHost::Impl {
   void setScreenSize() {
     int w = 0, h = 0;
     SDL_GetWindowSize(window, &w, &h);
-    platform::Screen::setMainScreenSize({static_cast<double>(w), static_cast<double>(h)});
+    ui::Screen::setMainScreenSize({static_cast<double>(w), static_cast<double>(h)});
     if (auto shown = OverlayRenderer::visibleOverlayWindow()) {
-      shown->setFrame(platform::Screen::mainScreenBounds());
+      shown->setFrame(ui::Screen::mainScreenBounds());
     }
   }
 
@@ -257,7 +257,7 @@ struct ImGuiWindowHost::Impl {
   }
 
   void mirrorPasteboard() {
-    auto& pasteboard = platform::Pasteboard::general();
+    auto& pasteboard = ui::Pasteboard::general();
     const uint64_t count = pasteboard.changeCount();
     if (count == pasteboardChangeCount) return;
     pasteboardChangeCount = count;
@@ -302,7 +302,7 @@ std::unique_ptr<ImGuiWindowHost> ImGuiWindowHost::open(const Options& options,
   pinLoadedSharedObjects();
   impl->renderer = std::make_unique<OverlayRenderer>();
   KVRDebugOverlayWindow::setDefaultPresenter(impl->renderer->presenter());
-  impl->pasteboardChangeCount = platform::Pasteboard::general().changeCount();
+  impl->pasteboardChangeCount = ui::Pasteboard::general().changeCount();
   impl->setScreenSize();
   return std::unique_ptr<ImGuiWindowHost>(new ImGuiWindowHost(std::move(impl)));
 }
@@ -311,7 +311,7 @@ bool ImGuiWindowHost::frame(const std::function<void()>& drawApplication, Image*
   Impl& d = *impl_;
   const Uint64 started = SDL_GetTicks64();
   const bool open = d.pollEvents();
-  platform::uiEnv().mainQueue().runPending();
+  ui::uiEnv().mainQueue().runPending();
   d.mirrorPasteboard();
 
   d.beginFrame(d.application);

@@ -18,13 +18,13 @@ constexpr float kMargin = 16;
 constexpr const char* kPanelWindow = "##korvel-overlay-panel";
 constexpr const char* kPassiveWindow = "##korvel-overlay-passive";
 
-platform::Rect rectOfCurrentWindow() {
+ui::Rect rectOfCurrentWindow() {
   const ImVec2 pos = ImGui::GetWindowPos();
   const ImVec2 size = ImGui::GetWindowSize();
-  return platform::Rect::make(pos.x, pos.y, size.x, size.y);
+  return ui::Rect::make(pos.x, pos.y, size.x, size.y);
 }
 
-ImU32 packed(const platform::Color& color, double alpha) {
+ImU32 packed(const ui::Color& color, double alpha) {
   return ImGui::GetColorU32(ImVec4(static_cast<float>(color.red), static_cast<float>(color.green),
                                    static_cast<float>(color.blue),
                                    static_cast<float>(color.alpha * alpha)));
@@ -43,13 +43,13 @@ std::shared_ptr<KVRDebugOverlayWindow> OverlayRenderer::visibleOverlayWindow() {
   return window;
 }
 
-void OverlayRenderer::draw(KVRDebugOverlayWindow& window, platform::Size screen) {
+void OverlayRenderer::draw(KVRDebugOverlayWindow& window, ui::Size screen) {
   lastFrame_ = {};
   buttons_.clear();
   auto overlay = window.debugOverlayViewController();
   if (!overlay || !overlay->isDebugViewShown()) return;
   if (window.frame().size != screen) {
-    window.setFrame(platform::Rect{{0, 0}, screen});
+    window.setFrame(ui::Rect{{0, 0}, screen});
   }
   // Each time the menu is presented it has a new controller with default
   // frames; it is placed again then, and when the screen changes size.
@@ -69,20 +69,20 @@ void OverlayRenderer::drawPopups() { presenter_->draw(buttons_); }
 // The panel takes the right part of the screen, so the application stays
 // visible (and usable where the overlay takes no touches) on the left; the
 // passive button sits above the panel's top right corner.
-void OverlayRenderer::layOut(KVRDebugOverlayViewController& overlay, platform::Size screen) {
-  overlay.layoutForBounds(platform::Rect{{0, 0}, screen});
+void OverlayRenderer::layOut(KVRDebugOverlayViewController& overlay, ui::Size screen) {
+  overlay.layoutForBounds(ui::Rect{{0, 0}, screen});
   const double buttonHeight = overlay.passiveButtonView()->frame().size.height;
   const double top = kMargin * 2 + std::max(buttonHeight, 28.0);
   const double width = std::clamp(screen.width * 0.58, std::min(560.0, screen.width - 2 * kMargin),
                                   screen.width - 2 * kMargin);
-  overlay.pageView()->setFrame(platform::Rect::make(screen.width - kMargin - width, top, width,
+  overlay.pageView()->setFrame(ui::Rect::make(screen.width - kMargin - width, top, width,
                                                     std::max(0.0, screen.height - top - kMargin)));
 }
 
 void OverlayRenderer::drawBackground(KVRDebugOverlayViewController& overlay) {
   const auto& background = overlay.backgroundView();
   if (background->isHidden() || !background->backgroundColor()) return;
-  const platform::Rect frame = background->frame();
+  const ui::Rect frame = background->frame();
   ImGui::GetBackgroundDrawList()->AddRectFilled(
       ImVec2(static_cast<float>(frame.minX()), static_cast<float>(frame.minY())),
       ImVec2(static_cast<float>(frame.maxX()), static_cast<float>(frame.maxY())),
@@ -109,9 +109,9 @@ void OverlayRenderer::drawPassiveButton(KVRDebugOverlayViewController& overlay) 
 
 void OverlayRenderer::drawPanel(KVRDebugOverlayViewController& overlay) {
   const auto& view = overlay.pageView();
-  if (view->isHidden() || view->alpha() < platform::ViewNode::kMinimumHitTestAlpha) return;
+  if (view->isHidden() || view->alpha() < ui::ViewNode::kMinimumHitTestAlpha) return;
   if (placePanel_) {
-    const platform::Rect& frame = view->frame();
+    const ui::Rect& frame = view->frame();
     ImGui::SetNextWindowPos(ImVec2(static_cast<float>(frame.minX()), static_cast<float>(frame.minY())));
     ImGui::SetNextWindowSize(
         ImVec2(static_cast<float>(frame.size.width), static_cast<float>(frame.size.height)));
@@ -181,7 +181,7 @@ void OverlayRenderer::drawHeader(KVRDebugOverlayViewController& overlay) {
   ImGui::Separator();
 }
 
-void OverlayRenderer::drawPage(platform::ViewController& page) {
+void OverlayRenderer::drawPage(ui::ViewController& page) {
   if (auto* table = dynamic_cast<KVRDebugTableViewController*>(&page)) {
     lastFrame_.rows = tables_.draw(*table, buttons_);
   } else if (auto* config = dynamic_cast<KVRDebugNavigationOptionsViewController*>(&page)) {

@@ -32,9 +32,9 @@ namespace korvel::overlay {
 // What the last frame drew.
 struct KORVEL_EXPORT RenderedOverlay {
   // The page on screen; null when the overlay was not drawn.
-  std::shared_ptr<platform::ViewController> page;
+  std::shared_ptr<ui::ViewController> page;
   // The rows of a table page that were on screen, top to bottom.
-  std::vector<platform::IndexPath> rows;
+  std::vector<ui::IndexPath> rows;
 };
 
 class KORVEL_EXPORT OverlayRenderer {
@@ -46,7 +46,7 @@ class KORVEL_EXPORT OverlayRenderer {
   static std::shared_ptr<KVRDebugOverlayWindow> visibleOverlayWindow();
 
   // Draws window on a screen of this size, in the current ImGui context.
-  void draw(KVRDebugOverlayWindow& window, platform::Size screen);
+  void draw(KVRDebugOverlayWindow& window, ui::Size screen);
   // Draws the presenter's alerts and sheets (also while no overlay shows).
   void drawPopups();
 
@@ -56,12 +56,12 @@ class KORVEL_EXPORT OverlayRenderer {
   const ButtonFrames& buttonFrames() const { return buttons_; }
 
  private:
-  void layOut(KVRDebugOverlayViewController& overlay, platform::Size screen);
+  void layOut(KVRDebugOverlayViewController& overlay, ui::Size screen);
   void drawBackground(KVRDebugOverlayViewController& overlay);
   void drawPassiveButton(KVRDebugOverlayViewController& overlay);
   void drawPanel(KVRDebugOverlayViewController& overlay);
   void drawHeader(KVRDebugOverlayViewController& overlay);
-  void drawPage(platform::ViewController& page);
+  void drawPage(ui::ViewController& page);
 
   std::shared_ptr<ImGuiPresenter> presenter_;
   TablePageRenderer tables_;
@@ -69,7 +69,7 @@ class KORVEL_EXPORT OverlayRenderer {
   ButtonFrames buttons_;
   RenderedOverlay lastFrame_;
   // The screen size the panel was last placed for.
-  platform::Size laidOutFor_;
+  ui::Size laidOutFor_;
   const void* laidOutOverlay_ = nullptr;
   bool placePanel_ = true;
 };

@@ -18,11 +18,11 @@ size_t fontSizeIndexForPointSize(double pointSize) {
   return best;
 }
 
-RunStyle styleForRun(const platform::TextRun& run) {
+RunStyle styleForRun(const ui::TextRun& run) {
   RunStyle style;
-  style.face = run.weight == platform::FontWeight::Regular ? FontFace::Regular : FontFace::Bold;
+  style.face = run.weight == ui::FontWeight::Regular ? FontFace::Regular : FontFace::Bold;
   style.sizeIndex = fontSizeIndexForPointSize(run.pointSize);
-  style.color = run.color == platform::TextColor::SystemBlue ? kSystemBlueColor : kLabelColor;
+  style.color = run.color == ui::TextColor::SystemBlue ? kSystemBlueColor : kLabelColor;
   return style;
 }
 
@@ -77,7 +77,7 @@ class LineBuilder {
       size_t end = i;
       float width = 0;
       while (end < token.size()) {
-        const size_t next = end + platform::utf8CharacterAt(token, end).length;
+        const size_t next = end + foundation::internal::utf8CharacterAt(token, end).length;
         const float w = metrics_.width(style, token.substr(i, next - i));
         if (end > i && x_ + w > wrap_ && !isSpace(token[end])) break;
         width = w;
@@ -120,7 +120,7 @@ class LineBuilder {
 
 }  // namespace
 
-TextLayout layoutStyledText(const platform::StyledText& text, float wrapWidth,
+TextLayout layoutStyledText(const ui::StyledText& text, float wrapWidth,
                             const TextMetrics& metrics) {
   LineBuilder builder(wrapWidth, metrics);
   for (const auto& run : text.runs()) {

@@ -1,4 +1,4 @@
-// How the overlay draws styled text (platform::StyledText): which font and
+// How the overlay draws styled text (ui::StyledText): which font and
 // colour each run gets, and where its pieces go when lines wrap.
 //
 // Pure layout: widths and line heights come from a TextMetrics, so the same
@@ -52,7 +52,7 @@ struct KORVEL_EXPORT RunStyle {
   friend bool operator==(const RunStyle&, const RunStyle&) = default;
 };
 
-KORVEL_EXPORT RunStyle styleForRun(const platform::TextRun& run);
+KORVEL_EXPORT RunStyle styleForRun(const ui::TextRun& run);
 // The index into kFontPointSizes for a point size, as above.
 KORVEL_EXPORT size_t fontSizeIndexForPointSize(double pointSize);
 
@@ -86,7 +86,7 @@ struct KORVEL_EXPORT TextMetrics {
 // between words; a word wider than a whole line is cut between characters
 // (never inside a UTF-8 sequence). Pieces of the same run that end up next
 // to each other on a line form one fragment.
-KORVEL_EXPORT TextLayout layoutStyledText(const platform::StyledText& text, float wrapWidth,
+KORVEL_EXPORT TextLayout layoutStyledText(const ui::StyledText& text, float wrapWidth,
                             const TextMetrics& metrics);
 
 }  // namespace korvel::overlay

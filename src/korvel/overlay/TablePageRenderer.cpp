@@ -27,7 +27,7 @@ std::string uppercased(std::string text) {
 }  // namespace
 
 void TablePageRenderer::rebuild(KVRDebugTableViewController& page, float width) {
-  const platform::TableView& table = page.tableView();
+  const ui::TableView& table = page.tableView();
   const TextMetrics metrics = FontSet::current().metrics();
   const float switchSpace = switchWidth() + kPadding;
   sections_.clear();
@@ -43,13 +43,13 @@ void TablePageRenderer::rebuild(KVRDebugTableViewController& page, float width) 
       if (cell.imageSystemName) textWidth -= kIconWidth;
       if (cell.accessorySwitch != nullptr) textWidth -= switchSpace;
       const float wrap = cell.numberOfLines == 1 ? 0 : std::max(textWidth, 40.0f);
-      const platform::StyledText text =
+      const ui::StyledText text =
           cell.attributedText ? *cell.attributedText
-                              : platform::StyledText(cell.text, platform::FontWeight::Regular, 13);
+                              : ui::StyledText(cell.text, ui::FontWeight::Regular, 13);
       row.text = layoutStyledText(text, wrap, metrics);
       if (cell.detailText) {
         row.detail = layoutStyledText(
-            platform::StyledText(*cell.detailText, platform::FontWeight::Regular, 12),
+            ui::StyledText(*cell.detailText, ui::FontWeight::Regular, 12),
             std::max(textWidth, 40.0f), metrics);
         for (auto& line : row.detail.lines) {
           for (auto& fragment : line.fragments) fragment.style.color = kSecondaryColor;
@@ -63,12 +63,12 @@ void TablePageRenderer::rebuild(KVRDebugTableViewController& page, float width) 
   }
 }
 
-std::vector<platform::IndexPath> TablePageRenderer::draw(KVRDebugTableViewController& page,
+std::vector<ui::IndexPath> TablePageRenderer::draw(KVRDebugTableViewController& page,
                                                          ButtonFrames& buttons) {
-  platform::TableView& table = page.tableView();
+  ui::TableView& table = page.tableView();
 
   // Toolbar: the page's buttons, and a reload where the table can be pulled.
-  for (platform::Button* button : page.toolbarButtons()) {
+  for (ui::Button* button : page.toolbarButtons()) {
     if (button == nullptr || button->isHidden()) continue;
     drawButton(*button, &buttons);
     ImGui::SameLine();
@@ -80,14 +80,14 @@ std::vector<platform::IndexPath> TablePageRenderer::draw(KVRDebugTableViewContro
   }
   ImGui::NewLine();
 
-  std::vector<platform::IndexPath> drawn;
+  std::vector<ui::IndexPath> drawn;
   ImGui::BeginChild("##table", ImVec2(0, 0), false);
   const float width = ImGui::GetContentRegionAvail().x;
   const double now = ImGui::GetTime();
   if (&page != page_ || table.version() != version_ || std::abs(width - width_) > 0.5f ||
       now - builtAt_ > kRebuildSeconds) {
     if (&page == page_ && table.version() != version_ &&
-        table.lastUpdate().kind == platform::TableView::Update::Kind::Insert) {
+        table.lastUpdate().kind == ui::TableView::Update::Kind::Insert) {
       inserted_ = table.lastUpdate().indexPaths;
       insertedAt_ = now;
     }
@@ -137,8 +137,8 @@ std::vector<platform::IndexPath> TablePageRenderer::draw(KVRDebugTableViewContro
 
 void TablePageRenderer::drawRow(KVRDebugTableViewController& page, Row& row, float width,
                                 unsigned menuId) {
-  platform::TableView& table = page.tableView();
-  const platform::TableCell& cell = row.cell;
+  ui::TableView& table = page.tableView();
+  const ui::TableCell& cell = row.cell;
   const ImVec2 at = ImGui::GetCursorScreenPos();
   const ImVec2 size(width, row.height);
 

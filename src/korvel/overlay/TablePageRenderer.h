@@ -27,12 +27,12 @@ class KORVEL_EXPORT TablePageRenderer {
  public:
   // Draws page into the rest of the current ImGui window; the rows that
   // were on screen (at least partly), in order.
-  std::vector<platform::IndexPath> draw(KVRDebugTableViewController& page, ButtonFrames& buttons);
+  std::vector<ui::IndexPath> draw(KVRDebugTableViewController& page, ButtonFrames& buttons);
 
  private:
   struct Row {
-    platform::IndexPath path;
-    platform::TableCell cell;
+    ui::IndexPath path;
+    ui::TableCell cell;
     TextLayout text;
     TextLayout detail;
     float height = 0;
@@ -53,10 +53,10 @@ class KORVEL_EXPORT TablePageRenderer {
   double builtAt_ = 0;
   std::vector<Section> sections_;
   // The rows of the last insertion, flashed for a moment.
-  std::vector<platform::IndexPath> inserted_;
+  std::vector<ui::IndexPath> inserted_;
   double insertedAt_ = -1;
   // The menu of the row right-clicked last.
-  std::vector<platform::MenuAction> menu_;
+  std::vector<ui::MenuAction> menu_;
 };
 
 }  // namespace korvel::overlay

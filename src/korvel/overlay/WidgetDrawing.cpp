@@ -19,14 +19,14 @@ std::string_view glyphForSymbol(std::string_view systemName) {
   return {};
 }
 
-std::string buttonLabel(const platform::Button& button) {
+std::string buttonLabel(const ui::Button& button) {
   std::string label(glyphForSymbol(button.imageSystemName()));
   if (!label.empty()) label += ' ';
   label += button.title();
   return label;
 }
 
-void drawButton(platform::Button& button, ButtonFrames* frames) {
+void drawButton(ui::Button& button, ButtonFrames* frames) {
   if (button.isHidden()) return;
   const std::string label = buttonLabel(button);
   ImGui::PushID(&button);
@@ -37,14 +37,14 @@ void drawButton(platform::Button& button, ButtonFrames* frames) {
   if (frames != nullptr) {
     const ImVec2 min = ImGui::GetItemRectMin();
     const ImVec2 size = ImGui::GetItemRectSize();
-    (*frames)[&button] = platform::Rect::make(min.x, min.y, size.x, size.y);
+    (*frames)[&button] = ui::Rect::make(min.x, min.y, size.x, size.y);
   }
   if (clicked) button.userTap();
 }
 
 float switchWidth() { return ImGui::GetFrameHeight() * 1.8f; }
 
-void drawSwitch(const char* id, platform::Switch& sw) {
+void drawSwitch(const char* id, ui::Switch& sw) {
   const float height = ImGui::GetFrameHeight();
   const float width = switchWidth();
   const ImVec2 at = ImGui::GetCursorScreenPos();

@@ -21,17 +21,17 @@ KORVEL_EXPORT std::string_view glyphForSymbol(std::string_view systemName);
 
 // The text a button shows: its symbol's glyph (when it has one) and its
 // title.
-KORVEL_EXPORT std::string buttonLabel(const platform::Button& button);
+KORVEL_EXPORT std::string buttonLabel(const ui::Button& button);
 
 // Where each button was drawn in the last frame.
-using ButtonFrames = std::map<const platform::Button*, platform::Rect>;
+using ButtonFrames = std::map<const ui::Button*, ui::Rect>;
 
 // Draws button (nothing when hidden; greyed out when disabled) and forwards
 // a click to userTap(). Records its rectangle in frames when given.
-KORVEL_EXPORT void drawButton(platform::Button& button, ButtonFrames* frames = nullptr);
+KORVEL_EXPORT void drawButton(ui::Button& button, ButtonFrames* frames = nullptr);
 
 // A switch drawn as a pill with a knob; a click calls userToggle().
-KORVEL_EXPORT void drawSwitch(const char* id, platform::Switch& sw);
+KORVEL_EXPORT void drawSwitch(const char* id, ui::Switch& sw);
 // How wide drawSwitch() draws, in the current style.
 KORVEL_EXPORT float switchWidth();
 

@@ -11,6 +11,10 @@
 #include <korvel/platform/Application.h>
 #include <korvel/platform/Env.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::RecursiveMutex;
+using korvel::foundation::internal::RecursiveMutexLock;
+
 namespace korvel {
 
 namespace {

@@ -13,7 +13,14 @@
 #include <korvel/foundation/internal/UTF8.h>
 #include <korvel/pageviews/internal/Normalization.h>
 
+using korvel::pageviews::internal::pageViewFromJSON;
+
 namespace korvel {
+
+using pageviews::internal::pageNameFromJSON;
+using pageviews::internal::reportingParameterFromJSON;
+using pageviews::internal::reportingValueFromJSON;
+using pageviews::internal::toJSON;
 
 namespace {
 
@@ -175,7 +182,7 @@ struct EncodingPath {
 const EncodingPath kRootPath{nullptr, {}};
 
 const std::string& encodableText(const std::string& text, const EncodingPath& at) {
-  if (!isASCII(text) && (!fitsTextLimit(text) || !platform::isWellFormedUTF8(text))) {
+  if (!isASCII(text) && (!fitsTextLimit(text) || !foundation::internal::isWellFormedUTF8(text))) {
     throw ReportingEncodingError(at.components(),
                                  "Unable to encode text that is not valid UTF-8 in JSON.");
   }
@@ -275,7 +282,7 @@ ReportingEncodingError::ReportingEncodingError(std::vector<std::string> codingPa
       description_(std::move(description)) {}
 
 std::string canonicalDecomposition(const std::string& text) {
-  if (isASCII(text) || !platform::isWellFormedUTF8(text)) return text;
+  if (isASCII(text) || !foundation::internal::isWellFormedUTF8(text)) return text;
   std::optional<std::string> decomposed = platform::nfdOfWellFormedUTF8(text);
   return decomposed ? std::move(*decomposed) : text;
 }
@@ -324,13 +331,13 @@ size_t ReportingValue::hash() const {
   return combine(combine(0, payload_.index()), payloadHash);
 }
 
-nlohmann::json toJSON(const ReportingValue& value) { return encode<json>(value, kRootPath); }
+nlohmann::json pageviews::internal::toJSON(const ReportingValue& value) { return encode<json>(value, kRootPath); }
 
 std::string ReportingValue::toJSONString() const {
   return encode<ordered_json>(*this, kRootPath).dump();
 }
 
-ReportingValue reportingValueFromJSON(const nlohmann::json& value,
+ReportingValue pageviews::internal::reportingValueFromJSON(const nlohmann::json& value,
                                       std::vector<std::string> codingPath) {
   const json& container = keyedContainer(value, codingPath);
 
@@ -425,13 +432,13 @@ bool operator==(const ReportingParameter& a, const ReportingParameter& b) {
 
 size_t ReportingParameter::hash() const { return combine(canonicalTextHash(key), value.hash()); }
 
-nlohmann::json toJSON(const ReportingParameter& value) { return encode<json>(value, kRootPath); }
+nlohmann::json pageviews::internal::toJSON(const ReportingParameter& value) { return encode<json>(value, kRootPath); }
 
 std::string ReportingParameter::toJSONString() const {
   return encode<ordered_json>(*this, kRootPath).dump();
 }
 
-ReportingParameter reportingParameterFromJSON(const nlohmann::json& value,
+ReportingParameter pageviews::internal::reportingParameterFromJSON(const nlohmann::json& value,
                                               std::vector<std::string> codingPath) {
   const json& container = keyedContainer(value, codingPath);
   std::string key = decodeString(container, "key", codingPath);
@@ -454,13 +461,13 @@ bool operator==(const PageName& a, const PageName& b) {
 
 size_t PageName::hash() const { return canonicalTextHash(stringValue); }
 
-nlohmann::json toJSON(const PageName& value) { return encode<json>(value, kRootPath); }
+nlohmann::json pageviews::internal::toJSON(const PageName& value) { return encode<json>(value, kRootPath); }
 
 std::string PageName::toJSONString() const {
   return encode<ordered_json>(*this, kRootPath).dump();
 }
 
-PageName pageNameFromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
+PageName pageviews::internal::pageNameFromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
   const json& container = keyedContainer(value, codingPath);
   return PageName(decodeString(container, "stringValue", codingPath));
 }
@@ -484,13 +491,13 @@ size_t PageView::hash() const {
   return combine(combine(combine(0, name.hash()), doubleHash(duration)), parameters);
 }
 
-nlohmann::json toJSON(const PageView& value) { return encode<json>(value, kRootPath); }
+nlohmann::json pageviews::internal::toJSON(const PageView& value) { return encode<json>(value, kRootPath); }
 
 std::string PageView::toJSONString() const {
   return encode<ordered_json>(*this, kRootPath).dump();
 }
 
-PageView pageViewFromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
+PageView pageviews::internal::pageViewFromJSON(const nlohmann::json& value, std::vector<std::string> codingPath) {
   const json& container = keyedContainer(value, codingPath);
 
   PageName name = pageNameFromJSON(requiredValue(container, "name", codingPath),

@@ -3,6 +3,9 @@
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/foundation/internal/Mutex.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::platform {
 
 namespace {

@@ -7,7 +7,7 @@
 #include <asm/hwcap.h>
 #endif
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 bool armCrc32Available() noexcept {
 #if defined(__aarch64__)
@@ -17,4 +17,4 @@ bool armCrc32Available() noexcept {
 #endif
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal

@@ -10,6 +10,9 @@
 #include <korvel/platform/NotificationCenter.h>
 #include <korvel/platform/internal/System.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::platform {
 
 namespace {

@@ -6,6 +6,9 @@
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Env.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 struct KVNTimer::Impl {

@@ -19,6 +19,9 @@
 #include <korvel/platform/internal/FilesInternal.h>
 #include <korvel/platform/internal/System.h>
 
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel {
 
 namespace fs = std::filesystem;
@@ -193,8 +196,8 @@ std::string moveAside(const std::string& path) {
 }
 
 // The process-wide instance, made on first use.
-platform::SharedSlot<KVNUserDefaults>& shared() {
-  static auto* instance = new platform::SharedSlot<KVNUserDefaults>;
+foundation::internal::SharedSlot<KVNUserDefaults>& shared() {
+  static auto* instance = new foundation::internal::SharedSlot<KVNUserDefaults>;
   return *instance;
 }
 

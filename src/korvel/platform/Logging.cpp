@@ -8,6 +8,10 @@
 #include <korvel/foundation/internal/SharedSlot.h>
 #include <korvel/platform/Env.h>
 
+using korvel::foundation::internal::SharedSlot;
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::platform {
 
 std::string_view logLevelName(LogLevel level) {

@@ -8,6 +8,11 @@
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/foundation/internal/SharedSlot.h>
 
+using korvel::foundation::internal::SharedSlot;
+using korvel::foundation::internal::CondVar;
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
 namespace korvel::platform {
 
 // One registered observer. Calls into the block are counted so removal can

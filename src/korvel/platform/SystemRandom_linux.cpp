@@ -9,7 +9,7 @@
 #include <sys/random.h>
 #include <unistd.h>
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 namespace {
 
@@ -54,4 +54,4 @@ void callInForkedChildren(void (*child)()) noexcept {
   (void)registered;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal

@@ -7,7 +7,7 @@
 #include <sched.h>
 #include <sys/resource.h>
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 namespace {
 constexpr int kBackgroundNice = 10;
@@ -38,4 +38,4 @@ void lowerThisThreadPriority() noexcept {
   setpriority(PRIO_PROCESS, 0, current + kBackgroundNice);
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal

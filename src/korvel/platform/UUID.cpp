@@ -17,6 +17,9 @@
 #include <functional>
 #include <thread>
 
+using korvel::platform::internal::callInForkedChildren;
+using korvel::platform::internal::systemRandomBytes;
+
 namespace korvel::platform {
 
 namespace {

@@ -24,7 +24,7 @@ void reportMigration(std::string_view outcome, KVRAccountsProvider account,
   if (error != nullptr) parameters.set(kKVRErrorKey, error->description());
   parameters.set(kStreamingServiceKey,
                  KVRAccountsReporter::accountsProviderStringFromAccountsProvider(account));
-  reporting::send(KVRBeaconTypeImpression, parameters);
+  reporters::internal::send(KVRBeaconTypeImpression, parameters);
 }
 
 }  // namespace
@@ -47,7 +47,7 @@ void KVRAccountsReporter::reportFailedAccountMigrationImpressionForAccount(
 
 std::string KVRAccountsReporter::accountsProviderStringFromAccountsProvider(
     KVRAccountsProvider provider) {
-  return reporting::wordFor(kProviderWords, provider, kProviderFallback, KVRAccountsProviderSpotify);
+  return reporters::internal::wordFor(kProviderWords, provider, kProviderFallback, KVRAccountsProviderSpotify);
 }
 
 }  // namespace korvel

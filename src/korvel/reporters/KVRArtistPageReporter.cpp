@@ -26,11 +26,11 @@ constexpr std::string_view kOrigins[] = {
 
 void reportNavigation(const std::optional<std::string>& artistID, std::string_view origin,
                       std::string_view destination) {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRArtistAdamID, artistID);
   parameters.set(kKVROrigin, origin);
   parameters.set(kKVRDestination, destination);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 }
 
 }  // namespace
@@ -61,7 +61,7 @@ void KVRArtistPageReporter::reportNavigationToArtistPageFromOrigin(
 std::optional<std::string> KVRArtistPageReporter::reportOpenAppForStreamingServiceProvider(
     KVRStreamingServiceProvider provider, const std::optional<std::string>& artistID,
     KVRArtistPageOrigin origin) noexcept try {
-  return reporting::sendOpenItem(KVRStreamingServiceReporter::providerNameForProvider(provider),
+  return reporters::internal::sendOpenItem(KVRStreamingServiceReporter::providerNameForProvider(provider),
                                  originStringForOrigin(origin), kKVRArtistAdamID, artistID);
 } catch (...) {
   KVRLogging::logReportFailure("KVRArtistPageReporter::reportOpenAppForStreamingServiceProvider");
@@ -82,7 +82,7 @@ void KVRArtistPageReporter::reportPlaybackForArtistID(
 }
 
 std::string KVRArtistPageReporter::originStringForOrigin(KVRArtistPageOrigin origin) {
-  return reporting::wordFor(kOrigins, origin, kOriginFallback);
+  return reporters::internal::wordFor(kOrigins, origin, kOriginFallback);
 }
 
 }  // namespace korvel

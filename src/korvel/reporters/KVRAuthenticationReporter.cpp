@@ -28,7 +28,7 @@ void KVRAuthenticationReporter::
         KVRAuthenticationSuccessType successType) noexcept try {
   KVRParameters parameters = tokenGeneration(kKorvelTokenType, kKVRSuccess);
   parameters.set(kKVRReason, reasonCodeFromSuccessType(successType));
-  reporting::send(KVRBeaconTypeAuthentication, parameters);
+  reporters::internal::send(KVRBeaconTypeAuthentication, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRAuthenticationReporter::"
@@ -40,7 +40,7 @@ void KVRAuthenticationReporter::
         KVRAuthenticationFailureType failureType) noexcept try {
   KVRParameters parameters = tokenGeneration(kKorvelTokenType, kKVRErrorKey);
   parameters.set(kKVRReason, reasonCodeFromFailureType(failureType));
-  reporting::send(KVRBeaconTypeAuthentication, parameters);
+  reporters::internal::send(KVRBeaconTypeAuthentication, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRAuthenticationReporter::"
@@ -51,7 +51,7 @@ void KVRAuthenticationReporter::reportAMSLayerAuthenticationTokenGenerationSucce
     double duration) noexcept try {
   KVRParameters parameters = tokenGeneration(kAMSTokenType, kKVRSuccess);
   parameters.set(kKVRDuration, duration);
-  reporting::send(KVRBeaconTypeAuthentication, parameters);
+  reporters::internal::send(KVRBeaconTypeAuthentication, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRAuthenticationReporter::reportAMSLayerAuthenticationTokenGenerationSuccessWithDuration");
@@ -62,7 +62,7 @@ void KVRAuthenticationReporter::reportAMSLayerAuthenticationTokenGenerationFaile
   KVRParameters parameters = tokenGeneration(kAMSTokenType, kKVRErrorKey);
   parameters.set(kKVRDuration, duration);
   parameters.set(kKVRErrorCodeChain, errorCodeChain);
-  reporting::send(KVRBeaconTypeAuthentication, parameters);
+  reporters::internal::send(KVRBeaconTypeAuthentication, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRAuthenticationReporter::"

@@ -48,30 +48,30 @@ void setEventAndArtist(KVRParameters& parameters, const std::optional<std::strin
 // Live buttons, as impression and as tap alike.
 KVRParameters liveParameters(std::string_view type, const std::optional<std::string>& eventID,
                              const std::optional<std::string>& artistID) {
-  auto parameters = reporting::userEvent(type);
+  auto parameters = reporters::internal::userEvent(type);
   parameters.set(kKVRProviderName, kAppleMusicLive);
   setEventAndArtist(parameters, eventID, artistID);
   return parameters;
 }
 
 void sendForEvent(std::string_view type, const std::optional<std::string>& eventID) {
-  auto parameters = reporting::userEvent(type);
+  auto parameters = reporters::internal::userEvent(type);
   parameters.set(kKVREventID, eventID);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 }
 
 void reportUpsellClosed(std::string_view upsell, const std::optional<std::string>& eventID,
                         const std::optional<std::string>& artistID) {
-  auto parameters = reporting::userEvent(kKVRCloseType);
+  auto parameters = reporters::internal::userEvent(kKVRCloseType);
   parameters.set(kKVRProviderName, upsell);
   setEventAndArtist(parameters, eventID, artistID);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 }
 
 KVRParameters videoParameters(std::string_view type, const std::optional<std::string>& videoID,
                               const std::optional<std::string>& eventID,
                               const std::optional<std::string>& artistID) {
-  auto parameters = reporting::userEvent(type);
+  auto parameters = reporters::internal::userEvent(type);
   setEventAndArtist(parameters, eventID, artistID);
   parameters.set(kKVRProviderName, kAppleMusicLive);
   parameters.set(kKVRCampaign, videoID);
@@ -83,7 +83,7 @@ KVRParameters videoParameters(std::string_view type, const std::optional<std::st
 void KVREventsReporter::reportWatchNowButtonImpressionForEventID(
     const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) noexcept
     try {
-  reporting::send(KVRBeaconTypeImpression, liveParameters(kWatchNow, eventID, artistID));
+  reporters::internal::send(KVRBeaconTypeImpression, liveParameters(kWatchNow, eventID, artistID));
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportWatchNowButtonImpressionForEventID");
 }
@@ -100,7 +100,7 @@ void KVREventsReporter::reportImpressionForSection(
     parameters.set(kKVRProviderName, sectionName);
   }
   setEventAndArtist(parameters, eventID, artistID);
-  reporting::send(KVRBeaconTypeImpression, parameters);
+  reporters::internal::send(KVRBeaconTypeImpression, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportImpressionForSection");
 }
@@ -151,10 +151,10 @@ void KVREventsReporter::reportTicketButtonTappedForEventID(
 }
 
 void KVREventsReporter::reportNavigationToArtistPage() noexcept try {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVROrigin, kKVREvent);
   parameters.set(kKVRDestination, kKVRArtist);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportNavigationToArtistPage");
 }
@@ -162,21 +162,21 @@ void KVREventsReporter::reportNavigationToArtistPage() noexcept try {
 void KVREventsReporter::reportNavigationToTrackPageFromOrigin(
     KVREventPageOrigin origin, const std::optional<std::string>& eventID,
     const std::optional<std::string>& artistID) noexcept try {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   setEventAndArtist(parameters, eventID, artistID);
   parameters.set(kKVROrigin, originStringForOrigin(origin));
   parameters.set(kKVRDestination, kKVRDetails);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportNavigationToTrackPageFromOrigin");
 }
 
 void KVREventsReporter::reportAnotherEventTappedFromEventWithID(
     const std::optional<std::string>& eventID) noexcept try {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVREventID, eventID);
   parameters.set(kKVRDestination, kKVREvent);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportAnotherEventTappedFromEventWithID");
 }
@@ -184,33 +184,33 @@ void KVREventsReporter::reportAnotherEventTappedFromEventWithID(
 void KVREventsReporter::reportOpenedEventID(const std::optional<std::string>& eventID,
                                             const std::optional<std::string>& artistID) noexcept
     try {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   setEventAndArtist(parameters, eventID, artistID);
   parameters.set(kKVROrigin, kKVREvents);
   parameters.set(kKVRDestination, kKVREvent);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportOpenedEventID");
 }
 
 void KVREventsReporter::reportEventListOpenedForArtistID(
     const std::optional<std::string>& artistID) noexcept try {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRArtistAdamID, artistID);
   parameters.set(kKVROrigin, kKVREvents);
   parameters.set(kKVRDestination, kKVREventList);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportEventListOpenedForArtistID");
 }
 
 void KVREventsReporter::reportOpenedPhotoForEventID(const std::optional<std::string>& eventID,
                                                     KVREventPageOrigin origin) noexcept try {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVREventID, eventID);
   parameters.set(kKVROrigin, originStringForOrigin(origin));
   parameters.set(kKVRDestination, "photo");
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportOpenedPhotoForEventID");
 }
@@ -218,7 +218,7 @@ void KVREventsReporter::reportOpenedPhotoForEventID(const std::optional<std::str
 void KVREventsReporter::reportOpenedVideoForVideoID(
     const std::optional<std::string>& videoID, const std::optional<std::string>& eventID,
     const std::optional<std::string>& artistID) noexcept try {
-  reporting::send(KVRBeaconTypeUserEvent, videoParameters(kWatchVideo, videoID, eventID, artistID));
+  reporters::internal::send(KVRBeaconTypeUserEvent, videoParameters(kWatchVideo, videoID, eventID, artistID));
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportOpenedVideoForVideoID");
 }
@@ -230,7 +230,7 @@ void KVREventsReporter::reportLoadedVideoForVideoID(const std::optional<std::str
   auto parameters = videoParameters("watch_video_load", videoID, eventID, artistID);
   parameters.set("latency", loadingTime);
   parameters.set(kKVROrigin, kWatchVideo);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportLoadedVideoForVideoID");
 }
@@ -238,7 +238,7 @@ void KVREventsReporter::reportLoadedVideoForVideoID(const std::optional<std::str
 std::optional<std::string> KVREventsReporter::reportWatchNowButtonTappedForEventID(
     const std::optional<std::string>& eventID, const std::optional<std::string>& artistID) noexcept
     try {
-  return reporting::send(KVRBeaconTypeUserEvent, liveParameters(kWatchNow, eventID, artistID));
+  return reporters::internal::send(KVRBeaconTypeUserEvent, liveParameters(kWatchNow, eventID, artistID));
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportWatchNowButtonTappedForEventID");
   return std::nullopt;
@@ -249,7 +249,7 @@ std::optional<std::string> KVREventsReporter::reportPlaylistFooterButtonTappedFo
     bool isFeaturedPlaylist) noexcept try {
   auto parameters = liveParameters("playlist", eventID, artistID);
   if (isFeaturedPlaylist) parameters.set(kKVROrigin, kKVRFeaturedPlaylist);
-  return reporting::send(KVRBeaconTypeUserEvent, parameters);
+  return reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportPlaylistFooterButtonTappedForEventID");
   return std::nullopt;
@@ -265,7 +265,7 @@ void KVREventsReporter::reportOpenMapTappedForEventID(
 std::optional<std::string> KVREventsReporter::reportOpenAppForStreamingServiceProvider(
     KVRStreamingServiceProvider provider, const std::optional<std::string>& eventID,
     KVREventPageOrigin origin) noexcept try {
-  return reporting::sendOpenItem(KVRStreamingServiceReporter::providerNameForProvider(provider),
+  return reporters::internal::sendOpenItem(KVRStreamingServiceReporter::providerNameForProvider(provider),
                                  originStringForOrigin(origin), kKVREventID, eventID);
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportOpenAppForStreamingServiceProvider");
@@ -275,10 +275,10 @@ std::optional<std::string> KVREventsReporter::reportOpenAppForStreamingServicePr
 void KVREventsReporter::reportOpenTicketProviderWithName(
     const std::optional<std::string>& name, const std::optional<std::string>& eventID) noexcept
     try {
-  auto parameters = reporting::userEvent(kKVROpenType);
+  auto parameters = reporters::internal::userEvent(kKVROpenType);
   parameters.set(kKVREventID, eventID);
   parameters.set(kKVRProviderName, name);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVREventsReporter::reportOpenTicketProviderWithName");
 }
@@ -298,7 +298,7 @@ void KVREventsReporter::reportPlaybackForEventID(
 
 std::string KVREventsReporter::originStringForOrigin(KVREventPageOrigin origin) {
   // Values beyond int64_t's range turn negative here and fall back as well.
-  return reporting::wordFor(kOrigins, static_cast<int64_t>(origin), kOriginFallback);
+  return reporters::internal::wordFor(kOrigins, static_cast<int64_t>(origin), kOriginFallback);
 }
 
 }  // namespace korvel

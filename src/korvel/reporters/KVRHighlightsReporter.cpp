@@ -22,43 +22,43 @@ void KVRHighlightsReporter::reportOpeningBackgroundHighlightForTrack(
 
 void KVRHighlightsReporter::reportOpeningHighlightsFromOrigin(
     const std::optional<std::string>& origin, const KVRTagDetails* tagDetails) noexcept try {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, kKVRHighlights);
   parameters.set(kKVROrigin, origin);
-  reporting::mergeTagParameters(parameters, tagDetails);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::mergeTagParameters(parameters, tagDetails);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRHighlightsReporter::reportOpeningHighlightsFromOrigin");
 }
 
 void KVRHighlightsReporter::reportSkippedForward() noexcept try {
-  reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent(kKVROnSkipTapped));
+  reporters::internal::send(KVRBeaconTypeUserEvent, reporters::internal::userEvent(kKVROnSkipTapped));
 } catch (...) {
   KVRLogging::logReportFailure("KVRHighlightsReporter::reportSkippedForward");
 }
 
 void KVRHighlightsReporter::reportSkippedBack() noexcept try {
-  reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent("onbacktapped"));
+  reporters::internal::send(KVRBeaconTypeUserEvent, reporters::internal::userEvent("onbacktapped"));
 } catch (...) {
   KVRLogging::logReportFailure("KVRHighlightsReporter::reportSkippedBack");
 }
 
 std::optional<std::string> KVRHighlightsReporter::reportOpenAppleMusicTapped() noexcept try {
-  return reporting::send(KVRBeaconTypeUserEvent,
-                         reporting::openEvent(kKVRProviderAppleMusicValue, "highlightspill"));
+  return reporters::internal::send(KVRBeaconTypeUserEvent,
+                         reporters::internal::openEvent(kKVRProviderAppleMusicValue, "highlightspill"));
 } catch (...) {
   KVRLogging::logReportFailure("KVRHighlightsReporter::reportOpenAppleMusicTapped");
   return std::nullopt;
 }
 
 void KVRHighlightsReporter::reportHighlightsImpression() noexcept try {
-  reporting::sendProviderImpression(kKVRHighlights);
+  reporters::internal::sendProviderImpression(kKVRHighlights);
 } catch (...) {
   KVRLogging::logReportFailure("KVRHighlightsReporter::reportHighlightsImpression");
 }
 
 void KVRHighlightsReporter::reportHighlightsLoading() noexcept try {
-  reporting::sendProviderImpression("highlightsloading");
+  reporters::internal::sendProviderImpression("highlightsloading");
 } catch (...) {
   KVRLogging::logReportFailure("KVRHighlightsReporter::reportHighlightsLoading");
 }

@@ -15,7 +15,7 @@ constexpr std::array<std::string_view, 3> kOriginWords = {"manual", "imessage_my
 constexpr std::string_view kOriginFallback = "manual";
 
 KVRParameters trackEvent(std::string_view type, const std::optional<std::string>& trackID) {
-  KVRParameters parameters = reporting::userEvent(type);
+  KVRParameters parameters = reporters::internal::userEvent(type);
   parameters.set(kKVRTrackID, trackID);
   return parameters;
 }
@@ -23,21 +23,21 @@ KVRParameters trackEvent(std::string_view type, const std::optional<std::string>
 }  // namespace
 
 void KVRIMessageReporter::reportIMessageOpened() noexcept try {
-  reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent("imessageopen"));
+  reporters::internal::send(KVRBeaconTypeUserEvent, reporters::internal::userEvent("imessageopen"));
 } catch (...) {
   KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageOpened");
 }
 
 void KVRIMessageReporter::reportIMessageExpandedForTrackID(
     const std::optional<std::string>& trackID) noexcept try {
-  reporting::send(KVRBeaconTypeUserEvent, trackEvent("imessagetagopen", trackID));
+  reporters::internal::send(KVRBeaconTypeUserEvent, trackEvent("imessagetagopen", trackID));
 } catch (...) {
   KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageExpandedForTrackID");
 }
 
 void KVRIMessageReporter::reportIMessageWillSendMessageForTrackID(
     const std::optional<std::string>& trackID) noexcept try {
-  reporting::send(KVRBeaconTypeUserEvent, trackEvent("imessagesent", trackID));
+  reporters::internal::send(KVRBeaconTypeUserEvent, trackEvent("imessagesent", trackID));
 } catch (...) {
   KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageWillSendMessageForTrackID");
 }
@@ -46,7 +46,7 @@ void KVRIMessageReporter::reportIMessageWillSendMessageFromOrigin(
     KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) noexcept try {
   KVRParameters parameters = trackEvent("imessagesent", forTrackID);
   parameters.set(kKVROrigin, imessageOriginStringForIMessageOrigin(origin));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageWillSendMessageFromOrigin");
 }
@@ -56,25 +56,25 @@ void KVRIMessageReporter::reportIMessageTapPlayWithTrackID(
   KVRParameters parameters = trackEvent(kKVRNavType, trackID);
   parameters.set(kKVRDestination, kKVRKorvel);
   parameters.set(kKVROrigin, imessageOriginStringForIMessageOrigin(KVRIMessageOriginTag));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageTapPlayWithTrackID");
 }
 
 std::optional<std::string> KVRIMessageReporter::reportIMessageOpenAppleMusicTappedFromOrigin(
     KVRIMessageOrigin origin, const std::optional<std::string>& forTrackID) noexcept try {
-  KVRParameters parameters = reporting::userEvent(kKVROpenType);
+  KVRParameters parameters = reporters::internal::userEvent(kKVROpenType);
   parameters.set(kKVRProviderName, kKVRProviderAppleMusicValue);
   parameters.set(kKVRTrackID, forTrackID);
   parameters.set(kKVROrigin, imessageOriginStringForIMessageOrigin(origin));
-  return reporting::send(KVRBeaconTypeUserEvent, parameters);
+  return reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRIMessageReporter::reportIMessageOpenAppleMusicTappedFromOrigin");
   return std::nullopt;
 }
 
 std::string KVRIMessageReporter::imessageOriginStringForIMessageOrigin(KVRIMessageOrigin origin) {
-  return reporting::wordFor(kOriginWords, origin, kOriginFallback);
+  return reporters::internal::wordFor(kOriginWords, origin, kOriginFallback);
 }
 
 }  // namespace korvel

@@ -10,7 +10,7 @@ namespace korvel {
 namespace {
 
 void reportSection(std::string_view section) {
-  reporting::send(KVRBeaconTypeImpression, KVRParameters{{kKVRProviderName, section}});
+  reporters::internal::send(KVRBeaconTypeImpression, KVRParameters{{kKVRProviderName, section}});
 }
 
 }  // namespace
@@ -20,8 +20,8 @@ void KVRImpressionReporter::reportImpressionForTrackPageMetadataActionButtonIsSh
   KVRParameters parameters;
   parameters.set(kKVRProviderName, kKVRProviderAppleMusicValue);
   parameters.set(kKVRType, "metadata_open");
-  parameters.set("hasnotes", reporting::flag(isShowingEditorialNotes));
-  reporting::send(KVRBeaconTypeImpression, parameters);
+  parameters.set("hasnotes", reporters::internal::flag(isShowingEditorialNotes));
+  reporters::internal::send(KVRBeaconTypeImpression, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRImpressionReporter::"
@@ -56,7 +56,7 @@ void KVRImpressionReporter::reportImpressionForHighlightsSection() noexcept try 
   KVRParameters parameters;
   parameters.set(kKVRProviderName, kKVRHighlights);
   parameters.set(kKVROrigin, kKVRSection);
-  reporting::send(KVRBeaconTypeImpression, parameters);
+  reporters::internal::send(KVRBeaconTypeImpression, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRImpressionReporter::reportImpressionForHighlightsSection");
 }

@@ -18,9 +18,9 @@ constexpr std::array<std::string_view, 7> kCardTypeWords = {
 constexpr std::string_view kCardTypeFallback = "history";
 
 void reportNavigation(std::string_view destination) {
-  KVRParameters parameters = reporting::userEvent(kKVRNavType);
+  KVRParameters parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, destination);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 }
 
 }  // namespace
@@ -30,8 +30,8 @@ void KVRLibraryReporter::reportLibraryImpressionOfType(KVRLibraryCardType type,
     try {
   KVRParameters parameters;
   parameters.set(kKVRProviderName, reportingStringForType(type));
-  reporting::mergeTagParameters(parameters, tagDetails);
-  reporting::send(KVRBeaconTypeImpression, parameters);
+  reporters::internal::mergeTagParameters(parameters, tagDetails);
+  reporters::internal::send(KVRBeaconTypeImpression, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRLibraryReporter::reportLibraryImpressionOfType");
 }
@@ -39,12 +39,12 @@ void KVRLibraryReporter::reportLibraryImpressionOfType(KVRLibraryCardType type,
 void KVRLibraryReporter::reportOpenedTrack(const KVRTagDetails* tagDetails,
                                            const std::optional<KVRValue>& cardPosition,
                                            KVRLibraryCardType cardType) noexcept try {
-  KVRParameters parameters = reporting::userEvent(kKVRNavType);
+  KVRParameters parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, kKVRDetails);
   parameters.set(kKVRCardPosition, cardPosition);
   parameters.set(kKVRCardType, reportingStringForType(cardType));
-  reporting::mergeTagParameters(parameters, tagDetails);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::mergeTagParameters(parameters, tagDetails);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRLibraryReporter::reportOpenedTrack");
 }
@@ -54,7 +54,7 @@ void KVRLibraryReporter::reportPlayTrack(
     const std::optional<std::string>& withStreamingServiceIdentifier,
     const std::optional<KVRValue>& cardPosition) noexcept try {
   KVRParameters parameters;
-  reporting::mergeTagParameters(parameters, tagDetails);
+  reporters::internal::mergeTagParameters(parameters, tagDetails);
   // After the merge: the card the user tapped wins over any position the tag
   // remembers.
   parameters.set(kKVRCardPosition, cardPosition);
@@ -66,10 +66,10 @@ void KVRLibraryReporter::reportPlayTrack(
 
 void KVRLibraryReporter::reportTappedSeeAllForType(
     KVRLibraryCardType type, const std::optional<std::string>& origin) noexcept try {
-  KVRParameters parameters = reporting::userEvent(kKVRNavType);
+  KVRParameters parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, reportingStringForType(type));
   parameters.set(kKVROrigin, origin);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRLibraryReporter::reportTappedSeeAllForType");
 }
@@ -93,7 +93,7 @@ void KVRLibraryReporter::reportKorvelButtonTapped() noexcept try {
 }
 
 std::string KVRLibraryReporter::reportingStringForType(KVRLibraryCardType type) {
-  return reporting::wordFor(kCardTypeWords, type, kCardTypeFallback);
+  return reporters::internal::wordFor(kCardTypeWords, type, kCardTypeFallback);
 }
 
 }  // namespace korvel

@@ -19,24 +19,24 @@ constexpr std::string_view kAuthorizationOriginFallback = "authmigration_anon";
 
 void KVRLibrarySyncReporter::reportUserAuthorizedSyncWithOrigin(
     KVRLibrarySyncAuthorizationOrigin origin) noexcept try {
-  KVRParameters parameters = reporting::userEvent("accountlogin");
+  KVRParameters parameters = reporters::internal::userEvent("accountlogin");
   parameters.set(kKVRAction, "signin");
   // The origin words are never empty today; the page name stands in should
   // one ever be.
   const std::string originWord = stringFromAuthorizationOrigin(origin);
   parameters.set(kKVROrigin, originWord.empty() ? currentPageName() : originWord);
   parameters.set(kKVRProviderName, "icloud");
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRLibrarySyncReporter::reportUserAuthorizedSyncWithOrigin");
 }
 
 void KVRLibrarySyncReporter::reportSyncStatusPrivacyTappedWithOrigin(
     KVRLibrarySyncStatusValue status) noexcept try {
-  KVRParameters parameters = reporting::userEvent(kKVRNavType);
+  KVRParameters parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, "privacy");
   parameters.set(kKVROrigin, stringFromStatusValue(status));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRLibrarySyncReporter::reportSyncStatusPrivacyTappedWithOrigin");
 }
@@ -48,7 +48,7 @@ std::string KVRLibrarySyncReporter::providerStringForSettingsLibrarySyncStatus(
 
 std::string KVRLibrarySyncReporter::stringFromAuthorizationOrigin(
     KVRLibrarySyncAuthorizationOrigin origin) {
-  return reporting::wordFor(kAuthorizationOriginWords, origin, kAuthorizationOriginFallback,
+  return reporters::internal::wordFor(kAuthorizationOriginWords, origin, kAuthorizationOriginFallback,
                             KVRLibrarySyncAuthorizationOriginOptOut);
 }
 

@@ -9,10 +9,10 @@ namespace korvel {
 namespace {
 
 void reportNavigation(std::string_view card, std::string_view destination) {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVROrigin, card);
   parameters.set(kKVRDestination, destination);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 }
 
 }  // namespace
@@ -50,19 +50,19 @@ void KVRMetadataPageReporter::reportArtistImageNavigationFromArtistCard() noexce
 }
 
 void KVRMetadataPageReporter::reportImpressionForHighlightsCard() noexcept try {
-  reporting::sendProviderImpression(kKVRMetadataHighlightsCard);
+  reporters::internal::sendProviderImpression(kKVRMetadataHighlightsCard);
 } catch (...) {
   KVRLogging::logReportFailure("KVRMetadataPageReporter::reportImpressionForHighlightsCard");
 }
 
 void KVRMetadataPageReporter::reportImpressionForTrackCard() noexcept try {
-  reporting::sendProviderImpression(kKVRMetadataTrackCard);
+  reporters::internal::sendProviderImpression(kKVRMetadataTrackCard);
 } catch (...) {
   KVRLogging::logReportFailure("KVRMetadataPageReporter::reportImpressionForTrackCard");
 }
 
 void KVRMetadataPageReporter::reportImpressionForArtistCard() noexcept try {
-  reporting::sendProviderImpression(kKVRMetadataArtistCard);
+  reporters::internal::sendProviderImpression(kKVRMetadataArtistCard);
 } catch (...) {
   KVRLogging::logReportFailure("KVRMetadataPageReporter::reportImpressionForArtistCard");
 }

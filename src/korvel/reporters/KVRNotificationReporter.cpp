@@ -21,15 +21,15 @@ void KVRNotificationReporter::reportNotificationOpenedWithBeaconData(
     const KVRParameters& beaconData) noexcept try {
   KVRParameters parameters{{kKVRType, kNotificationType}};
   parameters.merge(beaconData);
-  reporting::send(KVRBeaconTypeDeepLink, parameters);
+  reporters::internal::send(KVRBeaconTypeDeepLink, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRNotificationReporter::reportNotificationOpenedWithBeaconData");
 }
 
 void KVRNotificationReporter::reportAutoMatchNotificationSent() noexcept try {
-  KVRParameters parameters = reporting::userEvent("actionablenotificationsent");
+  KVRParameters parameters = reporters::internal::userEvent("actionablenotificationsent");
   parameters.set(kKVRScreenName, "automatched");
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRNotificationReporter::reportAutoMatchNotificationSent");
 }
@@ -38,7 +38,7 @@ void KVRNotificationReporter::reportBackgroundMatchLocalNotificationSent(
     const std::optional<std::string>& trackID) noexcept try {
   KVRParameters parameters = notificationFrom("background_tag");
   parameters.set(kKVRTrackIdKey, trackID);
-  reporting::send(KVRBeaconTypeImpression, parameters);
+  reporters::internal::send(KVRBeaconTypeImpression, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRNotificationReporter::reportBackgroundMatchLocalNotificationSent");
@@ -47,14 +47,14 @@ void KVRNotificationReporter::reportBackgroundMatchLocalNotificationSent(
 // Posting and tapping the no-match notification carry the same keys; only
 // the beacon type tells them apart.
 void KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationSent() noexcept try {
-  reporting::send(KVRBeaconTypeImpression, notificationFrom("background_nomatch"));
+  reporters::internal::send(KVRBeaconTypeImpression, notificationFrom("background_nomatch"));
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationSent");
 }
 
 void KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationTapped() noexcept try {
-  reporting::send(KVRBeaconTypeDeepLink, notificationFrom("background_nomatch"));
+  reporters::internal::send(KVRBeaconTypeDeepLink, notificationFrom("background_nomatch"));
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRNotificationReporter::reportBackgroundNoMatchLocalNotificationTapped");

@@ -7,10 +7,10 @@
 namespace korvel {
 
 void KVRPlayerReporter::reportNavigationToArtistPage() noexcept try {
-  KVRParameters parameters = reporting::userEvent(kKVRNavType);
+  KVRParameters parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVROrigin, "player");
   parameters.set(kKVRDestination, kKVRArtist);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRPlayerReporter::reportNavigationToArtistPage");
 }
@@ -18,11 +18,11 @@ void KVRPlayerReporter::reportNavigationToArtistPage() noexcept try {
 void KVRPlayerReporter::reportUserTappedOnTrackInPlayerTracklistWithTagDetails(
     const KVRTagDetails* tagDetails,
     const std::optional<std::string>& streamingServiceProviderName) noexcept try {
-  KVRParameters parameters = reporting::userEvent(kKVRPlayerPlay);
-  reporting::mergeTagParameters(parameters, tagDetails);
+  KVRParameters parameters = reporters::internal::userEvent(kKVRPlayerPlay);
+  reporters::internal::mergeTagParameters(parameters, tagDetails);
   // After the merge, so that the service actually playing is the one named.
   parameters.set(kKVRProviderName, streamingServiceProviderName);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRPlayerReporter::reportUserTappedOnTrackInPlayerTracklistWithTagDetails");
@@ -30,9 +30,9 @@ void KVRPlayerReporter::reportUserTappedOnTrackInPlayerTracklistWithTagDetails(
 
 void KVRPlayerReporter::reportUserTappedSavePlaylistWithStreamingServiceProviderName(
     const std::optional<std::string>& providerName) noexcept try {
-  KVRParameters parameters = reporting::userEvent("saveplaylist");
+  KVRParameters parameters = reporters::internal::userEvent("saveplaylist");
   parameters.set(kKVRProviderName, providerName);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRPlayerReporter::reportUserTappedSavePlaylistWithStreamingServiceProviderName");

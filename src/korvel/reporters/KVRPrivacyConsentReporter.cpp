@@ -7,13 +7,13 @@ namespace korvel {
 
 void KVRPrivacyConsentReporter::reportChinaPIPLPrivacyConsentGrantedAtTimestamp(
     KVRDate timestamp, bool isNewUser) noexcept try {
-  KVRParameters parameters = reporting::userEvent("consent");
+  KVRParameters parameters = reporters::internal::userEvent("consent");
   parameters.set(kKVRScreenName, "pipl");
   // Words, not digits: the consent record is read by people as well.
   parameters.set("newuser", isNewUser ? kKVRTrue : kKVRFalse);
   parameters.set("xbdt", "agree");
   parameters.set("xbdt_timestamp", timestamp.secondsSince1970);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRPrivacyConsentReporter::reportChinaPIPLPrivacyConsentGrantedAtTimestamp");

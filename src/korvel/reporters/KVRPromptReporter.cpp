@@ -30,7 +30,7 @@ KVRParameters promptParameters(KVRPromptType promptType) {
 }  // namespace
 
 void KVRPromptReporter::reportImpressionForPromptType(KVRPromptType promptType) noexcept try {
-  reporting::send(KVRBeaconTypeImpression, promptParameters(promptType));
+  reporters::internal::send(KVRBeaconTypeImpression, promptParameters(promptType));
 } catch (...) {
   KVRLogging::logReportFailure("KVRPromptReporter::reportImpressionForPromptType");
 }
@@ -39,18 +39,18 @@ void KVRPromptReporter::reportAction(KVRPromptAction action, KVRPromptType forPr
     try {
   KVRParameters parameters = promptParameters(forPromptType);
   parameters.set(kKVRAction, actionStringForAction(action));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRPromptReporter::reportAction");
 }
 
 std::string KVRPromptReporter::promptTypeStringForPromptType(KVRPromptType promptType) {
-  return reporting::wordFor(kPromptTypeWords, promptType, kPromptTypeFallback,
+  return reporters::internal::wordFor(kPromptTypeWords, promptType, kPromptTypeFallback,
                             KVRPromptTypeLocationPermissions);
 }
 
 std::string KVRPromptReporter::actionStringForAction(KVRPromptAction action) {
-  return reporting::wordFor(kActionWords, action, kActionFallback, KVRPromptActionNotifyMe);
+  return reporters::internal::wordFor(kActionWords, action, kActionFallback, KVRPromptActionNotifyMe);
 }
 
 }  // namespace korvel

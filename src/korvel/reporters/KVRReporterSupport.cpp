@@ -2,7 +2,7 @@
 
 #include <korvel/reporters/KVRTaggingReporter.h>
 
-namespace korvel::reporting {
+namespace korvel::reporters::internal {
 
 void mergeTagParameters(KVRParameters& parameters, const KVRTagDetails* tagDetails) {
   if (tagDetails == nullptr) return;
@@ -16,4 +16,4 @@ void mergeFeaturedTagParameters(KVRParameters& parameters, const KVRTagDetails* 
   }
 }
 
-}  // namespace korvel::reporting
+}  // namespace korvel::reporters::internal

@@ -29,29 +29,29 @@ std::optional<std::string> absoluteString(const std::optional<KVRURL>& url) {
 }  // namespace
 
 void KVRSearchReporter::reportSearchWithAction(KVRSearchAction action) noexcept try {
-  KVRParameters parameters = reporting::userEvent(kKVRSearch);
+  KVRParameters parameters = reporters::internal::userEvent(kKVRSearch);
   parameters.set(kKVRAction, searchActionStringForSearchAction(action));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRSearchReporter::reportSearchWithAction");
 }
 
 void KVRSearchReporter::reportOpenSearchResultType(KVRSearchResultType type,
                                                    bool hasLyricsSnippet) noexcept try {
-  KVRParameters parameters = reporting::userEvent(kKVRSearch);
+  KVRParameters parameters = reporters::internal::userEvent(kKVRSearch);
   parameters.set(kKVRAction, "launch");
   parameters.set("searchresulttype", searchResultTypeStringForSearchResultType(type));
-  parameters.set("haslyrics", reporting::flag(hasLyricsSnippet));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  parameters.set("haslyrics", reporters::internal::flag(hasLyricsSnippet));
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRSearchReporter::reportOpenSearchResultType");
 }
 
 void KVRSearchReporter::reportChartsCardTappedInSearch() noexcept try {
-  KVRParameters parameters = reporting::userEvent(kKVRNavType);
+  KVRParameters parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, "charts");
   parameters.set(kKVROrigin, "charts_card");
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRSearchReporter::reportChartsCardTappedInSearch");
 }
@@ -60,11 +60,11 @@ void KVRSearchReporter::reportChartsCardTappedInSearch() noexcept try {
 // dashboard has always had them.
 void KVRSearchReporter::reportRadioSpinsCardTappedWithURL(const std::optional<KVRURL>& url) noexcept
     try {
-  KVRParameters parameters = reporting::userEvent(kKVRNavType);
+  KVRParameters parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, absoluteString(url));
   parameters.set(kKVROrigin, kRadioSpinsOrigin);
   parameters.set(kKVRProviderName, kRadioSpinsProvider);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRSearchReporter::reportRadioSpinsCardTappedWithURL");
 }
@@ -75,18 +75,18 @@ void KVRSearchReporter::reportRadioSpinsCardImpressionWithURL(
   parameters.set(kKVRProviderName, kRadioSpinsProvider);
   parameters.set(kKVRDestination, absoluteString(url));
   parameters.set(kKVROrigin, kRadioSpinsOrigin);
-  reporting::send(KVRBeaconTypeImpression, parameters);
+  reporters::internal::send(KVRBeaconTypeImpression, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRSearchReporter::reportRadioSpinsCardImpressionWithURL");
 }
 
 std::string KVRSearchReporter::searchActionStringForSearchAction(KVRSearchAction action) {
-  return reporting::wordFor(kSearchActionWords, action, kSearchActionFallback);
+  return reporters::internal::wordFor(kSearchActionWords, action, kSearchActionFallback);
 }
 
 std::string KVRSearchReporter::searchResultTypeStringForSearchResultType(
     KVRSearchResultType type) {
-  return reporting::wordFor(kResultTypeWords, type, kResultTypeFallback);
+  return reporters::internal::wordFor(kResultTypeWords, type, kResultTypeFallback);
 }
 
 }  // namespace korvel

@@ -14,7 +14,7 @@ constexpr std::array<std::string_view, 3> kNetworkWords = {"twitter", "instagram
 constexpr std::string_view kNetworkFallback = "twitter";
 
 void reportUserEvent(std::string_view type) {
-  reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent(type));
+  reporters::internal::send(KVRBeaconTypeUserEvent, reporters::internal::userEvent(type));
 }
 
 }  // namespace
@@ -38,15 +38,15 @@ void KVRSocialReporter::reportMyKorvelScreenshotEducationActionTapped() noexcept
 }
 
 void KVRSocialReporter::reportTappedSocialMediaLink(KVRSocialNetworkType network) noexcept try {
-  KVRParameters parameters = reporting::userEvent("opensocialnetwork");
+  KVRParameters parameters = reporters::internal::userEvent("opensocialnetwork");
   parameters.set(kKVRProviderName, stringForSocialNetworkType(network));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRSocialReporter::reportTappedSocialMediaLink");
 }
 
 std::string KVRSocialReporter::stringForSocialNetworkType(KVRSocialNetworkType network) {
-  return reporting::wordFor(kNetworkWords, network, kNetworkFallback);
+  return reporters::internal::wordFor(kNetworkWords, network, kNetworkFallback);
 }
 
 }  // namespace korvel

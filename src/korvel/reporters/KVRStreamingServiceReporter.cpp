@@ -121,7 +121,7 @@ std::string prefixOfUTF16Length(std::string_view text, size_t maxUnits) {
   std::string prefix;
   size_t units = 0;
   for (size_t i = 0; i < text.size();) {
-    const auto character = platform::utf8CharacterAt(text, i);
+    const auto character = foundation::internal::utf8CharacterAt(text, i);
     const size_t cost = character.codePoint > 0xFFFF ? 2 : 1;
     if (units + cost > maxUnits) break;
     if (character.wellFormed) {
@@ -137,7 +137,7 @@ std::string prefixOfUTF16Length(std::string_view text, size_t maxUnits) {
 
 // The "preview" flag: the app played a preview, not through a service.
 void markPreviewIf(KVRParameters& parameters, bool isPreview) {
-  if (isPreview) parameters.set(kPreviewKey, reporting::flag(true));
+  if (isPreview) parameters.set(kPreviewKey, reporters::internal::flag(true));
 }
 
 void setCodeAndMessage(KVRParameters& parameters, const KVNError& error, std::string_view codeKey,
@@ -151,7 +151,7 @@ void setCodeAndMessage(KVRParameters& parameters, const KVNError& error, std::st
 // a success is stale and is not reported.
 void reportAccountCheck(std::string_view type, bool success, const KVNError* error,
                         double duration) {
-  auto parameters = reporting::userEvent(type);
+  auto parameters = reporters::internal::userEvent(type);
   parameters.set(kKVRAction, success ? kKVRSuccess : kKVRErrorKey);
   parameters.set(kKVRDuration, duration);
   if (error != nullptr && !success) {
@@ -161,15 +161,15 @@ void reportAccountCheck(std::string_view type, bool success, const KVNError* err
         kErrorMessageKey,
         KVRStreamingServiceReporter::reportableStreamingErrorLocalisedDescription(error));
   }
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 }
 
 // A user event whose only other parameter is the service.
 void reportForService(std::string_view type,
                       const std::optional<std::string>& streamingServiceIdentifier) {
-  auto parameters = reporting::userEvent(type);
+  auto parameters = reporters::internal::userEvent(type);
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 }
 
 }  // namespace
@@ -178,11 +178,11 @@ std::optional<std::string> KVRStreamingServiceReporter::reportStreamingLoginWith
     KVRStreamingLoginAction action, const std::optional<std::string>& streamingServiceIdentifier,
     KVRStreamingOrigin loginOrigin, const KVRTagDetails* tagDetails, const KVNError* error,
     const std::optional<KVRParameters>& additionalBeaconData) noexcept try {
-  auto parameters = reporting::userEvent(kLoginFlowType);
+  auto parameters = reporters::internal::userEvent(kLoginFlowType);
   parameters.set(kKVRAction, streamingLoginActionStringForAction(action));
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
-  reporting::mergeTagParameters(parameters, tagDetails);
+  reporters::internal::mergeTagParameters(parameters, tagDetails);
   if (error != nullptr) {
     setCodeAndMessage(parameters, *error, kKVRErrorDetailCode, kErrorMessageKey);
     // Only a real error counts: the key may hold anything the host put there.
@@ -191,7 +191,7 @@ std::optional<std::string> KVRStreamingServiceReporter::reportStreamingLoginWith
     }
   }
   parameters.merge(additionalBeaconData);
-  return reporting::send(KVRBeaconTypeUserEvent, parameters);
+  return reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportStreamingLoginWithAction");
   return std::nullopt;
@@ -200,10 +200,10 @@ std::optional<std::string> KVRStreamingServiceReporter::reportStreamingLoginWith
 void KVRStreamingServiceReporter::reportStreamingLogoutWithAction(
     KVRStreamingLogoutAction action,
     const std::optional<std::string>& streamingServiceIdentifier) noexcept try {
-  auto parameters = reporting::userEvent("streamingmusiclogout");
+  auto parameters = reporters::internal::userEvent("streamingmusiclogout");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set(kKVRAction, streamingLogoutActionStringForAction(action));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportStreamingLogoutWithAction");
 }
@@ -214,7 +214,7 @@ void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellImpressio
   parameters.set(kKVRProviderName,
                  showingPrivacy ? "am_previewupsell_privacy" : "am_previewupsell");
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
-  reporting::send(KVRBeaconTypeImpression, parameters);
+  reporters::internal::send(KVRBeaconTypeImpression, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellImpressionShowingPrivacy");
@@ -223,14 +223,14 @@ void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellImpressio
 void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellUserEventAction(
     KVRAppleMusicPreviewUpsellAction action, bool showingPrivacy,
     KVRStreamingOrigin loginOrigin) noexcept try {
-  auto parameters = reporting::userEvent(kAppleMusicUpsellType);
-  parameters.set(kKVRAction, reporting::wordFor(showingPrivacy ? kPreviewUpsellPrivacyActions
+  auto parameters = reporters::internal::userEvent(kAppleMusicUpsellType);
+  parameters.set(kKVRAction, reporters::internal::wordFor(showingPrivacy ? kPreviewUpsellPrivacyActions
                                                                : kPreviewUpsellActions,
                                                 action));
   // Written a second time on purpose; the value and its position stay.
   parameters.set(kKVRType, kAppleMusicUpsellType);
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellUserEventAction");
@@ -238,7 +238,7 @@ void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPreviewUpsellUserEvent
 
 void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyCardUpsellImpression() noexcept
     try {
-  reporting::sendProviderImpression(kAppleMusicPrivacy);
+  reporters::internal::sendProviderImpression(kAppleMusicPrivacy);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyCardUpsellImpression");
@@ -246,12 +246,12 @@ void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyCardUpsellImpre
 
 void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyRejectedFromLoginOrigin(
     KVRStreamingOrigin loginOrigin) noexcept try {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   // Rejecting the consent returns the user to the screen they came from.
   parameters.set(kKVRDestination, KVRUserSession().currentScreenName());
   parameters.set(kKVROrigin, kAppleMusicPrivacy);
   parameters.set(kLoginOriginKey, streamingOriginStringFromOrigin(loginOrigin));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyRejectedFromLoginOrigin");
@@ -259,9 +259,9 @@ void KVRStreamingServiceReporter::reportAppleMusicGDPRFlowPrivacyRejectedFromLog
 
 void KVRStreamingServiceReporter::reportStreamingLoginUpsellUserEventAction(
     KVRStreamingLoginUpsellAction action) noexcept try {
-  auto parameters = reporting::userEvent("streamingloginupsell");
-  parameters.set(kKVRAction, reporting::wordFor(kLoginUpsellActions, action));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  auto parameters = reporters::internal::userEvent("streamingloginupsell");
+  parameters.set(kKVRAction, reporters::internal::wordFor(kLoginUpsellActions, action));
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportStreamingLoginUpsellUserEventAction");
@@ -270,11 +270,11 @@ void KVRStreamingServiceReporter::reportStreamingLoginUpsellUserEventAction(
 void KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
     const std::optional<std::string>& streamingServiceIdentifier,
     const std::optional<KVRParameters>& beaconData) noexcept try {
-  auto parameters = reporting::userEvent(kKVRPlayerPlay);
+  auto parameters = reporters::internal::userEvent(kKVRPlayerPlay);
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   markPreviewIf(parameters, !streamingServiceIdentifier || streamingServiceIdentifier->empty());
   parameters.merge(beaconData);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier");
@@ -285,15 +285,15 @@ void KVRStreamingServiceReporter::reportPlaybackSessionEndedWithStreamingService
     const std::optional<KVRValue>& playbackDurationMilliseconds,
     const std::optional<KVRValue>& playbackTrackCount, const std::optional<std::string>& playlistID,
     uint64_t applicationState, const std::optional<KVRParameters>& beaconData) noexcept try {
-  auto parameters = reporting::userEvent(kPlayerSessionEndType);
+  auto parameters = reporters::internal::userEvent(kPlayerSessionEndType);
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set(kPlayQueueKey, playlistID);
   parameters.set("playbackduration", playbackDurationMilliseconds);
   parameters.set(KVRTrackPageKeyTrackCount, playbackTrackCount);
-  parameters.set(kKVRBackgroundSession, reporting::flag(applicationState == 0));
+  parameters.set(kKVRBackgroundSession, reporters::internal::flag(applicationState == 0));
   markPreviewIf(parameters, !streamingServiceIdentifier);
   parameters.merge(beaconData);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportPlaybackSessionEndedWithStreamingServiceIdentifier");
@@ -303,12 +303,12 @@ void KVRStreamingServiceReporter::reportPlayAllUserEventWithStreamingServiceIden
     const std::optional<std::string>& streamingServiceIdentifier,
     const std::optional<std::string>& playlistID, const std::optional<std::string>& origin) noexcept
     try {
-  auto parameters = reporting::userEvent(kKVRPlayerPlay);
+  auto parameters = reporters::internal::userEvent(kKVRPlayerPlay);
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   markPreviewIf(parameters, !streamingServiceIdentifier);
   parameters.set(kPlayQueueKey, playlistID);
   parameters.set(kKVROrigin, origin);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportPlayAllUserEventWithStreamingServiceIdentifier");
@@ -316,12 +316,12 @@ void KVRStreamingServiceReporter::reportPlayAllUserEventWithStreamingServiceIden
 
 void KVRStreamingServiceReporter::reportTrackPageFeaturedAlbumWithTagDetails(
     const KVRTagDetails* tagDetails, const std::optional<std::string>& albumId) noexcept try {
-  auto parameters = reporting::userEvent(kKVRPlayerPlay);
+  auto parameters = reporters::internal::userEvent(kKVRPlayerPlay);
   parameters.set(kKVROrigin, kKVRFeaturedAlbum);
   parameters.set(kKVRAlbumId, albumId);
   parameters.set(kKVRProviderName, kKVRProviderAppleMusicValue);
-  reporting::mergeFeaturedTagParameters(parameters, tagDetails);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::mergeFeaturedTagParameters(parameters, tagDetails);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportTrackPageFeaturedAlbumWithTagDetails");
@@ -337,10 +337,10 @@ void KVRStreamingServiceReporter::reportPlaylistUpdatedWithStreamingServiceIdent
 
 void KVRStreamingServiceReporter::reportPlaylistSelectionWithStreamingServiceIdentifier(
     const std::optional<std::string>& streamingServiceIdentifier) noexcept try {
-  auto parameters = reporting::userEvent("streamingmusicplaylistaction");
+  auto parameters = reporters::internal::userEvent("streamingmusicplaylistaction");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set("playlistwasselected", "1");  // text, not a number
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportPlaylistSelectionWithStreamingServiceIdentifier");
@@ -351,11 +351,11 @@ void KVRStreamingServiceReporter::reportPlaylistUpdateError(
     try {
   // An error beacon that still carries a user-event type, as the dashboards
   // expect; the code is written even when the host has no error to give.
-  auto parameters = reporting::userEvent("playlistupdateerror");
+  auto parameters = reporters::internal::userEvent("playlistupdateerror");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set(kKVRErrorDetailCode, error != nullptr ? error->code() : int64_t{0});
   if (error != nullptr) parameters.set(kErrorDescriptionKey, error->description());
-  reporting::send(KVRBeaconTypeError, parameters);
+  reporters::internal::send(KVRBeaconTypeError, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportPlaylistUpdateError");
 }
@@ -363,10 +363,10 @@ void KVRStreamingServiceReporter::reportPlaylistUpdateError(
 void KVRStreamingServiceReporter::reportMyKorvelPlaylistCreatedWithStreamingServiceIdentifier(
     const std::optional<std::string>& streamingServiceIdentifier,
     const std::optional<KVRValue>& numberOfTracks) noexcept try {
-  auto parameters = reporting::userEvent("mykorvelsplaylistcreated");
+  auto parameters = reporters::internal::userEvent("mykorvelsplaylistcreated");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   parameters.set("mykorvelscount", numberOfTracks);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportMyKorvelPlaylistCreatedWithStreamingServiceIdentifier");
@@ -383,22 +383,22 @@ void KVRStreamingServiceReporter::reportPlaylistSavedWithStreamingServiceIdentif
 void KVRStreamingServiceReporter::reportPlaylistSaveFailedWithError(
     const KVNError* error, const std::optional<std::string>& streamingServiceIdentifier) noexcept
     try {
-  auto parameters = reporting::userEvent("playlistsavefailed");
+  auto parameters = reporters::internal::userEvent("playlistsavefailed");
   parameters.set(kKVRProviderName, streamingServiceIdentifier);
   if (error != nullptr) {
     parameters.set(kKVRErrorDetailCode, error->code());
     parameters.set(kErrorDescriptionKey, error->description());
   }
-  reporting::send(KVRBeaconTypeError, parameters);
+  reporters::internal::send(KVRBeaconTypeError, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRStreamingServiceReporter::reportPlaylistSaveFailedWithError");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicMediaLibraryPermissionGranted(
     bool granted) noexcept try {
-  auto parameters = reporting::userEvent("applemusicpermission");
-  parameters.set("am", reporting::flag(granted));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  auto parameters = reporters::internal::userEvent("applemusicpermission");
+  parameters.set("am", reporters::internal::flag(granted));
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportAppleMusicMediaLibraryPermissionGranted");
@@ -407,8 +407,8 @@ void KVRStreamingServiceReporter::reportAppleMusicMediaLibraryPermissionGranted(
 void KVRStreamingServiceReporter::reportStreamingServiceSyncCardImpressionWithProvider(
     KVRStreamingServiceProvider provider) noexcept try {
   KVRParameters parameters;
-  parameters.set(kKVRProviderName, reporting::wordFor(kSyncCardNames, provider));
-  reporting::send(KVRBeaconTypeImpression, parameters);
+  parameters.set(kKVRProviderName, reporters::internal::wordFor(kSyncCardNames, provider));
+  reporters::internal::send(KVRBeaconTypeImpression, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportStreamingServiceSyncCardImpressionWithProvider");
@@ -416,9 +416,9 @@ void KVRStreamingServiceReporter::reportStreamingServiceSyncCardImpressionWithPr
 
 void KVRStreamingServiceReporter::reportStreamingServiceSyncCardAcceptTappedWithProvider(
     KVRStreamingServiceProvider provider) noexcept try {
-  auto parameters = reporting::userEvent("streamsync");
+  auto parameters = reporters::internal::userEvent("streamsync");
   parameters.set(kKVRProviderName, providerNameForProvider(provider));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportStreamingServiceSyncCardAcceptTappedWithProvider");
@@ -426,10 +426,10 @@ void KVRStreamingServiceReporter::reportStreamingServiceSyncCardAcceptTappedWith
 
 void KVRStreamingServiceReporter::reportStreamingServiceAutoSyncEnabled(
     bool enabled, KVRStreamingServiceProvider provider) noexcept try {
-  auto parameters = reporting::userEvent("pk_autoadd_korvels");
+  auto parameters = reporters::internal::userEvent("pk_autoadd_korvels");
   parameters.set(kKVRProviderName, providerNameForProvider(provider));
   parameters.set(kKVRValue, enabled ? kKVROn : kKVROff);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportStreamingServiceAutoSyncEnabled");
@@ -460,15 +460,15 @@ void KVRStreamingServiceReporter::reportAppleMusicClassicalDismissedForProviderN
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardImpression() noexcept try {
-  reporting::sendProviderImpression(kClassicalHalfSheet);
+  reporters::internal::sendProviderImpression(kClassicalHalfSheet);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardImpression");
 }
 
 void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardOpen() noexcept try {
-  reporting::send(KVRBeaconTypeUserEvent,
-                  reporting::openEvent(kKVRAppleMusicClassical, kClassicalHalfSheet));
+  reporters::internal::send(KVRBeaconTypeUserEvent,
+                  reporters::internal::openEvent(kKVRAppleMusicClassical, kClassicalHalfSheet));
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardOpen");
@@ -484,27 +484,27 @@ void KVRStreamingServiceReporter::reportAppleMusicClassicalDownloadCardDismissed
 std::string KVRStreamingServiceReporter::streamingOriginStringFromOrigin(
     KVRStreamingOrigin origin) {
   // Values beyond int64_t's range turn negative here and fall back as well.
-  return reporting::wordFor(kLoginOrigins, static_cast<int64_t>(origin), kLoginOriginFallback);
+  return reporters::internal::wordFor(kLoginOrigins, static_cast<int64_t>(origin), kLoginOriginFallback);
 }
 
 std::string KVRStreamingServiceReporter::streamingLoginActionStringForAction(
     KVRStreamingLoginAction action) {
-  return reporting::wordFor(kLoginActions, static_cast<int64_t>(action), kKVRSuccess);
+  return reporters::internal::wordFor(kLoginActions, static_cast<int64_t>(action), kKVRSuccess);
 }
 
 std::string KVRStreamingServiceReporter::streamingLogoutActionStringForAction(
     KVRStreamingLogoutAction action) {
-  return reporting::wordFor(kLogoutActions, static_cast<int64_t>(action), kKVRSuccess);
+  return reporters::internal::wordFor(kLogoutActions, static_cast<int64_t>(action), kKVRSuccess);
 }
 
 std::string KVRStreamingServiceReporter::streamingNativeSheetActionStringForAction(
     KVRStreamingNativeSheetAction action) {
-  return reporting::wordFor(kNativeSheetActions, static_cast<int64_t>(action), "cancel");
+  return reporters::internal::wordFor(kNativeSheetActions, static_cast<int64_t>(action), "cancel");
 }
 
 std::string KVRStreamingServiceReporter::providerNameForProvider(
     KVRStreamingServiceProvider provider) {
-  return reporting::wordFor(kProviderNames, provider, kKVRProviderSpotifyValue);
+  return reporters::internal::wordFor(kProviderNames, provider, kKVRProviderSpotifyValue);
 }
 
 std::optional<std::string>

@@ -40,7 +40,7 @@ void KVRTagSyncReporter::reportSyncResult(const std::optional<KVRValue>& result,
   parameters.set("updated", updated);
   parameters.set("deleted", removed);
   parameters.set(kKVRErrorKey, errorCodesStringForError(error));
-  reporting::send(KVRBeaconTypeTagSync, parameters);
+  reporters::internal::send(KVRBeaconTypeTagSync, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRTagSyncReporter::reportSyncResult");
 }
@@ -62,11 +62,11 @@ std::optional<std::string> KVRTagSyncReporter::errorCodesStringForError(const KV
 }
 
 std::string KVRTagSyncReporter::stringForContainer(KVRTagSyncContainer container) {
-  return reporting::wordFor(kContainerWords, container, kContainerFallback);
+  return reporters::internal::wordFor(kContainerWords, container, kContainerFallback);
 }
 
 std::optional<std::string> KVRTagSyncReporter::stringForSyncStep(KVRTagSyncStep step) {
-  return reporting::wordFor(kSyncStepWords, step);
+  return reporters::internal::wordFor(kSyncStepWords, step);
 }
 
 }  // namespace korvel

@@ -223,13 +223,13 @@ void KVRTaggingReporter::reportTaggingSessionStarted(
     session.origin = tagInitiationOriginStringForTagInitiationOrigin(fromOrigin);
   }
 
-  KVRParameters parameters = reporting::userEvent("taggingstarted");
+  KVRParameters parameters = reporters::internal::userEvent("taggingstarted");
   parameters.set(kKVROrigin, session.origin);
 
   activeSessions().insert_or_assign(*sessionID, std::move(session));
 
-  parameters.set(kKVRBackgroundSession, reporting::flag(isInBackground));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  parameters.set(kKVRBackgroundSession, reporters::internal::flag(isInBackground));
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (const KVRAssertionException&) {
   throw;
 } catch (...) {
@@ -254,7 +254,7 @@ void KVRTaggingReporter::reportTaggingSessionEnded(const std::optional<std::stri
   const KVRTaggingSession session = std::move(found->second);
   sessions.erase(found);
 
-  KVRParameters parameters = reporting::userEvent("taggingended");
+  KVRParameters parameters = reporters::internal::userEvent("taggingended");
   parameters.merge(reportingParametersForTagDetails(tagDetails));
   if (error != nullptr) parameters.set(kKVRErrorDetailCode, error->code());
   parameters.set(kKVROrigin, session.origin);
@@ -262,14 +262,14 @@ void KVRTaggingReporter::reportTaggingSessionEnded(const std::optional<std::stri
                                   static_cast<uint64_t>(outcome)));
   parameters.set(kKVRStartTime,
                  KVRReportingUtilities::beaconFormattedTimeStringForTimeInterval(session.startTime));
-  parameters.set(kKVRBackgroundSession, reporting::flag(isInBackground));
+  parameters.set(kKVRBackgroundSession, reporters::internal::flag(isInBackground));
   // One reading of the clock for both, so that the time spent is exactly the
   // end time minus the start time.
   const double now = KVRReportingUtilities::timeIntervalSinceReferenceDate();
   parameters.set(kKVREndTime, KVRReportingUtilities::beaconFormattedTimeStringForTimeInterval(now));
   parameters.set(kKVRTimeSpent, KVRReportingUtilities::beaconFormattedTimeStringForTimeInterval(
                                     now - session.startTime));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (const KVRAssertionException&) {
   throw;
 } catch (...) {
@@ -283,7 +283,7 @@ void KVRTaggingReporter::reportTag(const KVRTagDetails* tagDetails, KVRTaggingTy
   KVRParameters parameters;
   parameters.merge(reportingParametersForTagDetails(tagDetails));
   parameters.merge(reportingParametersForSuccessfulTagWithTagDetails(tagDetails));
-  reporting::send(beaconTypeFromTaggingType(ofType), parameters);
+  reporters::internal::send(beaconTypeFromTaggingType(ofType), parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRTaggingReporter::reportTag");
 }
@@ -306,10 +306,10 @@ KVRParameters KVRTaggingReporter::reportingParametersForSuccessfulTagWithTagDeta
 
 void KVRTaggingReporter::reportTaggingCancelledFromOrigin(KVRCancelTaggingOrigin origin,
                                                           bool isInBackground) noexcept try {
-  KVRParameters parameters = reporting::userEvent("taggingcancel");
+  KVRParameters parameters = reporters::internal::userEvent("taggingcancel");
   parameters.set(kKVROrigin, cancelTaggingOriginStringForCancelTaggingOrigin(origin));
-  parameters.set(kKVRBackgroundSession, reporting::flag(isInBackground));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  parameters.set(kKVRBackgroundSession, reporters::internal::flag(isInBackground));
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRTaggingReporter::reportTaggingCancelledFromOrigin");
 }
@@ -325,7 +325,7 @@ void KVRTaggingReporter::reportTaggingErrorWithTagID(const std::optional<std::st
       codeText ? std::optional<std::string_view>(*codeText) : std::nullopt);
   parameters.set("taggingerrorcode", code);
   parameters.set(kKVRTagID, tagID);
-  reporting::send(KVRBeaconTypeError, parameters);
+  reporters::internal::send(KVRBeaconTypeError, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRTaggingReporter::reportTaggingErrorWithTagID");
 }
@@ -333,17 +333,17 @@ void KVRTaggingReporter::reportTaggingErrorWithTagID(const std::optional<std::st
 void KVRTaggingReporter::reportDeletedTagWithTrackID(
     const std::optional<std::string>& trackID, const std::optional<std::string>& tagOrigin) noexcept
     try {
-  KVRParameters parameters = reporting::userEvent("deletetagtapped");
+  KVRParameters parameters = reporters::internal::userEvent("deletetagtapped");
   parameters.set(kKVRTrackID, trackID);
   // The origin has always travelled under "tagtype" for this event.
   parameters.set(kKVRTagType, tagOrigin);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRTaggingReporter::reportDeletedTagWithTrackID");
 }
 
 void KVRTaggingReporter::reportMagicTap() noexcept try {
-  reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent("magictap"));
+  reporters::internal::send(KVRBeaconTypeUserEvent, reporters::internal::userEvent("magictap"));
 } catch (...) {
   KVRLogging::logReportFailure("KVRTaggingReporter::reportMagicTap");
 }
@@ -370,7 +370,7 @@ void KVRTaggingReporter::reportFeatureExtractionEndedWithOutcome(
   }
 
   parameters.set(kKVRTagID, tagID);
-  reporting::send(KVRBeaconTypePerformance, parameters);
+  reporters::internal::send(KVRBeaconTypePerformance, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRTaggingReporter::reportFeatureExtractionEndedWithOutcome");
 }
@@ -382,16 +382,16 @@ void KVRTaggingReporter::reportHardwareConfigurationFailure(
     const std::optional<std::string>& targetMicrophone,
     const std::optional<std::string>& targetPolarPattern,
     const std::optional<std::string>& stereoOrientation) noexcept try {
-  KVRParameters parameters = reporting::userEvent("hardwarefailure");
+  KVRParameters parameters = reporters::internal::userEvent("hardwarefailure");
   parameters.set(kKVRReason,
-                 reporting::wordFor(kHardwareFailureReasonWords, reason, kOtherHardwareFailureReason));
+                 reporters::internal::wordFor(kHardwareFailureReasonWords, reason, kOtherHardwareFailureReason));
   parameters.set(kKVRErrorCode, errorCode);
   parameters.set("currentmicrophone", currentMicrophone);
   parameters.set("currentpolarpattern", currentPolarPattern);
   parameters.set("targetmicrophone", targetMicrophone);
   parameters.set("targetpolarpattern", targetPolarPattern);
   parameters.set("stereoorientation", stereoOrientation);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRTaggingReporter::reportHardwareConfigurationFailure");
 }
@@ -429,16 +429,16 @@ KVRBeaconType KVRTaggingReporter::beaconTypeFromTaggingType(KVRTaggingType taggi
 
 std::optional<std::string> KVRTaggingReporter::tagInitiationOriginStringForTagInitiationOrigin(
     KVRTagInitiationOrigin origin) {
-  return reporting::wordFor(kInitiationOriginWords, origin);
+  return reporters::internal::wordFor(kInitiationOriginWords, origin);
 }
 
 std::optional<std::string> KVRTaggingReporter::cancelTaggingOriginStringForCancelTaggingOrigin(
     KVRCancelTaggingOrigin origin) {
-  return reporting::wordFor(kCancelOriginWords, origin, kFirstNamedCancelOrigin);
+  return reporters::internal::wordFor(kCancelOriginWords, origin, kFirstNamedCancelOrigin);
 }
 
 std::string orientationString(platform::DeviceOrientation orientation) {
-  return reporting::wordFor(kOrientationWords, static_cast<int64_t>(orientation),
+  return reporters::internal::wordFor(kOrientationWords, static_cast<int64_t>(orientation),
                             kUnknownOrientation, 1);
 }
 

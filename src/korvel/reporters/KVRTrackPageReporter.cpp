@@ -22,7 +22,7 @@ constexpr std::string_view kOrigins[] = {
 };
 
 KVRParameters openedTrackParameters() {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, kKVRDetails);
   return parameters;
 }
@@ -31,10 +31,10 @@ KVRParameters openedTrackParameters() {
 
 void KVRTrackPageReporter::reportNavigationToArtistPageFromOrigin(
     KVRTrackPageOrigin origin) noexcept try {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVROrigin, originStringForOrigin(origin));
   parameters.set(kKVRDestination, kKVRArtist);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRTrackPageReporter::reportNavigationToArtistPageFromOrigin");
 }
@@ -44,7 +44,7 @@ void KVRTrackPageReporter::reportOpenedTrackWithTrackAdamID(
   auto parameters = openedTrackParameters();
   parameters.set(kKVRTrackAdamID, trackAdamID);
   parameters.set(kKVROrigin, originStringForOrigin(origin));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRTrackPageReporter::reportOpenedTrackWithTrackAdamID");
 }
@@ -52,10 +52,10 @@ void KVRTrackPageReporter::reportOpenedTrackWithTrackAdamID(
 void KVRTrackPageReporter::reportOpenedTrack(const KVRTagDetails* tagDetails,
                                              KVRTrackPageOrigin origin) noexcept try {
   auto parameters = openedTrackParameters();
-  reporting::mergeTagParameters(parameters, tagDetails);
+  reporters::internal::mergeTagParameters(parameters, tagDetails);
   // After the merge: the place on this page is what the beacon is about.
   parameters.set(kKVROrigin, originStringForOrigin(origin));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRTrackPageReporter::reportOpenedTrack");
 }
@@ -63,7 +63,7 @@ void KVRTrackPageReporter::reportOpenedTrack(const KVRTagDetails* tagDetails,
 std::optional<std::string> KVRTrackPageReporter::reportOpenAppForStreamingServiceProvider(
     KVRStreamingServiceProvider provider, const std::optional<std::string>& trackAdamID,
     KVRTrackPageOrigin origin) noexcept try {
-  return reporting::sendOpenItem(KVRStreamingServiceReporter::providerNameForProvider(provider),
+  return reporters::internal::sendOpenItem(KVRStreamingServiceReporter::providerNameForProvider(provider),
                                  originStringForOrigin(origin), kKVRTrackAdamID, trackAdamID);
 } catch (...) {
   KVRLogging::logReportFailure("KVRTrackPageReporter::reportOpenAppForStreamingServiceProvider");
@@ -76,7 +76,7 @@ void KVRTrackPageReporter::reportPlaybackForTagDetails(
   KVRParameters beaconData;
   beaconData.set(kKVROrigin, originStringForOrigin(origin));
   // After the origin: a tag that knows where it was played from wins.
-  reporting::mergeTagParameters(beaconData, tagDetails);
+  reporters::internal::mergeTagParameters(beaconData, tagDetails);
   KVRStreamingServiceReporter::reportPlaybackPlayWithStreamingServiceIdentifier(
       streamingServiceIdentifier, beaconData);
 } catch (...) {
@@ -97,7 +97,7 @@ void KVRTrackPageReporter::reportPlaybackForTrackID(
 }
 
 std::optional<std::string> KVRTrackPageReporter::originStringForOrigin(KVRTrackPageOrigin origin) {
-  return reporting::wordFor(kOrigins, origin);
+  return reporters::internal::wordFor(kOrigins, origin);
 }
 
 }  // namespace korvel

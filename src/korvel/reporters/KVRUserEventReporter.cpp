@@ -13,7 +13,7 @@ constexpr std::string_view kSupportRequestTypes[] = {"gethelp"};
 constexpr std::string_view kSupportRequestFallback = "diagnosticreport";
 
 void sendUserEvent(std::string_view type) {
-  reporting::send(KVRBeaconTypeUserEvent, reporting::userEvent(type));
+  reporters::internal::send(KVRBeaconTypeUserEvent, reporters::internal::userEvent(type));
 }
 
 // An overlay names itself as origin and as screen: with "screenname" set
@@ -21,22 +21,22 @@ void sendUserEvent(std::string_view type) {
 // place.
 void reportOverlayNavigation(std::string_view destination, std::string_view overlay,
                              const KVRTagDetails* tagDetails) {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, destination);
   parameters.set(kKVROrigin, overlay);
   parameters.set(kKVRScreenName, overlay);
-  reporting::mergeTagParameters(parameters, tagDetails);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::mergeTagParameters(parameters, tagDetails);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 }
 
 }  // namespace
 
 std::optional<std::string> KVRUserEventReporter::reportShareActionWithAdditionalBeaconData(
     const std::optional<KVRParameters>& additionalBeaconData) noexcept try {
-  auto parameters = reporting::userEvent(kKVRShare);
+  auto parameters = reporters::internal::userEvent(kKVRShare);
   parameters.set(kKVRProviderName, kKVRShare);
   parameters.merge(additionalBeaconData);
-  return reporting::send(KVRBeaconTypeUserEvent, parameters);
+  return reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRUserEventReporter::reportShareActionWithAdditionalBeaconData");
   return std::nullopt;
@@ -45,7 +45,7 @@ std::optional<std::string> KVRUserEventReporter::reportShareActionWithAdditional
 void KVRUserEventReporter::reportShareSheetSelectedForProvider(
     const std::optional<std::string>& provider, bool shareCompleted,
     const std::optional<KVRParameters>& additionalBeaconData) noexcept try {
-  auto parameters = reporting::userEvent(kKVRShare);
+  auto parameters = reporters::internal::userEvent(kKVRShare);
   parameters.set(kKVRProviderName, provider);
   // Without a chosen provider the sheet was closed, whatever the completion
   // flag says.
@@ -54,16 +54,16 @@ void KVRUserEventReporter::reportShareSheetSelectedForProvider(
                                  ? std::string_view("dismiss")
                                  : (shareCompleted ? kKVRSuccess : std::string_view("cancel")));
   parameters.merge(additionalBeaconData);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRUserEventReporter::reportShareSheetSelectedForProvider");
 }
 
 void KVRUserEventReporter::reportShortcutUsed(const std::optional<std::string>& shortcut) noexcept
     try {
-  auto parameters = reporting::userEvent("shortcutlaunch");
+  auto parameters = reporters::internal::userEvent("shortcutlaunch");
   parameters.set("shortcut", shortcut);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRUserEventReporter::reportShortcutUsed");
 }
@@ -75,9 +75,9 @@ void KVRUserEventReporter::reportSupportRequestedOfType(KVRSupportRequestType ty
 }
 
 void KVRUserEventReporter::reportAboutIconEasterEggSuccess(bool success) noexcept try {
-  auto parameters = reporting::userEvent("aboutpageicon");
-  parameters.set(kKVROutcome, reporting::flag(success));
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  auto parameters = reporters::internal::userEvent("aboutpageicon");
+  parameters.set(kKVROutcome, reporters::internal::flag(success));
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRUserEventReporter::reportAboutIconEasterEggSuccess");
 }
@@ -86,9 +86,9 @@ std::optional<std::string> KVRUserEventReporter::reportHubButtonTappedForTagDeta
     const KVRTagDetails* tagDetails,
     const std::optional<KVRParameters>& additionalBeaconData) noexcept try {
   KVRParameters parameters;
-  reporting::mergeTagParameters(parameters, tagDetails);
+  reporters::internal::mergeTagParameters(parameters, tagDetails);
   parameters.merge(additionalBeaconData);
-  return reporting::send(KVRBeaconTypeUserEvent, parameters);
+  return reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRUserEventReporter::reportHubButtonTappedForTagDetails");
   return std::nullopt;
@@ -97,11 +97,11 @@ std::optional<std::string> KVRUserEventReporter::reportHubButtonTappedForTagDeta
 void KVRUserEventReporter::reportOverflowArtistTappedWithTagDetails(
     const KVRTagDetails* tagDetails,
     const std::optional<KVRParameters>& additionalBeaconData) noexcept try {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRDestination, kKVRArtist);
-  reporting::mergeTagParameters(parameters, tagDetails);
+  reporters::internal::mergeTagParameters(parameters, tagDetails);
   parameters.merge(additionalBeaconData);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRUserEventReporter::reportOverflowArtistTappedWithTagDetails");
 }
@@ -119,9 +119,9 @@ void KVRUserEventReporter::reportWelcomeGotItTapped() noexcept try {
 }
 
 void KVRUserEventReporter::reportPrivacyLearnMoreTapped() noexcept try {
-  auto parameters = reporting::userEvent(kKVRNavType);
+  auto parameters = reporters::internal::userEvent(kKVRNavType);
   parameters.set(kKVRAction, "privacylearnmore");
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRUserEventReporter::reportPrivacyLearnMoreTapped");
 }
@@ -147,7 +147,7 @@ void KVRUserEventReporter::reportUpdateAppButtonTapped() noexcept try {
 void KVRUserEventReporter::reportOpenActionWithProviderName(
     const std::optional<std::string>& providerName,
     const std::optional<std::string>& origin) noexcept try {
-  reporting::send(KVRBeaconTypeUserEvent, reporting::openEvent(providerName, origin));
+  reporters::internal::send(KVRBeaconTypeUserEvent, reporters::internal::openEvent(providerName, origin));
 } catch (...) {
   KVRLogging::logReportFailure("KVRUserEventReporter::reportOpenActionWithProviderName");
 }
@@ -160,7 +160,7 @@ void KVRUserEventReporter::reportOpenYouTube() noexcept try {
 
 std::optional<std::string> KVRUserEventReporter::reportOpenAppleMusicWithTrackID(
     const std::optional<std::string>& trackID) noexcept try {
-  return reporting::sendOpenItem(kKVRProviderAppleMusicValue, std::nullopt, kKVRTrackID, trackID);
+  return reporters::internal::sendOpenItem(kKVRProviderAppleMusicValue, std::nullopt, kKVRTrackID, trackID);
 } catch (...) {
   KVRLogging::logReportFailure("KVRUserEventReporter::reportOpenAppleMusicWithTrackID");
   return std::nullopt;
@@ -188,12 +188,12 @@ std::optional<std::string>
 KVRUserEventReporter::reportFeaturedInItemActionButtonTappedWithTagDetails(
     const KVRTagDetails* tagDetails, const std::optional<std::string>& providerName,
     const std::optional<std::string>& albumId) noexcept try {
-  auto parameters = reporting::userEvent(kKVROpenType);
+  auto parameters = reporters::internal::userEvent(kKVROpenType);
   parameters.set(kKVRProviderName, providerName);
   parameters.set(kKVROrigin, kKVRFeaturedAlbum);
   parameters.set(kKVRAlbumId, albumId);
-  reporting::mergeFeaturedTagParameters(parameters, tagDetails);
-  return reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::mergeFeaturedTagParameters(parameters, tagDetails);
+  return reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure(
       "KVRUserEventReporter::reportFeaturedInItemActionButtonTappedWithTagDetails");
@@ -229,20 +229,20 @@ void KVRUserEventReporter::reportOpenedTrackFromOfflineOverlay(
 void KVRUserEventReporter::reportWrongTrackSubmittedWithTrackId(
     const std::optional<std::string>& trackId, const std::optional<std::string>& tagID) noexcept
     try {
-  auto parameters = reporting::userEvent("feedback");
-  parameters.set("wrongsong", reporting::flag(true));
+  auto parameters = reporters::internal::userEvent("feedback");
+  parameters.set("wrongsong", reporters::internal::flag(true));
   // The track goes under both keys that readers of feedback look it up by.
   parameters.set(kKVRTrackIdKey, trackId);
   parameters.set(kKVRTrackID, trackId);
   parameters.set(kKVRTagID, tagID);
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRUserEventReporter::reportWrongTrackSubmittedWithTrackId");
 }
 
 std::string KVRUserEventReporter::stringForSupportRequestTypeType(KVRSupportRequestType type) {
   // Values beyond int64_t's range turn negative here and fall back as well.
-  return reporting::wordFor(kSupportRequestTypes, static_cast<int64_t>(type),
+  return reporters::internal::wordFor(kSupportRequestTypes, static_cast<int64_t>(type),
                             kSupportRequestFallback);
 }
 

@@ -41,7 +41,7 @@ std::optional<std::string> word(std::string_view w) {
 
 void KVRUserPreferenceReporter::reportUpdatedFavouriteStatusForTag(
     const KVRTagDetails* tag, KVRFavouriteOrigin fromOrigin) noexcept try {
-  KVRParameters parameters = reporting::userEvent("add_to");
+  KVRParameters parameters = reporters::internal::userEvent("add_to");
   parameters.merge(KVRTaggingReporter::reportingParametersForTagDetails(tag));
 
   FavouriteOriginWords row;
@@ -56,9 +56,9 @@ void KVRUserPreferenceReporter::reportUpdatedFavouriteStatusForTag(
 
   parameters.set(kKVROrigin, origin);
   parameters.set("favouritesource", source);
-  parameters.set("favouritevalue", reporting::flag(tag != nullptr && tag->isFavourite()));
+  parameters.set("favouritevalue", reporters::internal::flag(tag != nullptr && tag->isFavourite()));
   parameters.set(kKVRProviderName, "addtomytags");
-  reporting::send(KVRBeaconTypeUserEvent, parameters);
+  reporters::internal::send(KVRBeaconTypeUserEvent, parameters);
 } catch (...) {
   KVRLogging::logReportFailure("KVRUserPreferenceReporter::reportUpdatedFavouriteStatusForTag");
 }

@@ -8,7 +8,7 @@ namespace korvel {
 void KVRWebReporter::reportWebBeaconWithParameters(const KVRParameters& parameters,
                                                    const std::optional<std::string>& event) noexcept
     try {
-  KVRParameters beaconParameters = reporting::userEvent("webbeacon");
+  KVRParameters beaconParameters = reporters::internal::userEvent("webbeacon");
   beaconParameters.merge(parameters);
   KVRBeacon::sendBeaconOfType(KVRBeaconTypeWebInitiated, beaconParameters, event);
 } catch (...) {

@@ -5,7 +5,7 @@
 namespace korvel {
 
 void KVRWidgetReporter::reportUserHasiOS14Widgets(bool hasWidgets) noexcept try {
-  reporting::send(KVRBeaconTypeWidget, KVRParameters{{"widget", reporting::flag(hasWidgets)}});
+  reporters::internal::send(KVRBeaconTypeWidget, KVRParameters{{"widget", reporters::internal::flag(hasWidgets)}});
 } catch (...) {
   KVRLogging::logReportFailure("KVRWidgetReporter::reportUserHasiOS14Widgets");
 }

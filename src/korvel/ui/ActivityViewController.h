@@ -14,7 +14,7 @@
 #include <korvel/ui/UI.h>
 #include <korvel/ui/Widgets.h>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 class KORVEL_EXPORT ActivityViewController : public ViewController {
  public:
@@ -33,4 +33,4 @@ class KORVEL_EXPORT ActivityViewController : public ViewController {
   const Button* sourceButton_ = nullptr;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

@@ -15,7 +15,11 @@
 #include <korvel/ui/MainQueue.h>
 #include <korvel/ui/UIEnv.h>
 
-namespace korvel::platform {
+using korvel::platform::env;
+using korvel::platform::LogLevel;
+using korvel::platform::Logger;
+
+namespace korvel::ui {
 namespace {
 
 Logger audioLogger() {
@@ -184,14 +188,14 @@ std::unique_ptr<AudioPlayer> makeDefaultAudioPlayer(const std::string& path) {
   return SdlAudioPlayer::load(path);
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui
 
 #else  // no SDL2: nothing on this machine can play audio
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 std::unique_ptr<AudioPlayer> makeDefaultAudioPlayer(const std::string&) { return nullptr; }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui
 
 #endif

@@ -13,7 +13,7 @@
 #include <memory>
 #include <string>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 class KORVEL_EXPORT AudioPlayer {
  public:
@@ -38,4 +38,4 @@ class KORVEL_EXPORT AudioPlayer {
 // as audio. Env::Default() makes its players with it.
 KORVEL_EXPORT std::unique_ptr<AudioPlayer> makeDefaultAudioPlayer(const std::string& path);
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

@@ -9,7 +9,12 @@
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Env.h>
 
-namespace korvel::platform {
+using korvel::platform::env;
+using korvel::foundation::internal::CondVar;
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::ui {
 
 namespace {
 uint64_t toNanos(double seconds) {
@@ -161,4 +166,4 @@ void MainQueue::stop() {
   d.wake_.signalAll();
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

@@ -20,7 +20,7 @@
 #include <memory>
 #include <optional>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 class KORVEL_EXPORT MainQueue {
  public:
@@ -62,4 +62,4 @@ class KORVEL_EXPORT MainQueue {
   const std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

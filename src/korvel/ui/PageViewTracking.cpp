@@ -24,44 +24,44 @@ constexpr std::string_view kCollectionAndTableCoderMessage =
 
 // --- PageViewTrackingViewController ------------------------------------------
 
-PageViewTrackingViewController::PageViewTrackingViewController(const platform::Coder&)
+PageViewTrackingViewController::PageViewTrackingViewController(const ui::Coder&)
     : PageViewTracking(Refused{}, kViewControllerCoderMessage) {}
 
 PageViewTrackingViewController::PageViewTrackingViewController(std::optional<std::string>,
-                                                               std::optional<platform::Bundle>)
+                                                               std::optional<ui::Bundle>)
     : PageViewTracking(Refused{}, detail::unimplementedInitializer(
                                       "init(nibName:bundle:)", "PageViewTrackingViewController")) {}
 
 // --- PageViewTrackingCollectionViewController --------------------------------
 
 PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
-    const platform::Coder&)
+    const ui::Coder&)
     : PageViewTracking(Refused{}, kCollectionAndTableCoderMessage) {}
 
 PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
-    std::optional<std::string>, std::optional<platform::Bundle>)
+    std::optional<std::string>, std::optional<ui::Bundle>)
     : PageViewTracking(Refused{},
                        detail::unimplementedInitializer(
                            "init(nibName:bundle:)", "PageViewTrackingCollectionViewController")) {}
 
 PageViewTrackingCollectionViewController::PageViewTrackingCollectionViewController(
-    platform::CollectionViewLayout)
+    ui::CollectionViewLayout)
     : PageViewTracking(Refused{}, detail::unimplementedInitializer(
                                       "init(collectionViewLayout:)",
                                       "PageViewTrackingCollectionViewController")) {}
 
 // --- PageViewTrackingTableViewController -------------------------------------
 
-PageViewTrackingTableViewController::PageViewTrackingTableViewController(const platform::Coder&)
+PageViewTrackingTableViewController::PageViewTrackingTableViewController(const ui::Coder&)
     : PageViewTracking(Refused{}, kCollectionAndTableCoderMessage) {}
 
 PageViewTrackingTableViewController::PageViewTrackingTableViewController(
-    std::optional<std::string>, std::optional<platform::Bundle>)
+    std::optional<std::string>, std::optional<ui::Bundle>)
     : PageViewTracking(Refused{},
                        detail::unimplementedInitializer("init(nibName:bundle:)",
                                                         "PageViewTrackingTableViewController")) {}
 
-PageViewTrackingTableViewController::PageViewTrackingTableViewController(platform::TableViewStyle)
+PageViewTrackingTableViewController::PageViewTrackingTableViewController(ui::TableViewStyle)
     : PageViewTracking(Refused{}, detail::unimplementedInitializer(
                                       "init(style:)", "PageViewTrackingTableViewController")) {}
 
@@ -72,11 +72,11 @@ PageViewModifier::PageViewModifier(PageName name, ReportingParameters reportingP
     : name_(std::move(name)),
       reportingParameters_(std::move(reportingParameters)),
       manager_(std::move(manager)),
-      pageID_(platform::State<PageID>::perIdentity(&PageID::make)) {
+      pageID_(ui::State<PageID>::perIdentity(&PageID::make)) {
   if (!manager_) throw std::invalid_argument("PageViewModifier needs a PageViewManager");
 }
 
-platform::View PageViewModifier::body(const platform::View& content) const {
+ui::View PageViewModifier::body(const ui::View& content) const {
   // The handlers read the page id through the state slot at call time, so
   // they see the id kept for the view's identity, not this value's fresh one.
   const auto manager = manager_;
@@ -96,7 +96,7 @@ platform::View PageViewModifier::body(const platform::View& content) const {
           });
 }
 
-platform::View pageView(const platform::View& content, PageName name,
+ui::View pageView(const ui::View& content, PageName name,
                         ReportingParameters reportingParameters,
                         std::shared_ptr<PageViewManager> manager) {
   return content.modifier(

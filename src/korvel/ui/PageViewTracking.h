@@ -100,12 +100,12 @@ class PageViewTracking : public PlatformController {
   // controller's own arguments (none; an interface file and bundle; an
   // archive; a layout or style), then the manager, name and parameters.
   // Throw std::invalid_argument for a null manager; the archive form throws
-  // platform::CoderError for an unreadable archive (platform::makeFromCoder
+  // ui::CoderError for an unreadable archive (ui::makeFromCoder
   // gives a null result instead).
   PageViewTracking(std::shared_ptr<PageViewManager> manager, PageName name,
                    ReportingParameters parameters)
       : PageViewTracking(Tracked{}, std::move(manager), std::move(name), std::move(parameters)) {}
-  PageViewTracking(std::optional<std::string> nibName, std::optional<platform::Bundle> bundle,
+  PageViewTracking(std::optional<std::string> nibName, std::optional<ui::Bundle> bundle,
                    std::shared_ptr<PageViewManager> manager, PageName name,
                    ReportingParameters parameters)
       : PageViewTracking(Tracked{}, std::move(manager), std::move(name), std::move(parameters),
@@ -155,33 +155,33 @@ KORVEL_EXPORT std::string unimplementedInitializer(std::string_view initializer,
 // own forms, which a toolkit may call generically, each stop the program: a
 // tracked screen cannot exist without its manager.
 class KORVEL_EXPORT PageViewTrackingViewController
-    : public detail::PageViewTracking<platform::ViewController> {
+    : public detail::PageViewTracking<ui::ViewController> {
  public:
   using PageViewTracking::PageViewTracking;
-  explicit PageViewTrackingViewController(const platform::Coder& coder);
+  explicit PageViewTrackingViewController(const ui::Coder& coder);
   PageViewTrackingViewController(std::optional<std::string> nibName,
-                                 std::optional<platform::Bundle> bundle);
+                                 std::optional<ui::Bundle> bundle);
 };
 
 class KORVEL_EXPORT PageViewTrackingCollectionViewController
-    : public detail::PageViewTracking<platform::CollectionViewController> {
+    : public detail::PageViewTracking<ui::CollectionViewController> {
  public:
   using PageViewTracking::PageViewTracking;
-  explicit PageViewTrackingCollectionViewController(const platform::Coder& coder);
+  explicit PageViewTrackingCollectionViewController(const ui::Coder& coder);
   PageViewTrackingCollectionViewController(std::optional<std::string> nibName,
-                                           std::optional<platform::Bundle> bundle);
+                                           std::optional<ui::Bundle> bundle);
   explicit PageViewTrackingCollectionViewController(
-      platform::CollectionViewLayout collectionViewLayout);
+      ui::CollectionViewLayout collectionViewLayout);
 };
 
 class KORVEL_EXPORT PageViewTrackingTableViewController
-    : public detail::PageViewTracking<platform::TableViewController> {
+    : public detail::PageViewTracking<ui::TableViewController> {
  public:
   using PageViewTracking::PageViewTracking;
-  explicit PageViewTrackingTableViewController(const platform::Coder& coder);
+  explicit PageViewTrackingTableViewController(const ui::Coder& coder);
   PageViewTrackingTableViewController(std::optional<std::string> nibName,
-                                      std::optional<platform::Bundle> bundle);
-  explicit PageViewTrackingTableViewController(platform::TableViewStyle style);
+                                      std::optional<ui::Bundle> bundle);
+  explicit PageViewTrackingTableViewController(ui::TableViewStyle style);
 };
 
 // Adopts PageViewDataProviding with the controller's stored name and
@@ -211,17 +211,17 @@ class KORVEL_EXPORT PageViewModifier {
   // made with the modifier until then).
   const PageID& pageID() const { return pageID_.value(); }
 
-  platform::View body(const platform::View& content) const;
+  ui::View body(const ui::View& content) const;
 
  private:
   PageName name_;
   ReportingParameters reportingParameters_;
   std::shared_ptr<PageViewManager> manager_;
-  platform::State<PageID> pageID_;
+  ui::State<PageID> pageID_;
 };
 
 // content tracked as a page: content.modifier(PageViewModifier(...)).
-KORVEL_EXPORT platform::View pageView(const platform::View& content, PageName name,
+KORVEL_EXPORT ui::View pageView(const ui::View& content, PageName name,
                         ReportingParameters reportingParameters,
                         std::shared_ptr<PageViewManager> manager);
 

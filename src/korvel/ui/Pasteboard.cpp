@@ -2,7 +2,10 @@
 
 #include <korvel/foundation/internal/Mutex.h>
 
-namespace korvel::platform {
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::ui {
 
 struct Pasteboard::Impl {
   mutable Mutex mutex_;
@@ -66,4 +69,4 @@ uint64_t Pasteboard::changeCount() const {
   return d.changeCount_;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

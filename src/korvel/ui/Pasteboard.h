@@ -18,7 +18,7 @@
 
 #include <korvel/foundation/Data.h>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 inline constexpr std::string_view kPasteboardTypePlainText = "public.utf8-plain-text";
 inline constexpr std::string_view kPasteboardTypeRTF = "public.rtf";
@@ -57,4 +57,4 @@ class KORVEL_EXPORT Pasteboard {
   const std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

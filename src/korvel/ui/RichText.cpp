@@ -6,7 +6,10 @@
 #include <cstdint>
 #include <vector>
 
-namespace korvel::platform {
+using korvel::foundation::internal::utf8CharacterAt;
+using korvel::foundation::internal::UTF8Character;
+
+namespace korvel::ui {
 
 namespace {
 
@@ -90,4 +93,4 @@ std::string rtfFromStyledText(const StyledText& text) {
   return out;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

@@ -15,7 +15,7 @@
 
 #include <korvel/ui/StyledText.h>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 KORVEL_EXPORT std::string rtfFromStyledText(const StyledText& text);
 
@@ -28,4 +28,4 @@ struct KORVEL_EXPORT RGB8 {
 };
 KORVEL_EXPORT RGB8 rgbOfTextColor(TextColor color);
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

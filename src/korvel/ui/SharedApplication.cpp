@@ -4,7 +4,10 @@
 
 #include <korvel/foundation/internal/Mutex.h>
 
-namespace korvel::platform {
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::ui {
 
 struct Application::Impl {
   mutable Mutex mutex_;
@@ -77,4 +80,4 @@ Application::OpenURLImplementation Application::exchangeOpenURLImplementation(
   return &Application::defaultOpenURL;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

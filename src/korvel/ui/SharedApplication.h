@@ -19,7 +19,7 @@
 #include <memory>
 #include <string>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 class KORVEL_EXPORT Application {
  public:
@@ -60,4 +60,4 @@ class KORVEL_EXPORT Application {
   const std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

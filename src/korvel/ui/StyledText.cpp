@@ -1,6 +1,6 @@
 #include <korvel/ui/StyledText.h>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 StyledText& StyledText::append(std::string text, FontWeight weight, double pointSize,
                                TextColor color) {
@@ -27,4 +27,4 @@ std::string StyledText::plainText() const {
   return out;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

@@ -7,7 +7,7 @@
 #include <string>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 enum class FontWeight { Regular, Semibold, Bold, Heavy };
 enum class TextColor { Label, SystemBlue };
@@ -42,4 +42,4 @@ class KORVEL_EXPORT StyledText {
   std::vector<TextRun> runs_;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 bool TableView::dataSourceHasCounts(const std::vector<size_t>& counts) const {
   if (!dataSource_ || dataSource_->numberOfSections() != counts.size()) return false;
@@ -124,4 +124,4 @@ std::vector<MenuAction> TableView::userLongPressRow(IndexPath indexPath) {
   return delegate_->contextMenuActionsForRow(indexPath);
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

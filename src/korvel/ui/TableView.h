@@ -25,7 +25,7 @@
 #include <korvel/ui/StyledText.h>
 #include <korvel/ui/Widgets.h>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 struct KORVEL_EXPORT IndexPath {
   size_t section = 0;
@@ -181,4 +181,4 @@ class KORVEL_EXPORT TableView {
   Update lastUpdate_;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

@@ -1,6 +1,6 @@
 #include <korvel/ui/UI.h>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 namespace {
 
@@ -93,4 +93,4 @@ void ViewHost::disappear() {
   }
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

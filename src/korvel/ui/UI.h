@@ -26,7 +26,7 @@
 
 #include <korvel/foundation/KeyedArchive.h>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 // ---------------------------------------------------------------------------
 // Imperative screens
@@ -341,4 +341,4 @@ class KORVEL_EXPORT Presenter {
   virtual UserInterfaceIdiom userInterfaceIdiom() const { return UserInterfaceIdiom::Unspecified; }
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

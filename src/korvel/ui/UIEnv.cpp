@@ -4,7 +4,7 @@
 
 #include <korvel/ui/MainQueue.h>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 namespace {
 
@@ -40,4 +40,4 @@ ScopedUIEnv::ScopedUIEnv(UIEnv& replacement)
 
 ScopedUIEnv::~ScopedUIEnv() { currentUIEnv.store(previous_, std::memory_order_release); }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

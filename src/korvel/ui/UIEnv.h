@@ -18,7 +18,7 @@
 
 #include <korvel/ui/AudioPlayer.h>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 class MainQueue;
 
@@ -65,4 +65,4 @@ class KORVEL_EXPORT ScopedUIEnv {
   UIEnv* previous_;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

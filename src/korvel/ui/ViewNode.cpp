@@ -4,7 +4,10 @@
 
 #include <korvel/foundation/internal/Mutex.h>
 
-namespace korvel::platform {
+using korvel::foundation::internal::Mutex;
+using korvel::foundation::internal::MutexLock;
+
+namespace korvel::ui {
 
 void ViewNode::setFrame(const Rect& frame) {
   frame_ = frame;
@@ -111,4 +114,4 @@ void Screen::setMainScreenSize(Size size) {
   screen.size = size;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

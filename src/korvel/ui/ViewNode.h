@@ -18,7 +18,7 @@
 #include <string>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 struct KORVEL_EXPORT Point {
   double x = 0;
@@ -148,4 +148,4 @@ class KORVEL_EXPORT Screen {
   static void setMainScreenSize(Size size);
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

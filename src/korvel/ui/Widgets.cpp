@@ -4,7 +4,7 @@
 #include <korvel/ui/MainQueue.h>
 #include <korvel/ui/UIEnv.h>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 void animate(double duration, const std::function<void()>& animations,
              std::function<void()> completion) {
@@ -12,4 +12,4 @@ void animate(double duration, const std::function<void()>& animations,
   if (completion) uiEnv().mainQueue().asyncAfter(duration, std::move(completion));
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

@@ -14,7 +14,7 @@
 #include <utility>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel::ui {
 
 class KORVEL_EXPORT Switch {
  public:
@@ -154,4 +154,4 @@ class KORVEL_EXPORT TapTarget {
 KORVEL_EXPORT void animate(double duration, const std::function<void()>& animations,
              std::function<void()> completion);
 
-}  // namespace korvel::platform
+}  // namespace korvel::ui

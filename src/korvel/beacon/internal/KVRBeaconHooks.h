@@ -2,7 +2,7 @@
 // hand to an executor.
 #pragma once
 
-namespace korvel::internal {
+namespace korvel::beacon::internal {
 
 // Called on the reporting thread for each beacon made while no beacon
 // endpoint is configured (built, its uuid returned, not sent). It must not
@@ -10,4 +10,4 @@ namespace korvel::internal {
 using UnsentBeaconHook = void (*)() noexcept;
 void setUnsentBeaconHook(UnsentBeaconHook hook);
 
-}  // namespace korvel::internal
+}  // namespace korvel::beacon::internal

@@ -7,7 +7,7 @@
 
 #include <korvel/beacon/KVRLibrarySyncStatus.h>
 
-namespace korvel {
+namespace korvel::beacon::internal {
 
 // The raw value alone, as one JSON integer.
 nlohmann::json toJSON(KVRLibrarySyncStatusValue value);
@@ -15,7 +15,12 @@ nlohmann::json toJSON(KVRLibrarySyncStatusValue value);
 // throws std::invalid_argument naming what it got.
 KVRLibrarySyncStatusValue librarySyncStatusFromJSON(const nlohmann::json& json);
 
-// For nlohmann::json's own conversions (json j = status; j.get<...>()).
+}  // namespace korvel::beacon::internal
+
+namespace korvel {
+
+// For nlohmann::json's own conversions (json j = status; j.get<...>()),
+// found by argument-dependent lookup, so beside the type.
 void to_json(nlohmann::json& json, const KVRLibrarySyncStatusValue& value);
 void from_json(const nlohmann::json& json, KVRLibrarySyncStatusValue& value);
 

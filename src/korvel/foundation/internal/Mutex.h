@@ -5,7 +5,7 @@
 // its lock. Under other compilers the annotations compile to nothing.
 //
 // std::mutex carries no such annotations in libstdc++, so the library locks
-// korvel::Mutex (a std::mutex with them), holds it with MutexLock, and waits
+// korvel::foundation::internal::Mutex (a std::mutex with them), holds it with MutexLock, and waits
 // on CondVar. Any thread may use them; none of them is copyable or movable.
 #pragma once
 
@@ -34,7 +34,7 @@
 #define KORVEL_RETURN_CAPABILITY(x) KORVEL_THREAD_ANNOTATION(lock_returned(x))
 #define KORVEL_NO_THREAD_SAFETY_ANALYSIS KORVEL_THREAD_ANNOTATION(no_thread_safety_analysis)
 
-namespace korvel {
+namespace korvel::foundation::internal {
 
 class KORVEL_CAPABILITY("mutex") Mutex {
  public:
@@ -135,4 +135,4 @@ class CondVar {
   std::condition_variable condition_;
 };
 
-}  // namespace korvel
+}  // namespace korvel::foundation::internal

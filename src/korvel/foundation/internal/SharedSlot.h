@@ -5,7 +5,7 @@
 
 #include <korvel/foundation/internal/Mutex.h>
 
-namespace korvel::platform {
+namespace korvel::foundation::internal {
 
 // A shared_ptr many threads read while one occasionally replaces it: the
 // holder of an immutable snapshot. Readers copy the pointer under a short
@@ -52,4 +52,4 @@ class SharedSlot {
   std::shared_ptr<T> value_ KORVEL_GUARDED_BY(mutex_);
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::foundation::internal

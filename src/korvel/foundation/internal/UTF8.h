@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <string_view>
 
-namespace korvel::platform {
+namespace korvel::foundation::internal {
 
 struct UTF8Character {
   char32_t codePoint;  // U+FFFD where the bytes are not UTF-8
@@ -22,4 +22,4 @@ UTF8Character utf8CharacterAt(std::string_view text, size_t at);
 // Whether every byte of the text belongs to a well-formed UTF-8 character.
 bool isWellFormedUTF8(std::string_view text);
 
-}  // namespace korvel::platform
+}  // namespace korvel::foundation::internal

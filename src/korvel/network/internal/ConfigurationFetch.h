@@ -8,7 +8,7 @@
 
 #include <korvel/network/URLCache.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 // A configuration document is small; anything larger is not one.
 constexpr size_t kMaxConfigurationBytes = 1024 * 1024;
@@ -28,4 +28,4 @@ struct FetchResult {
 FetchResult fetchConfiguration(const std::string& url, const std::optional<CachedURLResponse>& cached,
                                std::chrono::milliseconds timeout);
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

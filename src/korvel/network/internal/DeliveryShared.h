@@ -9,7 +9,7 @@
 
 #include <korvel/platform/Env.h>
 
-namespace korvel::platform::delivery {
+namespace korvel::network::internal::delivery {
 
 using Clock = std::chrono::steady_clock;
 
@@ -19,7 +19,7 @@ using Clock = std::chrono::steady_clock;
 // kept. Bounds the memory held whole, whatever the backlog.
 inline constexpr size_t kKeptWhole = 64;
 
-inline int64_t wallMillis() { return static_cast<int64_t>(env().now() * 1000.0); }
-inline int64_t monotonicMillis() { return static_cast<int64_t>(env().monotonicNanos() / 1'000'000); }
+inline int64_t wallMillis() { return static_cast<int64_t>(platform::env().now() * 1000.0); }
+inline int64_t monotonicMillis() { return static_cast<int64_t>(platform::env().monotonicNanos() / 1'000'000); }
 
-}  // namespace korvel::platform::delivery
+}  // namespace korvel::network::internal::delivery

@@ -11,7 +11,7 @@
 #include <string>
 #include <string_view>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 struct DeliveryResponse {
   long status = 0;             // HTTP status; 0 when no answer arrived
@@ -68,4 +68,4 @@ std::optional<std::chrono::milliseconds> parseRetryAfter(std::string_view value,
 std::chrono::milliseconds retryDelay(int attempt, std::chrono::milliseconds base,
                                      std::chrono::milliseconds maxDelay, double jitter);
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

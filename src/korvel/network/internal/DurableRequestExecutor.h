@@ -129,7 +129,7 @@
 #include <korvel/network/internal/FlatIndex.h>
 #include <korvel/network/internal/RequestStore.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor {
  public:
@@ -358,7 +358,7 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
 
   const std::string identifier_;
   const Options options_;
-  const Logger logger_;
+  const platform::Logger logger_;
   std::filesystem::path directory_;
   std::string storeFailure_;
   std::unique_ptr<RequestStore> store_;
@@ -370,10 +370,10 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   std::atomic<uint32_t> nextCounter_{0};
   std::atomic<bool> cancel_{false};
 
-  mutable Mutex mutex_;
-  CondVar workAvailable_;
-  CondVar writerWake_;
-  CondVar progress_;  // drained, or a sync completed
+  mutable foundation::internal::Mutex mutex_;
+  foundation::internal::CondVar workAvailable_;
+  foundation::internal::CondVar writerWake_;
+  foundation::internal::CondVar progress_;  // drained, or a sync completed
   Entries entries_ KORVEL_GUARDED_BY(mutex_);
   // The requests kept in memory, by id: every one without a stored copy,
   // and stored ones while few wait (sent then without a read).
@@ -418,7 +418,7 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   uint8_t policyHoldLogged_ KORVEL_GUARDED_BY(mutex_) = 0;
 
   // Taken after mutex_ when both are held.
-  Mutex handoffMutex_ KORVEL_ACQUIRED_AFTER(mutex_);
+  foundation::internal::Mutex handoffMutex_ KORVEL_ACQUIRED_AFTER(mutex_);
   std::vector<Handoff> handoffs_ KORVEL_GUARDED_BY(handoffMutex_);
   // Workers asleep that a report should wake (not while paused or backing
   // off); each sleeps on workAvailable_ with mutex_.
@@ -448,4 +448,4 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   std::thread writer_;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -24,7 +24,7 @@
 #include <string>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 // An open file or folder: a descriptor on POSIX, a HANDLE on Windows.
 using FileHandle = std::intptr_t;
@@ -163,4 +163,4 @@ FileSystem& systemFileSystem();
 // Mappings and their syncs work in whole pages of this size.
 uint64_t memoryPageBytes();
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -24,7 +24,7 @@
 #include <utility>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 // The value of a FlatIndex used as a set.
 struct NoValue {};
@@ -198,4 +198,4 @@ class FlatIndex {
   size_t live_ = 0;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

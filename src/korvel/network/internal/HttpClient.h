@@ -7,7 +7,7 @@
 #include <optional>
 #include <string>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 struct HttpResponse {
   long status = 0;                  // 0 when no response arrived
@@ -19,4 +19,4 @@ struct HttpResponse {
 HttpResponse httpGet(const std::string& url,
                      std::chrono::milliseconds timeout = std::chrono::seconds(15));
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

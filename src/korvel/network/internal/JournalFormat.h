@@ -10,7 +10,7 @@
 #include <unordered_set>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 namespace journal {
 
@@ -62,4 +62,4 @@ std::string errnoText(int error);
 
 }  // namespace journal
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -46,7 +46,7 @@
 #include <korvel/network/internal/FileSystem.h>
 #include <korvel/network/internal/RequestStore.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 class JournalFront {
  public:
@@ -106,7 +106,7 @@ class JournalFront {
 
   uint32_t epoch() const { return epoch_; }
   const RequestStoreOptions& options() const { return options_; }
-  const Logger& logger() const { return options_.logger; }
+  const platform::Logger& logger() const { return options_.logger; }
   FileSystem& files() const { return files_; }
   // The directory's handle; changes only on the writer thread (rehome).
   FileHandle folder() const { return folder_; }
@@ -250,7 +250,7 @@ class JournalFront {
   // closed and synced unmapped rather than synced in place (syncActive).
   static constexpr uint64_t kSyncInPlaceBytes = 64u << 10;
 
-  mutable Mutex mutex_;
+  mutable foundation::internal::Mutex mutex_;
   Segment active_ KORVEL_GUARDED_BY(mutex_);
   std::vector<Segment> spares_ KORVEL_GUARDED_BY(mutex_);
   // Closed, not yet finished by syncActive().
@@ -269,4 +269,4 @@ class JournalFront {
   uint64_t appendsRefused_ KORVEL_GUARDED_BY(mutex_) = 0;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

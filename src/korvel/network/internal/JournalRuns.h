@@ -13,7 +13,7 @@
 #include <korvel/network/internal/FileSystem.h>
 #include <korvel/network/internal/JournalFront.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 // Opens this process's journal in the checked data folder top: the folder's
 // own or a free run folder; null with the reason in failure.
@@ -24,4 +24,4 @@ std::unique_ptr<JournalFront> openOwnJournal(FileSystem& files, const RequestSto
 // journal, before its recovery, and removes the emptied folders.
 void adoptOrphanedJournals(FileSystem& files, FileHandle top, JournalFront& front);
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

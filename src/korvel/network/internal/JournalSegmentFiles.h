@@ -10,7 +10,7 @@
 
 #include <korvel/network/internal/FileSystem.h>
 
-namespace korvel::platform::journal {
+namespace korvel::network::internal::journal {
 
 // Mappings and their syncs work in whole pages.
 uint64_t pageBytes();
@@ -46,4 +46,4 @@ std::optional<std::string> readSmallFileIn(FileSystem& files, FileHandle folder,
 // Writes a small file whole: a temporary, synced, renamed over it.
 bool writeSmallFileIn(FileSystem& files, FileHandle folder, const std::string& name, std::string_view contents);
 
-}  // namespace korvel::platform::journal
+}  // namespace korvel::network::internal::journal

@@ -8,7 +8,7 @@
 #include <korvel/network/internal/FileSystem.h>
 #include <korvel/network/internal/JournalFormat.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 // Read descriptors of finished segments, the most recently used kept open:
 // a backlog spread over thousands of segments holds a few descriptors, not
@@ -57,4 +57,4 @@ class ReadDescriptors {
   std::list<std::pair<uint32_t, FileHandle>> open_;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

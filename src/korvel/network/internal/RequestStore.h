@@ -48,7 +48,7 @@
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Logging.h>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 // One stored request: how to restore it and how to send it.
 struct StoredRequest {
@@ -197,7 +197,7 @@ struct RequestStoreOptions {
   uint64_t segmentBytes = 1u << 20;
   // Set-aside files kept in "aside" (the newest).
   size_t keepAsideFiles = 4;
-  Logger logger{"Unknown bundle", "Delivery"};
+  platform::Logger logger{"Unknown bundle", "Delivery"};
   // Called on the appending thread, outside the store's locks, when an
   // append moved on to a new segment: the next sync() should come soon, so
   // new spares are ready before the caller's thread has to make one.
@@ -223,4 +223,4 @@ OpenedRequestStore openJournalRequestStoreWithReason(const RequestStoreOptions& 
 // Null, after logging why, when the directory cannot be used.
 std::unique_ptr<RequestStore> openJournalRequestStore(const RequestStoreOptions& options);
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

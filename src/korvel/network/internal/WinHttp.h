@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-namespace korvel::platform {
+namespace korvel::network::internal {
 
 struct WinHttpRequest {
   std::chrono::milliseconds timeout{30'000};         // sending and each wait for data
@@ -49,4 +49,4 @@ class WinHttpClient {
   std::unique_ptr<Impl> impl_;
 };
 
-}  // namespace korvel::platform
+}  // namespace korvel::network::internal

@@ -15,7 +15,7 @@
 
 #include <korvel/pageviews/ReportingValue.h>
 
-namespace korvel {
+namespace korvel::pageviews::internal {
 
 nlohmann::json toJSON(const ReportingValue& value);
 nlohmann::json toJSON(const ReportingParameter& value);
@@ -29,4 +29,4 @@ ReportingParameter reportingParameterFromJSON(const nlohmann::json& json,
 PageName pageNameFromJSON(const nlohmann::json& json, std::vector<std::string> codingPath = {});
 PageView pageViewFromJSON(const nlohmann::json& json, std::vector<std::string> codingPath = {});
 
-}  // namespace korvel
+}  // namespace korvel::pageviews::internal

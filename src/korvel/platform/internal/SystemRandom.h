@@ -3,7 +3,7 @@
 
 #include <cstddef>
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 // Fills out with bytes from the system's random source; false when it gives
 // none (the caller falls back on something weaker rather than failing).
@@ -14,4 +14,4 @@ bool systemRandomBytes(unsigned char* out, size_t size) noexcept;
 // fork.
 void callInForkedChildren(void (*child)()) noexcept;
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal

@@ -3,7 +3,7 @@
 // host's way.
 #pragma once
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 // Names the calling thread; Linux keeps the first 15 bytes.
 void nameThisThread(const char* name) noexcept;
@@ -20,4 +20,4 @@ void lowerThisThreadPriority() noexcept;
 // not land in the middle of a report call. Best effort, like the above.
 void batchThisThread() noexcept;
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal

@@ -25,7 +25,7 @@ namespace korvel {
 struct KVRTagDetails;
 }
 
-namespace korvel::reporting {
+namespace korvel::reporters::internal {
 
 // {"type": type}: the start of a user-event beacon.
 inline KVRParameters userEvent(std::string_view type) {
@@ -95,4 +95,4 @@ inline std::optional<std::string> sendOpenItem(const std::optional<KVRValue>& pr
   return send(KVRBeaconTypeUserEvent, parameters);
 }
 
-}  // namespace korvel::reporting
+}  // namespace korvel::reporters::internal
