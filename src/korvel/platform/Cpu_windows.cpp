@@ -3,7 +3,7 @@
 
 #include <windows.h>
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 bool armCrc32Available() noexcept {
 #if defined(_M_ARM64) || defined(__aarch64__)
@@ -13,4 +13,4 @@ bool armCrc32Available() noexcept {
 #endif
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal

@@ -7,7 +7,7 @@
 
 #include <limits>
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 bool systemRandomBytes(unsigned char* out, size_t size) noexcept {
   while (size > 0) {
@@ -25,4 +25,4 @@ bool systemRandomBytes(unsigned char* out, size_t size) noexcept {
 // Windows processes do not fork: a child never shares its parent's buffers.
 void callInForkedChildren(void (*)()) noexcept {}
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal

@@ -5,7 +5,7 @@
 
 #include <string>
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 namespace {
 
@@ -48,4 +48,4 @@ void lowerThisThreadPriority() noexcept {
   SetThreadPriority(GetCurrentThread(), THREAD_PRIORITY_BELOW_NORMAL);
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal
