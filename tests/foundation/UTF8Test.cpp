@@ -27,6 +27,16 @@ TEST(UTF8Test, ReadsCharactersAndRejectsEveryIllFormedSequence) {
       {"encoded surrogate", "\xED\xA0\x80", false, U'\uFFFD', 1},
       {"beyond U+10FFFF", "\xF4\x90\x80\x80", false, U'\uFFFD', 1},
       {"cut short", "\xE2\x82", false, U'\uFFFD', 1},
+      {"four bytes cut short", "\xF0\x9F\x8E", false, U'\uFFFD', 1},
+      {"third byte not a continuation", "\xE2\x82\x41", false, U'\uFFFD', 1},
+      {"fourth byte not a continuation", "\xF0\x9F\x8E\xC3", false, U'\uFFFD', 1},
+      {"overlong three bytes", "\xE0\x80\xAF", false, U'\uFFFD', 1},
+      {"overlong four bytes", "\xF0\x8F\xBF\xBF", false, U'\uFFFD', 1},
+      {"lead byte beyond F4", "\xF5\x80\x80\x80", false, U'\uFFFD', 1},
+      {"last two-byte character", "\xDF\xBF", true, U'\u07FF', 2},
+      {"last before the surrogates", "\xED\x9F\xBF", true, U'\uD7FF', 3},
+      {"noncharacter U+FFFF", "\xEF\xBF\xBF", true, U'\uFFFF', 3},
+      {"last code point", "\xF4\x8F\xBF\xBF", true, U'\U0010FFFF', 4},
   };
   for (const auto& c : cases) {
     SCOPED_TRACE(c.what);

@@ -107,9 +107,9 @@ TEST(CurlTransportTest, AnswersEveryRequestOnceWithManyOnTheWire) {
     tools::BeaconCollector collector(collectorOptions);
     ASSERT_TRUE(collector.start());
     std::atomic<bool> cancelled{false};
-    CurlTransportOptions options;
+    TransportOptions options;
     options.transfers = c.transfers;
-    auto transport = makeCurlTransport(cancelled, options);
+    auto transport = makeSystemTransport(cancelled, options);
     EXPECT_EQ(transport->parallelism(), c.transfers);
 
     const int count = c.count;
@@ -234,7 +234,7 @@ TEST(CurlTransportTest, PutsEachTargetOnTheWireAsLibcurlWouldAndFollowsRedirects
     RawServer server;
     ASSERT_GT(server.port(), 0);
     std::atomic<bool> cancelled{false};
-    auto transport = makeCurlTransport(cancelled);
+    auto transport = makeSystemTransport(cancelled);
     const std::string origin = "http://127.0.0.1:" + std::to_string(server.port());
     const DeliveryResponse response = transport->get(origin + c.path);
     EXPECT_EQ(response.status, c.status) << response.error;

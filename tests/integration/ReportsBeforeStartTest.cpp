@@ -3,9 +3,6 @@
 // shutdown() without start drops them; none of it makes a folder or a thread.
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <filesystem>
 #include <fstream>
@@ -181,18 +178,13 @@ TEST_F(ReportsBeforeStartTest, WithoutAnEndpointYetTheyAreNotKeptAndOneLineSaysS
 
 TEST_F(ReportsBeforeStartTest, ReportsBeforeStartMakeNoFolderNorThread) {
   const fs::path data = root_ / "xdg-data";
-  const char* previous = getenv("XDG_DATA_HOME");
-  const std::optional<std::string> saved = previous ? std::optional<std::string>(previous) : std::nullopt;
-  setenv("XDG_DATA_HOME", data.c_str(), 1);
-
-  for (int n = 0; n < 3; ++n) ASSERT_TRUE(report("main", n));
-  const bool folderMade = fs::exists(data);
-  const size_t threads = libraryThreads();
-
-  if (saved) {
-    setenv("XDG_DATA_HOME", saved->c_str(), 1);
-  } else {
-    unsetenv("XDG_DATA_HOME");
+  bool folderMade = false;
+  size_t threads = 0;
+  {
+    testing::ScopedEnvironmentVariable folder(testing::kDataFolderVariable, data.string());
+    for (int n = 0; n < 3; ++n) ASSERT_TRUE(report("main", n));
+    folderMade = fs::exists(data);
+    threads = libraryThreads();
   }
   EXPECT_FALSE(folderMade);
   EXPECT_EQ(threads, 0u);

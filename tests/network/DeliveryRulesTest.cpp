@@ -48,6 +48,32 @@ TEST(DeliveryRulesTest, ReadsRetryAfterAsSecondsOrAsAnHttpDate) {
   }
 }
 
+TEST(DeliveryRulesTest, ReadsHttpDatesWithTheLeniencyOfStrptime) {
+  const double now = 784111777;  // Sun, 06 Nov 1994 08:49:37 GMT
+  struct Case {
+    const char* value;
+    std::optional<std::chrono::milliseconds> wait;
+  };
+  const Case cases[] = {
+      {"Sunday, 06 November 1994 08:49:47 GMT", milliseconds(10'000)},
+      {"sun, 6 nov 1994 08:49:47 gmt", milliseconds(10'000)},
+      {"Sun,06 Nov 1994 08:49:47 GMT ", milliseconds(10'000)},
+      {"Mon, 07 Nov 1994 08:49:37 GMT", milliseconds(86'400'000)},
+      {"Thu, 01 Jan 1970 00:00:00 GMT", milliseconds(0)},
+      {"Tue, 29 Feb 2000 00:00:00 GMT", milliseconds(int64_t{951782400 - 784111777} * 1000)},
+      {"Sun, 06 Nov 1994 08:49:47 GMT later", std::nullopt},
+      {"Sun, 06 Nov 1994 08:49:47", std::nullopt},
+      {"Sun, 32 Nov 1994 08:49:47 GMT", std::nullopt},
+      {"Sun, 06 Nox 1994 08:49:47 GMT", std::nullopt},
+      {"Sun, 06 Nov 1994 24:00:00 GMT", std::nullopt},
+      {"Sun 06 Nov 1994 08:49:47 GMT", std::nullopt},
+      {"Xyz, 06 Nov 1994 08:49:47 GMT", std::nullopt},
+  };
+  for (const Case& c : cases) {
+    EXPECT_EQ(parseRetryAfter(c.value, now), c.wait) << c.value;
+  }
+}
+
 TEST(DeliveryRulesTest, BacksOffExponentiallyWithBoundedJitter) {
   const milliseconds base(100), cap(1'000);
   EXPECT_EQ(retryDelay(1, base, cap, 0.0), milliseconds(50));

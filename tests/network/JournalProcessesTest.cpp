@@ -1,15 +1,22 @@
 // Several processes on one data folder: each writes a journal of its own,
 // and what a process that ended left is taken over by the next start.
-#include <signal.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
+//
+// The other processes are this test program started again with
+// KORVEL_JOURNAL_CHILD_DIR in its environment: it then opens the store there,
+// appends, writes the ids to its standard output and waits to be killed,
+// during static initialisation.
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
 #include <filesystem>
+#include <memory>
 #include <set>
+#include <thread>
 
 #include <korvel/network/internal/RequestStore.h>
+#include "support/ChildOfThisProgram.h"
 #include "support/FolderTest.h"
 #include "support/TestEnv.h"
 
@@ -26,64 +33,72 @@ std::string frameOf(uint64_t id) {
   return encodeFrame(r);
 }
 
+std::unique_ptr<RequestStore> openStore(const fs::path& dir) {
+  RequestStoreOptions options;
+  options.directory = dir;
+  options.segmentBytes = 8192;
+  return openJournalRequestStore(options);
+}
+
+// The child's part: opens the store, appends, writes each id on a line,
+// then "done", and waits to be killed.
+[[noreturn]] void runChild(const char* dir, int count) {
+  auto store = openStore(dir);
+  if (!store) std::_Exit(3);
+  store->recover();
+  for (int i = 0; i < count; ++i) {
+    const uint64_t id = (uint64_t{store->epoch()} << 32) | static_cast<uint32_t>(i);
+    if (!store->append(frameOf(id), id)) std::_Exit(4);
+    std::printf("%llu\n", static_cast<unsigned long long>(id));
+  }
+  std::printf("done\n");
+  std::fflush(stdout);
+  for (;;) std::this_thread::sleep_for(std::chrono::hours(1));
+}
+
+const bool kIsChild = [] {
+  const char* dir = std::getenv("KORVEL_JOURNAL_CHILD_DIR");
+  const char* count = std::getenv("KORVEL_JOURNAL_CHILD_COUNT");
+  if (dir != nullptr && count != nullptr) runChild(dir, std::atoi(count));
+  return false;
+}();
+
 class JournalProcessesTest : public testing::FolderTest {
  protected:
   void TearDown() override {
-    for (pid_t child : children_) {
-      ::kill(child, SIGKILL);
-      ::waitpid(child, nullptr, 0);
-    }
+    killAll();  // before their folder goes
     FolderTest::TearDown();
   }
 
-  std::unique_ptr<RequestStore> open() {
-    RequestStoreOptions options;
-    options.directory = dir_;
-    options.segmentBytes = 8192;
-    return openJournalRequestStore(options);
-  }
+  std::unique_ptr<RequestStore> open() { return openStore(dir_); }
 
-  // A child that opens the store, appends count requests, writes their ids
-  // to the parent and waits to be killed. Nothing when it failed.
+  // A child that opens the store, appends count requests, tells their ids
+  // and waits to be killed. Nothing when it failed.
   std::optional<std::vector<uint64_t>> reporter(int count) {
-    int fds[2];
-    if (pipe(fds) != 0) return std::nullopt;
-    const pid_t child = fork();
-    if (child == 0) {
-      ::close(fds[0]);
-      auto store = open();
-      if (!store) _exit(3);
-      store->recover();
-      for (int i = 0; i < count; ++i) {
-        const uint64_t id = (uint64_t{store->epoch()} << 32) | static_cast<uint32_t>(i);
-        if (!store->append(frameOf(id), id)) _exit(4);
-        if (::write(fds[1], &id, sizeof id) != sizeof id) _exit(5);
-      }
-      ::close(fds[1]);
-      for (;;) ::pause();
+    auto child = std::make_unique<testing::ChildOfThisProgram>();
+    if (!child->start({"KORVEL_JOURNAL_CHILD_DIR=" + dir_.string(),
+                       "KORVEL_JOURNAL_CHILD_COUNT=" + std::to_string(count)},
+                      "KORVEL_JOURNAL_CHILD_")) {
+      return std::nullopt;
     }
-    ::close(fds[1]);
-    children_.push_back(child);
     std::vector<uint64_t> ids;
-    uint64_t id;
-    while (::read(fds[0], &id, sizeof id) == sizeof id) ids.push_back(id);
-    ::close(fds[0]);
+    std::string line;
+    while (child->readLine(line) && line != "done") ids.push_back(std::stoull(line));
+    children_.push_back(std::move(child));
     if (ids.size() != static_cast<size_t>(count)) return std::nullopt;
     return ids;
   }
 
   void killAll() {
-    for (pid_t child : children_) {
-      ::kill(child, SIGKILL);
-      ::waitpid(child, nullptr, 0);
-    }
+    for (auto& child : children_) child->kill();
     children_.clear();
   }
 
-  std::vector<pid_t> children_;
+  std::vector<std::unique_ptr<testing::ChildOfThisProgram>> children_;
 };
 
 TEST_F(JournalProcessesTest, EveryProcessOnOneFolderIsDurableAndTheNextStartTakesOverWhatTheyLeft) {
+  ASSERT_FALSE(kIsChild);
   auto first = reporter(50);
   ASSERT_TRUE(first) << "the first process stores";
   auto second = reporter(30);
@@ -114,8 +129,7 @@ TEST_F(JournalProcessesTest, AProcessStartingBesideALiveOneTakesOverOnlyJournals
   auto ended = reporter(10);
   ASSERT_TRUE(ended);
   // The second one ends; the first stays.
-  ::kill(children_[1], SIGKILL);
-  ::waitpid(children_[1], nullptr, 0);
+  children_[1]->kill();
   children_.pop_back();
 
   auto store = open();

@@ -9,6 +9,7 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cstdio>
 #include <map>
 #include <optional>
 #include <string>
@@ -22,6 +23,7 @@ namespace korvel::testing {
 class FaultInjectingFileSystem final : public network::internal::FileSystem {
  public:
   using FileCall = network::internal::FileCall;
+  using FileHandle = network::internal::FileHandle;
 
   // The nth call of kind from now on (1 = the next) fails with error.
   void failAt(FileCall kind, int nth, int error) {
@@ -47,23 +49,24 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     foundation::internal::MutexLock lock(mutex_);
     return static_cast<int>(names_.size());
   }
-  // fstat of a folder opened with openFolder answers this owner and mode.
-  void showFolderAs(uid_t owner, mode_t mode) {
+  // info() of a folder opened with openFolder answers this owner, and
+  // access as a POSIX mode would (0777: open to others).
+  void showFolderAs(std::string owner, unsigned mode) {
     foundation::internal::MutexLock lock(mutex_);
-    folderOwner_ = owner;
+    folderOwner_ = std::move(owner);
     folderMode_ = mode;
   }
   void limitFileSize(uint64_t bytes) { fileSizeLimit_ = bytes; }
 
-  int openFolder(const char* path) override {
-    if (failing(FileCall::Open, path)) return -1;
+  FileHandle openFolder(const char* path) override {
+    if (failing(FileCall::Open, path)) return network::internal::kNoFile;
     return remember(real().openFolder(path), path, true);
   }
-  int openAt(int folder, const char* name, int flags, mode_t mode) override {
-    if (failing(FileCall::Open, name)) return -1;
-    return remember(real().openAt(folder, name, flags, mode), name, false);
+  FileHandle openAt(FileHandle folder, const char* name, network::internal::OpenFlags flags) override {
+    if (failing(FileCall::Open, name)) return network::internal::kNoFile;
+    return remember(real().openAt(folder, name, flags), name, false);
   }
-  int close(int fd) override {
+  int close(FileHandle fd) override {
     {
       foundation::internal::MutexLock lock(mutex_);
       names_.erase(fd);
@@ -71,90 +74,99 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     }
     return real().close(fd);
   }
-  ssize_t pread(int fd, void* buffer, size_t size, off_t offset) override {
+  int64_t readAt(FileHandle fd, void* buffer, size_t size, uint64_t offset) override {
     if (failing(FileCall::Read, nameOf(fd))) return -1;
-    return real().pread(fd, buffer, size, offset);
+    return real().readAt(fd, buffer, size, offset);
   }
-  ssize_t pwrite(int fd, const void* data, size_t size, off_t offset) override {
+  int64_t writeAt(FileHandle fd, const void* data, size_t size, uint64_t offset) override {
     if (failing(FileCall::Write, nameOf(fd))) return -1;
-    return real().pwrite(fd, data, size, offset);
+    return real().writeAt(fd, data, size, offset);
   }
-  ssize_t pwritev(int fd, const iovec* vectors, int count, off_t offset) override {
+  int64_t writeRunsAt(FileHandle fd, const network::internal::WriteRun* runs, int count, uint64_t offset) override {
     if (failing(FileCall::Write, nameOf(fd))) return -1;
-    return real().pwritev(fd, vectors, count, offset);
+    return real().writeRunsAt(fd, runs, count, offset);
   }
-  ssize_t write(int fd, const void* data, size_t size) override {
-    if (failing(FileCall::Write, nameOf(fd))) return -1;
-    return real().write(fd, data, size);
-  }
-  off_t seekEnd(int fd) override { return real().seekEnd(fd); }
-  int ftruncate(int fd, off_t length) override {
+  int64_t endOf(FileHandle fd) override { return real().endOf(fd); }
+  int truncate(FileHandle fd, uint64_t length) override {
     if (failing(FileCall::Truncate, nameOf(fd))) return -1;
-    return real().ftruncate(fd, length);
+    return real().truncate(fd, length);
   }
-  int renameAt(int fromFolder, const char* from, int toFolder, const char* to) override {
+  int renameAt(FileHandle fromFolder, const char* from, FileHandle toFolder, const char* to) override {
     if (failing(FileCall::Rename, from)) return -1;
     return real().renameAt(fromFolder, from, toFolder, to);
   }
-  int unlinkAt(int folder, const char* name, int flags) override {
+  int removeAt(FileHandle folder, const char* name) override {
     if (failing(FileCall::Unlink, name)) return -1;
-    return real().unlinkAt(folder, name, flags);
+    return real().removeAt(folder, name);
   }
-  int mkdirAt(int folder, const char* name, mode_t mode) override {
+  int removeFolderAt(FileHandle folder, const char* name) override {
+    if (failing(FileCall::Unlink, name)) return -1;
+    return real().removeFolderAt(folder, name);
+  }
+  int makeFolder(const char* path) override {
+    if (failing(FileCall::MakeDir, path)) return -1;
+    return real().makeFolder(path);
+  }
+  int makeFolderAt(FileHandle folder, const char* name) override {
     if (failing(FileCall::MakeDir, name)) return -1;
-    return real().mkdirAt(folder, name, mode);
+    return real().makeFolderAt(folder, name);
   }
-  int fsync(int fd) override {
+  int syncData(FileHandle fd) override {
     if (failing(FileCall::Sync, nameOf(fd))) return -1;
-    return real().fsync(fd);
+    return real().syncData(fd);
   }
-  int fdatasync(int fd) override {
+  int syncFolder(FileHandle fd) override {
     if (failing(FileCall::Sync, nameOf(fd))) return -1;
-    return real().fdatasync(fd);
+    return real().syncFolder(fd);
   }
-  void* mapShared(int fd, size_t size) override {
-    if (failing(FileCall::Map, nameOf(fd))) return reinterpret_cast<void*>(-1);
+  void* mapShared(FileHandle fd, size_t size) override {
+    if (failing(FileCall::Map, nameOf(fd))) return nullptr;
     return real().mapShared(fd, size);
   }
   int unmap(void* address, size_t size) override { return real().unmap(address, size); }
-  int msync(void* address, size_t size) override {
+  int syncMapped(FileHandle fd, void* address, size_t size) override {
     if (failing(FileCall::Sync, {})) return -1;
-    return real().msync(address, size);
+    return real().syncMapped(fd, address, size);
   }
-  int fstat(int fd, struct stat* out) override {
+  int info(FileHandle fd, network::internal::FileInfo& out) override {
     if (failing(FileCall::Stat, nameOf(fd))) return -1;
-    const int result = real().fstat(fd, out);
+    const int result = real().info(fd, out);
     foundation::internal::MutexLock lock(mutex_);
     if (result == 0 && folders_.contains(fd)) {
-      if (folderOwner_) out->st_uid = *folderOwner_;
-      if (folderMode_) out->st_mode = (out->st_mode & ~07777u) | *folderMode_;
+      if (folderOwner_) out.owner = *folderOwner_;
+      if (folderMode_) {
+        out.openToOthers = (*folderMode_ & 077) != 0;
+        char mode[16];
+        std::snprintf(mode, sizeof mode, "mode %04o", *folderMode_);
+        out.access = mode;
+      }
     }
     return result;
   }
-  int fstatAt(int folder, const char* name, struct stat* out) override {
+  int infoAt(FileHandle folder, const char* name, network::internal::FileInfo& out) override {
     if (failing(FileCall::Stat, name)) return -1;
-    return real().fstatAt(folder, name, out);
+    return real().infoAt(folder, name, out);
   }
-  int statPath(const char* path, struct stat* out) override {
+  int infoOfPath(const char* path, network::internal::FileInfo& out) override {
     if (failing(FileCall::Stat, path)) return -1;
-    return real().statPath(path, out);
+    return real().infoOfPath(path, out);
   }
-  int fchmod(int fd, mode_t mode) override {
+  int makePrivate(FileHandle fd) override {
     if (failing(FileCall::Chmod, nameOf(fd))) return -1;
-    return real().fchmod(fd, mode);
+    return real().makePrivate(fd);
   }
-  int flock(int fd, int operation) override {
+  int lock(FileHandle fd, bool wait) override {
     if (failing(FileCall::Lock, nameOf(fd))) return -1;
-    return real().flock(fd, operation);
+    return real().lock(fd, wait);
   }
-  bool listFolder(int folder, std::vector<std::string>& names) override {
+  bool listFolder(FileHandle folder, std::vector<std::string>& names) override {
     if (failing(FileCall::List, nameOf(folder))) return false;
     return real().listFolder(folder, names);
   }
   uint64_t fileSizeLimit() override {
     return std::min<uint64_t>(fileSizeLimit_, real().fileSizeLimit());
   }
-  uid_t user() override { return real().user(); }
+  std::string user() override { return real().user(); }
 
  private:
   struct Rule {
@@ -164,7 +176,7 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     std::string text;
   };
 
-  static network::internal::FileSystem& real() { return network::internal::posixFileSystem(); }
+  static network::internal::FileSystem& real() { return network::internal::systemFileSystem(); }
   static size_t index(FileCall kind) { return static_cast<size_t>(kind); }
 
   bool failing(FileCall kind, const std::string& name) {
@@ -180,14 +192,14 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     }
     return false;
   }
-  int remember(int fd, const std::string& name, bool folder) {
+  FileHandle remember(FileHandle fd, const std::string& name, bool folder) {
     if (fd < 0) return fd;
     foundation::internal::MutexLock lock(mutex_);
     names_[fd] = name;
     if (folder) folders_[fd] = true;
     return fd;
   }
-  std::string nameOf(int fd) const {
+  std::string nameOf(FileHandle fd) const {
     foundation::internal::MutexLock lock(mutex_);
     auto it = names_.find(fd);
     return it == names_.end() ? std::string() : it->second;
@@ -196,10 +208,10 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
   mutable foundation::internal::Mutex mutex_;
   std::vector<Rule> rules_ KORVEL_GUARDED_BY(mutex_);
   std::array<int, static_cast<size_t>(FileCall::Count)> calls_ KORVEL_GUARDED_BY(mutex_){};
-  std::map<int, std::string> names_ KORVEL_GUARDED_BY(mutex_);
-  std::map<int, bool> folders_ KORVEL_GUARDED_BY(mutex_);
-  std::optional<uid_t> folderOwner_ KORVEL_GUARDED_BY(mutex_);
-  std::optional<mode_t> folderMode_ KORVEL_GUARDED_BY(mutex_);
+  std::map<FileHandle, std::string> names_ KORVEL_GUARDED_BY(mutex_);
+  std::map<FileHandle, bool> folders_ KORVEL_GUARDED_BY(mutex_);
+  std::optional<std::string> folderOwner_ KORVEL_GUARDED_BY(mutex_);
+  std::optional<unsigned> folderMode_ KORVEL_GUARDED_BY(mutex_);
   std::atomic<uint64_t> fileSizeLimit_{UINT64_MAX};
 };
 

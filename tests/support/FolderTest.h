@@ -1,10 +1,8 @@
-// A test with an Env of its own and a fresh folder under /tmp, removed when
+// A test with an Env of its own and a fresh temporary folder, removed when
 // the test ends: the fixture the store and journal tests share.
 #pragma once
 
 #include <gtest/gtest.h>
-
-#include <stdlib.h>
 
 #include <filesystem>
 #include <optional>
@@ -18,9 +16,8 @@ class FolderTest : public ::testing::Test {
  protected:
   void SetUp() override {
     scope_.emplace(env_);
-    char pattern[] = "/tmp/korvel-test-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    folder_ = pattern;
+    folder_ = makeTemporaryFolder("korvel-test");
+    ASSERT_FALSE(folder_.empty());
     dir_ = folder_;
   }
   void TearDown() override {

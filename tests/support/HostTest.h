@@ -4,8 +4,6 @@
 // in afterShutdown(), which runs before the folder goes.
 #pragma once
 
-#include <stdlib.h>
-
 #include <chrono>
 #include <filesystem>
 #include <string>
@@ -20,16 +18,15 @@ namespace korvel::testing {
 
 class HostTest : public BeaconTest {
  protected:
-  // name: the folder's, "/tmp/korvel-<name>-XXXXXX".
+  // name: the folder's, "<temporary folder>/korvel-<name>-XXXXXX".
   HostTest(const char* name, std::chrono::milliseconds shutdownDeadline)
       : name_(name), shutdownDeadline_(shutdownDeadline) {}
 
   // A subclass returns at once when this failed (HasFatalFailure()).
   void SetUp() override {
     BeaconTest::SetUp();
-    std::string pattern = "/tmp/korvel-" + name_ + "-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern.data()), nullptr);
-    root_ = pattern;
+    root_ = makeTemporaryFolder("korvel-" + name_);
+    ASSERT_FALSE(root_.empty());
   }
 
   void TearDown() override {

@@ -7,10 +7,42 @@
 #include <filesystem>
 #include <fstream>
 #include <string>
+#include <string_view>
 #include <thread>
+
+#if defined(_WIN32)
+#include <windows.h>
+#include <tlhelp32.h>
+#endif
 
 namespace korvel::testing {
 
+#if defined(_WIN32)
+// The threads of this process whose description starts "korvel-".
+inline size_t libraryThreads() {
+  using GetThreadDescriptionFunction = HRESULT(WINAPI*)(HANDLE, PWSTR*);
+  const auto describe = reinterpret_cast<GetThreadDescriptionFunction>(reinterpret_cast<void*>(
+      GetProcAddress(GetModuleHandleW(L"kernel32.dll"), "GetThreadDescription")));
+  HANDLE snapshot = CreateToolhelp32Snapshot(TH32CS_SNAPTHREAD, 0);
+  if (describe == nullptr || snapshot == INVALID_HANDLE_VALUE) return 0;
+  size_t count = 0;
+  THREADENTRY32 entry{};
+  entry.dwSize = sizeof entry;
+  for (BOOL more = Thread32First(snapshot, &entry); more; more = Thread32Next(snapshot, &entry)) {
+    if (entry.th32OwnerProcessID != GetCurrentProcessId()) continue;
+    HANDLE thread = OpenThread(THREAD_QUERY_LIMITED_INFORMATION, FALSE, entry.th32ThreadID);
+    if (thread == nullptr) continue;
+    PWSTR name = nullptr;
+    if (SUCCEEDED(describe(thread, &name)) && name != nullptr) {
+      if (std::wstring_view(name).starts_with(L"korvel-")) ++count;
+      LocalFree(name);
+    }
+    CloseHandle(thread);
+  }
+  CloseHandle(snapshot);
+  return count;
+}
+#else
 inline size_t libraryThreads() {
   size_t count = 0;
   std::error_code ec;
@@ -22,6 +54,7 @@ inline size_t libraryThreads() {
   }
   return count;
 }
+#endif
 
 // Whether the library's threads show up within the deadline: a thread
 // names itself once it runs, a moment after the call that started it.

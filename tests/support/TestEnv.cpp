@@ -1,14 +1,59 @@
 #include "support/TestEnv.h"
 
-#include <stdlib.h>
-
+#include <cstdlib>
 #include <filesystem>
+#include <random>
+
+#include <korvel/foundation/internal/CivilTime.h>
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
 #include "collector/FormDecoding.h"
 
 namespace korvel::testing {
+
+namespace {
+void setVariable(const std::string& name, const std::optional<std::string>& value) {
+#if defined(_WIN32)
+  // An empty value removes the variable.
+  _putenv_s(name.c_str(), value ? value->c_str() : "");
+#else
+  if (value) {
+    setenv(name.c_str(), value->c_str(), 1);
+  } else {
+    unsetenv(name.c_str());
+  }
+#endif
+}
+}  // namespace
+
+ScopedEnvironmentVariable::ScopedEnvironmentVariable(std::string name,
+                                                     const std::optional<std::string>& value)
+    : name_(std::move(name)) {
+  if (const char* old = std::getenv(name_.c_str())) previous_ = old;
+  setVariable(name_, value);
+}
+
+ScopedEnvironmentVariable::~ScopedEnvironmentVariable() { setVariable(name_, previous_); }
+
+std::filesystem::path makeTemporaryFolder(const std::string& prefix) {
+  static constexpr char kLetters[] = "abcdefghijklmnopqrstuvwxyz0123456789";
+  thread_local std::mt19937_64 random(std::random_device{}());
+  std::error_code ec;
+  const std::filesystem::path base = std::filesystem::temp_directory_path(ec);
+  if (ec) return {};
+  for (int attempt = 0; attempt < 100; ++attempt) {
+    std::string name = prefix + "-";
+    for (int i = 0; i < 6; ++i) name += kLetters[random() % (sizeof kLetters - 1)];
+    const std::filesystem::path folder = base / name;
+    if (std::filesystem::create_directory(folder, ec)) {
+      std::filesystem::permissions(folder, std::filesystem::perms::owner_all, ec);  // 0700
+      return folder;
+    }
+    if (ec) return {};
+  }
+  return {};
+}
 
 void CapturingLogSink::write(const platform::LogRecord& record) {
   std::lock_guard lock(mutex_);
@@ -103,9 +148,7 @@ void TestEnv::setMainBundleIdentifier(std::optional<std::string> identifier) {
 std::string TestEnv::documentsDirectory() {
   std::lock_guard lock(mutex_);
   if (documents_.empty()) {
-    std::string pattern =
-        (std::filesystem::temp_directory_path() / "korvel-documents-XXXXXX").string();
-    if (mkdtemp(pattern.data()) != nullptr) documents_ = pattern;
+    documents_ = makeTemporaryFolder("korvel-documents").string();
   }
   return documents_;
 }
@@ -119,9 +162,7 @@ TestEnv::~TestEnv() {
 
 std::tm TestEnv::localTime(double secondsSince1970) {
   const auto t = static_cast<time_t>(secondsSince1970) + utcOffset_.load();
-  std::tm tm{};
-  gmtime_r(&t, &tm);
-  return tm;
+  return platform::utcCalendarTime(static_cast<int64_t>(t)).value_or(std::tm{});
 }
 
 WireBeacon decodeWireBeacon(const std::string& url) {

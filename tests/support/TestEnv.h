@@ -7,6 +7,7 @@
 
 #include <atomic>
 #include <deque>
+#include <filesystem>
 #include <functional>
 #include <map>
 #include <memory>
@@ -26,6 +27,35 @@
 #include <korvel/platform/NotificationCenter.h>
 
 namespace korvel::testing {
+
+// Sets an environment variable (or, given nothing, removes it) until the end
+// of the scope, when its old value comes back.
+class ScopedEnvironmentVariable {
+ public:
+  ScopedEnvironmentVariable(std::string name, const std::optional<std::string>& value);
+  ~ScopedEnvironmentVariable();
+  ScopedEnvironmentVariable(const ScopedEnvironmentVariable&) = delete;
+  ScopedEnvironmentVariable& operator=(const ScopedEnvironmentVariable&) = delete;
+
+ private:
+  std::string name_;
+  std::optional<std::string> previous_;
+};
+
+// The variable that moves the folder where the library keeps the user's
+// settings: XDG_CONFIG_HOME, LOCALAPPDATA on Windows.
+// And the one for its data (XDG_DATA_HOME; LOCALAPPDATA too on Windows).
+#if defined(_WIN32)
+inline constexpr const char* kConfigFolderVariable = "LOCALAPPDATA";
+inline constexpr const char* kDataFolderVariable = "LOCALAPPDATA";
+#else
+inline constexpr const char* kConfigFolderVariable = "XDG_CONFIG_HOME";
+inline constexpr const char* kDataFolderVariable = "XDG_DATA_HOME";
+#endif
+
+// A new, empty folder "<temporary folder>/<prefix>-XXXXXX" (random
+// letters); empty when none could be made.
+std::filesystem::path makeTemporaryFolder(const std::string& prefix);
 
 // Keeps every log record.
 class CapturingLogSink : public platform::LogSink {

@@ -1,10 +1,8 @@
 #include <korvel/foundation/KVNConfiguration.h>
 
-#include <sys/utsname.h>
-
-#include <fstream>
 #include <new>
 
+#include <korvel/foundation/internal/Machine.h>
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/foundation/internal/SharedSlot.h>
 
@@ -23,23 +21,17 @@ struct ProcessIdentity {
   std::optional<std::string> osBuild KORVEL_GUARDED_BY(mutex);
 };
 
-std::optional<std::string> firstLineOf(const char* path) {
-  std::ifstream in(path);
-  std::string line;
-  if (!in || !std::getline(in, line)) return std::nullopt;
-  while (!line.empty() && (line.back() == ' ' || line.back() == '\r')) line.pop_back();
-  if (line.empty()) return std::nullopt;
-  return line;
+// Read once: the model and versions do not change while the process runs.
+const platform::MachineIdentity& machine() {
+  static const auto* identity = new platform::MachineIdentity(platform::readMachineIdentity());
+  return *identity;
 }
 
 ProcessIdentity& identity() {
   static ProcessIdentity* instance = [] {
     auto* p = new ProcessIdentity;
-    struct utsname names {};
-    if (uname(&names) == 0) {
-      MutexLock lock(p->mutex);
-      p->osBuild = names.version;
-    }
+    MutexLock lock(p->mutex);
+    p->osBuild = machine().osBuild;
     return p;
   }();
   return *instance;
@@ -87,9 +79,8 @@ KVNConfiguration& KVNConfiguration::sharedInstance() {
 
 KVNConfiguration::Snapshot KVNConfiguration::machineDefaults() {
   Snapshot s;
-  s.deviceModel = firstLineOf("/sys/devices/virtual/dmi/id/product_name").value_or("Linux");
-  struct utsname names {};
-  if (uname(&names) == 0) s.deviceSystemVersion = names.release;
+  s.deviceModel = machine().model;
+  s.deviceSystemVersion = machine().systemVersion;
   return s;
 }
 

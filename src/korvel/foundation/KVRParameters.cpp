@@ -1,4 +1,5 @@
 #include <korvel/foundation/KVRParameters.h>
+#include <korvel/foundation/internal/CivilTime.h>
 
 #include <algorithm>
 #include <cmath>
@@ -238,14 +239,17 @@ std::string describe(const KVRParameters& dictionary) {
 std::string describeDate(KVRDate date) {
   double whole = std::floor(date.secondsSince1970);
   if (!std::isfinite(whole)) return "(invalid date)";
-  // Outside time_t the cast is undefined; past the calendar's years gmtime_r fails.
-  constexpr double kTimeLimit = -static_cast<double>(std::numeric_limits<std::time_t>::min());
+  // Outside 64 bits the cast is undefined; past int's years there is no calendar.
+  constexpr double kTimeLimit = -static_cast<double>(std::numeric_limits<int64_t>::min());
   if (whole < -kTimeLimit || whole >= kTimeLimit) return "(invalid date)";
-  std::time_t t = static_cast<std::time_t>(whole);
-  std::tm tm{};
-  if (gmtime_r(&t, &tm) == nullptr) return "(invalid date)";
-  char buf[40];
-  std::strftime(buf, sizeof buf, "%Y-%m-%d %H:%M:%S +0000", &tm);
+  const std::optional<std::tm> tm = platform::utcCalendarTime(static_cast<int64_t>(whole));
+  if (!tm) return "(invalid date)";
+  // By hand rather than strftime: the year as plain digits whatever its
+  // size or sign, on every C library.
+  char buf[48];
+  std::snprintf(buf, sizeof buf, "%lld-%02d-%02d %02d:%02d:%02d +0000",
+                static_cast<long long>(tm->tm_year) + 1900, tm->tm_mon + 1, tm->tm_mday, tm->tm_hour,
+                tm->tm_min, tm->tm_sec);
   return buf;
 }
 

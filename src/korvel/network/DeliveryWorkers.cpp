@@ -447,10 +447,10 @@ void DurableRequestExecutor::workerLoop() {
   std::unique_ptr<DeliveryTransport> transport =
       options_.transport
           ? options_.transport(cancel_)
-          : makeCurlTransport(cancel_, CurlTransportOptions{options_.requestTimeout,
-                                                            std::min(options_.requestTimeout,
-                                                                     std::chrono::milliseconds(10'000)),
-                                                            concurrency});
+          : makeSystemTransport(cancel_, TransportOptions{options_.requestTimeout,
+                                                          std::min(options_.requestTimeout,
+                                                                   std::chrono::milliseconds(10'000)),
+                                                          concurrency});
   if (!transport) transport = std::make_unique<Unreachable>();
   SenderFeed feed(*this);
 

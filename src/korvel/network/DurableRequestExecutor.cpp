@@ -4,15 +4,13 @@
 // in DeliveryWriter.cpp.
 #include <korvel/network/internal/DurableRequestExecutor.h>
 
-#include <pwd.h>
-#include <unistd.h>
-
 #include <algorithm>
 #include <cstdlib>
 #include <stdexcept>
 
 #include <korvel/network/internal/DeliveryShared.h>
 #include <korvel/platform/Env.h>
+#include <korvel/platform/internal/System.h>
 
 using korvel::platform::env;
 using korvel::platform::LogLevel;
@@ -53,25 +51,8 @@ Logger makeLogger() {
 }  // namespace
 
 fs::path DurableRequestExecutor::defaultDirectory(const std::string& sessionIdentifier) {
-  fs::path base;
-  if (const char* xdg = std::getenv("XDG_DATA_HOME"); xdg != nullptr && xdg[0] == '/') {
-    base = xdg;
-  } else {
-    const char* home = std::getenv("HOME");
-    std::string fromPasswd;
-    if (home == nullptr || home[0] != '/') {
-      struct passwd entry {};
-      struct passwd* found = nullptr;
-      char buffer[4096];
-      if (getpwuid_r(getuid(), &entry, buffer, sizeof buffer, &found) == 0 && found != nullptr &&
-          found->pw_dir != nullptr) {
-        fromPasswd = found->pw_dir;
-      }
-      home = fromPasswd.empty() ? nullptr : fromPasswd.c_str();
-    }
-    if (home == nullptr) return {};
-    base = fs::path(home) / ".local" / "share";
-  }
+  const fs::path base = platform::userDataFolder();
+  if (base.empty()) return {};
   return base / "korvel" / sanitizedComponent(sessionIdentifier);
 }
 

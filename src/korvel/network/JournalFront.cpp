@@ -1,11 +1,6 @@
 // The journal front: the directory, its lock and epoch, and the life of the
 // segments that callers append to (spare, active, closing, finished).
 #include <errno.h>
-#include <fcntl.h>
-#include <sys/file.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -24,7 +19,7 @@ using namespace journal;
 
 JournalFront::JournalFront(RequestStoreOptions options)
     : options_(std::move(options)),
-      files_(options_.fileSystem != nullptr ? *options_.fileSystem : posixFileSystem()) {
+      files_(options_.fileSystem != nullptr ? *options_.fileSystem : systemFileSystem()) {
   segmentSize_.store(firstSegmentBytes(), std::memory_order_relaxed);
 }
 
@@ -34,11 +29,12 @@ JournalFront::~JournalFront() {
   closing_.clear();
   if (active_.fd >= 0) finish(active_);
   for (auto& spare : spares_) {
-    // Never written to: it goes, rather than being found empty at the next start.
-    files_.unlinkAt(folder_, segmentName(spare.number).c_str(), 0);
+    // Never written to: it goes, rather than being found empty at the next
+    // start. Unmapped first: Windows removes no file that is mapped.
     finish(spare);
+    files_.removeAt(folder_, segmentName(spare.number).c_str());
   }
-  if (lockFd_ >= 0) files_.close(lockFd_);  // releases the flock
+  if (lockFd_ >= 0) files_.close(lockFd_);  // releases the lock
   if (folder_ >= 0) files_.close(folder_);
 }
 
@@ -46,15 +42,15 @@ bool JournalFront::openDirectory() {
   const fs::path& dir = options_.directory;
   failure_.clear();
   heldByAnother_ = false;
-  const int folder = openCheckedFolder(files_, dir.string(), failure_);
+  const FileHandle folder = openCheckedFolder(files_, utf8Text(dir), failure_);
   if (folder < 0) return false;
-  const int lockFd = files_.openAt(folder, kLockFile, O_RDWR | O_CREAT, 0600);
+  const FileHandle lockFd = files_.openAt(folder, kLockFile, OpenFlags::ReadWrite | OpenFlags::Create);
   if (lockFd < 0) {
     failure_ = "cannot open the lock in " + dir.string() + ": " + errnoText(errno);
     files_.close(folder);
     return false;
   }
-  if (files_.flock(lockFd, LOCK_EX | LOCK_NB) != 0) {
+  if (files_.lock(lockFd, false) != 0) {
     failure_ = dir.string() + " is in use by another process";
     heldByAnother_ = errno == EWOULDBLOCK;
     files_.close(lockFd);
@@ -67,7 +63,7 @@ bool JournalFront::openDirectory() {
   return true;
 }
 
-bool JournalFront::adoptSegment(int fromFolder, uint32_t number) {
+bool JournalFront::adoptSegment(FileHandle fromFolder, uint32_t number) {
   const uint32_t renumbered = nextSegment_.fetch_add(1);
   // The marks go first: a crash in between leaves marks without their
   // segment here (removed at the next start) and the segment there without
@@ -89,7 +85,7 @@ bool JournalFront::adoptSegment(int fromFolder, uint32_t number) {
 
 void JournalFront::removeRecycledLeftovers(const std::vector<std::string>& names) {
   for (const auto& name : names) {
-    if (name.starts_with(kRecycledPrefix)) files_.unlinkAt(folder_, name.c_str(), 0);
+    if (name.starts_with(kRecycledPrefix)) files_.removeAt(folder_, name.c_str());
   }
 }
 
@@ -114,10 +110,10 @@ bool JournalFront::open(uint32_t minEpoch) {
     auto number = segmentNumber(name, kSegmentSuffix);
     if (!number) continue;
     earlierSegments_.push_back(*number);
-    const int fd = files_.openAt(folder_, name.c_str(), O_RDONLY, 0);
+    const FileHandle fd = files_.openAt(folder_, name.c_str(), OpenFlags::Read);
     if (fd < 0) continue;
     char header[kSegmentHeaderBytes];
-    if (files_.pread(fd, header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) &&
+    if (files_.readAt(fd, header, sizeof header, 0) == static_cast<int64_t>(sizeof header) &&
         std::memcmp(header, kSegmentMagic, sizeof kSegmentMagic) == 0) {
       highestEpoch = std::max(highestEpoch, get<uint32_t>(header + 12));
     }
@@ -171,8 +167,9 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
   Segment segment;
   segment.number = nextSegment_.fetch_add(1);
   const std::string name = segmentName(segment.number);
-  const int folder = folder_;
-  segment.fd = files_.openAt(folder, name.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+  const FileHandle folder = folder_;
+  segment.fd =
+      files_.openAt(folder, name.c_str(), OpenFlags::ReadWrite | OpenFlags::Create | OpenFlags::Exclusive);
   if (segment.fd < 0) {
     error = errnoText(errno);
     return std::nullopt;
@@ -180,7 +177,7 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
   const auto discard = [&] {
     error = errnoText(errno);
     files_.close(segment.fd);
-    files_.unlinkAt(folder, name.c_str(), 0);
+    files_.removeAt(folder, name.c_str());
     return std::nullopt;
   };
   std::string header(kSegmentMagic, sizeof kSegmentMagic);
@@ -199,7 +196,7 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
   if (capacity >= kSegmentHeaderBytes + frameBytes &&
       reserveWithZeros(files_, segment.fd, kSegmentHeaderBytes, capacity, prefault)) {
     void* map = files_.mapShared(segment.fd, capacity);
-    if (map != MAP_FAILED) {
+    if (map != nullptr) {
       segment.map = static_cast<char*>(map);
       segment.room = capacity;
       segment.reserved = true;
@@ -212,9 +209,9 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
       return segment;
     }
   }
-  // Unmapped: appends use pwrite(2); the file must not keep a zero end that
-  // a pwrite would leave in the middle.
-  if (files_.ftruncate(segment.fd, static_cast<off_t>(kSegmentHeaderBytes)) != 0) return discard();
+  // Unmapped: appends use writeAt; the file must not keep a zero end that
+  // a write would leave in the middle.
+  if (files_.truncate(segment.fd, kSegmentHeaderBytes) != 0) return discard();
   segment.room = limit;
   return segment;
 }
@@ -223,7 +220,7 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
 void JournalFront::finish(Segment& segment) {
   if (segment.reserved) {
     // Unmapped first: the dirty pages stay in the page cache and the
-    // fdatasync below writes them, but with no mapping left the kernel has
+    // data sync below writes them, but with no mapping left the kernel has
     // no page-table entries to write-protect, so writing them back sends no
     // TLB-flush interrupt to the cores of the threads that report (one per
     // page when syncing through the mapping, a stall on the report path).
@@ -231,11 +228,11 @@ void JournalFront::finish(Segment& segment) {
     segment.map = nullptr;
     // The unused end is cut off, so it is never written. The file is this
     // segment's alone: no other segment is ever made of it.
-    if (files_.ftruncate(segment.fd, static_cast<off_t>(segment.bytes)) == 0 || segment.dirty) {
-      files_.fdatasync(segment.fd);
+    if (files_.truncate(segment.fd, segment.bytes) == 0 || segment.dirty) {
+      files_.syncData(segment.fd);
     }
   } else if (segment.dirty) {
-    files_.fdatasync(segment.fd);
+    files_.syncData(segment.fd);
   }
   files_.close(segment.fd);
   segment.fd = -1;
@@ -296,7 +293,7 @@ std::optional<JournalFront::Appended> JournalFront::appendLocked(std::string_vie
     // Nothing may follow a partial frame: cut it off. The segment is left
     // either way (a full disk or a size limit does not go away by trying
     // again); the next append moves on to a new one.
-    files_.ftruncate(segment.fd, static_cast<off_t>(segment.bytes));
+    files_.truncate(segment.fd, segment.bytes);
     segment.broken = true;
     return std::nullopt;
   }
@@ -338,19 +335,19 @@ JournalFront::Drained JournalFront::drain() {
 }
 
 bool JournalFront::directoryReplaced() const {
-  struct stat now {};
-  if (files_.statPath(options_.directory.c_str(), &now) != 0) {
+  FileInfo now;
+  if (files_.infoOfPath(utf8Text(options_.directory).c_str(), now) != 0) {
     return errno == ENOENT || errno == ENOTDIR;
   }
-  struct stat held {};
-  if (files_.fstat(folder_, &held) != 0) return false;
-  return !S_ISDIR(now.st_mode) || now.st_dev != held.st_dev || now.st_ino != held.st_ino ||
-         held.st_nlink == 0;
+  FileInfo held;
+  if (files_.info(folder_, held) != 0) return false;
+  return now.type != FileType::Folder || now.device != held.device ||
+         now.fileNumber != held.fileNumber || held.links == 0;
 }
 
 bool JournalFront::rehome() {
-  const int previousFolder = folder_;
-  const int previousLock = lockFd_;
+  const FileHandle previousFolder = folder_;
+  const FileHandle previousLock = lockFd_;
   if (!openDirectory()) {
     // Keeps what it holds; tried again at the next sync.
     return false;
@@ -365,8 +362,8 @@ bool JournalFront::rehome() {
     switched = switchSegmentLocked(0);
   }
   for (auto& spare : spares) {
-    files_.unlinkAt(previousFolder, segmentName(spare.number).c_str(), 0);
     finish(spare);  // never written
+    files_.removeAt(previousFolder, segmentName(spare.number).c_str());
   }
   files_.close(previousFolder);
   directoryDirty_ = true;
@@ -385,8 +382,7 @@ bool JournalFront::readOpen(uint32_t number, uint64_t offset, std::string& out) 
     std::memcpy(out.data(), found->map + offset, out.size());
     return true;
   }
-  return files_.pread(found->fd, out.data(), out.size(), static_cast<off_t>(offset)) ==
-         static_cast<ssize_t>(out.size());
+  return files_.readAt(found->fd, out.data(), out.size(), offset) == static_cast<int64_t>(out.size());
 }
 
 uint32_t JournalFront::activeSegment() const {
@@ -467,8 +463,8 @@ void JournalFront::restIfQuiet(bool& quiet) {
   }
   for (auto& spare : dropped) {
     // Never written to.
-    files_.unlinkAt(folder_, segmentName(spare.number).c_str(), 0);
     finish(spare);
+    files_.removeAt(folder_, segmentName(spare.number).c_str());
     directoryDirty_ = true;
   }
 }
@@ -521,9 +517,9 @@ void JournalFront::syncActive() {
   if (active.fd >= 0 && active.dirty) {
     if (active.map != nullptr) {
       const uint64_t from = active.syncedBytes / pageBytes() * pageBytes();
-      files_.msync(active.map + from, active.bytes - from);
+      files_.syncMapped(active.fd, active.map + from, active.bytes - from);
     } else {
-      files_.fdatasync(active.fd);
+      files_.syncData(active.fd);
     }
   }
   // All unmapped before any is cut and synced, and the ones a burst closes
@@ -559,7 +555,7 @@ void JournalFront::syncActive() {
 
 void JournalFront::syncDirectory() {
   if (!directoryDirty_.exchange(false)) return;
-  files_.fsync(folder_);
+  files_.syncFolder(folder_);
 }
 
 }  // namespace korvel::network::internal

@@ -1,8 +1,7 @@
 // File names and delivered-marks batches of the journal.
-#include <string.h>
-
 #include <algorithm>
 #include <cstdio>
+#include <system_error>
 
 #include <korvel/network/internal/JournalFormat.h>
 #include <korvel/network/internal/RequestStore.h>
@@ -65,9 +64,6 @@ bool decodeMarks(std::string_view data, std::unordered_set<uint64_t>& into) {
   return true;
 }
 
-std::string errnoText(int error) {
-  char buffer[128];
-  return ::strerror_r(error, buffer, sizeof buffer);
-}
+std::string errnoText(int error) { return std::generic_category().message(error); }
 
 }  // namespace korvel::network::internal::journal

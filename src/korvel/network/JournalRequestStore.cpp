@@ -2,9 +2,6 @@
 // segments, recovery of earlier runs' segments, delivered marks, compaction,
 // and healing when the directory is replaced under it.
 #include <errno.h>
-#include <fcntl.h>
-#include <sys/file.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -37,7 +34,7 @@ class JournalRequestStore final : public RequestStore {
  public:
   explicit JournalRequestStore(const RequestStoreOptions& options)
       : options_(options),
-        files_(options.fileSystem != nullptr ? *options.fileSystem : posixFileSystem()),
+        files_(options.fileSystem != nullptr ? *options.fileSystem : systemFileSystem()),
         descriptors_(files_) {}
   ~JournalRequestStore() override {
     MutexLock lock(indexMutex_);
@@ -48,7 +45,7 @@ class JournalRequestStore final : public RequestStore {
   // that, a journal of this process's own in a "run-<n>" folder inside it;
   // then the journals no live process holds are adopted.
   bool open() {
-    const int top = openCheckedFolder(files_, options_.directory.string(), failure_);
+    const FileHandle top = openCheckedFolder(files_, utf8Text(options_.directory), failure_);
     if (top < 0) {
       options_.logger.log(LogLevel::Error, failure_);
       return false;
@@ -127,14 +124,14 @@ class JournalRequestStore final : public RequestStore {
         front_->activeBytes() != UINT64_MAX) {
       front_->rotate();
     }
-    std::vector<int> toSync;
+    std::vector<FileHandle> toSync;
     {
       MutexLock lock(indexMutex_);
       toSync = settle(finished);
     }
     front_->syncActive();
-    for (int fd : toSync) {
-      front_->files().fdatasync(fd);
+    for (FileHandle fd : toSync) {
+      front_->files().syncData(fd);
       front_->files().close(fd);
     }
     MutexLock lock(indexMutex_);
@@ -200,7 +197,7 @@ class JournalRequestStore final : public RequestStore {
     return front_->readSmallFile(name);
   }
   void removeSmallFile(const std::string& name) override {
-    front_->files().unlinkAt(front_->folder(), name.c_str(), 0);
+    front_->files().removeAt(front_->folder(), name.c_str());
   }
 
   // Descriptors held for reading requests back (tests).
@@ -254,7 +251,7 @@ class JournalRequestStore final : public RequestStore {
     } else if (errno == ELOOP) {
       // A link where the marks file belongs was not made by the store: it
       // goes (never followed), and the segment's requests are sent again.
-      front_->files().unlinkAt(front_->folder(), marksName(number).c_str(), 0);
+      front_->files().removeAt(front_->folder(), marksName(number).c_str());
     } else if (!marksMissing) {
       unreadableReason = "marks: " + errnoText(errno);
       return false;
@@ -271,7 +268,7 @@ class JournalRequestStore final : public RequestStore {
         front_->removeSegmentFiles(number);
       } else {
         front_->setAside(name, "not a journal segment");
-        front_->files().unlinkAt(front_->folder(), marksName(number).c_str(), 0);
+        front_->files().removeAt(front_->folder(), marksName(number).c_str());
       }
       return true;
     }
@@ -303,7 +300,7 @@ class JournalRequestStore final : public RequestStore {
         front_->setAside(name, std::string(tailReason(contents.tail)) + " at byte " +
                                   std::to_string(contents.validBytes) + "; " +
                                   std::to_string(indexes.size()) + " pending requests kept");
-        front_->files().unlinkAt(front_->folder(), marksName(number).c_str(), 0);
+        front_->files().removeAt(front_->folder(), marksName(number).c_str());
       }
     }
     if (!carried) {
@@ -330,7 +327,7 @@ class JournalRequestStore final : public RequestStore {
 
   // Forgets the finished requests and writes their marks; the marks files
   // to sync and close.
-  std::vector<int> settle(std::span<const uint64_t> finished) KORVEL_REQUIRES(indexMutex_) {
+  std::vector<FileHandle> settle(std::span<const uint64_t> finished) KORVEL_REQUIRES(indexMutex_) {
     if (front_->directoryReplaced()) heal();
     drainFront();
 
@@ -345,7 +342,7 @@ class JournalRequestStore final : public RequestStore {
     }
 
     removeFinishedSegments();
-    std::vector<int> toSync;
+    std::vector<FileHandle> toSync;
     bool marksFailed = false;
     std::string failure;
     for (auto& [number, segment] : segments_) {
@@ -354,10 +351,11 @@ class JournalRequestStore final : public RequestStore {
       // a restart.
       const std::string name = marksName(number);
       FileSystem& files = front_->files();
-      int fd = files.openAt(front_->folder(), name.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
-      if (fd < 0 && errno == ELOOP && files.unlinkAt(front_->folder(), name.c_str(), 0) == 0) {
+      constexpr OpenFlags kAppend = OpenFlags::Write | OpenFlags::Create | OpenFlags::Append;
+      FileHandle fd = files.openAt(front_->folder(), name.c_str(), kAppend);
+      if (fd < 0 && errno == ELOOP && files.removeAt(front_->folder(), name.c_str()) == 0) {
         // A planted link is removed, never followed.
-        fd = files.openAt(front_->folder(), name.c_str(), O_WRONLY | O_CREAT | O_APPEND, 0600);
+        fd = files.openAt(front_->folder(), name.c_str(), kAppend);
       }
       if (fd >= 0 && appendMarks(front_->files(), fd, segment.marks)) {
         toSync.push_back(fd);
@@ -414,10 +412,9 @@ class JournalRequestStore final : public RequestStore {
   bool readFrame(uint32_t number, const Segment& segment, const Loc& loc, std::string& frame)
       KORVEL_REQUIRES(indexMutex_) {
     if (!segment.closed && front_->readOpen(number, loc.offset, frame)) return true;
-    const int fd = descriptors_.get(front_->folder(), number);
-    if (fd >= 0 && front_->files().pread(fd, frame.data(), frame.size(),
-                                        static_cast<off_t>(loc.offset)) ==
-                       static_cast<ssize_t>(frame.size())) {
+    const FileHandle fd = descriptors_.get(front_->folder(), number);
+    if (fd >= 0 && front_->files().readAt(fd, frame.data(), frame.size(), loc.offset) ==
+                       static_cast<int64_t>(frame.size())) {
       return true;
     }
     return front_->readOpen(number, loc.offset, frame);

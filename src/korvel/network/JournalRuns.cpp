@@ -1,7 +1,5 @@
 // The journals of several processes on one data folder.
 #include <errno.h>
-#include <fcntl.h>
-#include <sys/file.h>
 
 #include <algorithm>
 #include <cstring>
@@ -22,20 +20,20 @@ namespace {
 constexpr uint32_t kMostRuns = 64;
 
 // The highest epoch in the segment headers of the run folders.
-uint32_t highestRunEpoch(FileSystem& files, int top) {
+uint32_t highestRunEpoch(FileSystem& files, FileHandle top) {
   uint32_t highest = 0;
   std::vector<std::string> runs;
   if (!files.listFolder(top, runs)) return 0;
   for (const auto& run : runs) {
     if (!run.starts_with(kRunPrefix)) continue;
-    const int folder = files.openAt(top, run.c_str(), O_RDONLY | O_DIRECTORY, 0);
+    const FileHandle folder = files.openAt(top, run.c_str(), OpenFlags::Folder);
     std::vector<std::string> names;
     if (folder >= 0 && files.listFolder(folder, names)) {
       for (const auto& name : names) {
         if (!segmentNumber(name, kSegmentSuffix)) continue;
-        const int fd = files.openAt(folder, name.c_str(), O_RDONLY, 0);
+        const FileHandle fd = files.openAt(folder, name.c_str(), OpenFlags::Read);
         char header[kSegmentHeaderBytes];
-        if (fd >= 0 && files.pread(fd, header, sizeof header, 0) == static_cast<ssize_t>(sizeof header) &&
+        if (fd >= 0 && files.readAt(fd, header, sizeof header, 0) == static_cast<int64_t>(sizeof header) &&
             std::memcmp(header, kSegmentMagic, sizeof kSegmentMagic) == 0) {
           highest = std::max(highest, get<uint32_t>(header + 12));
         }
@@ -50,12 +48,12 @@ uint32_t highestRunEpoch(FileSystem& files, int top) {
 }  // namespace
 
 std::unique_ptr<JournalFront> openOwnJournal(FileSystem& files, const RequestStoreOptions& options,
-                                           int top, std::string& failure) {
+                                           FileHandle top, std::string& failure) {
   // Processes pick their epochs one at a time, each above every epoch
   // written in the folder so far: identifiers never collide between
   // journals that one process may adopt later.
-  const int epochLock = files.openAt(top, kEpochLockFile, O_RDWR | O_CREAT, 0600);
-  if (epochLock >= 0) files.flock(epochLock, LOCK_EX);
+  const FileHandle epochLock = files.openAt(top, kEpochLockFile, OpenFlags::ReadWrite | OpenFlags::Create);
+  if (epochLock >= 0) files.lock(epochLock, true);
   uint32_t minEpoch = highestRunEpoch(files, top);
   if (auto text = readSmallFileIn(files, top, kEpochFile)) {
     char* end = nullptr;
@@ -90,17 +88,17 @@ std::unique_ptr<JournalFront> openOwnJournal(FileSystem& files, const RequestSto
 // Moves the segments of every run folder no live process holds (its lock
 // is free) into this journal and removes the folder: what a process that
 // ended left is delivered by the next one.
-void adoptOrphanedJournals(FileSystem& files, int top, JournalFront& front) {
-  const std::string own = front.options().directory.filename().string();
+void adoptOrphanedJournals(FileSystem& files, FileHandle top, JournalFront& front) {
+  const std::string own = utf8Text(front.options().directory.filename());
   std::vector<std::string> runs;
   if (!files.listFolder(top, runs)) return;
   size_t adopted = 0;
   for (const auto& run : runs) {
     if (!run.starts_with(kRunPrefix) || run == own) continue;
-    const int folder = files.openAt(top, run.c_str(), O_RDONLY | O_DIRECTORY, 0);
+    const FileHandle folder = files.openAt(top, run.c_str(), OpenFlags::Folder);
     if (folder < 0) continue;
-    const int lock = files.openAt(folder, kLockFile, O_RDWR | O_CREAT, 0600);
-    if (lock >= 0 && files.flock(lock, LOCK_EX | LOCK_NB) == 0) {
+    const FileHandle lock = files.openAt(folder, kLockFile, OpenFlags::ReadWrite | OpenFlags::Create);
+    if (lock >= 0 && files.lock(lock, false) == 0) {
       std::vector<std::string> names;
       bool all = files.listFolder(folder, names);
       std::vector<uint32_t> numbers;
@@ -117,9 +115,9 @@ void adoptOrphanedJournals(FileSystem& files, int top, JournalFront& front) {
       }
       if (all) {
         for (const auto& name : names) {
-          if (!segmentNumber(name, kSegmentSuffix)) files.unlinkAt(folder, name.c_str(), 0);
+          if (!segmentNumber(name, kSegmentSuffix)) files.removeAt(folder, name.c_str());
         }
-        files.unlinkAt(top, run.c_str(), AT_REMOVEDIR);
+        files.removeFolderAt(top, run.c_str());
       }
     }
     if (lock >= 0) files.close(lock);  // releases the lock

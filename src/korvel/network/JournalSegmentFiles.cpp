@@ -2,9 +2,6 @@
 // one aside, removing one, the small files of the directory, and what the
 // files take on disk.
 #include <errno.h>
-#include <fcntl.h>
-#include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <cstring>
@@ -28,14 +25,18 @@ using namespace journal;
 
 namespace journal {
 
-uint64_t pageBytes() {
-  static const uint64_t bytes = static_cast<uint64_t>(::sysconf(_SC_PAGESIZE));
-  return bytes;
+uint64_t pageBytes() { return memoryPageBytes(); }
+
+std::string utf8Text(const fs::path& path) {
+  const std::u8string text = path.u8string();
+  return std::string(text.begin(), text.end());
 }
 
-bool pwriteAll(FileSystem& files, int fd, std::string_view data, uint64_t offset) {
+fs::path pathOfUTF8(std::string_view text) { return fs::path(std::u8string(text.begin(), text.end())); }
+
+bool pwriteAll(FileSystem& files, FileHandle fd, std::string_view data, uint64_t offset) {
   while (!data.empty()) {
-    const ssize_t n = files.pwrite(fd, data.data(), data.size(), static_cast<off_t>(offset));
+    const int64_t n = files.writeAt(fd, data.data(), data.size(), offset);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) {
       if (n == 0) errno = EIO;
@@ -58,22 +59,22 @@ bool pwriteAll(FileSystem& files, int fd, std::string_view data, uint64_t offset
 // calls some 10 us. Page by page (pageSized) the folios are single pages;
 // that costs more system calls, so it is for the writer's spares, not for
 // a segment a reporting thread has to make itself.
-bool reserveWithZeros(FileSystem& files, int fd, uint64_t from, uint64_t to, bool pageSized) {
+bool reserveWithZeros(FileSystem& files, FileHandle fd, uint64_t from, uint64_t to, bool pageSized) {
   static const char kZeros[64 << 10] = {};
   constexpr int kVectors = 16;
   // One write covers at most this much; page sized, it ends at the next
   // page boundary.
   const uint64_t most = pageSized ? pageBytes() : kVectors * sizeof kZeros;
-  iovec vectors[kVectors];
+  WriteRun vectors[kVectors];
   while (from < to) {
     uint64_t left = std::min(to - from, pageSized ? most - from % most : most);
     int count = 0;
     for (; left > 0 && count < kVectors; ++count) {
       const auto size = static_cast<size_t>(std::min<uint64_t>(sizeof kZeros, left));
-      vectors[count] = {const_cast<char*>(kZeros), size};
+      vectors[count] = {kZeros, size};
       left -= size;
     }
-    const ssize_t n = files.pwritev(fd, vectors, count, static_cast<off_t>(from));
+    const int64_t n = files.writeRunsAt(fd, vectors, count, from);
     if (n < 0 && errno == EINTR) continue;
     if (n <= 0) return false;
     from += static_cast<uint64_t>(n);
@@ -81,13 +82,13 @@ bool reserveWithZeros(FileSystem& files, int fd, uint64_t from, uint64_t to, boo
   return true;
 }
 
-bool readAll(FileSystem& files, int fd, std::string& out) {
+bool readAll(FileSystem& files, FileHandle fd, std::string& out) {
   out.clear();
-  struct stat st {};
-  if (files.fstat(fd, &st) == 0 && st.st_size > 0) out.reserve(static_cast<size_t>(st.st_size));
+  FileInfo st;
+  if (files.info(fd, st) == 0 && st.size > 0) out.reserve(static_cast<size_t>(st.size));
   char buffer[1 << 16];
   for (;;) {
-    const ssize_t n = files.pread(fd, buffer, sizeof buffer, static_cast<off_t>(out.size()));
+    const int64_t n = files.readAt(fd, buffer, sizeof buffer, out.size());
     if (n < 0) {
       if (errno == EINTR) continue;
       return false;
@@ -97,8 +98,8 @@ bool readAll(FileSystem& files, int fd, std::string& out) {
   }
 }
 
-std::optional<std::string> readSmallFileIn(FileSystem& files, int folder, const std::string& name) {
-  const int fd = files.openAt(folder, name.c_str(), O_RDONLY, 0);
+std::optional<std::string> readSmallFileIn(FileSystem& files, FileHandle folder, const std::string& name) {
+  const FileHandle fd = files.openAt(folder, name.c_str(), OpenFlags::Read);
   if (fd < 0) return std::nullopt;
   std::string text;
   const bool ok = readAll(files, fd, text);
@@ -109,22 +110,23 @@ std::optional<std::string> readSmallFileIn(FileSystem& files, int folder, const 
   return text;
 }
 
-bool writeSmallFileIn(FileSystem& files, int folder, const std::string& name, std::string_view contents) {
+bool writeSmallFileIn(FileSystem& files, FileHandle folder, const std::string& name, std::string_view contents) {
   const std::string temporary = name + ".tmp";
   // Whatever is there (a link planted in the folder) goes; the new file is
   // made afresh and never opened through a link.
-  files.unlinkAt(folder, temporary.c_str(), 0);
-  const int fd = files.openAt(folder, temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL, 0600);
+  files.removeAt(folder, temporary.c_str());
+  const FileHandle fd =
+      files.openAt(folder, temporary.c_str(), OpenFlags::Write | OpenFlags::Create | OpenFlags::Exclusive);
   if (fd < 0) return false;
-  const bool written = pwriteAll(files, fd, contents, 0) && files.fdatasync(fd) == 0;
+  const bool written = pwriteAll(files, fd, contents, 0) && files.syncData(fd) == 0;
   files.close(fd);
   if (written && files.renameAt(folder, temporary.c_str(), folder, name.c_str()) == 0) return true;
-  files.unlinkAt(folder, temporary.c_str(), 0);
+  files.removeAt(folder, temporary.c_str());
   return false;
 }
 
-bool appendMarks(FileSystem& files, int fd, const std::vector<uint64_t>& marks) {
-  const off_t before = files.seekEnd(fd);
+bool appendMarks(FileSystem& files, FileHandle fd, const std::vector<uint64_t>& marks) {
+  const int64_t before = files.endOf(fd);
   if (before < 0) return false;
   const std::string batch = encodeMarks(marks);
   if (static_cast<uint64_t>(before) + batch.size() > files.fileSizeLimit()) {
@@ -133,44 +135,41 @@ bool appendMarks(FileSystem& files, int fd, const std::vector<uint64_t>& marks) 
   }
   if (pwriteAll(files, fd, batch, static_cast<uint64_t>(before))) return true;
   const int saved = errno;
-  files.ftruncate(fd, before);  // nothing more can be appended safely after a torn batch
+  files.truncate(fd, static_cast<uint64_t>(before));  // nothing more can be appended safely after a torn batch
   errno = saved;
   return false;
 }
 
-int openCheckedFolder(FileSystem& files, const std::string& path, std::string& failure) {
+FileHandle openCheckedFolder(FileSystem& files, const std::string& path, std::string& failure) {
   std::error_code ec;
-  const fs::path dir = path;
+  const fs::path dir = pathOfUTF8(path);
   if (dir.has_parent_path()) createPrivateDirectories(dir.parent_path(), ec);
-  if (files.mkdirAt(AT_FDCWD, path.c_str(), 0700) != 0 && errno != EEXIST) {
+  if (files.makeFolder(path.c_str()) != 0 && errno != EEXIST) {
     failure = "cannot create " + path + ": " + errnoText(errno);
-    return -1;
+    return kNoFile;
   }
-  const int folder = files.openFolder(path.c_str());
+  const FileHandle folder = files.openFolder(path.c_str());
   if (folder < 0) {
     failure = "cannot open " + path + ": " + errnoText(errno);
-    return -1;
+    return kNoFile;
   }
   // Another user's folder, or one others may write to, could have files
   // planted in it or be emptied by them: refused unless it can be made ours.
-  struct stat st {};
-  if (files.fstat(folder, &st) != 0) {
+  FileInfo st;
+  if (files.info(folder, st) != 0) {
     failure = "cannot inspect " + path + ": " + errnoText(errno);
-  } else if (!S_ISDIR(st.st_mode)) {
+  } else if (st.type != FileType::Folder) {
     failure = path + " is not a directory";
-  } else if (st.st_uid != files.user()) {
-    failure = path + " belongs to another user (uid " + std::to_string(st.st_uid) +
-              "); requests are not stored there";
-  } else if ((st.st_mode & 077) != 0 && files.fchmod(folder, 0700) != 0) {
-    char mode[8];
-    std::snprintf(mode, sizeof mode, "%04o", static_cast<unsigned>(st.st_mode & 07777));
-    failure = path + " is open to other users (mode " + mode +
-              ") and cannot be made private: " + errnoText(errno);
+  } else if (st.owner != files.user()) {
+    failure = path + " belongs to another user (" + st.owner + "); requests are not stored there";
+  } else if (st.openToOthers && files.makePrivate(folder) != 0) {
+    failure = path + " is open to other users (" + st.access + ") and cannot be made private: " +
+              errnoText(errno);
   } else {
     return folder;
   }
   files.close(folder);
-  return -1;
+  return kNoFile;
 }
 
 }  // namespace journal
@@ -180,7 +179,7 @@ JournalFront::SegmentContents JournalFront::readSegment(uint32_t number,
   SegmentContents contents;
   contents.number = number;
   std::string data;
-  const int fd = files_.openAt(folder_, segmentName(number).c_str(), O_RDONLY, 0);
+  const FileHandle fd = files_.openAt(folder_, segmentName(number).c_str(), OpenFlags::Read);
   const bool read = fd >= 0 && readAll(files_, fd, data);
   if (!read) {
     contents.unreadable = true;
@@ -237,8 +236,8 @@ JournalFront::SegmentContents JournalFront::readSegment(uint32_t number,
 }
 
 void JournalFront::trimSegment(uint32_t number, uint64_t usedBytes) {
-  const int fd = files_.openAt(folder_, segmentName(number).c_str(), O_WRONLY, 0);
-  if (fd < 0 || files_.ftruncate(fd, static_cast<off_t>(usedBytes)) != 0) {
+  const FileHandle fd = files_.openAt(folder_, segmentName(number).c_str(), OpenFlags::Write);
+  if (fd < 0 || files_.truncate(fd, usedBytes) != 0) {
     logger().log(LogLevel::Error, "cannot trim journal segment " + std::to_string(number) + ": " +
                                       errnoText(errno));
   }
@@ -249,14 +248,14 @@ void JournalFront::setAside(const std::string& name, const std::string& reason) 
   static std::atomic<unsigned> counter{0};
   const std::string target = name + "." + std::to_string(::time(nullptr)) + "-" +
                              std::to_string(counter.fetch_add(1));
-  files_.mkdirAt(folder_, kAsideFolder, 0700);
-  const int aside = files_.openAt(folder_, kAsideFolder, O_RDONLY | O_DIRECTORY, 0);
+  files_.makeFolderAt(folder_, kAsideFolder);
+  const FileHandle aside = files_.openAt(folder_, kAsideFolder, OpenFlags::Folder);
   if (aside >= 0 && files_.renameAt(folder_, name.c_str(), aside, target.c_str()) == 0) {
     logger().log(LogLevel::Error, "moved " + name + " aside to " +
                                       (options_.directory / kAsideFolder / target).string() + ": " +
                                       reason);
   } else {
-    files_.unlinkAt(folder_, name.c_str(), 0);
+    files_.removeAt(folder_, name.c_str());
     logger().log(LogLevel::Error, "deleted unreadable " + name + ": " + reason);
   }
   if (aside < 0) return;
@@ -265,14 +264,13 @@ void JournalFront::setAside(const std::string& name, const std::string& reason) 
   if (files_.listFolder(aside, names) && names.size() > options_.keepAsideFiles) {
     std::vector<std::pair<int64_t, std::string>> kept;
     for (auto& entry : names) {
-      struct stat st {};
-      if (files_.fstatAt(aside, entry.c_str(), &st) != 0) continue;
-      kept.emplace_back(static_cast<int64_t>(st.st_mtim.tv_sec) * 1'000'000'000 + st.st_mtim.tv_nsec,
-                        std::move(entry));
+      FileInfo st;
+      if (files_.infoAt(aside, entry.c_str(), st) != 0) continue;
+      kept.emplace_back(st.modifiedNanos, std::move(entry));
     }
     std::sort(kept.begin(), kept.end());
     for (size_t i = 0; i + options_.keepAsideFiles < kept.size(); ++i) {
-      files_.unlinkAt(aside, kept[i].second.c_str(), 0);
+      files_.removeAt(aside, kept[i].second.c_str());
     }
   }
   files_.close(aside);
@@ -286,14 +284,14 @@ void JournalFront::removeOrphanMarks() {
   for (const auto& name : names) {
     auto number = segmentNumber(name, kMarksSuffix);
     if (number && !earlier.contains(*number) && *number != active) {
-      files_.unlinkAt(folder_, name.c_str(), 0);
+      files_.removeAt(folder_, name.c_str());
     }
   }
 }
 
 void JournalFront::removeSegmentFiles(uint32_t number) {
-  files_.unlinkAt(folder_, segmentName(number).c_str(), 0);
-  files_.unlinkAt(folder_, marksName(number).c_str(), 0);
+  files_.removeAt(folder_, segmentName(number).c_str());
+  files_.removeAt(folder_, marksName(number).c_str());
 }
 
 std::optional<std::string> JournalFront::readSmallFile(const std::string& name, bool* notFound) const {
@@ -322,11 +320,11 @@ uint64_t JournalFront::bytesOnDisk() const {
   if (!files_.listFolder(folder_, names)) return 0;
   for (const auto& name : names) {
     if (name == kLockFile || name == kEpochFile || name == kAsideFolder || name == kEpochLockFile) continue;
-    struct stat st {};
-    if (files_.fstatAt(folder_, name.c_str(), &st) != 0 || !S_ISREG(st.st_mode)) continue;
+    FileInfo st;
+    if (files_.infoAt(folder_, name.c_str(), st) != 0 || st.type != FileType::Regular) continue;
     auto number = segmentNumber(name, kSegmentSuffix);
     auto it = number ? open.find(*number) : open.end();
-    total += it != open.end() ? it->second : static_cast<uint64_t>(st.st_size);
+    total += it != open.end() ? it->second : st.size;
   }
   return total;
 }

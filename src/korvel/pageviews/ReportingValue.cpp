@@ -8,12 +8,10 @@
 #include <utility>
 
 #include <nlohmann/json.hpp>
-#include <unicode/bytestream.h>
-#include <unicode/normalizer2.h>
-#include <unicode/stringpiece.h>
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/foundation/internal/UTF8.h>
+#include <korvel/pageviews/internal/Normalization.h>
 
 using korvel::pageviews::internal::pageViewFromJSON;
 
@@ -45,19 +43,10 @@ bool isASCII(std::string_view text) {
   return true;
 }
 
-// Both byte streams decode through ICU's StringPiece, whose length is 32-bit.
-bool fitsICU(std::string_view text) {
+// Text is decoded with 32-bit lengths (ICU's StringPiece, Windows' string
+// functions): longer non-ASCII text is not encoded.
+bool fitsTextLimit(std::string_view text) {
   return text.size() <= static_cast<size_t>(std::numeric_limits<int32_t>::max());
-}
-
-const icu::Normalizer2* nfdNormalizer() {
-  // ICU keeps one immutable instance per process; it is safe on any thread.
-  static const icu::Normalizer2* const instance = [] {
-    UErrorCode status = U_ZERO_ERROR;
-    const icu::Normalizer2* n = icu::Normalizer2::getNFDInstance(status);
-    return U_SUCCESS(status) ? n : nullptr;
-  }();
-  return instance;
 }
 
 // Hash-combine with the golden-ratio constant, so that the order of the fed
@@ -193,7 +182,7 @@ struct EncodingPath {
 const EncodingPath kRootPath{nullptr, {}};
 
 const std::string& encodableText(const std::string& text, const EncodingPath& at) {
-  if (!isASCII(text) && (!fitsICU(text) || !foundation::internal::isWellFormedUTF8(text))) {
+  if (!isASCII(text) && (!fitsTextLimit(text) || !foundation::internal::isWellFormedUTF8(text))) {
     throw ReportingEncodingError(at.components(),
                                  "Unable to encode text that is not valid UTF-8 in JSON.");
   }
@@ -293,20 +282,9 @@ ReportingEncodingError::ReportingEncodingError(std::vector<std::string> codingPa
       description_(std::move(description)) {}
 
 std::string canonicalDecomposition(const std::string& text) {
-  if (isASCII(text) || !fitsICU(text) || !foundation::internal::isWellFormedUTF8(text)) return text;
-  const icu::Normalizer2* nfd = nfdNormalizer();
-  if (nfd == nullptr) return text;
-
-  const icu::StringPiece source(text.data(), static_cast<int32_t>(text.size()));
-  UErrorCode status = U_ZERO_ERROR;
-  if (nfd->isNormalizedUTF8(source, status) && U_SUCCESS(status)) return text;
-
-  std::string result;
-  result.reserve(text.size() + text.size() / 2);
-  icu::StringByteSink<std::string> sink(&result);
-  status = U_ZERO_ERROR;
-  nfd->normalizeUTF8(0, source, sink, nullptr, status);
-  return U_SUCCESS(status) ? result : text;
+  if (isASCII(text) || !foundation::internal::isWellFormedUTF8(text)) return text;
+  std::optional<std::string> decomposed = platform::nfdOfWellFormedUTF8(text);
+  return decomposed ? std::move(*decomposed) : text;
 }
 
 bool canonicallyEqual(const std::string& a, const std::string& b) {

@@ -1,7 +1,5 @@
 #include <korvel/platform/Env.h>
 
-#include <time.h>
-
 #include <atomic>
 #include <cstdlib>
 #include <cmath>
@@ -10,6 +8,7 @@
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/platform/Logging.h>
 #include <korvel/platform/NotificationCenter.h>
+#include <korvel/platform/internal/System.h>
 
 using korvel::foundation::internal::Mutex;
 using korvel::foundation::internal::MutexLock;
@@ -18,9 +17,9 @@ namespace korvel::platform {
 
 namespace {
 
-class LinuxEnv : public Env {
+class SystemEnv : public Env {
  public:
-  LinuxEnv() {
+  SystemEnv() {
     // Registered first, so the state has changed before anyone else hears.
     center_.addObserver(std::string(ApplicationDidEnterBackgroundNotification),
                         [this](const Notification&) { state_ = ApplicationState::Background; });
@@ -28,18 +27,9 @@ class LinuxEnv : public Env {
                         [this](const Notification&) { state_ = ApplicationState::Active; });
   }
 
-  double now() override {
-    timespec ts{};
-    clock_gettime(CLOCK_REALTIME, &ts);
-    return static_cast<double>(ts.tv_sec) + static_cast<double>(ts.tv_nsec) / 1e9;
-  }
+  double now() override { return wallClockSeconds(); }
 
-  uint64_t monotonicNanos() override {
-    // CLOCK_MONOTONIC does not advance while the machine is suspended.
-    timespec ts{};
-    clock_gettime(CLOCK_MONOTONIC, &ts);
-    return static_cast<uint64_t>(ts.tv_sec) * 1'000'000'000ull + static_cast<uint64_t>(ts.tv_nsec);
-  }
+  uint64_t monotonicNanos() override { return monotonicClockNanos(); }
 
   std::string makeUUIDString() override { return makeRandomUUIDString(); }
 
@@ -54,26 +44,16 @@ class LinuxEnv : public Env {
   }
 
   ApplicationState applicationState() override { return state_; }
-  // Linux machines have no orientation sensor the library could read.
+  // Desktop machines have no orientation sensor the library could read.
   DeviceOrientation deviceOrientation() override { return DeviceOrientation::Unknown; }
 
   std::tm localTime(double secondsSince1970) override {
-    const auto t = static_cast<time_t>(std::floor(secondsSince1970));
-    std::tm tm{};
-    localtime_r(&t, &tm);
-    return tm;
+    return localTimeOf(static_cast<std::time_t>(std::floor(secondsSince1970)));
   }
 
-  // $XDG_DOCUMENTS_DIR, else ~/Documents, else the working directory.
-  std::string documentsDirectory() override {
-    if (const char* xdg = std::getenv("XDG_DOCUMENTS_DIR"); xdg != nullptr && *xdg != 0) {
-      return xdg;
-    }
-    if (const char* home = std::getenv("HOME"); home != nullptr && *home != 0) {
-      return std::string(home) + "/Documents";
-    }
-    return ".";
-  }
+  // The user's documents folder (Linux: $XDG_DOCUMENTS_DIR, else
+  // ~/Documents), else the working directory.
+  std::string documentsDirectory() override { return documentsFolder(); }
 
   NotificationCenter& notificationCenter() override { return center_; }
   LogSink& logSink() override { return logSink_; }
@@ -110,8 +90,8 @@ class LinuxEnv : public Env {
   std::atomic<ApplicationState> state_{ApplicationState::Active};
 };
 
-LinuxEnv& linuxEnv() {
-  static LinuxEnv* instance = new LinuxEnv;
+SystemEnv& systemEnv() {
+  static SystemEnv* instance = new SystemEnv;
   return *instance;
 }
 
@@ -119,7 +99,7 @@ std::atomic<Env*> currentEnv{nullptr};
 
 }  // namespace
 
-Env& Env::Default() { return linuxEnv(); }
+Env& Env::Default() { return systemEnv(); }
 
 Env& env() {
   Env* e = currentEnv.load(std::memory_order_acquire);
@@ -132,15 +112,15 @@ ScopedEnv::ScopedEnv(Env& replacement)
 ScopedEnv::~ScopedEnv() { currentEnv.store(previous_, std::memory_order_release); }
 
 void setMainBundleIdentifier(std::optional<std::string> identifier) {
-  linuxEnv().setMainBundleIdentifier(std::move(identifier));
+  systemEnv().setMainBundleIdentifier(std::move(identifier));
 }
 
 void setDefaultBackgroundExecutorFactory(BackgroundExecutorFactory factory) {
-  linuxEnv().setExecutorFactory(std::move(factory));
+  systemEnv().setExecutorFactory(std::move(factory));
 }
 
 bool installDefaultBackgroundExecutorFactoryIfNone(BackgroundExecutorFactory factory) {
-  return linuxEnv().installExecutorFactoryIfNone(std::move(factory));
+  return systemEnv().installExecutorFactoryIfNone(std::move(factory));
 }
 
 }  // namespace korvel::platform

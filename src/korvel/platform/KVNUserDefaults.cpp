@@ -1,8 +1,5 @@
 #include <korvel/platform/KVNUserDefaults.h>
 
-#include <fcntl.h>
-#include <unistd.h>
-
 #include <atomic>
 #include <cerrno>
 #include <cmath>
@@ -19,6 +16,8 @@
 #include <korvel/platform/Env.h>
 #include <korvel/platform/Files.h>
 #include <korvel/platform/Logging.h>
+#include <korvel/platform/internal/FilesInternal.h>
+#include <korvel/platform/internal/System.h>
 
 using korvel::foundation::internal::Mutex;
 using korvel::foundation::internal::MutexLock;
@@ -183,71 +182,16 @@ std::optional<KVRValue> decode(const Json& json, std::string& problem) {
 
 // --- Files ------------------------------------------------------------------
 
-std::atomic<uint64_t> temporaryCounter{0};
-
-bool writeAll(int fd, const std::string& data) {
-  size_t written = 0;
-  while (written < data.size()) {
-    const ssize_t n = ::write(fd, data.data() + written, data.size() - written);
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      return false;
-    }
-    written += static_cast<size_t>(n);
-  }
-  return true;
-}
-
-// Writes data to path through a flushed temporary file and a rename.
-bool writeFileAtomically(const std::string& path, const std::string& data, std::string& error) {
-  const fs::path target(path);
-  std::error_code ec;
-  if (target.has_parent_path()) platform::createPrivateDirectories(target.parent_path(), ec);
-  if (ec) {
-    error = "cannot create " + target.parent_path().string() + ": " + ec.message();
-    return false;
-  }
-  const std::string temporary = path + ".tmp-" + std::to_string(::getpid()) + "-" +
-                                std::to_string(temporaryCounter.fetch_add(1));
-  const int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0600);
-  if (fd < 0) {
-    error = "cannot create " + temporary + ": " + std::strerror(errno);
-    return false;
-  }
-  bool ok = writeAll(fd, data) && ::fsync(fd) == 0;
-  if (!ok) error = "cannot write " + temporary + ": " + std::strerror(errno);
-  if (::close(fd) != 0 && ok) {
-    ok = false;
-    error = "cannot close " + temporary + ": " + std::strerror(errno);
-  }
-  if (ok && ::rename(temporary.c_str(), path.c_str()) != 0) {
-    ok = false;
-    error = "cannot rename " + temporary + " to " + path + ": " + std::strerror(errno);
-  }
-  if (!ok) {
-    ::unlink(temporary.c_str());
-    return false;
-  }
-  // Make the rename itself durable.
-  const std::string directory =
-      target.has_parent_path() ? target.parent_path().string() : std::string(".");
-  const int dirfd = ::open(directory.c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
-  if (dirfd >= 0) {
-    ::fsync(dirfd);
-    ::close(dirfd);
-  }
-  return true;
-}
-
 // Moves an unusable store out of the way; returns the new name, or empty.
 std::string moveAside(const std::string& path) {
   const auto seconds = static_cast<long long>(std::floor(platform::env().now()));
   std::string aside = path + ".corrupt-" + std::to_string(seconds);
   std::error_code ec;
-  for (int n = 1; fs::exists(aside, ec) && n < 1000; ++n) {
+  for (int n = 1; fs::exists(platform::pathFromUTF8(aside), ec) && n < 1000; ++n) {
     aside = path + ".corrupt-" + std::to_string(seconds) + "-" + std::to_string(n);
   }
-  if (::rename(path.c_str(), aside.c_str()) != 0) return {};
+  fs::rename(platform::pathFromUTF8(path), platform::pathFromUTF8(aside), ec);
+  if (ec) return {};
   return aside;
 }
 
@@ -280,14 +224,15 @@ KVNUserDefaults::~KVNUserDefaults() = default;
 
 void KVNUserDefaults::Impl::load(const std::string& filePath) {
   std::error_code ec;
-  const auto status = fs::status(filePath, ec);
+  const fs::path path = platform::pathFromUTF8(filePath);
+  const auto status = fs::status(path, ec);
   if (!fs::exists(status)) return;
 
   std::string problem;
   if (fs::is_directory(status)) {
     problem = "it is a directory";
   } else {
-    std::ifstream in(filePath, std::ios::binary);
+    std::ifstream in(path, std::ios::binary);
     std::stringstream content;
     if (!in || !(content << in.rdbuf())) {
       // An empty file reads as nothing, which is as unusable as garbage.
@@ -344,7 +289,7 @@ bool KVNUserDefaults::Impl::persist(const std::string& filePath) {
     return false;
   }
   std::string error;
-  if (writeFileAtomically(filePath, data, error)) return true;
+  if (platform::replaceFileDurably(platform::pathFromUTF8(filePath), data, error)) return true;
   logLine(platform::LogLevel::Error, "Could not save user defaults: " + error);
   return false;
 }
@@ -358,21 +303,14 @@ void KVNUserDefaults::setSharedUserDefaults(std::shared_ptr<KVNUserDefaults> def
 }
 
 std::string KVNUserDefaults::defaultFilePath() {
-  fs::path base;
-  if (const char* xdg = std::getenv("XDG_CONFIG_HOME"); xdg != nullptr && *xdg == '/') {
-    base = xdg;
-  } else if (const char* home = std::getenv("HOME"); home != nullptr && *home != 0) {
-    base = fs::path(home) / ".config";
-  } else {
-    base = ".config";
-  }
+  const fs::path base = platform::userConfigFolder();
   std::string bundle = platform::env().mainBundleIdentifier().value_or("Unknown bundle");
   // A bundle identifier is one path component, whatever it contains.
   for (char& c : bundle) {
     if (c == '/') c = '_';
   }
   if (bundle.empty() || bundle == "." || bundle == "..") bundle = "Unknown bundle";
-  return (base / "korvel" / bundle / "defaults.json").string();
+  return platform::utf8FromPath(base / "korvel" / platform::pathFromUTF8(bundle) / "defaults.json");
 }
 
 std::optional<KVRValue> KVNUserDefaults::objectForKey(std::string_view key) const {

@@ -3,7 +3,6 @@
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
-#include <strings.h>
 
 #include <korvel/foundation/internal/Mutex.h>
 #include <korvel/foundation/internal/SharedSlot.h>
@@ -27,12 +26,21 @@ std::string_view logLevelName(LogLevel level) {
 }
 
 namespace {
+bool equalIgnoringASCIICase(std::string_view a, std::string_view b) {
+  if (a.size() != b.size()) return false;
+  for (size_t i = 0; i < a.size(); ++i) {
+    const auto lower = [](char c) { return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c; };
+    if (lower(a[i]) != lower(b[i])) return false;
+  }
+  return true;
+}
+
 LogLevel levelFromEnvironment() {
   const char* text = std::getenv("KORVEL_LOG_LEVEL");
   if (text == nullptr) return LogLevel::Default;
   for (LogLevel level : {LogLevel::Debug, LogLevel::Info, LogLevel::Default, LogLevel::Error,
                          LogLevel::Fault}) {
-    if (strcasecmp(text, std::string(logLevelName(level)).c_str()) == 0) return level;
+    if (equalIgnoringASCIICase(text, logLevelName(level))) return level;
   }
   return LogLevel::Default;
 }

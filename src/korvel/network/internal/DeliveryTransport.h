@@ -71,7 +71,7 @@ class DeliveryTransport {
 using DeliveryTransportFactory =
     std::function<std::unique_ptr<DeliveryTransport>(const std::atomic<bool>& cancelled)>;
 
-struct CurlTransportOptions {
+struct TransportOptions {
   std::chrono::milliseconds timeout{30'000};
   std::chrono::milliseconds connectTimeout{10'000};
   // Requests on the wire at once (send), each with a connection of its
@@ -79,11 +79,14 @@ struct CurlTransportOptions {
   size_t transfers = 1;
 };
 
-// libcurl's multi interface on one thread: a pool of easy handles, reused,
-// whose connections to a host stay open between requests (keep-alive).
-// Redirects are followed (at most 5); only http and https are allowed.
-std::unique_ptr<DeliveryTransport> makeCurlTransport(const std::atomic<bool>& cancelled,
-                                                     CurlTransportOptions options = {});
+// The system's HTTP stack. On Linux, libcurl's multi interface on one
+// thread: a pool of easy handles, reused, whose connections to a host stay
+// open between requests (keep-alive), options.transfers of them on the wire
+// at once. On Windows, WinHTTP (one session per transport, one request at a
+// time through get(); the executor runs more senders under a backlog).
+// Redirects are followed (at most 5), only to http and https URLs.
+std::unique_ptr<DeliveryTransport> makeSystemTransport(const std::atomic<bool>& cancelled,
+                                                       TransportOptions options = {});
 
 enum class DeliveryVerdict {
   Delivered,       // 2xx

@@ -171,7 +171,7 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     uint64_t segmentBytes = 1u << 20;
     // Queue and store but do not send until setPaused(false).
     bool startPaused = false;
-    // Empty: libcurl (makeCurlTransport).
+    // Empty: the system's HTTP stack (makeSystemTransport).
     DeliveryTransportFactory transport;
     // Told what became of each request that was sent (delivered, will be
     // retried, dropped) and of those the caps and the age dropped; called on

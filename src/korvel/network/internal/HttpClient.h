@@ -1,4 +1,5 @@
-// Minimal blocking HTTP GET over libcurl, one reusable connection cache per
+// Minimal blocking HTTP GET over the system's HTTP stack (libcurl on Linux,
+// WinHTTP on Windows), one reusable connection cache per
 // thread (keep-alive between requests to the same host).
 #pragma once
 

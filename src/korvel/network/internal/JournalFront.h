@@ -29,13 +29,11 @@
 // for another segment, so nothing is cut or removed under a mapping.
 //
 // Where a segment cannot be mapped (or reserved) the front falls back to
-// pwrite(2) appends on that segment, within the room the file size limit
+// writeAt appends on that segment, within the room the file size limit
 // leaves. Where no segment can be made at all (full disk, read-only folder)
 // appends fail at once, with one log line, until the writer's next sync
 // makes one again.
 #pragma once
-
-#include <sys/types.h>
 
 #include <atomic>
 #include <cstdint>
@@ -104,14 +102,14 @@ class JournalFront {
   // Moves an earlier segment (and its marks) of another journal's folder
   // into this one, under a new number, as one more earlier segment for
   // recover(). Before recover(); false when it could not be moved.
-  bool adoptSegment(int fromFolder, uint32_t number);
+  bool adoptSegment(FileHandle fromFolder, uint32_t number);
 
   uint32_t epoch() const { return epoch_; }
   const RequestStoreOptions& options() const { return options_; }
   const platform::Logger& logger() const { return options_.logger; }
   FileSystem& files() const { return files_; }
-  // The directory's descriptor; changes only on the writer thread (rehome).
-  int folder() const { return folder_; }
+  // The directory's handle; changes only on the writer thread (rehome).
+  FileHandle folder() const { return folder_; }
 
   // Any thread.
   bool append(std::string_view frame, uint64_t id) KORVEL_EXCLUDES(mutex_);
@@ -184,14 +182,14 @@ class JournalFront {
 
  private:
   struct Segment {
-    int fd = -1;
+    FileHandle fd = kNoFile;
     uint32_t number = 0;
-    char* map = nullptr;    // null: appended with pwrite(2)
+    char* map = nullptr;    // null: appended with writeAt
     uint64_t room = 0;      // the most bytes it may hold
     uint64_t bytes = 0;     // used
     uint64_t syncedBytes = 0;  // used bytes at the last sync
     bool dirty = false;     // appended to since the last sync
-    bool broken = false;    // a failed pwrite left it unusable
+    bool broken = false;    // a failed write left it unusable
     bool reserved = false;  // made with a zero end (mapped), to be cut when finished
 
     bool hasRoom(size_t size) const { return bytes + size <= room; }
@@ -227,8 +225,8 @@ class JournalFront {
   FileSystem& files_;
   std::string failure_;
   bool heldByAnother_ = false;
-  std::atomic<int> folder_{-1};
-  int lockFd_ = -1;
+  std::atomic<FileHandle> folder_{kNoFile};
+  FileHandle lockFd_ = kNoFile;
   uint32_t epoch_ = 0;
   std::vector<uint32_t> earlierSegments_;
   std::atomic<uint32_t> nextSegment_{1};

@@ -18,10 +18,10 @@ namespace korvel::network::internal {
 // Opens this process's journal in the checked data folder top: the folder's
 // own or a free run folder; null with the reason in failure.
 std::unique_ptr<JournalFront> openOwnJournal(FileSystem& files, const RequestStoreOptions& options,
-                                             int top, std::string& failure);
+                                             FileHandle top, std::string& failure);
 
 // Moves the segments of every run folder no live process holds into front's
 // journal, before its recovery, and removes the emptied folders.
-void adoptOrphanedJournals(FileSystem& files, int top, JournalFront& front);
+void adoptOrphanedJournals(FileSystem& files, FileHandle top, JournalFront& front);
 
 }  // namespace korvel::network::internal

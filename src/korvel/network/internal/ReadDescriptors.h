@@ -1,7 +1,5 @@
-// Read descriptors of a journal's finished segments.
+// Read handles of a journal's finished segments.
 #pragma once
-
-#include <fcntl.h>
 
 #include <cstdint>
 #include <list>
@@ -22,16 +20,16 @@ class ReadDescriptors {
   explicit ReadDescriptors(FileSystem& files) : files_(files) {}
   ~ReadDescriptors() { clear(); }
 
-  // -1 (errno set) when the segment cannot be opened.
-  int get(int folder, uint32_t number) {
+  // kNoFile (errno set) when the segment cannot be opened.
+  FileHandle get(FileHandle folder, uint32_t number) {
     for (auto it = open_.begin(); it != open_.end(); ++it) {
       if (it->first == number) {
         open_.splice(open_.begin(), open_, it);
         return it->second;
       }
     }
-    const int fd = files_.openAt(folder, journal::segmentName(number).c_str(), O_RDONLY, 0);
-    if (fd < 0) return -1;
+    const FileHandle fd = files_.openAt(folder, journal::segmentName(number).c_str(), OpenFlags::Read);
+    if (fd < 0) return kNoFile;
     if (open_.size() >= kKept) {
       files_.close(open_.back().second);
       open_.pop_back();
@@ -56,7 +54,7 @@ class ReadDescriptors {
 
  private:
   FileSystem& files_;
-  std::list<std::pair<uint32_t, int>> open_;
+  std::list<std::pair<uint32_t, FileHandle>> open_;
 };
 
 }  // namespace korvel::network::internal

@@ -1,6 +1,7 @@
 // A journal segment's life under the store: closed, fully delivered, removed
 // while the front still holds it, what the next segments are made of, and
-// how large they are made.
+// how large they are made. POSIX only: a forked child is killed, and the
+// disk blocks a segment takes are read with stat.
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
