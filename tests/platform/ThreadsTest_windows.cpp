@@ -7,6 +7,10 @@
 #include <string>
 #include <thread>
 
+using korvel::platform::internal::batchThisThread;
+using korvel::platform::internal::lowerThisThreadPriority;
+using korvel::platform::internal::nameThisThread;
+
 namespace korvel::platform {
 namespace {
 
