@@ -13,6 +13,7 @@
 #include <tuple>
 #include <vector>
 
+#include "platform/UserDefaultsFixture.h"
 #include "support/TestEnv.h"
 
 namespace korvel {
@@ -20,39 +21,7 @@ namespace {
 
 namespace fs = std::filesystem;
 
-class KVNUserDefaultsTest : public ::testing::Test {
- protected:
-  void SetUp() override {
-    scope_.emplace(env_);
-    dir_ = env_.documentsDirectory() + "/prefs";
-    path_ = dir_ + "/defaults.json";
-  }
-
-  std::string readFile(const std::string& path) const {
-    std::ifstream in(path, std::ios::binary);
-    std::stringstream s;
-    s << in.rdbuf();
-    return s.str();
-  }
-  void writeFile(const std::string& path, const std::string& content) const {
-    fs::create_directories(fs::path(path).parent_path());
-    std::ofstream(path, std::ios::binary) << content;
-  }
-  std::vector<std::string> filesIn(const std::string& dir) const {
-    std::vector<std::string> names;
-    for (const auto& e : fs::directory_iterator(dir)) names.push_back(e.path().filename().string());
-    std::sort(names.begin(), names.end());
-    return names;
-  }
-  bool logged(const std::string& fragment) {
-    return env_.logs().messagesContaining(fragment) > 0;
-  }
-
-  testing::TestEnv env_;
-  std::optional<platform::ScopedEnv> scope_;
-  std::string dir_;
-  std::string path_;
-};
+using KVNUserDefaultsTest = testing::UserDefaultsFixture;
 
 // --- Values survive a reopen --------------------------------------------------
 
