@@ -23,11 +23,18 @@
 // max. Every beacon has 23 parameters (20 from the caller, 3 common ones).
 //
 //   ReportCallBench [--calls N] [--runs N] [--beacons N] [--queued N] [--only NAME]
+//                   [--collector http://127.0.0.1:PORT]
+//
+// --collector delivers to a korvel-collector running beside the program
+// (`korvel-collector --port 0` prints its URL) instead of the one built in;
+// a build without one skips the collector-up and delivery states unless it
+// is given. Where the system does not count preemptions the column says -1.
 //
 // The figures are only comparable on a quiet machine: the program prints the
 // load average at its start and end.
 #include <algorithm>
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -39,11 +46,9 @@
 #include <thread>
 #include <vector>
 
-#include <stdlib.h>
-#include <sys/resource.h>
-
 #include "BenchSupport.h"
-#include "collector/BeaconCollector.h"
+#include "reportcall/ReportCallCollector.h"
+#include "reportcall/ReportCallSystem.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNConfiguration.h>
@@ -63,27 +68,35 @@ struct Settings {
   int beacons = 10'000;
   int queued = 100'000;
   std::string only;
+  int collectorPort = 0;  // from --collector; 0: the embedded one
 };
 
 // The discard port: nothing listens on it here, so connecting is refused.
 constexpr int kDeadPort = 9;
 
 using bench::configure;
+using bench::involuntarySwitches;
+using bench::loadAverage;
 using bench::tearDown;
+using bench::temporaryDirectory;
 using bench::userEvent;
 
-std::string loadAverage() {
-  double load[3] = {0, 0, 0};
-  if (getloadavg(load, 3) != 3) return "unknown";
-  char text[64];
-  std::snprintf(text, sizeof text, "%.2f %.2f %.2f", load[0], load[1], load[2]);
-  return text;
-}
-
-fs::path temporaryDirectory() {
-  char pattern[] = "/tmp/korvel-reportcall-XXXXXX";
-  if (mkdtemp(pattern) == nullptr) return {};
-  return pattern;
+// The port of a collector URL on this machine ("http://127.0.0.1:PORT" or
+// "http://localhost:PORT", a trailing slash allowed); 0 when it is not one.
+int loopbackPort(std::string url) {
+  if (!url.empty() && url.back() == '/') url.pop_back();
+  for (const char* prefix : {"http://127.0.0.1:", "http://localhost:"}) {
+    const size_t length = std::strlen(prefix);
+    if (url.compare(0, length, prefix) != 0) continue;
+    const std::string digits = url.substr(length);
+    if (digits.empty() || digits.size() > 5 ||
+        digits.find_first_not_of("0123456789") != std::string::npos) {
+      return 0;
+    }
+    const int port = std::atoi(digits.c_str());
+    return port > 0 && port < 65536 ? port : 0;
+  }
+  return 0;
 }
 
 class NullExecutor final : public KVNNetworkBackgroundRequestExecutor {
@@ -126,12 +139,6 @@ struct Percentiles {
   long preemptions = 0;
 };
 
-long involuntarySwitches() {
-  struct rusage usage {};
-  getrusage(RUSAGE_THREAD, &usage);
-  return usage.ru_nivcsw;
-}
-
 Percentiles percentiles(std::vector<double> micros) {
   Percentiles p;
   if (micros.empty()) return p;
@@ -165,7 +172,8 @@ Percentiles timeCalls(size_t calls, const std::function<void()>& betweenBatches 
     micros.push_back(std::chrono::duration<double, std::micro>(end - start).count());
     if (betweenBatches && (i + 1) % 1'000 == 0) betweenBatches();
   }
-  const long preemptions = involuntarySwitches() - switchesBefore;
+  const long switchesAfter = involuntarySwitches();
+  const long preemptions = switchesBefore < 0 || switchesAfter < 0 ? -1 : switchesAfter - switchesBefore;
   const size_t slowCalls = static_cast<size_t>(
       std::count_if(micros.begin(), micros.end(), [](double us) { return us > 30; }));
   Percentiles p = percentiles(std::move(micros));
@@ -195,16 +203,32 @@ bool selected(const Settings& s, const char* name) {
   return s.only.empty() || s.only == name;
 }
 
+// Waits until the executor has had `count` requests delivered (answered by
+// the collector), for a collector in another process.
+bool waitForDelivered(DurableRequestExecutor& executor, uint64_t count,
+                      std::chrono::seconds timeout) {
+  const auto deadline = Clock::now() + timeout;
+  while (executor.stats().delivered < count) {
+    if (Clock::now() >= deadline) return false;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return true;
+}
+
 // Queues `count` beacons with delivery paused, then times delivering them
-// all to the collector; beacons per second.
-double deliveryRun(tools::BeaconCollector& collector, int count) {
+// all to the collector (the embedded one when given, else the one the
+// endpoint names); beacons per second.
+double deliveryRun(bench::EmbeddedCollector* collector, int count) {
   DurableUnderTest durable([](DurableRequestExecutor::Options& o) { o.startPaused = true; });
   const KVRParameters parameters = userEvent(20);  // the session adds 3
   for (int i = 0; i < count; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
-  const size_t before = collector.beaconCount();
+  const size_t before = collector ? collector->beaconCount() : 0;
   const auto start = Clock::now();
   durable.executor->setPaused(false);
-  if (!collector.waitForBeacons(before + static_cast<size_t>(count), std::chrono::seconds(120))) {
+  const bool arrived =
+      collector ? collector->waitForBeacons(before + static_cast<size_t>(count), std::chrono::seconds(120))
+                : waitForDelivered(*durable.executor, static_cast<uint64_t>(count), std::chrono::seconds(120));
+  if (!arrived) {
     std::fprintf(stderr, "delivery run: not everything arrived within 120 s\n");
     return 0;
   }
@@ -232,10 +256,17 @@ Settings parse(int argc, char** argv) {
       s.queued = std::atoi(value());
     } else if (std::strcmp(argv[i], "--only") == 0) {
       s.only = value();
+    } else if (std::strcmp(argv[i], "--collector") == 0) {
+      const char* url = value();
+      s.collectorPort = loopbackPort(url);
+      if (s.collectorPort == 0) {
+        std::fprintf(stderr, "--collector takes http://127.0.0.1:PORT, not %s\n", url);
+        std::exit(2);
+      }
     } else {
       std::fprintf(stderr,
                    "usage: %s [--calls N] [--runs N] [--beacons N] [--queued N] "
-                   "[--only floor|idle|up|down|sync|delivery]\n",
+                   "[--only floor|idle|up|down|sync|delivery] [--collector URL]\n",
                    argv[0]);
       std::exit(2);
     }
@@ -257,14 +288,21 @@ int main(int argc, char** argv) {
   std::printf("%-16s %9s %9s %9s %9s %9s %9s   (microseconds per report call)\n", "state",
               "p50", "p99", "p99.9", "max", ">30us", "preempted");
 
-  tools::BeaconCollector::Options collectorOptions;
-  collectorOptions.keepBeacons = false;
-  collectorOptions.backgroundPriority = true;
-  tools::BeaconCollector collector(collectorOptions);
-  if (!collector.start()) {
-    std::fprintf(stderr, "cannot listen on 127.0.0.1\n");
-    return 1;
+  // The collector the up and delivery states deliver to: the one named by
+  // --collector, else one in this process where the build has it.
+  std::unique_ptr<bench::EmbeddedCollector> embedded;
+  int collectorPort = settings.collectorPort;
+  std::string noCollector;
+  if (collectorPort == 0) {
+    embedded = bench::startEmbeddedCollector(noCollector);
+    if (embedded) collectorPort = embedded->port();
   }
+  auto collectorMissing = [&](const char* state) {
+    if (collectorPort != 0) return false;
+    std::printf("%-16s skipped: %s\n", state, noCollector.c_str());
+    std::fflush(stdout);
+    return true;
+  };
 
   std::optional<Percentiles> floor;
   if (selected(settings, "floor")) {
@@ -286,8 +324,8 @@ int main(int argc, char** argv) {
     }
   }
 
-  if (selected(settings, "up")) {
-    configure(collector.port());
+  if (selected(settings, "up") && !collectorMissing("collector up")) {
+    configure(collectorPort);
     DurableUnderTest durable([](DurableRequestExecutor::Options&) {});
     auto& executor = *durable.executor;
     // Keeps the backlog between 1,000 and 5,000, so the workers deliver all
@@ -323,11 +361,11 @@ int main(int argc, char** argv) {
     printRow("sync+rotation", sync);
   }
 
-  if (selected(settings, "delivery")) {
-    configure(collector.port());
+  if (selected(settings, "delivery") && !collectorMissing("delivery")) {
+    configure(collectorPort);
     std::vector<double> rates;
     for (int run = 0; run < settings.runs; ++run) {
-      rates.push_back(deliveryRun(collector, settings.beacons));
+      rates.push_back(deliveryRun(embedded.get(), settings.beacons));
     }
     std::sort(rates.begin(), rates.end());
     std::printf("\ndelivery, %d beacons a run, %d runs: median %.0f/s, min %.0f/s, max %.0f/s\n",
