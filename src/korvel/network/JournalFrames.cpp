@@ -92,7 +92,7 @@ __attribute__((target("+crc"))) uint32_t crc32cHardware(const unsigned char* p, 
   return crc;
 }
 
-const bool kHardwareCrc = armCrc32Available();
+const bool kHardwareCrc = platform::internal::armCrc32Available();
 #define KORVEL_HARDWARE_CRC 1
 #endif
 
