@@ -5,6 +5,9 @@
 #include <cstdint>
 #include <vector>
 
+using korvel::foundation::internal::daysFromCivil;
+using korvel::foundation::internal::utcCalendarTime;
+
 namespace korvel::platform {
 namespace {
 

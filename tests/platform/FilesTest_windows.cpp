@@ -16,6 +16,10 @@
 
 #include "support/TestEnv.h"
 
+using korvel::platform::internal::pathFromUTF8;
+using korvel::platform::internal::replaceFileDurably;
+using korvel::platform::internal::utf8FromPath;
+
 namespace korvel::platform {
 namespace {
 

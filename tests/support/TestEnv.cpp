@@ -162,7 +162,7 @@ TestEnv::~TestEnv() {
 
 std::tm TestEnv::localTime(double secondsSince1970) {
   const auto t = static_cast<time_t>(secondsSince1970) + utcOffset_.load();
-  return platform::utcCalendarTime(static_cast<int64_t>(t)).value_or(std::tm{});
+  return foundation::internal::utcCalendarTime(static_cast<int64_t>(t)).value_or(std::tm{});
 }
 
 WireBeacon decodeWireBeacon(const std::string& url) {

@@ -2,7 +2,7 @@
 
 #include <limits>
 
-namespace korvel::platform {
+namespace korvel::foundation::internal {
 
 namespace {
 
@@ -52,4 +52,4 @@ std::optional<std::tm> utcCalendarTime(int64_t secondsSince1970) noexcept {
   return tm;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::foundation::internal

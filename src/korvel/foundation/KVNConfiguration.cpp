@@ -22,8 +22,8 @@ struct ProcessIdentity {
 };
 
 // Read once: the model and versions do not change while the process runs.
-const platform::MachineIdentity& machine() {
-  static const auto* identity = new platform::MachineIdentity(platform::readMachineIdentity());
+const foundation::internal::MachineIdentity& machine() {
+  static const auto* identity = new foundation::internal::MachineIdentity(foundation::internal::readMachineIdentity());
   return *identity;
 }
 

@@ -242,7 +242,7 @@ std::string describeDate(KVRDate date) {
   // Outside 64 bits the cast is undefined; past int's years there is no calendar.
   constexpr double kTimeLimit = -static_cast<double>(std::numeric_limits<int64_t>::min());
   if (whole < -kTimeLimit || whole >= kTimeLimit) return "(invalid date)";
-  const std::optional<std::tm> tm = platform::utcCalendarTime(static_cast<int64_t>(whole));
+  const std::optional<std::tm> tm = foundation::internal::utcCalendarTime(static_cast<int64_t>(whole));
   if (!tm) return "(invalid date)";
   // By hand rather than strftime: the year as plain digits whatever its
   // size or sign, on every C library.

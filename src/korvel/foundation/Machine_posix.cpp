@@ -6,7 +6,7 @@
 
 #include <fstream>
 
-namespace korvel::platform {
+namespace korvel::foundation::internal {
 
 namespace {
 
@@ -32,4 +32,4 @@ MachineIdentity readMachineIdentity() {
   return identity;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::foundation::internal

@@ -9,7 +9,7 @@
 
 #include <string>
 
-namespace korvel::platform {
+namespace korvel::foundation::internal {
 
 namespace {
 
@@ -67,17 +67,18 @@ MachineIdentity readMachineIdentity() {
   identity.model = registryText(L"HARDWARE\\DESCRIPTION\\System\\BIOS", L"SystemProductName")
                        .value_or("Windows");
   if (const auto version = systemVersion()) {
-    identity.systemVersion = std::to_string(version->dwMajorVersion) + "." +
-                             std::to_string(version->dwMinorVersion) + "." +
-                             std::to_string(version->dwBuildNumber);
+    std::string text = std::to_string(version->dwMajorVersion);
+    text.append(".").append(std::to_string(version->dwMinorVersion));
+    text.append(".").append(std::to_string(version->dwBuildNumber));
+    identity.systemVersion = std::move(text);
     std::string build = std::to_string(version->dwBuildNumber);
     if (const auto revision =
             registryNumber(L"SOFTWARE\\Microsoft\\Windows NT\\CurrentVersion", L"UBR")) {
-      build += "." + std::to_string(*revision);
+      build.append(".").append(std::to_string(*revision));
     }
     identity.osBuild = std::move(build);
   }
   return identity;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::foundation::internal

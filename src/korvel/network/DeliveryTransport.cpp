@@ -108,7 +108,7 @@ std::optional<int64_t> parseHTTPDate(std::string_view text) {
   if (!second || !r.literal(std::string_view("GMT"))) return std::nullopt;
   r.skipSpace();
   if (!r.atEnd()) return std::nullopt;
-  return platform::daysFromCivil(*year, static_cast<unsigned>(*month + 1), static_cast<unsigned>(*day)) *
+  return foundation::internal::daysFromCivil(*year, static_cast<unsigned>(*month + 1), static_cast<unsigned>(*day)) *
              86400 +
          *hour * 3600 + *minute * 60 + *second;
 }

@@ -51,7 +51,7 @@ Logger makeLogger() {
 }  // namespace
 
 fs::path DurableRequestExecutor::defaultDirectory(const std::string& sessionIdentifier) {
-  const fs::path base = platform::userDataFolder();
+  const fs::path base = platform::internal::userDataFolder();
   if (base.empty()) return {};
   return base / "korvel" / sanitizedComponent(sessionIdentifier);
 }

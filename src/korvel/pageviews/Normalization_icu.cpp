@@ -7,7 +7,7 @@
 #include <unicode/normalizer2.h>
 #include <unicode/stringpiece.h>
 
-namespace korvel::platform {
+namespace korvel::pageviews::internal {
 
 namespace {
 
@@ -42,4 +42,4 @@ std::optional<std::string> nfdOfWellFormedUTF8(std::string_view text) {
   return result;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::pageviews::internal

@@ -7,7 +7,7 @@
 
 #include <limits>
 
-namespace korvel::platform {
+namespace korvel::pageviews::internal {
 
 namespace {
 
@@ -59,4 +59,4 @@ std::optional<std::string> nfdOfWellFormedUTF8(std::string_view text) {
   return std::nullopt;
 }
 
-}  // namespace korvel::platform
+}  // namespace korvel::pageviews::internal

@@ -283,7 +283,7 @@ ReportingEncodingError::ReportingEncodingError(std::vector<std::string> codingPa
 
 std::string canonicalDecomposition(const std::string& text) {
   if (isASCII(text) || !foundation::internal::isWellFormedUTF8(text)) return text;
-  std::optional<std::string> decomposed = platform::nfdOfWellFormedUTF8(text);
+  std::optional<std::string> decomposed = pageviews::internal::nfdOfWellFormedUTF8(text);
   return decomposed ? std::move(*decomposed) : text;
 }
 

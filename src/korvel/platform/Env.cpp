@@ -10,6 +10,10 @@
 #include <korvel/platform/NotificationCenter.h>
 #include <korvel/platform/internal/System.h>
 
+using korvel::platform::internal::documentsFolder;
+using korvel::platform::internal::localTimeOf;
+using korvel::platform::internal::monotonicClockNanos;
+using korvel::platform::internal::wallClockSeconds;
 using korvel::foundation::internal::Mutex;
 using korvel::foundation::internal::MutexLock;
 

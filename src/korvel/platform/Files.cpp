@@ -12,16 +12,16 @@ namespace {
 std::atomic<uint64_t> temporaryCounter{0};
 }  // namespace
 
-std::filesystem::path pathFromUTF8(std::string_view text) {
+std::filesystem::path internal::pathFromUTF8(std::string_view text) {
   return std::filesystem::path(std::u8string(text.begin(), text.end()));
 }
 
-std::string utf8FromPath(const std::filesystem::path& path) {
+std::string internal::utf8FromPath(const std::filesystem::path& path) {
   const std::u8string text = path.u8string();
   return std::string(text.begin(), text.end());
 }
 
-std::filesystem::path temporarySibling(const std::filesystem::path& path) {
+std::filesystem::path internal::temporarySibling(const std::filesystem::path& path) {
   std::filesystem::path temporary = path;
   temporary += ".tmp-" + std::to_string(currentProcessId()) + "-" +
                std::to_string(temporaryCounter.fetch_add(1));

@@ -243,7 +243,7 @@ std::optional<std::string> unsafePrivateDirectory(const std::filesystem::path& p
   return std::nullopt;
 }
 
-bool replaceFileDurably(const std::filesystem::path& path, std::string_view data,
+bool internal::replaceFileDurably(const std::filesystem::path& path, std::string_view data,
                         std::string& error) {
   std::error_code ec;
   if (path.has_parent_path()) createPrivateDirectories(path.parent_path(), ec);

@@ -187,10 +187,10 @@ std::string moveAside(const std::string& path) {
   const auto seconds = static_cast<long long>(std::floor(platform::env().now()));
   std::string aside = path + ".corrupt-" + std::to_string(seconds);
   std::error_code ec;
-  for (int n = 1; fs::exists(platform::pathFromUTF8(aside), ec) && n < 1000; ++n) {
+  for (int n = 1; fs::exists(platform::internal::pathFromUTF8(aside), ec) && n < 1000; ++n) {
     aside = path + ".corrupt-" + std::to_string(seconds) + "-" + std::to_string(n);
   }
-  fs::rename(platform::pathFromUTF8(path), platform::pathFromUTF8(aside), ec);
+  fs::rename(platform::internal::pathFromUTF8(path), platform::internal::pathFromUTF8(aside), ec);
   if (ec) return {};
   return aside;
 }
@@ -224,7 +224,7 @@ KVNUserDefaults::~KVNUserDefaults() = default;
 
 void KVNUserDefaults::Impl::load(const std::string& filePath) {
   std::error_code ec;
-  const fs::path path = platform::pathFromUTF8(filePath);
+  const fs::path path = platform::internal::pathFromUTF8(filePath);
   const auto status = fs::status(path, ec);
   if (!fs::exists(status)) return;
 
@@ -289,7 +289,7 @@ bool KVNUserDefaults::Impl::persist(const std::string& filePath) {
     return false;
   }
   std::string error;
-  if (platform::replaceFileDurably(platform::pathFromUTF8(filePath), data, error)) return true;
+  if (platform::internal::replaceFileDurably(platform::internal::pathFromUTF8(filePath), data, error)) return true;
   logLine(platform::LogLevel::Error, "Could not save user defaults: " + error);
   return false;
 }
@@ -303,14 +303,14 @@ void KVNUserDefaults::setSharedUserDefaults(std::shared_ptr<KVNUserDefaults> def
 }
 
 std::string KVNUserDefaults::defaultFilePath() {
-  const fs::path base = platform::userConfigFolder();
+  const fs::path base = platform::internal::userConfigFolder();
   std::string bundle = platform::env().mainBundleIdentifier().value_or("Unknown bundle");
   // A bundle identifier is one path component, whatever it contains.
   for (char& c : bundle) {
     if (c == '/') c = '_';
   }
   if (bundle.empty() || bundle == "." || bundle == "..") bundle = "Unknown bundle";
-  return platform::utf8FromPath(base / "korvel" / platform::pathFromUTF8(bundle) / "defaults.json");
+  return platform::internal::utf8FromPath(base / "korvel" / platform::internal::pathFromUTF8(bundle) / "defaults.json");
 }
 
 std::optional<KVRValue> KVNUserDefaults::objectForKey(std::string_view key) const {

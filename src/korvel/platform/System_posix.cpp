@@ -7,7 +7,7 @@
 
 #include <cstdlib>
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 double wallClockSeconds() noexcept {
   timespec ts{};
@@ -71,4 +71,4 @@ std::filesystem::path userConfigFolder() {
 
 unsigned long currentProcessId() noexcept { return static_cast<unsigned long>(::getpid()); }
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal

@@ -9,7 +9,7 @@
 #include <stdlib.h>
 #include <time.h>
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 namespace {
 
@@ -83,4 +83,4 @@ std::filesystem::path userConfigFolder() {
 
 unsigned long currentProcessId() noexcept { return GetCurrentProcessId(); }
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal

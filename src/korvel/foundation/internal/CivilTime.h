@@ -6,7 +6,7 @@
 #include <ctime>
 #include <optional>
 
-namespace korvel::platform {
+namespace korvel::foundation::internal {
 
 // Days since 1970-01-01 of a date in the proleptic Gregorian calendar
 // (month 1..12, day 1..31).
@@ -16,4 +16,4 @@ int64_t daysFromCivil(int64_t year, unsigned month, unsigned day) noexcept;
 // from 1900, tm_mon from 0); nothing when the year does not fit an int.
 std::optional<std::tm> utcCalendarTime(int64_t secondsSince1970) noexcept;
 
-}  // namespace korvel::platform
+}  // namespace korvel::foundation::internal

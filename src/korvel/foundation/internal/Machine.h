@@ -5,7 +5,7 @@
 #include <optional>
 #include <string>
 
-namespace korvel::platform {
+namespace korvel::foundation::internal {
 
 struct MachineIdentity {
   // The maker's product name of the machine (its firmware's system product
@@ -20,4 +20,4 @@ struct MachineIdentity {
 
 MachineIdentity readMachineIdentity();
 
-}  // namespace korvel::platform
+}  // namespace korvel::foundation::internal

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 // The library keeps paths as UTF-8 text. Windows paths are UTF-16: these
 // convert both ways (on POSIX systems the bytes are the path as they are).
@@ -27,4 +27,4 @@ bool replaceFileDurably(const std::filesystem::path& path, std::string_view data
 // path + ".tmp-<process>-<counter>".
 std::filesystem::path temporarySibling(const std::filesystem::path& path);
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal

@@ -7,7 +7,7 @@
 #include <filesystem>
 #include <string>
 
-namespace korvel::platform {
+namespace korvel::platform::internal {
 
 // Seconds since 1970 (UTC), with the system clock's resolution.
 double wallClockSeconds() noexcept;
@@ -35,4 +35,4 @@ std::filesystem::path userConfigFolder();
 // This process's identifier, for names no other process picks at once.
 unsigned long currentProcessId() noexcept;
 
-}  // namespace korvel::platform
+}  // namespace korvel::platform::internal
