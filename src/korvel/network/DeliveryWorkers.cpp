@@ -443,14 +443,19 @@ size_t DurableRequestExecutor::maxSenders() const {
 void DurableRequestExecutor::workerLoop() {
   nameThisThread("korvel-send");
   lowerThisThreadPriority();
-  const size_t concurrency = static_cast<size_t>(std::max(1, options_.concurrency));
+  // One request on the wire per sender, and more senders under a backlog.
+  // The transport can carry several at once (TransportOptions::transfers),
+  // but on a slow machine (the test suite under qemu) a sender carrying
+  // four left a kill-and-restore backlog undelivered within its deadline,
+  // so it stays at one until that is understood.
+  constexpr size_t kTransfersPerSender = 1;
   std::unique_ptr<DeliveryTransport> transport =
       options_.transport
           ? options_.transport(cancel_)
           : makeSystemTransport(cancel_, TransportOptions{options_.requestTimeout,
                                                           std::min(options_.requestTimeout,
                                                                    std::chrono::milliseconds(10'000)),
-                                                          concurrency});
+                                                          kTransfersPerSender});
   if (!transport) transport = std::make_unique<Unreachable>();
   SenderFeed feed(*this);
 
@@ -460,7 +465,8 @@ void DurableRequestExecutor::workerLoop() {
   bool idle = false;
   bool ended = false;
   mutex_.lock();
-  transportParallelism_ = std::clamp<size_t>(transport->parallelism(), 1, concurrency);
+  transportParallelism_ = std::clamp<size_t>(transport->parallelism(), 1,
+                                             static_cast<size_t>(std::max(1, options_.concurrency)));
   while (!stopping_) {
     mutex_.unlock();
     transport->send(feed);
