@@ -2,32 +2,37 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <map>
 #include <random>
+#include <type_traits>
 #include <vector>
 
 namespace korvel::network::internal {
 namespace {
 
 using Index = FlatIndex<uint64_t, int>;
+// Chunks of the smallest size, so that a few hundred entries cross many
+// chunk boundaries (splits, chunks emptied in the middle and at the ends).
+using SmallChunks = FlatIndex<uint64_t, int, 64>;
 
-std::vector<std::pair<uint64_t, int>> contents(Index& index) {
+// The index's entries in order; also a std::map's, to compare.
+template <class AnyIndex>
+std::vector<std::pair<uint64_t, int>> contents(AnyIndex& index) {
   std::vector<std::pair<uint64_t, int>> out;
   for (const auto& slot : index) out.emplace_back(slot.first, slot.second);
   return out;
 }
 
-std::vector<std::pair<uint64_t, int>> contents(const std::map<uint64_t, int>& model) {
-  return {model.begin(), model.end()};
-}
 
 // Random inserts (mostly at the end, as the engine's ids arrive), erases by
 // key and by iterator, re-inserts of erased keys and whole-queue moves,
 // checked after every step against std::map.
-TEST(FlatIndexTest, BehavesLikeAnOrderedMapUnderRandomOperations) {
+template <class AnyIndex>
+void checkAgainstAMap() {
   for (uint32_t seed : {1u, 2u, 3u, 4u, 5u}) {
     std::mt19937 random(seed);
-    Index index;
+    AnyIndex index;
     std::map<uint64_t, int> model;
     uint64_t nextKey = 1000;
     for (int step = 0; step < 4000; ++step) {
@@ -69,9 +74,17 @@ TEST(FlatIndexTest, BehavesLikeAnOrderedMapUnderRandomOperations) {
         index.insertSorted(more);
       }
       ASSERT_EQ(index.size(), model.size()) << "seed " << seed << " step " << step;
+      if (step % 200 == 0) {
+        ASSERT_EQ(contents(index), contents(model)) << "seed " << seed << " step " << step;
+      }
     }
     EXPECT_EQ(contents(index), contents(model)) << "seed " << seed;
   }
+}
+
+TEST(FlatIndexTest, BehavesLikeAnOrderedMapUnderRandomOperations) {
+  checkAgainstAMap<Index>();
+  checkAgainstAMap<SmallChunks>();
 }
 
 // Erasing while walking (the engine drops expired and over-cap entries this
@@ -99,17 +112,27 @@ TEST(FlatIndexTest, EraseReturnsTheNextEntryAndKeepsOthersReachable) {
 
 // Tombstones do not pile up: after a long run of queue-like use the slots
 // held stay near the live count.
-TEST(FlatIndexTest, ErasedSlotsAreReclaimed) {
-  Index index;
+template <class AnyIndex>
+void checkErasedSlotsAreReclaimed() {
+  AnyIndex index;
   uint64_t next = 0;
+  std::vector<std::pair<uint64_t, int>> kept;
   for (int round = 0; round < 1000; ++round) {
-    for (int i = 0; i < 50; ++i) index.insert(next++, 0);
+    for (int i = 0; i < 50; ++i) index.insert(next++, round);
     // Erase from the middle, where tombstones stay until swept.
     for (int i = 0; i < 49; ++i) index.erase(next - 50 + static_cast<uint64_t>(i));
+    kept.emplace_back(next - 1, round);
   }
   EXPECT_EQ(index.size(), 1000u);
   EXPECT_LE(index.capacitySlots(), 2 * index.size() + 128);
   EXPECT_THROW(index.at(next + 1), std::out_of_range);
+  // The sweeps moved the live entries together and lost none.
+  EXPECT_EQ(contents(index), kept);
+}
+
+TEST(FlatIndexTest, ErasedSlotsAreReclaimed) {
+  checkErasedSlotsAreReclaimed<Index>();
+  checkErasedSlotsAreReclaimed<SmallChunks>();
 }
 
 // Each placement the engine relies on: after every key, before every key,
@@ -142,6 +165,66 @@ TEST(FlatIndexTest, InsertSortedPlacesKeysInOrder) {
     EXPECT_EQ(contents(index), contents(model)) << c.name;
     EXPECT_EQ(index.size(), model.size()) << c.name;
   }
+}
+
+// Ids as the engine makes them (an epoch in the high half, a counter in the
+// low half) sort by their whole value, in the queue's (-priority, id) keys
+// too, where the low halves alone would put them in another order.
+TEST(FlatIndexTest, PackedIdsAndQueueKeysSortByTheWholeId) {
+  const uint64_t ids[] = {(2ull << 32) | 1, (1ull << 32) | 0xFFFFFFFF, 0xFFFFFFFF, (1ull << 32) | 5,
+                          7, (3ull << 32)};
+  FlatIndex<PackedId, int, 64> byId;
+  FlatIndex<std::pair<int32_t, PackedId>, NoValue, 64> queue;
+  for (uint64_t id : ids) {
+    byId.insert(id, 0);
+    queue.insert({-1, id});
+  }
+  queue.insert({-2, uint64_t{9}});  // a higher priority goes first
+  std::vector<uint64_t> sorted(std::begin(ids), std::end(ids));
+  std::sort(sorted.begin(), sorted.end());
+  std::vector<uint64_t> seen;
+  for (const auto& slot : byId) seen.push_back(slot.first);
+  EXPECT_EQ(seen, sorted);
+  seen.clear();
+  for (const auto& slot : queue) seen.push_back(slot.first.second);
+  sorted.insert(sorted.begin(), 9);
+  EXPECT_EQ(seen, sorted);
+  EXPECT_TRUE(byId.contains((1ull << 32) | 5));
+  EXPECT_FALSE(byId.contains(5));
+}
+
+// What a backlog costs: its keys and values and nearly nothing else, and a
+// queue drained from the front gives its memory back as it goes.
+template <class AnyIndex>
+void checkBytesPerEntry(const char* name, size_t slotBytes) {
+  constexpr size_t kEntries = 100'000;
+  AnyIndex index;
+  for (uint64_t k = 0; k < kEntries; ++k) {
+    if constexpr (std::is_same_v<typename AnyIndex::key_type, std::pair<int32_t, PackedId>>) {
+      index.insert({-1, k});
+    } else {
+      index.insert(k);
+    }
+  }
+  EXPECT_EQ(sizeof(typename AnyIndex::Slot), slotBytes) << name;
+  EXPECT_LE(index.bytesHeld(), kEntries * slotBytes * 21 / 20) << name;
+  for (uint64_t k = 0; k < kEntries / 2; ++k) index.erase(index.begin());
+  EXPECT_LE(index.bytesHeld(), kEntries / 2 * slotBytes * 21 / 20 + 8192) << name;
+  index.clear();
+  EXPECT_EQ(index.bytesHeld(), 0u) << name;
+}
+
+struct ThreeFields {
+  uint32_t a = 0, b = 0, c = 0;
+};
+struct FourWords {
+  uint64_t a = 0, b = 0, c = 0, d = 0;
+};
+
+TEST(FlatIndexTest, AnEntryCostsItsKeyAndValue) {
+  checkBytesPerEntry<FlatIndex<std::pair<int32_t, PackedId>, NoValue>>("queue key", 12);
+  checkBytesPerEntry<FlatIndex<PackedId, ThreeFields>>("store place", 20);
+  checkBytesPerEntry<FlatIndex<uint64_t, FourWords>>("index entry", 40);
 }
 
 }  // namespace

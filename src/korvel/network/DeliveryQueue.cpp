@@ -163,7 +163,7 @@ bool DurableRequestExecutor::pickProbe(Clock::time_point now, uint64_t& id, int&
 
 bool DurableRequestExecutor::pickReady(uint64_t& id) {
   for (;;) {
-    const std::pair<int, uint64_t>* best = nullptr;
+    const QueueKey* best = nullptr;
     int bestBucket = -1;
     for (int b = 0; b < 3; ++b) {
       if (ready_[b].empty()) continue;

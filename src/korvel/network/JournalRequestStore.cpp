@@ -229,7 +229,7 @@ class JournalRequestStore final : public RequestStore {
     }
   };
   // Where a waiting request is stored: twelve bytes, with its id a slot of
-  // twenty-four in the index.
+  // twenty in the index.
   struct Where {
     uint32_t segment = 0;
     Loc loc{};
@@ -593,7 +593,7 @@ class JournalRequestStore final : public RequestStore {
   mutable Mutex indexMutex_;
   std::map<uint32_t, Segment> segments_ KORVEL_GUARDED_BY(indexMutex_);
   // Every waiting request's place, by id.
-  FlatIndex<uint64_t, Where> stored_ KORVEL_GUARDED_BY(indexMutex_);
+  FlatIndex<PackedId, Where> stored_ KORVEL_GUARDED_BY(indexMutex_);
   ReadDescriptors descriptors_ KORVEL_GUARDED_BY(indexMutex_);
   bool marksFailing_ KORVEL_GUARDED_BY(indexMutex_) = false;
   std::atomic<bool> homeless_{false};

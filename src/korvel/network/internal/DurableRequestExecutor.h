@@ -259,8 +259,10 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // A backlog of 100,000 costs this times 100,000, and more: keep it small.
   static_assert(sizeof(Entry) <= 32);
   using Entries = FlatIndex<uint64_t, Entry>;
-  // (-priority, id), first out first.
-  using Queue = FlatIndex<std::pair<int, uint64_t>, NoValue>;
+  // (-priority, id), first out first: twelve bytes a waiting request.
+  using QueueKey = std::pair<int32_t, PackedId>;
+  static_assert(sizeof(QueueKey) == 12);
+  using Queue = FlatIndex<QueueKey, NoValue>;
 
   // An endpoint host and its backoff.
   struct Host {
