@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <functional>
 #include <map>
 #include <random>
 #include <type_traits>
@@ -225,6 +226,58 @@ TEST(FlatIndexTest, AnEntryCostsItsKeyAndValue) {
   checkBytesPerEntry<FlatIndex<std::pair<int32_t, PackedId>, NoValue>>("queue key", 12);
   checkBytesPerEntry<FlatIndex<PackedId, ThreeFields>>("store place", 20);
   checkBytesPerEntry<FlatIndex<uint64_t, FourWords>>("index entry", 40);
+}
+
+// Keys that come out of order, one at a time, keep the chunks nearly full
+// instead of splitting full ones into half-empty halves: a queue's first
+// request put back after each failed try, older requests queued behind
+// newer ones, requests queued by several threads at once.
+TEST(FlatIndexTest, KeysOutOfOrderKeepTheChunksFull) {
+  struct Case {
+    const char* name;
+    std::function<void(Index&)> insertBefore;
+  };
+  constexpr uint64_t kFirst = 100'000;
+  constexpr uint64_t kCount = 20'000;
+  const Case cases[] = {
+      {"the first put back after each try",
+       [](Index& index) {
+         for (int i = 0; i < 5000; ++i) {
+           const uint64_t first = index.begin()->first;
+           index.erase(index.begin());
+           index.insert(first, 0);
+         }
+       }},
+      {"older keys one by one, newest first",
+       [](Index& index) {
+         for (uint64_t k = kFirst; k-- > kFirst - kCount;) index.insert(k, 0);
+       }},
+      {"the newest keys in pairs, the second a little older (several threads queueing)",
+       [](Index& index) {
+         // One alone first, so that pairs come in as a chunk fills up.
+         index.insert(kFirst + 2 * kCount, 0);
+         for (uint64_t k = kFirst + 2 * kCount + 1; k < kFirst + 4 * kCount; k += 2) {
+           index.insert(k + 1, 0);
+           index.insert(k, 0);
+         }
+       }},
+      {"older keys one by one between the chunks",
+       [](Index& index) {
+         // Every other key was left out; now they come, oldest first.
+         for (uint64_t k = kFirst + 1; k < kFirst + 2 * kCount; k += 2) index.insert(k, 0);
+       }},
+  };
+  for (const Case& c : cases) {
+    Index index;
+    for (uint64_t k = kFirst; k < kFirst + 2 * kCount; k += 2) index.insert(k, 0);
+    c.insertBefore(index);
+    std::vector<uint64_t> keys;
+    for (const auto& slot : index) keys.push_back(slot.first);
+    EXPECT_TRUE(std::is_sorted(keys.begin(), keys.end())) << c.name;
+    EXPECT_EQ(keys.size(), index.size()) << c.name;
+    // Full chunks, but for a few at the places keys came in.
+    EXPECT_LE(index.bytesHeld(), index.size() * sizeof(Index::Slot) * 11 / 10 + 16 * 4096) << c.name;
+  }
 }
 
 }  // namespace

@@ -18,6 +18,8 @@
 #include <fstream>
 
 #include <korvel/network/internal/FileSystem.h>
+#include <korvel/network/internal/JournalFormat.h>
+#include <korvel/network/internal/JournalFront.h>
 #include <korvel/network/internal/RequestStore.h>
 #include "support/FaultInjectingFileSystem.h"
 #include "support/FolderTest.h"
@@ -412,6 +414,95 @@ TEST_F(JournalFaultTest, RecoveryStreamsInBoundedBatchesOldestFirstAndAStopLeave
   EXPECT_EQ(all, ids);
   store->sync({});
   for (uint64_t id : ids) EXPECT_TRUE(store->load(id));
+}
+
+// MARK: - A closed segment leaves memory as soon as the writer sees it
+
+// A burst that closes segments while the writer finishes an earlier one
+// (here, during that one's data sync) has them unmapped at once, before the
+// writer cuts and syncs the next: until it is unmapped, every page a closed
+// segment was written through stays in the process's resident memory.
+TEST_F(JournalFaultTest, SegmentsClosedWhileTheWriterSyncsAreUnmappedBeforeItFinishesTheNext) {
+  FaultInjectingFileSystem files;
+  JournalFront front(options(16u << 10, &files));
+  ASSERT_TRUE(front.open());
+  const uint64_t epoch = uint64_t{front.epoch()} << 32;
+  uint32_t next = 0;
+  // Appends until the active segment is closed; the one that was.
+  const auto fillActive = [&] {
+    const uint32_t filling = front.activeSegment();
+    while (front.activeSegment() == filling) {
+      const uint64_t id = epoch | next++;
+      if (!front.append(frameOf(id, 1000), id)) {
+        ADD_FAILURE() << "append " << next;
+        break;
+      }
+    }
+    return filling;
+  };
+  const uint32_t first = fillActive();
+  std::vector<uint32_t> closedMeanwhile;
+  files.beforeSyncOf(journal::segmentName(first), [&] {
+    closedMeanwhile.push_back(fillActive());
+    closedMeanwhile.push_back(fillActive());
+  });
+  files.startRecording();
+  front.syncActive();
+  ASSERT_EQ(closedMeanwhile.size(), 2u);
+
+  const auto events = files.recorded();
+  std::string story;
+  for (const auto& event : events) story += event + "\n";
+  const auto at = [&](const std::string& event) {
+    return static_cast<size_t>(std::find(events.begin(), events.end(), event) - events.begin());
+  };
+  const std::string second = journal::segmentName(closedMeanwhile[0]);
+  const std::string third = journal::segmentName(closedMeanwhile[1]);
+  // Both were finished by the same sync...
+  ASSERT_LT(at("sync " + second), events.size()) << story;
+  ASSERT_LT(at("sync " + third), events.size()) << story;
+  // ...and both were unmapped before the first of them was cut.
+  EXPECT_LT(at("unmap " + second), at("cut " + second)) << story;
+  EXPECT_LT(at("unmap " + third), at("cut " + second)) << story;
+  const auto drained = front.drain();
+  EXPECT_EQ(drained.closed, (std::vector<uint32_t>{first, closedMeanwhile[0], closedMeanwhile[1]}));
+}
+
+// A burst that fills segment after segment while the writer is away (a long
+// sync elsewhere, no core for it) keeps at most one closed segment mapped:
+// the caller that closes the next one lets go of its mapping. Nothing of it
+// is lost: the writer finishes it from its descriptor.
+TEST_F(JournalFaultTest, WhileTheWriterIsAwayAtMostOneClosedSegmentStaysMapped) {
+  FaultInjectingFileSystem files;
+  std::vector<uint64_t> ids;
+  std::vector<uint32_t> closed;
+  {
+    JournalFront front(options(16u << 10, &files));
+    ASSERT_TRUE(front.open());
+    const uint64_t epoch = uint64_t{front.epoch()} << 32;
+    files.startRecording();
+    for (int segment = 0; segment < 4; ++segment) {
+      const uint32_t filling = front.activeSegment();
+      while (front.activeSegment() == filling) {
+        ids.push_back(epoch | static_cast<uint32_t>(ids.size()));
+        ASSERT_TRUE(front.append(frameOf(ids.back(), 1000), ids.back()));
+      }
+      closed.push_back(filling);
+    }
+    const auto events = files.recorded();
+    std::string story;
+    for (const auto& event : events) story += event + "\n";
+    const auto unmapped = [&](uint32_t number) {
+      return std::find(events.begin(), events.end(), "unmap " + journal::segmentName(number)) !=
+             events.end();
+    };
+    EXPECT_FALSE(unmapped(closed[0])) << story;  // the writer's to unmap
+    for (size_t i = 1; i < closed.size(); ++i) EXPECT_TRUE(unmapped(closed[i])) << story;
+    front.syncActive();
+    EXPECT_EQ(front.drain().closed, closed);
+  }
+  auto store = open(16u << 10);
+  EXPECT_EQ(idsOf(store->recover()), ids);
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include <array>
 #include <atomic>
 #include <cstdio>
+#include <functional>
 #include <map>
 #include <optional>
 #include <string>
@@ -57,6 +58,24 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     folderMode_ = mode;
   }
   void limitFileSize(uint64_t bytes) { fileSizeLimit_ = bytes; }
+  // Runs action once, at the next data sync of a file whose name contains
+  // text, before the real call; with no lock held, so the action may use
+  // this file system (and the journal that called it).
+  void beforeSyncOf(std::string text, std::function<void()> action) {
+    foundation::internal::MutexLock lock(mutex_);
+    syncHooks_.push_back({std::move(text), std::move(action)});
+  }
+  // From now on, what happens to the files' mappings and data, in order:
+  // "map NAME", "unmap NAME", "cut NAME", "sync NAME".
+  void startRecording() {
+    foundation::internal::MutexLock lock(mutex_);
+    recording_ = true;
+    recorded_.clear();
+  }
+  std::vector<std::string> recorded() const {
+    foundation::internal::MutexLock lock(mutex_);
+    return recorded_;
+  }
 
   FileHandle openFolder(const char* path) override {
     if (failing(FileCall::Open, path)) return network::internal::kNoFile;
@@ -89,6 +108,7 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
   int64_t endOf(FileHandle fd) override { return real().endOf(fd); }
   int truncate(FileHandle fd, uint64_t length) override {
     if (failing(FileCall::Truncate, nameOf(fd))) return -1;
+    record("cut", nameOf(fd));
     return real().truncate(fd, length);
   }
   int renameAt(FileHandle fromFolder, const char* from, FileHandle toFolder, const char* to) override {
@@ -112,7 +132,20 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     return real().makeFolderAt(folder, name);
   }
   int syncData(FileHandle fd) override {
-    if (failing(FileCall::Sync, nameOf(fd))) return -1;
+    const std::string name = nameOf(fd);
+    std::function<void()> hook;
+    {
+      foundation::internal::MutexLock lock(mutex_);
+      for (auto it = syncHooks_.begin(); it != syncHooks_.end(); ++it) {
+        if (name.find(it->first) == std::string::npos) continue;
+        hook = std::move(it->second);
+        syncHooks_.erase(it);
+        break;
+      }
+    }
+    if (hook) hook();
+    if (failing(FileCall::Sync, name)) return -1;
+    record("sync", name);
     return real().syncData(fd);
   }
   int syncFolder(FileHandle fd) override {
@@ -120,10 +153,27 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     return real().syncFolder(fd);
   }
   void* mapShared(FileHandle fd, size_t size) override {
-    if (failing(FileCall::Map, nameOf(fd))) return nullptr;
-    return real().mapShared(fd, size);
+    const std::string name = nameOf(fd);
+    if (failing(FileCall::Map, name)) return nullptr;
+    void* map = real().mapShared(fd, size);
+    if (map != nullptr) {
+      record("map", name);
+      foundation::internal::MutexLock lock(mutex_);
+      mapped_[map] = name;
+    }
+    return map;
   }
-  int unmap(void* address, size_t size) override { return real().unmap(address, size); }
+  int unmap(void* address, size_t size) override {
+    std::string name;
+    {
+      foundation::internal::MutexLock lock(mutex_);
+      name = mapped_[address];
+      mapped_.erase(address);
+    }
+    record("unmap", name);
+    return real().unmap(address, size);
+  }
+  int prefault(void* address, size_t size) override { return real().prefault(address, size); }
   int syncMapped(FileHandle fd, void* address, size_t size) override {
     if (failing(FileCall::Sync, {})) return -1;
     return real().syncMapped(fd, address, size);
@@ -199,6 +249,10 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     if (folder) folders_[fd] = true;
     return fd;
   }
+  void record(const char* what, const std::string& name) {
+    foundation::internal::MutexLock lock(mutex_);
+    if (recording_) recorded_.push_back(std::string(what) + " " + name);
+  }
   std::string nameOf(FileHandle fd) const {
     foundation::internal::MutexLock lock(mutex_);
     auto it = names_.find(fd);
@@ -213,6 +267,10 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
   std::optional<std::string> folderOwner_ KORVEL_GUARDED_BY(mutex_);
   std::optional<unsigned> folderMode_ KORVEL_GUARDED_BY(mutex_);
   std::atomic<uint64_t> fileSizeLimit_{UINT64_MAX};
+  std::vector<std::pair<std::string, std::function<void()>>> syncHooks_ KORVEL_GUARDED_BY(mutex_);
+  std::map<void*, std::string> mapped_ KORVEL_GUARDED_BY(mutex_);
+  bool recording_ KORVEL_GUARDED_BY(mutex_) = false;
+  std::vector<std::string> recorded_ KORVEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace korvel::testing

@@ -25,9 +25,8 @@ using namespace delivery;
 namespace {
 
 // Report calls hand over at most about this many requests before the writer
-// is asked to take them: the list keeps its capacity, so a burst with nobody
-// sending (paused, or every host backing off) never grows it further, and
-// report calls never pay for moving it to a larger block.
+// is asked to take them, so that a burst with nobody sending (paused, or
+// every host backing off) does not grow the list.
 constexpr size_t kHandoffBatch = 1024;
 
 // A reporting thread keeps a frame buffer of up to this many bytes.

@@ -99,6 +99,16 @@ class PosixFileSystem final : public FileSystem {
     return map == MAP_FAILED ? nullptr : map;
   }
   int unmap(void* address, size_t size) override { return ::munmap(address, size); }
+  int prefault(void* address, size_t size) override {
+#ifdef MADV_POPULATE_WRITE
+    return ::madvise(address, size, MADV_POPULATE_WRITE);
+#else
+    (void)address;
+    (void)size;
+    errno = ENOSYS;
+    return -1;
+#endif
+  }
   int syncMapped(FileHandle, void* address, size_t size) override {
     return ::msync(address, size, MS_SYNC);
   }

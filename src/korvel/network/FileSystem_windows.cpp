@@ -402,6 +402,12 @@ class WindowsFileSystem final : public FileSystem {
     return view;
   }
   int unmap(void* address, size_t) override { return UnmapViewOfFile(address) ? 0 : failed(-1); }
+  // No call makes a view's pages writable without writing them: the front
+  // writes them when it makes the segment.
+  int prefault(void*, size_t) override {
+    errno = ENOSYS;
+    return -1;
+  }
   int syncMapped(FileHandle file, void* address, size_t size) override {
     // FlushViewOfFile starts writing the pages; FlushFileBuffers waits for
     // them to be on the disk.

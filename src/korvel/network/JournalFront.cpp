@@ -135,7 +135,7 @@ bool JournalFront::open(uint32_t minEpoch) {
 
   nextSegment_ = earlierSegments_.empty() ? 1 : earlierSegments_.back() + 1;
   std::string error;
-  auto segment = createSegment(0, true, error);
+  auto segment = createSegment(0, UINT64_MAX, error);
   MutexLock lock(mutex_);
   if (!segment) {
     // What is stored is still read and delivered; new requests stay in
@@ -155,7 +155,8 @@ void JournalFront::segmentFailed(const std::string& error) {
                                     ": " + error + "; new requests are kept in memory until one can be made");
 }
 
-std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameBytes, bool prefault,
+std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameBytes,
+                                                                 uint64_t prefaultBytes,
                                                                  std::string& error) {
   // Never past the file size limit: writing there raises SIGXFSZ, which
   // ends the host.
@@ -194,7 +195,7 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
                          kSegmentHeaderBytes + frameBytes);
   const uint64_t capacity = std::min((wanted + page - 1) / page * page, limit / page * page);
   if (capacity >= kSegmentHeaderBytes + frameBytes &&
-      reserveWithZeros(files_, segment.fd, kSegmentHeaderBytes, capacity, prefault)) {
+      reserveWithZeros(files_, segment.fd, kSegmentHeaderBytes, capacity, prefaultBytes > 0)) {
     void* map = files_.mapShared(segment.fd, capacity);
     if (map != nullptr) {
       segment.map = static_cast<char*>(map);
@@ -203,9 +204,8 @@ std::optional<JournalFront::Segment> JournalFront::createSegment(size_t frameByt
       // Writing every page once here maps the pages, so the appending
       // threads take no page faults; measured, it makes the appends some
       // twenty times cheaper than faulting pages in as they come.
-      if (prefault) {
-        std::memset(segment.map + kSegmentHeaderBytes, 0, capacity - kSegmentHeaderBytes);
-      }
+      segment.prefaulted = std::max<uint64_t>(std::min(prefaultBytes, capacity), kSegmentHeaderBytes);
+      std::memset(segment.map + kSegmentHeaderBytes, 0, segment.prefaulted - kSegmentHeaderBytes);
       return segment;
     }
   }
@@ -263,13 +263,26 @@ bool JournalFront::switchSegmentLocked(size_t frameBytes) {
     // segment: the rare slow path makes one here.
     if (spares_.empty()) spareTarget_.store(kMaxSpareSegments, std::memory_order_relaxed);
     std::string error;
-    next = createSegment(frameBytes, false, error);
+    next = createSegment(frameBytes, 0, error);
     if (!next) {
       segmentFailed(error);
       return false;
     }
   }
-  if (active_.fd >= 0) closing_.push_back(active_);
+  if (active_.fd >= 0) {
+    // The writer has not taken the segment closed before this one yet (a
+    // long sync, or it waits for a core): this one's mapping goes now, on
+    // the caller's thread, rather than a burst leaving segment after
+    // segment resident, each with every page it was written through, until
+    // the writer is back. The writer finishes it unmapped.
+    const bool writerBehind = std::any_of(closing_.begin(), closing_.end(),
+                                          [](const Segment& s) { return s.map != nullptr; });
+    if (writerBehind && active_.map != nullptr) {
+      files_.unmap(active_.map, active_.room);
+      active_.map = nullptr;
+    }
+    closing_.push_back(active_);
+  }
   active_ = *next;
   return true;
 }
@@ -297,7 +310,8 @@ std::optional<JournalFront::Appended> JournalFront::appendLocked(std::string_vie
     segment.broken = true;
     return std::nullopt;
   }
-  Appended where{id, segment.number, segment.bytes, static_cast<uint32_t>(frame.size())};
+  Appended where{id, segment.number, static_cast<uint32_t>(segment.bytes),
+                 static_cast<uint32_t>(frame.size())};
   segment.bytes += frame.size();
   segment.dirty = true;
   return where;
@@ -330,7 +344,6 @@ JournalFront::Drained JournalFront::drain() {
   MutexLock lock(mutex_);
   out.appended.swap(appended_);
   out.closed.swap(closed_);
-  appended_.reserve(out.appended.size());
   return out;
 }
 
@@ -401,7 +414,39 @@ bool JournalFront::rotate() {
   return switchSegmentLocked(0);
 }
 
+void JournalFront::prefaultNextSpare() {
+  char* map = nullptr;
+  uint64_t from = 0;
+  uint64_t to = 0;
+  uint32_t number = 0;
+  {
+    MutexLock lock(mutex_);
+    if (spares_.empty() || spares_.front().map == nullptr ||
+        spares_.front().prefaulted >= spares_.front().room) {
+      return;
+    }
+    const Segment& next = spares_.front();
+    map = next.map;
+    from = next.prefaulted / pageBytes() * pageBytes();
+    to = next.room;
+    number = next.number;
+  }
+  // Without the lock: a caller may move on to it meanwhile and append, which
+  // this neither disturbs nor sees (no byte changes). Only this thread
+  // unmaps, so the mapping stays.
+  if (files_.prefault(map + from, to - from) != 0) {
+    prefaultWorks_.store(false, std::memory_order_relaxed);
+    return;
+  }
+  MutexLock lock(mutex_);
+  if (active_.number == number) active_.prefaulted = to;
+  for (auto& spare : spares_) {
+    if (spare.number == number) spare.prefaulted = to;
+  }
+}
+
 void JournalFront::topUpSpares() {
+  prefaultNextSpare();
   size_t missing;
   {
     MutexLock lock(mutex_);
@@ -409,8 +454,15 @@ void JournalFront::topUpSpares() {
     missing = target - std::min(target, spares_.size());
   }
   for (; missing > 0; --missing) {
+    bool nextInLine;
+    {
+      MutexLock lock(mutex_);
+      nextInLine = spares_.empty();
+    }
     std::string error;
-    auto spare = createSegment(0, true, error);
+    auto spare = createSegment(
+        0, nextInLine || !prefaultWorks_.load(std::memory_order_relaxed) ? UINT64_MAX : kSpareHeadBytes,
+        error);
     // Without a spare a caller makes the next segment itself.
     if (!spare) break;
     {

@@ -35,7 +35,18 @@ class JournalRequestStore final : public RequestStore {
   explicit JournalRequestStore(const RequestStoreOptions& options)
       : options_(options),
         files_(options.fileSystem != nullptr ? *options.fileSystem : systemFileSystem()),
-        descriptors_(files_) {}
+        descriptors_(files_) {
+    // A sync that finishes many segments takes what callers appended
+    // meanwhile into the index between its steps: each waiting append is a
+    // record in the front's list until then, besides its place here.
+    options_.betweenSyncSteps = [this, outer = options.betweenSyncSteps] {
+      if (drainBetweenSteps_.load(std::memory_order_relaxed)) {
+        MutexLock lock(indexMutex_);
+        drainFront();
+      }
+      if (outer) outer();
+    };
+  }
   ~JournalRequestStore() override {
     MutexLock lock(indexMutex_);
     descriptors_.clear();
@@ -129,7 +140,9 @@ class JournalRequestStore final : public RequestStore {
       MutexLock lock(indexMutex_);
       toSync = settle(finished);
     }
+    drainBetweenSteps_.store(true, std::memory_order_relaxed);
     front_->syncActive();
+    drainBetweenSteps_.store(false, std::memory_order_relaxed);
     for (FileHandle fd : toSync) {
       front_->files().syncData(fd);
       front_->files().close(fd);
@@ -317,7 +330,7 @@ class JournalRequestStore final : public RequestStore {
       for (size_t i : indexes) {
         const uint32_t length =
             static_cast<uint32_t>(frameBytes(contents.records[i].kind, contents.records[i].payload));
-        track({contents.records[i].id, number, contents.offsets[i], length});
+        track({contents.records[i].id, number, static_cast<uint32_t>(contents.offsets[i]), length});
       }
     }
     live.reserve(indexes.size());
@@ -512,8 +525,8 @@ class JournalRequestStore final : public RequestStore {
     // Opened while the file is certainly there: the newest segments stay
     // readable even if the directory is deleted under the store.
     if (added) descriptors_.get(front_->folder(), a.segment);
-    segment.fileBytes = std::max(segment.fileBytes, a.offset + a.length);
-    const Where where{a.segment, Loc{static_cast<uint32_t>(a.offset), a.length}};
+    segment.fileBytes = std::max(segment.fileBytes, uint64_t{a.offset} + a.length);
+    const Where where{a.segment, Loc{a.offset, a.length}};
     auto [it, inserted] = stored_.insert(a.id, where);
     if (!inserted) {
       // A copy of a request already tracked (carried forward): the copy is
@@ -597,6 +610,9 @@ class JournalRequestStore final : public RequestStore {
   ReadDescriptors descriptors_ KORVEL_GUARDED_BY(indexMutex_);
   bool marksFailing_ KORVEL_GUARDED_BY(indexMutex_) = false;
   std::atomic<bool> homeless_{false};
+  // Set while sync() has the front sync without indexMutex_ held: its steps
+  // may take the lock to drain the front.
+  std::atomic<bool> drainBetweenSteps_{false};
   // While homeless: the frames of every stored request, read before the
   // lost directory's files were let go.
   std::unordered_map<uint64_t, std::string> homelessFrames_ KORVEL_GUARDED_BY(indexMutex_);

@@ -133,6 +133,12 @@ class FileSystem {
   // it cannot be made.
   virtual void* mapShared(FileHandle file, size_t size) = 0;
   virtual int unmap(void* address, size_t size) = 0;
+  // Makes the pages of size bytes of a mapping, from address (page
+  // aligned), present and writable without changing a byte, so that writes
+  // into them take no page fault; safe while other threads write there. -1
+  // where the system has no such call (the caller writes the pages itself
+  // before anyone else may).
+  virtual int prefault(void* address, size_t size) = 0;
   // Makes size bytes written through a mapping of file survive a power
   // loss, from address (page aligned).
   virtual int syncMapped(FileHandle file, void* address, size_t size) = 0;

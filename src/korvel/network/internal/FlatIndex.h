@@ -178,7 +178,7 @@ class FlatIndex {
   }
 
   Iterator find(const K& key) {
-    const auto [chunk, at] = lowerBound(key);
+    const auto [chunk, at, place] = lowerBound(key);
     if (chunk == nullptr || !chunk->isLive(at) || chunk->slots[at].first != key) return end();
     return Iterator(chunk, at);
   }
@@ -197,7 +197,7 @@ class FlatIndex {
       Chunk* chunk = pushBack(Slot{key, std::move(value)});
       return {Iterator(chunk, chunk->end - 1), true};
     }
-    auto [chunk, at] = lowerBound(key);
+    auto [chunk, at, place] = lowerBound(key);
     Slot& found = chunk->slots[at];
     if (found.first == key) {
       if (chunk->isLive(at)) return {Iterator(chunk, at), false};
@@ -205,9 +205,31 @@ class FlatIndex {
       markLive(chunk, at);
       return {Iterator(chunk, at), true};
     }
+    Chunk* before = place > 0 ? chunks_[place - 1] : nullptr;
+    if (at == chunk->begin && chunk->end - chunk->begin == kChunkSlots &&
+        (before == nullptr || before->end < kChunkSlots)) {
+      // Before a full chunk: at the end of the chunk before it when that
+      // has room, or, before the first key of all (older keys coming one by
+      // one, newest first), in a chunk of its own that takes the next ones
+      // in front of it, rather than splitting a full chunk in two half-empty
+      // ones.
+      if (before == nullptr) {
+        Chunk* fresh = new Chunk;
+        fresh->begin = fresh->end = kChunkSlots;
+        fresh->next = chunk;
+        if (before != nullptr) before->next = fresh;
+        chunks_.insert(chunks_.begin() + static_cast<std::ptrdiff_t>(place), fresh);
+        before = fresh;
+      }
+      const uint32_t to = before->end == kChunkSlots ? --before->begin : before->end++;
+      before->slots[to] = Slot{key, std::move(value)};
+      markLive(before, to);
+      ++slots_;
+      return {Iterator(before, to), true};
+    }
     if (chunk->end - chunk->begin == kChunkSlots) {
-      Chunk* upper = split(chunk);
-      if (at >= chunk->end) {
+      Chunk* upper = split(chunk, at);
+      if (at > chunk->end) {
         at = at - chunk->end + upper->begin;
         chunk = upper;
       }
@@ -279,17 +301,23 @@ class FlatIndex {
   const K& firstKey() const { return chunks_.front()->slots[chunks_.front()->begin].first; }
   const K& lastKey() const { return chunks_.back()->slots[chunks_.back()->end - 1].first; }
 
-  // The first slot, live or not, whose key is not less than key; a null
+  // The first slot, live or not, whose key is not less than key: its
+  // chunk, its place in the chunk and the chunk's place in chunks_; a null
   // chunk when every key is less.
-  std::pair<Chunk*, uint32_t> lowerBound(const K& key) const {
+  struct Position {
+    Chunk* chunk;
+    uint32_t at;
+    size_t place;
+  };
+  Position lowerBound(const K& key) const {
     auto chunk = std::partition_point(chunks_.begin(), chunks_.end(), [&](const Chunk* c) {
       return c->slots[c->end - 1].first < key;
     });
-    if (chunk == chunks_.end()) return {nullptr, 0};
+    if (chunk == chunks_.end()) return {nullptr, 0, chunks_.size()};
     Chunk* c = *chunk;
     const Slot* at = std::partition_point(c->slots + c->begin, c->slots + c->end,
                                           [&](const Slot& slot) { return slot.first < key; });
-    return {c, static_cast<uint32_t>(at - c->slots)};
+    return {c, static_cast<uint32_t>(at - c->slots), static_cast<size_t>(chunk - chunks_.begin())};
   }
 
   void markLive(Chunk* chunk, uint32_t at) {
@@ -326,10 +354,15 @@ class FlatIndex {
     ++slots_;
   }
 
-  // Moves the upper half of a full chunk into a new one after it.
-  Chunk* split(Chunk* chunk) {
+  // Moves the upper half of a full chunk into a new one after it; only the
+  // slots from at on when at is near the end (a key a little older than
+  // the newest, as when several threads queue at once), where the next keys
+  // go after it and a half-empty lower chunk would stay so.
+  Chunk* split(Chunk* chunk, uint32_t at) {
     Chunk* upper = new Chunk;
-    const uint32_t middle = chunk->begin + (chunk->end - chunk->begin) / 2;
+    const uint32_t middle = at - chunk->begin >= kChunkSlots * 3 / 4
+                                ? at
+                                : chunk->begin + (chunk->end - chunk->begin) / 2;
     for (uint32_t i = middle; i < chunk->end; ++i) {
       upper->slots[upper->end] = std::move(chunk->slots[i]);
       if (chunk->isLive(i)) {

@@ -37,6 +37,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -50,18 +51,21 @@ namespace korvel::network::internal {
 
 class JournalFront {
  public:
+  // Twenty-four bytes: a burst that outruns the writer keeps one per
+  // request until the next drain.
   struct Appended {
     uint64_t id;
     uint32_t segment;
-    uint64_t offset;
+    uint32_t offset;  // a segment never reaches 4 GiB (kMaxSegmentBytes)
     uint32_t length;
   };
 
   // What callers appended since the last drain, and which segments were
   // finished. Every append to a finished segment is in the same drain or an
-  // earlier one.
+  // earlier one. In blocks: a report call that appends never copies the
+  // list to a larger one, and a long burst never has it twice in memory.
   struct Drained {
-    std::vector<Appended> appended;  // in file order per segment
+    std::deque<Appended> appended;  // in file order per segment
     std::vector<uint32_t> closed;
   };
 
@@ -191,6 +195,8 @@ class JournalFront {
     bool dirty = false;     // appended to since the last sync
     bool broken = false;    // a failed write left it unusable
     bool reserved = false;  // made with a zero end (mapped), to be cut when finished
+    // Bytes from its start whose pages are mapped writable (prefaulted).
+    uint64_t prefaulted = 0;
 
     bool hasRoom(size_t size) const { return bytes + size <= room; }
   };
@@ -198,10 +204,12 @@ class JournalFront {
   // Opens and checks the directory and takes its lock; sets failure_.
   bool openDirectory() KORVEL_EXCLUDES(mutex_);
   // Creates, reserves and maps a new segment with room for at least
-  // frameBytes; with prefault, its pages are made writable now so the
-  // appends into it take no page faults. Any thread; takes no lock of the
-  // front's.
-  std::optional<Segment> createSegment(size_t frameBytes, bool prefault, std::string& error);
+  // frameBytes; the pages of its first prefaultBytes are made writable now
+  // so the appends into them take no page faults. Any thread; takes no
+  // lock of the front's.
+  std::optional<Segment> createSegment(size_t frameBytes, uint64_t prefaultBytes, std::string& error);
+  // Makes the rest of the next spare's pages writable (writer thread).
+  void prefaultNextSpare() KORVEL_EXCLUDES(mutex_);
   // Closes the active segment and installs the spare or a new one; with the
   // lock held. False when no segment could be made.
   bool switchSegmentLocked(size_t frameBytes) KORVEL_REQUIRES(mutex_);
@@ -242,6 +250,14 @@ class JournalFront {
   static constexpr size_t kQuietSpareSegments = 1;
   static constexpr size_t kSpareSegments = 2;
   static constexpr size_t kMaxSpareSegments = 4;
+  // Every page of a mapped segment that was made writable counts in the
+  // process's resident memory until the segment is unmapped. Only the next
+  // spare has all of them; the others only their first pages until they
+  // are next in line, which the writer sees at the sync a switch brings
+  // forward. Where pages cannot be made writable without writing them
+  // (prefaultWorks_ false) every spare is written whole when it is made.
+  static constexpr uint64_t kSpareHeadBytes = 64u << 10;
+  std::atomic<bool> prefaultWorks_{true};
   std::atomic<size_t> spareTarget_{kQuietSpareSegments};
   // The size of the segments made next: kFirstSegmentBytes, doubled by
   // each segment appends fill, up to segmentBytes.
@@ -256,7 +272,7 @@ class JournalFront {
   std::vector<Segment> spares_ KORVEL_GUARDED_BY(mutex_);
   // Closed, not yet finished by syncActive().
   std::vector<Segment> closing_ KORVEL_GUARDED_BY(mutex_);
-  std::vector<Appended> appended_ KORVEL_GUARDED_BY(mutex_);
+  std::deque<Appended> appended_ KORVEL_GUARDED_BY(mutex_);
   std::vector<uint32_t> closed_ KORVEL_GUARDED_BY(mutex_);
   // No segment could be made: appends fail at once until the writer makes
   // one (syncActive), with one log line for the spell and a count after it.
