@@ -238,27 +238,28 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
  private:
   enum class State : uint8_t { Ready, Waiting, InFlight, Parked, Held };
 
-  // One waiting request: its index entry, 32 bytes. The request itself is
+  // One waiting request: its index entry, 24 bytes. The request itself is
   // in whole_ when kept in memory, else read back from the journal when sent.
   struct Entry {
     // Monotonic milliseconds (Env::monotonicNanos) when it was made; for a
-    // restored request, now minus the age its stamp gives.
-    int64_t bornMillis = 0;
+    // restored request, now minus the age its stamp gives. 48 bits hold
+    // some 4,000 years either way.
+    int64_t bornMillis : 48 = 0;
+    int64_t host : 16 = -1;  // index into hosts_ once its URL was built
     int32_t priority = 1;
     uint32_t bytes = 0;     // its stored record
     int16_t retryCount = 0;
     int16_t failures = 0;   // counted against retryCount
     int16_t backoffSteps = 0;  // for requests without a host
-    int16_t host = -1;      // index into hosts_ once its URL was built
-    int8_t policy = 0;
     State state = State::Ready;
-    bool durable = false;
+    uint8_t policy : 2 = 0;  // its bucket: 0, 1 or 2
+    bool durable : 1 = false;
     // Purged while on the wire: forgotten when its attempt ends, never
     // queued again.
-    bool cancelled = false;
+    bool cancelled : 1 = false;
   };
   // A backlog of 100,000 costs this times 100,000, and more: keep it small.
-  static_assert(sizeof(Entry) <= 32);
+  static_assert(sizeof(Entry) == 24);
   using Entries = FlatIndex<uint64_t, Entry>;
   // (-priority, id), first out first: twelve bytes a waiting request.
   using QueueKey = std::pair<int32_t, PackedId>;
