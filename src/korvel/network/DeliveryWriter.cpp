@@ -307,7 +307,17 @@ void DurableRequestExecutor::writerLoop() {
       // A switch signalled between this check and the wait is seen at the
       // next interval: the hint only brings the sync forward.
       if (segmentSwitched_.exchange(false, std::memory_order_acquire)) break;
-      if (handoffsWaiting_.exchange(false, std::memory_order_acquire)) adoptHandoffs();
+      if (handoffsWaiting_.exchange(false, std::memory_order_acquire)) {
+        // A burst between syncs: its requests go into the queue, and their
+        // appends into the store's index, a batch at a time rather than all
+        // at the next sync.
+        adoptHandoffs();
+        if (store_) {
+          mutex_.unlock();
+          store_->takeAppends();
+          mutex_.lock();
+        }
+      }
       if (!writerWake_.waitUntil(mutex_, until)) break;
     }
     adoptHandoffs();  // counts their appends and applies the caps to them

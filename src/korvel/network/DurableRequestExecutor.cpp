@@ -184,8 +184,8 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
 
   Handoff handoff;
   handoff.id = id;
-  handoff.appendFailed = appendFailed;
   Entry& entry = handoff.entry;
+  entry.refused = appendFailed;
   entry.priority = request.priority();
   entry.policy = static_cast<int8_t>(bucketOf(request.configurationPolicy()));
   entry.retryCount = static_cast<int16_t>(
@@ -196,8 +196,9 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
   // A stored request that will have to wait is read back when its turn
   // comes: it is not kept in memory, and is freed here, on the caller's
   // thread, rather than by whichever thread queues it.
+  std::shared_ptr<const KVNNetworkRequest> whole;
   if (!durable || keepWhole_.load(std::memory_order_relaxed)) {
-    handoff.request = std::make_shared<const KVNNetworkRequest>(std::move(request));
+    whole = std::make_shared<const KVNNetworkRequest>(std::move(request));
   }
   std::shared_ptr<const KVNNetworkRequest> dropped;  // freed outside the lock
   bool wake;
@@ -207,14 +208,15 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
     MutexLock lock(handoffMutex_);
     // However many arrive before a worker or the writer looks, no more than
     // a few wait whole.
-    if (durable && handoffs_.size() >= kKeptWhole) dropped = std::move(handoff.request);
+    if (durable && handoffs_.size() >= kKeptWhole) dropped = std::move(whole);
     // Only the first request handed over wakes a worker: the worker takes
     // the whole list, and wakes more workers when there is more to send.
     wake = handoffs_.empty() && wakeableWorkers_ > 0;
     // A writer asleep with nothing to sync syncs this one within the
     // interval; only the first report after such a sleep sees the flag.
     wakeWriter = writerIdle_.load(std::memory_order_relaxed);
-    handoffs_.push_back(std::move(handoff));
+    handoffs_.push_back(handoff);
+    if (whole) handoffsWhole_.emplace_back(id, std::move(whole));
     nudgeWriter = handoffs_.size() % kHandoffBatch == 0;
   }
   if (nudgeWriter) {
@@ -344,6 +346,7 @@ void DurableRequestExecutor::adoptHandoffs() {
     MutexLock lock(handoffMutex_);
     if (handoffs_.empty()) return;
     adopting_.swap(handoffs_);
+    adoptingWhole_.swap(handoffsWhole_);
   }
   // A stored request that has to wait is read back when its turn comes;
   // while few are ready it stays whole and goes out without a read.
@@ -351,18 +354,23 @@ void DurableRequestExecutor::adoptHandoffs() {
                          ready_[0].size() + ready_[1].size() + ready_[2].size() +
                                  adopting_.size() <=
                              kKeptWhole;
+  auto whole = adoptingWhole_.begin();
   for (Handoff& handoff : adopting_) {
-    if (handoff.appendFailed) {
+    std::shared_ptr<const KVNNetworkRequest> request;
+    if (whole != adoptingWhole_.end() && whole->first == handoff.id) request = std::move((whole++)->second);
+    if (handoff.entry.refused) {
+      handoff.entry.refused = false;
       ++appendFailuresSinceLog_;
       unstored_.push_back(handoff.id);
     }
     if (handoff.entry.durable) {
       ++appendsSinceLog_;
-      if (!keepWhole) handoff.request.reset();
+      if (!keepWhole) request.reset();
     }
-    enqueue(handoff.id, std::move(handoff.entry), std::move(handoff.request));
+    enqueue(handoff.id, handoff.entry, std::move(request));
   }
   adopting_.clear();
+  adoptingWhole_.clear();
   enforceCap();
   refreshKeepWhole();
 }

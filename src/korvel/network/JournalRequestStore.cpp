@@ -155,6 +155,13 @@ class JournalRequestStore final : public RequestStore {
 
   bool settled() const override { return front_->settled(); }
 
+  // Each append waits in the front's list, a record per request, until the
+  // index takes it.
+  void takeAppends() override KORVEL_EXCLUDES(indexMutex_) {
+    MutexLock lock(indexMutex_);
+    drainFront();
+  }
+
   std::optional<StoredRequest> load(uint64_t id) override KORVEL_EXCLUDES(indexMutex_) {
     MutexLock lock(indexMutex_);
     auto at = stored_.find(id);

@@ -257,6 +257,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
     // Purged while on the wire: forgotten when its attempt ends, never
     // queued again.
     bool cancelled : 1 = false;
+    // Handed over after the store refused it (a full disk, the folder
+    // gone): the writer stores it once it can.
+    bool refused : 1 = false;
   };
   // A backlog of 100,000 costs this times 100,000, and more: keep it small.
   static_assert(sizeof(Entry) == 24);
@@ -326,13 +329,14 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   void saveClock(int64_t millis);
   void saveHosts(const std::vector<std::pair<std::string, int64_t>>& hosts);
 
-  // A request handed over by a report call, not yet in the queue.
+  // A request handed over by a report call, not yet in the queue: 32 bytes,
+  // as many as a burst that nobody takes for a while. The few requests
+  // kept whole wait beside them, in the same order.
   struct Handoff {
     uint64_t id = 0;
     Entry entry;
-    std::shared_ptr<const KVNNetworkRequest> request;  // when kept whole
-    bool appendFailed = false;
   };
+  using KeptWhole = std::pair<uint64_t, std::shared_ptr<const KVNNetworkRequest>>;
 
   enum class Stored : uint8_t { Yes, No, Oversize };
   // Frames the request into frame (a buffer the caller keeps) and appends
@@ -453,11 +457,13 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // long sync, the senders busy) the list grows a block at a time, never
   // copied to a larger one on a report call nor held twice.
   std::deque<Handoff> handoffs_ KORVEL_GUARDED_BY(handoffMutex_);
+  std::vector<KeptWhole> handoffsWhole_ KORVEL_GUARDED_BY(handoffMutex_);
   // Workers asleep that a report should wake (not while paused or backing
   // off); each sleeps on workAvailable_ with mutex_.
   size_t wakeableWorkers_ KORVEL_GUARDED_BY(handoffMutex_) = 0;
   // The other side of handoffs_, swapped with it.
   std::deque<Handoff> adopting_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<KeptWhole> adoptingWhole_ KORVEL_GUARDED_BY(mutex_);
   // Whether a report call keeps a stored request whole (few are ready, not
   // paused, no host backing off) or leaves it to be read back: a hint read
   // without a lock, written under mutex_. A stale hint costs memory for a

@@ -167,6 +167,10 @@ class RequestStore {
   // Whether a sync now would find nothing to do: every append and move so
   // far synced and the files at rest. Until then the owner syncs again.
   virtual bool settled() const { return true; }
+  // Takes what was appended since the last call into the store's own
+  // bookkeeping now rather than at the next sync (the writer, while a
+  // burst outruns its syncs). Nothing is made durable by it.
+  virtual void takeAppends() {}
 
   // Moves whatever can be moved so the files hold only what is stored
   // (measurements and tests; sync() does this gradually).
