@@ -348,6 +348,42 @@ TEST_F(RequestStoreTest, ASyncCallsItsOwnerBackBetweenItsLongStepsWithNoLockHeld
   EXPECT_TRUE(appendedInside);
 }
 
+// Appends wait as one record each in the journal's front until the index
+// takes them: when the writer asks between syncs, and between the steps of
+// a long sync (each step sees the ones appended before it).
+TEST_F(RequestStoreTest, AppendsReachTheIndexWhenTakenAndBetweenTheStepsOfASync) {
+  RequestStoreOptions options;
+  options.directory = dir_;
+  options.segmentBytes = 4096;
+  std::unique_ptr<RequestStore> store;
+  std::vector<uint64_t> seenInSteps;
+  uint32_t next = 10'000;
+  options.betweenSyncSteps = [&] {
+    if (!store) return;
+    seenInSteps.push_back(store->stats().storedRequests);
+    const uint64_t id = (uint64_t{store->epoch()} << 32) | next++;
+    store->append(encodeFrame(request(id)), id);
+  };
+  store = openJournalRequestStore(options);
+  ASSERT_TRUE(store);
+  store->recover();
+  seenInSteps.clear();
+  appendSome(*store, 50, 200);
+  EXPECT_EQ(store->stats().storedRequests, 0u) << "taken only when asked";
+  store->takeAppends();
+  EXPECT_EQ(store->stats().storedRequests, 50u);
+
+  for (uint32_t i = 1000; i < 1100; ++i) {  // segments to finish: steps
+    const uint64_t id = (uint64_t{store->epoch()} << 32) | i;
+    ASSERT_TRUE(store->append(encodeFrame(request(id, std::string(200, 'p'))), id));
+  }
+  store->sync({});
+  ASSERT_GE(seenInSteps.size(), 3u);
+  EXPECT_EQ(seenInSteps.front(), 150u);
+  // Each later step has taken the appends made in the steps before it.
+  EXPECT_EQ(seenInSteps.back(), 150u + seenInSteps.size() - 1);
+}
+
 TEST_F(RequestStoreTest, FilesKeptForReuseByEarlierVersionsAreRemovedAndNeverRead) {
   // Left by an earlier version, with a frame that must not come back.
   const uint64_t stale = 99;
