@@ -443,19 +443,17 @@ size_t DurableRequestExecutor::maxSenders() const {
 void DurableRequestExecutor::workerLoop() {
   nameThisThread("korvel-send");
   lowerThisThreadPriority();
-  // One request on the wire per sender, and more senders under a backlog.
-  // The transport can carry several at once (TransportOptions::transfers),
-  // but on a slow machine (the test suite under qemu) a sender carrying
-  // four left a kill-and-restore backlog undelivered within its deadline,
-  // so it stays at one until that is understood.
-  constexpr size_t kTransfersPerSender = 1;
+  // The system's transport carries the whole concurrency on this one
+  // sender (libcurl's multi interface); one that carries less gets more
+  // senders under a backlog.
+  const size_t concurrency = static_cast<size_t>(std::max(1, options_.concurrency));
   std::unique_ptr<DeliveryTransport> transport =
       options_.transport
           ? options_.transport(cancel_)
           : makeSystemTransport(cancel_, TransportOptions{options_.requestTimeout,
                                                           std::min(options_.requestTimeout,
                                                                    std::chrono::milliseconds(10'000)),
-                                                          kTransfersPerSender});
+                                                          concurrency});
   if (!transport) transport = std::make_unique<Unreachable>();
   SenderFeed feed(*this);
 
@@ -465,8 +463,7 @@ void DurableRequestExecutor::workerLoop() {
   bool idle = false;
   bool ended = false;
   mutex_.lock();
-  transportParallelism_ = std::clamp<size_t>(transport->parallelism(), 1,
-                                             static_cast<size_t>(std::max(1, options_.concurrency)));
+  transportParallelism_ = std::clamp<size_t>(transport->parallelism(), 1, concurrency);
   while (!stopping_) {
     mutex_.unlock();
     transport->send(feed);
@@ -506,6 +503,10 @@ void DurableRequestExecutor::workerLoop() {
       }
       wakeBy(idleSince + options_.idleSenderTimeout);
     }
+    // Reports handed over after the feed's last look wake no sender while
+    // this one is awake; the writer (or a figures call) may have queued
+    // them meanwhile. They are sent now, not after the next report.
+    if (!paused_ && moreReady()) continue;
     bool wakeable = false;
     if (!markAsleep(wakeable)) continue;  // handed over meanwhile
     ++sleepingWorkers_;
