@@ -163,9 +163,9 @@ class KORVEL_EXPORT Reporting {
     size_t maxStoredBeacons = 10'000;                                // 1 to 10,000,000
     uint64_t maxStoredBytes = uint64_t{64} << 20;                    // 64 KiB to 16 GiB
     std::chrono::seconds maxBeaconAge = std::chrono::hours(24 * 7);  // 1 minute to 366 days
-    // Beacons sent at once at most, each by a sending thread of its own on
-    // a keep-alive connection: one thread while little is sent, more while a
-    // backlog waits.
+    // Beacons sent at once at most, each on a keep-alive connection of its
+    // own (or sharing one where the collector speaks HTTP/2), all driven by
+    // one sending thread.
     int sendConcurrency = 4;  // 1 to 32
 
     // The host's log sink; null: the library's lines go to standard error
