@@ -234,9 +234,7 @@ TEST_F(MailComposerTest, CommandTransportGetsTheMessageOnItsInput) {
   EXPECT_TRUE(c->transport().isUsable());
   c->send();
   ASSERT_EQ(finish_->results, std::vector<MailComposeResult>{MailComposeResult::Sent});
-  std::ifstream in(out, std::ios::binary);
-  const std::string text((std::istreambuf_iterator<char>(in)), {});
-  const auto m = parseMessage(text);
+  const auto m = parseMessage(testing::readText(out));
   ASSERT_EQ(m.parts.size(), 2u);
   EXPECT_EQ(decodeBase64(m.parts[1].body), "a\nb\n");
 
@@ -245,28 +243,26 @@ TEST_F(MailComposerTest, CommandTransportGetsTheMessageOnItsInput) {
 }
 
 TEST_F(MailComposerTest, CommandFailuresAreReportedAndNeverKillTheHost) {
-  auto failing = composer(MailTransport::sendmailCommand({"/bin/sh", "-c", "cat >/dev/null; exit 3"}));
-  failing->send();
-  EXPECT_EQ(finish_->results.back(), MailComposeResult::Failed);
-  EXPECT_EQ(finish_->error, "the mail command exited with status 3");
-
-  // Exits without reading a large message: the write fails, no SIGPIPE.
-  auto deaf = composer(MailTransport::sendmailCommand({"/bin/sh", "-c", "exit 0"}));
-  deaf->addAttachmentData(Data(4 << 20, 7), "application/octet-stream", "big.sig");
-  deaf->send();
-  EXPECT_EQ(finish_->results.back(), MailComposeResult::Failed);
-
-  auto missing = composer(MailTransport::sendmailCommand({"/nonexistent/sendmail", "-t"}));
-  EXPECT_FALSE(missing->transport().isUsable());
-  missing->send();
-  EXPECT_EQ(finish_->results.back(), MailComposeResult::Failed);
-
-  auto transport = MailTransport::sendmailCommand({"/bin/sh", "-c", "exec sleep 10"});
-  transport.commandTimeoutSeconds = 0.2;
-  auto slow = composer(transport);
-  slow->send();
-  EXPECT_EQ(finish_->results.back(), MailComposeResult::Failed);
-  EXPECT_EQ(finish_->error, "the mail command timed out");
+  auto slow = MailTransport::sendmailCommand({"/bin/sh", "-c", "exec sleep 10"});
+  slow.commandTimeoutSeconds = 0.2;
+  const std::pair<MailTransport, std::optional<std::string>> cases[] = {
+      {MailTransport::sendmailCommand({"/bin/sh", "-c", "cat >/dev/null; exit 3"}),
+       "the mail command exited with status 3"},
+      // Exits without reading a large message: the write fails, no SIGPIPE.
+      {MailTransport::sendmailCommand({"/bin/sh", "-c", "exit 0"}), std::nullopt},
+      {MailTransport::sendmailCommand({"/nonexistent/sendmail", "-t"}), std::nullopt},
+      {slow, "the mail command timed out"},
+  };
+  for (const auto& [transport, error] : cases) {
+    auto c = composer(transport);
+    c->addAttachmentData(Data(4 << 20, 7), "application/octet-stream", "big.sig");
+    c->send();
+    EXPECT_EQ(finish_->results.back(), MailComposeResult::Failed) << error.value_or("");
+    if (error) {
+      EXPECT_EQ(finish_->error, *error);
+    }
+  }
+  EXPECT_FALSE(cases[2].first.isUsable());
 }
 
 TEST_F(MailComposerTest, OutboxReceivesOneCompleteFilePerMessage) {
@@ -283,9 +279,7 @@ TEST_F(MailComposerTest, OutboxReceivesOneCompleteFilePerMessage) {
   // The folder it made is private to the user.
   EXPECT_EQ(std::filesystem::status(outbox).permissions() & std::filesystem::perms::all,
             std::filesystem::perms::owner_all);
-  std::ifstream in(files[0], std::ios::binary);
-  const std::string text((std::istreambuf_iterator<char>(in)), {});
-  EXPECT_EQ(parseMessage(text).parts.size(), 2u);
+  EXPECT_EQ(parseMessage(testing::readText(files[0])).parts.size(), 2u);
 }
 
 TEST_F(MailComposerTest, CanSendMailOnlyWithAUsableTransport) {
