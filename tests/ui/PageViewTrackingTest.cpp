@@ -4,7 +4,6 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -13,36 +12,19 @@
 #include <korvel/ui/UI.h>
 #include "support/TestEnv.h"
 #include "support/DeathTests.h"
+#include "pageviews/PageViewTestSupport.h"
 
 namespace korvel {
-
-void PrintTo(const PageView& v, std::ostream* os) { *os << v.toJSONString(); }
-
 namespace {
+
+using testing::kParametersMiss;
+using testing::kRenameMiss;
+using testing::view;
 
 using ui::View;
 using ui::ViewHost;
 
 constexpr uint64_t kSecond = 1'000'000'000;
-
-const char* const kRenameMiss = "Cannot track page name change: Page stack is empty";
-const char* const kParametersMiss =
-    "Cannot track page view reporting parameters change: Page is not in the stack";
-
-class RecordingReporter : public PageViewReporter {
- public:
-  std::function<void(const PageView&)> onReport;
-  void report(const PageView& pageView) override {
-    if (onReport) onReport(pageView);
-    views.push_back(pageView);
-  }
-  std::vector<PageView> take() { return std::exchange(views, {}); }
-  std::vector<PageView> views;
-};
-
-PageView view(const std::string& name, double seconds, ReportingParameters parameters = {}) {
-  return PageView{PageName(name), seconds, std::move(parameters)};
-}
 
 // Screen classes as a host writes them.
 using TrackedScreen = PageViewDataProvidingController<PageViewTrackingViewController>;
@@ -85,7 +67,8 @@ class PageViewTrackingTest : public ::testing::Test {
 
   testing::TestEnv env_;
   platform::ScopedEnv scope_{env_};
-  std::shared_ptr<RecordingReporter> reporter_ = std::make_shared<RecordingReporter>();
+  std::shared_ptr<testing::RecordingReporter> reporter_ =
+      std::make_shared<testing::RecordingReporter>();
   std::shared_ptr<PageViewManager> manager_ = std::make_shared<PageViewManager>(reporter_, true);
 };
 
