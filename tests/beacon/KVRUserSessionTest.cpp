@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <korvel/beacon/KVRBeacon.h>
@@ -313,9 +314,9 @@ TEST_F(KVRUserSessionTest, LaterStepsOverwriteEarlierOnes) {
   KVNConfiguration::sharedInstance().setBeaconParameters(
       {{"sessionid", "server-sid"}, {"osversion", "server-os"}, {"aa", "server-aa"}});
   auto p = common();
-  EXPECT_EQ(p.stringForKey("sessionid"), "server-sid");
-  EXPECT_EQ(p.stringForKey("osversion"), "server-os");
-  EXPECT_EQ(p.stringForKey("aa"), "server-aa");
+  EXPECT_EQ(std::tuple(p.stringForKey("sessionid"), p.stringForKey("osversion"),
+                       p.stringForKey("aa")),
+            std::tuple("server-sid", "server-os", "server-aa"));
   EXPECT_EQ(p.keys().front(), "aa");  // still first: overwritten in place
 
   KVRUserSession::addAdditionalReportingParametersToCurrentSession(
@@ -396,14 +397,13 @@ TEST_F(KVRUserSessionTest, SessionParametersLastUntilTheSessionEnds) {
 
   const auto beacons = sent();
   ASSERT_EQ(beacons.size(), 3u);
-  EXPECT_EQ(beacons[0].value("sessionid"), "OVERRIDE");
-  EXPECT_EQ(beacons[0].value("extra"), "2");
   // The session beacon still carries them; they are cleared after it.
-  EXPECT_EQ(beacons[1].event, "usersession");
-  EXPECT_EQ(beacons[1].value("sessionid"), "OVERRIDE");
-  EXPECT_EQ(beacons[1].value("extra"), "2");
-  EXPECT_EQ(beacons[2].value("sessionid"), id);
-  EXPECT_EQ(beacons[2].value("extra"), std::nullopt);
+  const auto carried = [](const testing::WireBeacon& b) {
+    return std::tuple(b.event, b.value("sessionid"), b.value("extra"));
+  };
+  EXPECT_EQ(carried(beacons[0]), std::tuple("userevent", "OVERRIDE", "2"));
+  EXPECT_EQ(carried(beacons[1]), std::tuple("usersession", "OVERRIDE", "2"));
+  EXPECT_EQ(carried(beacons[2]), std::tuple("userevent", id, std::nullopt));
 }
 
 TEST_F(KVRUserSessionTest, SessionBeaconParametersInOrder) {
@@ -433,39 +433,25 @@ TEST_F(KVRUserSessionTest, SessionBeaconParametersInOrder) {
 
 TEST_F(KVRUserSessionTest, WatchAndLibrarySyncStateWords) {
   useFullDelegate();
-  struct Case {
-    uint64_t state;
-    std::optional<std::string> word;
+  constexpr uint64_t kMax = std::numeric_limits<uint64_t>::max();
+  const auto watch = &KVRUserSessionData::setWatchState;
+  const auto sync = &KVRUserSessionData::setLibrarySyncSessionState;
+  // Library sync states 3 to 8 name sync providers and are covered with them.
+  const std::vector<std::tuple<decltype(watch), const char*, uint64_t,
+                               std::optional<std::string>>> cases = {
+      {watch, "watchstate", 0, std::nullopt}, {watch, "watchstate", 1, "watch_no_app"},
+      {watch, "watchstate", 2, "app_no_complication"},
+      {watch, "watchstate", 3, "app_and_complication"}, {watch, "watchstate", 4, std::nullopt},
+      {watch, "watchstate", kMax, std::nullopt},      {sync, "icloudstatus", 0, std::nullopt},
+      {sync, "icloudstatus", 1, "original"},          {sync, "icloudstatus", 2, "e2ee"},
+      {sync, "icloudstatus", 9, std::nullopt},        {sync, "icloudstatus", kMax, std::nullopt},
   };
-  const std::vector<Case> watch = {
-      {0, std::nullopt},
-      {1, "watch_no_app"},
-      {2, "app_no_complication"},
-      {3, "app_and_complication"},
-      {4, std::nullopt},
-      {std::numeric_limits<uint64_t>::max(), std::nullopt},
-  };
-  for (const auto& c : watch) {
+  for (const auto& [set, key, state, word] : cases) {
     auto data = fullSessionData();
-    data.setWatchState(c.state);
+    (data.*set)(state);
     delegate_->setSessionData(data);
     const auto p = KVRUserSession::sessionParametersWithDuration(KVRValue(1));
-    EXPECT_EQ(p.stringForKey("watchstate"), c.word) << "watch state " << c.state;
-  }
-  // States 3 to 8 name library sync providers and are covered with them.
-  const std::vector<Case> librarySync = {
-      {0, std::nullopt},
-      {1, "original"},
-      {2, "e2ee"},
-      {9, std::nullopt},
-      {std::numeric_limits<uint64_t>::max(), std::nullopt},
-  };
-  for (const auto& c : librarySync) {
-    auto data = fullSessionData();
-    data.setLibrarySyncSessionState(c.state);
-    delegate_->setSessionData(data);
-    const auto p = KVRUserSession::sessionParametersWithDuration(KVRValue(1));
-    EXPECT_EQ(p.stringForKey("icloudstatus"), c.word) << "library sync state " << c.state;
+    EXPECT_EQ(p.stringForKey(key), word) << key << " " << state;
   }
 }
 
@@ -511,10 +497,9 @@ TEST_F(KVRUserSessionTest, SessionBeaconOnTheWireCarriesEachKeyOnce) {
   for (const auto& [key, value] : beacon.query) {
     EXPECT_TRUE(seen.insert(key).second) << key << " sent twice";
   }
-  EXPECT_EQ(beacon.value("duration"), "5");
-  EXPECT_EQ(beacon.value("osnoteon"), "authorized");
-  EXPECT_EQ(beacon.value("aa"), "1");
-  EXPECT_EQ(beacon.value("autoaddon"), "on");
+  EXPECT_EQ(std::tuple(beacon.value("duration"), beacon.value("osnoteon"), beacon.value("aa"),
+                       beacon.value("autoaddon")),
+            std::tuple("5", "authorized", "1", "on"));
 }
 
 TEST_F(KVRUserSessionTest, StartupReporter) {
