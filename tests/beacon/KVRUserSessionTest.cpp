@@ -431,27 +431,20 @@ TEST_F(KVRUserSessionTest, SessionBeaconParametersInOrder) {
             (Items{{"sessionid", "SID"}, {"darkmode", "0"}}));
 }
 
-TEST_F(KVRUserSessionTest, WatchAndLibrarySyncStateWords) {
+TEST_F(KVRUserSessionTest, WatchStateWords) {
   useFullDelegate();
-  constexpr uint64_t kMax = std::numeric_limits<uint64_t>::max();
-  const auto watch = &KVRUserSessionData::setWatchState;
-  const auto sync = &KVRUserSessionData::setLibrarySyncSessionState;
-  // Library sync states 3 to 8 name sync providers and are covered with them.
-  const std::vector<std::tuple<decltype(watch), const char*, uint64_t,
-                               std::optional<std::string>>> cases = {
-      {watch, "watchstate", 0, std::nullopt}, {watch, "watchstate", 1, "watch_no_app"},
-      {watch, "watchstate", 2, "app_no_complication"},
-      {watch, "watchstate", 3, "app_and_complication"}, {watch, "watchstate", 4, std::nullopt},
-      {watch, "watchstate", kMax, std::nullopt},      {sync, "icloudstatus", 0, std::nullopt},
-      {sync, "icloudstatus", 1, "original"},          {sync, "icloudstatus", 2, "e2ee"},
-      {sync, "icloudstatus", 9, std::nullopt},        {sync, "icloudstatus", kMax, std::nullopt},
+  // The library sync states are worded with the library sync reporter's.
+  const std::vector<std::pair<uint64_t, std::optional<std::string>>> cases = {
+      {0, std::nullopt}, {1, "watch_no_app"}, {2, "app_no_complication"},
+      {3, "app_and_complication"}, {4, std::nullopt},
+      {std::numeric_limits<uint64_t>::max(), std::nullopt},
   };
-  for (const auto& [set, key, state, word] : cases) {
+  for (const auto& [state, word] : cases) {
     auto data = fullSessionData();
-    (data.*set)(state);
+    data.setWatchState(state);
     delegate_->setSessionData(data);
     const auto p = KVRUserSession::sessionParametersWithDuration(KVRValue(1));
-    EXPECT_EQ(p.stringForKey(key), word) << key << " " << state;
+    EXPECT_EQ(p.stringForKey("watchstate"), word) << state;
   }
 }
 

@@ -26,10 +26,10 @@ using testing::words;
 constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
 constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
 
-class TaggingReporterTest : public testing::BeaconTest {
+class TaggingReporterTest : public testing::ReporterTest {
  protected:
   void SetUp() override {
-    BeaconTest::SetUp();
+    ReporterTest::SetUp();
     KVRInitialOrientation::setInitialOrientation(std::nullopt);
     KVRTaggingReporter::activeSessions().clear();
   }
@@ -37,7 +37,7 @@ class TaggingReporterTest : public testing::BeaconTest {
     KVRInitialOrientation::setInitialOrientation(std::nullopt);
     KVRTaggingReporter::activeSessions().clear();
     KVNConfiguration::sharedInstance().setKorvelFrameworksRaiseExceptions(false);
-    BeaconTest::TearDown();
+    ReporterTest::TearDown();
   }
 
   static void raiseExceptions(bool raise) {
@@ -115,11 +115,6 @@ TEST_F(TaggingReporterTest, ThirdPartyOriginWinsOnlyWhenNonEmpty) {
     EXPECT_EQ(beacons[0].value("origin"), c.expected) << c.origin;
     EXPECT_EQ(beacons[1].value("origin"), c.expected) << c.origin;
   }
-}
-
-TEST_F(TaggingReporterTest, UnknownOriginLeavesOriginOut) {
-  KVRTaggingReporter::reportTaggingSessionStarted("S", 22, std::nullopt, true);
-  EXPECT_EQ(onlySent().parameters(), params("type=taggingstarted&background=1"));
 }
 
 TEST_F(TaggingReporterTest, StartingTwiceReplacesTheFirstSession) {
@@ -331,7 +326,7 @@ TEST_F(TaggingReporterTest, OrientationTable) {
   }
 }
 
-TEST_F(TaggingReporterTest, HardwareFailureReasonsAndOptionalFields) {
+TEST_F(TaggingReporterTest, HardwareFailureReasons) {
   const std::vector<std::pair<int64_t, std::string>> reasons = {
       {0, "microphone"},    {1, "polarpattern"},    {5, "polarpattern"},
       {-1, "polarpattern"}, {kMax, "polarpattern"}, {kMin, "polarpattern"},
@@ -343,15 +338,6 @@ TEST_F(TaggingReporterTest, HardwareFailureReasonsAndOptionalFields) {
     EXPECT_EQ(onlySent().parameters(), (Params{{"type", "hardwarefailure"}, {"reason", word}}))
         << reason;
   }
-
-  executor_->clear();
-  KVRTaggingReporter::reportHardwareConfigurationFailure(0, "-50", "Built-In", "omni", "USB",
-                                                         std::nullopt, "");
-  const auto beacon = onlySent();
-  EXPECT_EQ(beacon.event, "userevent");
-  EXPECT_EQ(beacon.parameters(),
-            params("type=hardwarefailure&reason=microphone&code=-50&currentmicrophone=Built-In&"
-                   "currentpolarpattern=omni&targetmicrophone=USB&stereoorientation="));
 }
 
 // MARK: - Tags
@@ -457,33 +443,40 @@ TEST_F(TaggingReporterTest, AutoTagWithoutTrackIdIsStillHandedToTheDispatcher) {
   EXPECT_EQ(records[0]->parameters().keys(), (std::vector<std::string>{"currentorientation"}));
 }
 
+TEST_F(TaggingReporterTest, SingleBeacons) {
+  using R = KVRTaggingReporter;
+  KVRFeatureExtractionDetails noSampleLength;
+  noSampleLength.duration = 0.0126;
+  expectBeacons({
+      // An unknown origin leaves the origin out.
+      {[] { R::reportTaggingSessionStarted("S", 22, std::nullopt, true); },
+       "type=taggingstarted&background=1"},
+      // A deleted tag puts its origin under "tagtype".
+      {[] { R::reportDeletedTagWithTrackID("TR", "history"); },
+       "type=deletetagtapped&trackkey=TR&tagtype=history"},
+      {[] { R::reportDeletedTagWithTrackID(std::nullopt, std::nullopt); }, "type=deletetagtapped"},
+      {[] { R::reportMagicTap(); }, "type=magictap"},
+      {[] { R::reportHardwareConfigurationFailure(0, "-50", "Built-In", "omni", "USB", {}, ""); },
+       "type=hardwarefailure&reason=microphone&code=-50&currentmicrophone=Built-In&"
+       "currentpolarpattern=omni&targetmicrophone=USB&stereoorientation="},
+      {[] { R::reportTaggingErrorWithTagID("T9", -202); },
+       "code=-202&taggingerrorcode=-202&tagid=T9", "error"},
+      {[] { R::reportTaggingErrorWithTagID(std::nullopt, std::nullopt); }, "", "error"},
+      // Feature extraction without details leaves their keys out.
+      {[&] {
+         R::reportFeatureExtractionEndedWithOutcome(0, &noSampleLength, std::nullopt, nullptr);
+       },
+       "type=feature_extraction&outcome=success&time=13", "performance"},
+      {[] { R::reportFeatureExtractionEndedWithOutcome(0, nullptr, "T", nullptr); },
+       "type=feature_extraction&outcome=success&tagid=T", "performance"},
+  });
+}
+
 TEST_F(TaggingReporterTest, TagErrorSendsTheCodeAsTextAndAsNumber) {
   KVRTaggingReporter::reportTaggingErrorWithTagID("T9", -202);
-  const auto beacon = onlySent();
-  EXPECT_EQ(beacon.event, "error");
-  EXPECT_EQ(beacon.parameters(), params("code=-202&taggingerrorcode=-202&tagid=T9"));
   const auto& p = submitted().at(0)->parameters();
   EXPECT_EQ(p.find("code")->kind(), KVRValue::Kind::String);
   EXPECT_EQ(p.find("taggingerrorcode")->kind(), KVRValue::Kind::Int);
-
-  executor_->clear();
-  KVRTaggingReporter::reportTaggingErrorWithTagID(std::nullopt, std::nullopt);
-  EXPECT_TRUE(onlySent().parameters().empty());
-}
-
-TEST_F(TaggingReporterTest, DeletedTagPutsItsOriginUnderTagType) {
-  KVRTaggingReporter::reportDeletedTagWithTrackID("TR", "history");
-  EXPECT_EQ(onlySent().parameters(), params("type=deletetagtapped&trackkey=TR&tagtype=history"));
-  executor_->clear();
-  KVRTaggingReporter::reportDeletedTagWithTrackID(std::nullopt, std::nullopt);
-  EXPECT_EQ(onlySent().parameters(), params("type=deletetagtapped"));
-}
-
-TEST_F(TaggingReporterTest, MagicTapIsOnlyItsType) {
-  KVRTaggingReporter::reportMagicTap();
-  const auto beacon = onlySent();
-  EXPECT_EQ(beacon.event, "userevent");
-  EXPECT_EQ(beacon.parameters(), params("type=magictap"));
 }
 
 TEST_F(TaggingReporterTest, FeatureExtractionOutcomes) {
@@ -515,18 +508,6 @@ TEST_F(TaggingReporterTest, FeatureExtractionOutcomes) {
     EXPECT_EQ(beacon.event, "performance") << c.outcome;
     EXPECT_EQ(beacon.parameters(), params(c.expected)) << c.outcome;
   }
-}
-
-TEST_F(TaggingReporterTest, FeatureExtractionWithoutDetailsLeavesTheirKeysOut) {
-  KVRFeatureExtractionDetails noSampleLength;
-  noSampleLength.duration = 0.0126;
-  KVRTaggingReporter::reportFeatureExtractionEndedWithOutcome(0, &noSampleLength, std::nullopt,
-                                                              nullptr);
-  KVRTaggingReporter::reportFeatureExtractionEndedWithOutcome(0, nullptr, "T", nullptr);
-  const auto beacons = sent();
-  ASSERT_EQ(beacons.size(), 2u);
-  EXPECT_EQ(beacons[0].parameters(), params("type=feature_extraction&outcome=success&time=13"));
-  EXPECT_EQ(beacons[1].parameters(), params("type=feature_extraction&outcome=success&tagid=T"));
 }
 
 // MARK: - Tag parameters
