@@ -134,7 +134,8 @@ TEST_F(KVRBeaconTest, DeviceModelPerType) {
       {KVRBeaconTypeTestTagged, "/I/1.0/iPhone14%2C2/testtagged"},
       {KVRBeaconTypeAutoTag, "/I/1.0/iPhone14%2C2/autotag"},
   };
-  for (const auto& c : cases) KVRBeacon::sendBeaconOfType(c.type, {});
+  // A type with an event of its own ignores the caller's.
+  for (const auto& c : cases) KVRBeacon::sendBeaconOfType(c.type, {}, "foo");
   auto beacons = sent();
   ASSERT_EQ(beacons.size(), cases.size());
   for (size_t i = 0; i < cases.size(); ++i) {
@@ -145,7 +146,7 @@ TEST_F(KVRBeaconTest, DeviceModelPerType) {
   // Every comma of the model is encoded.
   executor_->clear();
   configure(kReferenceTemplate, "I", "Mac,1,2");
-  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {});
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {}, "foo");
   KVRBeacon::sendBeaconOfType(KVRBeaconTypeWatchTagged, {});
   beacons = sent();
   ASSERT_EQ(beacons.size(), 2u);
@@ -385,15 +386,6 @@ TEST_F(KVRBeaconTest, WebInitiatedWithoutEventHasNoEventComponent) {
   EXPECT_EQ(queryNames(beacon), (Names{"clientcreationtimestamp", "clientbeaconuuid", "a", "x"}));
 }
 
-TEST_F(KVRBeaconTest, ConstantEventsIgnoreTheCallersEvent) {
-  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {}, "foo");
-  KVRBeacon::sendBeaconOfType(KVRBeaconTypeTestTagged, {}, "foo");
-  const auto beacons = sent();
-  ASSERT_EQ(beacons.size(), 2u);
-  EXPECT_EQ(beacons[0].event, "userevent");
-  EXPECT_EQ(beacons[1].event, "testtagged");
-}
-
 TEST_F(KVRBeaconTest, PinnedUUIDIsTheIdentifierAndIsSentOnce) {
   NotificationLog log(env_.notificationCenter());
   const auto uuid = KVRBeacon::sendBeaconOfType(
@@ -555,9 +547,7 @@ TEST_F(KVRBeaconTest, BackgroundSessionIsMadeOnceOnFirstUse) {
   EXPECT_EQ(session->count(), 2u);
   EXPECT_EQ(KVRBeacon::backgroundSession(), session);
   EXPECT_EQ(executor_->count(), 0u);
-}
 
-TEST_F(KVRBeaconTest, BackgroundSessionIdentifierWithoutBundle) {
   env_.setMainBundleIdentifier(std::nullopt);
   KVRBeacon::setBackgroundSession(nullptr);
   EXPECT_EQ(KVRBeacon::backgroundSession()->backgroundSessionIdentifier(),
