@@ -5,8 +5,6 @@
 #include <charconv>
 #include <cstdio>
 #include <cstdlib>
-#include <cstdint>
-#include <limits>
 #include <optional>
 #include <string>
 #include <utility>
