@@ -9,6 +9,7 @@
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
+#include "support/NotificationLog.h"
 #include "support/TestEnv.h"
 
 namespace korvel {
@@ -106,12 +107,7 @@ TEST_F(KVRBeaconFactoryTest, TaggedRecordsKeepTheirBeaconType) {
 }
 
 TEST_F(KVRBeaconFactoryTest, TypesOutsideTheTableMakeNothingAndAnnounceNothing) {
-  int createdCount = 0;
-  platform::ObserverRegistration observer(
-      env_.notificationCenter(),
-      env_.notificationCenter().addObserver(
-          std::string(KVRReliableNetworkingTaskCreatedNotification),
-          [&](const platform::Notification&) { ++createdCount; }));
+  testing::NotificationLog log(env_.notificationCenter());
   for (int type : {0, -1, 21, 22, 100, INT_MIN, INT_MAX}) {
     EXPECT_EQ(KVRBeaconFactory::beaconForType(static_cast<KVRBeaconType>(type), {{"a", "b"}}),
               nullptr)
@@ -121,10 +117,10 @@ TEST_F(KVRBeaconFactoryTest, TypesOutsideTheTableMakeNothingAndAnnounceNothing) 
         nullptr)
         << type;
   }
-  EXPECT_EQ(createdCount, 0);
+  EXPECT_TRUE(log.entries().empty());
   KVRBeaconFactory::beaconForType(KVRBeaconTypeStartup, {});
   KVRBeaconFactory::beaconForType(KVRBeaconTypePerformance, {});
-  EXPECT_EQ(createdCount, 2);
+  EXPECT_EQ(log.created().size(), 2u);
 }
 
 TEST_F(KVRBeaconFactoryTest, WebInitiatedWithoutAnEventHasNone) {

@@ -8,7 +8,6 @@
 #include <atomic>
 #include <climits>
 #include <limits>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
@@ -17,6 +16,7 @@
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNNetwork.h>
 #include <korvel/foundation/KeyedArchive.h>
+#include "support/NotificationLog.h"
 #include "support/TestEnv.h"
 #include "support/WireText.h"
 
@@ -24,6 +24,7 @@ namespace korvel {
 namespace {
 
 using testing::CapturingExecutor;
+using testing::NotificationLog;
 using testing::decodeWireBeacon;
 using testing::WireBeacon;
 using Items = std::vector<std::pair<std::string, std::string>>;
@@ -39,58 +40,6 @@ Names queryNames(const WireBeacon& beacon) {
   for (const auto& item : beacon.query) names.push_back(item.first);
   return names;
 }
-
-// Every created and submitted notification posted on a centre, in order.
-class NotificationLog {
- public:
-  struct Entry {
-    std::string name;
-    std::any object;
-    std::thread::id thread;
-  };
-
-  explicit NotificationLog(platform::NotificationCenter& center) {
-    for (auto name : {KVRReliableNetworkingTaskCreatedNotification,
-                      KVRReliableNetworkingTaskSubmittedNotification}) {
-      registrations_.emplace_back(
-          center, center.addObserver(std::string(name), [this](const platform::Notification& n) {
-            std::lock_guard lock(mutex_);
-            entries_.push_back({std::string(n.name), n.object, std::this_thread::get_id()});
-          }));
-    }
-  }
-
-  std::vector<Entry> entries() const {
-    std::lock_guard lock(mutex_);
-    return entries_;
-  }
-  std::vector<Entry> named(std::string_view name) const {
-    std::vector<Entry> out;
-    for (auto& e : entries()) {
-      if (e.name == name) out.push_back(e);
-    }
-    return out;
-  }
-  std::vector<KVRParameters> created() const {
-    std::vector<KVRParameters> out;
-    for (auto& e : named(KVRReliableNetworkingTaskCreatedNotification)) {
-      out.push_back(std::any_cast<KVRParameters>(e.object));
-    }
-    return out;
-  }
-  std::vector<std::shared_ptr<const KVRReliableNetworkingTask>> submitted() const {
-    std::vector<std::shared_ptr<const KVRReliableNetworkingTask>> out;
-    for (auto& e : named(KVRReliableNetworkingTaskSubmittedNotification)) {
-      out.push_back(std::any_cast<std::shared_ptr<const KVRReliableNetworkingTask>>(e.object));
-    }
-    return out;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<Entry> entries_;
-  std::vector<platform::ObserverRegistration> registrations_;
-};
 
 class KVRBeaconTest : public testing::BeaconTest {
  protected:

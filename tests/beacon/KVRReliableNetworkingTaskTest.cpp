@@ -2,10 +2,9 @@
 
 #include <gtest/gtest.h>
 
-#include <any>
 #include <charconv>
 #include <limits>
-#include <mutex>
+#include <optional>
 #include <string>
 #include <tuple>
 #include <vector>
@@ -14,6 +13,7 @@
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KeyedArchive.h>
+#include "support/NotificationLog.h"
 #include "support/TestEnv.h"
 
 namespace korvel {
@@ -26,24 +26,14 @@ class KVRReliableNetworkingTaskTest : public testing::BeaconTest {
  protected:
   void SetUp() override {
     BeaconTest::SetUp();
-    auto& center = env_.notificationCenter();
-    created_ = platform::ObserverRegistration(
-        center, center.addObserver(std::string(KVRReliableNetworkingTaskCreatedNotification),
-                                   [this](const platform::Notification& n) {
-                                     std::lock_guard lock(mutex_);
-                                     created_list_.push_back(
-                                         std::any_cast<KVRParameters>(n.object));
-                                   }));
+    log_.emplace(env_.notificationCenter());
   }
   void TearDown() override {
-    created_.reset();
+    log_.reset();
     BeaconTest::TearDown();
   }
 
-  std::vector<KVRParameters> created() const {
-    std::lock_guard lock(mutex_);
-    return created_list_;
-  }
+  std::vector<KVRParameters> created() const { return log_->created(); }
 
   template <class T = KVRUserEventBeacon>
   std::shared_ptr<T> makeRecord(const KVRParameters& parameters, bool withSession = true) {
@@ -62,9 +52,7 @@ class KVRReliableNetworkingTaskTest : public testing::BeaconTest {
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<KVRParameters> created_list_;
-  platform::ObserverRegistration created_;
+  std::optional<testing::NotificationLog> log_;
 };
 
 TEST_F(KVRReliableNetworkingTaskTest, CreationMergesCommonParametersOverTheCallers) {
