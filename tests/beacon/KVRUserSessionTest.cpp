@@ -247,14 +247,25 @@ TEST_F(KVRUserSessionTest, ResetEndsThenStarts) {
   EXPECT_EQ(KVRUserSession::sessionTimer().elapsedTimeForKey("kKVRUserSessionTimer"), 4.0);
 }
 
-TEST_F(KVRUserSessionTest, CommonParametersWithDelegateInOrder) {
+TEST_F(KVRUserSessionTest, CommonParametersInOrder) {
   KVNConfiguration::sharedInstance().setDeviceSystemVersion("17.1");
   KVNConfiguration::setDeviceOSBuildNumber("21B74");
   KVNConfiguration::sharedInstance().setBeaconParameters({{"srv", "1"}, {"micon", "server"}});
   KVRUserSession::setSessionID("SID");
-  useFullDelegate();
   KVRUserSession::addAdditionalReportingParametersToCurrentSession({{"sp", "x"}});
+  // Without a delegate, or with one that has no global data, only these.
+  EXPECT_EQ(described(common()), (Items{{"sessionid", "SID"},
+                                        {"osversion", "17.1"},
+                                        {"buildnum", "21B74"},
+                                        {"srv", "1"},
+                                        {"micon", "server"},
+                                        {"sp", "x"}}));
+  EXPECT_EQ(KVRUserSession().currentScreenName(), std::nullopt);
+  delegate_->setGlobal(std::nullopt);
+  KVRUserSession::setUserSessionDelegate(delegate_);
+  EXPECT_EQ(common().keys(), (Names{"sessionid", "osversion", "buildnum", "srv", "micon", "sp"}));
 
+  useFullDelegate();
   const Items expected = {
       {"aa", "1"},
       {"sessionid", "SID"},
@@ -280,31 +291,13 @@ TEST_F(KVRUserSessionTest, CommonParametersWithDelegateInOrder) {
   Items wire = {{"type", "share"}, {"value", "3"}};
   wire.insert(wire.end(), expected.begin(), expected.end());
   EXPECT_EQ(onlySent().parameters(), wire);
-}
-
-TEST_F(KVRUserSessionTest, CommonParametersWithoutDelegate) {
-  KVNConfiguration::sharedInstance().setDeviceSystemVersion("17.1");
-  KVNConfiguration::setDeviceOSBuildNumber("21B74");
-  KVNConfiguration::sharedInstance().setBeaconParameters({{"srv", "1"}});
-  KVRUserSession::setSessionID("SID");
-  KVRUserSession::addAdditionalReportingParametersToCurrentSession({{"sp", "x"}});
-  EXPECT_EQ(described(common()), (Items{{"sessionid", "SID"},
-                                        {"osversion", "17.1"},
-                                        {"buildnum", "21B74"},
-                                        {"srv", "1"},
-                                        {"sp", "x"}}));
-  EXPECT_EQ(KVRUserSession().currentScreenName(), std::nullopt);
-
-  // A delegate without global data adds nothing either.
-  delegate_->setGlobal(std::nullopt);
-  KVRUserSession::setUserSessionDelegate(delegate_);
-  EXPECT_EQ(common().keys(), (Names{"sessionid", "osversion", "buildnum", "srv", "sp"}));
 
   // Missing values leave their keys out.
+  KVRUserSession::setUserSessionDelegate(nullptr);
   KVRUserSession::setSessionID(std::nullopt);
   KVNConfiguration::sharedInstance().setDeviceSystemVersion(std::nullopt);
   KVNConfiguration::setDeviceOSBuildNumber(std::nullopt);
-  EXPECT_EQ(common().keys(), (Names{"srv", "sp"}));
+  EXPECT_EQ(common().keys(), (Names{"srv", "micon", "sp"}));
 }
 
 TEST_F(KVRUserSessionTest, LaterStepsOverwriteEarlierOnes) {
