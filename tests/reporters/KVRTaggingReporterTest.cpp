@@ -342,9 +342,7 @@ TEST_F(TaggingReporterTest, HardwareFailureReasons) {
 
 // MARK: - Tags
 
-TEST_F(TaggingReporterTest, TagCarriesTagThenSuccessfulParametersInOrder) {
-  env_.setDeviceOrientation(DeviceOrientation::LandscapeLeft);
-  KVRInitialOrientation::setInitialOrientation(DeviceOrientation::Portrait);
+KVRTagDetails everyField() {
   KVRTagDetails d;
   d.thirdPartyOrigin = "ignored";
   d.tagTypeString = "manual";
@@ -365,7 +363,13 @@ TEST_F(TaggingReporterTest, TagCarriesTagThenSuccessfulParametersInOrder) {
   d.inputPort = "mic";
   d.tagDuration = 1.2345;
   d.unsubmitted = true;
+  return d;
+}
 
+TEST_F(TaggingReporterTest, TagCarriesTagThenSuccessfulParametersInOrder) {
+  env_.setDeviceOrientation(DeviceOrientation::LandscapeLeft);
+  KVRInitialOrientation::setInitialOrientation(DeviceOrientation::Portrait);
+  const KVRTagDetails d = everyField();
   KVRTaggingReporter::reportTag(&d, 1);
   const auto beacon = onlySent();
   EXPECT_EQ(beacon.event, "tagged");
@@ -539,21 +543,10 @@ void expectSameContent(const ReportingParameters& set, const KVRParameters& dict
 TEST_F(TaggingReporterTest, TypedSetAndDictionariesAgreeForEveryField) {
   KVRInitialOrientation::setInitialOrientation(DeviceOrientation::Portrait);
   env_.setDeviceOrientation(DeviceOrientation::FaceUp);
-  KVRTagDetails d;
-  d.tagTypeString = "manual";
+  KVRTagDetails d = everyField();  // the recording figures are for successful tags only
   d.trackID = "";  // an empty string is a value and is kept
-  d.adamID = "A1";
-  d.artistAdamID = "AR1";
-  d.type = "exact";
-  d.forensicID = "F1";
-  d.tagID = "T1";
-  d.recognitionType = "audio";  // successful tags only
   d.sampleRate = 8000;
-  d.microphone = "front";
-  d.polarPattern = "cardioid";
   d.headphonesConnected = 1;
-  d.outputPort = "speaker";
-  d.inputPort = "mic";
 
   const auto set = KVRTaggingReporter::reportingParameters(&d);
   const ReportingParameters expected = {
