@@ -10,6 +10,7 @@
 #include <limits>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <korvel/beacon/KVRConstants.h>
@@ -297,10 +298,9 @@ TEST_F(KVRBeaconTest, CreatedThenSubmittedWithTheirPayloads) {
   // Submitted: the record itself, the one whose uuid was returned.
   ASSERT_EQ(entries[1].object.type(), typeid(std::shared_ptr<const KVRReliableNetworkingTask>));
   const auto record = log.submitted().at(0);
-  EXPECT_EQ(record->uuid(), uuid);
-  EXPECT_EQ(record->event(), "userevent");
+  EXPECT_EQ(std::tuple(record->uuid(), record->event(), record->className()),
+            std::tuple(uuid, "userevent", "KVRUserEventBeacon"));
   EXPECT_EQ(record->parameters(), (KVRParameters{{"a", "b"}}));
-  EXPECT_EQ(record->className(), "KVRUserEventBeacon");
   EXPECT_EQ(submitted().at(0).get(), record.get());
   EXPECT_EQ(onlySent().value("clientbeaconuuid"), uuid);
 }
@@ -388,10 +388,9 @@ TEST_F(KVRBeaconTest, RequestSettings) {
   const auto requests = executor_->requests();
   ASSERT_EQ(requests.size(), 2u);
   for (const auto& r : requests) {
-    EXPECT_EQ(r.httpMethod(), KVNNetworkRequestHTTPMethodGET);
-    EXPECT_EQ(r.backgroundSessionRetryCount(), 3);
-    EXPECT_EQ(r.priority(), 1);
-    EXPECT_EQ(r.configurationPolicy(), 2);
+    EXPECT_EQ(std::tuple(r.httpMethod(), r.backgroundSessionRetryCount(), r.priority(),
+                         r.configurationPolicy()),
+              std::tuple(KVNNetworkRequestHTTPMethodGET, 3, 1, 2));
     EXPECT_TRUE(r.endpointBuilderBlock() != nullptr);
   }
 }

@@ -135,9 +135,9 @@ TEST_F(KVRReliableNetworkingTaskTest, CreationIsAnnouncedOnceWithTheStampedRecor
   const auto* wire = all[0].find("parameters")->asDictionary();
   ASSERT_NE(wire, nullptr);
   EXPECT_EQ(wire->keys(), (Names{"a", "clientcreationtimestamp", "clientbeaconuuid", "inid"}));
-  EXPECT_EQ(wire->stringForKey("clientcreationtimestamp"), "1700000001");
-  EXPECT_EQ(wire->stringForKey("clientbeaconuuid"), kUUID);
-  EXPECT_EQ(wire->stringForKey("inid"), "TEST-INID");
+  EXPECT_EQ(std::tuple(wire->stringForKey("clientcreationtimestamp"),
+                       wire->stringForKey("clientbeaconuuid"), wire->stringForKey("inid")),
+            std::tuple("1700000001", kUUID, "TEST-INID"));
 }
 
 TEST_F(KVRReliableNetworkingTaskTest, RecordMadeBeforeConfigurationPicksUpTheInidLater) {

@@ -314,10 +314,11 @@ TEST_F(OverlayTest, PagesNavigateWithoutWrappingAndTheTitleFollows) {
   auto& overlay = *window->debugOverlayViewController();
   const auto& pages = overlay.debugViewControllers();
   EXPECT_EQ(overlay.presentationCount(), 6u);
-  EXPECT_EQ(overlay.viewControllerBefore(*pages.front()), nullptr);
-  EXPECT_EQ(overlay.viewControllerAfter(*pages.back()), nullptr);
-  EXPECT_EQ(overlay.viewControllerAfter(*pages[0]), pages[1]);
-  EXPECT_EQ(overlay.viewControllerBefore(*pages[5]), pages[4]);
+  EXPECT_EQ(std::tuple(overlay.viewControllerBefore(*pages.front()),
+                       overlay.viewControllerAfter(*pages.back()),
+                       overlay.viewControllerAfter(*pages[0]),
+                       overlay.viewControllerBefore(*pages[5])),
+            std::tuple(nullptr, nullptr, pages[1], pages[4]));
 
   window->presentDebugMenu();
   EXPECT_FALSE(overlay.showPreviousPage());

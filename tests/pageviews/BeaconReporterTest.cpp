@@ -7,6 +7,7 @@
 #include <memory>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -68,10 +69,9 @@ TEST_F(BeaconReporterTest, SendsOneBeaconOfTheCallersTypeAndReturnsItsUUID) {
   EXPECT_EQ(uuid, "5A3C1E2B-0000-4000-8000-00000000CAFE");
 
   const auto beacon = onlySent();
-  EXPECT_EQ(beacon.event, "pageview");
-  EXPECT_EQ(beacon.value(std::string(KVRBeaconUUIDKey)), uuid);
-  EXPECT_EQ(beacon.value("screenname"), "home");
-  EXPECT_EQ(beacon.value("headphones"), "1");
+  EXPECT_EQ(std::tuple(beacon.event, beacon.value(std::string(KVRBeaconUUIDKey)),
+                       beacon.value("screenname"), beacon.value("headphones")),
+            std::tuple("pageview", uuid, "home", "1"));
   EXPECT_EQ(beacon.parameters().size(), 2u);
 }
 
