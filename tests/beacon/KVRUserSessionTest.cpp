@@ -224,16 +224,6 @@ TEST_F(KVRUserSessionTest, VetoSuppressesTheBeaconButTheSessionStillEnds) {
   EXPECT_EQ(sentWithEvent("usersession").size(), 1u);
 }
 
-TEST_F(KVRUserSessionTest, WithoutDelegateTheSessionBeaconIsStillSent) {
-  KVRUserSession::startSession();
-  env_.advanceMonotonic(kSecond);
-  KVRUserSession::endSession();
-  const auto sessions = sentWithEvent("usersession");
-  ASSERT_EQ(sessions.size(), 1u);
-  EXPECT_EQ(sessions[0].value("duration"), "1");
-  EXPECT_EQ(sessions[0].value("darkmode"), "0");
-}
-
 TEST_F(KVRUserSessionTest, ResetEndsThenStarts) {
   KVRUserSession::startSession();
   const auto before = KVRUserSession::sessionID();
