@@ -55,8 +55,8 @@ TEST(URLComponentsTest, QueryItemsSurviveAnIndependentFormDecoder) {
   auto reparsed = URLComponents::parse(text);
   ASSERT_TRUE(reparsed);
   EXPECT_EQ(reparsed->queryItems(), kAwkwardItems);
-  EXPECT_EQ(reparsed->percentEncodedPath(), "/b/I/1.0/iPhone14%2C2");
-  EXPECT_EQ(reparsed->string(), text);
+  EXPECT_EQ(std::tuple(reparsed->percentEncodedPath(), reparsed->string()),
+            std::tuple("/b/I/1.0/iPhone14%2C2", text));
 }
 
 TEST(URLComponentsTest, TemplateGetsEventPathAndQuery) {

@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -85,9 +86,8 @@ TEST_F(TaggingReporterTest, TimeSpentIsEndMinusStartInWholeMilliseconds) {
   env_.setNow(1'003.0014);
   KVRTaggingReporter::reportTaggingSessionEnded("S", nullptr, 1, false, nullptr);
   const auto ended = sent().at(1);
-  EXPECT_EQ(ended.value("starttime"), "1000000");
-  EXPECT_EQ(ended.value("endtime"), "1003001");
-  EXPECT_EQ(ended.value("timespent"), "3001");
+  EXPECT_EQ(std::tuple(ended.value("starttime"), ended.value("endtime"), ended.value("timespent")),
+            std::tuple("1000000", "1003001", "3001"));
   // Without tag details the tag parameters still name the orientation.
   EXPECT_EQ(ended.parameters().at(1),
             (std::pair<std::string, std::string>{"currentorientation", "unknown"}));
@@ -129,11 +129,11 @@ TEST_F(TaggingReporterTest, StartingTwiceReplacesTheFirstSession) {
   const auto beacons = sent();
   ASSERT_EQ(beacons.size(), 3u);
   EXPECT_EQ(beacons[0].value("origin"), "primary");
-  EXPECT_EQ(beacons[1].value("type"), "taggingstarted");
-  EXPECT_EQ(beacons[1].value("origin"), "camera");
-  EXPECT_EQ(beacons[2].value("origin"), "camera");
-  EXPECT_EQ(beacons[2].value("starttime"), "200000");
-  EXPECT_EQ(beacons[2].value("timespent"), "1000");
+  EXPECT_EQ(std::tuple(beacons[1].value("type"), beacons[1].value("origin")),
+            std::tuple("taggingstarted", "camera"));
+  EXPECT_EQ(std::tuple(beacons[2].value("origin"), beacons[2].value("starttime"),
+                       beacons[2].value("timespent")),
+            std::tuple("camera", "200000", "1000"));
 }
 
 TEST_F(TaggingReporterTest, SessionsAreKeptApartById) {
@@ -663,9 +663,8 @@ TEST_F(TaggingReporterTest, NoMatchRecordNamesItselfAfterItsDate) {
   EXPECT_EQ(now.date(), KVRDate{1'710'493'507.25});
 
   const KVRNoMatchTagInfo undated(std::nullopt);
-  EXPECT_EQ(undated.tagID(), "NO_MATCH-(null)");
-  EXPECT_EQ(undated.trackIDOrUnknown(), "NO_MATCH");
-  EXPECT_EQ(undated.date(), std::nullopt);
+  EXPECT_EQ(std::tuple(undated.tagID(), undated.trackIDOrUnknown(), undated.date()),
+            std::tuple("NO_MATCH-(null)", "NO_MATCH", std::nullopt));
   EXPECT_TRUE(sent().empty());
 }
 

@@ -6,6 +6,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include <korvel/foundation/KeyedArchive.h>
@@ -268,12 +269,10 @@ TEST_F(PageViewTrackingTest, ThePlatformControllerGetsItsOwnArguments) {
   EXPECT_EQ(TrackedTable(manager_, PageName("t"), {}).style(), ui::TableViewStyle::Plain);
 
   const TrackedScreen plain(manager_, PageName("v"), {});
-  EXPECT_EQ(plain.nibName(), std::nullopt);
-  EXPECT_EQ(plain.nibBundle(), std::nullopt);
+  EXPECT_EQ(std::tuple(plain.nibName(), plain.nibBundle()), std::tuple(std::nullopt, std::nullopt));
   const TrackedTable nib("Settings", ui::Bundle{"b"}, manager_, PageName("t"), {});
-  EXPECT_EQ(nib.nibName(), "Settings");
-  EXPECT_EQ(nib.nibBundle(), ui::Bundle{"b"});
-  EXPECT_EQ(nib.pageViewManager(), manager_);
+  EXPECT_EQ(std::tuple(nib.nibName(), nib.nibBundle(), nib.pageViewManager()),
+            std::tuple("Settings", ui::Bundle{"b"}, manager_));
 }
 
 TEST_F(PageViewTrackingTest, AnUnreadableArchiveMakesNoScreen) {
