@@ -613,6 +613,25 @@ TEST_F(RequestStoreTest, ReadsARequestBackWhereverItIsNowAndOnlyWhileStored) {
   store = open(4096);
   ASSERT_EQ(store->recover().size(), 6u);
   EXPECT_EQ(store->load(written[50].id), written[50]);
+  // The next run's ids (a higher epoch, the same low halves) beside the
+  // earlier run's, through rotation and compaction.
+  std::vector<StoredRequest> now;
+  for (uint32_t i = 0; i < 60; i += 10) {
+    now.push_back(request((uint64_t{store->epoch()} << 32) | i, std::string(300 + i, 'n')));
+    ASSERT_TRUE(store->append(encodeFrame(now.back()), now.back().id));
+  }
+  store->sync({});
+  const uint64_t finishedNow[] = {now[0].id, written[0].id};
+  store->sync(finishedNow);
+  store->compact();
+  for (size_t i = 0; i < now.size(); ++i) {
+    EXPECT_EQ(store->load(now[i].id).has_value(), i != 0) << i;
+    EXPECT_EQ(store->load(written[i * 10].id).has_value(), i != 0) << i;
+    if (i != 0) {
+      EXPECT_EQ(store->load(now[i].id), now[i]) << i;
+      EXPECT_EQ(store->load(written[i * 10].id), written[i * 10]) << i;
+    }
+  }
 }
 
 TEST_F(RequestStoreTest, AFailedMarksWriteIsRetriedAndLoggedOnce) {
