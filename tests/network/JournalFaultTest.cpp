@@ -505,5 +505,45 @@ TEST_F(JournalFaultTest, WhileTheWriterIsAwayAtMostOneClosedSegmentStaysMapped) 
   EXPECT_EQ(idsOf(store->recover()), ids);
 }
 
+// Spares wait with only their first pages mapped (each mapped page is
+// resident); the one appends go to next is made writable whole by the
+// writer as soon as it is next, at the sync a switch brings forward.
+TEST_F(JournalFaultTest, TheWriterPrefaultsTheSpareThatAppendsGoToNext) {
+  FaultInjectingFileSystem files;
+  JournalFront front(options(1u << 20, &files));
+  ASSERT_TRUE(front.open());
+  const uint64_t epoch = uint64_t{front.epoch()} << 32;
+  uint32_t next = 0;
+  const auto fillActive = [&] {
+    const uint32_t filling = front.activeSegment();
+    while (front.activeSegment() == filling) {
+      const uint64_t id = epoch | next++;
+      if (!front.append(frameOf(id, 2000), id)) {
+        ADD_FAILURE() << "append " << next;
+        break;
+      }
+    }
+  };
+  front.syncActive();
+  std::vector<std::string> prefaulted;  // by each sync after a switch
+  std::vector<uint32_t> movedTo;        // the segment each switch went to
+  for (int round = 0; round < 5; ++round) {
+    fillActive();
+    movedTo.push_back(front.activeSegment());
+    files.startRecording();
+    front.syncActive();
+    std::string names;
+    for (const auto& event : files.recorded()) {
+      if (event.starts_with("prefault ")) names += (names.empty() ? "" : " ") + event.substr(9);
+    }
+    prefaulted.push_back(names);
+  }
+  // Segments grew past the spares' first pages from the third switch on;
+  // from then each sync made the next one writable, and only it.
+  for (size_t round = 2; round + 1 < movedTo.size(); ++round) {
+    EXPECT_EQ(prefaulted[round], journal::segmentName(movedTo[round + 1])) << "round " << round;
+  }
+}
+
 }  // namespace
 }  // namespace korvel::network::internal

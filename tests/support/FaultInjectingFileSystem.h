@@ -11,6 +11,7 @@
 #include <atomic>
 #include <cstdio>
 #include <functional>
+#include <iterator>
 #include <map>
 #include <optional>
 #include <string>
@@ -66,7 +67,7 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     syncHooks_.push_back({std::move(text), std::move(action)});
   }
   // From now on, what happens to the files' mappings and data, in order:
-  // "map NAME", "unmap NAME", "cut NAME", "sync NAME".
+  // "map NAME", "prefault NAME", "unmap NAME", "cut NAME", "sync NAME".
   void startRecording() {
     foundation::internal::MutexLock lock(mutex_);
     recording_ = true;
@@ -173,7 +174,16 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     record("unmap", name);
     return real().unmap(address, size);
   }
-  int prefault(void* address, size_t size) override { return real().prefault(address, size); }
+  int prefault(void* address, size_t size) override {
+    std::string name;
+    {
+      foundation::internal::MutexLock lock(mutex_);
+      auto mapping = mapped_.upper_bound(address);
+      if (mapping != mapped_.begin()) name = std::prev(mapping)->second;
+    }
+    record("prefault", name);
+    return real().prefault(address, size);
+  }
   int syncMapped(FileHandle fd, void* address, size_t size) override {
     if (failing(FileCall::Sync, {})) return -1;
     return real().syncMapped(fd, address, size);
