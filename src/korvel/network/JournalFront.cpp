@@ -432,10 +432,12 @@ void JournalFront::prefaultNextSpare() {
     number = next.number;
   }
   // Without the lock: a caller may move on to it meanwhile and append, which
-  // this neither disturbs nor sees (no byte changes). Only this thread
-  // unmaps, so the mapping stays.
+  // this neither disturbs nor sees (no byte changes). Should a caller also
+  // fill it and unmap it (the writer behind) before this is done, the call
+  // fails on the range that went, changing nothing.
   if (files_.prefault(map + from, to - from) != 0) {
-    prefaultWorks_.store(false, std::memory_order_relaxed);
+    // No such call here: from now on spares are written whole when made.
+    if (errno == ENOSYS || errno == EINVAL) prefaultWorks_.store(false, std::memory_order_relaxed);
     return;
   }
   MutexLock lock(mutex_);
