@@ -1,6 +1,8 @@
 #include <korvel/beacon/KVRBeacon.h>
 
+#include <array>
 #include <atomic>
+#include <charconv>
 #include <mutex>
 #include <thread>
 
@@ -92,6 +94,150 @@ std::string encodeCommas(std::string_view model) {
     }
   }
   return out;
+}
+
+// Query names and values keep only the unreserved characters (A-Z a-z 0-9
+// - . _ ~) as they are; every other byte is %XX, so each item survives as
+// one item.
+constexpr auto kUnreservedTable = [] {
+  std::array<bool, 256> keep{};
+  for (int c = 0; c < 256; ++c) {
+    keep[static_cast<size_t>(c)] = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                                   (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_' ||
+                                   c == '~';
+  }
+  return keep;
+}();
+
+// A path component keeps the unreserved characters, the sub-delimiters,
+// ":" and "@"; "/" and the rest are %XX, so it stays one component.
+constexpr auto kPathComponentTable = [] {
+  std::array<bool, 256> keep = kUnreservedTable;
+  for (unsigned char c : std::string_view("!$&'()*+,;=:@")) keep[c] = true;
+  return keep;
+}();
+
+constexpr char kHexDigits[] = "0123456789ABCDEF";
+
+void appendEncoded(std::string& out, std::string_view text, const std::array<bool, 256>& keep) {
+  size_t run = 0;  // bytes kept as they are, appended in one go
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (keep[c]) continue;
+    out.append(text.data() + run, i - run);
+    const char escaped[3] = {'%', kHexDigits[c >> 4], kHexDigits[c & 0x0F]};
+    out.append(escaped, 3);
+    run = i + 1;
+  }
+  out.append(text.data() + run, text.size() - run);
+}
+
+void appendQueryText(std::string& out, std::string_view text) {
+  appendEncoded(out, text, kUnreservedTable);
+}
+
+void appendPathComponent(std::string& out, std::string_view text) {
+  appendEncoded(out, text, kPathComponentTable);
+}
+
+// A parameter's value as its description goes out, without a copy of it
+// where the value is text or an integer.
+void appendQueryValue(std::string& out, const KVRValue& value) {
+  if (const std::string* text = value.asString()) {
+    appendQueryText(out, *text);
+    return;
+  }
+  char digits[24];
+  std::to_chars_result printed{};
+  switch (value.kind()) {
+    case KVRValue::Kind::Int:
+      printed = std::to_chars(digits, digits + sizeof digits, *value.asInt());
+      break;
+    case KVRValue::Kind::UInt:
+      printed = std::to_chars(digits, digits + sizeof digits, *value.asUInt());
+      break;
+    default:
+      appendQueryText(out, value.description());
+      return;
+  }
+  out.append(digits, printed.ptr);  // digits and "-": all unreserved
+}
+
+// What a beacon URL takes from the endpoint template, worked out once per
+// template, inid, app version and device model: everything before the
+// event's path component, the template's own query items as they go out, and
+// its fragment.
+struct EndpointTemplate {
+  std::string endpoint;
+  std::string inid;
+  std::string appVersion;
+  std::string deviceModel;  // as configured
+  std::string model;        // as it goes out
+  bool valid = false;
+  std::string base;  // scheme://[user@]host[:port]path
+  bool pathEndsInSlash = false;
+  std::string query;  // the template's items, encoded, joined with "&"
+  bool hasFragment = false;
+  std::string fragment;
+};
+
+void fillTemplate(EndpointTemplate& out) {
+  std::string templ = out.endpoint;
+  replaceAll(templ, "{inid}", out.inid);
+  replaceAll(templ, "{appversion}", out.appVersion);
+  replaceAll(templ, "{devicemodel}", out.model);
+  out.valid = false;
+  auto components = URLComponents::parse(templ);
+  if (!components) return;
+  out.pathEndsInSlash =
+      !components->percentEncodedPath().empty() && components->percentEncodedPath().back() == '/';
+  // Re-encoded item by item, as the beacon's own items are.
+  out.query.clear();
+  bool first = true;
+  for (const auto& item : components->queryItems()) {
+    if (!first) out.query += '&';
+    first = false;
+    appendQueryText(out.query, item.name);
+    if (item.value) {
+      out.query += '=';
+      appendQueryText(out.query, *item.value);
+    }
+  }
+  // The URL without its query: the base, then "#" and the fragment (which
+  // holds no "#" of its own, nor does anything before it).
+  components->setQueryItems({});
+  const std::string rest = components->string();
+  const size_t hash = rest.find('#');
+  out.base = rest.substr(0, hash);
+  out.hasFragment = hash != std::string::npos;
+  out.fragment = out.hasFragment ? rest.substr(hash + 1) : std::string();
+  out.valid = true;
+}
+
+// The template's parts for this configuration and type; nullptr when the
+// filled-in template is no absolute URL. Kept per thread (one for watch
+// beacons, one for the others) and worked out again when an input changed.
+const EndpointTemplate* endpointTemplate(const KVNConfiguration::Snapshot& config,
+                                         KVRBeaconType type) {
+  thread_local EndpointTemplate cached[2];
+  const bool watch = type == KVRBeaconTypeWatchTagged;
+  EndpointTemplate& templ = cached[watch ? 1 : 0];
+  const std::string& endpoint = *config.beacons.beaconEndpoint;
+  const std::string_view inid = config.inid ? std::string_view(*config.inid) : std::string_view();
+  std::string appVersion = KVNConfiguration::appShortVersion();
+  const std::string_view model =
+      config.deviceModel ? std::string_view(*config.deviceModel) : std::string_view();
+  const bool same = templ.endpoint == endpoint && templ.inid == inid &&
+                    templ.appVersion == appVersion && templ.deviceModel == model;
+  if (!same) {
+    templ.endpoint = endpoint;
+    templ.inid = std::string(inid);
+    templ.appVersion = std::move(appVersion);
+    templ.deviceModel = std::string(model);
+    templ.model = watch ? std::string("watch") : encodeCommas(model);
+    fillTemplate(templ);
+  }
+  return templ.valid ? &templ : nullptr;
 }
 
 KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
@@ -292,31 +438,49 @@ std::optional<std::string> KVRBeacon::endpointURLString(const KVRReliableNetwork
   if (!config->beacons.beaconEndpoint || config->beacons.beaconEndpoint->empty()) {
     return std::nullopt;
   }
-  std::string templ = *config->beacons.beaconEndpoint;
-  replaceAll(templ, "{inid}", config->inid.value_or(""));
-  replaceAll(templ, "{appversion}", KVNConfiguration::appShortVersion());
-  const std::string model = type == KVRBeaconTypeWatchTagged
-                                ? std::string("watch")
-                                : encodeCommas(config->deviceModel.value_or(""));
-  replaceAll(templ, "{devicemodel}", model);
+  const EndpointTemplate* templ = endpointTemplate(*config, type);
+  if (templ == nullptr) return std::nullopt;
 
-  auto components = URLComponents::parse(templ);
-  if (!components) return std::nullopt;
-
-  const auto templateItems = components->queryItems();
-  std::vector<URLQueryItem> items;
-  items.reserve(2 + task.parameters().size() + templateItems.size());
-  items.push_back({std::string(KVRBeaconCreationTimestampKey),
-                   task.formattedCreationTimestampString()});
-  items.push_back({std::string(KVRBeaconUUIDKey), task.uuid()});
-  for (const auto& [key, value] : task.parameters()) {
-    items.push_back({key, value.description()});
+  const KVRParameters& parameters = task.parameters();
+  const auto event = task.event();
+  // Most bytes go out as they are: one block, grown at most once.
+  size_t estimate = templ->base.size() + templ->query.size() + templ->fragment.size() + 96;
+  for (const auto& [key, value] : parameters) {
+    const std::string* text = value.asString();
+    estimate += key.size() + (text != nullptr ? text->size() : 24) + 2;
   }
-  items.insert(items.end(), templateItems.begin(), templateItems.end());
-  components->setQueryItems(items);
+  if (event) estimate += event->size() + 1;
+  std::string url;
+  url.reserve(estimate + estimate / 4);
 
-  if (auto event = task.event()) components->appendPathComponent(*event);
-  return components->string();
+  url += templ->base;
+  if (event) {
+    if (!templ->pathEndsInSlash) url += '/';
+    appendPathComponent(url, *event);
+  }
+  url += '?';
+  appendQueryText(url, KVRBeaconCreationTimestampKey);
+  url += '=';
+  appendQueryText(url, task.formattedCreationTimestampString());
+  url += '&';
+  appendQueryText(url, KVRBeaconUUIDKey);
+  url += '=';
+  appendQueryText(url, task.uuid());
+  for (const auto& [key, value] : parameters) {
+    url += '&';
+    appendQueryText(url, key);
+    url += '=';
+    appendQueryValue(url, value);
+  }
+  if (!templ->query.empty()) {
+    url += '&';
+    url += templ->query;
+  }
+  if (templ->hasFragment) {
+    url += '#';
+    url += templ->fragment;
+  }
+  return url;
 }
 
 }  // namespace korvel

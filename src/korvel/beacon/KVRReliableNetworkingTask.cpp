@@ -1,6 +1,8 @@
 #include <korvel/beacon/KVRReliableNetworkingTask.h>
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <cstdio>
 
 #include <korvel/beacon/KVRBeaconTypes.h>
@@ -130,6 +132,16 @@ bool KVRReliableNetworkingTask::hasINIDExpired() const {
 }
 
 std::string KVRReliableNetworkingTask::formattedCreationTimestampString() const {
+  // Whole seconds as "%.0f" prints them (to the nearest, halves to even, in
+  // the default rounding mode, as nearbyint rounds): below 2^53 every such
+  // value is an exact integer, printed without the formatting machinery.
+  constexpr double kExactIntegers = 9007199254740992.0;  // 2^53
+  if (!std::signbit(creationTimestamp_) && creationTimestamp_ < kExactIntegers) {
+    char digits[24];
+    const auto printed = std::to_chars(digits, digits + sizeof digits,
+                                       static_cast<int64_t>(std::nearbyint(creationTimestamp_)));
+    return std::string(digits, printed.ptr);
+  }
   char buf[64];
   const int length = std::snprintf(buf, sizeof buf, "%.0f", creationTimestamp_);
   if (length < static_cast<int>(sizeof buf)) return buf;
