@@ -199,6 +199,34 @@ void KVRReliableNetworkingTask::encodeWithCoder(KeyedArchiver& coder) const {
 
 void KVRReliableNetworkingTask::initWithCoder(const KeyedUnarchiver& coder) {
   auto parameters = coder.decodeDictionary(kArchiveParametersKey);
+  if (KVNRequestReloading()) {
+    // Read back to be sent: nobody sees the fresh record (it is not
+    // announced again), so only what the archive lacks is made afresh. The
+    // record ends as below: the archived dictionary as the caller's, its
+    // pinned uuid (if any) kept apart.
+    parameters_ = parameters ? std::move(*parameters) : KVRParameters{};
+    nonCommonParameters_.clear();
+    commonParameters_.clear();
+    callerEntries_ = parameters_.size();
+    const KVRValue* pinned = parameters_.find(KVRBeaconUUIDKey);
+    if (pinned != nullptr) {
+      callerEntries_.reset();
+      nonCommonParameters_ = parameters_;
+    }
+    auto timestamp = coder.decodeDouble(kArchiveCreationTimestampKey);
+    creationTimestamp_ =
+        timestamp ? *timestamp : KVRReportingUtilities::timeIntervalSinceReferenceDate();
+    if (auto uuid = coder.decodeString(kArchiveUUIDKey)) {
+      uuid_ = std::move(*uuid);
+    } else {
+      uuid_ = pinned != nullptr ? pinned->description() : platform::env().makeUUIDString();
+    }
+    auto inid = coder.decodeString(kArchiveInidKey);
+    inid_ = inid ? std::move(*inid) : inidToBeacon();
+    auto version = coder.decodeString(kArchiveAppVersionKey);
+    appVersion_ = version ? std::move(*version) : KVNConfiguration::appShortVersion();
+    return;
+  }
 
   // A decoded record is made afresh first (new uuid and time, and the
   // creation notification once more), then takes the archived values; what
