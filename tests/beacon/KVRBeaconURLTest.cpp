@@ -14,6 +14,8 @@
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/foundation/KVNConfiguration.h>
+#include <korvel/foundation/KVNRequestReload.h>
+#include <korvel/foundation/KeyedArchive.h>
 #include <korvel/foundation/URLComponents.h>
 #include "support/TestEnv.h"
 
@@ -132,6 +134,117 @@ TEST_F(KVRBeaconURLTest, SameBytesAsTheURLAssembledFromItsComponents) {
       }
     }
   }
+}
+
+// A beacon read back from the store to be sent has its URL written straight
+// from its archive where the archive is one as stored (text, numbers and
+// booleans); otherwise its record is restored. Either way the URL is the one
+// its restored record gives. The archives here put their keys in an order no
+// record writes, so a request still carrying the bytes as they were stored
+// shows the archive was read directly.
+TEST_F(KVRBeaconURLTest, ABeaconReadBackGoesOutWithItsRecordsURL) {
+  struct Row {
+    const char* name;
+    const char* className;
+    int type;
+    std::optional<std::string> event;
+    KVRParameters parameters;
+    bool withParameters;
+    std::optional<double> time;     // written as a double
+    std::optional<int64_t> intTime;  // written as an integer
+    std::string uuid;
+    bool direct;  // written from the archive, not through a record
+  };
+  const KVRParameters simple{{"type", "share"},
+                             {"hostile", "a&b=c#d e+f%20/\xE2\x82\xAC\n"},
+                             {"", ""},
+                             {"negative", -42},
+                             {"min", std::numeric_limits<int64_t>::min()},
+                             {"max", std::numeric_limits<int64_t>::max()},
+                             {"double", 3.25},
+                             {"float", 0.5f},
+                             {"third", 1.0 / 3.0},
+                             {"yes", true},
+                             {"no", false}};
+  const std::vector<Row> rows = {
+      {"user event", "KVRUserEventBeacon", KVRBeaconTypeUserEvent, std::nullopt, simple, true,
+       1700000000.5, std::nullopt, "U-1", true},
+      {"whole-second time as an integer", "KVRUserEventBeacon", KVRBeaconTypeUserEvent,
+       std::nullopt, simple, true, std::nullopt, 1700000000, "U-2", true},
+      {"no parameters at all", "KVRUserEventBeacon", KVRBeaconTypeUserEvent, std::nullopt, {},
+       true, 1700000000.0, std::nullopt, "U-3", true},
+      {"watch tagged", "KVRTaggedBeacon", KVRBeaconTypeWatchTagged, std::nullopt, simple, true,
+       1700000000.0, std::nullopt, "U-4", true},
+      {"test tagged", "KVRTaggedBeacon", KVRBeaconTypeTestTagged, std::nullopt, simple, true,
+       1700000000.0, std::nullopt, "U-5", true},
+      {"web initiated with its event", "KVRWebInitiatedBeacon", KVRBeaconTypeWebInitiated,
+       "a/b c?d", simple, true, 1700000000.0, std::nullopt, "U-6", true},
+      {"a constant event ignores the stored one", "KVRStartupBeacon", KVRBeaconTypeStartup,
+       "ignored", simple, true, 1700000000.0, std::nullopt, "U-7", true},
+      {"a dictionary value", "KVRUserEventBeacon", KVRBeaconTypeUserEvent, std::nullopt,
+       {{"a", "b"}, {"d", KVRParameters{{"k", "v w"}}}}, true, 1700000000.0, std::nullopt, "U-8",
+       false},
+      {"a list value", "KVRUserEventBeacon", KVRBeaconTypeUserEvent, std::nullopt,
+       {{"l", KVRList{"x", 1}}}, true, 1700000000.0, std::nullopt, "U-9", false},
+      {"a date value", "KVRUserEventBeacon", KVRBeaconTypeUserEvent, std::nullopt,
+       {{"t", KVRDate{1700000000.5}}}, true, 1700000000.0, std::nullopt, "U-10", false},
+      {"an unsigned value", "KVRUserEventBeacon", KVRBeaconTypeUserEvent, std::nullopt,
+       {{"u", std::numeric_limits<uint64_t>::max()}}, true, 1700000000.0, std::nullopt, "U-11",
+       false},
+      {"a URL value", "KVRUserEventBeacon", KVRBeaconTypeUserEvent, std::nullopt,
+       {{"u", KVRURL{"https://x.example/?a=b"}}}, true, 1700000000.0, std::nullopt, "U-12", false},
+      {"no parameters key", "KVRUserEventBeacon", KVRBeaconTypeUserEvent, std::nullopt, {}, false,
+       1700000000.0, std::nullopt, "U-13", false},
+      {"no creation time", "KVRUserEventBeacon", KVRBeaconTypeUserEvent, std::nullopt, simple,
+       true, std::nullopt, std::nullopt, "U-14", false},
+  };
+  KVRBeacon::registerRequestRestorer();
+  const std::string kind(KVRBeacon::kRestorationKind);
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    KeyedArchiver coder;
+    coder.encodeInt("beaconType", row.type);
+    if (row.withParameters) coder.encodeObject("parameters", row.parameters);
+    if (row.time) coder.encodeDouble("creationTimestamp", *row.time);
+    if (row.intTime) coder.encodeInt("creationTimestamp", *row.intTime);
+    coder.encodeObject("uuid", row.uuid);
+    coder.encodeObject("$class", std::string(row.className));
+    if (row.event) coder.encodeObject("beaconEvent", *row.event);
+    coder.encodeObject("inid", std::string("STORED"));
+    coder.encodeObject("appVersion", std::string("0.9"));
+    const std::string payload = coder.encodedData();
+
+    const auto restored = KVNRequestRestorers::restore(kind, payload);
+    const auto readBack = KVNReloadRequest(kind, payload);
+    ASSERT_TRUE(restored && readBack);
+    const auto expected = restored->buildEndpoint();
+    const auto url = readBack->buildEndpoint();
+    ASSERT_TRUE(expected && url);
+    EXPECT_EQ(url->urlString(), expected->urlString());
+    EXPECT_EQ(readBack->restorationPayload() == payload, row.direct);
+    EXPECT_EQ(readBack->priority(), restored->priority());
+    EXPECT_EQ(readBack->configurationPolicy(), restored->configurationPolicy());
+    EXPECT_EQ(readBack->backgroundSessionRetryCount(), restored->backgroundSessionRetryCount());
+    EXPECT_EQ(readBack->restorationKind(), restored->restorationKind());
+
+    // The configuration as it is when the URL is built.
+    configure({"https://other.example.org/c/{inid}/{devicemodel}?y=2", "J", "Pixel,7", "2.0"});
+    EXPECT_EQ(readBack->buildEndpoint()->urlString(), restored->buildEndpoint()->urlString());
+    configure({"https://b.example.com/b/{inid}/{appversion}/{devicemodel}?x=1", "I", "m", "1.0"});
+  }
+
+  // Damaged archives are no requests, whichever way they are read.
+  KeyedArchiver coder;
+  coder.encodeObject("$class", std::string("KVRUserEventBeacon"));
+  coder.encodeObject("parameters", simple);
+  coder.encodeDouble("creationTimestamp", 1700000000.0);
+  coder.encodeObject("uuid", std::string("U"));
+  coder.encodeInt("beaconType", KVRBeaconTypeUserEvent);
+  const std::string whole = coder.encodedData();
+  for (size_t length = 0; length < whole.size(); ++length) {
+    EXPECT_FALSE(KVNReloadRequest(kind, whole.substr(0, length))) << length;
+  }
+  EXPECT_FALSE(KVNReloadRequest(kind, whole + "x"));
 }
 
 TEST(KVRBeaconTimestampTest, CreationTimestampPrintsAsPrintfRoundsIt) {

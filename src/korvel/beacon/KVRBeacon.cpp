@@ -1,8 +1,11 @@
 #include <korvel/beacon/KVRBeacon.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <charconv>
+#include <cstring>
+#include <limits>
 #include <mutex>
 #include <thread>
 
@@ -15,6 +18,7 @@
 #include <korvel/platform/Logging.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/foundation/KVNNetwork.h>
+#include <korvel/foundation/KVNRequestReload.h>
 #include <korvel/foundation/KeyedArchive.h>
 #include <korvel/platform/NotificationCenter.h>
 #include <korvel/foundation/URLComponents.h>
@@ -240,6 +244,361 @@ const EndpointTemplate* endpointTemplate(const KVNConfiguration::Snapshot& confi
   return templ.valid ? &templ : nullptr;
 }
 
+// A beacon's URL as the configuration says now, with writeParameters
+// appending "&name=value" for each of the beacon's parameters; nothing when
+// there is no endpoint or it is not an absolute URL.
+template <class WriteParameters>
+std::optional<std::string> writeURL(KVRBeaconType type, std::string_view timestamp,
+                                    std::string_view uuid, const std::optional<std::string>& event,
+                                    size_t parameterBytes, WriteParameters&& writeParameters) {
+  const auto config = KVNConfiguration::sharedInstance().snapshot();
+  if (!config->beacons.beaconEndpoint || config->beacons.beaconEndpoint->empty()) {
+    return std::nullopt;
+  }
+  const EndpointTemplate* templ = endpointTemplate(*config, type);
+  if (templ == nullptr) return std::nullopt;
+
+  // Most bytes go out as they are: one block, grown at most once.
+  size_t estimate = templ->base.size() + templ->query.size() + templ->fragment.size() +
+                    parameterBytes + 96;
+  if (event) estimate += event->size() + 1;
+  std::string url;
+  url.reserve(estimate + estimate / 4);
+
+  url += templ->base;
+  if (event) {
+    if (!templ->pathEndsInSlash) url += '/';
+    appendPathComponent(url, *event);
+  }
+  url += '?';
+  appendQueryText(url, KVRBeaconCreationTimestampKey);
+  url += '=';
+  appendQueryText(url, timestamp);
+  url += '&';
+  appendQueryText(url, KVRBeaconUUIDKey);
+  url += '=';
+  appendQueryText(url, uuid);
+  writeParameters(url);
+  if (!templ->query.empty()) {
+    url += '&';
+    url += templ->query;
+  }
+  if (templ->hasFragment) {
+    url += '#';
+    url += templ->fragment;
+  }
+  return url;
+}
+
+// MARK: - Read back to be sent
+
+// A stored beacon read back when its turn to be sent comes needs only its
+// URL: rather than a record built value by value (an allocation for every
+// text), its archive is kept as it is and the URL written from it. Only
+// archives as this library writes them are taken so; anything else (a value
+// that is not text, a number or a boolean, a key twice, a field missing or
+// of another kind) is restored the full way, which decides what it is.
+
+// One CBOR item's head, bounds-checked; definite lengths only.
+struct Head {
+  unsigned major = 0;
+  unsigned info = 0;
+  uint64_t argument = 0;  // for major type 7: nothing (see readFloat)
+};
+
+bool readHead(const unsigned char*& at, const unsigned char* end, Head& head) {
+  if (at == end) return false;
+  head.major = *at >> 5;
+  head.info = *at & 0x1Fu;
+  ++at;
+  head.argument = head.info;
+  if (head.major == 7 || head.info < 24) return true;
+  if (head.info > 27) return false;  // indefinite or reserved
+  const size_t width = size_t{1} << (head.info - 24);
+  if (static_cast<size_t>(end - at) < width) return false;
+  head.argument = 0;
+  for (size_t i = 0; i < width; ++i) head.argument = (head.argument << 8) | at[i];
+  at += width;
+  return true;
+}
+
+bool readText(const unsigned char*& at, const unsigned char* end, std::string_view& text) {
+  Head head;
+  if (!readHead(at, end, head) || head.major != 3 ||
+      head.argument > static_cast<uint64_t>(end - at)) {
+    return false;
+  }
+  text = std::string_view(reinterpret_cast<const char*>(at), static_cast<size_t>(head.argument));
+  at += head.argument;
+  return true;
+}
+
+// A float's value after its head (info 26 or 27); false for other simple values.
+bool readFloat(const unsigned char*& at, const unsigned char* end, unsigned info, double& value) {
+  const size_t width = info == 26 ? 4 : info == 27 ? 8 : 0;
+  if (width == 0 || static_cast<size_t>(end - at) < width) return false;
+  uint64_t bits = 0;
+  for (size_t i = 0; i < width; ++i) bits = (bits << 8) | at[i];
+  at += width;
+  if (width == 4) {
+    const auto narrow = static_cast<uint32_t>(bits);
+    float f = 0;
+    std::memcpy(&f, &narrow, sizeof f);
+    value = static_cast<double>(f);
+  } else {
+    std::memcpy(&value, &bits, sizeof value);
+  }
+  return true;
+}
+
+// Moves past one item of the kinds the archiver writes.
+bool skipItem(const unsigned char*& at, const unsigned char* end, int depth) {
+  Head head;
+  if (depth > 64 || !readHead(at, end, head)) return false;
+  switch (head.major) {
+    case 0:
+    case 1:
+      return true;
+    case 2:
+    case 3:
+      if (head.argument > static_cast<uint64_t>(end - at)) return false;
+      at += head.argument;
+      return true;
+    case 4:
+    case 5: {
+      const uint64_t items = head.major == 5 ? 2 * head.argument : head.argument;
+      if (head.argument > static_cast<uint64_t>(end - at)) return false;
+      for (uint64_t i = 0; i < items; ++i) {
+        if (!skipItem(at, end, depth + 1)) return false;
+      }
+      return true;
+    }
+    case 6: {
+      // The archiver's one-byte tag, on a byte string.
+      if (head.info != 24) return false;
+      Head bytes;
+      if (!readHead(at, end, bytes) || bytes.major != 2 ||
+          bytes.argument > static_cast<uint64_t>(end - at)) {
+        return false;
+      }
+      at += bytes.argument;
+      return true;
+    }
+    default: {
+      if (head.info == 20 || head.info == 21 || head.info == 22) return true;
+      double ignored = 0;
+      return readFloat(at, end, head.info, ignored);
+    }
+  }
+}
+
+// A number as the record's decodeDouble gives it: any integer or float.
+bool readNumber(const unsigned char*& at, const unsigned char* end, double& value) {
+  Head head;
+  if (!readHead(at, end, head)) return false;
+  if (head.major == 0) {
+    value = head.argument <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max())
+                ? static_cast<double>(static_cast<int64_t>(head.argument))
+                : static_cast<double>(head.argument);
+    return true;
+  }
+  if (head.major == 1) {
+    if (head.argument > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return false;
+    value = static_cast<double>(-1 - static_cast<int64_t>(head.argument));
+    return true;
+  }
+  return head.major == 7 && readFloat(at, end, head.info, value);
+}
+
+// Appends one parameter value as its description goes out; false for a
+// kind left to the record (containers, dates, URLs, null).
+bool appendArchivedValue(const unsigned char*& at, const unsigned char* end, std::string* url) {
+  Head head;
+  if (!readHead(at, end, head)) return false;
+  char digits[24];
+  switch (head.major) {
+    case 0: {  // an Int, or a UInt past the signed range: the same digits
+      const auto printed = std::to_chars(digits, digits + sizeof digits, head.argument);
+      if (url != nullptr) url->append(digits, printed.ptr);
+      return true;
+    }
+    case 1: {
+      if (head.argument > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return false;
+      const auto printed = std::to_chars(digits, digits + sizeof digits,
+                                         -1 - static_cast<int64_t>(head.argument));
+      if (url != nullptr) url->append(digits, printed.ptr);
+      return true;
+    }
+    case 3: {
+      if (head.argument > static_cast<uint64_t>(end - at)) return false;
+      if (url != nullptr) {
+        appendQueryText(*url, std::string_view(reinterpret_cast<const char*>(at),
+                                               static_cast<size_t>(head.argument)));
+      }
+      at += head.argument;
+      return true;
+    }
+    case 7: {
+      if (head.info == 20 || head.info == 21) {
+        if (url != nullptr) *url += head.info == 21 ? '1' : '0';
+        return true;
+      }
+      double value = 0;
+      if (!readFloat(at, end, head.info, value)) return false;
+      if (url != nullptr) appendQueryText(*url, KVRValue(value).description());
+      return true;
+    }
+    default:
+      return false;
+  }
+}
+
+// Walks the parameters map (count entries from at), appending each as
+// "&name=value" when url is given; false when one is not for this path.
+bool walkParameters(const unsigned char* at, const unsigned char* end, uint64_t count,
+                    std::string* url) {
+  for (uint64_t i = 0; i < count; ++i) {
+    std::string_view key;
+    if (!readText(at, end, key)) return false;
+    if (url != nullptr) {
+      *url += '&';
+      appendQueryText(*url, key);
+      *url += '=';
+    }
+    if (!appendArchivedValue(at, end, url)) return false;
+  }
+  return true;
+}
+
+// What the URL takes from an archived beacon.
+struct ArchivedBeacon {
+  std::shared_ptr<const std::string> payload;
+  KVRTaskPtr shell;  // a record of its class with its event, nothing else
+  KVRBeaconType type = KVRBeaconTypeUserEvent;
+  std::string timestamp;
+  std::string_view uuid;       // in payload
+  size_t parameters = 0;       // where the parameters' entries start in payload
+  uint64_t parameterCount = 0;
+};
+
+std::optional<ArchivedBeacon> readArchivedBeacon(std::string_view payload) {
+  auto kept = std::make_shared<const std::string>(payload);
+  const auto* begin = reinterpret_cast<const unsigned char*>(kept->data());
+  const auto* end = begin + kept->size();
+  const auto* at = begin;
+  Head top;
+  if (!readHead(at, end, top) || top.major != 5 || top.argument > kept->size()) return std::nullopt;
+
+  std::string_view className, uuid;
+  std::optional<std::string_view> event;
+  std::optional<double> timestamp;
+  std::optional<int64_t> type;
+  const unsigned char* parameters = nullptr;
+  uint64_t parameterCount = 0;
+  std::string_view seen[16];
+  size_t seenCount = 0;
+  for (uint64_t i = 0; i < top.argument; ++i) {
+    std::string_view key;
+    if (!readText(at, end, key)) return std::nullopt;
+    // A key twice: the later one wins in place, which the full path sorts out.
+    if (seenCount == std::size(seen) ||
+        std::find(seen, seen + seenCount, key) != seen + seenCount) {
+      return std::nullopt;
+    }
+    seen[seenCount++] = key;
+    if (key == "$class" || key == KVRReliableNetworkingTask::kArchiveUUIDKey ||
+        key == kPayloadEventKey) {
+      std::string_view text;
+      if (!readText(at, end, text)) return std::nullopt;
+      if (key == "$class") className = text;
+      else if (key == kPayloadEventKey) event = text;
+      else uuid = text;
+    } else if (key == "creationTimestamp") {
+      double value = 0;
+      if (!readNumber(at, end, value)) return std::nullopt;
+      timestamp = value;
+    } else if (key == kPayloadTypeKey) {
+      Head head;
+      if (!readHead(at, end, head)) return std::nullopt;
+      if (head.major == 0 && head.argument <= static_cast<uint64_t>(INT64_MAX)) {
+        type = static_cast<int64_t>(head.argument);
+      } else if (head.major == 1 && head.argument <= static_cast<uint64_t>(INT64_MAX)) {
+        type = -1 - static_cast<int64_t>(head.argument);
+      } else {
+        return std::nullopt;
+      }
+    } else if (key == "parameters") {
+      Head head;
+      if (!readHead(at, end, head) || head.major != 5 ||
+          head.argument > static_cast<uint64_t>(end - at)) {
+        return std::nullopt;
+      }
+      parameters = at;
+      parameterCount = head.argument;
+      // Each value of a kind this path writes, and no name twice.
+      std::string_view names[64];
+      for (uint64_t p = 0; p < parameterCount; ++p) {
+        std::string_view name;
+        if (p >= std::size(names) || !readText(at, end, name) ||
+            std::find(names, names + p, name) != names + p ||
+            !appendArchivedValue(at, end, nullptr)) {
+          return std::nullopt;
+        }
+        names[p] = name;
+      }
+    } else if (!skipItem(at, end, 0)) {
+      return std::nullopt;
+    }
+  }
+  if (at != end || className.empty() || uuid.empty() || !timestamp || !type ||
+      parameters == nullptr) {
+    return std::nullopt;
+  }
+  ArchivedBeacon beacon;
+  beacon.shell = KVRBeaconFactory::emptyRecordOfClass(className);
+  if (!beacon.shell) return std::nullopt;
+  if (auto tagged = std::dynamic_pointer_cast<KVRTaggedBeacon>(beacon.shell)) {
+    tagged->setBeaconType(static_cast<int>(*type));
+  }
+  beacon.shell->setEvent(event ? std::optional<std::string>(*event) : std::nullopt);
+  beacon.shell->setCreationTimestamp(*timestamp);
+  beacon.timestamp = beacon.shell->formattedCreationTimestampString();
+  beacon.type = static_cast<KVRBeaconType>(*type);
+  beacon.uuid = uuid;
+  beacon.parameters = static_cast<size_t>(parameters - begin);
+  beacon.parameterCount = parameterCount;
+  beacon.payload = std::move(kept);
+  return beacon;
+}
+
+// A request for a beacon read back to be sent; nothing when the archive is
+// not one for this path.
+std::optional<KVNNetworkRequest> readBackRequest(std::string_view payload) {
+  auto archived = readArchivedBeacon(payload);
+  if (!archived) return std::nullopt;
+  auto beacon = std::make_shared<const ArchivedBeacon>(std::move(*archived));
+  KVNNetworkRequest request;
+  request.setHttpMethod(KVNNetworkRequestHTTPMethodGET);
+  request.setBackgroundSessionRetryCount(kBackgroundRetryCount);
+  request.setPriority(kPriority);
+  request.setConfigurationPolicy(kConfigurationPolicy);
+  request.setEndpointBuilderBlock([beacon]() -> std::optional<KVNEndpoint> {
+    const auto* begin = reinterpret_cast<const unsigned char*>(beacon->payload->data());
+    const auto* end = begin + beacon->payload->size();
+    auto url = writeURL(beacon->type, beacon->timestamp, beacon->uuid, beacon->shell->event(),
+                        static_cast<size_t>(end - begin), [&](std::string& out) {
+                          walkParameters(begin + beacon->parameters, end, beacon->parameterCount,
+                                         &out);
+                        });
+    if (!url) return std::nullopt;
+    return KVNEndpoint(std::move(*url));
+  });
+  // The archive as it was stored.
+  request.setRestorationPayload(KVRBeacon::kRestorationKind,
+                                [beacon](std::string& out) { out += *beacon->payload; });
+  return request;
+}
+
 KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
   KVNNetworkRequest request;
   request.setHttpMethod(KVNNetworkRequestHTTPMethodGET);
@@ -262,6 +621,11 @@ KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
 }
 
 std::optional<KVNNetworkRequest> restoreRequest(std::string_view payload) {
+  // Read back to be sent (not restored at a start, which announces the
+  // record): the URL straight from the archive where it can be.
+  if (KVNRequestReloading()) {
+    if (auto request = readBackRequest(payload)) return request;
+  }
   auto coder = KeyedUnarchiver::open(payload);
   if (!coder) return std::nullopt;
   // Decoding would give a record without its archived uuid a fresh one, and
@@ -434,53 +798,21 @@ void KVRBeacon::registerRequestRestorer() {
 
 std::optional<std::string> KVRBeacon::endpointURLString(const KVRReliableNetworkingTask& task,
                                                         KVRBeaconType type) {
-  const auto config = KVNConfiguration::sharedInstance().snapshot();
-  if (!config->beacons.beaconEndpoint || config->beacons.beaconEndpoint->empty()) {
-    return std::nullopt;
-  }
-  const EndpointTemplate* templ = endpointTemplate(*config, type);
-  if (templ == nullptr) return std::nullopt;
-
   const KVRParameters& parameters = task.parameters();
-  const auto event = task.event();
-  // Most bytes go out as they are: one block, grown at most once.
-  size_t estimate = templ->base.size() + templ->query.size() + templ->fragment.size() + 96;
+  size_t parameterBytes = 0;
   for (const auto& [key, value] : parameters) {
     const std::string* text = value.asString();
-    estimate += key.size() + (text != nullptr ? text->size() : 24) + 2;
+    parameterBytes += key.size() + (text != nullptr ? text->size() : 24) + 2;
   }
-  if (event) estimate += event->size() + 1;
-  std::string url;
-  url.reserve(estimate + estimate / 4);
-
-  url += templ->base;
-  if (event) {
-    if (!templ->pathEndsInSlash) url += '/';
-    appendPathComponent(url, *event);
-  }
-  url += '?';
-  appendQueryText(url, KVRBeaconCreationTimestampKey);
-  url += '=';
-  appendQueryText(url, task.formattedCreationTimestampString());
-  url += '&';
-  appendQueryText(url, KVRBeaconUUIDKey);
-  url += '=';
-  appendQueryText(url, task.uuid());
-  for (const auto& [key, value] : parameters) {
-    url += '&';
-    appendQueryText(url, key);
-    url += '=';
-    appendQueryValue(url, value);
-  }
-  if (!templ->query.empty()) {
-    url += '&';
-    url += templ->query;
-  }
-  if (templ->hasFragment) {
-    url += '#';
-    url += templ->fragment;
-  }
-  return url;
+  return writeURL(type, task.formattedCreationTimestampString(), task.uuid(), task.event(),
+                  parameterBytes, [&](std::string& url) {
+                    for (const auto& [key, value] : parameters) {
+                      url += '&';
+                      appendQueryText(url, key);
+                      url += '=';
+                      appendQueryValue(url, value);
+                    }
+                  });
 }
 
 }  // namespace korvel
