@@ -345,6 +345,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // Tells report calls whether a stored request may wait whole (see
   // keepWhole_); called wherever its inputs change.
   void refreshKeepWhole() KORVEL_REQUIRES(mutex_);
+  // The frame bytes the ready requests come to, as far as the queue's
+  // average frame tells.
+  size_t readyFrameBytes() const KORVEL_REQUIRES(mutex_);
   // Registers the calling worker as asleep, so that the next report wakes
   // it (wakeable: not while paused or while a host backs off); false when
   // requests were handed over meanwhile (no sleep then).
@@ -451,6 +454,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   size_t wakeableWorkers_ KORVEL_GUARDED_BY(handoffMutex_) = 0;
   // The other side of handoffs_, swapped with it (keeps both capacities).
   std::vector<Handoff> adopting_ KORVEL_GUARDED_BY(mutex_);
+  // Frame bytes of the stored requests in handoffs_ that were kept whole;
+  // report calls keep no more than kKeptWholeBytes there.
+  size_t handoffKeptBytes_ KORVEL_GUARDED_BY(handoffMutex_) = 0;
   // Whether a report call keeps a stored request whole (few are ready, not
   // paused, no host backing off) or leaves it to be read back: a hint read
   // without a lock, written under mutex_. A stale hint costs memory for a
