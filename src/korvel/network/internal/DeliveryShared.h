@@ -18,8 +18,8 @@ using Clock = std::chrono::steady_clock;
 // to send come to at most this many bytes, those kept whole first; past
 // that, and whenever a request has to wait, only its index is kept. Bounds
 // the memory held whole, whatever the backlog: a request object takes a few
-// times its frame, so about 1 MiB for beacons of 20 parameters.
-inline constexpr size_t kKeptWholeBytes = 256u << 10;
+// times its frame, about half a MiB for beacons of 20 parameters.
+inline constexpr size_t kKeptWholeBytes = 128u << 10;
 
 inline int64_t wallMillis() { return static_cast<int64_t>(platform::env().now() * 1000.0); }
 inline int64_t monotonicMillis() { return static_cast<int64_t>(platform::env().monotonicNanos() / 1'000'000); }
