@@ -26,10 +26,7 @@
 // its own, which exits once it has accepted the N beacons (the proof they
 // all arrived). Figures are medians over the runs with their min-max, and
 // the load average is printed: they are only comparable on a quiet machine.
-#include <dirent.h>
 #include <signal.h>
-#include <stdlib.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -39,13 +36,14 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "BenchSupport.h"
+#include "support/BenchOptions.h"
+#include "support/BenchSystem.h"
 #include <korvel/Korvel.h>
 #include <korvel/beacon/KVRBeacon.h>
 
@@ -71,58 +69,13 @@ struct Settings {
   std::string collector = KORVEL_COLLECTOR_PATH;
 };
 
-std::string loadAverage() {
-  double load[3] = {0, 0, 0};
-  if (getloadavg(load, 3) != 3) return "unknown";
-  char text[64];
-  std::snprintf(text, sizeof text, "%.2f %.2f %.2f", load[0], load[1], load[2]);
-  return text;
-}
-
-double seconds(const timeval& t) { return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6; }
-
-// CPU seconds of the library's threads and the others, by thread name, from
-// /proc/self/task/*/stat (clock ticks).
+// CPU seconds of the process's threads, by thread name.
 std::map<std::string, double> cpuByThreadName() {
   std::map<std::string, double> byName;
-  const double tick = static_cast<double>(sysconf(_SC_CLK_TCK));
-  DIR* tasks = opendir("/proc/self/task");
-  if (tasks == nullptr) return byName;
-  while (dirent* entry = readdir(tasks)) {
-    if (entry->d_name[0] == '.') continue;
-    std::ifstream stat(std::string("/proc/self/task/") + entry->d_name + "/stat");
-    std::string text((std::istreambuf_iterator<char>(stat)), std::istreambuf_iterator<char>());
-    const size_t open = text.find('('), close = text.rfind(')');
-    if (open == std::string::npos || close == std::string::npos) continue;
-    std::string name = text.substr(open + 1, close - open - 1);
-    // Fields after the name: state is the 3rd field, utime the 14th, stime the 15th.
-    std::vector<std::string> fields;
-    size_t at = close + 2;
-    while (at < text.size()) {
-      const size_t end = text.find(' ', at);
-      fields.push_back(text.substr(at, end - at));
-      if (end == std::string::npos) break;
-      at = end + 1;
-    }
-    if (fields.size() < 13) continue;
-    byName[name] += (std::atof(fields[11].c_str()) + std::atof(fields[12].c_str())) / tick;
+  for (const bench::ThreadSample& thread : bench::threadSamples()) {
+    byName[thread.name] += thread.cpuSeconds;
   }
-  closedir(tasks);
   return byName;
-}
-
-std::map<std::string, long> memoryStatus() {
-  std::map<std::string, long> kib;
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  while (std::getline(status, line)) {
-    for (const char* key : {"VmHWM", "VmRSS", "RssAnon", "RssFile"}) {
-      if (line.starts_with(key) && line[std::strlen(key)] == ':') {
-        kib[key] = std::atol(line.c_str() + std::strlen(key) + 1);
-      }
-    }
-  }
-  return kib;
 }
 
 Reporting::StartOptions startOptions(const fs::path& directory, int port, int concurrency) {
@@ -142,34 +95,6 @@ Reporting::StartOptions startOptions(const fs::path& directory, int port, int co
         "http://127.0.0.1:" + std::to_string(port) + "/b/{inid}/{appversion}/{devicemodel}";
   };
   return o;
-}
-
-fs::path temporaryDirectory() {
-  char pattern[] = "/tmp/korvel-cost-XXXXXX";
-  if (mkdtemp(pattern) == nullptr) return {};
-  return pattern;
-}
-
-// Runs body in a child process and reads the numbers it writes back.
-std::vector<double> inChild(const std::function<std::vector<double>()>& body) {
-  int fds[2];
-  if (pipe(fds) != 0) return {};
-  const pid_t pid = fork();
-  if (pid == 0) {
-    close(fds[0]);
-    const std::vector<double> figures = body();
-    const ssize_t wrote = write(fds[1], figures.data(), figures.size() * sizeof(double));
-    _exit(wrote == static_cast<ssize_t>(figures.size() * sizeof(double)) ? 0 : 1);
-  }
-  close(fds[1]);
-  std::vector<double> figures;
-  double value = 0;
-  while (read(fds[0], &value, sizeof value) == sizeof value) figures.push_back(value);
-  close(fds[0]);
-  int status = 0;
-  waitpid(pid, &status, 0);
-  if (!WIFEXITED(status) || WEXITSTATUS(status) != 0) return {};
-  return figures;
 }
 
 // A collector process that exits after `beacons`; its port, or 0.
@@ -207,7 +132,7 @@ pid_t startCollector(const std::string& path, int beacons, int& port) {
 // Child: reports and flushes; {cpu µs/beacon, user µs, system µs, beacons/s,
 // senders' µs, writer's µs, others' µs per beacon}.
 std::vector<double> cpuRun(int port, int beacons, int rate, int concurrency) {
-  const fs::path directory = temporaryDirectory();
+  const fs::path directory = bench::temporaryDirectory("cost");
   auto started = Reporting::start(startOptions(directory, port, concurrency));
   if (!started) {
     std::fprintf(stderr, "start failed: %s\n", started.error.c_str());
@@ -215,8 +140,7 @@ std::vector<double> cpuRun(int port, int beacons, int rate, int concurrency) {
   }
   const KVRParameters parameters = bench::userEvent(20);
   const auto threadsBefore = cpuByThreadName();
-  rusage before{}, after{};
-  getrusage(RUSAGE_SELF, &before);
+  const bench::ProcessCpu before = bench::processCpu();
   const auto start = Clock::now();
   for (int i = 0; i < beacons; ++i) {
     if (rate > 0 && i % 100 == 0) {
@@ -226,7 +150,7 @@ std::vector<double> cpuRun(int port, int beacons, int rate, int concurrency) {
   }
   const auto flushed = Reporting::flush(std::chrono::seconds(120));
   const auto end = Clock::now();
-  getrusage(RUSAGE_SELF, &after);
+  const bench::ProcessCpu after = bench::processCpu();
   const auto threadsAfter = cpuByThreadName();
   Reporting::shutdown(std::chrono::seconds(10));
   std::error_code ec;
@@ -236,8 +160,8 @@ std::vector<double> cpuRun(int port, int beacons, int rate, int concurrency) {
                  beacons);
     return {};
   }
-  const double user = seconds(after.ru_utime) - seconds(before.ru_utime);
-  const double system = seconds(after.ru_stime) - seconds(before.ru_stime);
+  const double user = after.user - before.user;
+  const double system = after.system - before.system;
   const double wall = std::chrono::duration<double>(end - start).count();
   double senders = 0, writer = 0, others = 0;
   for (const auto& [name, cpu] : threadsAfter) {
@@ -254,7 +178,7 @@ std::vector<double> cpuRun(int port, int beacons, int rate, int concurrency) {
 
 // Child: {VmHWM, VmRSS, RssAnon, RssFile} in KiB with `queued` waiting.
 std::vector<double> rssRun(int queued, int rate) {
-  const fs::path directory = temporaryDirectory();
+  const fs::path directory = bench::temporaryDirectory("cost");
   auto o = startOptions(directory, kDeadPort, 4);
   if (!Reporting::start(o)) return {};
   const KVRParameters parameters = bench::userEvent(20);
@@ -267,12 +191,12 @@ std::vector<double> rssRun(int queued, int rate) {
   }
   // The host backs off, the writer syncs and compacts.
   Reporting::flush(std::chrono::seconds(2));
-  const auto kib = memoryStatus();
+  const bench::Memory kib = bench::memory();
   Reporting::shutdown(std::chrono::milliseconds(100));
   std::error_code ec;
   fs::remove_all(directory, ec);
-  return {static_cast<double>(kib.at("VmHWM")), static_cast<double>(kib.at("VmRSS")),
-          static_cast<double>(kib.at("RssAnon")), static_cast<double>(kib.at("RssFile"))};
+  return {static_cast<double>(kib.peakKiB), static_cast<double>(kib.residentKiB),
+          static_cast<double>(kib.anonymousKiB), static_cast<double>(kib.fileKiB)};
 }
 
 struct Spread {
@@ -292,33 +216,15 @@ void printSpread(const char* label, const std::vector<double>& values, const cha
 
 Settings parse(int argc, char** argv) {
   Settings s;
-  for (int i = 1; i < argc; ++i) {
-    auto value = [&]() -> const char* {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "%s needs a value\n", argv[i]);
-        std::exit(2);
-      }
-      return argv[++i];
-    };
-    if (std::strcmp(argv[i], "--only") == 0) s.only = value();
-    else if (std::strcmp(argv[i], "--runs") == 0) s.runs = std::atoi(value());
-    else if (std::strcmp(argv[i], "--beacons") == 0) s.beacons = std::atoi(value());
-    else if (std::strcmp(argv[i], "--queued") == 0) s.queued = std::atoi(value());
-    else if (std::strcmp(argv[i], "--rate") == 0) s.rate = std::atoi(value());
-    else if (std::strcmp(argv[i], "--collector") == 0) s.collector = value();
-    else if (std::strcmp(argv[i], "--concurrency") == 0) s.concurrency = std::atoi(value());
-    else {
-      std::fprintf(stderr,
-                   "usage: %s [--only cpu|rss] [--runs N] [--beacons N] [--queued N] [--rate N] "
-                   "[--concurrency N] [--collector PATH]\n",
-                   argv[0]);
-      std::exit(2);
-    }
-  }
-  if (s.runs <= 0 || s.beacons <= 0 || s.queued <= 0 || s.rate < 0) {
-    std::fprintf(stderr, "counts must be positive\n");
-    std::exit(2);
-  }
+  bench::Options()
+      .text("--only", s.only, "cpu|rss")
+      .number("--runs", s.runs)
+      .number("--beacons", s.beacons)
+      .number("--queued", s.queued)
+      .number("--rate", s.rate, 0)
+      .number("--concurrency", s.concurrency)
+      .text("--collector", s.collector, "PATH")
+      .readOrExit(argc, argv);
   return s;
 }
 
@@ -327,7 +233,7 @@ Settings parse(int argc, char** argv) {
 int main(int argc, char** argv) {
   const Settings settings = parse(argc, argv);
   signal(SIGPIPE, SIG_IGN);
-  std::printf("load average at start: %s\n", loadAverage().c_str());
+  std::printf("load average at start: %s\n", bench::loadAverage().c_str());
   int failures = 0;
 
   if (settings.only.empty() || settings.only == "cpu") {
@@ -345,7 +251,8 @@ int main(int argc, char** argv) {
         if (collector > 0) kill(collector, SIGTERM), waitpid(collector, nullptr, 0);
         return 1;
       }
-      const auto f = inChild([&] { return cpuRun(port, settings.beacons, settings.rate, settings.concurrency); });
+      const auto f = bench::inChildProcess(
+          [&] { return cpuRun(port, settings.beacons, settings.rate, settings.concurrency); });
       int status = 0;
       // The collector exits by itself once every beacon arrived.
       const auto until = Clock::now() + std::chrono::seconds(10);
@@ -389,7 +296,7 @@ int main(int argc, char** argv) {
     std::printf("\nrss: %d beacons queued, nothing listening at the endpoint\n", settings.queued);
     std::vector<double> peak, now, anon, file;
     for (int r = 0; r < settings.runs; ++r) {
-      const auto f = inChild([&] { return rssRun(settings.queued, settings.rate); });
+      const auto f = bench::inChildProcess([&] { return rssRun(settings.queued, settings.rate); });
       if (f.size() != 4) {
         std::fprintf(stderr, "run %d failed\n", r + 1);
         ++failures;
@@ -409,6 +316,6 @@ int main(int argc, char** argv) {
     printSpread("  mapped files (RssFile)", file, "MiB");
   }
 
-  std::printf("\nload average at end: %s\n", loadAverage().c_str());
+  std::printf("\nload average at end: %s\n", bench::loadAverage().c_str());
   return failures == 0 ? 0 : 1;
 }

@@ -33,9 +33,6 @@
 // reports the median.
 #include <benchmark/benchmark.h>
 
-#include <fcntl.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <atomic>
@@ -49,6 +46,7 @@
 
 #include "BenchSupport.h"
 #include "collector/BeaconCollector.h"
+#include "support/BenchSystem.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
@@ -70,12 +68,6 @@ namespace fs = std::filesystem;
 using bench::configure;
 using bench::tearDown;
 using bench::userEvent;
-
-fs::path temporaryDirectory() {
-  char pattern[] = "/tmp/korvel-bench-XXXXXX";
-  if (mkdtemp(pattern) == nullptr) return {};
-  return pattern;
-}
 
 DurableRequestExecutor::Options storeOptions(const fs::path& dir) {
   DurableRequestExecutor::Options o;
@@ -111,7 +103,7 @@ class LastRequestExecutor : public NullExecutor {
 // 2: one that keeps every request in memory.
 void ReportCall(benchmark::State& state) {
   configure(9);  // never contacted: delivery is paused
-  const fs::path dir = temporaryDirectory();
+  const fs::path dir = bench::temporaryDirectory("bench");
   std::shared_ptr<KVNNetworkBackgroundRequestExecutor> executor;
   if (state.range(0) == 2) {
     executor = std::make_shared<KeepAllExecutor>();
@@ -178,7 +170,7 @@ void BytesPerBeacon(benchmark::State& state) {
   const KVRParameters parameters = userEvent(callerEntries);
   double perBeacon = 0;
   for (auto _ : state) {
-    const fs::path dir = temporaryDirectory();
+    const fs::path dir = bench::temporaryDirectory("bench");
     auto o = storeOptions(dir);
     o.startPaused = true;
     auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
@@ -210,7 +202,7 @@ void Throughput(benchmark::State& state) {
   configure(collector.port());
   const KVRParameters parameters = userEvent(20);
   for (auto _ : state) {
-    const fs::path dir = temporaryDirectory();
+    const fs::path dir = bench::temporaryDirectory("bench");
     auto o = storeOptions(dir);
     o.startPaused = true;
     auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
@@ -236,19 +228,6 @@ BENCHMARK(Throughput)
     ->UseManualTime()
     ->Unit(benchmark::kMillisecond);
 
-// Resident anonymous memory (the heap; the journal's mapped file pages are
-// not counted) and all resident memory, in bytes.
-std::pair<double, double> residentBytes() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  double anon = 0, rss = 0;
-  while (std::getline(status, line)) {
-    if (line.starts_with("RssAnon:")) anon = std::stod(line.substr(8)) * 1024;
-    if (line.starts_with("VmRSS:")) rss = std::stod(line.substr(6)) * 1024;
-  }
-  return {anon, rss};
-}
-
 // Arg: beacons queued.
 void QueuedMemory(benchmark::State& state) {
   const int queued = static_cast<int>(state.range(0));
@@ -258,25 +237,25 @@ void QueuedMemory(benchmark::State& state) {
     // Paused: what the backlog costs in memory.
     configure(9);
     {
-      const fs::path dir = temporaryDirectory();
+      const fs::path dir = bench::temporaryDirectory("bench");
       auto o = storeOptions(dir);
       o.startPaused = true;
       auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
       KVRBeacon::setBackgroundSession(executor);
       for (int i = 0; i < 1000; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
       executor->syncStore(std::chrono::seconds(60));
-      const auto before = residentBytes();
+      const bench::Memory before = bench::memory();
       for (int i = 0; i < queued; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
       executor->syncStore(std::chrono::seconds(60));
-      const auto after = residentBytes();
-      anonPerBeacon = (after.first - before.first) / queued;
-      rssPerBeacon = (after.second - before.second) / queued;
+      const bench::Memory after = bench::memory();
+      anonPerBeacon = static_cast<double>(after.anonymousKiB - before.anonymousKiB) * 1024 / queued;
+      rssPerBeacon = static_cast<double>(after.residentKiB - before.residentKiB) * 1024 / queued;
       tearDown(std::move(executor), dir);
     }
     // The collector down (nothing listens on the port): the caller's cost
     // with the backlog growing.
     {
-      const fs::path dir = temporaryDirectory();
+      const fs::path dir = bench::temporaryDirectory("bench");
       auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", storeOptions(dir));
       KVRBeacon::setBackgroundSession(executor);
       std::vector<double> micros;
@@ -317,7 +296,7 @@ void Outage(benchmark::State& state) {
   const KVRParameters parameters = userEvent(20);
   double attempts = 0, drainMillis = 0;
   for (auto _ : state) {
-    const fs::path dir = temporaryDirectory();
+    const fs::path dir = bench::temporaryDirectory("bench");
     auto o = storeOptions(dir);
     o.retryBaseDelay = std::chrono::milliseconds(100);
     o.maxRetryDelay = std::chrono::seconds(30);
@@ -371,7 +350,7 @@ void CraftedSegment(benchmark::State& state) {
   }
   double recoverMillis = 0, shutdownMillis = 0;
   for (auto _ : state) {
-    const fs::path dir = temporaryDirectory();
+    const fs::path dir = bench::temporaryDirectory("bench");
     auto write = [&] { std::ofstream(dir / "seg-0000000001.log", std::ios::binary) << segment; };
     write();
     const auto start = std::chrono::steady_clock::now();
@@ -402,37 +381,17 @@ void CraftedSegment(benchmark::State& state) {
 }
 BENCHMARK(CraftedSegment)->Iterations(1)->Repetitions(3)->UseManualTime()->Unit(benchmark::kMillisecond);
 
-// VmRSS and RssAnon (the heap, without mapped journal pages) of this
-// process, in MiB.
-std::pair<double, double> residentAndAnonMiB() {
-  std::ifstream status("/proc/self/status");
-  std::string line;
-  double rss = 0, anon = 0;
-  while (std::getline(status, line)) {
-    if (line.starts_with("VmRSS:")) rss = std::stod(line.substr(6)) / 1024;
-    if (line.starts_with("RssAnon:")) anon = std::stod(line.substr(8)) / 1024;
-  }
-  return {rss, anon};
-}
-
-// Runs body in a child process and gives back the figures it measured.
-std::pair<double, double> inChild(const std::function<std::pair<double, double>()>& body) {
-  int fds[2];
-  if (::pipe(fds) != 0) return {0, 0};
-  const pid_t pid = ::fork();
-  if (pid == 0) {
-    ::close(fds[0]);
-    const auto figures = body();
-    const double out[2] = {figures.first, figures.second};
-    [[maybe_unused]] const auto written = ::write(fds[1], out, sizeof out);
-    ::_exit(0);
-  }
-  ::close(fds[1]);
-  double in[2] = {0, 0};
-  if (pid < 0 || ::read(fds[0], in, sizeof in) != static_cast<ssize_t>(sizeof in)) in[0] = in[1] = 0;
-  ::close(fds[0]);
-  if (pid > 0) ::waitpid(pid, nullptr, 0);
-  return {in[0], in[1]};
+// VmRSS and RssAnon (the heap, without mapped journal pages), in MiB, of a
+// child process once body has run in it; zeros when body gives up (returns
+// false) or the child fails.
+std::pair<double, double> memoryOfChild(const std::function<bool()>& body) {
+  const std::vector<double> figures = bench::inChildProcess([&]() -> std::vector<double> {
+    if (!body()) return {};
+    const bench::Memory m = bench::memory();
+    return {static_cast<double>(m.residentKiB) / 1024, static_cast<double>(m.anonymousKiB) / 1024};
+  });
+  if (figures.size() != 2) return {0, 0};
+  return {figures[0], figures[1]};
 }
 
 // Arg: beacons queued, then restored.
@@ -440,8 +399,8 @@ void RestoredMemory(benchmark::State& state) {
   const int queued = static_cast<int>(state.range(0));
   std::pair<double, double> queuing, restoring;
   for (auto _ : state) {
-    const fs::path dir = temporaryDirectory();
-    queuing = inChild([&] {
+    const fs::path dir = bench::temporaryDirectory("bench");
+    queuing = memoryOfChild([&] {
       configure(9);
       auto o = storeOptions(dir);
       o.startPaused = true;
@@ -450,9 +409,9 @@ void RestoredMemory(benchmark::State& state) {
       const KVRParameters parameters = userEvent(20);
       for (int i = 0; i < queued; ++i) KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
       executor->syncStore(std::chrono::minutes(10));
-      return residentAndAnonMiB();
+      return true;
     });
-    restoring = inChild([&] {
+    restoring = memoryOfChild([&] {
       configure(9);
       auto o = storeOptions(dir);
       o.startPaused = true;
@@ -460,8 +419,7 @@ void RestoredMemory(benchmark::State& state) {
       KVRBeacon::setBackgroundSession(executor);
       // Returns once everything stored is restored.
       executor->syncStore(std::chrono::minutes(10));
-      if (executor->stats().restored != static_cast<uint64_t>(queued)) return std::pair{0.0, 0.0};
-      return residentAndAnonMiB();
+      return executor->stats().restored == static_cast<uint64_t>(queued);
     });
     std::error_code ec;
     fs::remove_all(dir, ec);

@@ -22,17 +22,12 @@
 // the ones started in it; the thread counts at its start and end show how
 // many ended. Figures are
 // only comparable on a quiet machine: the load average is printed.
-#include <dirent.h>
-#include <stdlib.h>
 #include <sys/stat.h>
 
 #include <algorithm>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
 #include <map>
 #include <memory>
 #include <string>
@@ -41,6 +36,8 @@
 
 #include "BenchSupport.h"
 #include "collector/BeaconCollector.h"
+#include "support/BenchOptions.h"
+#include "support/BenchSystem.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 
@@ -80,42 +77,16 @@ long long switchesBetween(const Threads& start, const Threads& end, bool writerO
   return total;
 }
 
-std::string loadAverage() {
-  double load[3] = {0, 0, 0};
-  if (getloadavg(load, 3) != 3) return "unknown";
-  char text[64];
-  std::snprintf(text, sizeof text, "%.2f %.2f %.2f", load[0], load[1], load[2]);
-  return text;
-}
-
+// The library's threads, and how many the process has.
 Threads threads() {
   Threads t;
-  DIR* tasks = opendir("/proc/self/task");
-  if (tasks == nullptr) return t;
-  while (dirent* entry = readdir(tasks)) {
-    if (entry->d_name[0] == '.') continue;
+  for (const bench::ThreadSample& thread : bench::threadSamples()) {
     ++t.all;
-    std::ifstream status(std::string("/proc/self/task/") + entry->d_name + "/status");
-    std::string line;
-    bool library = false;
-    bool writer = false;
-    long long switches = 0;
-    while (std::getline(status, line)) {
-      if (line.rfind("Name:", 0) == 0) {
-        library = line.find("korvel-") != std::string::npos;
-        writer = line.find("korvel-journal") != std::string::npos;
-      } else if (line.rfind("voluntary_ctxt_switches:", 0) == 0 ||
-                 line.rfind("nonvoluntary_ctxt_switches:", 0) == 0) {
-        switches += std::atoll(line.c_str() + line.find(':') + 1);
-      }
-    }
-    if (library) {
-      ++t.library;
-      t.switches[entry->d_name] = switches;
-      t.writer[entry->d_name] = writer;
-    }
+    if (thread.name.find("korvel-") == std::string::npos) continue;
+    ++t.library;
+    t.switches[thread.id] = thread.switches;
+    t.writer[thread.id] = thread.name.find("korvel-journal") != std::string::npos;
   }
-  closedir(tasks);
   return t;
 }
 
@@ -144,8 +115,7 @@ struct Figure {
 
 Figure run(bool collectorUp, tools::BeaconCollector& collector, int seconds) {
   bench::configure(collectorUp ? collector.port() : kDeadPort);
-  char pattern[] = "/tmp/korvel-idle-XXXXXX";
-  const fs::path directory = mkdtemp(pattern) != nullptr ? fs::path(pattern) : fs::path();
+  const fs::path directory = bench::temporaryDirectory("idle");
   DurableRequestExecutor::Options o;
   o.directory = directory;
   auto executor = std::make_shared<DurableRequestExecutor>("bench.backgroundBeacons", o);
@@ -190,29 +160,11 @@ Figure run(bool collectorUp, tools::BeaconCollector& collector, int seconds) {
 
 Settings parse(int argc, char** argv) {
   Settings s;
-  for (int i = 1; i < argc; ++i) {
-    auto value = [&]() -> const char* {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "%s needs a value\n", argv[i]);
-        std::exit(2);
-      }
-      return argv[++i];
-    };
-    if (std::strcmp(argv[i], "--seconds") == 0) {
-      s.seconds = std::atoi(value());
-    } else if (std::strcmp(argv[i], "--runs") == 0) {
-      s.runs = std::atoi(value());
-    } else if (std::strcmp(argv[i], "--only") == 0) {
-      s.only = value();
-    } else {
-      std::fprintf(stderr, "usage: %s [--seconds N] [--runs N] [--only idle|down]\n", argv[0]);
-      std::exit(2);
-    }
-  }
-  if (s.seconds <= 0 || s.runs <= 0) {
-    std::fprintf(stderr, "counts must be positive\n");
-    std::exit(2);
-  }
+  bench::Options()
+      .number("--seconds", s.seconds)
+      .number("--runs", s.runs)
+      .text("--only", s.only, "idle|down")
+      .readOrExit(argc, argv);
   return s;
 }
 
@@ -220,7 +172,7 @@ Settings parse(int argc, char** argv) {
 
 int main(int argc, char** argv) {
   const Settings settings = parse(argc, argv);
-  std::printf("load average at start: %s\n", loadAverage().c_str());
+  std::printf("load average at start: %s\n", bench::loadAverage().c_str());
   std::printf("%d beacons, then %d s idle, %d runs per state\n\n", kBeacons, settings.seconds,
               settings.runs);
   std::printf("%-16s %10s %12s %14s %14s %12s %10s %10s %8s\n", "state", "wakeups/s",
@@ -256,6 +208,6 @@ int main(int argc, char** argv) {
     std::printf("%-16s %10.2f %12.2f   (medians, wake-ups per second)\n\n",
                 up ? "idle" : "collector down", rates[rates.size() / 2], settled[settled.size() / 2]);
   }
-  std::printf("load average at end: %s\n", loadAverage().c_str());
+  std::printf("load average at end: %s\n", bench::loadAverage().c_str());
   return 0;
 }

@@ -7,16 +7,13 @@
 //   JournalRecoveryMemory [count] [payload bytes]
 //
 // Not a timed benchmark: it prints sizes. Uses a scratch folder in /tmp.
-#include <sys/resource.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <string>
 #include <vector>
 
+#include "support/BenchSystem.h"
 #include <korvel/network/internal/RequestStore.h>
 
 using korvel::network::internal::RequestStore;
@@ -30,36 +27,21 @@ namespace {
 using namespace korvel::platform;
 namespace fs = std::filesystem;
 
-long peakKilobytes() {
-  rusage usage{};
-  getrusage(RUSAGE_SELF, &usage);
-  return usage.ru_maxrss;
-}
-
 std::unique_ptr<RequestStore> open(const fs::path& dir) {
   RequestStoreOptions options;
   options.directory = dir;
   return openJournalRequestStore(options);
 }
 
-// Runs body in a child and gives its peak resident size in KiB.
+// Runs body in a child and gives its peak resident size in KiB; -1 when
+// the child failed (body gives up with std::_Exit).
 template <class Body>
 long inChild(Body body) {
-  int fds[2];
-  if (pipe(fds) != 0) return -1;
-  const pid_t child = fork();
-  if (child == 0) {
+  const std::vector<double> peak = korvel::bench::inChildProcess([&]() -> std::vector<double> {
     body();
-    const long peak = peakKilobytes();
-    if (write(fds[1], &peak, sizeof peak) != sizeof peak) _exit(1);
-    _exit(0);
-  }
-  close(fds[1]);
-  long peak = -1;
-  if (read(fds[0], &peak, sizeof peak) != sizeof peak) peak = -1;
-  close(fds[0]);
-  waitpid(child, nullptr, 0);
-  return peak;
+    return {static_cast<double>(korvel::bench::memory().peakKiB)};
+  });
+  return peak.size() == 1 ? static_cast<long>(peak[0]) : -1;
 }
 
 }  // namespace
@@ -67,13 +49,12 @@ long inChild(Body body) {
 int main(int argc, char** argv) {
   const size_t count = argc > 1 ? std::strtoul(argv[1], nullptr, 10) : 1'000'000;
   const size_t payloadBytes = argc > 2 ? std::strtoul(argv[2], nullptr, 10) : 600;
-  char pattern[] = "/tmp/korvel-recovery-memory-XXXXXX";
-  if (mkdtemp(pattern) == nullptr) return 1;
-  const fs::path dir = pattern;
+  const fs::path dir = korvel::bench::temporaryDirectory("recovery-memory");
+  if (dir.empty()) return 1;
 
   const long queued = inChild([&] {
     auto store = open(dir);
-    if (!store) _exit(2);
+    if (!store) std::_Exit(2);
     store->recover();
     std::string frame;
     const std::string payload(payloadBytes, 'p');
@@ -81,7 +62,7 @@ int main(int argc, char** argv) {
       const uint64_t id = (uint64_t{store->epoch()} << 32) | i;
       frame.clear();
       appendFrame(frame, id, 1'700'000'000'000, 1, 2, 3, "KVRBeacon", payload);
-      if (!store->append(frame, id)) _exit(3);
+      if (!store->append(frame, id)) std::_Exit(3);
       if (i % 10'000 == 0) store->sync({});
     }
     store->sync({});
@@ -89,7 +70,7 @@ int main(int argc, char** argv) {
   const long whole = inChild([&] {
     auto store = open(dir);
     const auto all = store->recover();
-    if (all.size() != count) _exit(4);
+    if (all.size() != count) std::_Exit(4);
   });
   const long streamed = inChild([&] {
     auto store = open(dir);
@@ -99,7 +80,7 @@ int main(int argc, char** argv) {
       for (const auto& r : batch) ids.push_back(r.id);
       return true;
     });
-    if (ids.size() != count) _exit(5);
+    if (ids.size() != count) std::_Exit(5);
   });
   std::printf("%zu beacons of %zu payload bytes, peak resident size\n", count, payloadBytes);
   std::printf("  the process that stored them      %8ld KiB\n", queued);

@@ -48,7 +48,8 @@
 
 #include "BenchSupport.h"
 #include "reportcall/ReportCallCollector.h"
-#include "reportcall/ReportCallSystem.h"
+#include "support/BenchOptions.h"
+#include "support/BenchSystem.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNConfiguration.h>
@@ -115,7 +116,7 @@ struct DurableUnderTest {
   std::shared_ptr<DurableRequestExecutor> executor;
 
   explicit DurableUnderTest(const std::function<void(DurableRequestExecutor::Options&)>& tune) {
-    directory = temporaryDirectory();
+    directory = temporaryDirectory("reportcall");
     DurableRequestExecutor::Options o;
     o.directory = directory;
     // Nothing dropped over the caps.
@@ -238,43 +239,19 @@ double deliveryRun(bench::EmbeddedCollector* collector, int count) {
 
 Settings parse(int argc, char** argv) {
   Settings s;
-  for (int i = 1; i < argc; ++i) {
-    auto value = [&]() -> const char* {
-      if (i + 1 >= argc) {
-        std::fprintf(stderr, "%s needs a value\n", argv[i]);
-        std::exit(2);
-      }
-      return argv[++i];
-    };
-    if (std::strcmp(argv[i], "--calls") == 0) {
-      s.calls = std::strtoul(value(), nullptr, 10);
-    } else if (std::strcmp(argv[i], "--runs") == 0) {
-      s.runs = std::atoi(value());
-    } else if (std::strcmp(argv[i], "--beacons") == 0) {
-      s.beacons = std::atoi(value());
-    } else if (std::strcmp(argv[i], "--queued") == 0) {
-      s.queued = std::atoi(value());
-    } else if (std::strcmp(argv[i], "--only") == 0) {
-      s.only = value();
-    } else if (std::strcmp(argv[i], "--collector") == 0) {
-      const char* url = value();
-      s.collectorPort = loopbackPort(url);
-      if (s.collectorPort == 0) {
-        std::fprintf(stderr, "--collector takes http://127.0.0.1:PORT, not %s\n", url);
-        std::exit(2);
-      }
-    } else {
-      std::fprintf(stderr,
-                   "usage: %s [--calls N] [--runs N] [--beacons N] [--queued N] "
-                   "[--only floor|idle|up|down|sync|delivery] [--collector URL]\n",
-                   argv[0]);
-      std::exit(2);
-    }
-  }
-  if (s.calls == 0 || s.runs <= 0 || s.beacons <= 0 || s.queued < 0) {
-    std::fprintf(stderr, "counts must be positive\n");
-    std::exit(2);
-  }
+  bench::Options()
+      .number("--calls", s.calls)
+      .number("--runs", s.runs)
+      .number("--beacons", s.beacons)
+      .number("--queued", s.queued, 0)
+      .text("--only", s.only, "floor|idle|up|down|sync|delivery")
+      .custom("--collector", "URL",
+              [&s](const std::string& url) -> std::string {
+                s.collectorPort = loopbackPort(url);
+                if (s.collectorPort != 0) return {};
+                return "--collector takes http://127.0.0.1:PORT, not " + url;
+              })
+      .readOrExit(argc, argv);
   return s;
 }
 

@@ -141,13 +141,19 @@ class BatchTransport : public DeliveryTransport {
   std::atomic<size_t>& widest_;
 };
 
+// URLs built so far by the requests below (each one read back, held or sent).
+std::atomic<size_t> urlsBuilt{0};
+
 KVNNetworkRequest makeRequest(const std::string& name, int priority = 1, int policy = 0,
                               int retries = 3, bool durable = true) {
   KVNNetworkRequest r;
   r.setPriority(priority);
   r.setConfigurationPolicy(policy);
   r.setBackgroundSessionRetryCount(retries);
-  r.setEndpointBuilderBlock([name] { return KVNEndpoint("http://fake/" + name); });
+  r.setEndpointBuilderBlock([name] {
+    ++urlsBuilt;
+    return KVNEndpoint("http://fake/" + name);
+  });
   if (durable) r.setRestorationPayload(kKind, [name](std::string& out) { out += name; });
   return r;
 }
@@ -734,6 +740,73 @@ TEST_F(DurableRequestExecutorTest, AReportQueuedAsTheSenderFinishesIsSentWithout
     EXPECT_TRUE(executor->flush(3s));
     EXPECT_THAT(server_.urls(), ElementsAre("http://fake/first", "http://fake/late"));
   }
+}
+
+// A sender with answers on the wire does not spend its look at the queue
+// settling a whole backlog whose host backs off (each read back to learn
+// its host): it stops early, lets the answers in, and is asked again at
+// once. Before, a restored backlog of thousands kept a probe's answer
+// waiting until every one of them had been looked at.
+TEST_F(DurableRequestExecutorTest, ALookAtTheQueueStopsEarlyWhileAnswersWait) {
+  // Sends two, answers the first with a 503 (its host backs off), then
+  // looks at the queue once with the second still on the wire.
+  class TwoOnTheWire final : public DeliveryTransport {
+   public:
+    explicit TwoOnTheWire(FakeServer& server) : server_(server) {}
+    DeliveryResponse get(const std::string&) override { return DeliveryResponse{}; }
+    size_t parallelism() const override { return 4; }
+    void send(DeliveryFeed& feed) override {
+      if (!looked_) {
+        DeliveryJob first;
+        DeliveryJob second;
+        if (!feed.next(first)) return;  // still paused
+        looked_ = true;
+        ASSERT_TRUE(feed.next(second));
+        const std::string secondURL = *second.url;
+        feed.done(first.tag, FakeServer::status(503));
+        const size_t before = urlsBuilt;
+        DeliveryJob none;
+        tookDuringLook = feed.next(none);
+        builtDuringLook = urlsBuilt - before;
+        askedAgainSoon = feed.askAgainSoon();
+        server_.handle(secondURL, cancelled_);
+        feed.done(second.tag, FakeServer::status(204));  // the host answers again
+      }
+      DeliveryJob job;
+      while (feed.next(job)) feed.done(job.tag, server_.handle(*job.url, cancelled_));
+    }
+    bool tookDuringLook = true;
+    size_t builtDuringLook = 0;
+    bool askedAgainSoon = false;
+
+   private:
+    FakeServer& server_;
+    std::atomic<bool> cancelled_{false};
+    bool looked_ = false;
+  };
+  auto o = options();
+  o.concurrency = 4;
+  o.startPaused = true;
+  o.retryBaseDelay = 1h;  // no probe during the look
+  o.maxRetryDelay = 1h;
+  TwoOnTheWire* transport = nullptr;
+  o.transport = [&](const std::atomic<bool>&) {
+    auto made = std::make_unique<TwoOnTheWire>(server_);
+    transport = made.get();
+    return made;
+  };
+  auto executor = start(o);
+  constexpr int kBacklog = 300;
+  for (int i = 0; i < kBacklog; ++i) executor->executeRequest(makeRequest("r" + std::to_string(i)));
+  executor->setPaused(false);
+  ASSERT_TRUE(executor->flush(10s));
+  EXPECT_FALSE(transport->tookDuringLook) << "its host backs off";
+  EXPECT_TRUE(transport->askedAgainSoon);
+  EXPECT_LE(transport->builtDuringLook, 32u) << "of " << kBacklog - 2 << " waiting";
+  EXPECT_GT(transport->builtDuringLook, 0u);
+  // Every one goes out once the host answers again, the first twice.
+  EXPECT_EQ(executor->stats().delivered, size_t{kBacklog});
+  EXPECT_EQ(server_.urls().size(), size_t{kBacklog});
 }
 
 TEST_F(DurableRequestExecutorTest, RetryAfterHoldsTheHostAndSurvivesARestart) {

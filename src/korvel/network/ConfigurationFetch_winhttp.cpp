@@ -6,11 +6,7 @@ namespace korvel::network::internal {
 
 FetchResult fetchConfiguration(const std::string& url, const std::optional<CachedURLResponse>& cached,
                                std::chrono::milliseconds timeout) {
-  WinHttpRequest request;
-  request.timeout = timeout;
-  request.connectTimeout = timeout;
-  request.maxRedirects = 0;
-  request.keepBody = true;
+  WinHttpRequest request = documentRequest(timeout);
   request.maxBody = kMaxConfigurationBytes;
   if (cached && cached->etag) request.headers.push_back("If-None-Match: " + *cached->etag);
   if (cached && cached->lastModified) {

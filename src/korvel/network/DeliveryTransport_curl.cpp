@@ -192,8 +192,9 @@ class CurlTransport final : public DeliveryTransport {
       // has nothing and nothing is on the wire).
       if (answered) continue;
       // Until an answer, or the poll interval when slots are free (the feed
-      // is asked again then) or a transfer is to be cancelled.
-      curl_multi_poll(multi_, nullptr, 0, kPollMillis, nullptr);
+      // is asked again then) or a transfer is to be cancelled; at once when
+      // the feed stopped early to let the answers in.
+      curl_multi_poll(multi_, nullptr, 0, more || !feed.askAgainSoon() ? kPollMillis : 0, nullptr);
     }
   }
 

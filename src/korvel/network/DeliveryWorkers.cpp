@@ -33,6 +33,11 @@ namespace {
 // again; the configuration announces no changes.
 constexpr auto kPolicyRecheckInterval = std::chrono::milliseconds(50);
 
+// Requests one look at the queue settles without a transfer (held for a
+// backing-off host, unreadable, oversize) while the sender has others on
+// the wire, before it lets their answers in.
+constexpr size_t kSettledPerLookOnTheWire = 16;
+
 // "scheme://host:port" of a URL (the port only when given); the URL itself
 // when it has no scheme.
 std::string hostOf(const std::string& url) {
@@ -271,8 +276,16 @@ class DurableRequestExecutor::SenderFeed final : public DeliveryFeed {
     while (slot < flights_.size() && flights_[slot].used) ++slot;
     if (slot == flights_.size()) flights_.emplace_back();
     Flight& flight = flights_[slot];
+    // With answers to tend on the wire, a look that only settles requests
+    // (reads them back to find they wait for a host that backs off) stops
+    // early: a restored backlog of thousands would keep a probe's answer
+    // waiting for all of them.
+    const bool onTheWire = std::any_of(flights_.begin(), flights_.end(),
+                                       [](const Flight& f) { return f.used; });
     executor_.mutex_.lock();
-    const bool taken = executor_.nextFlight(flight, unit_(random_));
+    const bool taken = executor_.nextFlight(flight, unit_(random_),
+                                            onTheWire ? kSettledPerLookOnTheWire : SIZE_MAX,
+                                            yielded_);
     executor_.mutex_.unlock();
     if (!taken) return false;
     flight.used = true;
@@ -281,6 +294,8 @@ class DurableRequestExecutor::SenderFeed final : public DeliveryFeed {
     job.url = &flight.url;
     return true;
   }
+
+  bool askAgainSoon() const override { return yielded_; }
 
   void done(uint64_t tag, DeliveryResponse response) override {
     if (tag >= flights_.size() || !flights_[tag].used) return;  // not one it handed out
@@ -301,10 +316,17 @@ class DurableRequestExecutor::SenderFeed final : public DeliveryFeed {
   std::minstd_rand random_;
   std::uniform_real_distribution<double> unit_{0.0, 1.0};
   bool tookAny_ = false;
+  bool yielded_ = false;  // the last look stopped early
 };
 
-bool DurableRequestExecutor::nextFlight(Flight& flight, double jitter) {
-  for (;;) {
+bool DurableRequestExecutor::nextFlight(Flight& flight, double jitter, size_t settleBudget,
+                                        bool& yielded) {
+  yielded = false;
+  for (size_t settled = 0;; ++settled) {
+    if (settled == settleBudget) {
+      yielded = true;
+      return false;
+    }
     deliverEvents();
     if (stopping_) return false;
     adoptHandoffs();

@@ -6,12 +6,7 @@ namespace korvel::network::internal {
 
 HttpResponse httpGet(const std::string& url, std::chrono::milliseconds timeout) {
   thread_local WinHttpClient client;
-  WinHttpRequest request;
-  request.timeout = timeout;
-  request.connectTimeout = timeout;
-  request.maxRedirects = 0;  // as libcurl does unless told otherwise
-  request.keepBody = true;
-  WinHttpResponse answer = client.get(url, request);
+  WinHttpResponse answer = client.get(url, documentRequest(timeout));
   HttpResponse response;
   response.status = answer.status;
   response.body = std::move(answer.body);

@@ -123,6 +123,15 @@ std::optional<std::string> header(HINTERNET request, DWORD query) {
 
 }  // namespace
 
+WinHttpRequest documentRequest(std::chrono::milliseconds timeout) {
+  WinHttpRequest request;
+  request.timeout = timeout;
+  request.connectTimeout = timeout;
+  request.maxRedirects = 0;
+  request.keepBody = true;
+  return request;
+}
+
 struct WinHttpClient::Impl {
   Handle session;
   Handle connection;

@@ -38,6 +38,10 @@ class DeliveryFeed {
   virtual bool next(DeliveryJob& job) = 0;
   // The answer to the request handed out with tag.
   virtual void done(uint64_t tag, DeliveryResponse response) = 0;
+  // After next() said false: whether it stopped early, with more to look
+  // at, so that the transport tends the requests it has on the wire first;
+  // it should ask again as soon as it has, without waiting for an answer.
+  virtual bool askAgainSoon() const { return false; }
 
  protected:
   ~DeliveryFeed() = default;

@@ -289,8 +289,11 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // host's backoff applied): true when it goes to the transport. Requests
   // settled without a transfer (unreadable, held while their host backs
   // off, oversize, without an endpoint) are settled on the way; false when
-  // nothing is left to send now. mutex_ is let go meanwhile.
-  bool nextFlight(Flight& flight, double jitter) KORVEL_REQUIRES(mutex_);
+  // nothing is left to send now, or when settleBudget requests were settled
+  // on the way and more may follow (yielded: the sender has answers to
+  // tend). mutex_ is let go meanwhile.
+  bool nextFlight(Flight& flight, double jitter, size_t settleBudget, bool& yielded)
+      KORVEL_REQUIRES(mutex_);
   // Settles the answer to a request nextFlight handed out.
   void landFlight(Flight& flight, DeliveryVerdict verdict, const DeliveryResponse& response,
                   double jitter) KORVEL_REQUIRES(mutex_);

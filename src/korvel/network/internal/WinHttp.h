@@ -22,6 +22,11 @@ struct WinHttpRequest {
   const std::atomic<bool>* cancelled = nullptr;
 };
 
+// A GET for a small document whose body is wanted (httpGet, the
+// configuration fetch): `timeout` for connecting and for each wait, and a
+// redirect is the answer, as libcurl does unless told otherwise.
+WinHttpRequest documentRequest(std::chrono::milliseconds timeout);
+
 struct WinHttpResponse {
   long status = 0;             // 0 when no answer arrived
   bool reachedServer = false;  // false: no connection was made (or cancelled)
