@@ -233,6 +233,27 @@ TEST_F(KVRBeaconURLTest, ABeaconReadBackGoesOutWithItsRecordsURL) {
     configure({"https://b.example.com/b/{inid}/{appversion}/{devicemodel}?x=1", "I", "m", "1.0"});
   }
 
+  // A name twice in the stored parameters (the later value wins in its
+  // place, as the record reads it): left to the record.
+  {
+    KeyedArchiver coder;
+    coder.encodeObject("$class", std::string("KVRUserEventBeacon"));
+    coder.encodeObject("parameters", KVRParameters{{"n1", "first"}, {"zz", "x"}, {"n2", "second"}});
+    coder.encodeDouble("creationTimestamp", 1700000000.0);
+    coder.encodeObject("uuid", std::string("U-twice"));
+    coder.encodeInt("beaconType", KVRBeaconTypeUserEvent);
+    std::string payload = coder.encodedData();
+    const size_t second = payload.find("n2");
+    ASSERT_NE(second, std::string::npos);
+    payload[second + 1] = '1';  // {"n1": "first", "zz": "x", "n1": "second"}
+    const auto restored = KVNRequestRestorers::restore(kind, payload);
+    const auto readBack = KVNReloadRequest(kind, payload);
+    ASSERT_TRUE(restored && readBack);
+    EXPECT_EQ(readBack->buildEndpoint()->urlString(), restored->buildEndpoint()->urlString());
+    EXPECT_NE(readBack->buildEndpoint()->urlString().find("&n1=second&zz=x"), std::string::npos)
+        << readBack->buildEndpoint()->urlString();
+  }
+
   // Damaged archives are no requests, whichever way they are read.
   KeyedArchiver coder;
   coder.encodeObject("$class", std::string("KVRUserEventBeacon"));

@@ -535,15 +535,25 @@ std::optional<ArchivedBeacon> readArchivedBeacon(std::string_view payload) {
       }
       parameters = at;
       parameterCount = head.argument;
-      // Each value of a kind this path writes, and no name twice.
+      // Each value of a kind this path writes, and no name twice. Names
+      // are compared only where a cheap fingerprint of theirs (length and
+      // ends) was seen before.
       std::string_view names[64];
+      uint64_t fingerprints[4] = {0, 0, 0, 0};
       for (uint64_t p = 0; p < parameterCount; ++p) {
         std::string_view name;
-        if (p >= std::size(names) || !readText(at, end, name) ||
-            std::find(names, names + p, name) != names + p ||
-            !appendArchivedValue(at, end, nullptr)) {
+        if (p >= std::size(names) || !readText(at, end, name)) return std::nullopt;
+        const size_t bit =
+            name.empty() ? 0
+                         : (name.size() * 31 + static_cast<unsigned char>(name.front()) * 7 +
+                            static_cast<unsigned char>(name.back())) & 255;
+        uint64_t& word = fingerprints[bit / 64];
+        const uint64_t mask = uint64_t{1} << (bit % 64);
+        if ((word & mask) != 0 && std::find(names, names + p, name) != names + p) {
           return std::nullopt;
         }
+        word |= mask;
+        if (!appendArchivedValue(at, end, nullptr)) return std::nullopt;
         names[p] = name;
       }
     } else if (!skipItem(at, end, 0)) {
