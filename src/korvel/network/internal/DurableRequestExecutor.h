@@ -15,7 +15,9 @@
 // journal and restored (KVNReloadRequest, which announces no creation
 // again) when its turn to be sent comes, so memory stays flat with
 // the backlog. Held whole are only requests without a restoration payload
-// and, while few are ready and nothing backs off, the ones about to go out.
+// and, while nothing backs off, the ones about to go out, as long as the
+// ready ones' stored frames come to no more than 128 KiB (the first of a
+// burst).
 //
 // Senders (one thread whose libcurl transport keeps up to
 // Options::concurrency requests on the wire through keep-alive
