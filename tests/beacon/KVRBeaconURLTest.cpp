@@ -268,6 +268,45 @@ TEST_F(KVRBeaconURLTest, ABeaconReadBackGoesOutWithItsRecordsURL) {
   EXPECT_FALSE(KVNReloadRequest(kind, whole + "x"));
 }
 
+// A beacon sent from the request its report call handed over and the same
+// beacon read back from what was stored go out with the same URL.
+TEST_F(KVRBeaconURLTest, SentFromMemoryOrReadBackTheURLIsTheSame) {
+  configure({"https://b.example.com/b/{inid}/{appversion}/{devicemodel}?x=1", "I", "iPhone14,2",
+             "1.0"});
+  struct Report {
+    KVRBeaconType type;
+    KVRParameters parameters;
+    std::optional<std::string> event;
+  };
+  const std::vector<Report> reports = {
+      {KVRBeaconTypeUserEvent, {{"type", "share"}, {"n", 3}, {"d", 0.1}, {"b", true}}, std::nullopt},
+      {KVRBeaconTypeUserEvent, {{"nested", KVRParameters{{"k", "v"}}}, {"l", KVRList{1, "x"}}},
+       std::nullopt},
+      {KVRBeaconTypeWebInitiated, {{"hostile", "a&b=c d/\xE2\x82\xAC"}}, "web event/1"},
+      {KVRBeaconTypeWatchTagged, {{"w", "1"}}, std::nullopt},
+      {KVRBeaconTypeStartup, {{kKVRTagDuration, 1.5}}, std::nullopt},
+  };
+  for (const auto& report : reports) {
+    if (report.event) {
+      ASSERT_TRUE(KVRBeacon::sendBeaconOfType(report.type, report.parameters, report.event));
+    } else {
+      ASSERT_TRUE(KVRBeacon::sendBeaconOfType(report.type, report.parameters));
+    }
+  }
+  const auto requests = executor_->requests();
+  ASSERT_EQ(requests.size(), reports.size());
+  for (size_t i = 0; i < requests.size(); ++i) {
+    SCOPED_TRACE(i);
+    const auto payload = requests[i].restorationPayload();
+    ASSERT_TRUE(payload);
+    const auto readBack = KVNReloadRequest(requests[i].restorationKind(), *payload);
+    ASSERT_TRUE(readBack);
+    const auto fromMemory = requests[i].buildEndpoint();
+    ASSERT_TRUE(fromMemory);
+    EXPECT_EQ(readBack->buildEndpoint()->urlString(), fromMemory->urlString());
+  }
+}
+
 TEST(KVRBeaconTimestampTest, CreationTimestampPrintsAsPrintfRoundsIt) {
   const double values[] = {0.0,
                            -0.0,
