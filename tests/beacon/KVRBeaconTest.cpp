@@ -8,15 +8,16 @@
 #include <atomic>
 #include <climits>
 #include <limits>
-#include <mutex>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNNetwork.h>
 #include <korvel/foundation/KeyedArchive.h>
+#include "support/NotificationLog.h"
 #include "support/TestEnv.h"
 #include "support/WireText.h"
 
@@ -24,6 +25,7 @@ namespace korvel {
 namespace {
 
 using testing::CapturingExecutor;
+using testing::NotificationLog;
 using testing::decodeWireBeacon;
 using testing::WireBeacon;
 using Items = std::vector<std::pair<std::string, std::string>>;
@@ -39,58 +41,6 @@ Names queryNames(const WireBeacon& beacon) {
   for (const auto& item : beacon.query) names.push_back(item.first);
   return names;
 }
-
-// Every created and submitted notification posted on a centre, in order.
-class NotificationLog {
- public:
-  struct Entry {
-    std::string name;
-    std::any object;
-    std::thread::id thread;
-  };
-
-  explicit NotificationLog(platform::NotificationCenter& center) {
-    for (auto name : {KVRReliableNetworkingTaskCreatedNotification,
-                      KVRReliableNetworkingTaskSubmittedNotification}) {
-      registrations_.emplace_back(
-          center, center.addObserver(std::string(name), [this](const platform::Notification& n) {
-            std::lock_guard lock(mutex_);
-            entries_.push_back({std::string(n.name), n.object, std::this_thread::get_id()});
-          }));
-    }
-  }
-
-  std::vector<Entry> entries() const {
-    std::lock_guard lock(mutex_);
-    return entries_;
-  }
-  std::vector<Entry> named(std::string_view name) const {
-    std::vector<Entry> out;
-    for (auto& e : entries()) {
-      if (e.name == name) out.push_back(e);
-    }
-    return out;
-  }
-  std::vector<KVRParameters> created() const {
-    std::vector<KVRParameters> out;
-    for (auto& e : named(KVRReliableNetworkingTaskCreatedNotification)) {
-      out.push_back(std::any_cast<KVRParameters>(e.object));
-    }
-    return out;
-  }
-  std::vector<std::shared_ptr<const KVRReliableNetworkingTask>> submitted() const {
-    std::vector<std::shared_ptr<const KVRReliableNetworkingTask>> out;
-    for (auto& e : named(KVRReliableNetworkingTaskSubmittedNotification)) {
-      out.push_back(std::any_cast<std::shared_ptr<const KVRReliableNetworkingTask>>(e.object));
-    }
-    return out;
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<Entry> entries_;
-  std::vector<platform::ObserverRegistration> registrations_;
-};
 
 class KVRBeaconTest : public testing::BeaconTest {
  protected:
@@ -134,7 +84,8 @@ TEST_F(KVRBeaconTest, DeviceModelPerType) {
       {KVRBeaconTypeTestTagged, "/I/1.0/iPhone14%2C2/testtagged"},
       {KVRBeaconTypeAutoTag, "/I/1.0/iPhone14%2C2/autotag"},
   };
-  for (const auto& c : cases) KVRBeacon::sendBeaconOfType(c.type, {});
+  // A type with an event of its own ignores the caller's.
+  for (const auto& c : cases) KVRBeacon::sendBeaconOfType(c.type, {}, "foo");
   auto beacons = sent();
   ASSERT_EQ(beacons.size(), cases.size());
   for (size_t i = 0; i < cases.size(); ++i) {
@@ -145,7 +96,7 @@ TEST_F(KVRBeaconTest, DeviceModelPerType) {
   // Every comma of the model is encoded.
   executor_->clear();
   configure(kReferenceTemplate, "I", "Mac,1,2");
-  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {});
+  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {}, "foo");
   KVRBeacon::sendBeaconOfType(KVRBeaconTypeWatchTagged, {});
   beacons = sent();
   ASSERT_EQ(beacons.size(), 2u);
@@ -347,10 +298,9 @@ TEST_F(KVRBeaconTest, CreatedThenSubmittedWithTheirPayloads) {
   // Submitted: the record itself, the one whose uuid was returned.
   ASSERT_EQ(entries[1].object.type(), typeid(std::shared_ptr<const KVRReliableNetworkingTask>));
   const auto record = log.submitted().at(0);
-  EXPECT_EQ(record->uuid(), uuid);
-  EXPECT_EQ(record->event(), "userevent");
+  EXPECT_EQ(std::tuple(record->uuid(), record->event(), record->className()),
+            std::tuple(uuid, "userevent", "KVRUserEventBeacon"));
   EXPECT_EQ(record->parameters(), (KVRParameters{{"a", "b"}}));
-  EXPECT_EQ(record->className(), "KVRUserEventBeacon");
   EXPECT_EQ(submitted().at(0).get(), record.get());
   EXPECT_EQ(onlySent().value("clientbeaconuuid"), uuid);
 }
@@ -383,15 +333,6 @@ TEST_F(KVRBeaconTest, WebInitiatedWithoutEventHasNoEventComponent) {
   const auto beacon = onlySent();
   EXPECT_EQ(beacon.path, "/b/I/1.0/iPhone14%2C2");
   EXPECT_EQ(queryNames(beacon), (Names{"clientcreationtimestamp", "clientbeaconuuid", "a", "x"}));
-}
-
-TEST_F(KVRBeaconTest, ConstantEventsIgnoreTheCallersEvent) {
-  KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {}, "foo");
-  KVRBeacon::sendBeaconOfType(KVRBeaconTypeTestTagged, {}, "foo");
-  const auto beacons = sent();
-  ASSERT_EQ(beacons.size(), 2u);
-  EXPECT_EQ(beacons[0].event, "userevent");
-  EXPECT_EQ(beacons[1].event, "testtagged");
 }
 
 TEST_F(KVRBeaconTest, PinnedUUIDIsTheIdentifierAndIsSentOnce) {
@@ -447,10 +388,9 @@ TEST_F(KVRBeaconTest, RequestSettings) {
   const auto requests = executor_->requests();
   ASSERT_EQ(requests.size(), 2u);
   for (const auto& r : requests) {
-    EXPECT_EQ(r.httpMethod(), KVNNetworkRequestHTTPMethodGET);
-    EXPECT_EQ(r.backgroundSessionRetryCount(), 3);
-    EXPECT_EQ(r.priority(), 1);
-    EXPECT_EQ(r.configurationPolicy(), 2);
+    EXPECT_EQ(std::tuple(r.httpMethod(), r.backgroundSessionRetryCount(), r.priority(),
+                         r.configurationPolicy()),
+              std::tuple(KVNNetworkRequestHTTPMethodGET, 3, 1, 2));
     EXPECT_TRUE(r.endpointBuilderBlock() != nullptr);
   }
 }
@@ -555,9 +495,7 @@ TEST_F(KVRBeaconTest, BackgroundSessionIsMadeOnceOnFirstUse) {
   EXPECT_EQ(session->count(), 2u);
   EXPECT_EQ(KVRBeacon::backgroundSession(), session);
   EXPECT_EQ(executor_->count(), 0u);
-}
 
-TEST_F(KVRBeaconTest, BackgroundSessionIdentifierWithoutBundle) {
   env_.setMainBundleIdentifier(std::nullopt);
   KVRBeacon::setBackgroundSession(nullptr);
   EXPECT_EQ(KVRBeacon::backgroundSession()->backgroundSessionIdentifier(),

@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <any>
 #include <charconv>
 #include <limits>
-#include <mutex>
+#include <optional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <korvel/beacon/KVRBeaconTypes.h>
@@ -14,6 +14,7 @@
 #include <korvel/beacon/KVRUserSession.h>
 #include <korvel/foundation/KVNRequestReload.h>
 #include <korvel/foundation/KeyedArchive.h>
+#include "support/NotificationLog.h"
 #include "support/TestEnv.h"
 
 namespace korvel {
@@ -26,24 +27,14 @@ class KVRReliableNetworkingTaskTest : public testing::BeaconTest {
  protected:
   void SetUp() override {
     BeaconTest::SetUp();
-    auto& center = env_.notificationCenter();
-    created_ = platform::ObserverRegistration(
-        center, center.addObserver(std::string(KVRReliableNetworkingTaskCreatedNotification),
-                                   [this](const platform::Notification& n) {
-                                     std::lock_guard lock(mutex_);
-                                     created_list_.push_back(
-                                         std::any_cast<KVRParameters>(n.object));
-                                   }));
+    log_.emplace(env_.notificationCenter());
   }
   void TearDown() override {
-    created_.reset();
+    log_.reset();
     BeaconTest::TearDown();
   }
 
-  std::vector<KVRParameters> created() const {
-    std::lock_guard lock(mutex_);
-    return created_list_;
-  }
+  std::vector<KVRParameters> created() const { return log_->created(); }
 
   template <class T = KVRUserEventBeacon>
   std::shared_ptr<T> makeRecord(const KVRParameters& parameters, bool withSession = true) {
@@ -51,14 +42,18 @@ class KVRReliableNetworkingTaskTest : public testing::BeaconTest {
     return KVRReliableNetworkingTask::make<T>(parameters, withSession ? &session : nullptr);
   }
 
+  // What a record carries besides its parameters.
+  static auto fields(const KVRReliableNetworkingTask& t) {
+    return std::tuple(t.className(), t.event(), t.uuid(), t.creationTimestamp(), t.debugInid(),
+                      t.appVersion());
+  }
+
   static void setInid(std::optional<std::string> inid) {
     KVNConfiguration::sharedInstance().setInid(std::move(inid));
   }
 
  private:
-  mutable std::mutex mutex_;
-  std::vector<KVRParameters> created_list_;
-  platform::ObserverRegistration created_;
+  std::optional<testing::NotificationLog> log_;
 };
 
 TEST_F(KVRReliableNetworkingTaskTest, CreationMergesCommonParametersOverTheCallers) {
@@ -79,11 +74,9 @@ TEST_F(KVRReliableNetworkingTaskTest, CreationMergesCommonParametersOverTheCalle
   EXPECT_EQ(task->parameters().stringForKey("sessionid"), "SESSION");
   EXPECT_EQ(task->parameters().stringForKey("screenname"), "mine");
 
-  EXPECT_EQ(task->uuid(), kUUID);
-  EXPECT_EQ(task->creationTimestamp(), 1700000123.25);
+  EXPECT_EQ(fields(*task), std::tuple("KVRUserEventBeacon", "userevent", kUUID, 1700000123.25,
+                                      "TEST-INID", "9.9"));
   EXPECT_EQ(task->inid(), "TEST-INID");
-  EXPECT_EQ(task->debugInid(), "TEST-INID");
-  EXPECT_EQ(task->appVersion(), "9.9");
   EXPECT_FALSE(task->hasINIDExpired());
 }
 
@@ -143,9 +136,9 @@ TEST_F(KVRReliableNetworkingTaskTest, CreationIsAnnouncedOnceWithTheStampedRecor
   const auto* wire = all[0].find("parameters")->asDictionary();
   ASSERT_NE(wire, nullptr);
   EXPECT_EQ(wire->keys(), (Names{"a", "clientcreationtimestamp", "clientbeaconuuid", "inid"}));
-  EXPECT_EQ(wire->stringForKey("clientcreationtimestamp"), "1700000001");
-  EXPECT_EQ(wire->stringForKey("clientbeaconuuid"), kUUID);
-  EXPECT_EQ(wire->stringForKey("inid"), "TEST-INID");
+  EXPECT_EQ(std::tuple(wire->stringForKey("clientcreationtimestamp"),
+                       wire->stringForKey("clientbeaconuuid"), wire->stringForKey("inid")),
+            std::tuple("1700000001", kUUID, "TEST-INID"));
 }
 
 TEST_F(KVRReliableNetworkingTaskTest, RecordMadeBeforeConfigurationPicksUpTheInidLater) {
@@ -263,13 +256,9 @@ TEST_F(KVRReliableNetworkingTaskTest, ArchiveRoundTripKeepsTheRecord) {
 
   const auto decoded = KVRReliableNetworkingTask::unarchive(data);
   ASSERT_NE(decoded, nullptr);
-  EXPECT_EQ(decoded->className(), "KVRUserEventBeacon");
   EXPECT_NE(std::dynamic_pointer_cast<KVRUserEventBeacon>(decoded), nullptr);
-  EXPECT_EQ(decoded->event(), "userevent");
-  EXPECT_EQ(decoded->uuid(), kUUID);
-  EXPECT_EQ(decoded->creationTimestamp(), 1700000000.75);
-  EXPECT_EQ(decoded->debugInid(), "RESOLVED");
-  EXPECT_EQ(decoded->appVersion(), "9.9");
+  EXPECT_EQ(fields(*decoded), std::tuple("KVRUserEventBeacon", "userevent", kUUID,
+                                         1700000000.75, "RESOLVED", "9.9"));
   EXPECT_EQ(decoded->parameters(), typed);
   EXPECT_EQ(decoded->parameters().keys(), typed.keys());
   EXPECT_EQ(decoded->parameters().find("u")->kind(), KVRValue::Kind::UInt);
@@ -393,11 +382,12 @@ TEST_F(KVRReliableNetworkingTaskTest, ArchivesMissingFieldsKeepTheInitialisersVa
     const bool lost = row.field != Field::None;
     EXPECT_EQ(decoded->parameters(),
               lost && row.field == Field::Parameters ? KVRParameters{} : archived);
-    EXPECT_EQ(decoded->creationTimestamp(),
-              lost && row.field == Field::Time ? 1800000000.5 : 1700000000.25);
-    EXPECT_EQ(decoded->uuid(), lost && row.field == Field::UUID ? kFresh : kUUID);
-    EXPECT_EQ(decoded->debugInid(), lost && row.field == Field::Inid ? "CURRENT" : "OLD-INID");
-    EXPECT_EQ(decoded->appVersion(), lost && row.field == Field::AppVersion ? "10.0" : "8.0");
+    EXPECT_EQ(fields(*decoded),
+              std::tuple("KVRPageViewBeacon", "pageview",
+                         lost && row.field == Field::UUID ? kFresh : kUUID,
+                         lost && row.field == Field::Time ? 1800000000.5 : 1700000000.25,
+                         lost && row.field == Field::Inid ? "CURRENT" : "OLD-INID",
+                         lost && row.field == Field::AppVersion ? "10.0" : "8.0"));
   }
 }
 
@@ -482,14 +472,11 @@ TEST_F(KVRReliableNetworkingTaskTest, CopyCarriesTheWireFieldsOnly) {
   const auto copy = original->copy();
   EXPECT_EQ(created().size(), announced);  // a copy is not announced
   ASSERT_NE(std::dynamic_pointer_cast<KVRPageViewBeacon>(copy), nullptr);
-  EXPECT_EQ(copy->className(), "KVRPageViewBeacon");
   EXPECT_EQ(copy->parameters(), original->parameters());
-  EXPECT_EQ(copy->uuid(), original->uuid());
-  EXPECT_EQ(copy->creationTimestamp(), original->creationTimestamp());
-  EXPECT_EQ(copy->event(), "pageview");
-  EXPECT_TRUE(copy->isValid());
   // The copy stores the inid resolved at copy time, not the marker.
-  EXPECT_EQ(copy->debugInid(), "RESOLVED");
+  EXPECT_EQ(fields(*copy), std::tuple("KVRPageViewBeacon", "pageview", original->uuid(),
+                                      original->creationTimestamp(), "RESOLVED", "9.9"));
+  EXPECT_TRUE(copy->isValid());
   EXPECT_FALSE(original->commonParameters().empty());
   EXPECT_TRUE(copy->commonParameters().empty());
   EXPECT_TRUE(copy->nonCommonParameters().empty());

@@ -10,6 +10,7 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <korvel/beacon/KVRBeacon.h>
@@ -223,16 +224,6 @@ TEST_F(KVRUserSessionTest, VetoSuppressesTheBeaconButTheSessionStillEnds) {
   EXPECT_EQ(sentWithEvent("usersession").size(), 1u);
 }
 
-TEST_F(KVRUserSessionTest, WithoutDelegateTheSessionBeaconIsStillSent) {
-  KVRUserSession::startSession();
-  env_.advanceMonotonic(kSecond);
-  KVRUserSession::endSession();
-  const auto sessions = sentWithEvent("usersession");
-  ASSERT_EQ(sessions.size(), 1u);
-  EXPECT_EQ(sessions[0].value("duration"), "1");
-  EXPECT_EQ(sessions[0].value("darkmode"), "0");
-}
-
 TEST_F(KVRUserSessionTest, ResetEndsThenStarts) {
   KVRUserSession::startSession();
   const auto before = KVRUserSession::sessionID();
@@ -246,14 +237,25 @@ TEST_F(KVRUserSessionTest, ResetEndsThenStarts) {
   EXPECT_EQ(KVRUserSession::sessionTimer().elapsedTimeForKey("kKVRUserSessionTimer"), 4.0);
 }
 
-TEST_F(KVRUserSessionTest, CommonParametersWithDelegateInOrder) {
+TEST_F(KVRUserSessionTest, CommonParametersInOrder) {
   KVNConfiguration::sharedInstance().setDeviceSystemVersion("17.1");
   KVNConfiguration::setDeviceOSBuildNumber("21B74");
   KVNConfiguration::sharedInstance().setBeaconParameters({{"srv", "1"}, {"micon", "server"}});
   KVRUserSession::setSessionID("SID");
-  useFullDelegate();
   KVRUserSession::addAdditionalReportingParametersToCurrentSession({{"sp", "x"}});
+  // Without a delegate, or with one that has no global data, only these.
+  EXPECT_EQ(described(common()), (Items{{"sessionid", "SID"},
+                                        {"osversion", "17.1"},
+                                        {"buildnum", "21B74"},
+                                        {"srv", "1"},
+                                        {"micon", "server"},
+                                        {"sp", "x"}}));
+  EXPECT_EQ(KVRUserSession().currentScreenName(), std::nullopt);
+  delegate_->setGlobal(std::nullopt);
+  KVRUserSession::setUserSessionDelegate(delegate_);
+  EXPECT_EQ(common().keys(), (Names{"sessionid", "osversion", "buildnum", "srv", "micon", "sp"}));
 
+  useFullDelegate();
   const Items expected = {
       {"aa", "1"},
       {"sessionid", "SID"},
@@ -279,31 +281,13 @@ TEST_F(KVRUserSessionTest, CommonParametersWithDelegateInOrder) {
   Items wire = {{"type", "share"}, {"value", "3"}};
   wire.insert(wire.end(), expected.begin(), expected.end());
   EXPECT_EQ(onlySent().parameters(), wire);
-}
-
-TEST_F(KVRUserSessionTest, CommonParametersWithoutDelegate) {
-  KVNConfiguration::sharedInstance().setDeviceSystemVersion("17.1");
-  KVNConfiguration::setDeviceOSBuildNumber("21B74");
-  KVNConfiguration::sharedInstance().setBeaconParameters({{"srv", "1"}});
-  KVRUserSession::setSessionID("SID");
-  KVRUserSession::addAdditionalReportingParametersToCurrentSession({{"sp", "x"}});
-  EXPECT_EQ(described(common()), (Items{{"sessionid", "SID"},
-                                        {"osversion", "17.1"},
-                                        {"buildnum", "21B74"},
-                                        {"srv", "1"},
-                                        {"sp", "x"}}));
-  EXPECT_EQ(KVRUserSession().currentScreenName(), std::nullopt);
-
-  // A delegate without global data adds nothing either.
-  delegate_->setGlobal(std::nullopt);
-  KVRUserSession::setUserSessionDelegate(delegate_);
-  EXPECT_EQ(common().keys(), (Names{"sessionid", "osversion", "buildnum", "srv", "sp"}));
 
   // Missing values leave their keys out.
+  KVRUserSession::setUserSessionDelegate(nullptr);
   KVRUserSession::setSessionID(std::nullopt);
   KVNConfiguration::sharedInstance().setDeviceSystemVersion(std::nullopt);
   KVNConfiguration::setDeviceOSBuildNumber(std::nullopt);
-  EXPECT_EQ(common().keys(), (Names{"srv", "sp"}));
+  EXPECT_EQ(common().keys(), (Names{"srv", "micon", "sp"}));
 }
 
 TEST_F(KVRUserSessionTest, LaterStepsOverwriteEarlierOnes) {
@@ -313,9 +297,9 @@ TEST_F(KVRUserSessionTest, LaterStepsOverwriteEarlierOnes) {
   KVNConfiguration::sharedInstance().setBeaconParameters(
       {{"sessionid", "server-sid"}, {"osversion", "server-os"}, {"aa", "server-aa"}});
   auto p = common();
-  EXPECT_EQ(p.stringForKey("sessionid"), "server-sid");
-  EXPECT_EQ(p.stringForKey("osversion"), "server-os");
-  EXPECT_EQ(p.stringForKey("aa"), "server-aa");
+  EXPECT_EQ(std::tuple(p.stringForKey("sessionid"), p.stringForKey("osversion"),
+                       p.stringForKey("aa")),
+            std::tuple("server-sid", "server-os", "server-aa"));
   EXPECT_EQ(p.keys().front(), "aa");  // still first: overwritten in place
 
   KVRUserSession::addAdditionalReportingParametersToCurrentSession(
@@ -396,14 +380,13 @@ TEST_F(KVRUserSessionTest, SessionParametersLastUntilTheSessionEnds) {
 
   const auto beacons = sent();
   ASSERT_EQ(beacons.size(), 3u);
-  EXPECT_EQ(beacons[0].value("sessionid"), "OVERRIDE");
-  EXPECT_EQ(beacons[0].value("extra"), "2");
   // The session beacon still carries them; they are cleared after it.
-  EXPECT_EQ(beacons[1].event, "usersession");
-  EXPECT_EQ(beacons[1].value("sessionid"), "OVERRIDE");
-  EXPECT_EQ(beacons[1].value("extra"), "2");
-  EXPECT_EQ(beacons[2].value("sessionid"), id);
-  EXPECT_EQ(beacons[2].value("extra"), std::nullopt);
+  const auto carried = [](const testing::WireBeacon& b) {
+    return std::tuple(b.event, b.value("sessionid"), b.value("extra"));
+  };
+  EXPECT_EQ(carried(beacons[0]), std::tuple("userevent", "OVERRIDE", "2"));
+  EXPECT_EQ(carried(beacons[1]), std::tuple("usersession", "OVERRIDE", "2"));
+  EXPECT_EQ(carried(beacons[2]), std::tuple("userevent", id, std::nullopt));
 }
 
 TEST_F(KVRUserSessionTest, SessionBeaconParametersInOrder) {
@@ -431,41 +414,20 @@ TEST_F(KVRUserSessionTest, SessionBeaconParametersInOrder) {
             (Items{{"sessionid", "SID"}, {"darkmode", "0"}}));
 }
 
-TEST_F(KVRUserSessionTest, WatchAndLibrarySyncStateWords) {
+TEST_F(KVRUserSessionTest, WatchStateWords) {
   useFullDelegate();
-  struct Case {
-    uint64_t state;
-    std::optional<std::string> word;
-  };
-  const std::vector<Case> watch = {
-      {0, std::nullopt},
-      {1, "watch_no_app"},
-      {2, "app_no_complication"},
-      {3, "app_and_complication"},
-      {4, std::nullopt},
+  // The library sync states are worded with the library sync reporter's.
+  const std::vector<std::pair<uint64_t, std::optional<std::string>>> cases = {
+      {0, std::nullopt}, {1, "watch_no_app"}, {2, "app_no_complication"},
+      {3, "app_and_complication"}, {4, std::nullopt},
       {std::numeric_limits<uint64_t>::max(), std::nullopt},
   };
-  for (const auto& c : watch) {
+  for (const auto& [state, word] : cases) {
     auto data = fullSessionData();
-    data.setWatchState(c.state);
+    data.setWatchState(state);
     delegate_->setSessionData(data);
     const auto p = KVRUserSession::sessionParametersWithDuration(KVRValue(1));
-    EXPECT_EQ(p.stringForKey("watchstate"), c.word) << "watch state " << c.state;
-  }
-  // States 3 to 8 name library sync providers and are covered with them.
-  const std::vector<Case> librarySync = {
-      {0, std::nullopt},
-      {1, "original"},
-      {2, "e2ee"},
-      {9, std::nullopt},
-      {std::numeric_limits<uint64_t>::max(), std::nullopt},
-  };
-  for (const auto& c : librarySync) {
-    auto data = fullSessionData();
-    data.setLibrarySyncSessionState(c.state);
-    delegate_->setSessionData(data);
-    const auto p = KVRUserSession::sessionParametersWithDuration(KVRValue(1));
-    EXPECT_EQ(p.stringForKey("icloudstatus"), c.word) << "library sync state " << c.state;
+    EXPECT_EQ(p.stringForKey("watchstate"), word) << state;
   }
 }
 
@@ -511,10 +473,9 @@ TEST_F(KVRUserSessionTest, SessionBeaconOnTheWireCarriesEachKeyOnce) {
   for (const auto& [key, value] : beacon.query) {
     EXPECT_TRUE(seen.insert(key).second) << key << " sent twice";
   }
-  EXPECT_EQ(beacon.value("duration"), "5");
-  EXPECT_EQ(beacon.value("osnoteon"), "authorized");
-  EXPECT_EQ(beacon.value("aa"), "1");
-  EXPECT_EQ(beacon.value("autoaddon"), "on");
+  EXPECT_EQ(std::tuple(beacon.value("duration"), beacon.value("osnoteon"), beacon.value("aa"),
+                       beacon.value("autoaddon")),
+            std::tuple("5", "authorized", "1", "on"));
 }
 
 TEST_F(KVRUserSessionTest, StartupReporter) {

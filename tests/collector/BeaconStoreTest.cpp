@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace korvel::tools {
@@ -191,15 +192,11 @@ TEST(BeaconStoreTest, KeepsTheDecodedBeacon) {
   w.rest = "screenname=search+results&type=scroll";
   store->add({kNowMs, 204, w.target()});
   const json beacon = newest(*store);
-  EXPECT_EQ(beacon["event"], "pageview");
-  EXPECT_EQ(beacon["type"], "scroll");
-  EXPECT_EQ(beacon["sessionid"], "S1");
-  EXPECT_EQ(beacon["uuid"], "UUID-1");
-  EXPECT_EQ(beacon["inid"], "INID-A");
-  EXPECT_EQ(beacon["appversion"], "14.2");
-  EXPECT_EQ(beacon["created"], static_cast<double>(kNowSeconds - 5));
-  EXPECT_EQ(beacon["received"], kNowMs);
-  EXPECT_EQ(beacon["target"], w.target());
+  const json expected = {{"event", "pageview"},  {"type", "scroll"},    {"sessionid", "S1"},
+                         {"uuid", "UUID-1"},     {"inid", "INID-A"},    {"appversion", "14.2"},
+                         {"created", static_cast<double>(kNowSeconds - 5)},
+                         {"received", kNowMs},   {"target", w.target()}};
+  for (const auto& [key, value] : expected.items()) EXPECT_EQ(beacon[key], value) << key;
   EXPECT_EQ(beacon["params"][3], json::array({"screenname", "search results"}));
 }
 
@@ -315,27 +312,24 @@ TEST(BeaconFilterTest, RejectsValuesThatDoNotParse) {
 
 TEST_F(BeaconStoreFilterTest, CountsByVerdictEventAndType) {
   const json counts = store_->counts();
-  EXPECT_EQ(counts["total"], 5);
-  EXPECT_EQ(counts["good"], 3);
-  EXPECT_EQ(counts["retry"], 1);
-  EXPECT_EQ(counts["bad"], 1);
-  EXPECT_EQ(counts["events"]["userevent"]["total"], 2);
-  EXPECT_EQ(counts["events"]["userevent"]["types"]["scroll"], 1);
-  EXPECT_EQ(counts["events"]["userevent"]["types"]["share"], 1);
-  EXPECT_EQ(counts["events"]["pageview"]["total"], 2);
-  EXPECT_EQ(counts["events"]["bogus"]["total"], 1);
+  EXPECT_EQ(std::tuple(counts["total"], counts["good"], counts["retry"], counts["bad"]),
+            std::tuple(5, 3, 1, 1));
+  const json& events = counts["events"];
+  EXPECT_EQ(std::tuple(events["userevent"]["total"], events["userevent"]["types"]["scroll"],
+                       events["userevent"]["types"]["share"], events["pageview"]["total"],
+                       events["bogus"]["total"]),
+            std::tuple(2, 1, 1, 2, 1));
 }
 
 TEST_F(BeaconStoreFilterTest, SessionsAndTheirTimelines) {
   const json sessions = store_->sessions(10);
   ASSERT_EQ(sessions.size(), 2u);
-  EXPECT_EQ(sessions[0]["sessionid"], "S1");  // its newest beacon is the newest of all
-  EXPECT_EQ(sessions[0]["beacons"], 3);
-  EXPECT_EQ(sessions[0]["bad"], 0);
-  EXPECT_EQ(sessions[1]["sessionid"], "S2");
-  EXPECT_EQ(sessions[1]["bad"], 1);
-  EXPECT_EQ(sessions[1]["first"], kNowMs + 20);
-  EXPECT_EQ(sessions[1]["last"], kNowMs + 30);
+  // S1 first: its newest beacon is the newest of all.
+  EXPECT_EQ(std::tuple(sessions[0]["sessionid"], sessions[0]["beacons"], sessions[0]["bad"]),
+            std::tuple("S1", 3, 0));
+  EXPECT_EQ(std::tuple(sessions[1]["sessionid"], sessions[1]["bad"], sessions[1]["first"],
+                       sessions[1]["last"]),
+            std::tuple("S2", 1, kNowMs + 20, kNowMs + 30));
 
   const json s1 = store_->session("S1");
   ASSERT_EQ(s1["beacons"].size(), 3u);
@@ -349,8 +343,7 @@ TEST_F(BeaconStoreFilterTest, SessionsAndTheirTimelines) {
 TEST_F(BeaconStoreFilterTest, ResetForgetsEverythingButNotTheIds) {
   EXPECT_EQ(store_->resets(), 0u);
   EXPECT_EQ(store_->reset(), 5);
-  EXPECT_EQ(store_->resets(), 1u);
-  EXPECT_EQ(store_->count({}), 0);
+  EXPECT_EQ(std::pair(store_->resets(), store_->count({})), std::pair(size_t{1}, int64_t{0}));
   store_->add({kNowMs, 204, Wire{}.target()});
   const json beacon = newest(*store_);
   EXPECT_EQ(beacon["id"], 6);  // a live page never mistakes it for one it has

@@ -2,6 +2,8 @@
 // stored lands in exactly one class, pinned to the round it went missing in.
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "torture/Ledger.h"
 
 namespace korvel::tools::torture {
@@ -34,11 +36,8 @@ TEST_P(LedgerVerdictTest, AMissingBeaconIsClassedByTheFaultOfItsRound) {
   ledger.settle(round, {}, refusals, {});
 
   const Summary s = ledger.summary();
-  EXPECT_EQ(s.returned, 1u);
-  EXPECT_EQ(s.destroyed, c.destroyed);
-  EXPECT_EQ(s.unstorable, c.unstorable);
-  EXPECT_EQ(s.givenUp, c.givenUp);
-  EXPECT_EQ(s.lost, c.lost);
+  EXPECT_EQ(std::tuple(s.returned, s.destroyed, s.unstorable, s.givenUp, s.lost),
+            std::tuple(1u, c.destroyed, c.unstorable, c.givenUp, c.lost));
   const FaultFigures& figures = s.perFault[static_cast<size_t>(c.fault)];
   EXPECT_EQ(figures.rounds, 1u);
   EXPECT_EQ(figures.destroyed + figures.unstorable + figures.givenUp + figures.lost, 1u);
@@ -77,11 +76,9 @@ TEST(LedgerTest, ABeaconIsPinnedToTheLastRoundItWentMissingIn) {
   EXPECT_EQ(ledger.missing(), 1u);  // lostLater
 
   const Summary s = ledger.summary();
-  EXPECT_EQ(s.returned, 4u);
-  EXPECT_EQ(s.received, 1u);
-  EXPECT_EQ(s.stored, 2u);
-  EXPECT_EQ(s.destroyed, 0u) << "setAside came back; lostLater outlived the fault";
-  EXPECT_EQ(s.lost, 1u);
+  // setAside came back; lostLater outlived the fault.
+  EXPECT_EQ(std::tuple(s.returned, s.received, s.stored, s.destroyed, s.lost),
+            std::tuple(4u, 1u, 2u, 0u, 1u));
   EXPECT_EQ(s.perFault[static_cast<size_t>(Fault::KillOnly)].lost, 1u);
   EXPECT_EQ(s.perFault[static_cast<size_t>(Fault::FolderRecreated)].returned, 4u);
 }

@@ -66,6 +66,17 @@ class RecordingPresenter : public ui::Presenter {
   bool dismissedAnimated = false;
 };
 
+// An alert in one line: "alert|sheet: title: message [button:style]...".
+inline std::string alertText(const ui::Alert& alert) {
+  static constexpr const char* kStyles[] = {"default", "cancel", "destructive"};
+  std::string text = alert.preferredStyle == ui::AlertStyle::Alert ? "alert: " : "sheet: ";
+  text += alert.title + ": " + alert.message;
+  for (const auto& action : alert.actions) {
+    text += " [" + action.title + ":" + kStyles[static_cast<int>(action.style)] + "]";
+  }
+  return text;
+}
+
 // Keeps the message; "delivering" succeeds.
 class RecordingComposer : public MailComposer {
  protected:
@@ -86,6 +97,10 @@ class RecordingComposerFactory : public MailComposerFactory {
 inline std::vector<uint8_t> readBytes(const std::filesystem::path& path) {
   std::ifstream in(path, std::ios::binary);
   return std::vector<uint8_t>(std::istreambuf_iterator<char>(in), {});
+}
+inline std::string readText(const std::filesystem::path& path) {
+  const auto bytes = readBytes(path);
+  return std::string(bytes.begin(), bytes.end());
 }
 
 // What a RIFF/WAVE file's header says, read chunk by chunk.

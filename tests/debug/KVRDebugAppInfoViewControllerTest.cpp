@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <utility>
 #include <vector>
 
 #include <korvel/debug/KVRStayInAppSwizzler.h>
@@ -103,31 +105,27 @@ class AppInfoTest : public testing::ScreenTest {
 TEST_F(AppInfoTest, ShowsTheInidAndTheStayInAppOption) {
   auto& table = screen_->tableView();
   ASSERT_EQ(table.numberOfSections(), 2u);
-  EXPECT_EQ(table.titleForHeaderInSection(0), "INID");
-  EXPECT_EQ(table.titleForHeaderInSection(1), "Options");
-  EXPECT_EQ(table.titleForHeaderInSection(2), std::nullopt);
-  EXPECT_EQ(table.numberOfRowsInSection(0), 1u);
-  EXPECT_EQ(table.numberOfRowsInSection(1), 1u);
-  EXPECT_EQ(table.cellForRow(kINIDRow).text, "TEST-INID");
-  EXPECT_EQ(table.cellForRow(kINIDRow).accessorySwitch, nullptr);
+  EXPECT_EQ(std::tuple(table.titleForHeaderInSection(0), table.titleForHeaderInSection(1),
+                       table.titleForHeaderInSection(2)),
+            std::tuple("INID", "Options", std::nullopt));
+  EXPECT_EQ(std::pair(table.numberOfRowsInSection(0), table.numberOfRowsInSection(1)),
+            std::pair(size_t{1}, size_t{1}));
+  const auto inid = table.cellForRow(kINIDRow);
   const auto option = table.cellForRow(kStayInAppRow);
-  EXPECT_EQ(option.text, "Stay in app");
-  EXPECT_EQ(option.accessorySwitch, &screen_->stayInAppSwitch());
+  EXPECT_EQ(std::tuple(inid.text, inid.accessorySwitch, option.text, option.accessorySwitch),
+            std::tuple("TEST-INID", nullptr, "Stay in app", &screen_->stayInAppSwitch()));
   EXPECT_EQ(screen_->title(), "App Info");
 }
 
 TEST_F(AppInfoTest, TheSwitchTogglesStayInAppAndShowsTheSwizzlersState) {
   auto& toggle = screen_->stayInAppSwitch();
   EXPECT_FALSE(toggle.isOn());
-  toggle.userToggle();
-  EXPECT_TRUE(swizzler_->swizzleEnabled());
-  EXPECT_TRUE(toggle.isOn());
-  EXPECT_FALSE(app_.application.openURL("https://a.example"));
-
-  toggle.userToggle();
-  EXPECT_FALSE(swizzler_->swizzleEnabled());
-  EXPECT_FALSE(toggle.isOn());
-  EXPECT_TRUE(app_.application.openURL("https://a.example"));
+  for (const bool on : {true, false}) {
+    toggle.userToggle();
+    EXPECT_EQ(std::tuple(swizzler_->swizzleEnabled(), toggle.isOn(),
+                         app_.application.openURL("https://a.example")),
+              std::tuple(on, on, !on));
+  }
 
   // The switch follows the swizzler, not its own former position.
   swizzler_->toggleStayInApp();

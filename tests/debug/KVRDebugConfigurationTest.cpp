@@ -5,6 +5,7 @@
 #include <chrono>
 #include <cmath>
 #include <future>
+#include <tuple>
 #include <vector>
 
 #include "collector/ConfigurationEndpoint.h"
@@ -52,18 +53,16 @@ class KVRDebugConfigurationTest : public ::testing::Test {
 };
 
 TEST_F(KVRDebugConfigurationTest, TheBuiltInEndpointsDifferOnlyInTheirHost) {
-  auto production = URLComponents::parse(
-      KVRDebugConfiguration::kDefaultProductionConfigurationEndpoint);
-  auto beta =
-      URLComponents::parse(KVRDebugConfiguration::kDefaultBetaConfigurationEndpoint);
-  ASSERT_TRUE(production && beta);
-  EXPECT_EQ(production->scheme(), "https");
-  EXPECT_EQ(beta->scheme(), "https");
-  EXPECT_NE(production->host(), beta->host());
-  EXPECT_EQ(production->percentEncodedPath(), "/configuration/v1/configure");
-  EXPECT_EQ(beta->percentEncodedPath(), "/configuration/v1/configure");
-  EXPECT_FALSE(production->percentEncodedQuery());
-  EXPECT_FALSE(beta->percentEncodedQuery());
+  std::vector<std::string> hosts;
+  for (const char* text : {KVRDebugConfiguration::kDefaultProductionConfigurationEndpoint,
+                           KVRDebugConfiguration::kDefaultBetaConfigurationEndpoint}) {
+    auto url = URLComponents::parse(text);
+    ASSERT_TRUE(url) << text;
+    EXPECT_EQ(std::tuple(url->scheme(), url->percentEncodedPath(), url->percentEncodedQuery()),
+              std::tuple("https", "/configuration/v1/configure", std::nullopt)) << text;
+    hosts.push_back(url->host());
+  }
+  EXPECT_NE(hosts[0], hosts[1]);
   // The manager falls back to the very same production endpoint.
   EXPECT_STREQ(KVRDebugConfiguration::kDefaultProductionConfigurationEndpoint,
                KVNConfigurationManager::kDefaultProductionConfigurationURL);
@@ -114,11 +113,8 @@ TEST_F(KVRDebugConfigurationTest, AFailedFetchKeepsTheChosenURL) {
 
 // --- Cool-down ------------------------------------------------------------------
 
-TEST_F(KVRDebugConfigurationTest, CoolDownIsZeroWithoutAnExpiryDate) {
-  EXPECT_EQ(config().currentConfigCoolDownTime(), 0);
-}
-
 TEST_F(KVRDebugConfigurationTest, CoolDownCountsDownFromTheLastFailure) {
+  EXPECT_EQ(config().currentConfigCoolDownTime(), 0) << "no failure, no expiry date";
   const double interval = KVNConfigurationManager::coolDownInterval();
   defaults_->setObject(KVRDate{env_.now() - 10}, "kLastConfigurationErrorDate");
   EXPECT_DOUBLE_EQ(config().currentConfigCoolDownTime(), interval - 10);

@@ -95,17 +95,14 @@ TEST_F(KVRDebugDataPersisterTest, IdentifiersNeverWriteOutsideTheDebugFolder) {
 }
 
 TEST_F(KVRDebugDataPersisterTest, SafeComponentsEncodeEveryOtherByteAndRefuseDotsAndEmpty) {
-  EXPECT_EQ(KVRDebugDataPersister::safePathComponent("NO_MATCH-2023-11-14-221320"),
-            "NO_MATCH-2023-11-14-221320");
-  EXPECT_EQ(KVRDebugDataPersister::safePathComponent("../x"), "..%2Fx");
-  EXPECT_EQ(KVRDebugDataPersister::safePathComponent("a/b"), "a%2Fb");
-  EXPECT_EQ(KVRDebugDataPersister::safePathComponent(std::string("a\0b", 3)), "a%00b");
-  EXPECT_EQ(KVRDebugDataPersister::safePathComponent("é"), "%C3%A9");
-  EXPECT_EQ(KVRDebugDataPersister::safePathComponent(""), std::nullopt);
-  EXPECT_EQ(KVRDebugDataPersister::safePathComponent("."), std::nullopt);
-  EXPECT_EQ(KVRDebugDataPersister::safePathComponent(".."), std::nullopt);
-  EXPECT_EQ(KVRDebugDataPersister::safePathComponent(std::string(251, 'x')), std::string(251, 'x'));
-  EXPECT_EQ(KVRDebugDataPersister::safePathComponent(std::string(100, '/')), std::nullopt);
+  const std::pair<std::string, std::optional<std::string>> cases[] = {
+      {"NO_MATCH-2023-11-14-221320", "NO_MATCH-2023-11-14-221320"},
+      {"../x", "..%2Fx"}, {"a/b", "a%2Fb"}, {std::string("a\0b", 3), "a%00b"}, {"é", "%C3%A9"},
+      {"", std::nullopt}, {".", std::nullopt}, {"..", std::nullopt},
+      {std::string(251, 'x'), std::string(251, 'x')}, {std::string(100, '/'), std::nullopt}};
+  for (const auto& [id, component] : cases) {
+    EXPECT_EQ(KVRDebugDataPersister::safePathComponent(id), component) << id;
+  }
   // The file name "<U>-<E>" must fit in 255 bytes too.
   EXPECT_TRUE(KVRDebugDataPersister::debugFilePathForUniqueId(std::string(251, 'x'), "caf"));
   EXPECT_FALSE(KVRDebugDataPersister::debugFilePathForUniqueId(std::string(252, 'x'), "caf"));

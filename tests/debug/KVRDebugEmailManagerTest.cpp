@@ -3,7 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
+#include <tuple>
 
 #include "debug/DebugTestSupport.h"
 #include <korvel/debug/KVRDebugDataPersister.h>
@@ -123,9 +123,9 @@ TEST_F(KVRDebugEmailManagerTest, PresentsTheComposerAndDismissesItWhenDone) {
   auto manager = KVRDebugEmailManager::make(result("T1", "K1"), presenter_);
   auto mail = send(manager);
   ASSERT_EQ(presenter_->presented.size(), 1u);
-  EXPECT_EQ(presenter_->presented[0].screen, mail);
-  EXPECT_EQ(presenter_->presented[0].style, ModalPresentationStyle::OverFullScreen);
-  EXPECT_TRUE(presenter_->presented[0].animated);
+  const auto& shown = presenter_->presented[0];
+  EXPECT_EQ(std::tuple(shown.screen, shown.style, shown.animated),
+            std::tuple(mail, ModalPresentationStyle::OverFullScreen, true));
 
   mail->send();
   EXPECT_EQ(presenter_->dismissals, 1);
@@ -150,13 +150,8 @@ TEST_F(KVRDebugEmailManagerTest, WithoutMailAnErrorAlertIsShownInstead) {
   EXPECT_TRUE(factory_->made.empty());
   EXPECT_TRUE(presenter_->presented.empty());
   ASSERT_EQ(presenter_->alerts.size(), 1u);
-  const auto& alert = presenter_->alerts[0];
-  EXPECT_EQ(alert.title, "Error");
-  EXPECT_EQ(alert.message, "You need to set up an email account");
-  EXPECT_EQ(alert.preferredStyle, ui::AlertStyle::Alert);
-  ASSERT_EQ(alert.actions.size(), 1u);
-  EXPECT_EQ(alert.actions[0].title, "OK");
-  EXPECT_EQ(alert.actions[0].style, ui::AlertActionStyle::Cancel);
+  EXPECT_EQ(testing::alertText(presenter_->alerts[0]),
+            "alert: Error: You need to set up an email account [OK:cancel]");
   EXPECT_TRUE(presenter_->alertsAnimated);
 }
 
@@ -172,17 +167,14 @@ TEST_F(KVRDebugEmailManagerTest, RealComposerDeliversToTheOutbox) {
   mail->send();
   EXPECT_EQ(presenter_->dismissals, 1);
   ASSERT_EQ(std::distance(std::filesystem::directory_iterator(outbox), {}), 1);
-  const auto file = std::filesystem::directory_iterator(outbox)->path();
-  std::ifstream in(file, std::ios::binary);
-  const std::string text((std::istreambuf_iterator<char>(in)), {});
-  EXPECT_NE(text.find("Subject: Korvel matched tag debug data (T1)\r\n"), std::string::npos);
-  EXPECT_NE(text.find("Content-Disposition: attachment; filename=\"T1.sig\"\r\n"),
-            std::string::npos);
-  EXPECT_NE(text.find("Content-Type: application/octet-stream; name=\"T1.sig\"\r\n"),
-            std::string::npos);
-  // The collected lines are UTF-8 text, and the attachment says so.
-  EXPECT_NE(text.find("Content-Type: text/plain; charset=utf-8; name=\"debug.txt\"\r\n"),
-            std::string::npos);
+  const auto text = testing::readText(std::filesystem::directory_iterator(outbox)->path());
+  // The collected lines are UTF-8 text, and their attachment says so.
+  for (const char* line : {"Subject: Korvel matched tag debug data (T1)\r\n",
+                           "Content-Disposition: attachment; filename=\"T1.sig\"\r\n",
+                           "Content-Type: application/octet-stream; name=\"T1.sig\"\r\n",
+                           "Content-Type: text/plain; charset=utf-8; name=\"debug.txt\"\r\n"}) {
+    EXPECT_NE(text.find(line), std::string::npos) << line;
+  }
 }
 
 }  // namespace

@@ -75,18 +75,18 @@ TEST_F(KVRDebugLogEntryTest, ExpiredInidShowsTheCapturedInidAndTheExpiredLine) {
   EXPECT_TRUE(plain.ends_with("clientbeaconuuid = U-1\ninid = INID-A\nexpiredinid = 1")) << plain;
   const auto& runs = text.runs();
   ASSERT_GE(runs.size(), 4u);
-  EXPECT_EQ(runs[runs.size() - 3], regular(" = INID-A\n", 10));
-  EXPECT_EQ(runs[runs.size() - 2], semibold("expiredinid", 10));
-  EXPECT_EQ(runs[runs.size() - 1], regular(" = 1", 10));
+  EXPECT_EQ(std::vector<TextRun>(runs.end() - 3, runs.end()),
+            (std::vector<TextRun>{regular(" = INID-A\n", 10), semibold("expiredinid", 10),
+                                  regular(" = 1", 10)}));
 
   // The e-mail text is the record's dictionary form, which speaks of now.
   const std::string mail = KVRDebugLogBeaconEntry(record).emailString();
   EXPECT_TRUE(mail.starts_with("{\n")) << mail;
   EXPECT_TRUE(mail.ends_with("}\n\n\n")) << mail;
-  EXPECT_NE(mail.find("type = userevent;"), std::string::npos) << mail;
-  EXPECT_NE(mail.find("clientbeaconuuid = U-1;"), std::string::npos) << mail;
-  EXPECT_NE(mail.find("inid = INID-B;"), std::string::npos) << mail;
-  EXPECT_NE(mail.find("expiredinid = 1;"), std::string::npos) << mail;
+  for (const char* line :
+       {"type = userevent;", "clientbeaconuuid = U-1;", "inid = INID-B;", "expiredinid = 1;"}) {
+    EXPECT_NE(mail.find(line), std::string::npos) << line << " in " << mail;
+  }
 }
 
 TEST_F(KVRDebugLogEntryTest, BeaconWithoutEventStartsWithItsParameters) {

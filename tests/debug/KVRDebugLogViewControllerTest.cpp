@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
+#include <vector>
 
 #include <korvel/debug/KVRDebugLogEntry.h>
 #include <korvel/debug/KVRDebugLogsDataProvider.h>
@@ -64,9 +66,10 @@ TEST_F(BeaconLogTest, InsertsAtTheTopWhileVisibleAndReloadsWhenShownAgain) {
   const size_t reloads = table.reloadCount();
   log("https://a.example");
   pump();
-  EXPECT_EQ(table.lastUpdate().kind, Update::Kind::Insert);
-  EXPECT_EQ(table.lastUpdate().indexPaths, (std::vector<IndexPath>{IndexPath{0, 0}}));
-  EXPECT_EQ(table.lastUpdate().animation, ui::TableRowAnimation::Automatic);
+  const auto& update = table.lastUpdate();
+  EXPECT_EQ(std::tuple(update.kind, update.indexPaths, update.animation),
+            std::tuple(Update::Kind::Insert, std::vector<IndexPath>{IndexPath{0, 0}},
+                       ui::TableRowAnimation::Automatic));
   EXPECT_EQ(table.reloadCount(), reloads) << "an insertion, not a reload";
   EXPECT_EQ(table.numberOfRowsInSection(0), 1u);
 
@@ -120,14 +123,14 @@ TEST_F(BeaconLogTest, EmailsTheWholeLogOldestFirst) {
   screen_->emailButton().userTap();
   ASSERT_EQ(mail_->made.size(), 1u);
   const auto& composer = *mail_->made[0];
-  EXPECT_EQ(composer.subject(), "Beacons Log");
-  EXPECT_EQ(composer.messageBody(),
-            "Opened URL:\nhttps://a.example\n\n\nOpened URL:\nhttps://b.example\n\n\n");
-  EXPECT_FALSE(composer.isHTML());
+  EXPECT_EQ(std::tuple(composer.subject(), composer.messageBody(), composer.isHTML()),
+            std::tuple("Beacons Log",
+                       "Opened URL:\nhttps://a.example\n\n\nOpened URL:\nhttps://b.example\n\n\n",
+                       false));
   ASSERT_EQ(presenter_->presented.size(), 1u);
-  EXPECT_EQ(presenter_->presented[0].screen, mail_->made[0]);
-  EXPECT_TRUE(presenter_->presented[0].animated);
-  EXPECT_NE(presenter_->presented[0].style, ui::ModalPresentationStyle::FormSheet)
+  const auto& shown = presenter_->presented[0];
+  EXPECT_EQ(std::tuple(shown.screen, shown.animated), std::tuple(mail_->made[0], true));
+  EXPECT_NE(shown.style, ui::ModalPresentationStyle::FormSheet)
       << "a phone shows the composer its own way";
 
   mail_->made[0]->send();
@@ -156,10 +159,8 @@ TEST_F(BeaconLogTest, ClearEmptiesTheLogAndTheTable) {
   EXPECT_TRUE(provider_->logEntries().empty());
   EXPECT_EQ(screen_->tableView().numberOfRowsInSection(0), 0u);
   EXPECT_EQ(screen_->tableView().lastUpdate().kind, Update::Kind::Reload);
-}
 
-TEST_F(BeaconLogTest, EntriesAfterTheScreenIsGoneAreStillLogged) {
-  screen_->setOverlayIsVisible(true);
+  // Entries after the screen is gone are still logged.
   screen_.reset();
   log("https://a.example");
   pump();

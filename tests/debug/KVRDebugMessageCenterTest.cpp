@@ -7,25 +7,17 @@
 
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
-#include "debug/DebugTestSupport.h"
+#include "debug/ScreenTestSupport.h"
 #include <korvel/debug/KVRDebugLogEntry.h>
 #include <korvel/debug/KVRDebugLogsDataProvider.h>
 #include <korvel/debug/KVRDebugOverlayWindow.h>
 #include <korvel/debug/KVRWaitingForConfigDetector.h>
 #include <korvel/foundation/KVNTaggingDebugResult.h>
-#include "support/TestEnv.h"
-#include "support/TestUIEnv.h"
 
 namespace korvel {
 namespace {
 
 namespace fs = std::filesystem;
-
-struct Gate : KVRDebugMessageCenterDelegate {
-  explicit Gate(bool allow) : allow(allow) {}
-  bool isDebugCenterAllowed() override { return allow; }
-  bool allow;
-};
 
 // Records, when told, how long the log was then.
 struct LogListener : KVRDebugLogsDataProviderDelegate {
@@ -35,26 +27,8 @@ struct LogListener : KVRDebugLogsDataProviderDelegate {
   std::vector<size_t> sizesWhenTold;
 };
 
-class KVRDebugMessageCenterTest : public testing::BeaconTest {
+class KVRDebugMessageCenterTest : public testing::ScreenTest {
  protected:
-  testing::TestUIEnv uiEnv_;
-  void TearDown() override {
-    KVRDebugMessageCenter::stopDebugging();
-    KVRDebugMessageCenter::setDebugMessageCenterDelegate(nullptr);
-    KVRDebugWindow::setApplicationMainWindowProvider(nullptr);
-    KVRDebugOverlayWindow::setFactory(nullptr);
-    BeaconTest::TearDown();
-  }
-
-  std::shared_ptr<KVRDebugMessageCenter> startCenter() {
-    KVRDebugMessageCenter::setDebugMessageCenterDelegate(std::make_shared<Gate>(true));
-    auto center = KVRDebugMessageCenter::defaultCenter();
-    center->startDebugging();
-    return center;
-  }
-
-  void pump() { uiEnv_.mainQueue().runPending(); }
-
   std::vector<std::shared_ptr<const KVRDebugLogEntry>> log(KVRDebugMessageCenter& center) {
     pump();
     return center.dataProvider()->logEntries();
@@ -74,7 +48,10 @@ class KVRDebugMessageCenterTest : public testing::BeaconTest {
 TEST_F(KVRDebugMessageCenterTest, NoCenterWithoutADelegateThatAllowsIt) {
   EXPECT_EQ(KVRDebugMessageCenter::defaultCenter(), nullptr);
   EXPECT_FALSE(KVRDebugMessageCenter::isDebugCenterAllowed());
-  KVRDebugMessageCenter::setDebugMessageCenterDelegate(std::make_shared<Gate>(false));
+  struct Refuse : KVRDebugMessageCenterDelegate {
+    bool isDebugCenterAllowed() override { return false; }
+  };
+  KVRDebugMessageCenter::setDebugMessageCenterDelegate(std::make_shared<Refuse>());
   EXPECT_EQ(KVRDebugMessageCenter::defaultCenter(), nullptr);
   sendUserEvent("share");
   EXPECT_FALSE(env_.notificationCenter().hasObservers(KVRDebugMessageLogOpenedURLNotification));
@@ -266,22 +243,22 @@ TEST_F(KVRDebugMessageCenterTest, TaggingContextSavesAudioAndSignatureUnderTheFi
   startCenter();
   post(KVNTaggingDebugResultContextNotification,
        std::shared_ptr<const KVNTaggingDebugResultContext>(context({"T1", "T2"}, true)));
-  const fs::path folder = fs::path(env_.documentsDirectory()) / "DEBUG" / "T1";
+  const fs::path folder = debugRoot() / "T1";
   const auto wave = testing::parseWave(testing::readBytes(folder / "T1-caf"));
   ASSERT_TRUE(wave.valid);
   EXPECT_EQ(wave.channels, 2);
   EXPECT_EQ(wave.frameCount(), 2u);
   EXPECT_EQ(testing::readBytes(folder / "T1-sig"), (std::vector<uint8_t>{0xAB, 0xCD}));
-  EXPECT_FALSE(fs::exists(fs::path(env_.documentsDirectory()) / "DEBUG" / "T2"));
+  EXPECT_FALSE(fs::exists(debugRoot() / "T2"));
 
   // Without a signature in the first attempt only the audio is kept.
   post(KVNTaggingDebugResultContextNotification, context({"T3"}, false));
-  EXPECT_TRUE(fs::exists(fs::path(env_.documentsDirectory()) / "DEBUG" / "T3" / "T3-caf"));
-  EXPECT_FALSE(fs::exists(fs::path(env_.documentsDirectory()) / "DEBUG" / "T3" / "T3-sig"));
+  EXPECT_TRUE(fs::exists(debugRoot() / "T3" / "T3-caf"));
+  EXPECT_FALSE(fs::exists(debugRoot() / "T3" / "T3-sig"));
 
   // Something else than a context is ignored.
   post(KVNTaggingDebugResultContextNotification, std::string("T9"));
-  EXPECT_FALSE(fs::exists(fs::path(env_.documentsDirectory()) / "DEBUG" / "T9"));
+  EXPECT_FALSE(fs::exists(debugRoot() / "T9"));
 }
 
 TEST_F(KVRDebugMessageCenterTest, NoMatchContextIsNamedAfterTheSessionStartAndLogged) {
@@ -289,7 +266,7 @@ TEST_F(KVRDebugMessageCenterTest, NoMatchContextIsNamedAfterTheSessionStartAndLo
   env_.logs().clear();
   post(KVNTaggingDebugResultContextNotification, context({}, true));
   const std::string id = "NO_MATCH-2023-11-14-221320";
-  const fs::path folder = fs::path(env_.documentsDirectory()) / "DEBUG" / id;
+  const fs::path folder = debugRoot() / id;
   EXPECT_TRUE(fs::exists(folder / (id + "-caf")));
   EXPECT_TRUE(fs::exists(folder / (id + "-sig")));
   EXPECT_EQ(env_.logs().messages(),

@@ -4,6 +4,8 @@
 
 #include <chrono>
 #include <memory>
+#include <tuple>
+#include <utility>
 
 #include "collector/ConfigurationEndpoint.h"
 #include <korvel/debug/KVRDebugConfiguration.h>
@@ -64,6 +66,15 @@ class ConfigSwitchingTest : public ::testing::Test {
     uiEnv_.mainQueue().runPending();
   }
   std::optional<std::string> storedURL() const { return defaults_->stringForKey("configurationURL"); }
+  // The refresh button's title, enabled and hidden, and the spinner running.
+  static auto refresh(Screen& screen) {
+    const auto& button = screen.refreshButton();
+    return std::tuple(button.title(), button.isEnabled(), button.isHidden(),
+                      screen.activityIndicator().isAnimating());
+  }
+  static auto clearCache(Screen& screen) {
+    return std::tuple(screen.clearCacheButton().title(), screen.clearCacheButton().isEnabled());
+  }
 
   testing::TestEnv env_;
   testing::TestUIEnv uiEnv_;
@@ -83,10 +94,7 @@ TEST_F(ConfigSwitchingTest, AFreshScreenShowsProductionAndIdleButtons) {
   EXPECT_EQ(screen.title(), "Config Settings");
   EXPECT_FALSE(screen.betaSwitch().isOn());
   EXPECT_EQ(screen.bucketsTextField().text(), "");
-  EXPECT_EQ(screen.refreshButton().title(), "Refresh Config");
-  EXPECT_TRUE(screen.refreshButton().isEnabled());
-  EXPECT_FALSE(screen.refreshButton().isHidden());
-  EXPECT_FALSE(screen.activityIndicator().isAnimating());
+  EXPECT_EQ(refresh(screen), std::tuple("Refresh Config", true, false, false));
   EXPECT_EQ(screen.clearCacheButton().title(), "Clear Cache");
   EXPECT_FALSE(storedURL());  // looking stores nothing
 }
@@ -115,15 +123,11 @@ TEST_F(ConfigSwitchingTest, ASuccessfulRefreshShowsSuccessThenRestoresTheButton)
   EXPECT_TRUE(screen->refreshButton().userTap());
 
   // While the fetch runs the button is gone, so it cannot be tapped twice.
-  EXPECT_TRUE(screen->refreshButton().isHidden());
-  EXPECT_TRUE(screen->activityIndicator().isAnimating());
+  EXPECT_EQ(refresh(*screen), std::tuple("Refresh Config", true, true, true));
   EXPECT_FALSE(screen->refreshButton().userTap());
 
   ASSERT_TRUE(waitForRefreshResult(*screen));
-  EXPECT_EQ(screen->refreshButton().title(), "SUCCESS! 👍");
-  EXPECT_FALSE(screen->refreshButton().isEnabled());
-  EXPECT_FALSE(screen->refreshButton().isHidden());
-  EXPECT_FALSE(screen->activityIndicator().isAnimating());
+  EXPECT_EQ(refresh(*screen), std::tuple("SUCCESS! 👍", false, false, false));
   EXPECT_FALSE(screen->refreshButton().userTap());
 
   // Switch off, no buckets: production is stored explicitly.
@@ -135,11 +139,9 @@ TEST_F(ConfigSwitchingTest, ASuccessfulRefreshShowsSuccessThenRestoresTheButton)
   // 0.5 s of animation, then 3 s of showing the result.
   advance(500);
   advance(2999);
-  EXPECT_EQ(screen->refreshButton().title(), "SUCCESS! 👍");
-  EXPECT_FALSE(screen->refreshButton().isEnabled());
+  EXPECT_EQ(refresh(*screen), std::tuple("SUCCESS! 👍", false, false, false));
   advance(1);
-  EXPECT_EQ(screen->refreshButton().title(), "Refresh Config");
-  EXPECT_TRUE(screen->refreshButton().isEnabled());
+  EXPECT_EQ(refresh(*screen), std::tuple("Refresh Config", true, false, false));
 }
 
 TEST_F(ConfigSwitchingTest, BetaWithBucketsIsStoredAsTypedAndRemembered) {
@@ -178,16 +180,13 @@ TEST_F(ConfigSwitchingTest, AFailedRefreshShowsFailureAndKeepsTheURL) {
   screen->refreshButton().userTap();
   ASSERT_TRUE(waitForRefreshResult(*screen));
 
-  EXPECT_EQ(screen->refreshButton().title(), "FAILED ☹️");
-  EXPECT_FALSE(screen->refreshButton().isEnabled());
-  EXPECT_FALSE(screen->activityIndicator().isAnimating());
+  EXPECT_EQ(refresh(*screen), std::tuple("FAILED ☹️", false, false, false));
   EXPECT_EQ(storedURL(), beta_.url("localhost"));
   EXPECT_FALSE(KVNConfiguration::sharedInstance().configured());
 
   advance(500);   // the animation ends
   advance(3000);  // the result has been shown
-  EXPECT_EQ(screen->refreshButton().title(), "Refresh Config");
-  EXPECT_TRUE(screen->refreshButton().isEnabled());
+  EXPECT_EQ(refresh(*screen), std::tuple("Refresh Config", true, false, false));
 
   // Refreshing again is not held back by the failure.
   screen->refreshButton().userTap();
@@ -234,15 +233,13 @@ TEST_F(ConfigSwitchingTest, ClearCacheEmptiesTheCacheAndRestoresAfterThreeSecond
 
   EXPECT_TRUE(screen->clearCacheButton().userTap());
   EXPECT_EQ(cache.count(), 0u);
-  EXPECT_EQ(screen->clearCacheButton().title(), "Cache Cleared 🗑");
-  EXPECT_FALSE(screen->clearCacheButton().isEnabled());
+  EXPECT_EQ(clearCache(*screen), std::tuple("Cache Cleared 🗑", false));
   EXPECT_FALSE(screen->clearCacheButton().userTap());
 
   advance(2999);
-  EXPECT_EQ(screen->clearCacheButton().title(), "Cache Cleared 🗑");
+  EXPECT_EQ(clearCache(*screen), std::tuple("Cache Cleared 🗑", false));
   advance(1);
-  EXPECT_EQ(screen->clearCacheButton().title(), "Clear Cache");
-  EXPECT_TRUE(screen->clearCacheButton().isEnabled());
+  EXPECT_EQ(clearCache(*screen), std::tuple("Clear Cache", true));
 }
 
 TEST_F(ConfigSwitchingTest, TheKeyboardGoesAwayOnATapOrReturnInTheBucketsField) {

@@ -2,7 +2,8 @@
 
 #include <filesystem>
 #include <functional>
-#include <typeinfo>
+#include <tuple>
+#include <typeindex>
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/debug/KVRDebugAppInfoViewController.h>
@@ -110,6 +111,15 @@ class OverlayTest : public testing::ScreenTest {
     return dynamic_cast<KVRDebugLogViewController&>(
         *overlay.debugViewControllers()[KVRPagesProvider::kBeaconLogPage]);
   }
+
+  // What the panel shows: background hidden and its colour, page alpha,
+  // passive button hidden and its title.
+  static auto panel(KVRDebugOverlayViewController& o) {
+    return std::tuple(o.backgroundView()->isHidden(), o.backgroundView()->backgroundColor(),
+                      o.pageView()->alpha(), o.passiveButton().isHidden(),
+                      o.passiveButton().title());
+  }
+  static inline const ui::Color kDimmed = ui::Color::black().withAlphaComponent(0.3);
 };
 
 TEST_F(OverlayTest, BuildsTheSixPagesOverTheCentersLogWithTheRootViewPinned) {
@@ -120,14 +130,14 @@ TEST_F(OverlayTest, BuildsTheSixPagesOverTheCentersLogWithTheRootViewPinned) {
   EXPECT_EQ(window->frame(), Rect::make(0, 0, 1000, 800)) << "the main screen's bounds";
   EXPECT_EQ(overlay->dataProvider(), center->dataProvider());
 
-  const auto& pages = overlay->debugViewControllers();
-  ASSERT_EQ(pages.size(), 6u);
-  EXPECT_EQ(typeid(*pages[0]), typeid(KVRDebugLogViewController));
-  EXPECT_EQ(typeid(*pages[1]), typeid(KVRDebugAppInfoViewController));
-  EXPECT_EQ(typeid(*pages[2]), typeid(KVRDebugNavigationOptionsViewController));
-  EXPECT_EQ(typeid(*pages[3]), typeid(KVRFileSystemDirectoryContentsViewController));
-  EXPECT_EQ(typeid(*pages[4]), typeid(KVRUserDefaultsDebugViewController));
-  EXPECT_EQ(typeid(*pages[5]), typeid(KVRDebugTagInfoTableViewController));
+  std::vector<std::type_index> kinds;
+  for (const auto& page : overlay->debugViewControllers()) kinds.emplace_back(typeid(*page));
+  EXPECT_EQ(kinds, (std::vector<std::type_index>{
+                       typeid(KVRDebugLogViewController), typeid(KVRDebugAppInfoViewController),
+                       typeid(KVRDebugNavigationOptionsViewController),
+                       typeid(KVRFileSystemDirectoryContentsViewController),
+                       typeid(KVRUserDefaultsDebugViewController),
+                       typeid(KVRDebugTagInfoTableViewController)}));
   EXPECT_EQ(logPage(*overlay).dataProvider(), center->dataProvider());
 
   EXPECT_EQ(overlay->view()->frame(), window->windowView()->bounds());
@@ -197,24 +207,16 @@ TEST_F(OverlayTest, ShowingAndHidingSetTheBackgroundPanelButtonAndPages) {
   auto window = build();
   auto& overlay = *window->debugOverlayViewController();
   auto& log = logPage(overlay);
-  const auto dimmed = ui::Color::black().withAlphaComponent(0.3);
 
   window->presentDebugMenu();
-  EXPECT_FALSE(overlay.backgroundView()->isHidden());
-  EXPECT_EQ(overlay.backgroundView()->backgroundColor(), dimmed);
-  EXPECT_EQ(overlay.pageView()->alpha(), 1.0);
-  EXPECT_FALSE(overlay.passiveButton().isHidden());
-  EXPECT_EQ(overlay.passiveButton().title(), "Passive");
+  EXPECT_EQ(panel(overlay), std::tuple(false, kDimmed, 1.0, false, "Passive"));
   EXPECT_TRUE(overlay.view()->isTouchable(overlay.pageView()));
   EXPECT_TRUE(overlay.view()->isTouchable(overlay.passiveButtonView()));
   EXPECT_TRUE(log.overlayIsVisible());
   EXPECT_TRUE(log.isVisible()) << "the current page appeared";
 
   window->hideDebugMenu();
-  EXPECT_TRUE(overlay.backgroundView()->isHidden());
-  EXPECT_EQ(overlay.backgroundView()->backgroundColor(), ui::Color::clear());
-  EXPECT_EQ(overlay.pageView()->alpha(), 0.0);
-  EXPECT_TRUE(overlay.passiveButton().isHidden());
+  EXPECT_EQ(panel(overlay), std::tuple(true, ui::Color::clear(), 0.0, true, "Passive"));
   EXPECT_TRUE(overlay.view()->touchableViews().empty());
   EXPECT_FALSE(log.overlayIsVisible());
   EXPECT_FALSE(log.isVisible());
@@ -228,20 +230,15 @@ TEST_F(OverlayTest, PassiveModeLetsTheApplicationBeUsedUnderADimmedPanel) {
 
   overlay.passiveButton().userTap();
   EXPECT_TRUE(overlay.passiveMode());
-  EXPECT_EQ(overlay.pageView()->alpha(), 0.7);
-  EXPECT_EQ(overlay.passiveButton().title(), "Active");
-  EXPECT_EQ(overlay.backgroundView()->backgroundColor(), ui::Color::clear());
+  EXPECT_EQ(panel(overlay), std::tuple(false, ui::Color::clear(), 0.7, false, "Active"));
   EXPECT_FALSE(overlay.view()->isTouchable(overlay.pageView()));
   EXPECT_TRUE(overlay.view()->isTouchable(overlay.passiveButtonView()));
 
   overlay.backgroundView()->setAlpha(0.5);  // whatever it was, active restores it
   overlay.passiveButton().userTap();
   EXPECT_FALSE(overlay.passiveMode());
-  EXPECT_EQ(overlay.pageView()->alpha(), 1.0);
+  EXPECT_EQ(panel(overlay), std::tuple(false, kDimmed, 1.0, false, "Passive"));
   EXPECT_EQ(overlay.backgroundView()->alpha(), 1.0);
-  EXPECT_EQ(overlay.passiveButton().title(), "Passive");
-  EXPECT_EQ(overlay.backgroundView()->backgroundColor(),
-            ui::Color::black().withAlphaComponent(0.3));
   EXPECT_TRUE(overlay.view()->isTouchable(overlay.pageView()));
   EXPECT_EQ(overlay.view()->touchableViews().size(), 2u) << "the page view once, not twice";
 }
@@ -317,10 +314,11 @@ TEST_F(OverlayTest, PagesNavigateWithoutWrappingAndTheTitleFollows) {
   auto& overlay = *window->debugOverlayViewController();
   const auto& pages = overlay.debugViewControllers();
   EXPECT_EQ(overlay.presentationCount(), 6u);
-  EXPECT_EQ(overlay.viewControllerBefore(*pages.front()), nullptr);
-  EXPECT_EQ(overlay.viewControllerAfter(*pages.back()), nullptr);
-  EXPECT_EQ(overlay.viewControllerAfter(*pages[0]), pages[1]);
-  EXPECT_EQ(overlay.viewControllerBefore(*pages[5]), pages[4]);
+  EXPECT_EQ(std::tuple(overlay.viewControllerBefore(*pages.front()),
+                       overlay.viewControllerAfter(*pages.back()),
+                       overlay.viewControllerAfter(*pages[0]),
+                       overlay.viewControllerBefore(*pages[5])),
+            std::tuple(nullptr, nullptr, pages[1], pages[4]));
 
   window->presentDebugMenu();
   EXPECT_FALSE(overlay.showPreviousPage());

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <thread>
+#include <tuple>
 
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/debug/KVRDebugEmailManager.h>
@@ -136,12 +137,12 @@ TEST_F(TagInfoTest, TheTableShowsTitlesAndValuesAndIsRebuiltForEachResult) {
   screen.updateTagResult(r);
   auto& table = screen.tableView();
   ASSERT_EQ(table.numberOfSections(), 2u);
-  EXPECT_EQ(table.titleForHeaderInSection(0), "Tag Metadata");
-  EXPECT_EQ(table.titleForHeaderInSection(1), "Sync Metadata");
-  EXPECT_EQ(table.numberOfRowsInSection(0), 3u);
-  EXPECT_EQ(table.cellForRow({0, 0}).text, "Tag ID");
-  EXPECT_EQ(table.cellForRow({0, 0}).detailText, "T1");
-  EXPECT_EQ(table.cellForRow({0, 2}).detailText, std::nullopt);
+  EXPECT_EQ(std::tuple(table.titleForHeaderInSection(0), table.titleForHeaderInSection(1),
+                       table.numberOfRowsInSection(0)),
+            std::tuple("Tag Metadata", "Sync Metadata", 3u));
+  EXPECT_EQ(std::tuple(table.cellForRow({0, 0}).text, table.cellForRow({0, 0}).detailText,
+                       table.cellForRow({0, 2}).detailText),
+            std::tuple("Tag ID", "T1", std::nullopt));
   EXPECT_TRUE(screen.emailButton().isEnabled());
 
   screen.updateTagResult(std::make_shared<KVRNoMatchTagInfo>(kTagDate));
@@ -175,14 +176,13 @@ TEST_F(TagInfoTest, PlaysTheRecordingFromTheStartAndStops) {
 
   play.userTap();
   EXPECT_EQ(audio_->calls, (std::vector<std::string>{"seek 0", "play"}));
-  EXPECT_TRUE(screen.isPlaying());
-  EXPECT_EQ(play.title(), "Stop");
-  EXPECT_EQ(play.imageSystemName(), "stop.fill");
+  EXPECT_EQ(std::tuple(screen.isPlaying(), play.title(), play.imageSystemName()),
+            std::tuple(true, "Stop", "stop.fill"));
 
   play.userTap();
   EXPECT_EQ(audio_->calls.back(), "stop");
-  EXPECT_EQ(play.title(), "Play");
-  EXPECT_EQ(play.imageSystemName(), "play.fill");
+  EXPECT_EQ(std::tuple(screen.isPlaying(), play.title(), play.imageSystemName()),
+            std::tuple(false, "Play", "play.fill"));
 
   play.userTap();
   EXPECT_EQ(audio_->calls, (std::vector<std::string>{"seek 0", "play", "stop", "seek 0", "play"}))
@@ -208,8 +208,7 @@ TEST_F(TagInfoTest, ASignatureAloneShowsTheButtonButNothingCanPlay) {
   writeDebugFile("T1/T1-sig");
   auto& screen = open();
   screen.updateTagResult(result("T1", "K1"));
-  EXPECT_FALSE(screen.playButton().isHidden());
-  EXPECT_FALSE(screen.playButton().isEnabled());
+  EXPECT_FALSE(screen.playButton().isHidden() || screen.playButton().isEnabled());
   EXPECT_EQ(screen.audioPlayer(), nullptr);
 
   screen.updateTagResult(result("T9", "K9"));

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <set>
+#include <tuple>
 #include <string>
 #include <vector>
 
@@ -88,39 +89,31 @@ TEST_F(FileBrowserTest, ListsTheDebugFolderDepthFirstWithLevelsAndRecords) {
             (std::vector<std::string>{"NO_MATCH-x/", "NO_MATCH-x/NO_MATCH-x-caf", "T1/",
                                       "T1/T1-caf", "T1/T1-sig", "T2/", "T2/inner/"}));
   const auto& entries = screen.entries();
-  EXPECT_EQ(entries[0].level, 1);
-  EXPECT_EQ(entries[1].level, 2);
-  EXPECT_EQ(entries[6].level, 2);
-  EXPECT_TRUE(entries[0].isDirectory);
-  EXPECT_FALSE(entries[1].isDirectory);
+  EXPECT_EQ(std::tuple(entries[0].level, entries[1].level, entries[6].level), std::tuple(1, 2, 2));
+  EXPECT_EQ(std::pair(entries[0].isDirectory, entries[1].isDirectory), std::pair(true, false));
   EXPECT_EQ(entries[3].url, debugRoot() / "T1" / "T1-caf");
 
   const KVRParameters record = entries[3].record();
   EXPECT_EQ(record.keys(), (std::vector<std::string>{"path", "level", "isDirectory"}));
-  EXPECT_EQ(record.find("path")->description(), "T1/T1-caf");
-  EXPECT_EQ(record.find("level")->description(), "2");
-  EXPECT_EQ(record.find("isDirectory")->description(), "0");
+  EXPECT_EQ(describe(record),
+            "{\n    path = T1/T1-caf;\n    level = 2;\n    isDirectory = 0;\n}");
 
   ASSERT_EQ(screen.tableView().numberOfRowsInSection(0), 7u);
   const auto cell = screen.tableView().cellForRow({0, 3});
-  EXPECT_EQ(cell.text, "T1-caf");
-  EXPECT_EQ(cell.detailText, "T1/T1-caf");
-  EXPECT_EQ(cell.indentationLevel, 1);
-  EXPECT_EQ(cell.imageSystemName, "doc");
+  EXPECT_EQ(std::tuple(cell.text, cell.detailText, cell.indentationLevel, cell.imageSystemName),
+            std::tuple("T1-caf", "T1/T1-caf", 1, "doc"));
 }
 
 TEST_F(FileBrowserTest, ButtonsAreEnabledExactlyWhenSomethingIsListed) {
   auto& screen = open();
   EXPECT_TRUE(screen.entries().empty()) << "no DEBUG folder at all";
-  EXPECT_FALSE(screen.shareButton().isEnabled());
-  EXPECT_FALSE(screen.clearButton().isEnabled());
+  EXPECT_FALSE(screen.shareButton().isEnabled() || screen.clearButton().isEnabled());
 
   writeDebugFile("T1/T1-caf");
   screen.tableView().refreshControl().userPull();
   EXPECT_FALSE(screen.tableView().refreshControl().isRefreshing()) << "reloading ends the spinner";
   EXPECT_EQ(screen.entries().size(), 2u);
-  EXPECT_TRUE(screen.shareButton().isEnabled());
-  EXPECT_TRUE(screen.clearButton().isEnabled());
+  EXPECT_TRUE(screen.shareButton().isEnabled() && screen.clearButton().isEnabled());
 }
 
 TEST_F(FileBrowserTest, SharesSelectedRecordingsAsDottedCopiesAnchoredAtTheButton) {
@@ -160,11 +153,8 @@ TEST_F(FileBrowserTest, SharingWithoutAnyRecordingSelectedShowsAnErrorAndCopiesN
     select(selection);
     screen.shareButton().userTap();
     ASSERT_EQ(presenter_->alerts.size(), 1u);
-    const auto& alert = presenter_->alerts[0];
-    EXPECT_EQ(alert.title, "Error");
-    EXPECT_EQ(alert.message, "You need to select at least one audio or sig file");
-    ASSERT_EQ(alert.actions.size(), 1u);
-    EXPECT_EQ(alert.actions[0].title, "OK");
+    EXPECT_EQ(testing::alertText(presenter_->alerts[0]),
+              "alert: Error: You need to select at least one audio or sig file [OK:default]");
   }
   EXPECT_TRUE(presenter_->presented.empty());
   EXPECT_FALSE(fs::exists(screen.sharingDirectory()));
@@ -177,13 +167,9 @@ TEST_F(FileBrowserTest, ClearWithNothingSelectedAsksThenDeletesEverythingListed)
   screen.clearButton().userTap();
   ASSERT_EQ(presenter_->alerts.size(), 1u);
   auto alert = presenter_->alerts[0];
-  EXPECT_EQ(alert.title, "Delete All");
-  EXPECT_EQ(alert.message, "Would you like to delete all files? This action can not be undone.");
-  ASSERT_EQ(alert.actions.size(), 2u);
-  EXPECT_EQ(alert.actions[0].title, "Cancel");
-  EXPECT_EQ(alert.actions[0].style, ui::AlertActionStyle::Cancel);
-  EXPECT_EQ(alert.actions[1].title, "Delete");
-  EXPECT_EQ(alert.actions[1].style, ui::AlertActionStyle::Destructive);
+  EXPECT_EQ(testing::alertText(alert),
+            "alert: Delete All: Would you like to delete all files? This action can not be "
+            "undone. [Cancel:cancel] [Delete:destructive]");
   EXPECT_EQ(screen.entries().size(), 4u) << "nothing goes before the user agrees";
 
   alert.actions[1].handler();
@@ -203,10 +189,10 @@ TEST_F(FileBrowserTest, ClearWithASelectionDeletesOnlyThatWithFolderContents) {
   screen.clearButton().userTap();
   ASSERT_EQ(presenter_->alerts.size(), 1u);
   const auto alert = presenter_->alerts[0];
-  EXPECT_EQ(alert.title, "Delete");
-  EXPECT_EQ(alert.message,
-            "Would you like to delete the selected files/directories? This action can not be "
-            "undone. Files within selected directories will also be deleted");
+  EXPECT_EQ(testing::alertText(alert),
+            "alert: Delete: Would you like to delete the selected files/directories? This action "
+            "can not be undone. Files within selected directories will also be deleted "
+            "[Cancel:cancel] [Delete:destructive]");
   alert.actions[1].handler();
   EXPECT_EQ(listedPaths(), (std::vector<std::string>{"T2/", "T3/", "T3/T3-caf"}));
 }

@@ -46,17 +46,6 @@ TEST_F(UserDefaultsPageTest, ListsEveryEntryInTheUsersOrderIgnoringCase) {
   }
 }
 
-TEST_F(UserDefaultsPageTest, CaseIsIgnoredInThePOSIXLocaleToo) {
-  setCurrentLocaleIdentifier("en_US_POSIX");  // what LANG=C.UTF-8 gives
-  defaults_->setObject("1", "Apple_x");
-  defaults_->setObject("2", "alpha");
-  defaults_->setObject("3", "Zebra");
-  defaults_->setObject("4", "beta");
-  Screen screen;
-  screen.viewWillAppear(false);
-  EXPECT_EQ(screen.sortedKeys(), (std::vector<std::string>{"alpha", "Apple_x", "beta", "Zebra"}));
-}
-
 TEST_F(UserDefaultsPageTest, RowsHaveABlueBoldKeyAndARegularValue) {
   const auto text = Screen::rowText("configurationURL", KVRValue("https://c.example/x"));
   EXPECT_EQ(text.runs(),

@@ -6,6 +6,7 @@
 #include <fstream>
 #include <map>
 #include <sstream>
+#include <tuple>
 
 #include "debug/DebugTestSupport.h"
 #include "support/TestEnv.h"
@@ -148,10 +149,10 @@ TEST_F(MailComposerTest, BuildsAMultipartMessageWhosePartsDecodeBack) {
   const std::string text = c->mimeMessage();
   EXPECT_TRUE(onlyCRLF(text));
   const auto m = parseMessage(text);
-  EXPECT_EQ(m.top.headers.at("subject"), "Korvel matched tag debug data (T1)");
-  EXPECT_EQ(m.top.headers.at("to"), "qa@example.com");
-  EXPECT_EQ(m.top.headers.at("mime-version"), "1.0");
-  EXPECT_EQ(m.top.headers.at("date"), "Tue, 14 Nov 2023 22:13:20 +0000");
+  const auto& top = m.top.headers;
+  EXPECT_EQ(std::tuple(top.at("subject"), top.at("to"), top.at("mime-version"), top.at("date")),
+            std::tuple("Korvel matched tag debug data (T1)", "qa@example.com", "1.0",
+                       "Tue, 14 Nov 2023 22:13:20 +0000"));
   EXPECT_FALSE(m.boundary.empty());
   ASSERT_EQ(m.parts.size(), 3u);
 
@@ -234,9 +235,7 @@ TEST_F(MailComposerTest, CommandTransportGetsTheMessageOnItsInput) {
   EXPECT_TRUE(c->transport().isUsable());
   c->send();
   ASSERT_EQ(finish_->results, std::vector<MailComposeResult>{MailComposeResult::Sent});
-  std::ifstream in(out, std::ios::binary);
-  const std::string text((std::istreambuf_iterator<char>(in)), {});
-  const auto m = parseMessage(text);
+  const auto m = parseMessage(testing::readText(out));
   ASSERT_EQ(m.parts.size(), 2u);
   EXPECT_EQ(decodeBase64(m.parts[1].body), "a\nb\n");
 
@@ -283,9 +282,7 @@ TEST_F(MailComposerTest, OutboxReceivesOneCompleteFilePerMessage) {
   // The folder it made is private to the user.
   EXPECT_EQ(std::filesystem::status(outbox).permissions() & std::filesystem::perms::all,
             std::filesystem::perms::owner_all);
-  std::ifstream in(files[0], std::ios::binary);
-  const std::string text((std::istreambuf_iterator<char>(in)), {});
-  EXPECT_EQ(parseMessage(text).parts.size(), 2u);
+  EXPECT_EQ(parseMessage(testing::readText(files[0])).parts.size(), 2u);
 }
 
 TEST_F(MailComposerTest, CanSendMailOnlyWithAUsableTransport) {

@@ -114,9 +114,6 @@ TEST_F(PrivateFilesTest, EverythingTheLibraryCreatesIsPrivate) {
     // Not vacuous: the walk saw the folders and files made above.
     EXPECT_GE(walked, 3u) << created;
   }
-  EXPECT_EQ(modeOf(data / "consent"), 0600u);
-  EXPECT_EQ(modeOf(*KVRDebugDataPersister::debugFilePathForUniqueId("TAG-1", "caf")), 0600u);
-  EXPECT_EQ(modeOf(*KVRDebugDataPersister::debugFilePathForUniqueId("TAG-1", "sig")), 0600u);
 }
 
 TEST_F(PrivateFilesTest, ReplacingAFileMakesItPrivate) {

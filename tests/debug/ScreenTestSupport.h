@@ -53,6 +53,7 @@ class ScreenTest : public BeaconTest {
     KVRDebugMessageCenter::stopDebugging();
     KVRDebugMessageCenter::setDebugMessageCenterDelegate(nullptr);
     KVRDebugOverlayWindow::setFactory(nullptr);
+    KVRDebugWindow::setApplicationMainWindowProvider(nullptr);
     KVRDebugOverlayWindow::setDefaultPresenter(nullptr);
     KVNUserDefaults::setSharedUserDefaults(nullptr);
     setMailComposerFactory(nullptr);

@@ -6,6 +6,7 @@
 #include <cmath>
 #include <filesystem>
 #include <fstream>
+#include <tuple>
 
 #include "debug/DebugTestSupport.h"
 #include "support/TestEnv.h"
@@ -55,13 +56,11 @@ TEST_F(WaveWriterTest, HeaderDescribesIntegerAndFloatFormats) {
     ASSERT_EQ(writeWaveFile(path, in), WaveWriteStatus::Written);
     const auto wave = parseWave(readBytes(path));
     ASSERT_TRUE(wave.valid);
-    EXPECT_EQ(wave.formatTag, c.tag);
-    EXPECT_EQ(wave.channels, c.format.channelCount);
-    EXPECT_EQ(wave.sampleRate, static_cast<uint32_t>(c.format.sampleRate));
-    EXPECT_EQ(wave.bitsPerSample, c.format.bitsPerSample);
-    EXPECT_EQ(wave.blockAlign, c.format.bytesPerFrame());
-    EXPECT_EQ(wave.byteRate, wave.sampleRate * wave.blockAlign);
-    EXPECT_EQ(wave.frameCount(), c.frames);
+    EXPECT_EQ(std::tuple(wave.formatTag, wave.channels, wave.sampleRate, wave.bitsPerSample,
+                         wave.blockAlign, wave.byteRate, wave.frameCount()),
+              std::tuple(c.tag, c.format.channelCount, static_cast<uint32_t>(c.format.sampleRate),
+                         c.format.bitsPerSample, c.format.bytesPerFrame(),
+                         wave.sampleRate * wave.blockAlign, c.frames));
     EXPECT_EQ(wave.data, in.frames);
     if (c.format.isFloat) {
       EXPECT_EQ(wave.factFrames, c.frames);

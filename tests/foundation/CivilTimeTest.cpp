@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <tuple>
 #include <vector>
 
 using korvel::foundation::internal::daysFromCivil;
@@ -32,14 +33,10 @@ TEST(CivilTimeTest, BreaksMomentsIntoUTCCalendarTimeBothWaysOf1970) {
     SCOPED_TRACE(m.seconds);
     const auto tm = utcCalendarTime(m.seconds);
     ASSERT_TRUE(tm.has_value());
-    EXPECT_EQ(tm->tm_year + 1900, m.year);
-    EXPECT_EQ(tm->tm_mon + 1, m.month);
-    EXPECT_EQ(tm->tm_mday, m.day);
-    EXPECT_EQ(tm->tm_hour, m.hour);
-    EXPECT_EQ(tm->tm_min, m.minute);
-    EXPECT_EQ(tm->tm_sec, m.second);
-    EXPECT_EQ(tm->tm_wday, m.weekday);
-    EXPECT_EQ(tm->tm_yday, m.dayOfYear);
+    EXPECT_EQ(std::tuple(tm->tm_year + 1900, tm->tm_mon + 1, tm->tm_mday, tm->tm_hour, tm->tm_min,
+                         tm->tm_sec, tm->tm_wday, tm->tm_yday),
+              std::tuple(m.year, m.month, m.day, m.hour, m.minute, m.second, m.weekday,
+                         m.dayOfYear));
     EXPECT_EQ(daysFromCivil(m.year, static_cast<unsigned>(m.month), static_cast<unsigned>(m.day)) *
                       86400 + m.hour * 3600 + m.minute * 60 + m.second,
               m.seconds);

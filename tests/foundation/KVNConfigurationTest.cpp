@@ -5,6 +5,7 @@
 #include <atomic>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include <korvel/foundation/KVNNetwork.h>
@@ -44,14 +45,7 @@ TEST_F(KVNConfigurationTest, SettersPublishWithoutTouchingOtherFields) {
   EXPECT_EQ(config.deviceModel(), "M1,1");
 }
 
-TEST_F(KVNConfigurationTest, ProcessIdentity) {
-  KVNConfiguration::setAppShortVersion("3.2.1");
-  EXPECT_EQ(KVNConfiguration::appShortVersion(), "3.2.1");
-  KVNConfiguration::setDeviceOSBuildNumber("21B74");
-  EXPECT_EQ(KVNConfiguration::deviceOSBuildNumber(), "21B74");
-  KVNConfiguration::setDeviceOSBuildNumber(std::nullopt);
-  EXPECT_EQ(KVNConfiguration::deviceOSBuildNumber(), std::nullopt);
-
+TEST_F(KVNConfigurationTest, MachineDefaults) {
   const auto defaults = KVNConfiguration::machineDefaults();
   ASSERT_TRUE(defaults.deviceModel.has_value());
   EXPECT_FALSE(defaults.deviceModel->empty());
@@ -85,9 +79,10 @@ TEST_F(KVNConfigurationTest, PolicySatisfiedRules) {
     s.beacons.beaconEndpoint = c.endpoint;
     s.inid = c.inid;
     KVNConfiguration::sharedInstance().replace(s);
-    EXPECT_EQ(KVNConfigurationPolicySatisfied(0), c.policy0) << "case " << i;
-    EXPECT_EQ(KVNConfigurationPolicySatisfied(1), c.policy1) << "case " << i;
-    EXPECT_EQ(KVNConfigurationPolicySatisfied(2), c.policy2) << "case " << i;
+    EXPECT_EQ(std::tuple(KVNConfigurationPolicySatisfied(0), KVNConfigurationPolicySatisfied(1),
+                         KVNConfigurationPolicySatisfied(2)),
+              std::tuple(c.policy0, c.policy1, c.policy2))
+        << "case " << i;
   }
 }
 

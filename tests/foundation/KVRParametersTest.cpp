@@ -93,6 +93,11 @@ TEST(KVRParametersTest, EqualityIgnoresOrderButNotKindsOrValues) {
   EXPECT_EQ(nested1, nested2);
   EXPECT_NE(nested1, (KVRParameters{{"n", KVRParameters{{"a", 1}, {"b", 2}}},
                                     {"l", KVRList{"x", 1}}}));
+
+  // Dates compare by instant, and are no number.
+  EXPECT_EQ(KVRValue(KVRDate{10.5}), KVRValue(KVRDate{10.5}));
+  EXPECT_NE(KVRValue(KVRDate{10.5}), KVRValue(KVRDate{10.25}));
+  EXPECT_NE(KVRValue(KVRDate{10}), KVRValue(10.0));
 }
 
 TEST(KVRParametersTest, ValueKindsFollowTheConstructorArgument) {
@@ -145,6 +150,8 @@ TEST(KVRParametersTest, NumericAccessors) {
   EXPECT_TRUE(KVRValue(false).isNumber());
   EXPECT_FALSE(KVRValue("1").isNumber());
   EXPECT_FALSE(KVRValue(KVRDate{0}).isNumber());
+  EXPECT_EQ(KVRValue(KVRDate{42}).asDate()->secondsSince1970, 42);
+  EXPECT_EQ(KVRValue(42).asDate(), std::nullopt);
 
   const KVRParameters p{{"s", "x"}, {"n", 1}};
   EXPECT_EQ(p.stringForKey("s"), "x");
@@ -226,14 +233,6 @@ TEST(KVRParametersTest, NestedDescriptionFormat) {
   EXPECT_EQ(describe(KVRParameters()), "{\n}");
   EXPECT_EQ(KVRValue(KVRList{}).description(), "(\n)");
   EXPECT_EQ(KVRValue(KVRList{true, 2.5}).description(), "(\n    1,\n    2.5\n)");
-}
-
-TEST(KVRParametersTest, DatesCompareByInstant) {
-  EXPECT_EQ(KVRValue(KVRDate{10.5}), KVRValue(KVRDate{10.5}));
-  EXPECT_NE(KVRValue(KVRDate{10.5}), KVRValue(KVRDate{10.25}));
-  EXPECT_NE(KVRValue(KVRDate{10}), KVRValue(10.0));
-  EXPECT_EQ(KVRValue(KVRDate{42}).asDate()->secondsSince1970, 42);
-  EXPECT_EQ(KVRValue(42).asDate(), std::nullopt);
 }
 
 TEST(KVRParametersTest, CopiesShareNothingObservable) {

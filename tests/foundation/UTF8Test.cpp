@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <tuple>
 #include <vector>
 
 namespace korvel::foundation::internal {
@@ -42,9 +43,8 @@ TEST(UTF8Test, ReadsCharactersAndRejectsEveryIllFormedSequence) {
     SCOPED_TRACE(c.what);
     EXPECT_EQ(isWellFormedUTF8(c.text), c.wellFormed);
     const UTF8Character read = utf8CharacterAt(c.text, 0);
-    EXPECT_EQ(read.codePoint, c.first);
-    EXPECT_EQ(read.length, c.firstLength);
-    EXPECT_EQ(read.wellFormed, c.wellFormed);
+    EXPECT_EQ(std::tuple(read.codePoint, read.length, read.wellFormed),
+              std::tuple(c.first, c.firstLength, c.wellFormed));
     // A bad byte late in otherwise good text spoils the whole.
     EXPECT_EQ(isWellFormedUTF8("ok \xC3\xA9 " + c.text), c.wellFormed);
   }

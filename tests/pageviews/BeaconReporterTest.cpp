@@ -3,11 +3,11 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <any>
 #include <cstdint>
 #include <memory>
 #include <limits>
 #include <string>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -16,6 +16,7 @@
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/pageviews/PageViewBeaconReporter.h>
 #include <korvel/pageviews/PageViewManager.h>
+#include "support/NotificationLog.h"
 #include "support/TestEnv.h"
 #include "support/WireText.h"
 #include "support/DeathTests.h"
@@ -68,10 +69,9 @@ TEST_F(BeaconReporterTest, SendsOneBeaconOfTheCallersTypeAndReturnsItsUUID) {
   EXPECT_EQ(uuid, "5A3C1E2B-0000-4000-8000-00000000CAFE");
 
   const auto beacon = onlySent();
-  EXPECT_EQ(beacon.event, "pageview");
-  EXPECT_EQ(beacon.value(std::string(KVRBeaconUUIDKey)), uuid);
-  EXPECT_EQ(beacon.value("screenname"), "home");
-  EXPECT_EQ(beacon.value("headphones"), "1");
+  EXPECT_EQ(std::tuple(beacon.event, beacon.value(std::string(KVRBeaconUUIDKey)),
+                       beacon.value("screenname"), beacon.value("headphones")),
+            std::tuple("pageview", uuid, "home", "1"));
   EXPECT_EQ(beacon.parameters().size(), 2u);
 }
 
@@ -114,25 +114,16 @@ TEST_F(BeaconReporterTest, WithoutAnEndpointTheBeaconIsMadeButNotSubmitted) {
   KVNConfiguration::sharedInstance().update(
       [](KVNConfiguration::Snapshot& s) { s.beacons.beaconEndpoint = ""; });
 
-  std::vector<std::string> created;
-  platform::ObserverRegistration observer(
-      env_.notificationCenter(),
-      env_.notificationCenter().addObserver(
-          std::string(KVRReliableNetworkingTaskCreatedNotification),
-          [&](const platform::Notification& n) {
-            const auto* representation = std::any_cast<KVRParameters>(&n.object);
-            if (representation == nullptr) return;
-            const auto* inner = representation->find(KVRBeaconParametersJSONKey);
-            if (inner == nullptr || inner->asDictionary() == nullptr) return;
-            created.push_back(
-                inner->asDictionary()->stringForKey(KVRBeaconUUIDKey).value_or("<none>"));
-          }));
-
+  testing::NotificationLog log(env_.notificationCenter());
   env_.queueUUIDs({"11111111-2222-4333-8444-555555555555"});
   const auto uuid = BeaconReporter::report(KVRBeaconTypePageView,
                                            {ReportingParameter::trackID("t")}, {});
   EXPECT_EQ(uuid, "11111111-2222-4333-8444-555555555555");
-  EXPECT_EQ(created, std::vector<std::string>{uuid});
+  const auto created = log.created();
+  ASSERT_EQ(created.size(), 1u);
+  EXPECT_EQ(created[0].find(KVRBeaconParametersJSONKey)->asDictionary()->stringForKey(
+                KVRBeaconUUIDKey),
+            uuid);
   EXPECT_EQ(executor_->count(), 0u);
   EXPECT_TRUE(submitted().empty());
 }

@@ -6,57 +6,30 @@
 #include <atomic>
 #include <map>
 #include <memory>
-#include <mutex>
 #include <sstream>
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <vector>
 
 #include "support/TestEnv.h"
 #include "support/DeathTests.h"
+#include "pageviews/PageViewTestSupport.h"
 
 namespace korvel {
-
-void PrintTo(const PageView& v, std::ostream* os) { *os << v.toJSONString(); }
-
 namespace {
+
+using testing::kClosedMiss;
+using testing::kParametersMiss;
+using testing::kRenameMiss;
+using testing::view;
 
 using platform::ApplicationDidEnterBackgroundNotification;
 using platform::ApplicationWillEnterForegroundNotification;
 
 constexpr uint64_t kMillisecond = 1'000'000;
 constexpr uint64_t kSecond = 1'000'000'000;
-
-const char* const kClosedMiss = "Cannot track closed page: Missing page on page stack";
-const char* const kRenameMiss = "Cannot track page name change: Page stack is empty";
-const char* const kParametersMiss =
-    "Cannot track page view reporting parameters change: Page is not in the stack";
-
-class RecordingReporter : public PageViewReporter {
- public:
-  void report(const PageView& pageView) override {
-    std::lock_guard lock(mutex_);
-    views_.push_back(pageView);
-  }
-  std::vector<PageView> views() const {
-    std::lock_guard lock(mutex_);
-    return views_;
-  }
-  // The views reported since the last call.
-  std::vector<PageView> take() {
-    std::lock_guard lock(mutex_);
-    return std::exchange(views_, {});
-  }
-
- private:
-  mutable std::mutex mutex_;
-  std::vector<PageView> views_;
-};
-
-PageView view(const std::string& name, double seconds, ReportingParameters parameters = {}) {
-  return PageView{PageName(name), seconds, std::move(parameters)};
-}
 
 class PageViewManagerTest : public ::testing::Test {
  protected:
@@ -78,7 +51,8 @@ class PageViewManagerTest : public ::testing::Test {
 
   testing::TestEnv env_;
   platform::ScopedEnv scope_{env_};
-  std::shared_ptr<RecordingReporter> reporter_ = std::make_shared<RecordingReporter>();
+  std::shared_ptr<testing::RecordingReporter> reporter_ =
+      std::make_shared<testing::RecordingReporter>();
   std::unique_ptr<PageViewManager> manager_;
   const PageID p1_ = PageID::make();
   const PageID p2_ = PageID::make();
@@ -88,11 +62,14 @@ class PageViewManagerTest : public ::testing::Test {
 // --- The stack and its clock, step by step ------------------------------------
 
 // A scenario's steps, separated by spaces: "+1:one" page 1 appears as "one",
-// "-1" page 1 closes, "=1:new" page 1 is renamed, "t2.5" the clock moves
-// 2.5 s, "bg"/"fg" the manager is told the app went to the background or
-// comes back, "BG"/"FG" the life-cycle notifications are posted instead, "|"
-// a checkpoint. The reports are written "name@seconds", with "|" where the
-// steps have one: what was reported between two checkpoints.
+// "+1:one#t" with the parameter tag id "t", "-1" page 1 closes, "=1:new" page
+// 1 is renamed, "~1:t" its parameters become tag id "t" ("~1:" none), "t2.5"
+// the clock moves 2.5 s, "bg"/"fg" the manager is told the app went to the
+// background or comes back, "BG"/"FG" the life-cycle notifications are
+// posted instead, "off"/"on" switch reporting, "|" a checkpoint, "?" shows
+// the top page as "^name" ("^-" for none). The reports are written
+// "name@seconds#tag", with "|" where the steps have one: what was reported
+// between two checkpoints.
 struct Scenario {
   const char* what;
   const char* steps;
@@ -142,6 +119,19 @@ TEST_F(PageViewManagerTest, Scenarios) {
        "one@2 | one@1", std::nullopt},
       {"notifications interleaved with pages", "BG FG +1:one t1 +2:two t2 BG -2 t4 FG t0.5 -1",
        "one@1 two@2 one@0.5", std::nullopt},
+      // Parameters.
+      {"renaming the top splits its stretch and keeps its parameters",
+       "+1:old#tag t2 =1:new ? | t3 -1", "old@2#tag ^new | new@3#tag", std::nullopt},
+      {"changing parameters does not split the stretch", "+1:track#a t2 ~1:b | t3 -1",
+       "| track@5#b", std::nullopt},
+      {"changing parameters of a covered page", "+1:one +2:two ~1:x | t1 -2 t1 -1",
+       "one@0 | two@1 one@1#x", std::nullopt},
+      {"changing parameters of an unknown page is logged", "~1: +2:two ~1:", "", "two",
+       {kParametersMiss, kParametersMiss}},
+      // Reporting switched off.
+      {"switched off, every transition is kept but nothing is reported",
+       "off +1:one t2 +2:two t1 =2:two_renamed bg ? | fg t3 on -2", "^two_renamed | two_renamed@3",
+       "one"},
   };
   for (const auto& scenario : scenarios) {
     SCOPED_TRACE(scenario.what);
@@ -154,21 +144,37 @@ TEST_F(PageViewManagerTest, Scenarios) {
       return ids.try_emplace(n, PageID::make()).first->second;
     };
     std::string reports;
+    const auto add = [&](const std::string& item) {
+      reports += (reports.empty() ? "" : " ") + item;
+    };
     const auto flush = [&] {
       for (const auto& v : reported()) {
         std::ostringstream item;
         item << v.name.stringValue << "@" << v.duration;
-        reports += (reports.empty() ? "" : " ") + item.str();
+        for (const auto& p : v.reportingParameters) item << "#" << *p.value.stringValue();
+        add(item.str());
       }
+    };
+    const auto tagged = [](const std::string& tag) {
+      return tag.empty() ? ReportingParameters{}
+                         : ReportingParameters{ReportingParameter::tagID(tag)};
     };
     std::istringstream steps(scenario.steps);
     for (std::string step; steps >> step;) {
       const auto colon = step.find(':');
       const std::string page = step.substr(1, colon == std::string::npos ? colon : colon - 1);
-      const std::string name = colon == std::string::npos ? "" : step.substr(colon + 1);
+      std::string name = colon == std::string::npos ? "" : step.substr(colon + 1);
+      const auto hash = name.find('#');
+      const std::string tag = hash == std::string::npos ? "" : name.substr(hash + 1);
+      name = name.substr(0, hash);
       if (step == "|") {
         flush();
-        reports += reports.empty() ? "|" : " |";
+        add("|");
+      } else if (step == "?") {
+        flush();
+        add("^" + current().value_or("-"));
+      } else if (step == "off" || step == "on") {
+        manager_->setIsReportingEnabled(step == "on");
       } else if (step == "bg") {
         manager_->trackAppBackgrounded();
       } else if (step == "fg") {
@@ -180,7 +186,9 @@ TEST_F(PageViewManagerTest, Scenarios) {
       } else if (step[0] == 't') {
         advance(static_cast<uint64_t>(std::stod(step.substr(1)) * kSecond));
       } else if (step[0] == '+') {
-        appear(id(page), name);
+        appear(id(page), name, tagged(tag));
+      } else if (step[0] == '~') {
+        manager_->trackPageViewReportingParametersChanged(tagged(name), id(page));
       } else if (step[0] == '-') {
         manager_->trackPageClosed(id(page));
       } else if (step[0] == '=') {
@@ -204,65 +212,15 @@ TEST_F(PageViewManagerTest, ClosingAnUnknownPageIsLoggedAndChangesNothing) {
   EXPECT_EQ(current(), "one");
 
   const auto records = env_.logs().records();
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].message, kClosedMiss);
-  EXPECT_EQ(records[0].level, platform::LogLevel::Default);
-  EXPECT_EQ(records[0].category, "PageView");
-  EXPECT_EQ(records[0].subsystem, KVRLogging::subsystem());
+  ASSERT_EQ(records.size(), 1u);  // on the page view logger
+  EXPECT_EQ(std::tuple(records[0].message, records[0].level, records[0].category,
+                       records[0].subsystem),
+            std::tuple(kClosedMiss, platform::LogLevel::Default, "PageView",
+                       KVRLogging::subsystem()));
 
   advance(1 * kSecond);
   appear(p2_, "two");
   EXPECT_EQ(reported(), std::vector{view("one", 2.0)});  // the clock was not touched
-}
-
-// --- Renaming and parameters --------------------------------------------------
-
-TEST_F(PageViewManagerTest, RenamingTheTopSplitsItsStretch) {
-  const ReportingParameters parameters = {ReportingParameter::tagID("tag")};
-  appear(p1_, "old", parameters);
-  advance(2 * kSecond);
-  manager_->trackPageNameChanged(PageName("new"), p1_);
-  EXPECT_EQ(reported(), std::vector{view("old", 2.0, parameters)});
-  EXPECT_EQ(current(), "new");
-
-  advance(3 * kSecond);
-  manager_->trackPageClosed(p1_);
-  EXPECT_EQ(reported(), std::vector{view("new", 3.0, parameters)});
-}
-
-TEST_F(PageViewManagerTest, ChangingParametersDoesNotSplitTheStretch) {
-  const ReportingParameters before = {ReportingParameter::trackID("a")};
-  const ReportingParameters after = {ReportingParameter::trackID("b"),
-                                     ReportingParameter::sampleRate(44100)};
-  appear(p1_, "track", before);
-  advance(2 * kSecond);
-  manager_->trackPageViewReportingParametersChanged(after, p1_);
-  EXPECT_TRUE(reported().empty());
-
-  advance(3 * kSecond);
-  manager_->trackPageClosed(p1_);
-  EXPECT_EQ(reported(), std::vector{view("track", 5.0, after)});
-}
-
-TEST_F(PageViewManagerTest, ChangingParametersOfACoveredPage) {
-  const ReportingParameters after = {ReportingParameter::tagType("x")};
-  appear(p1_, "one");
-  appear(p2_, "two");
-  manager_->trackPageViewReportingParametersChanged(after, p1_);
-  reported();
-  advance(1 * kSecond);
-  manager_->trackPageClosed(p2_);
-  advance(1 * kSecond);
-  manager_->trackPageClosed(p1_);
-  EXPECT_EQ(reported(), (std::vector{view("two", 1.0), view("one", 1.0, after)}));
-}
-
-TEST_F(PageViewManagerTest, ChangingParametersOfAnUnknownPageIsLogged) {
-  manager_->trackPageViewReportingParametersChanged({}, p1_);  // empty stack
-  appear(p2_, "two");
-  manager_->trackPageViewReportingParametersChanged({}, p1_);  // not on the stack
-  EXPECT_EQ(env_.logs().messages(), (std::vector<std::string>{kParametersMiss, kParametersMiss}));
-  EXPECT_TRUE(reported().empty());
 }
 
 TEST_F(PageViewManagerTest, ADestroyedManagerIsNeverCalledBack) {
@@ -279,29 +237,10 @@ TEST_F(PageViewManagerTest, ADestroyedManagerIsNeverCalledBack) {
 
 // --- Reporting switch --------------------------------------------------------
 
-TEST_F(PageViewManagerTest, DisabledReportingKeepsEveryTransitionButReportsNothing) {
-  EXPECT_TRUE(manager_->isReportingEnabled());
-  manager_->setIsReportingEnabled(false);
-  EXPECT_FALSE(manager_->isReportingEnabled());
-
-  appear(p1_, "one");
-  advance(2 * kSecond);
-  appear(p2_, "two");
-  advance(1 * kSecond);
-  manager_->trackPageNameChanged(PageName("two renamed"), p2_);
-  manager_->trackAppBackgrounded();
-  EXPECT_TRUE(reported().empty());
-  EXPECT_EQ(current(), "two renamed");
-
-  manager_->trackAppForegrounded();
-  advance(3 * kSecond);
-  manager_->setIsReportingEnabled(true);
-  manager_->trackPageClosed(p2_);
-  EXPECT_EQ(reported(), std::vector{view("two renamed", 3.0)});
-}
-
 TEST_F(PageViewManagerTest, AManagerMadeDisabledStaysSilentUntilEnabled) {
   PageViewManager manager(reporter_, false);
+  EXPECT_FALSE(manager.isReportingEnabled());
+  EXPECT_TRUE(manager_->isReportingEnabled());
   manager.trackPageAppeared(p1_, PageName("one"), {});
   advance(1 * kSecond);
   manager.trackPageClosed(p1_);

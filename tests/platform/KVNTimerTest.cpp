@@ -71,15 +71,12 @@ TEST_F(KVNTimerTest, KeysAreIndependent) {
   EXPECT_EQ(other.elapsedTimeForKey("b"), std::nullopt);
 }
 
-TEST_F(KVNTimerTest, ClockBehindTheStartReadsZero) {
+TEST_F(KVNTimerTest, AClockBehindTheStartReadsZeroAndAMonthReadsWhole) {
   timer_.startTimerForKey("k");
   env_.setMonotonicNanos(50 * kSecond);
   EXPECT_EQ(timer_.elapsedTimeForKey("k"), 0.0);
-}
-
-TEST_F(KVNTimerTest, LongSessionsKeepNanosecondSteps) {
   timer_.startTimerForKey("k");
-  env_.advanceMonotonic(30ull * 24 * 3600 * kSecond);  // a month
+  env_.advanceMonotonic(30ull * 24 * 3600 * kSecond);
   EXPECT_EQ(timer_.elapsedTimeForKey("k"), 30.0 * 24 * 3600);
 }
 

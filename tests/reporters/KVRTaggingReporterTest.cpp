@@ -9,6 +9,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -26,10 +27,10 @@ using testing::words;
 constexpr int64_t kMax = std::numeric_limits<int64_t>::max();
 constexpr int64_t kMin = std::numeric_limits<int64_t>::min();
 
-class TaggingReporterTest : public testing::BeaconTest {
+class TaggingReporterTest : public testing::ReporterTest {
  protected:
   void SetUp() override {
-    BeaconTest::SetUp();
+    ReporterTest::SetUp();
     KVRInitialOrientation::setInitialOrientation(std::nullopt);
     KVRTaggingReporter::activeSessions().clear();
   }
@@ -37,7 +38,7 @@ class TaggingReporterTest : public testing::BeaconTest {
     KVRInitialOrientation::setInitialOrientation(std::nullopt);
     KVRTaggingReporter::activeSessions().clear();
     KVNConfiguration::sharedInstance().setKorvelFrameworksRaiseExceptions(false);
-    BeaconTest::TearDown();
+    ReporterTest::TearDown();
   }
 
   static void raiseExceptions(bool raise) {
@@ -85,9 +86,8 @@ TEST_F(TaggingReporterTest, TimeSpentIsEndMinusStartInWholeMilliseconds) {
   env_.setNow(1'003.0014);
   KVRTaggingReporter::reportTaggingSessionEnded("S", nullptr, 1, false, nullptr);
   const auto ended = sent().at(1);
-  EXPECT_EQ(ended.value("starttime"), "1000000");
-  EXPECT_EQ(ended.value("endtime"), "1003001");
-  EXPECT_EQ(ended.value("timespent"), "3001");
+  EXPECT_EQ(std::tuple(ended.value("starttime"), ended.value("endtime"), ended.value("timespent")),
+            std::tuple("1000000", "1003001", "3001"));
   // Without tag details the tag parameters still name the orientation.
   EXPECT_EQ(ended.parameters().at(1),
             (std::pair<std::string, std::string>{"currentorientation", "unknown"}));
@@ -117,11 +117,6 @@ TEST_F(TaggingReporterTest, ThirdPartyOriginWinsOnlyWhenNonEmpty) {
   }
 }
 
-TEST_F(TaggingReporterTest, UnknownOriginLeavesOriginOut) {
-  KVRTaggingReporter::reportTaggingSessionStarted("S", 22, std::nullopt, true);
-  EXPECT_EQ(onlySent().parameters(), params("type=taggingstarted&background=1"));
-}
-
 TEST_F(TaggingReporterTest, StartingTwiceReplacesTheFirstSession) {
   env_.setNow(100);
   KVRTaggingReporter::reportTaggingSessionStarted("S", 0, std::nullopt, false);
@@ -134,11 +129,11 @@ TEST_F(TaggingReporterTest, StartingTwiceReplacesTheFirstSession) {
   const auto beacons = sent();
   ASSERT_EQ(beacons.size(), 3u);
   EXPECT_EQ(beacons[0].value("origin"), "primary");
-  EXPECT_EQ(beacons[1].value("type"), "taggingstarted");
-  EXPECT_EQ(beacons[1].value("origin"), "camera");
-  EXPECT_EQ(beacons[2].value("origin"), "camera");
-  EXPECT_EQ(beacons[2].value("starttime"), "200000");
-  EXPECT_EQ(beacons[2].value("timespent"), "1000");
+  EXPECT_EQ(std::tuple(beacons[1].value("type"), beacons[1].value("origin")),
+            std::tuple("taggingstarted", "camera"));
+  EXPECT_EQ(std::tuple(beacons[2].value("origin"), beacons[2].value("starttime"),
+                       beacons[2].value("timespent")),
+            std::tuple("camera", "200000", "1000"));
 }
 
 TEST_F(TaggingReporterTest, SessionsAreKeptApartById) {
@@ -331,7 +326,7 @@ TEST_F(TaggingReporterTest, OrientationTable) {
   }
 }
 
-TEST_F(TaggingReporterTest, HardwareFailureReasonsAndOptionalFields) {
+TEST_F(TaggingReporterTest, HardwareFailureReasons) {
   const std::vector<std::pair<int64_t, std::string>> reasons = {
       {0, "microphone"},    {1, "polarpattern"},    {5, "polarpattern"},
       {-1, "polarpattern"}, {kMax, "polarpattern"}, {kMin, "polarpattern"},
@@ -343,22 +338,11 @@ TEST_F(TaggingReporterTest, HardwareFailureReasonsAndOptionalFields) {
     EXPECT_EQ(onlySent().parameters(), (Params{{"type", "hardwarefailure"}, {"reason", word}}))
         << reason;
   }
-
-  executor_->clear();
-  KVRTaggingReporter::reportHardwareConfigurationFailure(0, "-50", "Built-In", "omni", "USB",
-                                                         std::nullopt, "");
-  const auto beacon = onlySent();
-  EXPECT_EQ(beacon.event, "userevent");
-  EXPECT_EQ(beacon.parameters(),
-            params("type=hardwarefailure&reason=microphone&code=-50&currentmicrophone=Built-In&"
-                   "currentpolarpattern=omni&targetmicrophone=USB&stereoorientation="));
 }
 
 // MARK: - Tags
 
-TEST_F(TaggingReporterTest, TagCarriesTagThenSuccessfulParametersInOrder) {
-  env_.setDeviceOrientation(DeviceOrientation::LandscapeLeft);
-  KVRInitialOrientation::setInitialOrientation(DeviceOrientation::Portrait);
+KVRTagDetails everyField() {
   KVRTagDetails d;
   d.thirdPartyOrigin = "ignored";
   d.tagTypeString = "manual";
@@ -379,7 +363,13 @@ TEST_F(TaggingReporterTest, TagCarriesTagThenSuccessfulParametersInOrder) {
   d.inputPort = "mic";
   d.tagDuration = 1.2345;
   d.unsubmitted = true;
+  return d;
+}
 
+TEST_F(TaggingReporterTest, TagCarriesTagThenSuccessfulParametersInOrder) {
+  env_.setDeviceOrientation(DeviceOrientation::LandscapeLeft);
+  KVRInitialOrientation::setInitialOrientation(DeviceOrientation::Portrait);
+  const KVRTagDetails d = everyField();
   KVRTaggingReporter::reportTag(&d, 1);
   const auto beacon = onlySent();
   EXPECT_EQ(beacon.event, "tagged");
@@ -457,33 +447,40 @@ TEST_F(TaggingReporterTest, AutoTagWithoutTrackIdIsStillHandedToTheDispatcher) {
   EXPECT_EQ(records[0]->parameters().keys(), (std::vector<std::string>{"currentorientation"}));
 }
 
+TEST_F(TaggingReporterTest, SingleBeacons) {
+  using R = KVRTaggingReporter;
+  KVRFeatureExtractionDetails noSampleLength;
+  noSampleLength.duration = 0.0126;
+  expectBeacons({
+      // An unknown origin leaves the origin out.
+      {[] { R::reportTaggingSessionStarted("S", 22, std::nullopt, true); },
+       "type=taggingstarted&background=1"},
+      // A deleted tag puts its origin under "tagtype".
+      {[] { R::reportDeletedTagWithTrackID("TR", "history"); },
+       "type=deletetagtapped&trackkey=TR&tagtype=history"},
+      {[] { R::reportDeletedTagWithTrackID(std::nullopt, std::nullopt); }, "type=deletetagtapped"},
+      {[] { R::reportMagicTap(); }, "type=magictap"},
+      {[] { R::reportHardwareConfigurationFailure(0, "-50", "Built-In", "omni", "USB", {}, ""); },
+       "type=hardwarefailure&reason=microphone&code=-50&currentmicrophone=Built-In&"
+       "currentpolarpattern=omni&targetmicrophone=USB&stereoorientation="},
+      {[] { R::reportTaggingErrorWithTagID("T9", -202); },
+       "code=-202&taggingerrorcode=-202&tagid=T9", "error"},
+      {[] { R::reportTaggingErrorWithTagID(std::nullopt, std::nullopt); }, "", "error"},
+      // Feature extraction without details leaves their keys out.
+      {[&] {
+         R::reportFeatureExtractionEndedWithOutcome(0, &noSampleLength, std::nullopt, nullptr);
+       },
+       "type=feature_extraction&outcome=success&time=13", "performance"},
+      {[] { R::reportFeatureExtractionEndedWithOutcome(0, nullptr, "T", nullptr); },
+       "type=feature_extraction&outcome=success&tagid=T", "performance"},
+  });
+}
+
 TEST_F(TaggingReporterTest, TagErrorSendsTheCodeAsTextAndAsNumber) {
   KVRTaggingReporter::reportTaggingErrorWithTagID("T9", -202);
-  const auto beacon = onlySent();
-  EXPECT_EQ(beacon.event, "error");
-  EXPECT_EQ(beacon.parameters(), params("code=-202&taggingerrorcode=-202&tagid=T9"));
   const auto& p = submitted().at(0)->parameters();
   EXPECT_EQ(p.find("code")->kind(), KVRValue::Kind::String);
   EXPECT_EQ(p.find("taggingerrorcode")->kind(), KVRValue::Kind::Int);
-
-  executor_->clear();
-  KVRTaggingReporter::reportTaggingErrorWithTagID(std::nullopt, std::nullopt);
-  EXPECT_TRUE(onlySent().parameters().empty());
-}
-
-TEST_F(TaggingReporterTest, DeletedTagPutsItsOriginUnderTagType) {
-  KVRTaggingReporter::reportDeletedTagWithTrackID("TR", "history");
-  EXPECT_EQ(onlySent().parameters(), params("type=deletetagtapped&trackkey=TR&tagtype=history"));
-  executor_->clear();
-  KVRTaggingReporter::reportDeletedTagWithTrackID(std::nullopt, std::nullopt);
-  EXPECT_EQ(onlySent().parameters(), params("type=deletetagtapped"));
-}
-
-TEST_F(TaggingReporterTest, MagicTapIsOnlyItsType) {
-  KVRTaggingReporter::reportMagicTap();
-  const auto beacon = onlySent();
-  EXPECT_EQ(beacon.event, "userevent");
-  EXPECT_EQ(beacon.parameters(), params("type=magictap"));
 }
 
 TEST_F(TaggingReporterTest, FeatureExtractionOutcomes) {
@@ -517,18 +514,6 @@ TEST_F(TaggingReporterTest, FeatureExtractionOutcomes) {
   }
 }
 
-TEST_F(TaggingReporterTest, FeatureExtractionWithoutDetailsLeavesTheirKeysOut) {
-  KVRFeatureExtractionDetails noSampleLength;
-  noSampleLength.duration = 0.0126;
-  KVRTaggingReporter::reportFeatureExtractionEndedWithOutcome(0, &noSampleLength, std::nullopt,
-                                                              nullptr);
-  KVRTaggingReporter::reportFeatureExtractionEndedWithOutcome(0, nullptr, "T", nullptr);
-  const auto beacons = sent();
-  ASSERT_EQ(beacons.size(), 2u);
-  EXPECT_EQ(beacons[0].parameters(), params("type=feature_extraction&outcome=success&time=13"));
-  EXPECT_EQ(beacons[1].parameters(), params("type=feature_extraction&outcome=success&tagid=T"));
-}
-
 // MARK: - Tag parameters
 
 // The dictionary and the typed set must hold the same entries with the
@@ -558,21 +543,10 @@ void expectSameContent(const ReportingParameters& set, const KVRParameters& dict
 TEST_F(TaggingReporterTest, TypedSetAndDictionariesAgreeForEveryField) {
   KVRInitialOrientation::setInitialOrientation(DeviceOrientation::Portrait);
   env_.setDeviceOrientation(DeviceOrientation::FaceUp);
-  KVRTagDetails d;
-  d.tagTypeString = "manual";
+  KVRTagDetails d = everyField();  // the recording figures are for successful tags only
   d.trackID = "";  // an empty string is a value and is kept
-  d.adamID = "A1";
-  d.artistAdamID = "AR1";
-  d.type = "exact";
-  d.forensicID = "F1";
-  d.tagID = "T1";
-  d.recognitionType = "audio";  // successful tags only
   d.sampleRate = 8000;
-  d.microphone = "front";
-  d.polarPattern = "cardioid";
   d.headphonesConnected = 1;
-  d.outputPort = "speaker";
-  d.inputPort = "mic";
 
   const auto set = KVRTaggingReporter::reportingParameters(&d);
   const ReportingParameters expected = {
@@ -689,9 +663,8 @@ TEST_F(TaggingReporterTest, NoMatchRecordNamesItselfAfterItsDate) {
   EXPECT_EQ(now.date(), KVRDate{1'710'493'507.25});
 
   const KVRNoMatchTagInfo undated(std::nullopt);
-  EXPECT_EQ(undated.tagID(), "NO_MATCH-(null)");
-  EXPECT_EQ(undated.trackIDOrUnknown(), "NO_MATCH");
-  EXPECT_EQ(undated.date(), std::nullopt);
+  EXPECT_EQ(std::tuple(undated.tagID(), undated.trackIDOrUnknown(), undated.date()),
+            std::tuple("NO_MATCH-(null)", "NO_MATCH", std::nullopt));
   EXPECT_TRUE(sent().empty());
 }
 

@@ -52,6 +52,15 @@ class AudioPlayerTest : public ::testing::Test {
     return writeTone("tone-caf", {8000, 1, 16, false}, static_cast<uint32_t>(seconds * 8000));
   }
 
+  // Waits, without the main queue, until the audio thread marks the end.
+  static bool waitUntilStopped(AudioPlayer& player) {
+    const auto end = std::chrono::steady_clock::now() + 5s;
+    while (player.isPlaying() && std::chrono::steady_clock::now() < end) {
+      std::this_thread::sleep_for(2ms);
+    }
+    return !player.isPlaying();
+  }
+
   // Pumps the main queue until done() or the deadline.
   template <class Done>
   bool pumpUntil(Done done, std::chrono::milliseconds deadline = 5s) {
@@ -151,11 +160,7 @@ TEST_F(AudioPlayerTest, ReachingTheEndTellsTheMainQueueAndRewinds) {
   ASSERT_TRUE(player->play());
 
   // The audio thread marks the end; nobody is told before the queue runs.
-  const auto end = std::chrono::steady_clock::now() + 5s;
-  while (player->isPlaying() && std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(5ms);
-  }
-  ASSERT_FALSE(player->isPlaying());
+  ASSERT_TRUE(waitUntilStopped(*player));
   EXPECT_EQ(finished, 0);
 
   ASSERT_TRUE(pumpUntil([&] { return finished > 0; }));
@@ -173,11 +178,7 @@ TEST_F(AudioPlayerTest, AnEndNoticeFromBeforeAReplayIsDropped) {
   int finished = 0;
   player->finishedPlaying = [&] { ++finished; };
   ASSERT_TRUE(player->play());
-  const auto end = std::chrono::steady_clock::now() + 5s;
-  while (player->isPlaying() && std::chrono::steady_clock::now() < end) {
-    std::this_thread::sleep_for(2ms);
-  }
-  ASSERT_FALSE(player->isPlaying());
+  ASSERT_TRUE(waitUntilStopped(*player));
 
   // Played again before the first end was delivered: that notice must not
   // stop the new playback nor count as its end.

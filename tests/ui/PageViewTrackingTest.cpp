@@ -4,45 +4,28 @@
 
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <string>
 #include <string_view>
+#include <tuple>
 #include <vector>
 
 #include <korvel/foundation/KeyedArchive.h>
 #include <korvel/ui/UI.h>
 #include "support/TestEnv.h"
 #include "support/DeathTests.h"
+#include "pageviews/PageViewTestSupport.h"
 
 namespace korvel {
-
-void PrintTo(const PageView& v, std::ostream* os) { *os << v.toJSONString(); }
-
 namespace {
+
+using testing::kParametersMiss;
+using testing::kRenameMiss;
+using testing::view;
 
 using ui::View;
 using ui::ViewHost;
 
 constexpr uint64_t kSecond = 1'000'000'000;
-
-const char* const kRenameMiss = "Cannot track page name change: Page stack is empty";
-const char* const kParametersMiss =
-    "Cannot track page view reporting parameters change: Page is not in the stack";
-
-class RecordingReporter : public PageViewReporter {
- public:
-  std::function<void(const PageView&)> onReport;
-  void report(const PageView& pageView) override {
-    if (onReport) onReport(pageView);
-    views.push_back(pageView);
-  }
-  std::vector<PageView> take() { return std::exchange(views, {}); }
-  std::vector<PageView> views;
-};
-
-PageView view(const std::string& name, double seconds, ReportingParameters parameters = {}) {
-  return PageView{PageName(name), seconds, std::move(parameters)};
-}
 
 // Screen classes as a host writes them.
 using TrackedScreen = PageViewDataProvidingController<PageViewTrackingViewController>;
@@ -85,7 +68,8 @@ class PageViewTrackingTest : public ::testing::Test {
 
   testing::TestEnv env_;
   platform::ScopedEnv scope_{env_};
-  std::shared_ptr<RecordingReporter> reporter_ = std::make_shared<RecordingReporter>();
+  std::shared_ptr<testing::RecordingReporter> reporter_ =
+      std::make_shared<testing::RecordingReporter>();
   std::shared_ptr<PageViewManager> manager_ = std::make_shared<PageViewManager>(reporter_, true);
 };
 
@@ -285,12 +269,10 @@ TEST_F(PageViewTrackingTest, ThePlatformControllerGetsItsOwnArguments) {
   EXPECT_EQ(TrackedTable(manager_, PageName("t"), {}).style(), ui::TableViewStyle::Plain);
 
   const TrackedScreen plain(manager_, PageName("v"), {});
-  EXPECT_EQ(plain.nibName(), std::nullopt);
-  EXPECT_EQ(plain.nibBundle(), std::nullopt);
+  EXPECT_EQ(std::tuple(plain.nibName(), plain.nibBundle()), std::tuple(std::nullopt, std::nullopt));
   const TrackedTable nib("Settings", ui::Bundle{"b"}, manager_, PageName("t"), {});
-  EXPECT_EQ(nib.nibName(), "Settings");
-  EXPECT_EQ(nib.nibBundle(), ui::Bundle{"b"});
-  EXPECT_EQ(nib.pageViewManager(), manager_);
+  EXPECT_EQ(std::tuple(nib.nibName(), nib.nibBundle(), nib.pageViewManager()),
+            std::tuple("Settings", ui::Bundle{"b"}, manager_));
 }
 
 TEST_F(PageViewTrackingTest, AnUnreadableArchiveMakesNoScreen) {
