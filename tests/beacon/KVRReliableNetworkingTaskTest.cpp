@@ -12,6 +12,7 @@
 #include <korvel/beacon/KVRBeaconTypes.h>
 #include <korvel/beacon/KVRConstants.h>
 #include <korvel/beacon/KVRUserSession.h>
+#include <korvel/foundation/KVNRequestReload.h>
 #include <korvel/foundation/KeyedArchive.h>
 #include "support/NotificationLog.h"
 #include "support/TestEnv.h"
@@ -387,6 +388,77 @@ TEST_F(KVRReliableNetworkingTaskTest, ArchivesMissingFieldsKeepTheInitialisersVa
                          lost && row.field == Field::Time ? 1800000000.5 : 1700000000.25,
                          lost && row.field == Field::Inid ? "CURRENT" : "OLD-INID",
                          lost && row.field == Field::AppVersion ? "10.0" : "8.0"));
+  }
+}
+
+// A record read back to be sent (not announced again, so made without a
+// fresh record first) ends as one decoded the announcing way, whatever the
+// archive holds or lacks.
+TEST_F(KVRReliableNetworkingTaskTest, RecordsReadBackToBeSentEndAsDecodedOnes) {
+  struct Row {
+    const char* name;
+    bool parameters, time, uuid, inid, appVersion;
+    bool pinned;  // the parameters carry a clientbeaconuuid of their own
+  };
+  const Row rows[] = {
+      {"everything", true, true, true, true, true, false},
+      {"no parameters", false, true, true, true, true, false},
+      {"no time", true, false, true, true, true, false},
+      {"no uuid", true, true, false, true, true, false},
+      {"no inid", true, true, true, false, true, false},
+      {"no app version", true, true, true, true, false, false},
+      {"a pinned uuid", true, true, true, true, true, true},
+      {"a pinned uuid and no uuid", true, true, false, true, true, true},
+      {"nothing but the class", false, false, false, false, false, false},
+  };
+  constexpr const char* kFresh = "11111111-2222-4333-8444-555555555555";
+  constexpr const char* kKind = "test.recordReadBack";
+  KVRTaskPtr readBack;
+  KVNRequestRestorers::registerRestorer(kKind, [&readBack](std::string_view payload) {
+    readBack = KVRReliableNetworkingTask::unarchive(payload);
+    return std::optional<KVNNetworkRequest>(KVNNetworkRequest{});
+  });
+  env_.setNow(1800000000.5);
+  KVNConfiguration::setAppShortVersion("10.0");
+  setInid("CURRENT");
+
+  for (const auto& row : rows) {
+    SCOPED_TRACE(row.name);
+    KVRParameters parameters{{"a", "b"}, {"n", 2}, {"list", KVRList{"x", 1}}};
+    if (row.pinned) parameters.set(KVRBeaconUUIDKey, "PINNED-UUID");
+    KeyedArchiver coder;
+    coder.encodeObject("$class", std::string("KVRPageViewBeacon"));
+    if (row.parameters) coder.encodeObject("parameters", parameters);
+    if (row.time) coder.encodeDouble("creationTimestamp", 1700000000.25);
+    if (row.uuid) coder.encodeObject("uuid", std::string(kUUID));
+    if (row.inid) coder.encodeObject("inid", std::string("OLD-INID"));
+    if (row.appVersion) coder.encodeObject("appVersion", std::string("8.0"));
+    const std::string archive = coder.encodedData();
+
+    env_.queueUUIDs({kFresh});
+    const auto decoded = KVRReliableNetworkingTask::unarchive(archive);
+    env_.queueUUIDs({kFresh});
+    const size_t announced = created().size();
+    readBack.reset();
+    ASSERT_TRUE(KVNReloadRequest(kKind, archive));
+    ASSERT_NE(decoded, nullptr);
+    ASSERT_NE(readBack, nullptr);
+    EXPECT_EQ(created().size(), announced);  // not announced again
+
+    EXPECT_NE(std::dynamic_pointer_cast<KVRPageViewBeacon>(readBack), nullptr);
+    EXPECT_EQ(readBack->archivedData(), decoded->archivedData());
+    EXPECT_EQ(readBack->parameters().keys(), decoded->parameters().keys());
+    EXPECT_EQ(readBack->parameters(), decoded->parameters());
+    EXPECT_EQ(readBack->nonCommonParameters(), decoded->nonCommonParameters());
+    EXPECT_EQ(readBack->commonParameters(), decoded->commonParameters());
+    EXPECT_EQ(readBack->uuid(), decoded->uuid());
+    EXPECT_EQ(readBack->creationTimestamp(), decoded->creationTimestamp());
+    EXPECT_EQ(readBack->debugInid(), decoded->debugInid());
+    EXPECT_EQ(readBack->appVersion(), decoded->appVersion());
+    // Views taken after a change still follow the same record.
+    readBack->setCommonParameters({{"c", 1}});
+    decoded->setCommonParameters({{"c", 1}});
+    EXPECT_EQ(readBack->nonCommonParameters(), decoded->nonCommonParameters());
   }
 }
 

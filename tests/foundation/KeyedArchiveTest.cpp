@@ -258,5 +258,94 @@ TEST(KeyedArchiveTest, CorruptedArchivesNeverCrash) {
   EXPECT_GT(opened, 0);
 }
 
+// An archive read twice: as it is, and with its top-level map turned into an
+// indefinite-length one, which only the general CBOR reader takes. Whatever
+// the direct reader opens must give the same values, kinds and keys as the
+// general reader gives for the same items, and what the general reader
+// refuses it must refuse too.
+std::string withIndefiniteTop(std::string_view archive) {
+  return "\xBF" + std::string(archive.substr(1)) + "\xFF";
+}
+
+void expectSameValues(const KeyedUnarchiver& direct, const KeyedUnarchiver& general,
+                      const std::string& what) {
+  for (const char* key : {"dict", "name", "time", "count", "sent", "d", "k", "v", "s", "x"}) {
+    EXPECT_EQ(direct.containsValueForKey(key), general.containsValueForKey(key)) << what << key;
+    const auto dictionary = direct.decodeDictionary(key);
+    EXPECT_EQ(dictionary, general.decodeDictionary(key)) << what << key;
+    if (dictionary && general.decodeDictionary(key)) {
+      EXPECT_EQ(dictionary->keys(), general.decodeDictionary(key)->keys()) << what << key;
+    }
+    EXPECT_EQ(direct.decodeString(key), general.decodeString(key)) << what << key;
+    const auto a = direct.decodeDouble(key), b = general.decodeDouble(key);
+    EXPECT_EQ(a.has_value(), b.has_value()) << what << key;
+    if (a && b && !(std::isnan(*a) && std::isnan(*b))) {
+      EXPECT_EQ(std::signbit(*a), std::signbit(*b)) << what << key;
+      EXPECT_EQ(*a, *b) << what << key;
+    }
+    EXPECT_EQ(direct.decodeInt(key), general.decodeInt(key)) << what << key;
+    EXPECT_EQ(direct.decodeBool(key), general.decodeBool(key)) << what << key;
+  }
+}
+
+TEST(KeyedArchiveTest, ArchivesReadDirectlyGiveWhatTheGeneralReaderGives) {
+  const std::string archive = sampleArchive();
+  ASSERT_EQ(static_cast<unsigned char>(archive[0]), 0xA5u);  // five keys, a one-byte head
+  auto direct = KeyedUnarchiver::open(archive);
+  auto general = KeyedUnarchiver::open(withIndefiniteTop(archive));
+  ASSERT_TRUE(direct && general);
+  expectSameValues(*direct, *general, "whole ");
+
+  std::mt19937 rng(20261126);
+  std::uniform_int_distribution<size_t> position(1, archive.size() - 1);
+  std::uniform_int_distribution<int> byte(0, 255);
+  int opened = 0;
+  for (int round = 0; round < 3000; ++round) {
+    std::string corrupt = archive;
+    for (int i = 0, flips = 1 + round % 3; i < flips; ++i) {
+      corrupt[position(rng)] = static_cast<char>(byte(rng));
+    }
+    auto d = KeyedUnarchiver::open(corrupt);
+    auto g = KeyedUnarchiver::open(withIndefiniteTop(corrupt));
+    const std::string what = "round " + std::to_string(round) + " key ";
+    if (!g) {
+      EXPECT_FALSE(d) << what;
+      continue;
+    }
+    if (!d) continue;  // the definite form can be short where the other is not
+    ++opened;
+    expectSameValues(*d, *g, what);
+  }
+  EXPECT_GT(opened, 100);
+}
+
+// Items the archiver never writes are left to the general reader, which
+// still reads them as it always did.
+TEST(KeyedArchiveTest, ItemsNoArchiverWritesAreStillRead) {
+  struct Case {
+    const char* name;
+    std::string value;  // the value of "v" in {"d": {"v": value}, "s": "ok"}
+    KVRValue expected;
+  };
+  const Case cases[] = {
+      {"half float", std::string("\xF9\x3C\x00", 3), KVRValue(1.0)},
+      {"indefinite text", std::string("\x7F\x62" "ab" "\x61" "c" "\xFF", 7), KVRValue("abc")},
+      {"ignored tag on an integer", std::string("\xC6\x05", 2), KVRValue(int64_t{5})},
+      {"indefinite list", std::string("\x9F\x01\x02\xFF", 4),
+       KVRValue(KVRList{int64_t{1}, int64_t{2}})},
+      {"two-byte tag on bytes", std::string("\xD9\x00\x02\x41z", 5), KVRValue(KVRURL{"z"})},
+      {"negative past the signed range", std::string("\x3B\x7F\xFF\xFF\xFF\xFF\xFF\xFF\xFF", 9),
+       KVRValue(std::numeric_limits<int64_t>::min())},
+  };
+  for (const auto& c : cases) {
+    const std::string bytes = std::string("\xA2\x61" "d" "\xA1\x61v", 6) + c.value +
+                              std::string("\x61s\x62ok", 5);
+    auto u = KeyedUnarchiver::open(bytes);
+    ASSERT_TRUE(u) << c.name;
+    EXPECT_EQ(u->decodeString("s"), "ok") << c.name;
+    EXPECT_EQ(u->decodeDictionary("d"), (KVRParameters{{"v", c.expected}})) << c.name;
+  }
+}
+
 }  // namespace
 }  // namespace korvel

@@ -247,5 +247,43 @@ TEST(CurlTransportTest, PutsEachTargetOnTheWireAsLibcurlWouldAndFollowsRedirects
   }
 }
 
+// Told there is no proxy only when none is named in the environment: one
+// that is gets every request, with the full URL on the request line.
+TEST(CurlTransportTest, AProxyNamedInTheEnvironmentGetsTheRequests) {
+  struct Case {
+    const char* variable;  // nullptr: none set
+    bool throughProxy;
+  };
+  const Case cases[] = {{nullptr, false}, {"http_proxy", true}, {"all_proxy", true}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.variable != nullptr ? c.variable : "none");
+    RawServer target, proxy;
+    ASSERT_GT(target.port(), 0);
+    ASSERT_GT(proxy.port(), 0);
+    const std::string proxyURL = "http://127.0.0.1:" + std::to_string(proxy.port());
+    for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY",
+                             "no_proxy", "NO_PROXY"}) {
+      unsetenv(name);
+    }
+    if (c.variable != nullptr) setenv(c.variable, proxyURL.c_str(), 1);
+    std::atomic<bool> cancelled{false};
+    auto transport = makeSystemTransport(cancelled);
+    const std::string url = "http://127.0.0.1:" + std::to_string(target.port()) + "/b/1?x=1";
+    const DeliveryResponse response = transport->get(url);
+    if (c.variable != nullptr) unsetenv(c.variable);
+    EXPECT_EQ(response.status, 204) << response.error;
+    const auto viaProxy = proxy.requests();
+    const auto direct = target.requests();
+    ASSERT_EQ(viaProxy.size() + direct.size(), 1u);
+    if (c.throughProxy) {
+      ASSERT_EQ(viaProxy.size(), 1u);
+      EXPECT_TRUE(viaProxy[0].starts_with("GET " + url + " HTTP/1.1\r\n")) << viaProxy[0];
+    } else {
+      ASSERT_EQ(direct.size(), 1u);
+      EXPECT_TRUE(direct[0].starts_with("GET /b/1?x=1 HTTP/1.1\r\n")) << direct[0];
+    }
+  }
+}
+
 }  // namespace
 }  // namespace korvel::network::internal

@@ -13,6 +13,7 @@
 #include <set>
 #include <thread>
 
+#include <korvel/network/internal/DeliveryShared.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include "support/TestEnv.h"
 
@@ -948,6 +949,44 @@ TEST_F(DurableRequestExecutorTest, StoredRequestsAreReadBackWhenSentAndOthersKep
   EXPECT_THAT(server_.urls(), ElementsAre("http://fake/one", "http://fake/two",
                                           "http://fake/three", "http://fake/memory-only"));
   EXPECT_EQ(restored.load(), 3);
+}
+
+// A burst reported while the sender is busy: its first requests go out
+// from memory, as many as their stored frames come to kKeptWholeBytes, and
+// the rest are read back from the store, in order all the same.
+TEST_F(DurableRequestExecutorTest, TheFirstOfABurstGoOutFromMemoryUpToTheirBytes) {
+  static std::atomic<size_t> restored{0};
+  KVNRequestRestorers::registerRestorer("test.keptBytes", [](std::string_view payload) {
+    ++restored;
+    return std::optional<KVNNetworkRequest>(makeRequest(std::string(payload)));
+  });
+  constexpr size_t kPayload = 4000;
+  constexpr size_t kCount = 120;
+  auto o = options();
+  o.concurrency = 1;
+  server_.closeGate();
+  auto executor = start(o);
+  std::vector<std::string> urls;
+  for (size_t i = 0; i < kCount; ++i) {
+    std::string name = std::to_string(1000 + i);
+    name.resize(kPayload, 'x');
+    urls.push_back("http://fake/" + name);
+    KVNNetworkRequest r = makeRequest(name);
+    r.setRestorationPayload("test.keptBytes", [name](std::string& out) { out += name; });
+    executor->executeRequest(r);
+    // The first is on the wire (whole, nothing was waiting); the others wait.
+    if (i == 0) {
+      ASSERT_TRUE(server_.waitForAttempts(1, 5s));
+    }
+  }
+  server_.release(FakeServer::status(204));
+  ASSERT_TRUE(executor->flush(10s));
+  EXPECT_EQ(server_.urls(), urls);
+  const size_t keptOfTheWaiting = kCount - 1 - restored.load();
+  // Never more than the bound: each frame holds more than its payload.
+  EXPECT_LE(keptOfTheWaiting, delivery::kKeptWholeBytes / kPayload);
+  // And not fewer than it allows (a frame's head and checksum are small).
+  EXPECT_GE(keptOfTheWaiting, delivery::kKeptWholeBytes / (kPayload + 256));
 }
 
 // MARK: - Purge

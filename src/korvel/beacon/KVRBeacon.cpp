@@ -1,6 +1,11 @@
 #include <korvel/beacon/KVRBeacon.h>
 
+#include <algorithm>
+#include <array>
 #include <atomic>
+#include <charconv>
+#include <cstring>
+#include <limits>
 #include <mutex>
 #include <thread>
 
@@ -13,6 +18,7 @@
 #include <korvel/platform/Logging.h>
 #include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/foundation/KVNNetwork.h>
+#include <korvel/foundation/KVNRequestReload.h>
 #include <korvel/foundation/KeyedArchive.h>
 #include <korvel/platform/NotificationCenter.h>
 #include <korvel/foundation/URLComponents.h>
@@ -94,6 +100,515 @@ std::string encodeCommas(std::string_view model) {
   return out;
 }
 
+// Query names and values keep only the unreserved characters (A-Z a-z 0-9
+// - . _ ~) as they are; every other byte is %XX, so each item survives as
+// one item.
+constexpr auto kUnreservedTable = [] {
+  std::array<bool, 256> keep{};
+  for (int c = 0; c < 256; ++c) {
+    keep[static_cast<size_t>(c)] = (c >= 'A' && c <= 'Z') || (c >= 'a' && c <= 'z') ||
+                                   (c >= '0' && c <= '9') || c == '-' || c == '.' || c == '_' ||
+                                   c == '~';
+  }
+  return keep;
+}();
+
+// A path component keeps the unreserved characters, the sub-delimiters,
+// ":" and "@"; "/" and the rest are %XX, so it stays one component.
+constexpr auto kPathComponentTable = [] {
+  std::array<bool, 256> keep = kUnreservedTable;
+  for (unsigned char c : std::string_view("!$&'()*+,;=:@")) keep[c] = true;
+  return keep;
+}();
+
+constexpr char kHexDigits[] = "0123456789ABCDEF";
+
+void appendEncoded(std::string& out, std::string_view text, const std::array<bool, 256>& keep) {
+  size_t run = 0;  // bytes kept as they are, appended in one go
+  for (size_t i = 0; i < text.size(); ++i) {
+    const auto c = static_cast<unsigned char>(text[i]);
+    if (keep[c]) continue;
+    out.append(text.data() + run, i - run);
+    const char escaped[3] = {'%', kHexDigits[c >> 4], kHexDigits[c & 0x0F]};
+    out.append(escaped, 3);
+    run = i + 1;
+  }
+  out.append(text.data() + run, text.size() - run);
+}
+
+void appendQueryText(std::string& out, std::string_view text) {
+  appendEncoded(out, text, kUnreservedTable);
+}
+
+void appendPathComponent(std::string& out, std::string_view text) {
+  appendEncoded(out, text, kPathComponentTable);
+}
+
+// A parameter's value as its description goes out, without a copy of it
+// where the value is text or an integer.
+void appendQueryValue(std::string& out, const KVRValue& value) {
+  if (const std::string* text = value.asString()) {
+    appendQueryText(out, *text);
+    return;
+  }
+  char digits[24];
+  std::to_chars_result printed{};
+  switch (value.kind()) {
+    case KVRValue::Kind::Int:
+      printed = std::to_chars(digits, digits + sizeof digits, *value.asInt());
+      break;
+    case KVRValue::Kind::UInt:
+      printed = std::to_chars(digits, digits + sizeof digits, *value.asUInt());
+      break;
+    default:
+      appendQueryText(out, value.description());
+      return;
+  }
+  out.append(digits, printed.ptr);  // digits and "-": all unreserved
+}
+
+// What a beacon URL takes from the endpoint template, worked out once per
+// template, inid, app version and device model: everything before the
+// event's path component, the template's own query items as they go out, and
+// its fragment.
+struct EndpointTemplate {
+  std::string endpoint;
+  std::string inid;
+  std::string appVersion;
+  std::string deviceModel;  // as configured
+  std::string model;        // as it goes out
+  bool valid = false;
+  std::string base;  // scheme://[user@]host[:port]path
+  bool pathEndsInSlash = false;
+  std::string query;  // the template's items, encoded, joined with "&"
+  bool hasFragment = false;
+  std::string fragment;
+};
+
+void fillTemplate(EndpointTemplate& out) {
+  std::string templ = out.endpoint;
+  replaceAll(templ, "{inid}", out.inid);
+  replaceAll(templ, "{appversion}", out.appVersion);
+  replaceAll(templ, "{devicemodel}", out.model);
+  out.valid = false;
+  auto components = URLComponents::parse(templ);
+  if (!components) return;
+  out.pathEndsInSlash =
+      !components->percentEncodedPath().empty() && components->percentEncodedPath().back() == '/';
+  // Re-encoded item by item, as the beacon's own items are.
+  out.query.clear();
+  bool first = true;
+  for (const auto& item : components->queryItems()) {
+    if (!first) out.query += '&';
+    first = false;
+    appendQueryText(out.query, item.name);
+    if (item.value) {
+      out.query += '=';
+      appendQueryText(out.query, *item.value);
+    }
+  }
+  // The URL without its query: the base, then "#" and the fragment (which
+  // holds no "#" of its own, nor does anything before it).
+  components->setQueryItems({});
+  const std::string rest = components->string();
+  const size_t hash = rest.find('#');
+  out.base = rest.substr(0, hash);
+  out.hasFragment = hash != std::string::npos;
+  out.fragment = out.hasFragment ? rest.substr(hash + 1) : std::string();
+  out.valid = true;
+}
+
+// The template's parts for this configuration and type; nullptr when the
+// filled-in template is no absolute URL. Kept per thread (one for watch
+// beacons, one for the others) and worked out again when an input changed.
+const EndpointTemplate* endpointTemplate(const KVNConfiguration::Snapshot& config,
+                                         KVRBeaconType type) {
+  thread_local EndpointTemplate cached[2];
+  const bool watch = type == KVRBeaconTypeWatchTagged;
+  EndpointTemplate& templ = cached[watch ? 1 : 0];
+  const std::string& endpoint = *config.beacons.beaconEndpoint;
+  const std::string_view inid = config.inid ? std::string_view(*config.inid) : std::string_view();
+  std::string appVersion = KVNConfiguration::appShortVersion();
+  const std::string_view model =
+      config.deviceModel ? std::string_view(*config.deviceModel) : std::string_view();
+  const bool same = templ.endpoint == endpoint && templ.inid == inid &&
+                    templ.appVersion == appVersion && templ.deviceModel == model;
+  if (!same) {
+    templ.endpoint = endpoint;
+    templ.inid = std::string(inid);
+    templ.appVersion = std::move(appVersion);
+    templ.deviceModel = std::string(model);
+    templ.model = watch ? std::string("watch") : encodeCommas(model);
+    fillTemplate(templ);
+  }
+  return templ.valid ? &templ : nullptr;
+}
+
+// A beacon's URL as the configuration says now, with writeParameters
+// appending "&name=value" for each of the beacon's parameters; nothing when
+// there is no endpoint or it is not an absolute URL.
+template <class WriteParameters>
+std::optional<std::string> writeURL(KVRBeaconType type, std::string_view timestamp,
+                                    std::string_view uuid, const std::optional<std::string>& event,
+                                    size_t parameterBytes, WriteParameters&& writeParameters) {
+  const auto config = KVNConfiguration::sharedInstance().snapshot();
+  if (!config->beacons.beaconEndpoint || config->beacons.beaconEndpoint->empty()) {
+    return std::nullopt;
+  }
+  const EndpointTemplate* templ = endpointTemplate(*config, type);
+  if (templ == nullptr) return std::nullopt;
+
+  // Most bytes go out as they are: one block, grown at most once.
+  size_t estimate = templ->base.size() + templ->query.size() + templ->fragment.size() +
+                    parameterBytes + 96;
+  if (event) estimate += event->size() + 1;
+  std::string url;
+  url.reserve(estimate + estimate / 4);
+
+  url += templ->base;
+  if (event) {
+    if (!templ->pathEndsInSlash) url += '/';
+    appendPathComponent(url, *event);
+  }
+  url += '?';
+  appendQueryText(url, KVRBeaconCreationTimestampKey);
+  url += '=';
+  appendQueryText(url, timestamp);
+  url += '&';
+  appendQueryText(url, KVRBeaconUUIDKey);
+  url += '=';
+  appendQueryText(url, uuid);
+  writeParameters(url);
+  if (!templ->query.empty()) {
+    url += '&';
+    url += templ->query;
+  }
+  if (templ->hasFragment) {
+    url += '#';
+    url += templ->fragment;
+  }
+  return url;
+}
+
+// MARK: - Read back to be sent
+
+// A stored beacon read back when its turn to be sent comes needs only its
+// URL: rather than a record built value by value (an allocation for every
+// text), its archive is kept as it is and the URL written from it. Only
+// archives as this library writes them are taken so; anything else (a value
+// that is not text, a number or a boolean, a key twice, a field missing or
+// of another kind) is restored the full way, which decides what it is.
+
+// One CBOR item's head, bounds-checked; definite lengths only.
+struct Head {
+  unsigned major = 0;
+  unsigned info = 0;
+  uint64_t argument = 0;  // for major type 7: nothing (see readFloat)
+};
+
+bool readHead(const unsigned char*& at, const unsigned char* end, Head& head) {
+  if (at == end) return false;
+  head.major = *at >> 5;
+  head.info = *at & 0x1Fu;
+  ++at;
+  head.argument = head.info;
+  if (head.major == 7 || head.info < 24) return true;
+  if (head.info > 27) return false;  // indefinite or reserved
+  const size_t width = size_t{1} << (head.info - 24);
+  if (static_cast<size_t>(end - at) < width) return false;
+  head.argument = 0;
+  for (size_t i = 0; i < width; ++i) head.argument = (head.argument << 8) | at[i];
+  at += width;
+  return true;
+}
+
+bool readText(const unsigned char*& at, const unsigned char* end, std::string_view& text) {
+  Head head;
+  if (!readHead(at, end, head) || head.major != 3 ||
+      head.argument > static_cast<uint64_t>(end - at)) {
+    return false;
+  }
+  text = std::string_view(reinterpret_cast<const char*>(at), static_cast<size_t>(head.argument));
+  at += head.argument;
+  return true;
+}
+
+// A float's value after its head (info 26 or 27); false for other simple values.
+bool readFloat(const unsigned char*& at, const unsigned char* end, unsigned info, double& value) {
+  const size_t width = info == 26 ? 4 : info == 27 ? 8 : 0;
+  if (width == 0 || static_cast<size_t>(end - at) < width) return false;
+  uint64_t bits = 0;
+  for (size_t i = 0; i < width; ++i) bits = (bits << 8) | at[i];
+  at += width;
+  if (width == 4) {
+    const auto narrow = static_cast<uint32_t>(bits);
+    float f = 0;
+    std::memcpy(&f, &narrow, sizeof f);
+    value = static_cast<double>(f);
+  } else {
+    std::memcpy(&value, &bits, sizeof value);
+  }
+  return true;
+}
+
+// Moves past one item of the kinds the archiver writes.
+bool skipItem(const unsigned char*& at, const unsigned char* end, int depth) {
+  Head head;
+  if (depth > 64 || !readHead(at, end, head)) return false;
+  switch (head.major) {
+    case 0:
+    case 1:
+      return true;
+    case 2:
+    case 3:
+      if (head.argument > static_cast<uint64_t>(end - at)) return false;
+      at += head.argument;
+      return true;
+    case 4:
+    case 5: {
+      const uint64_t items = head.major == 5 ? 2 * head.argument : head.argument;
+      if (head.argument > static_cast<uint64_t>(end - at)) return false;
+      for (uint64_t i = 0; i < items; ++i) {
+        if (!skipItem(at, end, depth + 1)) return false;
+      }
+      return true;
+    }
+    case 6: {
+      // The archiver's one-byte tag, on a byte string.
+      if (head.info != 24) return false;
+      Head bytes;
+      if (!readHead(at, end, bytes) || bytes.major != 2 ||
+          bytes.argument > static_cast<uint64_t>(end - at)) {
+        return false;
+      }
+      at += bytes.argument;
+      return true;
+    }
+    default: {
+      if (head.info == 20 || head.info == 21 || head.info == 22) return true;
+      double ignored = 0;
+      return readFloat(at, end, head.info, ignored);
+    }
+  }
+}
+
+// A number as the record's decodeDouble gives it: any integer or float.
+bool readNumber(const unsigned char*& at, const unsigned char* end, double& value) {
+  Head head;
+  if (!readHead(at, end, head)) return false;
+  if (head.major == 0) {
+    value = head.argument <= static_cast<uint64_t>(std::numeric_limits<int64_t>::max())
+                ? static_cast<double>(static_cast<int64_t>(head.argument))
+                : static_cast<double>(head.argument);
+    return true;
+  }
+  if (head.major == 1) {
+    if (head.argument > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return false;
+    value = static_cast<double>(-1 - static_cast<int64_t>(head.argument));
+    return true;
+  }
+  return head.major == 7 && readFloat(at, end, head.info, value);
+}
+
+// Appends one parameter value as its description goes out; false for a
+// kind left to the record (containers, dates, URLs, null).
+bool appendArchivedValue(const unsigned char*& at, const unsigned char* end, std::string* url) {
+  Head head;
+  if (!readHead(at, end, head)) return false;
+  char digits[24];
+  switch (head.major) {
+    case 0: {  // an Int, or a UInt past the signed range: the same digits
+      const auto printed = std::to_chars(digits, digits + sizeof digits, head.argument);
+      if (url != nullptr) url->append(digits, printed.ptr);
+      return true;
+    }
+    case 1: {
+      if (head.argument > static_cast<uint64_t>(std::numeric_limits<int64_t>::max())) return false;
+      const auto printed = std::to_chars(digits, digits + sizeof digits,
+                                         -1 - static_cast<int64_t>(head.argument));
+      if (url != nullptr) url->append(digits, printed.ptr);
+      return true;
+    }
+    case 3: {
+      if (head.argument > static_cast<uint64_t>(end - at)) return false;
+      if (url != nullptr) {
+        appendQueryText(*url, std::string_view(reinterpret_cast<const char*>(at),
+                                               static_cast<size_t>(head.argument)));
+      }
+      at += head.argument;
+      return true;
+    }
+    case 7: {
+      if (head.info == 20 || head.info == 21) {
+        if (url != nullptr) *url += head.info == 21 ? '1' : '0';
+        return true;
+      }
+      double value = 0;
+      if (!readFloat(at, end, head.info, value)) return false;
+      if (url != nullptr) appendQueryText(*url, KVRValue(value).description());
+      return true;
+    }
+    default:
+      return false;
+  }
+}
+
+// Walks the parameters map (count entries from at), appending each as
+// "&name=value" when url is given; false when one is not for this path.
+bool walkParameters(const unsigned char* at, const unsigned char* end, uint64_t count,
+                    std::string* url) {
+  for (uint64_t i = 0; i < count; ++i) {
+    std::string_view key;
+    if (!readText(at, end, key)) return false;
+    if (url != nullptr) {
+      *url += '&';
+      appendQueryText(*url, key);
+      *url += '=';
+    }
+    if (!appendArchivedValue(at, end, url)) return false;
+  }
+  return true;
+}
+
+// What the URL takes from an archived beacon.
+struct ArchivedBeacon {
+  std::shared_ptr<const std::string> payload;
+  KVRTaskPtr shell;  // a record of its class with its event, nothing else
+  KVRBeaconType type = KVRBeaconTypeUserEvent;
+  std::string timestamp;
+  std::string_view uuid;       // in payload
+  size_t parameters = 0;       // where the parameters' entries start in payload
+  uint64_t parameterCount = 0;
+};
+
+std::optional<ArchivedBeacon> readArchivedBeacon(std::string_view payload) {
+  auto kept = std::make_shared<const std::string>(payload);
+  const auto* begin = reinterpret_cast<const unsigned char*>(kept->data());
+  const auto* end = begin + kept->size();
+  const auto* at = begin;
+  Head top;
+  if (!readHead(at, end, top) || top.major != 5 || top.argument > kept->size()) return std::nullopt;
+
+  std::string_view className, uuid;
+  std::optional<std::string_view> event;
+  std::optional<double> timestamp;
+  std::optional<int64_t> type;
+  const unsigned char* parameters = nullptr;
+  uint64_t parameterCount = 0;
+  std::string_view seen[16];
+  size_t seenCount = 0;
+  for (uint64_t i = 0; i < top.argument; ++i) {
+    std::string_view key;
+    if (!readText(at, end, key)) return std::nullopt;
+    // A key twice: the later one wins in place, which the full path sorts out.
+    if (seenCount == std::size(seen) ||
+        std::find(seen, seen + seenCount, key) != seen + seenCount) {
+      return std::nullopt;
+    }
+    seen[seenCount++] = key;
+    if (key == "$class" || key == KVRReliableNetworkingTask::kArchiveUUIDKey ||
+        key == kPayloadEventKey) {
+      std::string_view text;
+      if (!readText(at, end, text)) return std::nullopt;
+      if (key == "$class") className = text;
+      else if (key == kPayloadEventKey) event = text;
+      else uuid = text;
+    } else if (key == "creationTimestamp") {
+      double value = 0;
+      if (!readNumber(at, end, value)) return std::nullopt;
+      timestamp = value;
+    } else if (key == kPayloadTypeKey) {
+      Head head;
+      if (!readHead(at, end, head)) return std::nullopt;
+      if (head.major == 0 && head.argument <= static_cast<uint64_t>(INT64_MAX)) {
+        type = static_cast<int64_t>(head.argument);
+      } else if (head.major == 1 && head.argument <= static_cast<uint64_t>(INT64_MAX)) {
+        type = -1 - static_cast<int64_t>(head.argument);
+      } else {
+        return std::nullopt;
+      }
+    } else if (key == "parameters") {
+      Head head;
+      if (!readHead(at, end, head) || head.major != 5 ||
+          head.argument > static_cast<uint64_t>(end - at)) {
+        return std::nullopt;
+      }
+      parameters = at;
+      parameterCount = head.argument;
+      // Each value of a kind this path writes, and no name twice. Names
+      // are compared only where a cheap fingerprint of theirs (length and
+      // ends) was seen before.
+      std::string_view names[64];
+      uint64_t fingerprints[4] = {0, 0, 0, 0};
+      for (uint64_t p = 0; p < parameterCount; ++p) {
+        std::string_view name;
+        if (p >= std::size(names) || !readText(at, end, name)) return std::nullopt;
+        const size_t bit =
+            name.empty() ? 0
+                         : (name.size() * 31 + static_cast<unsigned char>(name.front()) * 7 +
+                            static_cast<unsigned char>(name.back())) & 255;
+        uint64_t& word = fingerprints[bit / 64];
+        const uint64_t mask = uint64_t{1} << (bit % 64);
+        if ((word & mask) != 0 && std::find(names, names + p, name) != names + p) {
+          return std::nullopt;
+        }
+        word |= mask;
+        if (!appendArchivedValue(at, end, nullptr)) return std::nullopt;
+        names[p] = name;
+      }
+    } else if (!skipItem(at, end, 0)) {
+      return std::nullopt;
+    }
+  }
+  if (at != end || className.empty() || uuid.empty() || !timestamp || !type ||
+      parameters == nullptr) {
+    return std::nullopt;
+  }
+  ArchivedBeacon beacon;
+  beacon.shell = KVRBeaconFactory::emptyRecordOfClass(className);
+  if (!beacon.shell) return std::nullopt;
+  if (auto tagged = std::dynamic_pointer_cast<KVRTaggedBeacon>(beacon.shell)) {
+    tagged->setBeaconType(static_cast<int>(*type));
+  }
+  beacon.shell->setEvent(event ? std::optional<std::string>(*event) : std::nullopt);
+  beacon.shell->setCreationTimestamp(*timestamp);
+  beacon.timestamp = beacon.shell->formattedCreationTimestampString();
+  beacon.type = static_cast<KVRBeaconType>(*type);
+  beacon.uuid = uuid;
+  beacon.parameters = static_cast<size_t>(parameters - begin);
+  beacon.parameterCount = parameterCount;
+  beacon.payload = std::move(kept);
+  return beacon;
+}
+
+// A request for a beacon read back to be sent; nothing when the archive is
+// not one for this path.
+std::optional<KVNNetworkRequest> readBackRequest(std::string_view payload) {
+  auto archived = readArchivedBeacon(payload);
+  if (!archived) return std::nullopt;
+  auto beacon = std::make_shared<const ArchivedBeacon>(std::move(*archived));
+  KVNNetworkRequest request;
+  request.setHttpMethod(KVNNetworkRequestHTTPMethodGET);
+  request.setBackgroundSessionRetryCount(kBackgroundRetryCount);
+  request.setPriority(kPriority);
+  request.setConfigurationPolicy(kConfigurationPolicy);
+  request.setEndpointBuilderBlock([beacon]() -> std::optional<KVNEndpoint> {
+    const auto* begin = reinterpret_cast<const unsigned char*>(beacon->payload->data());
+    const auto* end = begin + beacon->payload->size();
+    auto url = writeURL(beacon->type, beacon->timestamp, beacon->uuid, beacon->shell->event(),
+                        static_cast<size_t>(end - begin), [&](std::string& out) {
+                          walkParameters(begin + beacon->parameters, end, beacon->parameterCount,
+                                         &out);
+                        });
+    if (!url) return std::nullopt;
+    return KVNEndpoint(std::move(*url));
+  });
+  // The archive as it was stored.
+  request.setRestorationPayload(KVRBeacon::kRestorationKind,
+                                [beacon](std::string& out) { out += *beacon->payload; });
+  return request;
+}
+
 KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
   KVNNetworkRequest request;
   request.setHttpMethod(KVNNetworkRequestHTTPMethodGET);
@@ -116,6 +631,11 @@ KVNNetworkRequest makeRequest(KVRTaskPtr task, KVRBeaconType type) {
 }
 
 std::optional<KVNNetworkRequest> restoreRequest(std::string_view payload) {
+  // Read back to be sent (not restored at a start, which announces the
+  // record): the URL straight from the archive where it can be.
+  if (KVNRequestReloading()) {
+    if (auto request = readBackRequest(payload)) return request;
+  }
   auto coder = KeyedUnarchiver::open(payload);
   if (!coder) return std::nullopt;
   // Decoding would give a record without its archived uuid a fresh one, and
@@ -288,35 +808,21 @@ void KVRBeacon::registerRequestRestorer() {
 
 std::optional<std::string> KVRBeacon::endpointURLString(const KVRReliableNetworkingTask& task,
                                                         KVRBeaconType type) {
-  const auto config = KVNConfiguration::sharedInstance().snapshot();
-  if (!config->beacons.beaconEndpoint || config->beacons.beaconEndpoint->empty()) {
-    return std::nullopt;
+  const KVRParameters& parameters = task.parameters();
+  size_t parameterBytes = 0;
+  for (const auto& [key, value] : parameters) {
+    const std::string* text = value.asString();
+    parameterBytes += key.size() + (text != nullptr ? text->size() : 24) + 2;
   }
-  std::string templ = *config->beacons.beaconEndpoint;
-  replaceAll(templ, "{inid}", config->inid.value_or(""));
-  replaceAll(templ, "{appversion}", KVNConfiguration::appShortVersion());
-  const std::string model = type == KVRBeaconTypeWatchTagged
-                                ? std::string("watch")
-                                : encodeCommas(config->deviceModel.value_or(""));
-  replaceAll(templ, "{devicemodel}", model);
-
-  auto components = URLComponents::parse(templ);
-  if (!components) return std::nullopt;
-
-  const auto templateItems = components->queryItems();
-  std::vector<URLQueryItem> items;
-  items.reserve(2 + task.parameters().size() + templateItems.size());
-  items.push_back({std::string(KVRBeaconCreationTimestampKey),
-                   task.formattedCreationTimestampString()});
-  items.push_back({std::string(KVRBeaconUUIDKey), task.uuid()});
-  for (const auto& [key, value] : task.parameters()) {
-    items.push_back({key, value.description()});
-  }
-  items.insert(items.end(), templateItems.begin(), templateItems.end());
-  components->setQueryItems(items);
-
-  if (auto event = task.event()) components->appendPathComponent(*event);
-  return components->string();
+  return writeURL(type, task.formattedCreationTimestampString(), task.uuid(), task.event(),
+                  parameterBytes, [&](std::string& url) {
+                    for (const auto& [key, value] : parameters) {
+                      url += '&';
+                      appendQueryText(url, key);
+                      url += '=';
+                      appendQueryValue(url, value);
+                    }
+                  });
 }
 
 }  // namespace korvel

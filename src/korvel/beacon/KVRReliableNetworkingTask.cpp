@@ -1,6 +1,8 @@
 #include <korvel/beacon/KVRReliableNetworkingTask.h>
 
 #include <algorithm>
+#include <charconv>
+#include <cmath>
 #include <cstdio>
 
 #include <korvel/beacon/KVRBeaconTypes.h>
@@ -130,6 +132,16 @@ bool KVRReliableNetworkingTask::hasINIDExpired() const {
 }
 
 std::string KVRReliableNetworkingTask::formattedCreationTimestampString() const {
+  // Whole seconds as "%.0f" prints them (to the nearest, halves to even, in
+  // the default rounding mode, as nearbyint rounds): below 2^53 every such
+  // value is an exact integer, printed without the formatting machinery.
+  constexpr double kExactIntegers = 9007199254740992.0;  // 2^53
+  if (!std::signbit(creationTimestamp_) && creationTimestamp_ < kExactIntegers) {
+    char digits[24];
+    const auto printed = std::to_chars(digits, digits + sizeof digits,
+                                       static_cast<int64_t>(std::nearbyint(creationTimestamp_)));
+    return std::string(digits, printed.ptr);
+  }
   char buf[64];
   const int length = std::snprintf(buf, sizeof buf, "%.0f", creationTimestamp_);
   if (length < static_cast<int>(sizeof buf)) return buf;
@@ -187,6 +199,34 @@ void KVRReliableNetworkingTask::encodeWithCoder(KeyedArchiver& coder) const {
 
 void KVRReliableNetworkingTask::initWithCoder(const KeyedUnarchiver& coder) {
   auto parameters = coder.decodeDictionary(kArchiveParametersKey);
+  if (KVNRequestReloading()) {
+    // Read back to be sent: nobody sees the fresh record (it is not
+    // announced again), so only what the archive lacks is made afresh. The
+    // record ends as below: the archived dictionary as the caller's, its
+    // pinned uuid (if any) kept apart.
+    parameters_ = parameters ? std::move(*parameters) : KVRParameters{};
+    nonCommonParameters_.clear();
+    commonParameters_.clear();
+    callerEntries_ = parameters_.size();
+    const KVRValue* pinned = parameters_.find(KVRBeaconUUIDKey);
+    if (pinned != nullptr) {
+      callerEntries_.reset();
+      nonCommonParameters_ = parameters_;
+    }
+    auto timestamp = coder.decodeDouble(kArchiveCreationTimestampKey);
+    creationTimestamp_ =
+        timestamp ? *timestamp : KVRReportingUtilities::timeIntervalSinceReferenceDate();
+    if (auto uuid = coder.decodeString(kArchiveUUIDKey)) {
+      uuid_ = std::move(*uuid);
+    } else {
+      uuid_ = pinned != nullptr ? pinned->description() : platform::env().makeUUIDString();
+    }
+    auto inid = coder.decodeString(kArchiveInidKey);
+    inid_ = inid ? std::move(*inid) : inidToBeacon();
+    auto version = coder.decodeString(kArchiveAppVersionKey);
+    appVersion_ = version ? std::move(*version) : KVNConfiguration::appShortVersion();
+    return;
+  }
 
   // A decoded record is made afresh first (new uuid and time, and the
   // creation notification once more), then takes the archived values; what

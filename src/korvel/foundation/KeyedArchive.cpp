@@ -27,32 +27,37 @@ constexpr std::uint8_t kUIntSubtype = 3;  // 8 bytes: little-endian uint64
 // once per level; corrupt input must not be able to exhaust the stack).
 constexpr size_t kMaxDepth = 256;
 
-std::uint64_t fromLittleEndian(const Binary& bytes) {
+std::uint64_t fromLittleEndian(const unsigned char* bytes) {
   std::uint64_t bits = 0;
   for (size_t i = 8; i-- > 0;) bits = (bits << 8) | bytes[i];
   return bits;
 }
 
-// The value a tagged byte string stands for; nothing for an unknown tag or
-// a wrong length.
-std::optional<KVRValue> fromBinary(const Binary& bytes) {
-  if (!bytes.has_subtype()) return std::nullopt;
-  switch (bytes.subtype()) {
+// The value a byte string with this tag stands for; nothing for an unknown
+// tag or a wrong length.
+std::optional<KVRValue> fromTagged(std::uint64_t subtype, const unsigned char* bytes, size_t size) {
+  switch (subtype) {
     case kDateSubtype: {
-      if (bytes.size() != 8) return std::nullopt;
+      if (size != 8) return std::nullopt;
       const std::uint64_t bits = fromLittleEndian(bytes);
       double seconds = 0;
       std::memcpy(&seconds, &bits, sizeof seconds);
       return KVRValue(KVRDate{seconds});
     }
     case kURLSubtype:
-      return KVRValue(KVRURL{std::string(bytes.begin(), bytes.end())});
+      return KVRValue(KVRURL{std::string(reinterpret_cast<const char*>(bytes), size)});
     case kUIntSubtype:
-      if (bytes.size() != 8) return std::nullopt;
+      if (size != 8) return std::nullopt;
       return KVRValue(fromLittleEndian(bytes));
     default:
       return std::nullopt;
   }
+}
+
+// The value a tagged byte string stands for, as the general reader gives it.
+std::optional<KVRValue> fromBinary(const Binary& bytes) {
+  if (!bytes.has_subtype()) return std::nullopt;
+  return fromTagged(bytes.subtype(), bytes.data(), bytes.size());
 }
 
 // An archive's top level: its keys in order, each with its value, or with
@@ -80,6 +85,8 @@ class ArchiveBuilder {
   bool number_float(double value, const std::string&) { return put(KVRValue(value)); }
   bool string(std::string& value) { return put(KVRValue(std::move(value))); }
   bool binary(Binary& value) { return put(fromBinary(value)); }
+  // A value read without the general reader (a tagged byte string).
+  bool value(std::optional<KVRValue> value) { return put(std::move(value)); }
 
   bool start_object(std::size_t size) {
     if (stack_.empty() && started_) return false;  // a second item after the first
@@ -153,6 +160,127 @@ class ArchiveBuilder {
   TopLevel& root_;
   std::vector<Level> stack_;
   bool started_ = false;
+};
+
+// Reads what this library's archiver writes (definite lengths; integers,
+// text, single and double floats, booleans, null, byte strings under a
+// one-byte tag) straight from the bytes into the builder, a pointer walk
+// with one allocation per text longer than a short string: the general
+// reader takes its input a byte at a time through an adapter. False for
+// anything else (and for what the builder refuses): the general reader then
+// reads the archive afresh, so both give the same values for any input.
+// Only for bytes isWellFormedCBOR accepted: every length fits.
+class DirectReader {
+ public:
+  DirectReader(const unsigned char* data, ArchiveBuilder& builder) : at_(data), builder_(builder) {}
+
+  bool item() {
+    unsigned major = 0;
+    std::uint64_t argument = 0;
+    if (!head(major, argument)) return false;
+    switch (major) {
+      case 0:
+        return builder_.number_unsigned(argument);
+      case 1:
+        if (argument > static_cast<std::uint64_t>(std::numeric_limits<std::int64_t>::max())) {
+          return false;
+        }
+        return builder_.number_integer(-1 - static_cast<std::int64_t>(argument));
+      case 3: {
+        std::string text(reinterpret_cast<const char*>(at_), static_cast<size_t>(argument));
+        at_ += argument;
+        return builder_.string(text);
+      }
+      case 4: {
+        if (!builder_.start_array(static_cast<size_t>(argument))) return false;
+        for (std::uint64_t i = 0; i < argument; ++i) {
+          if (!item()) return false;
+        }
+        return builder_.end_array();
+      }
+      case 5: {
+        if (!builder_.start_object(static_cast<size_t>(argument))) return false;
+        for (std::uint64_t i = 0; i < argument; ++i) {
+          unsigned keyMajor = 0;
+          std::uint64_t keyLength = 0;
+          if (!head(keyMajor, keyLength) || keyMajor != 3) return false;
+          std::string key(reinterpret_cast<const char*>(at_), static_cast<size_t>(keyLength));
+          at_ += keyLength;
+          if (!builder_.key(key) || !item()) return false;
+        }
+        return builder_.end_object();
+      }
+      case 6: {
+        // Only the one-byte tag the archiver writes, on a byte string.
+        if (initial_ != 0xD8) return false;
+        unsigned bytesMajor = 0;
+        std::uint64_t size = 0;
+        if (!head(bytesMajor, size) || bytesMajor != 2) return false;
+        const unsigned char* bytes = at_;
+        at_ += size;
+        return builder_.value(fromTagged(argument, bytes, static_cast<size_t>(size)));
+      }
+      case 7:
+        return simple(static_cast<unsigned char>(argument));
+      default:  // an untagged byte string
+        return false;
+    }
+  }
+
+ private:
+  // An item's head; false for an indefinite length or a reserved width.
+  // For major type 7, argument is the head's low five bits (the payload
+  // of a float is read by simple()).
+  bool head(unsigned& major, std::uint64_t& argument) {
+    initial_ = *at_++;
+    major = initial_ >> 5;
+    const unsigned info = initial_ & 0x1Fu;
+    if (major == 7) {
+      argument = info;
+      return true;
+    }
+    if (info < 24) {
+      argument = info;
+      return true;
+    }
+    if (info > 27) return false;
+    const size_t width = size_t{1} << (info - 24);
+    argument = 0;
+    for (size_t i = 0; i < width; ++i) argument = (argument << 8) | at_[i];
+    at_ += width;
+    return true;
+  }
+
+  bool simple(unsigned char info) {
+    static const std::string kNoText;
+    switch (info) {
+      case 20: return builder_.boolean(false);
+      case 21: return builder_.boolean(true);
+      case 22: return builder_.null();
+      case 26: {
+        std::uint32_t bits = 0;
+        for (size_t i = 0; i < 4; ++i) bits = (bits << 8) | at_[i];
+        at_ += 4;
+        float value = 0;
+        std::memcpy(&value, &bits, sizeof value);
+        return builder_.number_float(static_cast<double>(value), kNoText);
+      }
+      case 27: {
+        std::uint64_t bits = 0;
+        for (size_t i = 0; i < 8; ++i) bits = (bits << 8) | at_[i];
+        at_ += 8;
+        double value = 0;
+        std::memcpy(&value, &bits, sizeof value);
+        return builder_.number_float(value, kNoText);
+      }
+      default:  // half floats, undefined and other simple values
+        return false;
+    }
+  }
+
+  const unsigned char* at_;
+  unsigned char initial_ = 0;  // the last head's first byte
+  ArchiveBuilder& builder_;
 };
 
 // Walks the CBOR item headers without recursion and checks that the input is
@@ -631,6 +759,12 @@ std::optional<KeyedUnarchiver> KeyedUnarchiver::open(std::string_view data) {
   const auto* bytes = reinterpret_cast<const unsigned char*>(data.data());
   if (!isWellFormedCBOR(bytes, data.size())) return std::nullopt;
   try {
+    {
+      auto impl = std::make_unique<Impl>();
+      ArchiveBuilder builder(impl->root);
+      DirectReader direct(bytes, builder);
+      if (direct.item()) return KeyedUnarchiver(std::move(impl));
+    }
     auto impl = std::make_unique<Impl>();
     ArchiveBuilder builder(impl->root);
     // The reader from_cbor itself runs, with the tag handling it takes

@@ -46,6 +46,17 @@ bool proxyInEnvironment() {
   return false;
 }
 
+// Whether any variable libcurl takes a proxy from is set. When none is,
+// libcurl is told there is no proxy, so that it does not read the
+// environment again for every transfer.
+bool anyProxyInEnvironment() {
+  for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
+    const char* value = std::getenv(name);
+    if (value != nullptr && *value != '\0') return true;
+  }
+  return false;
+}
+
 // An http URL split into what libcurl connects to ("http://host:port") and
 // the request target ("/path?query"), when libcurl would put the target on
 // the request line byte for byte as it is: printable ASCII, no fragment, no
@@ -84,6 +95,7 @@ class CurlTransport final : public DeliveryTransport {
       : cancelled_(cancelled), options_(options) {
     ensureCurlGlobalInit();
     targetsAsIs_ = !proxyInEnvironment();
+    noProxy_ = !anyProxyInEnvironment();
     const size_t transfers = std::max<size_t>(1, options.transfers);
     multi_ = curl_multi_init();
     if (multi_ == nullptr) return;
@@ -214,6 +226,10 @@ class CurlTransport final : public DeliveryTransport {
     curl_easy_setopt(handle, CURLOPT_REDIR_PROTOCOLS_STR, "http,https");
     curl_easy_setopt(handle, CURLOPT_HTTP_VERSION, static_cast<long>(CURL_HTTP_VERSION_2TLS));
     curl_easy_setopt(handle, CURLOPT_TCP_KEEPALIVE, 1L);
+    if (noProxy_) {
+      curl_easy_setopt(handle, CURLOPT_PROXY, "");
+      curl_easy_setopt(handle, CURLOPT_NOPROXY, "");
+    }
     curl_easy_setopt(handle, CURLOPT_WRITEFUNCTION, discardBody);
     curl_easy_setopt(handle, CURLOPT_HEADERFUNCTION, readHeader);
     curl_easy_setopt(handle, CURLOPT_HEADERDATA, &slot);
@@ -333,6 +349,7 @@ class CurlTransport final : public DeliveryTransport {
   const std::atomic<bool>& cancelled_;
   const TransportOptions options_;
   bool targetsAsIs_ = true;
+  bool noProxy_ = false;  // no proxy variable was set when the transport was made
   CURLM* multi_ = nullptr;
   // Stable addresses: the handles' callbacks point at them.
   std::vector<std::unique_ptr<Slot>> slots_;

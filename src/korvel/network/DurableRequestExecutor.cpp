@@ -206,9 +206,15 @@ void DurableRequestExecutor::executeRequest(KVNNetworkRequest request) noexcept 
   bool nudgeWriter;
   {
     MutexLock lock(handoffMutex_);
-    // However many arrive before a worker or the writer looks, no more than
-    // a few wait whole.
-    if (durable && handoffs_.size() >= kKeptWhole) dropped = std::move(whole);
+    // However many arrive before a worker or the writer looks, no more
+    // than kKeptWholeBytes of them wait whole.
+    if (durable && whole) {
+      if (handoffKeptBytes_ + bytes > kKeptWholeBytes) {
+        dropped = std::move(whole);
+      } else {
+        handoffKeptBytes_ += bytes;
+      }
+    }
     // Only the first request handed over wakes a worker: the worker takes
     // the whole list, and wakes more workers when there is more to send.
     wake = handoffs_.empty() && wakeableWorkers_ > 0;
@@ -347,13 +353,13 @@ void DurableRequestExecutor::adoptHandoffs() {
     if (handoffs_.empty()) return;
     adopting_.swap(handoffs_);
     adoptingWhole_.swap(handoffsWhole_);
+    handoffKeptBytes_ = 0;
   }
   // A stored request that has to wait is read back when its turn comes;
-  // while few are ready it stays whole and goes out without a read.
-  const bool keepWhole = hostsBackingOff_ == 0 && !paused_ &&
-                         ready_[0].size() + ready_[1].size() + ready_[2].size() +
-                                 adopting_.size() <=
-                             kKeptWhole;
+  // while the ready ones come to few bytes it stays whole and goes out
+  // without a read: the first of a burst, up to kKeptWholeBytes.
+  const bool mayKeep = hostsBackingOff_ == 0 && !paused_;
+  size_t keptBytes = readyFrameBytes();
   auto whole = adoptingWhole_.begin();
   for (Handoff& handoff : adopting_) {
     std::shared_ptr<const KVNNetworkRequest> request;
@@ -365,7 +371,11 @@ void DurableRequestExecutor::adoptHandoffs() {
     }
     if (handoff.entry.durable) {
       ++appendsSinceLog_;
-      if (!keepWhole) request.reset();
+      if (request && mayKeep && keptBytes + handoff.entry.bytes <= kKeptWholeBytes) {
+        keptBytes += handoff.entry.bytes;
+      } else {
+        request.reset();
+      }
     }
     enqueue(handoff.id, handoff.entry, std::move(request));
   }
@@ -375,9 +385,14 @@ void DurableRequestExecutor::adoptHandoffs() {
   refreshKeepWhole();
 }
 
+size_t DurableRequestExecutor::readyFrameBytes() const {
+  const size_t ready = ready_[0].size() + ready_[1].size() + ready_[2].size();
+  if (ready == 0 || entries_.empty()) return 0;
+  return static_cast<size_t>(storedBytes_ / entries_.size()) * ready;
+}
+
 void DurableRequestExecutor::refreshKeepWhole() {
-  keepWhole_.store(hostsBackingOff_ == 0 && !paused_ &&
-                       ready_[0].size() + ready_[1].size() + ready_[2].size() < kKeptWhole,
+  keepWhole_.store(hostsBackingOff_ == 0 && !paused_ && readyFrameBytes() < kKeptWholeBytes,
                    std::memory_order_relaxed);
 }
 

@@ -15,7 +15,9 @@
 // journal and restored (KVNReloadRequest, which announces no creation
 // again) when its turn to be sent comes, so memory stays flat with
 // the backlog. Held whole are only requests without a restoration payload
-// and, while few are ready and nothing backs off, the ones about to go out.
+// and, while nothing backs off, the ones about to go out, as long as the
+// ready ones' stored frames come to no more than 128 KiB (the first of a
+// burst).
 //
 // Senders (one thread whose libcurl transport keeps up to
 // Options::concurrency requests on the wire through keep-alive
@@ -356,6 +358,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // Tells report calls whether a stored request may wait whole (see
   // keepWhole_); called wherever its inputs change.
   void refreshKeepWhole() KORVEL_REQUIRES(mutex_);
+  // The frame bytes the ready requests come to, as far as the queue's
+  // average frame tells.
+  size_t readyFrameBytes() const KORVEL_REQUIRES(mutex_);
   // Registers the calling worker as asleep, so that the next report wakes
   // it (wakeable: not while paused or while a host backs off); false when
   // requests were handed over meanwhile (no sleep then).
@@ -467,6 +472,9 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
   // The other side of handoffs_, swapped with it.
   std::deque<Handoff> adopting_ KORVEL_GUARDED_BY(mutex_);
   std::vector<KeptWhole> adoptingWhole_ KORVEL_GUARDED_BY(mutex_);
+  // Frame bytes of the stored requests in handoffs_ that were kept whole;
+  // report calls keep no more than kKeptWholeBytes there.
+  size_t handoffKeptBytes_ KORVEL_GUARDED_BY(handoffMutex_) = 0;
   // Whether a report call keeps a stored request whole (few are ready, not
   // paused, no host backing off) or leaves it to be read back: a hint read
   // without a lock, written under mutex_. A stale hint costs memory for a
