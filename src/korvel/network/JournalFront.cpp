@@ -344,6 +344,7 @@ JournalFront::Drained JournalFront::drain() {
   MutexLock lock(mutex_);
   out.appended.swap(appended_);
   out.closed.swap(closed_);
+  appended_.reserve(out.appended.size());
   return out;
 }
 

@@ -117,7 +117,6 @@
 #include <atomic>
 #include <chrono>
 #include <cstdint>
-#include <deque>
 #include <filesystem>
 #include <functional>
 #include <map>
@@ -461,16 +460,13 @@ class DurableRequestExecutor final : public KVNNetworkBackgroundRequestExecutor 
 
   // Taken after mutex_ when both are held.
   foundation::internal::Mutex handoffMutex_ KORVEL_ACQUIRED_AFTER(mutex_);
-  // In blocks of a few: when nobody takes them for a while (the writer in a
-  // long sync, the senders busy) the list grows a block at a time, never
-  // copied to a larger one on a report call nor held twice.
-  std::deque<Handoff> handoffs_ KORVEL_GUARDED_BY(handoffMutex_);
+  std::vector<Handoff> handoffs_ KORVEL_GUARDED_BY(handoffMutex_);
   std::vector<KeptWhole> handoffsWhole_ KORVEL_GUARDED_BY(handoffMutex_);
   // Workers asleep that a report should wake (not while paused or backing
   // off); each sleeps on workAvailable_ with mutex_.
   size_t wakeableWorkers_ KORVEL_GUARDED_BY(handoffMutex_) = 0;
-  // The other side of handoffs_, swapped with it.
-  std::deque<Handoff> adopting_ KORVEL_GUARDED_BY(mutex_);
+  // The other side of handoffs_, swapped with it (keeps both capacities).
+  std::vector<Handoff> adopting_ KORVEL_GUARDED_BY(mutex_);
   std::vector<KeptWhole> adoptingWhole_ KORVEL_GUARDED_BY(mutex_);
   // Frame bytes of the stored requests in handoffs_ that were kept whole;
   // report calls keep no more than kKeptWholeBytes there.

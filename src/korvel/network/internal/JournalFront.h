@@ -37,7 +37,6 @@
 
 #include <atomic>
 #include <cstdint>
-#include <deque>
 #include <optional>
 #include <string>
 #include <string_view>
@@ -62,10 +61,9 @@ class JournalFront {
 
   // What callers appended since the last drain, and which segments were
   // finished. Every append to a finished segment is in the same drain or an
-  // earlier one. In blocks: a report call that appends never copies the
-  // list to a larger one, and a long burst never has it twice in memory.
+  // earlier one.
   struct Drained {
-    std::deque<Appended> appended;  // in file order per segment
+    std::vector<Appended> appended;  // in file order per segment
     std::vector<uint32_t> closed;
   };
 
@@ -272,7 +270,7 @@ class JournalFront {
   std::vector<Segment> spares_ KORVEL_GUARDED_BY(mutex_);
   // Closed, not yet finished by syncActive().
   std::vector<Segment> closing_ KORVEL_GUARDED_BY(mutex_);
-  std::deque<Appended> appended_ KORVEL_GUARDED_BY(mutex_);
+  std::vector<Appended> appended_ KORVEL_GUARDED_BY(mutex_);
   std::vector<uint32_t> closed_ KORVEL_GUARDED_BY(mutex_);
   // No segment could be made: appends fail at once until the writer makes
   // one (syncActive), with one log line for the spell and a count after it.
