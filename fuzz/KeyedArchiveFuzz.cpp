@@ -1,7 +1,9 @@
 // The keyed-archive decoder and the beacon restorer on arbitrary payloads,
 // as a stored request is read back. The decoder is also held against a
 // JSON document of the same bytes: whatever it opens is a map with the same
-// keys, and its texts and booleans are the document's.
+// keys, and its texts and booleans are the document's. A beacon read back
+// to be sent has its URL written straight from the archive where it can
+// be: that URL must be the one the fully restored record gives.
 #include <cstddef>
 #include <cstdint>
 #include <cstdlib>
@@ -10,12 +12,22 @@
 #include <nlohmann/json.hpp>
 
 #include <korvel/beacon/KVRBeacon.h>
+#include <korvel/foundation/KVNConfiguration.h>
 #include <korvel/foundation/KVNRequestReload.h>
 #include <korvel/foundation/KeyedArchive.h>
+#include <korvel/platform/Env.h>
 
 namespace {
 
 using Json = nlohmann::ordered_json;
+
+// A clock that stands still: an archive without its creation time takes
+// the time of its decoding, and both decodings must see the same.
+class StillClock final : public korvel::platform::EnvWrapper {
+ public:
+  StillClock() : EnvWrapper(korvel::platform::Env::Default()) {}
+  double now() override { return 1'700'000'000.5; }
+};
 
 void compareWithDocument(const korvel::KeyedUnarchiver& coder, const uint8_t* data,
                          size_t size) {
@@ -40,8 +52,16 @@ void compareWithDocument(const korvel::KeyedUnarchiver& coder, const uint8_t* da
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+  static StillClock clock;
+  static korvel::platform::ScopedEnv scope(clock);
   static const bool registered = [] {
     korvel::KVRBeacon::registerRequestRestorer();
+    korvel::KVNConfiguration::sharedInstance().update([](korvel::KVNConfiguration::Snapshot& s) {
+      s.inid = "FUZZ-INID";
+      s.configured = true;
+      s.deviceModel = "Fuzz1,1";
+      s.beacons.beaconEndpoint = "http://127.0.0.1:9/b/{inid}/{appversion}/{devicemodel}?k=v";
+    });
     return true;
   }();
   (void)registered;
@@ -51,8 +71,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     (void)coder->decodeDictionary("parameters");
     compareWithDocument(*coder, data, size);
   }
-  if (auto request = korvel::KVNReloadRequest(korvel::KVRBeacon::kRestorationKind, payload)) {
-    (void)request->buildEndpoint();
+  const auto readBack = korvel::KVNReloadRequest(korvel::KVRBeacon::kRestorationKind, payload);
+  const auto endpoint = readBack ? readBack->buildEndpoint() : std::nullopt;
+  if (endpoint) {
+    const auto restored =
+        korvel::KVNRequestRestorers::restore(korvel::KVRBeacon::kRestorationKind, payload);
+    const auto full = restored ? restored->buildEndpoint() : std::nullopt;
+    if (!full || full->urlString() != endpoint->urlString()) std::abort();
   }
   return 0;
 }
