@@ -6,13 +6,13 @@
 #include <atomic>
 #include <chrono>
 #include <condition_variable>
-#include <latch>
 #include <mutex>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include <korvel/foundation/KVNConfiguration.h>
+#include "support/Latch.h"
 
 namespace korvel {
 namespace {
@@ -76,7 +76,7 @@ TEST_F(InProcessRequestExecutorTest, KeepsItsIdentifier) {
 }
 
 TEST_F(InProcessRequestExecutorTest, SendsHigherPrioritiesFirstAndEqualOnesInOrder) {
-  std::latch gate{1};
+  testing::Latch gate{1};
   TransportLog log;
   InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint& e) {
     if (e.urlString() == "blocker") gate.wait();
@@ -166,7 +166,7 @@ TEST_F(InProcessRequestExecutorTest, RetriesUpToCountPlusOneAttempts) {
 }
 
 TEST_F(InProcessRequestExecutorTest, FlushHonoursItsDeadline) {
-  std::latch gate{1};
+  testing::Latch gate{1};
   InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint&) {
     gate.wait();
     return true;
@@ -181,7 +181,7 @@ TEST_F(InProcessRequestExecutorTest, FlushHonoursItsDeadline) {
 }
 
 TEST_F(InProcessRequestExecutorTest, BuildsTheEndpointOnTheWorkerWhenSending) {
-  std::latch gate{1};
+  testing::Latch gate{1};
   TransportLog log;
   InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint& e) {
     if (e.urlString() == "blocker") gate.wait();

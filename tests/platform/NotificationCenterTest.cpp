@@ -6,10 +6,10 @@
 #include <atomic>
 #include <chrono>
 #include <future>
-#include <latch>
 #include <string>
 #include <thread>
 #include <vector>
+#include "support/Latch.h"
 
 namespace korvel::platform {
 namespace {
@@ -167,8 +167,8 @@ TEST(NotificationCenterTest, ObserverAddedInsideACallbackHearsOnlyLaterPosts) {
 
 TEST(NotificationCenterTest, RemovalFromAnotherThreadWaitsForARunningCallback) {
   NotificationCenter center;
-  std::latch entered{1};
-  std::latch release{1};
+  testing::Latch entered{1};
+  testing::Latch release{1};
   std::atomic<int> step{0};
   std::atomic<int> callbackFinishedAt{0};
   std::atomic<int> removalReturnedAt{0};
