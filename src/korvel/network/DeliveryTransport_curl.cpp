@@ -10,6 +10,7 @@
 #include <cmath>
 #include <cstdlib>
 #include <ctime>
+#include <initializer_list>
 #include <mutex>
 #include <optional>
 #include <utility>
@@ -36,25 +37,24 @@ std::string_view trim(std::string_view s) {
 // again this often (new reports), and cancellation is seen this soon.
 constexpr int kPollMillis = 100;
 
-// Whether libcurl would send this request through a proxy it finds in the
-// environment; then the full URL goes on the request line.
-bool proxyInEnvironment() {
-  for (const char* name : {"http_proxy", "all_proxy", "ALL_PROXY"}) {
+// Whether any of these proxy variables is set (and not empty).
+bool anySet(std::initializer_list<const char*> names) {
+  for (const char* name : names) {
     const char* value = std::getenv(name);
     if (value != nullptr && *value != '\0') return true;
   }
   return false;
 }
 
+// Whether libcurl would send an http request through a proxy it finds in
+// the environment; then the full URL goes on the request line.
+bool proxyInEnvironment() { return anySet({"http_proxy", "all_proxy", "ALL_PROXY"}); }
+
 // Whether any variable libcurl takes a proxy from is set. When none is,
 // libcurl is told there is no proxy, so that it does not read the
 // environment again for every transfer.
 bool anyProxyInEnvironment() {
-  for (const char* name : {"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"}) {
-    const char* value = std::getenv(name);
-    if (value != nullptr && *value != '\0') return true;
-  }
-  return false;
+  return anySet({"http_proxy", "https_proxy", "HTTPS_PROXY", "all_proxy", "ALL_PROXY"});
 }
 
 // An http URL split into what libcurl connects to ("http://host:port") and
