@@ -33,6 +33,13 @@ std::uint64_t fromLittleEndian(const unsigned char* bytes) {
   return bits;
 }
 
+// A CBOR head's argument or float bits: width bytes, most significant first.
+std::uint64_t fromBigEndian(const unsigned char* bytes, size_t width) {
+  std::uint64_t bits = 0;
+  for (size_t i = 0; i < width; ++i) bits = (bits << 8) | bytes[i];
+  return bits;
+}
+
 // The value a byte string with this tag stands for; nothing for an unknown
 // tag or a wrong length.
 std::optional<KVRValue> fromTagged(std::uint64_t subtype, const unsigned char* bytes, size_t size) {
@@ -245,8 +252,7 @@ class DirectReader {
     }
     if (info > 27) return false;
     const size_t width = size_t{1} << (info - 24);
-    argument = 0;
-    for (size_t i = 0; i < width; ++i) argument = (argument << 8) | at_[i];
+    argument = fromBigEndian(at_, width);
     at_ += width;
     return true;
   }
@@ -258,16 +264,14 @@ class DirectReader {
       case 21: return builder_.boolean(true);
       case 22: return builder_.null();
       case 26: {
-        std::uint32_t bits = 0;
-        for (size_t i = 0; i < 4; ++i) bits = (bits << 8) | at_[i];
+        const auto bits = static_cast<std::uint32_t>(fromBigEndian(at_, 4));
         at_ += 4;
         float value = 0;
         std::memcpy(&value, &bits, sizeof value);
         return builder_.number_float(static_cast<double>(value), kNoText);
       }
       case 27: {
-        std::uint64_t bits = 0;
-        for (size_t i = 0; i < 8; ++i) bits = (bits << 8) | at_[i];
+        const std::uint64_t bits = fromBigEndian(at_, 8);
         at_ += 8;
         double value = 0;
         std::memcpy(&value, &bits, sizeof value);
@@ -326,8 +330,7 @@ bool isWellFormedCBOR(const unsigned char* data, size_t size) {
     if (info >= 24 && info <= 27) {
       const size_t width = size_t{1} << (info - 24);
       if (size - pos < width) return false;
-      argument = 0;
-      for (size_t i = 0; i < width; ++i) argument = (argument << 8) | data[pos + i];
+      argument = fromBigEndian(data + pos, width);
       pos += width;
     } else if (info == 31) {
       if (major < 2 || major > 5) return false;
@@ -574,10 +577,8 @@ std::uint64_t readHead(std::string_view data, size_t& pos) {
   const unsigned info = static_cast<unsigned char>(data[pos++]) & 0x1F;
   if (info < 24) return info;
   const size_t width = size_t{1} << (info - 24);
-  std::uint64_t argument = 0;
-  for (size_t i = 0; i < width; ++i) {
-    argument = (argument << 8) | static_cast<unsigned char>(data[pos + i]);
-  }
+  const std::uint64_t argument =
+      fromBigEndian(reinterpret_cast<const unsigned char*>(data.data()) + pos, width);
   pos += width;
   return argument;
 }
