@@ -40,6 +40,21 @@ std::string frameOf(uint64_t id, size_t payloadBytes = 100) {
   return encodeFrame(r);
 }
 
+// Appends frames of payloadBytes (ids of the front's epoch from next on)
+// until the active segment is closed; the one that was.
+uint32_t fillActive(JournalFront& front, uint32_t& next, size_t payloadBytes) {
+  const uint64_t epoch = uint64_t{front.epoch()} << 32;
+  const uint32_t filling = front.activeSegment();
+  while (front.activeSegment() == filling) {
+    const uint64_t id = epoch | next++;
+    if (!front.append(frameOf(id, payloadBytes), id)) {
+      ADD_FAILURE() << "append " << next;
+      break;
+    }
+  }
+  return filling;
+}
+
 std::string readText(const fs::path& path) {
   std::ifstream in(path, std::ios::binary);
   return std::string(std::istreambuf_iterator<char>(in), {});
@@ -426,25 +441,12 @@ TEST_F(JournalFaultTest, SegmentsClosedWhileTheWriterSyncsAreUnmappedBeforeItFin
   FaultInjectingFileSystem files;
   JournalFront front(options(16u << 10, &files));
   ASSERT_TRUE(front.open());
-  const uint64_t epoch = uint64_t{front.epoch()} << 32;
   uint32_t next = 0;
-  // Appends until the active segment is closed; the one that was.
-  const auto fillActive = [&] {
-    const uint32_t filling = front.activeSegment();
-    while (front.activeSegment() == filling) {
-      const uint64_t id = epoch | next++;
-      if (!front.append(frameOf(id, 1000), id)) {
-        ADD_FAILURE() << "append " << next;
-        break;
-      }
-    }
-    return filling;
-  };
-  const uint32_t first = fillActive();
+  const uint32_t first = fillActive(front, next, 1000);
   std::vector<uint32_t> closedMeanwhile;
   files.beforeSyncOf(journal::segmentName(first), [&] {
-    closedMeanwhile.push_back(fillActive());
-    closedMeanwhile.push_back(fillActive());
+    closedMeanwhile.push_back(fillActive(front, next, 1000));
+    closedMeanwhile.push_back(fillActive(front, next, 1000));
   });
   files.startRecording();
   front.syncActive();
@@ -515,23 +517,12 @@ TEST_F(JournalFaultTest, TheWriterPrefaultsTheSpareThatAppendsGoToNext) {
   if (files.prefault(nullptr, 0) != 0) GTEST_SKIP() << "the system cannot prefault a mapping";
   JournalFront front(options(1u << 20, &files));
   ASSERT_TRUE(front.open());
-  const uint64_t epoch = uint64_t{front.epoch()} << 32;
   uint32_t next = 0;
-  const auto fillActive = [&] {
-    const uint32_t filling = front.activeSegment();
-    while (front.activeSegment() == filling) {
-      const uint64_t id = epoch | next++;
-      if (!front.append(frameOf(id, 2000), id)) {
-        ADD_FAILURE() << "append " << next;
-        break;
-      }
-    }
-  };
   front.syncActive();
   std::vector<std::string> prefaulted;  // by each sync after a switch
   std::vector<uint32_t> movedTo;        // the segment each switch went to
   for (int round = 0; round < 5; ++round) {
-    fillActive();
+    fillActive(front, next, 2000);
     movedTo.push_back(front.activeSegment());
     files.startRecording();
     front.syncActive();
