@@ -144,6 +144,8 @@ class BatchTransport : public DeliveryTransport {
 // URLs built so far by the requests below (each one read back, held or sent).
 std::atomic<size_t> urlsBuilt{0};
 
+// A request named "slow/<name>" (read back too) takes 3 ms to build its URL,
+// http://fake/<name>, as on a slow machine.
 KVNNetworkRequest makeRequest(const std::string& name, int priority = 1, int policy = 0,
                               int retries = 3, bool durable = true) {
   KVNNetworkRequest r;
@@ -152,7 +154,10 @@ KVNNetworkRequest makeRequest(const std::string& name, int priority = 1, int pol
   r.setBackgroundSessionRetryCount(retries);
   r.setEndpointBuilderBlock([name] {
     ++urlsBuilt;
-    return KVNEndpoint("http://fake/" + name);
+    constexpr std::string_view kSlow = "slow/";
+    if (!name.starts_with(kSlow)) return KVNEndpoint("http://fake/" + name);
+    std::this_thread::sleep_for(std::chrono::milliseconds(3));
+    return KVNEndpoint("http://fake/" + name.substr(kSlow.size()));
   });
   if (durable) r.setRestorationPayload(kKind, [name](std::string& out) { out += name; });
   return r;
@@ -548,21 +553,32 @@ TEST_F(DurableRequestExecutorTest, OnlyTheProbeGoesUntilTheHostAnswersThenAllGoA
   auto o = options();
   o.startPaused = true;
   o.concurrency = 4;
-  o.retryBaseDelay = 20ms;
-  o.maxRetryDelay = 40ms;
+  // A probe is due a millisecond or two after each failure, and the backlog
+  // builds its URLs slowly (as on a slow machine): a probe falls due while
+  // a sender builds one that has not learnt its host backs off.
+  o.retryBaseDelay = 1ms;
+  o.maxRetryDelay = 2ms;
   auto executor = start(o);
-  for (int i = 0; i < 200; ++i) executor->executeRequest(makeRequest(std::to_string(1000 + i)));
-  // Four workers start four requests at once; every answer until the host is
-  // back is a refused connection or a 503.
-  server_.script({FakeServer::offline(), FakeServer::offline(), FakeServer::offline(),
-                  FakeServer::offline(), FakeServer::status(503), FakeServer::offline()});
+  for (int i = 0; i < 200; ++i) {
+    executor->executeRequest(makeRequest((i < 4 ? "" : "slow/") + std::to_string(1000 + i)));
+  }
+  // Every answer until the host is back is a refused connection or a 503.
+  std::vector<DeliveryResponse> failures(4, FakeServer::offline());
+  failures.push_back(FakeServer::status(503));
+  failures.resize(30, FakeServer::offline());
+  server_.script(failures);
   executor->setPaused(false);
   ASSERT_TRUE(executor->flush(10s));
   const auto urls = server_.urls();
-  EXPECT_EQ(urls.size(), 206u) << "one attempt per request and per failed probe";
-  // The four taken at once failed together; from then on one probe at a
-  // time, the first waiting request, until the host answered.
-  for (size_t i = 4; i < 6; ++i) EXPECT_EQ(urls[i], "http://fake/1000") << i;
+  ASSERT_EQ(urls.size(), 200u + failures.size()) << "one attempt per request and per failed probe";
+  // Only the four taken at once went out before the host answered: they
+  // failed and waited, and from then on one of them at a time was the probe.
+  // None of the backlog went out early as a probe of its own.
+  for (size_t i = 0; i < failures.size(); ++i) {
+    EXPECT_THAT(urls[i], ::testing::AnyOf("http://fake/1000", "http://fake/1001", "http://fake/1002",
+                                        "http://fake/1003"))
+        << "attempt " << i << " went out while its host backed off";
+  }
   EXPECT_EQ(executor->stats().delivered, 200u);
   EXPECT_EQ(executor->stats().hostsBackingOff, 0u);
   EXPECT_TRUE(logged("http://fake answers again"));

@@ -406,9 +406,11 @@ bool DurableRequestExecutor::nextFlight(Flight& flight, double jitter, size_t se
       probeHost = -1;
     }
     if (h.steps > 0 && probeHost != host) {
-      if (h.probing || Clock::now() < h.notBefore) {
-        // The host backs off: no connection; it waits with the others
-        // (unless it was purged meanwhile).
+      // The host backs off: no connection; it waits with the others
+      // (unless it was purged meanwhile). When the probe fell due while
+      // this URL was built, the first of those waiting goes as the probe,
+      // not this one that only now learnt its host.
+      if (h.probing || Clock::now() < h.notBefore || !h.held.empty()) {
         --inFlight_;
         auto it = entries_.find(id);
         if (it->second.cancelled) {
