@@ -907,7 +907,8 @@ TEST_F(DurableRequestExecutorTest, RepeatedLogLinesAreCollapsedWithACount) {
 // MARK: - Waiting requests are read back from the store
 
 TEST_F(DurableRequestExecutorTest, StoredRequestsAreReadBackWhenSentAndOthersKeptWhole) {
-  static std::atomic<int> restored{0};
+  static std::atomic<int> restored;
+  restored = 0;  // again when the test is repeated
   KVNRequestRestorers::registerRestorer("test.counted", [](std::string_view payload) {
     ++restored;
     return std::optional<KVNNetworkRequest>(makeRequest(std::string(payload)));
@@ -932,7 +933,8 @@ TEST_F(DurableRequestExecutorTest, StoredRequestsAreReadBackWhenSentAndOthersKep
 // from memory, as many as their stored frames come to kKeptWholeBytes, and
 // the rest are read back from the store, in order all the same.
 TEST_F(DurableRequestExecutorTest, TheFirstOfABurstGoOutFromMemoryUpToTheirBytes) {
-  static std::atomic<size_t> restored{0};
+  static std::atomic<size_t> restored;
+  restored = 0;
   KVNRequestRestorers::registerRestorer("test.keptBytes", [](std::string_view payload) {
     ++restored;
     return std::optional<KVNNetworkRequest>(makeRequest(std::string(payload)));
