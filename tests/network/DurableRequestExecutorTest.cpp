@@ -115,30 +115,32 @@ class FakeTransport : public DeliveryTransport {
 };
 
 // Carries up to `width` requests at once: takes that many from the feed,
-// then answers them.
-class BatchTransport : public DeliveryTransport {
+// then answers them, and keeps the widest batch in widest. Its hook runs
+// once, when a send() that sent something found nothing more.
+class BatchTransport : public FakeTransport {
  public:
   BatchTransport(FakeServer& server, const std::atomic<bool>& cancelled, size_t width,
-                 std::atomic<size_t>& widest)
-      : server_(server), cancelled_(cancelled), width_(width), widest_(widest) {}
-  DeliveryResponse get(const std::string& url) override { return server_.handle(url, cancelled_); }
+                 std::atomic<size_t>& widest, std::function<void()> hook = {})
+      : FakeTransport(server, cancelled), width_(width), widest_(widest), hook_(std::move(hook)) {}
   size_t parallelism() const override { return width_; }
   void send(DeliveryFeed& feed) override {
+    bool sent = false;
     for (;;) {
       std::vector<DeliveryJob> batch;
       DeliveryJob job;
       while (batch.size() < width_ && feed.next(job)) batch.push_back(job);
-      if (batch.empty()) return;
+      if (batch.empty()) break;
+      sent = true;
       if (batch.size() > widest_) widest_ = batch.size();
-      for (const DeliveryJob& sent : batch) feed.done(sent.tag, get(*sent.url));
+      for (const DeliveryJob& each : batch) feed.done(each.tag, get(*each.url));
     }
+    if (sent && hook_) std::exchange(hook_, nullptr)();
   }
 
  private:
-  FakeServer& server_;
-  const std::atomic<bool>& cancelled_;
   size_t width_;
   std::atomic<size_t>& widest_;
+  std::function<void()> hook_;
 };
 
 // URLs built so far by the requests below (each one read back, held or sent).
@@ -682,38 +684,16 @@ TEST_F(DurableRequestExecutorTest, ATransportThatCarriesSeveralSendsABacklogOnOn
 // queued by another thread before the sender sleeps (the writer's sync,
 // or a figures call, takes the hand-offs): the sender must not sleep on it.
 TEST_F(DurableRequestExecutorTest, AReportQueuedAsTheSenderFinishesIsSentWithoutAnotherReport) {
-  // Carries `width` (one at a time, as far as the test cares), and runs its
-  // hook once, when a send() that sent something found nothing more.
-  class LastLookTransport final : public FakeTransport {
-   public:
-    LastLookTransport(FakeServer& server, const std::atomic<bool>& cancelled, size_t width,
-                      std::function<void()> hook)
-        : FakeTransport(server, cancelled), width_(width), hook_(std::move(hook)) {}
-    DeliveryResponse get(const std::string& url) override {
-      ++sent_;
-      return FakeTransport::get(url);
-    }
-    size_t parallelism() const override { return width_; }
-    void send(DeliveryFeed& feed) override {
-      const size_t before = sent_;
-      FakeTransport::send(feed);
-      if (sent_ > before && hook_) std::exchange(hook_, nullptr)();
-    }
-
-   private:
-    size_t width_;
-    std::function<void()> hook_;
-    size_t sent_ = 0;
-  };
   // One sender either way: one that carries one with a concurrency of one,
   // and one that carries the whole concurrency.
   for (const size_t width : {1u, 4u}) {
     SCOPED_TRACE(width);
     server_.reset();
     auto o = options({.concurrency = static_cast<int>(width), .folder = std::to_string(width)});
-    std::function<void()> hook;
+    std::function<void()> hook;  // the transport's, run as the sender finishes
+    std::atomic<size_t> widest{0};
     o.transport = [&](const std::atomic<bool>& cancelled) {
-      return std::make_unique<LastLookTransport>(server_, cancelled, width, hook);
+      return std::make_unique<BatchTransport>(server_, cancelled, width, widest, hook);
     };
     std::unique_ptr<DurableRequestExecutor> executor;
     hook = [&] {
