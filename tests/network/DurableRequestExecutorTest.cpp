@@ -36,11 +36,8 @@ class FakeServer {
     std::lock_guard lock(mutex_);
     script_.assign(responses.begin(), responses.end());
   }
-  void holdUntilCancelled(bool hold) {
-    std::lock_guard lock(mutex_);
-    hold_ = hold;
-  }
-  // Holds every request until release(), which answers the held ones.
+  // Holds every request until release(), which answers the held ones; one
+  // cancelled while held is abandoned (no connection).
   void closeGate() {
     std::lock_guard lock(mutex_);
     gated_ = true;
@@ -56,7 +53,6 @@ class FakeServer {
     script_.clear();
     urls_.clear();
     gated_ = false;
-    hold_ = false;
   }
   std::vector<std::string> urls() const {
     std::lock_guard lock(mutex_);
@@ -71,11 +67,8 @@ class FakeServer {
     std::unique_lock lock(mutex_);
     urls_.push_back(url);
     changed_.notify_all();
-    if (hold_) {
-      while (!cancelled) changed_.wait_for(lock, 5ms);
-      return DeliveryResponse{};  // abandoned: no connection
-    }
     while (gated_ && !cancelled) changed_.wait_for(lock, 5ms);
+    if (gated_) return DeliveryResponse{};
     if (script_.empty()) return status(204);
     DeliveryResponse r = script_.front();
     script_.pop_front();
@@ -99,7 +92,6 @@ class FakeServer {
   std::condition_variable changed_;
   std::deque<DeliveryResponse> script_;
   std::vector<std::string> urls_;
-  bool hold_ = false;
   bool gated_ = false;
 };
 
@@ -413,7 +405,7 @@ TEST_F(DurableRequestExecutorTest, ARequestWhosePayloadCannotBeEncodedIsKeptInMe
 // A transfer that does not end: flush gives up at its deadline, and
 // shutdown abandons it.
 TEST_F(DurableRequestExecutorTest, ShutdownAbandonsATransferInProgressAndKeepsTheRequest) {
-  server_.holdUntilCancelled(true);
+  server_.closeGate();
   {
     auto executor = start();
     executor->executeRequest(makeRequest("slow"));
@@ -425,7 +417,7 @@ TEST_F(DurableRequestExecutorTest, ShutdownAbandonsATransferInProgressAndKeepsTh
     executor.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
   }
-  server_.holdUntilCancelled(false);
+  server_.release(FakeServer::status(204));
   auto executor = start();
   ASSERT_TRUE(executor->flush(5s));
   EXPECT_THAT(server_.urls(), ElementsAre("http://fake/slow", "http://fake/slow"));
