@@ -377,28 +377,42 @@ TEST_F(DurableRequestExecutorTest, ARestartSendsWhatWasNotDeliveredAndOnlyThat) 
   EXPECT_TRUE(logged("1 stored requests could not be restored"));
 }
 
-TEST_F(DurableRequestExecutorTest, ARequestWhosePayloadCannotBeEncodedIsKeptInMemoryAndSent) {
+// A request that cannot be stored, as its payload cannot be encoded or no
+// folder can be used, is kept in memory and sent all the same.
+TEST_F(DurableRequestExecutorTest, ARequestThatCannotBeStoredIsKeptInMemoryAndSent) {
+  const fs::path file = dir_ / "not-a-directory";
+  std::ofstream(file) << "x";
   struct Case {
     const char* name;
-    KVNNetworkRequest::PayloadEncoder encoder;
+    KVNNetworkRequest::PayloadEncoder encoder;  // empty: the store's folder is a file
+    const char* log;  // nullptr: none asked for
   };
   const Case cases[] = {
-      {"throws", [](std::string&) { throw std::runtime_error("cannot encode"); }},
-      {"cuts", [](std::string& out) { out.clear(); }},  // must only append
+      {"throws", [](std::string&) { throw std::runtime_error("cannot encode"); }, nullptr},
+      {"cuts", [](std::string& out) { out.clear(); }, nullptr},  // must only append
+      {"no-folder", {}, "kept in memory only"},
   };
   for (const Case& c : cases) {
-    auto executor = start(options({.paused = true}));
+    SCOPED_TRACE(c.name);
+    server_.reset();
+    env_.logs().clear();
+    auto o = options({.paused = true});
+    if (!c.encoder) o.directory = file;
+    auto executor = start(o);
     KVNNetworkRequest r = makeRequest(c.name);
-    r.setRestorationPayload(kKind, c.encoder);
+    if (c.encoder) r.setRestorationPayload(kKind, c.encoder);
     executor->executeRequest(r);
-    auto stored = executor->syncStore(5s);
-    ASSERT_TRUE(stored) << c.name;
-    EXPECT_EQ(stored->storedRequests, 0u) << c.name;
-    EXPECT_FALSE(executor->stats().durable) << c.name;
+    // Without a folder there is no store to sync.
+    const auto stored = executor->syncStore(5s);
+    ASSERT_EQ(stored.has_value(), bool(c.encoder));
+    EXPECT_EQ(stored ? stored->storedRequests : 0u, 0u);
+    EXPECT_FALSE(executor->stats().durable);
     executor->setPaused(false);
-    ASSERT_TRUE(executor->flush(5s)) << c.name;
-    EXPECT_THAT(server_.urls(), ::testing::Contains(std::string("http://fake/") + c.name))
-        << c.name;
+    ASSERT_TRUE(executor->flush(5s));
+    EXPECT_THAT(server_.urls(), ElementsAre(std::string("http://fake/") + c.name));
+    if (c.log != nullptr) {
+      EXPECT_TRUE(logged(c.log));
+    }
   }
 }
 
@@ -421,19 +435,6 @@ TEST_F(DurableRequestExecutorTest, ShutdownAbandonsATransferInProgressAndKeepsTh
   auto executor = start();
   ASSERT_TRUE(executor->flush(5s));
   EXPECT_THAT(server_.urls(), ElementsAre("http://fake/slow", "http://fake/slow"));
-}
-
-TEST_F(DurableRequestExecutorTest, WithoutAUsableDirectoryItStillDeliversFromMemory) {
-  const fs::path file = dir_ / "not-a-directory";
-  std::ofstream(file) << "x";
-  auto o = options();
-  o.directory = file;
-  auto executor = start(o);
-  executor->executeRequest(makeRequest("still-sent"));
-  ASSERT_TRUE(executor->flush(5s));
-  EXPECT_FALSE(executor->stats().durable);
-  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/still-sent"));
-  EXPECT_TRUE(logged("kept in memory only"));
 }
 
 TEST_F(DurableRequestExecutorTest, FlushWhilePausedDoesNotWaitForHeldRequests) {
