@@ -139,13 +139,11 @@ class KVNConfigurationManagerTest : public ::testing::Test {
 
 // --- Success --------------------------------------------------------------
 
-TEST_F(KVNConfigurationManagerTest, ASuccessfulFetchAppliesTheConfiguration) {
+TEST_F(KVNConfigurationManagerTest, ASuccessfulFetchFromTheStoredURLElseProductionAppliesTheConfiguration) {
   // An old failure whose cool-down has ended.
   defaults_->setObject(KVRDate{env_.now() - 3600}, "kLastConfigurationErrorDate");
   server_.answer(200, kGoodConfiguration);
-
   EXPECT_TRUE(reconfigure());
-
   const auto c = configuration();
   EXPECT_EQ(c->inid, "SERVER-INID");
   EXPECT_TRUE(c->configured);
@@ -153,13 +151,7 @@ TEST_F(KVNConfigurationManagerTest, ASuccessfulFetchAppliesTheConfiguration) {
   EXPECT_EQ(c->beacons.beaconParameters,
             (KVRParameters{{"exp", "blue"}, {"weight", 3}, {"ratio", 0.5}, {"on", true}}));
   EXPECT_EQ(errorDate(), std::nullopt);  // a success clears the failure
-  ASSERT_EQ(server_.seen().size(), 1u);
-  EXPECT_EQ(server_.seen()[0].target, "/configuration/v1/configure");
-}
 
-TEST_F(KVNConfigurationManagerTest, FetchesTheStoredURLElseProduction) {
-  server_.answer(200, R"({"inid": "X"})");
-  ASSERT_TRUE(reconfigure());
   defaults_->setObject(server_.url("/beta/configure?buckets=a,b"), "configurationURL");
   EXPECT_EQ(KVNConfigurationManager::configurationURL(), server_.url("/beta/configure?buckets=a,b"));
   ASSERT_TRUE(reconfigure());
