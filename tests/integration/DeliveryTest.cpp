@@ -48,6 +48,19 @@ class DeliveryTest : public testing::DurableBeaconTest {
     return base;
   }
 
+  // Beacons reported by a run that could not send them (nothing listened),
+  // left in its store; their uuids. The collector is the endpoint again.
+  std::vector<std::string> leftByARunThatCouldNotSend(int count) {
+    pointAt(deadBase());
+    auto& executor = startExecutor(options());
+    std::vector<std::string> reported;
+    for (int i = 0; i < count; ++i) reported.push_back(report(i));
+    EXPECT_FALSE(executor.flush(300ms)) << "nothing listens: the beacons must wait";
+    stopExecutor();
+    pointAt(collector_.baseURL());
+    return reported;
+  }
+
   std::vector<std::string> receivedUUIDs() const {
     std::vector<std::string> out;
     for (const auto& b : collector_.beacons()) out.push_back(b.value("clientbeaconuuid").value_or(""));
@@ -127,20 +140,12 @@ TEST_F(DeliveryTest, TheURLIsBuiltFromTheConfigurationAtSendTime) {
 }
 
 TEST_F(DeliveryTest, ARestartDeliversWhatAnEarlierRunCouldNot) {
-  pointAt(deadBase());
-  std::vector<std::string> reported;
-  {
-    auto& executor = startExecutor(options());
-    for (int i = 0; i < 5; ++i) reported.push_back(report(i));
-    EXPECT_FALSE(executor.flush(300ms)) << "nothing listens: the beacons must wait";
-    stopExecutor();
-  }
+  const auto reported = leftByARunThatCouldNotSend(5);
   int recreated = 0;
   auto observer = platform::ObserverRegistration(
       env_.notificationCenter(),
       env_.notificationCenter().addObserver(std::string(KVRReliableNetworkingTaskCreatedNotification),
                                             [&](const platform::Notification&) { ++recreated; }));
-  pointAt(collector_.baseURL());
   auto& executor = startExecutor(options());
   ASSERT_TRUE(executor.flush(kDeadline));
   EXPECT_THAT(receivedUUIDs(), UnorderedElementsAreArray(reported));
@@ -152,13 +157,7 @@ TEST_F(DeliveryTest, ARestartDeliversWhatAnEarlierRunCouldNot) {
 }
 
 TEST_F(DeliveryTest, DamagedJournalFilesAreSetAsideAndTheReadablePartSent) {
-  pointAt(deadBase());
-  std::vector<std::string> reported;
-  {
-    startExecutor(options());
-    for (int i = 0; i < 3; ++i) reported.push_back(report(i));
-    stopExecutor();
-  }
+  const auto reported = leftByARunThatCouldNotSend(3);
   fs::path segment;
   for (const auto& e : fs::directory_iterator(dir_)) {
     if (e.path().extension() == ".log") segment = std::max(segment, e.path());
@@ -166,8 +165,6 @@ TEST_F(DeliveryTest, DamagedJournalFilesAreSetAsideAndTheReadablePartSent) {
   ASSERT_FALSE(segment.empty());
   fs::resize_file(segment, fs::file_size(segment) - 5);  // the third record torn
   std::ofstream(dir_ / "seg-0000000099.log") << "not a segment at all";
-
-  pointAt(collector_.baseURL());
   ASSERT_TRUE(startExecutor(options()).flush(kDeadline));
   EXPECT_THAT(receivedUUIDs(), UnorderedElementsAreArray({reported[0], reported[1]}));
   EXPECT_TRUE(logged("torn record at its end"));
