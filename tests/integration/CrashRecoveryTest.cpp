@@ -115,7 +115,8 @@ bool reportUntilKilled(const fs::path& dir, int port, long firstSeq, std::mt1993
   const size_t killAfter = reported.size() + std::uniform_int_distribution<size_t>(least, most)(random);
   std::string line;
   while (reported.size() < killAfter && reporter.readLine(line)) take(line);
-  std::this_thread::sleep_for(std::chrono::microseconds(std::uniform_int_distribution<int>(0, maxMicros)(random)));
+  const int micros = std::uniform_int_distribution<int>(0, maxMicros)(random);
+  std::this_thread::sleep_for(std::chrono::microseconds(micros));
   const bool killed = reporter.kill();
   while (reporter.readLine(line)) take(line);  // what it wrote before the kill
   return killed;
@@ -192,7 +193,8 @@ TEST_F(CrashRecoveryTest, EveryReturnedBeaconArrivesAfterAKillAtAnyInstant) {
   constexpr int kRounds = 4;
   for (int round = 0; round < kRounds; ++round) {
     SCOPED_TRACE("round " + std::to_string(round));
-    EXPECT_TRUE(reportUntilKilled(dir_, collector.port(), round * 1'000'000L, random_, 50, 2000, 800, reported_))
+    EXPECT_TRUE(
+        reportUntilKilled(dir_, collector.port(), round * 1'000'000L, random_, 50, 2000, 800, reported_))
         << "the reporter ended on its own";
     const size_t beforeDrain = collector.beaconCount();
     ASSERT_EQ(drain(dir_, collector.port()), 0) << "the second process could not deliver everything";

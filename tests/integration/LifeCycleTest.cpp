@@ -327,8 +327,10 @@ TEST_F(LifeCycleTest, FlushAndShutdownTellDeliveredFromDroppedFromPendingAndTheO
   ASSERT_GE(heard.size(), 5u);
   EXPECT_EQ(std::vector<std::string>(heard.begin(), heard.begin() + 5),
             (std::vector<std::string>{"dropped " + uuids[0] + " refused with HTTP 404",
-                                      "delivered " + uuids[1] + " HTTP 204", "delivered " + uuids[2] + " HTTP 204",
-                                      "delivered " + uuids[3] + " HTTP 204", "delivered " + uuids[4] + " HTTP 204"}));
+                                      "delivered " + uuids[1] + " HTTP 204",
+                                      "delivered " + uuids[2] + " HTTP 204",
+                                      "delivered " + uuids[3] + " HTTP 204",
+                                      "delivered " + uuids[4] + " HTTP 204"}));
 }
 
 // MARK: - Limits

@@ -58,10 +58,10 @@ TEST(DeliveryRulesTest, ReadsRetryAfterAsSecondsOrAsAnHttpDate) {
   for (const Case& c : cases) {
     EXPECT_EQ(parseRetryAfter(c.value, now + c.late), c.wait) << c.value;
   }
-  for (const char* bad : {"", "soon", "-5", "1.5", "Sun, 06 Nov 1994", "12abc", "Sun, 06 Nov 1994 08:49:47 GMT later",
-                          "Sun, 06 Nov 1994 08:49:47", "Sun, 32 Nov 1994 08:49:47 GMT", "Sun, 06 Nox 1994 08:49:47 GMT",
-                          "Sun, 06 Nov 1994 24:00:00 GMT", "Sun 06 Nov 1994 08:49:47 GMT",
-                          "Xyz, 06 Nov 1994 08:49:47 GMT"}) {
+  for (const char* bad :
+       {"", "soon", "-5", "1.5", "Sun, 06 Nov 1994", "12abc", "Sun, 06 Nov 1994 08:49:47 GMT later",
+        "Sun, 06 Nov 1994 08:49:47", "Sun, 32 Nov 1994 08:49:47 GMT", "Sun, 06 Nox 1994 08:49:47 GMT",
+        "Sun, 06 Nov 1994 24:00:00 GMT", "Sun 06 Nov 1994 08:49:47 GMT", "Xyz, 06 Nov 1994 08:49:47 GMT"}) {
     EXPECT_EQ(parseRetryAfter(bad, now), std::nullopt) << bad;
   }
 }
