@@ -9,6 +9,7 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <filesystem>
 #include <map>
@@ -70,6 +71,17 @@ network::internal::DurableRequestExecutor::Options childOptions(const char* dire
 
   if (mode == "drain") {
     const bool delivered = executor->flush(std::chrono::seconds(30));
+    if (!delivered) {
+      // Where it stood, for the test's output.
+      const auto s = executor->stats();
+      std::fprintf(stderr,
+                   "drain: not done after 30 s: restored %llu, delivered %llu, attempts %llu, waiting "
+                   "%llu, hosts backing off %zu, senders %zu, syncs %llu, writer idle %d\n",
+                   static_cast<unsigned long long>(s.restored), static_cast<unsigned long long>(s.delivered),
+                   static_cast<unsigned long long>(s.attempts), static_cast<unsigned long long>(s.waiting),
+                   s.hostsBackingOff, s.senders, static_cast<unsigned long long>(s.syncs),
+                   s.writerIdle ? 1 : 0);
+    }
     KVRBeacon::setBackgroundSession(nullptr);
     executor.reset();
     _exit(delivered ? 0 : 3);
