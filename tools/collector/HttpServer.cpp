@@ -1,0 +1,333 @@
+#include "collector/HttpServer.h"
+
+#include <netdb.h>
+#include <poll.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <fcntl.h>
+
+#include <algorithm>
+#include <array>
+#include <cctype>
+#include <cerrno>
+#include <cstdlib>
+#include <cstring>
+#include <limits>
+#include <optional>
+#include <string>
+#include <string_view>
+#include <vector>
+
+// Exported by the packaged library but not declared in its header: the
+// reason phrase httplib writes after a status.
+namespace httplib::detail {
+const char* status_message(int status);
+}
+
+namespace korvel::tools {
+
+namespace {
+
+int milliseconds(time_t seconds, time_t microseconds) {
+  const long long ms = static_cast<long long>(seconds) * 1000 + microseconds / 1000;
+  return static_cast<int>(std::min<long long>(ms, std::numeric_limits<int>::max()));
+}
+
+// The connection's socket as httplib reads and writes it, for every request
+// on the connection. The socket is non-blocking; a read or write that would
+// block waits in poll for at most its timeout.
+class ConnectionStream final : public httplib::Stream {
+ public:
+  ConnectionStream(int fd, int wake, int readTimeoutMs, int writeTimeoutMs)
+      : fd_(fd), wake_(wake), readTimeoutMs_(readTimeoutMs), writeTimeoutMs_(writeTimeoutMs),
+        buffer_(16 * 1024) {}
+
+  // True when the next request (or the end of the connection) is there
+  // within timeoutMs; false at the timeout and once the server stops.
+  bool waitForRequest(int timeoutMs) {
+    return begin_ < end_ || waitFor(POLLIN, timeoutMs);
+  }
+
+  // The next request's head (through its empty line) as it sits in the
+  // buffer, read as far as needed; empty when it does not fit in the buffer
+  // or the connection ends or stalls before it is complete. Nothing is
+  // consumed.
+  std::string_view peekHead() {
+    while (true) {
+      const std::string_view have(buffer_.data() + begin_, end_ - begin_);
+      const size_t blank = have.find("\r\n\r\n");
+      if (blank != std::string_view::npos) return have.substr(0, blank + 4);
+      if (begin_ > 0) {
+        std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
+        end_ -= begin_;
+        begin_ = 0;
+      }
+      if (end_ == buffer_.size()) return {};
+      const ssize_t got = receive(end_);
+      if (got <= 0) return {};
+      end_ += static_cast<size_t>(got);
+    }
+  }
+
+  void consume(size_t count) { begin_ += std::min(count, end_ - begin_); }
+
+  bool is_readable() const override { return begin_ < end_ || waitFor(POLLIN, readTimeoutMs_); }
+  bool is_writable() const override { return waitFor(POLLOUT, writeTimeoutMs_); }
+
+  ssize_t read(char* ptr, size_t size) override {
+    // httplib reads the request line and headers a byte at a time.
+    if (size == 1 && begin_ < end_) {
+      *ptr = buffer_[begin_++];
+      return 1;
+    }
+    if (begin_ == end_) {
+      const ssize_t got = receive(0);
+      if (got <= 0) return got;
+      begin_ = 0;
+      end_ = static_cast<size_t>(got);
+    }
+    const size_t n = std::min(size, end_ - begin_);
+    std::memcpy(ptr, buffer_.data() + begin_, n);
+    begin_ += n;
+    return static_cast<ssize_t>(n);
+  }
+
+  ssize_t write(const char* ptr, size_t size) override {
+    while (true) {
+      const ssize_t n = ::send(fd_, ptr, size, MSG_NOSIGNAL);
+      if (n >= 0) return n;
+      if (errno == EINTR) continue;
+      if ((errno != EAGAIN && errno != EWOULDBLOCK) || !waitFor(POLLOUT, writeTimeoutMs_)) {
+        return -1;
+      }
+    }
+  }
+
+  void get_remote_ip_and_port(std::string& ip, int& port) const override {
+    if (!remote_.known) remote_ = address(::getpeername);
+    ip = remote_.ip;
+    port = remote_.port;
+  }
+
+  void get_local_ip_and_port(std::string& ip, int& port) const override {
+    if (!local_.known) local_ = address(::getsockname);
+    ip = local_.ip;
+    port = local_.port;
+  }
+
+  socket_t socket() const override { return fd_; }
+
+ private:
+  struct Address {
+    bool known = false;
+    std::string ip;
+    int port = 0;
+  };
+
+  Address address(int (*get)(int, sockaddr*, socklen_t*)) const {
+    Address out;
+    out.known = true;
+    sockaddr_storage storage{};
+    socklen_t length = sizeof storage;
+    if (get(fd_, reinterpret_cast<sockaddr*>(&storage), &length) != 0) return out;
+    std::array<char, NI_MAXHOST> host{};
+    std::array<char, NI_MAXSERV> service{};
+    if (getnameinfo(reinterpret_cast<sockaddr*>(&storage), length, host.data(), host.size(),
+                    service.data(), service.size(), NI_NUMERICHOST | NI_NUMERICSERV) == 0) {
+      out.ip = host.data();
+      out.port = std::atoi(service.data());
+    }
+    return out;
+  }
+
+  // Into the buffer from `at`: the byte count, 0 at the end of the connection, -1 on an
+  // error, at the read timeout or once the server stops.
+  ssize_t receive(size_t at) {
+    while (true) {
+      const ssize_t n = ::recv(fd_, buffer_.data() + at, buffer_.size() - at, 0);
+      if (n >= 0) return n;
+      if (errno == EINTR) continue;
+      if ((errno != EAGAIN && errno != EWOULDBLOCK) || !waitFor(POLLIN, readTimeoutMs_)) return -1;
+    }
+  }
+
+  // True when the socket is ready for `events` (or has an error or hang-up
+  // to report) within timeoutMs; false at the timeout and once the server
+  // stops.
+  bool waitFor(short events, int timeoutMs) const {
+    pollfd fds[2] = {{fd_, events, 0}, {wake_, POLLIN, 0}};
+    while (true) {
+      const int ready = ::poll(fds, 2, timeoutMs);
+      if (ready < 0 && errno == EINTR) continue;
+      return ready > 0 && fds[1].revents == 0 && fds[0].revents != 0;
+    }
+  }
+
+  int fd_;
+  int wake_;
+  int readTimeoutMs_;
+  int writeTimeoutMs_;
+  std::vector<char> buffer_;
+  size_t begin_ = 0;
+  size_t end_ = 0;
+  mutable Address remote_;
+  mutable Address local_;
+};
+
+bool isTokenChar(char c) {
+  return std::isalnum(static_cast<unsigned char>(c)) ||
+         std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
+}
+
+bool equalsIgnoringCase(std::string_view a, std::string_view b) {
+  return a.size() == b.size() &&
+         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
+           return std::tolower(static_cast<unsigned char>(x)) ==
+                  std::tolower(static_cast<unsigned char>(y));
+         });
+}
+
+// A plain GET's head (see HttpServer::setQuickGet): its target, and whether
+// it asks for the connection to close; nullopt for any other head.
+struct PlainGet {
+  std::string_view target;
+  bool close = false;
+};
+
+std::optional<PlainGet> plainGet(std::string_view head) {
+  constexpr std::string_view kMethod = "GET ", kVersion = " HTTP/1.1";
+  size_t lineEnd = head.find("\r\n");
+  std::string_view line = head.substr(0, lineEnd);
+  if (!line.starts_with(kMethod) || !line.ends_with(kVersion)) return std::nullopt;
+  PlainGet get;
+  get.target = line.substr(kMethod.size(), line.size() - kMethod.size() - kVersion.size());
+  if (get.target.empty() || get.target.front() != '/' ||
+      get.target.size() > CPPHTTPLIB_REQUEST_URI_MAX_LENGTH) {
+    return std::nullopt;
+  }
+  for (char c : get.target) {
+    if (c <= ' ' || c >= 0x7f) return std::nullopt;
+  }
+  bool connectionSeen = false;
+  while (true) {
+    head.remove_prefix(lineEnd + 2);
+    lineEnd = head.find("\r\n");
+    line = head.substr(0, lineEnd);
+    if (line.empty()) return get;
+    if (line.size() > CPPHTTPLIB_HEADER_MAX_LENGTH) return std::nullopt;
+    const size_t colon = line.find(':');
+    if (colon == 0 || colon == std::string_view::npos) return std::nullopt;
+    const std::string_view name = line.substr(0, colon);
+    if (!std::all_of(name.begin(), name.end(), isTokenChar)) return std::nullopt;
+    std::string_view value = line.substr(colon + 1);
+    for (char c : value) {
+      if ((c < ' ' && c != '\t') || c == 0x7f) return std::nullopt;
+    }
+    while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
+    while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
+    if (equalsIgnoringCase(name, "Content-Length") ||
+        equalsIgnoringCase(name, "Transfer-Encoding") || equalsIgnoringCase(name, "Expect")) {
+      return std::nullopt;
+    }
+    // httplib looks at the first Connection header only.
+    if (equalsIgnoringCase(name, "Connection") && !connectionSeen) {
+      connectionSeen = true;
+      get.close = value == "close";
+    }
+  }
+}
+
+std::string answerText(const HttpServer::QuickAnswer& answer, bool close,
+                       time_t keepAliveTimeoutSeconds, size_t keepAliveMaxCount) {
+  httplib::Headers headers = answer.headers;
+  if (close) {
+    headers.emplace("Connection", "close");
+  } else {
+    headers.emplace("Keep-Alive", "timeout=" + std::to_string(keepAliveTimeoutSeconds) +
+                                      ", max=" + std::to_string(keepAliveMaxCount));
+  }
+  const size_t length = answer.cutOffAfter > 0 ? answer.cutOffAfter : answer.body.size();
+  if (length > 0 && headers.find("Content-Type") == headers.end()) {
+    headers.emplace("Content-Type", "text/plain");
+  }
+  if (headers.find("Content-Length") == headers.end()) {
+    headers.emplace("Content-Length", std::to_string(length));
+  }
+  std::string text = "HTTP/1.1 " + std::to_string(answer.status) + " " +
+                     httplib::detail::status_message(answer.status) + "\r\n";
+  for (const auto& [name, value] : headers) text += name + ": " + value + "\r\n";
+  text += "\r\n";
+  if (answer.cutOffAfter == 0) text += answer.body;
+  return text;
+}
+
+bool writeAll(httplib::Stream& stream, std::string_view text) {
+  while (!text.empty()) {
+    const ssize_t n = stream.write(text.data(), text.size());
+    if (n <= 0) return false;
+    text.remove_prefix(static_cast<size_t>(n));
+  }
+  return true;
+}
+
+}  // namespace
+
+HttpServer::HttpServer() {
+  if (::pipe2(wake_, O_CLOEXEC) != 0) wake_[0] = wake_[1] = -1;
+}
+
+HttpServer::~HttpServer() {
+  stopServing();
+  for (int fd : wake_) {
+    if (fd >= 0) ::close(fd);
+  }
+}
+
+void HttpServer::stopServing() {
+  if (wake_[1] >= 0) {
+    const char byte = 1;
+    // Once is enough (the byte is never read), and a full pipe is awake too.
+    while (::write(wake_[1], &byte, 1) < 0 && errno == EINTR) {
+    }
+  }
+  stop();
+}
+
+void HttpServer::setQuickGet(QuickTakes takes, QuickHandler handler) {
+  quickTakes_ = std::move(takes);
+  quickHandler_ = std::move(handler);
+}
+
+bool HttpServer::process_and_close_socket(socket_t sock) {
+  const int flags = ::fcntl(sock, F_GETFL, 0);
+  ::fcntl(sock, F_SETFL, flags | O_NONBLOCK);
+  ConnectionStream stream(sock, wake_[0], milliseconds(read_timeout_sec_, read_timeout_usec_),
+                          milliseconds(write_timeout_sec_, write_timeout_usec_));
+  const int keepAliveMs = milliseconds(keep_alive_timeout_sec_, 0);
+  bool served = false;
+  for (size_t left = keep_alive_max_count_; left > 0 && svr_sock_ != INVALID_SOCKET; --left) {
+    if (!stream.waitForRequest(keepAliveMs)) break;
+    if (quickHandler_) {
+      const std::string_view head = stream.peekHead();
+      const auto get = head.empty() ? std::nullopt : plainGet(head);
+      if (get && quickTakes_(get->target.substr(0, get->target.find('?')))) {
+        const QuickAnswer answer = quickHandler_(get->target);
+        stream.consume(head.size());
+        const bool close = get->close || left == 1;
+        served = writeAll(stream, answerText(answer, close, keep_alive_timeout_sec_,
+                                             keep_alive_max_count_));
+        if (!served || close || answer.cutOffAfter > 0) break;
+        continue;
+      }
+    }
+    bool closed = false;
+    served = process_request(stream, left == 1, closed, nullptr);
+    if (!served || closed) break;
+  }
+  ::shutdown(sock, SHUT_RDWR);
+  ::close(sock);
+  return served;
+}
+
+}  // namespace korvel::tools
