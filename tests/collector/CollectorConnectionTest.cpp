@@ -23,6 +23,7 @@
 
 #include "collector/BeaconCollector.h"
 #include "collector/BeaconStore.h"
+#include "collector/HttpServer.h"
 
 namespace korvel::tools {
 namespace {
@@ -200,6 +201,33 @@ TEST(CollectorConnectionTest, StopEndsIdleKeepAliveConnections) {
     // The server closed its side.
     EXPECT_EQ(connection.answer(), "");
   }
+}
+
+// A content provider with nothing to send learns from is_writable() that
+// its client went away (the inspector's live stream frees its worker so).
+TEST(CollectorConnectionTest, AProviderSeesItsClientGoAway) {
+  HttpServer server;
+  std::promise<void> noticed;
+  server.Get("/stream", [&](const httplib::Request&, httplib::Response& res) {
+    res.set_chunked_content_provider("text/event-stream", [&](size_t, httplib::DataSink& sink) {
+      const auto until = std::chrono::steady_clock::now() + 20s;
+      while (sink.is_writable() && std::chrono::steady_clock::now() < until) {
+        std::this_thread::sleep_for(5ms);
+      }
+      noticed.set_value();
+      return false;
+    });
+  });
+  const int port = server.bind_to_any_port("127.0.0.1");
+  ASSERT_GT(port, 0);
+  std::thread listening([&] { server.listen_after_bind(); });
+  {
+    Connection connection(port);
+    ASSERT_TRUE(connection.send("GET /stream HTTP/1.1\r\nHost: x\r\n\r\n"));
+  }
+  EXPECT_EQ(noticed.get_future().wait_for(10s), std::future_status::ready);
+  server.stopServing();
+  listening.join();
 }
 
 }  // namespace

@@ -73,7 +73,16 @@ class ConnectionStream final : public httplib::Stream {
   void consume(size_t count) { begin_ += std::min(count, end_ - begin_); }
 
   bool is_readable() const override { return begin_ < end_ || waitFor(POLLIN, readTimeoutMs_); }
-  bool is_writable() const override { return waitFor(POLLOUT, writeTimeoutMs_); }
+  // As httplib's own: the socket takes bytes and the peer has not closed
+  // the connection (a content provider polls it to notice a page that went
+  // away while it had nothing to send).
+  bool is_writable() const override {
+    if (!waitFor(POLLOUT, writeTimeoutMs_)) return false;
+    pollfd in{fd_, POLLIN, 0};
+    if (::poll(&in, 1, 0) <= 0) return true;
+    char byte;
+    return ::recv(fd_, &byte, 1, MSG_PEEK) > 0;
+  }
 
   ssize_t read(char* ptr, size_t size) override {
     // httplib reads the request line and headers a byte at a time.
