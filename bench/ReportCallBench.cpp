@@ -17,8 +17,10 @@
 //                    through the calls
 //
 // Each state prints p50/p99/p99.9/max in microseconds over --calls timed
-// calls (after a warm-up), how many calls took over 30 us, and how many
-// times the calling thread was preempted meanwhile; the last block is the delivery rate, one GET per
+// calls (after a warm-up), how many calls took over 30 us, how many
+// times the calling thread was preempted meanwhile and how many page faults
+// it took (a page of the journal's mapping touched before the writer made
+// it writable); the last block is the delivery rate, one GET per
 // beacon, over --runs runs of --beacons queued beacons each: median, min and
 // max. Every beacon has 23 parameters (20 from the caller, 3 common ones).
 //
@@ -28,7 +30,8 @@
 // --collector delivers to a korvel-collector running beside the program
 // (`korvel-collector --port 0` prints its URL) instead of the one built in;
 // a build without one skips the collector-up and delivery states unless it
-// is given. Where the system does not count preemptions the column says -1.
+// is given. Where the system does not count preemptions or faults the
+// column says -1.
 //
 // The figures are only comparable on a quiet machine: the program prints the
 // load average at its start and end.
@@ -77,6 +80,7 @@ constexpr int kDeadPort = 9;
 
 using bench::configure;
 using bench::involuntarySwitches;
+using bench::threadMinorFaults;
 using bench::loadAverage;
 using bench::tearDown;
 using bench::temporaryDirectory;
@@ -138,6 +142,8 @@ struct Percentiles {
   // far tail is the scheduler's, not the library's.
   size_t slowCalls = 0;
   long preemptions = 0;
+  // Page faults the calling thread took during the timed calls.
+  long faults = 0;
 };
 
 Percentiles percentiles(std::vector<double> micros) {
@@ -162,6 +168,7 @@ Percentiles timeCalls(size_t calls, const std::function<void()>& betweenBatches 
   std::vector<double> micros;
   micros.reserve(calls);
   const long switchesBefore = involuntarySwitches();
+  const long faultsBefore = threadMinorFaults();
   for (size_t i = 0; i < calls; ++i) {
     const auto start = Clock::now();
     auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
@@ -174,18 +181,20 @@ Percentiles timeCalls(size_t calls, const std::function<void()>& betweenBatches 
     if (betweenBatches && (i + 1) % 1'000 == 0) betweenBatches();
   }
   const long switchesAfter = involuntarySwitches();
+  const long faultsAfter = threadMinorFaults();
   const long preemptions = switchesBefore < 0 || switchesAfter < 0 ? -1 : switchesAfter - switchesBefore;
   const size_t slowCalls = static_cast<size_t>(
       std::count_if(micros.begin(), micros.end(), [](double us) { return us > 30; }));
   Percentiles p = percentiles(std::move(micros));
   p.slowCalls = slowCalls;
   p.preemptions = preemptions;
+  p.faults = faultsBefore < 0 || faultsAfter < 0 ? -1 : faultsAfter - faultsBefore;
   return p;
 }
 
 void printRow(const char* state, const Percentiles& p) {
-  std::printf("%-16s %9.2f %9.2f %9.2f %9.1f %9zu %9ld\n", state, p.p50, p.p99, p.p999, p.max,
-              p.slowCalls, p.preemptions);
+  std::printf("%-16s %9.2f %9.2f %9.2f %9.1f %9zu %9ld %9ld\n", state, p.p50, p.p99, p.p999, p.max,
+              p.slowCalls, p.preemptions, p.faults);
   std::fflush(stdout);
 }
 
@@ -262,8 +271,8 @@ int main(int argc, char** argv) {
   std::printf("load average at start: %s\n", loadAverage().c_str());
   std::printf("timer pair: %.3f us (included in every figure)\n", timerCost());
   std::printf("%zu timed calls per state\n\n", settings.calls);
-  std::printf("%-16s %9s %9s %9s %9s %9s %9s   (microseconds per report call)\n", "state",
-              "p50", "p99", "p99.9", "max", ">30us", "preempted");
+  std::printf("%-16s %9s %9s %9s %9s %9s %9s %9s   (microseconds per report call)\n", "state",
+              "p50", "p99", "p99.9", "max", ">30us", "preempted", "faults");
 
   // The collector the up and delivery states deliver to: the one named by
   // --collector, else one in this process where the build has it.

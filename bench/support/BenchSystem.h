@@ -24,6 +24,11 @@ std::filesystem::path temporaryDirectory(std::string_view purpose);
 // -1 where the system does not count it.
 long involuntarySwitches();
 
+// How many page faults the calling thread has taken that needed no disk
+// read (a page mapped in, or made writable); -1 where the system does not
+// count them.
+long threadMinorFaults();
+
 // The CPU time this process has used so far, in seconds.
 struct ProcessCpu {
   double user = 0;

@@ -49,6 +49,16 @@ long involuntarySwitches() {
 #endif
 }
 
+long threadMinorFaults() {
+#ifdef RUSAGE_THREAD
+  struct rusage usage {};
+  if (getrusage(RUSAGE_THREAD, &usage) != 0) return -1;
+  return usage.ru_minflt;
+#else
+  return -1;
+#endif
+}
+
 ProcessCpu processCpu() {
   struct rusage usage {};
   if (getrusage(RUSAGE_SELF, &usage) != 0) return {};

@@ -41,6 +41,10 @@ long involuntarySwitches() {
   return -1;
 }
 
+long threadMinorFaults() {
+  return -1;
+}
+
 ProcessCpu processCpu() {
   FILETIME created, exited, kernel, user;
   if (!GetProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user)) return {};

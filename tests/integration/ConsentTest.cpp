@@ -107,19 +107,12 @@ class ConsentTest : public testing::HostTest {
   std::atomic<int> recordsMade_{0};
 };
 
-TEST_F(ConsentTest, BeaconsArriveWhileOptedIn) {
+TEST_F(ConsentTest, BeaconsArriveWhileOptedInAndOptedOutReportsMakeNothingAndReachNothing) {
   start();
-  const auto uuid = report(1);
+  const auto uuid = report(0);  // the store exists and has been used once
   ASSERT_TRUE(uuid);
   ASSERT_TRUE(Reporting::flush(kDeadline));
-  EXPECT_EQ(arrivedUUIDs(), std::vector<std::string>{*uuid});
-}
-
-TEST_F(ConsentTest, OptedOutReportsMakeNothingAndReachNothing) {
-  start();
-  ASSERT_TRUE(report(0));  // the store exists and has been used once
-  ASSERT_TRUE(Reporting::flush(kDeadline));
-  ASSERT_EQ(collector_.requestCount(), 1u);
+  ASSERT_EQ(arrivedUUIDs(), std::vector<std::string>{*uuid});
   ASSERT_TRUE(Reporting::setOptedOut(true));
   const auto before = footprint(storeDirectory());
   const int recordsBefore = recordsMade_.load();
@@ -134,26 +127,17 @@ TEST_F(ConsentTest, OptedOutReportsMakeNothingAndReachNothing) {
   EXPECT_EQ(footprint(storeDirectory()), before) << "nothing written";
 }
 
-TEST_F(ConsentTest, OptedOutAtStartMakesNoStoreAtAll) {
+TEST_F(ConsentTest, RestartKeepsTheChoiceAndOptedOutAtStartMakesNoStoreAtAll) {
   start();
   ASSERT_TRUE(Reporting::setOptedOut(true));
   restart();
   ASSERT_TRUE(Reporting::optedOut());
   std::error_code ec;
   fs::remove_all(storeDirectory(), ec);
-
   for (int i = 0; i < 20; ++i) EXPECT_FALSE(report(i));
   EXPECT_TRUE(Reporting::flush(kDeadline));
   EXPECT_EQ(collector_.requestCount(), 0u);
   EXPECT_FALSE(fs::exists(storeDirectory())) << "no store is made while opted out";
-}
-
-TEST_F(ConsentTest, RestartKeepsTheChoice) {
-  start();
-  ASSERT_TRUE(Reporting::setOptedOut(true));
-  restart();
-  EXPECT_TRUE(Reporting::optedOut());
-  EXPECT_FALSE(report(1));
 
   ASSERT_TRUE(Reporting::setOptedOut(false));
   restart();
@@ -214,13 +198,6 @@ TEST_F(ConsentTest, PurgeOnItsOwnDropsOnlyWhatWasWaiting) {
   EXPECT_EQ(arrivedUUIDs(), std::vector<std::string>{*uuid});
 }
 
-TEST_F(ConsentTest, ReportsAfterShutdownAreDropped) {
-  start();
-  ASSERT_TRUE(Reporting::shutdown(kDeadline));
-  EXPECT_FALSE(report(1));
-  EXPECT_EQ(collector_.requestCount(), 0u);
-}
-
 TEST_F(ConsentTest, StartRefusesWhatItCannotUse) {
   // A file where the data directory should be.
   const fs::path blocked = root_ / "file";
@@ -252,13 +229,16 @@ TEST_F(ConsentTest, StartRefusesWhatItCannotUse) {
   EXPECT_EQ(Reporting::dataDirectory(), dataDirectory());
 }
 
-TEST_F(ConsentTest, OptingOutBeforeStartHoldsForThisRunOnly) {
+TEST_F(ConsentTest, OptingOutBeforeStartHoldsForThisRunOnlyAndShutdownEndsReporting) {
   EXPECT_FALSE(Reporting::setOptedOut(true)) << "cannot be recorded before start";
   EXPECT_FALSE(report(1));
   EXPECT_FALSE(Reporting::setOptedOut(false));
   start();
   EXPECT_FALSE(Reporting::optedOut());
   EXPECT_TRUE(report(2));
+  ASSERT_TRUE(Reporting::shutdown(kDeadline));
+  EXPECT_FALSE(report(3)) << "reported after shutdown";
+  EXPECT_EQ(collector_.requestCount(), 1u);
 }
 
 }  // namespace

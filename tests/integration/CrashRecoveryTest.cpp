@@ -5,9 +5,6 @@
 // The children are this same test program, started again with
 // KORVEL_CRASH_CHILD in the environment: it then runs a child's part during
 // static initialisation and never reaches the tests.
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -18,7 +15,8 @@
 #include <random>
 
 #include "collector/BeaconCollector.h"
-#include "support/ChildProcess.h"
+#include "support/ChildOfThisProgram.h"
+#include "support/TestEnv.h"
 #include <korvel/beacon/KVRBeacon.h>
 #include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/foundation/KVNConfiguration.h>
@@ -28,8 +26,6 @@ namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-
-constexpr int kUUIDPipe = 3;  // the fd a reporting child writes "uuid seq\n" lines to
 
 network::internal::DurableRequestExecutor::Options childOptions(const char* directory) {
   network::internal::DurableRequestExecutor::Options o;
@@ -52,7 +48,9 @@ network::internal::DurableRequestExecutor::Options childOptions(const char* dire
 }
 
 // The child's part: "report" reports in a tight loop until killed (it stops by
-// itself after 30 s), "drain" restores, delivers and exits 0 when all is sent.
+// itself after 30 s), writing "uuid seq" for each report call that returned
+// to its standard output; "drain" restores, delivers and exits 0 when all is
+// sent.
 [[noreturn]] void runChild(const std::string& mode) {
   const char* directory = std::getenv("KORVEL_CRASH_DIR");
   const char* port = std::getenv("KORVEL_CRASH_PORT");
@@ -80,7 +78,7 @@ network::internal::DurableRequestExecutor::Options childOptions(const char* dire
   for (long seq = std::atol(first); std::chrono::steady_clock::now() < stopAt; ++seq) {
     auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, KVRParameters{{"seq", seq}});
     const std::string line = uuid.value_or("none") + " " + std::to_string(seq) + "\n";
-    if (write(kUUIDPipe, line.data(), line.size()) != static_cast<ssize_t>(line.size())) _exit(4);
+    if (write(STDOUT_FILENO, line.data(), line.size()) != static_cast<ssize_t>(line.size())) _exit(4);
   }
   _exit(0);
 }
@@ -90,29 +88,45 @@ const bool kIsChild = [] {
   return false;
 }();
 
-pid_t spawnChild(const std::string& mode, const fs::path& dir, int port, long firstSeq,
-                 int pipeWrite, const std::vector<std::string>& extra = {}) {
+// A child in mode on the store in dir, delivering to the collector's port.
+bool startChild(testing::ChildOfThisProgram& child, const std::string& mode, const fs::path& dir,
+                int port, long firstSeq, const std::vector<std::string>& extra) {
   std::vector<std::string> variables = {
       "KORVEL_CRASH_CHILD=" + mode, "KORVEL_CRASH_DIR=" + dir.string(),
       "KORVEL_CRASH_PORT=" + std::to_string(port), "KORVEL_CRASH_FIRST_SEQ=" + std::to_string(firstSeq)};
   variables.insert(variables.end(), extra.begin(), extra.end());
-  return testing::spawnSelf(variables, "KORVEL_CRASH_", pipeWrite, kUUIDPipe);
+  return child.start(variables, "KORVEL_CRASH_");
 }
 
-// Reads "uuid seq" lines until at least count arrived; the rest of a line cut
-// by the kill is left in partial.
-void readLines(int fd, std::string& partial, std::map<long, std::string>& reported, size_t count) {
-  char buffer[4096];
-  while (reported.size() < count) {
-    const ssize_t n = read(fd, buffer, sizeof buffer);
-    if (n <= 0) return;
-    partial.append(buffer, static_cast<size_t>(n));
-    for (size_t nl; (nl = partial.find('\n')) != std::string::npos; partial.erase(0, nl + 1)) {
-      const std::string line = partial.substr(0, nl);
-      const size_t space = line.find(' ');
-      reported[std::stol(line.substr(space + 1))] = line.substr(0, space);
-    }
-  }
+// A reporting child killed after a random number of returned report calls
+// (from `least` to `most`), a random few microseconds (up to maxMicros)
+// later: anywhere inside a report call, a sync or a compaction. Each
+// "uuid seq" line it wrote goes into reported (seq -> uuid); false when it
+// had ended by itself.
+bool reportUntilKilled(const fs::path& dir, int port, long firstSeq, std::mt19937& random, size_t least,
+                       size_t most, int maxMicros, std::map<long, std::string>& reported,
+                       const std::vector<std::string>& extra = {}) {
+  testing::ChildOfThisProgram reporter;
+  EXPECT_TRUE(startChild(reporter, "report", dir, port, firstSeq, extra));
+  const auto take = [&reported](const std::string& line) {
+    const size_t space = line.find(' ');
+    reported[std::stol(line.substr(space + 1))] = line.substr(0, space);
+  };
+  const size_t killAfter = reported.size() + std::uniform_int_distribution<size_t>(least, most)(random);
+  std::string line;
+  while (reported.size() < killAfter && reporter.readLine(line)) take(line);
+  const int micros = std::uniform_int_distribution<int>(0, maxMicros)(random);
+  std::this_thread::sleep_for(std::chrono::microseconds(micros));
+  const bool killed = reporter.kill();
+  while (reporter.readLine(line)) take(line);  // what it wrote before the kill
+  return killed;
+}
+
+// A draining child run to its end: its exit code (-1: a signal ended it).
+int drain(const fs::path& dir, int port, const std::vector<std::string>& extra = {}) {
+  testing::ChildOfThisProgram drainer;
+  if (!startChild(drainer, "drain", dir, port, 0, extra)) return -1;
+  return drainer.wait();
 }
 
 // Every returned uuid arrived, with its own seq; duplicates only with the
@@ -155,119 +169,77 @@ size_t missingBeacons(const tools::BeaconCollector& collector,
   return missing;
 }
 
-TEST(CrashRecoveryTest, EveryReturnedBeaconArrivesAfterAKillAtAnyInstant) {
-  ASSERT_FALSE(kIsChild);
-  tools::BeaconCollector collector;
-  ASSERT_TRUE(collector.start());
-  char pattern[] = "/tmp/korvel-crash-XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  const fs::path dir = pattern;
-
-  std::mt19937 random(std::random_device{}());
-  std::map<long, std::string> reported;  // seq -> uuid, over all rounds
-  size_t deliveredAfterKills = 0;         // by the restoring processes
-  constexpr int kRounds = 4;
-  for (int round = 0; round < kRounds; ++round) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    const pid_t reporter = spawnChild("report", dir, collector.port(), round * 1'000'000L, fds[1]);
-    close(fds[1]);
-    ASSERT_GT(reporter, 0);
-
-    // Kill after a random number of returned reports, a random few hundred
-    // microseconds later: anywhere inside a report call or a sync.
-    std::string partial;
-    const size_t before = reported.size();
-    readLines(fds[0], partial, reported,
-              before + std::uniform_int_distribution<size_t>(50, 2000)(random));
-    std::this_thread::sleep_for(
-        std::chrono::microseconds(std::uniform_int_distribution<int>(0, 800)(random)));
-    kill(reporter, SIGKILL);
-    int status = 0;
-    waitpid(reporter, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status)) << "round " << round << ": the reporter ended on its own";
-    readLines(fds[0], partial, reported, SIZE_MAX);  // what was written before the kill
-    close(fds[0]);
-
-    const size_t beforeDrain = collector.beaconCount();
-    const pid_t drainer = spawnChild("drain", dir, collector.port(), 0, -1);
-    ASSERT_GT(drainer, 0);
-    waitpid(drainer, &status, 0);
-    deliveredAfterKills += collector.beaconCount() - beforeDrain;
-    ASSERT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-        << "round " << round << ": the second process could not deliver everything";
+class CrashRecoveryTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_FALSE(kIsChild);
+    dir_ = testing::makeTemporaryFolder("korvel-crash");
+    ASSERT_FALSE(dir_.empty());
+  }
+  void TearDown() override {
+    std::error_code ec;
+    fs::remove_all(dir_, ec);
   }
 
-  EXPECT_EQ(missingBeacons(collector, reported), 0u) << "of " << reported.size() << " reported beacons";
-  EXPECT_GT(reported.size(), size_t{kRounds * 50});
+  fs::path dir_;
+  std::mt19937 random_{std::random_device{}()};
+  std::map<long, std::string> reported_;  // seq -> uuid, over all reporters
+};
+
+TEST_F(CrashRecoveryTest, EveryReturnedBeaconArrivesAfterAKillAtAnyInstant) {
+  tools::BeaconCollector collector;
+  ASSERT_TRUE(collector.start());
+  size_t deliveredAfterKills = 0;  // by the restoring processes
+  constexpr int kRounds = 4;
+  for (int round = 0; round < kRounds; ++round) {
+    SCOPED_TRACE("round " + std::to_string(round));
+    EXPECT_TRUE(
+        reportUntilKilled(dir_, collector.port(), round * 1'000'000L, random_, 50, 2000, 800, reported_))
+        << "the reporter ended on its own";
+    const size_t beforeDrain = collector.beaconCount();
+    ASSERT_EQ(drain(dir_, collector.port()), 0) << "the second process could not deliver everything";
+    deliveredAfterKills += collector.beaconCount() - beforeDrain;
+  }
+
+  EXPECT_EQ(missingBeacons(collector, reported_), 0u) << "of " << reported_.size() << " reported beacons";
+  EXPECT_GT(reported_.size(), size_t{kRounds * 50});
   // The kills left work behind, so restoring was exercised.
   EXPECT_GT(deliveredAfterKills, 0u);
   std::printf("reported %zu beacons in %d killed processes; %zu delivered after restarts\n",
-              reported.size(), kRounds, deliveredAfterKills);
-  std::error_code ec;
-  fs::remove_all(dir, ec);
+              reported_.size(), kRounds, deliveredAfterKills);
 }
-
 
 // Removal and compaction of segments while reports keep coming: segments of
 // 128 KiB, a sync every 5 ms and one answer in eight a 503 (so segments are
 // left partly delivered and get compacted), and the reporting process is
 // killed over and over, each new one restoring the last one's backlog.
-TEST(CrashRecoveryTest, KillsDuringCompactionLoseNoReturnedBeacon) {
-  ASSERT_FALSE(kIsChild);
+TEST_F(CrashRecoveryTest, KillsDuringCompactionLoseNoReturnedBeacon) {
   tools::BeaconCollector::Options collectorOptions;
   collectorOptions.failEvery = 8;
   collectorOptions.failStatus = 503;
   tools::BeaconCollector collector(collectorOptions);
   ASSERT_TRUE(collector.start());
-  char pattern[] = "/tmp/korvel-compact-XXXXXX";
-  ASSERT_NE(mkdtemp(pattern), nullptr);
-  const fs::path dir = pattern;
   const std::vector<std::string> small = {"KORVEL_CRASH_SEGMENT_BYTES=131072",
                                           "KORVEL_CRASH_SYNC_MS=5", "KORVEL_CRASH_SHORT_BACKOFF=1"};
-
-  std::mt19937 random(std::random_device{}());
-  std::map<long, std::string> reported;
   constexpr int kKills = 30;
   const auto giveUpAt = std::chrono::steady_clock::now() + 60s;
   int kills = 0;
   for (; kills < kKills && std::chrono::steady_clock::now() < giveUpAt; ++kills) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    const pid_t reporter =
-        spawnChild("report", dir, collector.port(), kills * 1'000'000L, fds[1], small);
-    close(fds[1]);
-    ASSERT_GT(reporter, 0);
-    std::string partial;
-    readLines(fds[0], partial, reported,
-              reported.size() + std::uniform_int_distribution<size_t>(100, 1200)(random));
-    std::this_thread::sleep_for(
-        std::chrono::microseconds(std::uniform_int_distribution<int>(0, 3000)(random)));
-    kill(reporter, SIGKILL);
-    int status = 0;
-    waitpid(reporter, &status, 0);
-    EXPECT_TRUE(WIFSIGNALED(status)) << "kill " << kills << ": the reporter ended on its own";
-    readLines(fds[0], partial, reported, SIZE_MAX);
-    close(fds[0]);
+    EXPECT_TRUE(reportUntilKilled(dir_, collector.port(), kills * 1'000'000L, random_, 100, 1200, 3000,
+                                  reported_, small))
+        << "kill " << kills << ": the reporter ended on its own";
   }
   // The backlog of all those runs may take more than one drain's deadline.
-  bool drained = false;
-  for (int attempt = 0; attempt < 4 && !drained; ++attempt) {
-    const pid_t drainer = spawnChild("drain", dir, collector.port(), 0, -1, small);
-    ASSERT_GT(drainer, 0);
-    int status = 0;
-    waitpid(drainer, &status, 0);
-    ASSERT_TRUE(WIFEXITED(status)) << "a draining process crashed";
-    drained = WEXITSTATUS(status) == 0;
+  int drained = 1;
+  for (int attempt = 0; attempt < 4 && drained > 0; ++attempt) {
+    drained = drain(dir_, collector.port(), small);
+    ASSERT_GE(drained, 0) << "a draining process crashed";
   }
-  ASSERT_TRUE(drained) << "the backlog could not be delivered";
+  ASSERT_EQ(drained, 0) << "the backlog could not be delivered";
 
-  EXPECT_EQ(missingBeacons(collector, reported), 0u) << "of " << reported.size()
-                                                     << " reported beacons";
+  EXPECT_EQ(missingBeacons(collector, reported_), 0u) << "of " << reported_.size() << " reported beacons";
   EXPECT_GE(kills, 10);
-  std::printf("reported %zu beacons in %d killed processes\n", reported.size(), kills);
-  std::error_code ec;
-  fs::remove_all(dir, ec);
+  std::printf("reported %zu beacons in %d killed processes\n", reported_.size(), kills);
 }
 
 }  // namespace

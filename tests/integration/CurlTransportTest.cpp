@@ -12,6 +12,7 @@
 #include <atomic>
 #include <chrono>
 #include <deque>
+#include <future>
 #include <map>
 #include <mutex>
 #include <string>
@@ -62,26 +63,6 @@ class CountingFeed final : public DeliveryFeed {
   std::map<int, std::vector<DeliveryResponse>> answers_;
 };
 
-// Cancels the transport if the test outlives its deadline, so that a stall
-// shows up as aborted answers rather than a hung test.
-class Watchdog {
- public:
-  Watchdog(std::atomic<bool>& cancelled, std::chrono::milliseconds after)
-      : thread_([&cancelled, after, this] {
-          const auto until = std::chrono::steady_clock::now() + after;
-          while (!done_ && std::chrono::steady_clock::now() < until) std::this_thread::sleep_for(5ms);
-          if (!done_) cancelled = true;
-        }) {}
-  ~Watchdog() {
-    done_ = true;
-    thread_.join();
-  }
-
- private:
-  std::atomic<bool> done_{false};
-  std::thread thread_;
-};
-
 TEST(CurlTransportTest, AnswersEveryRequestOnceWithManyOnTheWire) {
   struct Case {
     const char* name;
@@ -115,8 +96,14 @@ TEST(CurlTransportTest, AnswersEveryRequestOnceWithManyOnTheWire) {
     const int count = c.count;
     CountingFeed feed(collector.baseURL(), count);
     {
-      Watchdog watchdog(cancelled, 20s);
+      // Cancels the transport if the sends outlive their deadline, so that a
+      // stall shows up as aborted answers rather than a hung test.
+      std::promise<void> sent;
+      auto watchdog = std::async(std::launch::async, [&cancelled, done = sent.get_future()] {
+        if (done.wait_for(20s) != std::future_status::ready) cancelled = true;
+      });
       transport->send(feed);
+      sent.set_value();
     }
     EXPECT_FALSE(cancelled) << "the transfers stalled";
     EXPECT_EQ(feed.given(), count);

@@ -6,88 +6,59 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 
 #include "collector/BeaconCollector.h"
-#include <korvel/beacon/KVRBeacon.h>
 #include <korvel/beacon/KVRConstants.h>
-#include <korvel/network/internal/DurableRequestExecutor.h>
-#include "support/TestEnv.h"
+#include "support/DurableBeaconTest.h"
 
 namespace korvel {
 namespace {
 
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using network::internal::DurableRequestExecutor;
 using tools::BeaconCollector;
 using ::testing::UnorderedElementsAreArray;
 
 // Generous: these wait for delivery, they do not measure it.
 constexpr auto kDeadline = 20s;
 
-class DeliveryTest : public testing::BeaconTest {
+class DeliveryTest : public testing::DurableBeaconTest {
  protected:
   void SetUp() override {
-    BeaconTest::SetUp();
-    KVRBeacon::registerRequestRestorer();
-    char pattern[] = "/tmp/korvel-delivery-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
+    DurableBeaconTest::SetUp();
+    if (HasFatalFailure()) return;
+    KVNConfiguration::sharedInstance().setInid("TEST-INID");
     ASSERT_TRUE(collector_.start());
-    pointAt(collector_.port(), "b", "TEST-INID");
+    pointAt(collector_.baseURL());
   }
 
   void TearDown() override {
     stopExecutor();
     collector_.stop();
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-    BeaconTest::TearDown();
+    DurableBeaconTest::TearDown();
   }
 
-  void pointAt(int port, const std::string& prefix, const std::string& inid) {
-    KVNConfiguration::sharedInstance().update([&](KVNConfiguration::Snapshot& s) {
-      s.inid = inid;
-      s.beacons.beaconEndpoint = "http://127.0.0.1:" + std::to_string(port) + "/" + prefix +
-                                 "/{inid}/{appversion}/{devicemodel}";
-    });
-  }
-
-  DurableRequestExecutor::Options options() const {
-    DurableRequestExecutor::Options o;
-    o.directory = dir_;
-    o.retryBaseDelay = 10ms;
-    o.maxRetryDelay = 40ms;
-    o.syncInterval = 20ms;
-    o.requestTimeout = 5s;
-    return o;
-  }
-
-  DurableRequestExecutor& startExecutor(DurableRequestExecutor::Options o) {
-    stopExecutor();
-    durable_ = std::make_shared<DurableRequestExecutor>("test.backgroundBeacons", std::move(o));
-    KVRBeacon::setBackgroundSession(durable_);
-    return *durable_;
-  }
-
-  void stopExecutor() {
-    KVRBeacon::setBackgroundSession(executor_);
-    durable_.reset();
-  }
-
-  std::string report(int seq) {
-    return KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent,
-                                       KVRParameters{{"type", "demo"}, {"seq", seq}})
-        .value_or("");
-  }
-
-  // A port nothing listens on.
-  static int deadPort() {
+  // An address nothing listens on.
+  static std::string deadBase() {
     BeaconCollector gone;
     EXPECT_TRUE(gone.start());
-    const int port = gone.port();
+    const std::string base = gone.baseURL();
     gone.stop();
-    return port;
+    return base;
+  }
+
+  // Beacons reported by a run that could not send them (nothing listened),
+  // left in its store; their uuids. The collector is the endpoint again.
+  std::vector<std::string> leftByARunThatCouldNotSend(int count) {
+    pointAt(deadBase());
+    auto& executor = startExecutor(options());
+    std::vector<std::string> reported;
+    for (int i = 0; i < count; ++i) reported.push_back(report(i));
+    EXPECT_FALSE(executor.flush(300ms)) << "nothing listens: the beacons must wait";
+    stopExecutor();
+    pointAt(collector_.baseURL());
+    return reported;
   }
 
   std::vector<std::string> receivedUUIDs() const {
@@ -100,27 +71,50 @@ class DeliveryTest : public testing::BeaconTest {
     return env_.logs().messagesContaining(text) > 0;
   }
 
-  fs::path dir_;
   BeaconCollector collector_;
-  std::shared_ptr<DurableRequestExecutor> durable_;
 };
 
-TEST_F(DeliveryTest, ServerErrorsAreRetriedWithTheSameBeacon) {
-  startExecutor(options());
-  collector_.failNext(2, 500);
-  const std::string uuid = report(1);
-  ASSERT_TRUE(collector_.waitForBeacons(1, kDeadline));
-  const auto requests = collector_.requests();
-  ASSERT_EQ(requests.size(), 3u);
-  EXPECT_EQ(requests[0].status, 500);
-  EXPECT_EQ(requests[2].status, 204);
-  for (const auto& r : requests) {
-    EXPECT_EQ(tools::CollectedBeacon::decode(r.target).value("clientbeaconuuid"), uuid);
+// Server errors, a connection closed without an answer and a 503 with
+// Retry-After are retried with the same beacon; Retry-After is waited out
+// (backoff alone would retry within 10 ms).
+TEST_F(DeliveryTest, FailedAttemptsAreRetriedWithTheSameBeacon) {
+  struct Case {
+    const char* name;
+    std::function<void(BeaconCollector&)> fail;
+    std::vector<int> statuses;  // of the attempts, in order (0: closed without an answer)
+    std::chrono::milliseconds gap;  // at least, before the last attempt
+  };
+  const Case cases[] = {
+      {"server errors", [](BeaconCollector& c) { c.failNext(2, 500); }, {500, 500, 204}, 0ms},
+      {"connection closed", [](BeaconCollector& c) { c.dropNext(1); }, {0, 204}, 0ms},
+      {"Retry-After", [](BeaconCollector& c) { c.failNext(1, 503, "1"); }, {503, 204}, 1s},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    BeaconCollector collector;
+    ASSERT_TRUE(collector.start());
+    pointAt(collector.baseURL());
+    auto o = options();
+    o.directory = dir_ / c.name;
+    startExecutor(o);
+    c.fail(collector);
+    const std::string uuid = report(1);
+    ASSERT_TRUE(collector.waitForBeacons(1, kDeadline));
+    const auto requests = collector.requests();
+    std::vector<int> statuses;
+    for (const auto& r : requests) {
+      statuses.push_back(r.status);
+      EXPECT_EQ(tools::CollectedBeacon::decode(r.target).value("clientbeaconuuid"), uuid);
+    }
+    EXPECT_EQ(statuses, c.statuses);
+    ASSERT_GE(requests.size(), 2u);
+    EXPECT_GE(requests.back().at - requests[requests.size() - 2].at, c.gap);
+    const auto beacon = collector.beacons().at(0);
+    EXPECT_EQ(beacon.event, "userevent");
+    EXPECT_EQ(beacon.value("seq"), "1");
+    EXPECT_EQ(beacon.path, "/b/TEST-INID/9.9/TestDevice1%2C1/userevent");
+    stopExecutor();
   }
-  const auto beacon = collector_.beacons().at(0);
-  EXPECT_EQ(beacon.event, "userevent");
-  EXPECT_EQ(beacon.value("seq"), "1");
-  EXPECT_EQ(beacon.path, "/b/TEST-INID/9.9/TestDevice1%2C1/userevent");
 }
 
 TEST_F(DeliveryTest, ARefusedBeaconIsDroppedAtOnceWithALogLine) {
@@ -133,51 +127,25 @@ TEST_F(DeliveryTest, ARefusedBeaconIsDroppedAtOnceWithALogLine) {
   EXPECT_TRUE(logged("refused with HTTP 400"));
 }
 
-TEST_F(DeliveryTest, AConnectionClosedWithoutAnAnswerIsRetried) {
-  startExecutor(options());
-  collector_.dropNext(1);
-  const std::string uuid = report(1);
-  ASSERT_TRUE(collector_.waitForBeacons(1, kDeadline));
-  EXPECT_EQ(collector_.requestCount(), 2u);
-  EXPECT_EQ(receivedUUIDs(), std::vector<std::string>{uuid});
-}
-
-TEST_F(DeliveryTest, RetryAfterIsWaitedOutBeforeTheRetry) {
-  startExecutor(options());  // backoff alone would retry within 10 ms
-  collector_.failNext(1, 503, "1");
-  report(1);
-  ASSERT_TRUE(collector_.waitForBeacons(1, kDeadline));
-  const auto requests = collector_.requests();
-  ASSERT_EQ(requests.size(), 2u);
-  EXPECT_GE(requests[1].at - requests[0].at, 1s);
-}
-
 TEST_F(DeliveryTest, TheURLIsBuiltFromTheConfigurationAtSendTime) {
   auto o = options();
   o.startPaused = true;
   auto& executor = startExecutor(o);
   report(1);
-  pointAt(collector_.port(), "c", "NEW-INID");
+  pointAt(collector_.baseURL(), "c");
+  KVNConfiguration::sharedInstance().setInid("NEW-INID");
   executor.setPaused(false);
   ASSERT_TRUE(collector_.waitForBeacons(1, kDeadline));
   EXPECT_EQ(collector_.beacons().at(0).path, "/c/NEW-INID/9.9/TestDevice1%2C1/userevent");
 }
 
 TEST_F(DeliveryTest, ARestartDeliversWhatAnEarlierRunCouldNot) {
-  pointAt(deadPort(), "b", "TEST-INID");
-  std::vector<std::string> reported;
-  {
-    auto& executor = startExecutor(options());
-    for (int i = 0; i < 5; ++i) reported.push_back(report(i));
-    EXPECT_FALSE(executor.flush(300ms)) << "nothing listens: the beacons must wait";
-    stopExecutor();
-  }
+  const auto reported = leftByARunThatCouldNotSend(5);
   int recreated = 0;
   auto observer = platform::ObserverRegistration(
       env_.notificationCenter(),
       env_.notificationCenter().addObserver(std::string(KVRReliableNetworkingTaskCreatedNotification),
                                             [&](const platform::Notification&) { ++recreated; }));
-  pointAt(collector_.port(), "b", "TEST-INID");
   auto& executor = startExecutor(options());
   ASSERT_TRUE(executor.flush(kDeadline));
   EXPECT_THAT(receivedUUIDs(), UnorderedElementsAreArray(reported));
@@ -189,13 +157,7 @@ TEST_F(DeliveryTest, ARestartDeliversWhatAnEarlierRunCouldNot) {
 }
 
 TEST_F(DeliveryTest, DamagedJournalFilesAreSetAsideAndTheReadablePartSent) {
-  pointAt(deadPort(), "b", "TEST-INID");
-  std::vector<std::string> reported;
-  {
-    startExecutor(options());
-    for (int i = 0; i < 3; ++i) reported.push_back(report(i));
-    stopExecutor();
-  }
+  const auto reported = leftByARunThatCouldNotSend(3);
   fs::path segment;
   for (const auto& e : fs::directory_iterator(dir_)) {
     if (e.path().extension() == ".log") segment = std::max(segment, e.path());
@@ -203,8 +165,6 @@ TEST_F(DeliveryTest, DamagedJournalFilesAreSetAsideAndTheReadablePartSent) {
   ASSERT_FALSE(segment.empty());
   fs::resize_file(segment, fs::file_size(segment) - 5);  // the third record torn
   std::ofstream(dir_ / "seg-0000000099.log") << "not a segment at all";
-
-  pointAt(collector_.port(), "b", "TEST-INID");
   ASSERT_TRUE(startExecutor(options()).flush(kDeadline));
   EXPECT_THAT(receivedUUIDs(), UnorderedElementsAreArray({reported[0], reported[1]}));
   EXPECT_TRUE(logged("torn record at its end"));

@@ -15,22 +15,17 @@
 
 #include <nlohmann/json.hpp>
 
-#include <korvel/beacon/KVRBeacon.h>
-#include <korvel/foundation/KVNConfiguration.h>
-#include <korvel/network/internal/DurableRequestExecutor.h>
 #include <korvel/network/internal/HttpClient.h>
-#include "support/TestEnv.h"
+#include "support/DurableBeaconTest.h"
 
 namespace korvel {
 namespace {
 
-namespace fs = std::filesystem;
 using namespace std::chrono_literals;
-using network::internal::DurableRequestExecutor;
 
 constexpr auto kDeadline = 60s;
 
-class ExternalCollectorTest : public testing::BeaconTest {
+class ExternalCollectorTest : public testing::DurableBeaconTest {
  protected:
   void SetUp() override {
     const char* url = std::getenv("KORVEL_TEST_COLLECTOR_URL");
@@ -40,38 +35,23 @@ class ExternalCollectorTest : public testing::BeaconTest {
     }
     collector_ = url;
     while (!collector_.empty() && collector_.back() == '/') collector_.pop_back();
-    BeaconTest::SetUp();
-    KVRBeacon::registerRequestRestorer();
-    dir_ = testing::makeTemporaryFolder("korvel-external");
-    ASSERT_FALSE(dir_.empty());
+    DurableBeaconTest::SetUp();
+    if (HasFatalFailure()) return;
     // A collector may serve several runs: this one's beacons carry an inid
     // of their own.
     inid_ = "EXT-" + std::to_string(std::random_device{}());
-    KVNConfiguration::sharedInstance().update([&](KVNConfiguration::Snapshot& s) {
-      s.inid = inid_;
-      s.beacons.beaconEndpoint = collector_ + "/b/{inid}/{appversion}/{devicemodel}";
-    });
+    KVNConfiguration::sharedInstance().setInid(inid_);
+    pointAt(collector_);
   }
 
   void TearDown() override {
-    if (collector_.empty()) return;
-    KVRBeacon::setBackgroundSession(executor_);
-    durable_.reset();
-    std::error_code ec;
-    fs::remove_all(dir_, ec);
-    BeaconTest::TearDown();
+    if (!collector_.empty()) DurableBeaconTest::TearDown();
   }
 
-  DurableRequestExecutor& startExecutor() {
-    DurableRequestExecutor::Options o;
-    o.directory = dir_;
-    o.retryBaseDelay = 10ms;
-    o.maxRetryDelay = 40ms;
-    o.syncInterval = 20ms;
+  Executor& startExecutor() {
+    auto o = options();
     o.requestTimeout = 10s;
-    durable_ = std::make_shared<DurableRequestExecutor>("test.backgroundBeacons", std::move(o));
-    KVRBeacon::setBackgroundSession(durable_);
-    return *durable_;
+    return DurableBeaconTest::startExecutor(o);
   }
 
   // The collector's record of this run's beacons (oldest first), once it
@@ -93,8 +73,6 @@ class ExternalCollectorTest : public testing::BeaconTest {
 
   std::string collector_;
   std::string inid_;
-  fs::path dir_;
-  std::shared_ptr<DurableRequestExecutor> durable_;
 };
 
 TEST_F(ExternalCollectorTest, EveryReturnedBeaconArrivesOnceAsItWasBuilt) {
@@ -102,10 +80,9 @@ TEST_F(ExternalCollectorTest, EveryReturnedBeaconArrivesOnceAsItWasBuilt) {
   constexpr int kBeacons = 200;
   std::set<std::string> uuids;
   for (int seq = 0; seq < kBeacons; ++seq) {
-    const auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent,
-                                                  KVRParameters{{"type", "demo"}, {"seq", seq}});
-    ASSERT_TRUE(uuid.has_value());
-    uuids.insert(*uuid);
+    const auto uuid = report(seq);
+    ASSERT_FALSE(uuid.empty());
+    uuids.insert(uuid);
   }
   const nlohmann::json beacons = receivedOnce(kBeacons);
   ASSERT_EQ(beacons.size(), static_cast<size_t>(kBeacons));
@@ -123,28 +100,18 @@ TEST_F(ExternalCollectorTest, EveryReturnedBeaconArrivesOnceAsItWasBuilt) {
 TEST_F(ExternalCollectorTest, WhatARefusedRunKeptIsDeliveredByTheNextOne) {
   // Nothing listens on port 1: the beacons wait in the journal, and the
   // executor shuts down with sends in progress.
-  const auto pointAt = [](const std::string& base) {
-    KVNConfiguration::sharedInstance().update([&](KVNConfiguration::Snapshot& s) {
-      s.beacons.beaconEndpoint = base + "/b/{inid}/{appversion}/{devicemodel}";
-    });
-  };
   pointAt("http://127.0.0.1:1");
   std::set<std::string> uuids;
   {
     auto& executor = startExecutor();
-    for (int seq = 0; seq < 5; ++seq) {
-      uuids.insert(KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent,
-                                               KVRParameters{{"type", "demo"}, {"seq", seq}})
-                       .value_or(""));
-    }
+    for (int seq = 0; seq < 5; ++seq) uuids.insert(report(seq));
     EXPECT_FALSE(executor.flush(300ms)) << "nothing listens: the beacons must wait";
     const auto stats = executor.stats();
     EXPECT_EQ(stats.delivered, 0u);
     EXPECT_EQ(stats.droppedByServer, 0u) << "a refused connection uses up no attempt";
     EXPECT_TRUE(stats.durable);
     const auto stopping = std::chrono::steady_clock::now();
-    KVRBeacon::setBackgroundSession(executor_);
-    durable_.reset();
+    stopExecutor();
     EXPECT_LT(std::chrono::steady_clock::now() - stopping, 5s) << "shutdown waited for the sends";
   }
   pointAt(collector_);

@@ -121,39 +121,28 @@ void survive(const StateCase& c) {
     s.inid = "SURVIVES-INID";
   };
 
-  switch (c.state) {
-    case State::NotStarted:
-      KVNConfiguration::sharedInstance().update(options.configure);
-      break;
-    case State::OptedOut:
-      check(static_cast<bool>(Reporting::start(options)), "start");
-      check(Reporting::setOptedOut(true), "setOptedOut(true)");
-      break;
-    case State::Stopped:
-      check(static_cast<bool>(Reporting::start(options)), "start");
-      Reporting::shutdown(1s);
-      break;
-    case State::OptedOutThenStopped:
-      check(static_cast<bool>(Reporting::start(options)), "start");
-      check(Reporting::setOptedOut(true), "setOptedOut(true)");
-      Reporting::shutdown(1s);
-      break;
-    case State::StoreReplacedByAFile: {
-      check(static_cast<bool>(Reporting::start(options)), "start");
-      check(KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"type", "before"}}).has_value(),
-            "a report before the store went bad");
-      std::error_code ec;
-      fs::rename(data / "beacons", data / "beacons-away", ec);
-      std::ofstream(data / "beacons") << "not a folder";
-      break;
-    }
-    case State::StoreUnusableAtStart:
-      fs::create_directories(data);
-      std::ofstream(data / "beacons") << "not a folder";
-      // Whatever start() answers for such a store, the calls after it must
-      // return.
-      Reporting::start(options);
-      break;
+  const State s = c.state;
+  if (s == State::NotStarted) {
+    KVNConfiguration::sharedInstance().update(options.configure);
+  } else if (s == State::StoreUnusableAtStart) {
+    fs::create_directories(data);
+    std::ofstream(data / "beacons") << "not a folder";
+    // Whatever start() answers for such a store, the calls after it must
+    // return.
+    Reporting::start(options);
+  } else {
+    check(static_cast<bool>(Reporting::start(options)), "start");
+  }
+  if (s == State::OptedOut || s == State::OptedOutThenStopped) {
+    check(Reporting::setOptedOut(true), "setOptedOut(true)");
+  }
+  if (s == State::Stopped || s == State::OptedOutThenStopped) Reporting::shutdown(1s);
+  if (s == State::StoreReplacedByAFile) {
+    check(KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, {{"type", "before"}}).has_value(),
+          "a report before the store went bad");
+    std::error_code ec;
+    fs::rename(data / "beacons", data / "beacons-away", ec);
+    std::ofstream(data / "beacons") << "not a folder";
   }
   hostCalls(c);
   collector.stop();

@@ -7,11 +7,9 @@
 //
 // The hosts are this test program started again with KORVEL_KILL_CHILD in
 // the environment: it runs a host's part during static initialisation and
-// never reaches the tests. The collector is a BeaconSink, which takes the
+// never reaches the tests, and writes each uuid a report call returned to
+// its standard output. The collector is a BeaconSink, which takes the
 // long request lines.
-#include <fcntl.h>
-#include <signal.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <gtest/gtest.h>
@@ -26,7 +24,8 @@
 #include <thread>
 
 #include "collector/BeaconSink.h"
-#include "support/ChildProcess.h"
+#include "support/ChildOfThisProgram.h"
+#include "support/TestEnv.h"
 #include <korvel/Korvel.h>
 
 namespace korvel {
@@ -35,8 +34,6 @@ namespace {
 namespace fs = std::filesystem;
 using namespace std::chrono_literals;
 using Clock = std::chrono::steady_clock;
-
-constexpr int kUUIDPipe = 3;  // the fd a reporting child writes "uuid\n" lines to
 
 std::string env(const char* name) {
   const char* value = std::getenv(name);
@@ -83,8 +80,8 @@ std::string env(const char* name) {
     }
     const auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
     if (uuid) {
-      const std::string line = *uuid + "\n";
-      if (write(kUUIDPipe, line.data(), line.size()) != static_cast<ssize_t>(line.size())) _exit(4);
+      std::printf("%s\n", uuid->c_str());
+      std::fflush(stdout);
     }
     next += period;
     std::this_thread::sleep_until(next);
@@ -96,10 +93,6 @@ const bool kIsChild = [] {
   if (const char* mode = std::getenv("KORVEL_KILL_CHILD")) runChild(mode);
   return false;
 }();
-
-pid_t spawnChild(const std::vector<std::string>& variables, int pipeWrite) {
-  return testing::spawnSelf(variables, "KORVEL_KILL_", pipeWrite, kUUIDPipe);
-}
 
 struct Load {
   const char* name;
@@ -114,9 +107,8 @@ class KillAtDefaultsTest : public ::testing::TestWithParam<Load> {
  protected:
   void SetUp() override {
     ASSERT_FALSE(kIsChild);
-    char pattern[] = "/tmp/korvel-killdefaults-XXXXXX";
-    ASSERT_NE(mkdtemp(pattern), nullptr);
-    dir_ = pattern;
+    dir_ = testing::makeTemporaryFolder("korvel-killdefaults");
+    ASSERT_FALSE(dir_.empty());
     tools::BeaconSink::Options o;
     o.onAnswer = [this](const std::string& uuid, int status) {
       if (status == 204) received_.insert(uuid);  // one call at a time
@@ -130,15 +122,17 @@ class KillAtDefaultsTest : public ::testing::TestWithParam<Load> {
     fs::remove_all(dir_, ec);
   }
 
-  std::vector<std::string> variables(const std::string& mode, uint64_t seed) const {
+  // A host in mode ("report" or "drain").
+  bool start(testing::ChildOfThisProgram& host, const std::string& mode, uint64_t seed) const {
     const Load& load = GetParam();
-    return {"KORVEL_KILL_CHILD=" + mode, "KORVEL_KILL_DIR=" + dir_.string(),
+    return host.start({"KORVEL_KILL_CHILD=" + mode, "KORVEL_KILL_DIR=" + dir_.string(),
             "KORVEL_KILL_PORT=" + std::to_string(sink_->port()),
             "KORVEL_KILL_RATE=" + std::to_string(load.rate),
             "KORVEL_KILL_LARGE_EVERY=" + std::to_string(load.largeEvery),
             "KORVEL_KILL_LARGE_MIN=" + std::to_string(load.largeMin),
             "KORVEL_KILL_LARGE_MAX=" + std::to_string(load.largeMax),
-            "KORVEL_KILL_SEED=" + std::to_string(seed)};
+            "KORVEL_KILL_SEED=" + std::to_string(seed)},
+                      "KORVEL_KILL_");
   }
 
   fs::path dir_;
@@ -146,56 +140,28 @@ class KillAtDefaultsTest : public ::testing::TestWithParam<Load> {
   std::set<std::string> received_;  // written by the sink's threads until sink_ is reset
 };
 
-// Reads "uuid\n" lines until the pipe closes; a line cut by the kill is
-// dropped (its report call had not returned when it was written).
-std::vector<std::string> readUUIDs(int fd) {
-  std::vector<std::string> out;
-  std::string partial;
-  char buffer[4096];
-  for (ssize_t n; (n = read(fd, buffer, sizeof buffer)) != 0;) {
-    if (n < 0) {
-      if (errno == EINTR) continue;
-      break;
-    }
-    partial.append(buffer, static_cast<size_t>(n));
-    for (size_t nl; (nl = partial.find('\n')) != std::string::npos; partial.erase(0, nl + 1)) {
-      out.push_back(partial.substr(0, nl));
-    }
-  }
-  return out;
-}
-
 TEST_P(KillAtDefaultsTest, ARestartDeliversEveryBeaconReturnedBeforeTheKills) {
   const uint64_t seed = std::random_device{}();
   std::printf("seed %llu\n", static_cast<unsigned long long>(seed));
   std::mt19937_64 random(seed);
   std::vector<std::string> returned;
   for (int kill = 0; kill < GetParam().kills; ++kill) {
-    int fds[2];
-    ASSERT_EQ(pipe2(fds, O_CLOEXEC), 0);
-    const pid_t host = spawnChild(variables("report", random()), fds[1]);
-    close(fds[1]);
-    ASSERT_GT(host, 0);
+    SCOPED_TRACE("kill " + std::to_string(kill));
+    testing::ChildOfThisProgram host;
+    ASSERT_TRUE(start(host, "report", random()));
     // A random instant past start, restore and several syncs: anywhere in a
     // report, a sync or a delivery.
     std::this_thread::sleep_for(std::chrono::duration<double>(
         std::uniform_real_distribution<double>(GetParam().killFrom, GetParam().killTo)(random)));
-    ::kill(host, SIGKILL);
-    const auto uuids = readUUIDs(fds[0]);
-    close(fds[0]);
-    int status = 0;
-    waitpid(host, &status, 0);
-    ASSERT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL)
-        << "kill " << kill << ": the host ended otherwise (status " << status << ")";
-    EXPECT_GT(uuids.size(), 5u) << "kill " << kill << ": the host barely reported";
-    returned.insert(returned.end(), uuids.begin(), uuids.end());
+    ASSERT_TRUE(host.kill()) << "the host ended otherwise";
+    const size_t before = returned.size();
+    // A line cut by the kill is left out (its report call had not returned).
+    for (std::string uuid; host.readLine(uuid);) returned.push_back(uuid);
+    EXPECT_GT(returned.size() - before, 5u) << "the host barely reported";
   }
-  const pid_t drainer = spawnChild(variables("drain", 0), -1);
-  ASSERT_GT(drainer, 0);
-  int status = 0;
-  waitpid(drainer, &status, 0);
-  EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 0)
-      << "the restart could not deliver everything (status " << status << ")";
+  testing::ChildOfThisProgram drainer;
+  ASSERT_TRUE(start(drainer, "drain", 0));
+  EXPECT_EQ(drainer.wait(), 0) << "the restart could not deliver everything";
   sink_->stop();
 
   size_t missing = 0;

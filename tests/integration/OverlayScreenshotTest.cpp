@@ -18,7 +18,6 @@
 #include <poll.h>
 #include <signal.h>
 #include <sys/prctl.h>
-#include <spawn.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -54,14 +53,31 @@ using namespace std::chrono_literals;
 constexpr int kWindowWidth = 1280;
 constexpr int kWindowHeight = 800;
 
-std::optional<std::string> findInPath(const std::string& program) {
-  const char* path = std::getenv("PATH");
-  std::stringstream dirs(path != nullptr ? path : "/usr/bin:/bin");
-  for (std::string dir; std::getline(dirs, dir, ':');) {
-    const auto candidate = std::filesystem::path(dir) / program;
-    if (access(candidate.c_str(), X_OK) == 0) return candidate.string();
+// Starts args[0] (looked up on PATH) with environment ("NAME=value"
+// entries), its standard output, and its standard error too when quiet,
+// going to the file output. Forked by hand rather than spawned: it must die
+// with this process even when a test crashes, and must not hold the output
+// pipe of whoever runs the tests (ctest waits for it to close). -1 when it
+// could not be started.
+pid_t launch(std::vector<std::string> args, std::vector<std::string> environment, const char* output,
+             bool quiet) {
+  std::vector<char*> argv;
+  for (auto& a : args) argv.push_back(a.data());
+  argv.push_back(nullptr);
+  std::vector<char*> envp;
+  for (auto& e : environment) envp.push_back(e.data());
+  envp.push_back(nullptr);
+  const int out = open(output, O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+  const pid_t pid = out < 0 ? -1 : fork();
+  if (pid == 0) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    dup2(out, STDOUT_FILENO);
+    if (quiet) dup2(out, STDERR_FILENO);
+    execvpe(argv[0], argv.data(), envp.data());
+    _exit(127);
   }
-  return std::nullopt;
+  if (out >= 0) close(out);
+  return pid;
 }
 
 // Waits for pid until the deadline; kills it when it is still running then.
@@ -87,50 +103,21 @@ class Xvfb {
  public:
   // The display name (":N"), or nothing with the reason in why.
   std::optional<std::string> start(std::string& why) {
-    const auto program = findInPath("Xvfb");
-    if (!program) {
-      why = "Xvfb is not installed";
-      return std::nullopt;
-    }
+    why = "Xvfb is not installed or did not start";
     int fds[2];
-    if (pipe(fds) != 0) {
-      why = "no pipe";
-      return std::nullopt;
-    }
-    const std::string fd = std::to_string(fds[1]);
-    std::vector<std::string> args = {*program, "-displayfd", fd, "-screen", "0",
-                                     "1600x1000x24", "-nolisten", "tcp"};
-    std::vector<char*> argv;
-    for (auto& a : args) argv.push_back(a.data());
-    argv.push_back(nullptr);
-    // Forked by hand rather than spawned: the server must die with this
-    // process even when a test crashes, and must not hold the output pipe
-    // of whoever runs the tests (ctest waits for it to close).
-    const int devNull = open("/dev/null", O_WRONLY | O_CLOEXEC);
-    pid_ = fork();
-    if (pid_ == 0) {
-      prctl(PR_SET_PDEATHSIG, SIGKILL);
-      close(fds[0]);
-      if (devNull >= 0) {
-        dup2(devNull, STDOUT_FILENO);
-        dup2(devNull, STDERR_FILENO);
-      }
-      execv(program->c_str(), argv.data());
-      _exit(127);
-    }
-    if (devNull >= 0) close(devNull);
+    if (pipe(fds) != 0) return std::nullopt;
+    fcntl(fds[0], F_SETFD, FD_CLOEXEC);  // Xvfb gets the write end alone
+    std::vector<std::string> environment;
+    for (char** e = environ; *e != nullptr; ++e) environment.emplace_back(*e);
+    pid_ = launch({"Xvfb", "-displayfd", std::to_string(fds[1]), "-screen", "0", "1600x1000x24", "-nolisten",
+                   "tcp"},
+                  environment, "/dev/null", true);
     close(fds[1]);
-    if (pid_ < 0) {
-      close(fds[0]);
-      pid_ = -1;
-      why = "Xvfb could not be started";
-      return std::nullopt;
-    }
     // Xvfb writes the display number once it accepts connections.
     std::string number;
     pollfd readable{fds[0], POLLIN, 0};
     const auto end = std::chrono::steady_clock::now() + 15s;
-    while (std::chrono::steady_clock::now() < end && number.find('\n') == std::string::npos) {
+    while (pid_ > 0 && std::chrono::steady_clock::now() < end && number.find('\n') == std::string::npos) {
       if (poll(&readable, 1, 200) <= 0) continue;
       char buffer[32];
       const ssize_t n = read(fds[0], buffer, sizeof buffer);
@@ -138,10 +125,7 @@ class Xvfb {
       number.append(buffer, static_cast<size_t>(n));
     }
     close(fds[0]);
-    if (number.empty() || number.find('\n') == std::string::npos) {
-      why = "Xvfb did not start";
-      return std::nullopt;
-    }
+    if (number.find('\n') == std::string::npos) return std::nullopt;
     return ":" + number.substr(0, number.find('\n'));
   }
 
@@ -190,11 +174,6 @@ TEST(OverlayScreenshotTest, TheOverlayDrawsTheBeaconLogOfTheDemoSession) {
   const auto output = directory / "overlay-beacon-log.txt";
   std::filesystem::remove(png);
 
-  std::vector<std::string> args = {KORVEL_DEMO_PATH, "--window", "--screenshot", png.string(),
-                                   "--frames", "4"};
-  std::vector<char*> argv;
-  for (auto& a : args) argv.push_back(a.data());
-  argv.push_back(nullptr);
   std::vector<std::string> environment = {"DISPLAY=" + *display,
                                           "LSAN_OPTIONS=suppressions=" KORVEL_LSAN_SUPPRESSIONS,
                                           "SDL_AUDIODRIVER=dummy"};
@@ -205,17 +184,9 @@ TEST(OverlayScreenshotTest, TheOverlayDrawsTheBeaconLogOfTheDemoSession) {
       environment.push_back(entry);
     }
   }
-  std::vector<char*> envp;
-  for (auto& e : environment) envp.push_back(e.data());
-  envp.push_back(nullptr);
-
-  posix_spawn_file_actions_t actions;
-  posix_spawn_file_actions_init(&actions);
-  posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(),
-                                   O_WRONLY | O_CREAT | O_TRUNC, 0644);
-  pid_t demo = -1;
-  ASSERT_EQ(posix_spawn(&demo, args[0].c_str(), &actions, nullptr, argv.data(), envp.data()), 0);
-  posix_spawn_file_actions_destroy(&actions);
+  const pid_t demo = launch({KORVEL_DEMO_PATH, "--window", "--screenshot", png.string(), "--frames", "4"},
+                            environment, output.c_str(), false);
+  ASSERT_GT(demo, 0);
   const auto exitCode = waitFor(demo, 180s);
   ASSERT_TRUE(exitCode.has_value()) << "korvel-demo did not finish";
 

@@ -87,12 +87,20 @@ std::vector<int> upTo(int count) {
   return numbers;
 }
 
+// They wait, making no folder nor thread, and go to the executor at start
+// in order.
 TEST_F(ReportsBeforeStartTest, TheyWaitAndGoToTheExecutorAtStartInOrder) {
+  const fs::path data = root_ / "xdg-data";
   std::vector<std::string> uuids;
-  for (int n = 0; n < 5; ++n) {
-    auto uuid = report("main", n);
-    ASSERT_TRUE(uuid);
-    uuids.push_back(*uuid);
+  {
+    testing::ScopedEnvironmentVariable folder(testing::kDataFolderVariable, data.string());
+    for (int n = 0; n < 5; ++n) {
+      auto uuid = report("main", n);
+      ASSERT_TRUE(uuid);
+      uuids.push_back(*uuid);
+    }
+    EXPECT_FALSE(fs::exists(data));
+    EXPECT_EQ(libraryThreads(), 0u);
   }
   EXPECT_EQ(logLines(kWaitLine), 1u);
   EXPECT_EQ(logLines("korvel::Reporting::start()"), 1u);
@@ -174,20 +182,6 @@ TEST_F(ReportsBeforeStartTest, WithoutAnEndpointYetTheyAreNotKeptAndOneLineSaysS
       [](KVNConfiguration::Snapshot& c) { c.beacons.beaconEndpoint = std::nullopt; });
   EXPECT_TRUE(report("main", 2));
   EXPECT_EQ(logLines("no beacon endpoint configured"), 1u);
-}
-
-TEST_F(ReportsBeforeStartTest, ReportsBeforeStartMakeNoFolderNorThread) {
-  const fs::path data = root_ / "xdg-data";
-  bool folderMade = false;
-  size_t threads = 0;
-  {
-    testing::ScopedEnvironmentVariable folder(testing::kDataFolderVariable, data.string());
-    for (int n = 0; n < 3; ++n) ASSERT_TRUE(report("main", n));
-    folderMade = fs::exists(data);
-    threads = libraryThreads();
-  }
-  EXPECT_FALSE(folderMade);
-  EXPECT_EQ(threads, 0u);
 }
 
 TEST_F(ReportsBeforeStartTest, ReportsRacingStartAreNeitherLostNorDuplicatedAndKeepTheirOrder) {

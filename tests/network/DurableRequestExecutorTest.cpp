@@ -36,11 +36,8 @@ class FakeServer {
     std::lock_guard lock(mutex_);
     script_.assign(responses.begin(), responses.end());
   }
-  void holdUntilCancelled(bool hold) {
-    std::lock_guard lock(mutex_);
-    hold_ = hold;
-  }
-  // Holds every request until release(), which answers the held ones.
+  // Holds every request until release(), which answers the held ones; one
+  // cancelled while held is abandoned (no connection).
   void closeGate() {
     std::lock_guard lock(mutex_);
     gated_ = true;
@@ -56,7 +53,6 @@ class FakeServer {
     script_.clear();
     urls_.clear();
     gated_ = false;
-    hold_ = false;
   }
   std::vector<std::string> urls() const {
     std::lock_guard lock(mutex_);
@@ -71,11 +67,8 @@ class FakeServer {
     std::unique_lock lock(mutex_);
     urls_.push_back(url);
     changed_.notify_all();
-    if (hold_) {
-      while (!cancelled) changed_.wait_for(lock, 5ms);
-      return DeliveryResponse{};  // abandoned: no connection
-    }
     while (gated_ && !cancelled) changed_.wait_for(lock, 5ms);
+    if (gated_) return DeliveryResponse{};
     if (script_.empty()) return status(204);
     DeliveryResponse r = script_.front();
     script_.pop_front();
@@ -99,7 +92,6 @@ class FakeServer {
   std::condition_variable changed_;
   std::deque<DeliveryResponse> script_;
   std::vector<std::string> urls_;
-  bool hold_ = false;
   bool gated_ = false;
 };
 
@@ -115,30 +107,32 @@ class FakeTransport : public DeliveryTransport {
 };
 
 // Carries up to `width` requests at once: takes that many from the feed,
-// then answers them.
-class BatchTransport : public DeliveryTransport {
+// then answers them, and keeps the widest batch in widest. Its hook runs
+// once, when a send() that sent something found nothing more.
+class BatchTransport : public FakeTransport {
  public:
   BatchTransport(FakeServer& server, const std::atomic<bool>& cancelled, size_t width,
-                 std::atomic<size_t>& widest)
-      : server_(server), cancelled_(cancelled), width_(width), widest_(widest) {}
-  DeliveryResponse get(const std::string& url) override { return server_.handle(url, cancelled_); }
+                 std::atomic<size_t>& widest, std::function<void()> hook = {})
+      : FakeTransport(server, cancelled), width_(width), widest_(widest), hook_(std::move(hook)) {}
   size_t parallelism() const override { return width_; }
   void send(DeliveryFeed& feed) override {
+    bool sent = false;
     for (;;) {
       std::vector<DeliveryJob> batch;
       DeliveryJob job;
       while (batch.size() < width_ && feed.next(job)) batch.push_back(job);
-      if (batch.empty()) return;
+      if (batch.empty()) break;
+      sent = true;
       if (batch.size() > widest_) widest_ = batch.size();
-      for (const DeliveryJob& sent : batch) feed.done(sent.tag, get(*sent.url));
+      for (const DeliveryJob& each : batch) feed.done(each.tag, get(*each.url));
     }
+    if (sent && hook_) std::exchange(hook_, nullptr)();
   }
 
  private:
-  FakeServer& server_;
-  const std::atomic<bool>& cancelled_;
   size_t width_;
   std::atomic<size_t>& widest_;
+  std::function<void()> hook_;
 };
 
 // URLs built so far by the requests below (each one read back, held or sent).
@@ -163,6 +157,15 @@ KVNNetworkRequest makeRequest(const std::string& name, int priority = 1, int pol
   return r;
 }
 
+// What most tests change of the executor's options. noProbe: a host that
+// failed is not tried again within the test (its backoff is an hour).
+struct Settings {
+  bool paused = false;
+  int concurrency = 2;
+  bool noProbe = false;
+  std::string folder = {};  // under the test's folder; empty: that folder
+};
+
 class DurableRequestExecutorTest : public ::testing::Test {
  protected:
   static void SetUpTestSuite() {
@@ -185,13 +188,14 @@ class DurableRequestExecutorTest : public ::testing::Test {
     scope_.reset();
   }
 
-  DurableRequestExecutor::Options options() {
+  DurableRequestExecutor::Options options(const Settings& s = {}) {
     DurableRequestExecutor::Options o;
-    o.directory = dir_;
-    o.retryBaseDelay = 1ms;
-    o.maxRetryDelay = 4ms;
+    o.directory = s.folder.empty() ? dir_ : dir_ / s.folder;
+    o.startPaused = s.paused;
+    o.retryBaseDelay = s.noProbe ? 1h : 1ms;
+    o.maxRetryDelay = s.noProbe ? 1h : 4ms;
     o.syncInterval = 20ms;
-    o.concurrency = 2;
+    o.concurrency = s.concurrency;
     o.transport = [this](const std::atomic<bool>& cancelled) {
       return std::make_unique<FakeTransport>(server_, cancelled);
     };
@@ -201,9 +205,22 @@ class DurableRequestExecutorTest : public ::testing::Test {
   std::unique_ptr<DurableRequestExecutor> start(DurableRequestExecutor::Options o) {
     return std::make_unique<DurableRequestExecutor>("test.backgroundBeacons", std::move(o));
   }
+  std::unique_ptr<DurableRequestExecutor> start() { return start(options()); }
 
   bool logged(const std::string& text) {
     return env_.logs().messagesContaining(text) > 0;
+  }
+
+  // Starts the executor again and checks that it sends count requests, each
+  // once; their URLs.
+  std::set<std::string> aLaterRunSendsEachOnce(size_t count) {
+    auto executor = start();
+    EXPECT_TRUE(executor->flush(5s));
+    const auto urls = server_.urls();
+    EXPECT_EQ(urls.size(), count);
+    std::set<std::string> distinct(urls.begin(), urls.end());
+    EXPECT_EQ(distinct.size(), count);
+    return distinct;
   }
 
   testing::TestEnv env_;
@@ -214,10 +231,7 @@ class DurableRequestExecutorTest : public ::testing::Test {
 };
 
 TEST_F(DurableRequestExecutorTest, SendsHigherPrioritiesFirstThenInSubmissionOrder) {
-  auto o = options();
-  o.startPaused = true;
-  o.concurrency = 1;
-  auto executor = start(o);
+  auto executor = start(options({.paused = true, .concurrency = 1}));
   executor->executeRequest(makeRequest("a", 1));
   executor->executeRequest(makeRequest("b", 5));
   executor->executeRequest(makeRequest("c", 1));
@@ -236,7 +250,7 @@ TEST_F(DurableRequestExecutorTest, HoldsRequestsUntilTheirConfigurationPolicyIsM
     s.inid = "INID";
     s.configured = false;
   });
-  auto executor = start(options());
+  auto executor = start();
   executor->executeRequest(makeRequest("needs-endpoint", 1, 2));
   executor->executeRequest(makeRequest("needs-configured", 1, 1));
   executor->executeRequest(makeRequest("anytime", 1, 0));
@@ -251,47 +265,45 @@ TEST_F(DurableRequestExecutorTest, HoldsRequestsUntilTheirConfigurationPolicyIsM
   EXPECT_EQ(server_.urls().size(), 3u);
 }
 
-TEST_F(DurableRequestExecutorTest, RetriesServerErrorsAndGivesUpAfterTheRetryCount) {
-  auto executor = start(options());
-  server_.script({FakeServer::status(500), FakeServer::status(503), FakeServer::status(200)});
-  executor->executeRequest(makeRequest("flaky", 1, 0, 3));
-  ASSERT_TRUE(executor->flush(5s));
-  EXPECT_EQ(server_.urls().size(), 3u);
-  EXPECT_EQ(executor->stats().delivered, 1u);
-
-  server_.script({FakeServer::status(500), FakeServer::status(429), FakeServer::status(408),
-                  FakeServer::status(502)});
-  executor->executeRequest(makeRequest("down", 1, 0, 2));
-  ASSERT_TRUE(executor->flush(5s));
-  EXPECT_EQ(server_.urls().size(), 3u + 3u) << "one attempt and two retries";
-  EXPECT_EQ(executor->stats().droppedByServer, 1u);
-  EXPECT_TRUE(logged("after 3 failed attempts, the last HTTP 408: GET http://fake/down"));
-}
-
-TEST_F(DurableRequestExecutorTest, DropsARefusedRequestAtOnceAndLogsIt) {
-  auto executor = start(options());
-  server_.script({FakeServer::status(400)});
-  executor->executeRequest(makeRequest("bad", 1, 0, 3));
-  ASSERT_TRUE(executor->flush(5s));
-  EXPECT_EQ(server_.urls().size(), 1u);
-  EXPECT_EQ(executor->stats().droppedByServer, 1u);
-  EXPECT_TRUE(logged("refused with HTTP 400"));
-}
-
-TEST_F(DurableRequestExecutorTest, WaitingForTheNetworkDoesNotUseUpRetries) {
-  auto executor = start(options());
-  server_.script({FakeServer::offline(), FakeServer::offline(), FakeServer::offline(),
-                  FakeServer::offline(), FakeServer::offline(), FakeServer::status(204)});
-  executor->executeRequest(makeRequest("patient", 1, 0, 1));
-  ASSERT_TRUE(executor->flush(5s));
-  EXPECT_EQ(server_.urls().size(), 6u);
-  EXPECT_EQ(executor->stats().delivered, 1u);
+// Server errors are retried up to the retry count, a refusal drops the
+// request at once, and waiting for the network uses up no retry.
+TEST_F(DurableRequestExecutorTest, RetriesServerErrorsUpToTheRetryCountAndDropsRefusals) {
+  const auto offline = FakeServer::offline();
+  const auto status = FakeServer::status;
+  struct Case {
+    const char* name;  // the request's too
+    std::vector<DeliveryResponse> answers;
+    int retries;
+    size_t attempts;
+    uint64_t delivered;
+    const char* log;  // nullptr: none asked for
+  };
+  const Case cases[] = {
+      {"flaky", {status(500), status(503), status(200)}, 3, 3, 1, nullptr},
+      {"down", {status(500), status(429), status(408), status(502)}, 2, 3, 0,
+       "after 3 failed attempts, the last HTTP 408: GET http://fake/down"},
+      {"bad", {status(400)}, 3, 1, 0, "refused with HTTP 400"},
+      {"patient", {offline, offline, offline, offline, offline, status(204)}, 1, 6, 1, nullptr},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    server_.reset();
+    env_.logs().clear();
+    auto executor = start(options({.folder = c.name}));
+    server_.script(c.answers);
+    executor->executeRequest(makeRequest(c.name, 1, 0, c.retries));
+    ASSERT_TRUE(executor->flush(5s));
+    EXPECT_EQ(server_.urls().size(), c.attempts);
+    EXPECT_EQ(executor->stats().delivered, c.delivered);
+    EXPECT_EQ(executor->stats().droppedByServer, 1 - c.delivered);
+    if (c.log != nullptr) {
+      EXPECT_TRUE(logged(c.log));
+    }
+  }
 }
 
 TEST_F(DurableRequestExecutorTest, BuildsTheEndpointWhenSendingNotWhenQueued) {
-  auto o = options();
-  o.startPaused = true;
-  auto executor = start(o);
+  auto executor = start(options({.paused = true}));
   auto target = std::make_shared<std::atomic<int>>(1);
   KVNNetworkRequest r;
   r.setEndpointBuilderBlock(
@@ -304,10 +316,8 @@ TEST_F(DurableRequestExecutorTest, BuildsTheEndpointWhenSendingNotWhenQueued) {
 }
 
 TEST_F(DurableRequestExecutorTest, PastTheCapTheOldestAreDroppedAndCounted) {
-  auto o = options();
-  o.startPaused = true;
+  auto o = options({.paused = true, .concurrency = 1});
   o.maxStoredRequests = 3;
-  o.concurrency = 1;
   auto executor = start(o);
   for (const char* name : {"1", "2", "3", "4", "5"}) executor->executeRequest(makeRequest(name));
   ASSERT_TRUE(executor->syncStore(5s));
@@ -319,8 +329,7 @@ TEST_F(DurableRequestExecutorTest, PastTheCapTheOldestAreDroppedAndCounted) {
 }
 
 TEST_F(DurableRequestExecutorTest, RequestsOlderThanTheAgeCapAreDropped) {
-  auto o = options();
-  o.startPaused = true;
+  auto o = options({.paused = true});
   o.maxAge = 60s;
   {
     auto executor = start(o);
@@ -338,116 +347,98 @@ TEST_F(DurableRequestExecutorTest, RequestsOlderThanTheAgeCapAreDropped) {
   EXPECT_TRUE(logged("dropped 1 requests older than 60 s"));
 }
 
+// Stored requests come back with their own priority; memory-only ones are
+// gone, and those no restorer knows stay stored, unsent, run after run.
 TEST_F(DurableRequestExecutorTest, ARestartSendsWhatWasNotDeliveredAndOnlyThat) {
   {
-    auto executor = start(options());
+    auto executor = start();
     executor->executeRequest(makeRequest("delivered"));
     ASSERT_TRUE(executor->flush(5s));
     executor->setPaused(true);
     executor->executeRequest(makeRequest("pending-1"));
     executor->executeRequest(makeRequest("pending-2", 3));
     executor->executeRequest(makeRequest("memory-only", 1, 0, 3, false));
-  }
-  auto o = options();
-  o.concurrency = 1;  // two workers may finish out of the order they picked in
-  auto executor = start(o);
-  ASSERT_TRUE(executor->flush(5s));
-  // Stored ones come back with their own priority; memory-only ones are gone.
-  EXPECT_THAT(server_.urls(),
-              ElementsAre("http://fake/delivered", "http://fake/pending-2", "http://fake/pending-1"));
-  EXPECT_EQ(executor->stats().restored, 2u);
-}
-
-TEST_F(DurableRequestExecutorTest, RequestsNoRestorerKnowsAreKeptNotSent) {
-  {
-    auto o = options();
-    o.startPaused = true;
-    auto executor = start(o);
-    KVNNetworkRequest r = makeRequest("unknown");
-    r.setRestorationPayload("kind.nobody.registered", [](std::string& out) { out += "x"; });
-    executor->executeRequest(r);
+    KVNNetworkRequest unknown = makeRequest("unknown");
+    unknown.setRestorationPayload("kind.nobody.registered", [](std::string& out) { out += "x"; });
+    executor->executeRequest(unknown);
   }
   for (int run = 0; run < 2; ++run) {
-    auto executor = start(options());
+    SCOPED_TRACE("run " + std::to_string(run));
+    // One sender: two may finish out of the order they picked in.
+    auto executor = start(options({.concurrency = 1}));
     EXPECT_TRUE(executor->flush(5s));
+    EXPECT_EQ(executor->stats().restored, run == 0 ? 2u : 0u);
     auto stored = executor->syncStore(5s);
     ASSERT_TRUE(stored);
     EXPECT_EQ(stored->storedRequests, 1u);
   }
-  EXPECT_THAT(server_.urls(), IsEmpty());
+  EXPECT_THAT(server_.urls(),
+              ElementsAre("http://fake/delivered", "http://fake/pending-2", "http://fake/pending-1"));
   EXPECT_TRUE(logged("1 stored requests could not be restored"));
 }
 
-TEST_F(DurableRequestExecutorTest, ARequestWhosePayloadCannotBeEncodedIsKeptInMemoryAndSent) {
+// A request that cannot be stored, as its payload cannot be encoded or no
+// folder can be used, is kept in memory and sent all the same.
+TEST_F(DurableRequestExecutorTest, ARequestThatCannotBeStoredIsKeptInMemoryAndSent) {
+  const fs::path file = dir_ / "not-a-directory";
+  std::ofstream(file) << "x";
   struct Case {
     const char* name;
-    KVNNetworkRequest::PayloadEncoder encoder;
+    KVNNetworkRequest::PayloadEncoder encoder;  // empty: the store's folder is a file
+    const char* log;  // nullptr: none asked for
   };
   const Case cases[] = {
-      {"throws", [](std::string&) { throw std::runtime_error("cannot encode"); }},
-      {"cuts", [](std::string& out) { out.clear(); }},  // must only append
+      {"throws", [](std::string&) { throw std::runtime_error("cannot encode"); }, nullptr},
+      {"cuts", [](std::string& out) { out.clear(); }, nullptr},  // must only append
+      {"no-folder", {}, "kept in memory only"},
   };
   for (const Case& c : cases) {
-    auto o = options();
-    o.startPaused = true;
+    SCOPED_TRACE(c.name);
+    server_.reset();
+    env_.logs().clear();
+    auto o = options({.paused = true});
+    if (!c.encoder) o.directory = file;
     auto executor = start(o);
     KVNNetworkRequest r = makeRequest(c.name);
-    r.setRestorationPayload(kKind, c.encoder);
+    if (c.encoder) r.setRestorationPayload(kKind, c.encoder);
     executor->executeRequest(r);
-    auto stored = executor->syncStore(5s);
-    ASSERT_TRUE(stored) << c.name;
-    EXPECT_EQ(stored->storedRequests, 0u) << c.name;
-    EXPECT_FALSE(executor->stats().durable) << c.name;
+    // Without a folder there is no store to sync.
+    const auto stored = executor->syncStore(5s);
+    ASSERT_EQ(stored.has_value(), bool(c.encoder));
+    EXPECT_EQ(stored ? stored->storedRequests : 0u, 0u);
+    EXPECT_FALSE(executor->stats().durable);
     executor->setPaused(false);
-    ASSERT_TRUE(executor->flush(5s)) << c.name;
-    EXPECT_THAT(server_.urls(), ::testing::Contains(std::string("http://fake/") + c.name))
-        << c.name;
+    ASSERT_TRUE(executor->flush(5s));
+    EXPECT_THAT(server_.urls(), ElementsAre(std::string("http://fake/") + c.name));
+    if (c.log != nullptr) {
+      EXPECT_TRUE(logged(c.log));
+    }
   }
 }
 
+// A transfer that does not end: flush gives up at its deadline, and
+// shutdown abandons it.
 TEST_F(DurableRequestExecutorTest, ShutdownAbandonsATransferInProgressAndKeepsTheRequest) {
-  server_.holdUntilCancelled(true);
+  server_.closeGate();
   {
-    auto executor = start(options());
+    auto executor = start();
     executor->executeRequest(makeRequest("slow"));
     ASSERT_TRUE(server_.waitForAttempts(1, 5s));
-    const auto before = std::chrono::steady_clock::now();
+    auto before = std::chrono::steady_clock::now();
+    EXPECT_FALSE(executor->flush(100ms));
+    EXPECT_GE(std::chrono::steady_clock::now() - before, 100ms);
+    before = std::chrono::steady_clock::now();
     executor.reset();
     EXPECT_LT(std::chrono::steady_clock::now() - before, 2s);
   }
-  server_.holdUntilCancelled(false);
-  auto executor = start(options());
+  server_.release(FakeServer::status(204));
+  auto executor = start();
   ASSERT_TRUE(executor->flush(5s));
   EXPECT_THAT(server_.urls(), ElementsAre("http://fake/slow", "http://fake/slow"));
 }
 
-TEST_F(DurableRequestExecutorTest, WithoutAUsableDirectoryItStillDeliversFromMemory) {
-  const fs::path file = dir_ / "not-a-directory";
-  std::ofstream(file) << "x";
-  auto o = options();
-  o.directory = file;
-  auto executor = start(o);
-  executor->executeRequest(makeRequest("still-sent"));
-  ASSERT_TRUE(executor->flush(5s));
-  EXPECT_FALSE(executor->stats().durable);
-  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/still-sent"));
-  EXPECT_TRUE(logged("kept in memory only"));
-}
-
-TEST_F(DurableRequestExecutorTest, FlushGivesUpAtItsDeadline) {
-  server_.holdUntilCancelled(true);  // the request stays on the wire
-  auto executor = start(options());
-  executor->executeRequest(makeRequest("slow"));
-  ASSERT_TRUE(server_.waitForAttempts(1, 5s));
-  const auto before = std::chrono::steady_clock::now();
-  EXPECT_FALSE(executor->flush(100ms));
-  EXPECT_GE(std::chrono::steady_clock::now() - before, 100ms);
-}
-
 TEST_F(DurableRequestExecutorTest, FlushWhilePausedDoesNotWaitForHeldRequests) {
-  auto o = options();
-  o.startPaused = true;
-  auto executor = start(o);
+  auto executor = start(options({.paused = true}));
   EXPECT_TRUE(executor->flush(5s)) << "nothing held: the store's sync is waited for";
   executor->executeRequest(makeRequest("held"));
   // A held request cannot leave before the deadline, so the answer is at once.
@@ -464,8 +455,7 @@ TEST_F(DurableRequestExecutorTest, AVanishedDirectoryIsMadeAgainWithEverythingWa
   GTEST_SKIP() << "Windows does not let a folder whose files are open be removed";
 #endif
   {
-    auto o = options();
-    o.startPaused = true;
+    auto o = options({.paused = true});
     o.segmentBytes = 4096;  // several segments, some closed, one open
     auto executor = start(o);
     for (int i = 0; i < 30; ++i) executor->executeRequest(makeRequest("before-" + std::to_string(i)));
@@ -480,13 +470,7 @@ TEST_F(DurableRequestExecutorTest, AVanishedDirectoryIsMadeAgainWithEverythingWa
     EXPECT_TRUE(logged("stored the 31 waiting requests there again"));
   }
   // A later run finds all of them there.
-  auto executor = start(options());
-  ASSERT_TRUE(executor->flush(5s));
-  const auto urls = server_.urls();
-  const std::set<std::string> distinct(urls.begin(), urls.end());
-  EXPECT_EQ(urls.size(), 31u);
-  EXPECT_EQ(distinct.size(), 31u);
-  EXPECT_TRUE(distinct.contains("http://fake/after"));
+  EXPECT_TRUE(aLaterRunSendsEachOnce(31).contains("http://fake/after"));
 }
 
 TEST_F(DurableRequestExecutorTest, RequestsTheStoreRefusedAreStoredOnceItTakesAppendsAgain) {
@@ -494,8 +478,7 @@ TEST_F(DurableRequestExecutorTest, RequestsTheStoreRefusedAreStoredOnceItTakesAp
   GTEST_SKIP() << "Windows does not let a folder whose files are open be removed";
 #endif
   {
-    auto o = options();
-    o.startPaused = true;
+    auto o = options({.paused = true});
     o.segmentBytes = 4096;
     auto executor = start(o);
     ASSERT_TRUE(executor->syncStore(5s));
@@ -519,21 +502,13 @@ TEST_F(DurableRequestExecutorTest, RequestsTheStoreRefusedAreStoredOnceItTakesAp
     EXPECT_TRUE(logged("requests kept in memory while the store could not take them"));
     // Ended as a kill would: nothing was sent.
   }
-  auto executor = start(options());
-  ASSERT_TRUE(executor->flush(5s));
-  const auto urls = server_.urls();
-  const std::set<std::string> distinct(urls.begin(), urls.end());
-  EXPECT_EQ(distinct.size(), 40u) << "every request returned during the outage is stored";
-  EXPECT_EQ(urls.size(), 40u);
+  aLaterRunSendsEachOnce(40);  // every request returned during the outage is stored
 }
 
 // MARK: - One backoff per host
 
 TEST_F(DurableRequestExecutorTest, AnOfflineHostGetsOneProbeAtATimeAndNewReportsWaitQuietly) {
-  auto o = options();
-  o.retryBaseDelay = 1h;  // no probe comes during the test
-  o.maxRetryDelay = 1h;
-  auto executor = start(o);
+  auto executor = start(options({.noProbe = true}));
   server_.script({FakeServer::offline()});
   executor->executeRequest(makeRequest("first"));
   ASSERT_TRUE(server_.waitForAttempts(1, 5s));
@@ -550,9 +525,7 @@ TEST_F(DurableRequestExecutorTest, AnOfflineHostGetsOneProbeAtATimeAndNewReports
 }
 
 TEST_F(DurableRequestExecutorTest, OnlyTheProbeGoesUntilTheHostAnswersThenAllGoAtOnce) {
-  auto o = options();
-  o.startPaused = true;
-  o.concurrency = 4;
+  auto o = options({.paused = true, .concurrency = 4});
   // A probe is due a millisecond or two after each failure, and the backlog
   // builds its URLs slowly (as on a slow machine): a probe falls due while
   // a sender builds one that has not learnt its host backs off.
@@ -607,12 +580,9 @@ TEST_F(DurableRequestExecutorTest, TheWriterSleepsWithoutATimerUntilWorkArrives)
   for (const Case& c : {Case{"nothing pending", false}, Case{"host backing off", true}}) {
     SCOPED_TRACE(c.name);
     server_.reset();
-    auto o = options();
+    // One sender: the one refused attempt is the first request's.
+    auto o = options({.concurrency = 1, .noProbe = true, .folder = c.hostDown ? "down" : "idle"});
     o.syncInterval = 1ms;  // many timer wake-ups in no time, if there were a timer
-    o.retryBaseDelay = 1h;  // no probe comes during the test
-    o.maxRetryDelay = 1h;
-    o.concurrency = 1;  // the one refused attempt is the first request's
-    o.directory = dir_ / (c.hostDown ? "down" : "idle");
     auto executor = start(o);
     if (c.hostDown) server_.script({FakeServer::offline()});
     for (int i = 0; i < 3; ++i) executor->executeRequest(makeRequest("r" + std::to_string(i)));
@@ -637,8 +607,7 @@ TEST_F(DurableRequestExecutorTest, TheWriterSleepsWithoutATimerUntilWorkArrives)
 // One sender while little is sent; a backlog starts more, up to the
 // concurrency, and the extra ones end once there is nothing to send.
 TEST_F(DurableRequestExecutorTest, ABacklogStartsMoreSendersAndTheyEndAfterAnIdleSpell) {
-  auto o = options();
-  o.concurrency = 3;
+  auto o = options({.concurrency = 3});
   o.idleSenderTimeout = 1ms;
   auto executor = start(o);
   EXPECT_EQ(executor->stats().senders, 1u);
@@ -679,9 +648,7 @@ TEST_F(DurableRequestExecutorTest, ABacklogStartsMoreSendersAndTheyEndAfterAnIdl
 // concurrency on one sender: a backlog starts no other, and the requests
 // still go out in order with every answer settled.
 TEST_F(DurableRequestExecutorTest, ATransportThatCarriesSeveralSendsABacklogOnOneSender) {
-  auto o = options();
-  o.concurrency = 4;
-  o.startPaused = true;
+  auto o = options({.paused = true, .concurrency = 4});
   std::atomic<int> made{0};
   std::atomic<size_t> widest{0};
   o.transport = [&](const std::atomic<bool>& cancelled) {
@@ -710,40 +677,16 @@ TEST_F(DurableRequestExecutorTest, ATransportThatCarriesSeveralSendsABacklogOnOn
 // queued by another thread before the sender sleeps (the writer's sync,
 // or a figures call, takes the hand-offs): the sender must not sleep on it.
 TEST_F(DurableRequestExecutorTest, AReportQueuedAsTheSenderFinishesIsSentWithoutAnotherReport) {
-  // Carries `width` (one at a time, as far as the test cares), and runs its
-  // hook once, when a send() that sent something found nothing more.
-  class LastLookTransport final : public FakeTransport {
-   public:
-    LastLookTransport(FakeServer& server, const std::atomic<bool>& cancelled, size_t width,
-                      std::function<void()> hook)
-        : FakeTransport(server, cancelled), width_(width), hook_(std::move(hook)) {}
-    DeliveryResponse get(const std::string& url) override {
-      ++sent_;
-      return FakeTransport::get(url);
-    }
-    size_t parallelism() const override { return width_; }
-    void send(DeliveryFeed& feed) override {
-      const size_t before = sent_;
-      FakeTransport::send(feed);
-      if (sent_ > before && hook_) std::exchange(hook_, nullptr)();
-    }
-
-   private:
-    size_t width_;
-    std::function<void()> hook_;
-    size_t sent_ = 0;
-  };
   // One sender either way: one that carries one with a concurrency of one,
   // and one that carries the whole concurrency.
   for (const size_t width : {1u, 4u}) {
     SCOPED_TRACE(width);
     server_.reset();
-    auto o = options();
-    o.concurrency = static_cast<int>(width);
-    o.directory = dir_ / std::to_string(width);
-    std::function<void()> hook;
+    auto o = options({.concurrency = static_cast<int>(width), .folder = std::to_string(width)});
+    std::function<void()> hook;  // the transport's, run as the sender finishes
+    std::atomic<size_t> widest{0};
     o.transport = [&](const std::atomic<bool>& cancelled) {
-      return std::make_unique<LastLookTransport>(server_, cancelled, width, hook);
+      return std::make_unique<BatchTransport>(server_, cancelled, width, widest, hook);
     };
     std::unique_ptr<DurableRequestExecutor> executor;
     hook = [&] {
@@ -800,11 +743,7 @@ TEST_F(DurableRequestExecutorTest, ALookAtTheQueueStopsEarlyWhileAnswersWait) {
     std::atomic<bool> cancelled_{false};
     bool looked_ = false;
   };
-  auto o = options();
-  o.concurrency = 4;
-  o.startPaused = true;
-  o.retryBaseDelay = 1h;  // no probe during the look
-  o.maxRetryDelay = 1h;
+  auto o = options({.paused = true, .concurrency = 4, .noProbe = true});  // no probe during the look
   TwoOnTheWire* transport = nullptr;
   o.transport = [&](const std::atomic<bool>&) {
     auto made = std::make_unique<TwoOnTheWire>(server_);
@@ -827,7 +766,7 @@ TEST_F(DurableRequestExecutorTest, ALookAtTheQueueStopsEarlyWhileAnswersWait) {
 
 TEST_F(DurableRequestExecutorTest, RetryAfterHoldsTheHostAndSurvivesARestart) {
   {
-    auto executor = start(options());
+    auto executor = start();
     DeliveryResponse busy = FakeServer::status(503);
     busy.retryAfter = "3600";
     server_.script({busy});
@@ -839,7 +778,7 @@ TEST_F(DurableRequestExecutorTest, RetryAfterHoldsTheHostAndSurvivesARestart) {
     EXPECT_EQ(server_.urls().size(), 1u) << "a new request is not let through";
   }
   EXPECT_TRUE(fs::exists(dir_ / "hosts"));
-  auto executor = start(options());
+  auto executor = start();
   EXPECT_FALSE(executor->flush(200ms));
   EXPECT_EQ(server_.urls().size(), 1u);
   EXPECT_EQ(executor->stats().hostsBackingOff, 1u);
@@ -847,11 +786,7 @@ TEST_F(DurableRequestExecutorTest, RetryAfterHoldsTheHostAndSurvivesARestart) {
 }
 
 TEST_F(DurableRequestExecutorTest, HostsAreSchemeHostAndPort) {
-  auto o = options();
-  o.retryBaseDelay = 1h;
-  o.maxRetryDelay = 1h;
-  o.concurrency = 1;
-  auto executor = start(o);
+  auto executor = start(options({.concurrency = 1, .noProbe = true}));
   server_.script({FakeServer::offline()});
   auto to = [](std::string url) {
     KVNNetworkRequest r;
@@ -893,40 +828,35 @@ TEST_F(DurableRequestExecutorTest, AnOversizeRequestIsDroppedAtOnceWithOneLogLin
   EXPECT_TRUE(logged("dropped a request of 1001 bytes: more than 1000 bytes are never sent"));
 }
 
-TEST_F(DurableRequestExecutorTest, TheByteBoundDropsTheOldest) {
-  auto o = options();
-  o.startPaused = true;
-  o.concurrency = 1;
-  // Room for two of these records, not three.
-  o.maxStoredBytes = 2 * (12 + 30 + std::string(kKind).size() + 100) + 50;
-  auto executor = start(o);
-  for (char c : std::string("abc")) executor->executeRequest(makeRequest(std::string(100, c)));
-  executor->setPaused(false);
-  ASSERT_TRUE(executor->flush(5s));
-  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/" + std::string(100, 'b'),
-                                          "http://fake/" + std::string(100, 'c')));
-  EXPECT_EQ(executor->stats().droppedOverCap, 1u);
-}
-
-TEST_F(DurableRequestExecutorTest, PurgedRequestsGiveTheirBytesBackToTheByteBound) {
-  auto o = options();
-  o.startPaused = true;
-  o.concurrency = 1;
-  // Room for two of these records, not three.
-  o.maxStoredBytes = 2 * (12 + 30 + std::string(kKind).size() + 100) + 50;
-  auto executor = start(o);
-  for (char c : std::string("ab")) executor->executeRequest(makeRequest(std::string(100, c)));
-  EXPECT_EQ(executor->purge(), 2u);
-  for (char c : std::string("cd")) executor->executeRequest(makeRequest(std::string(100, c)));
-  executor->setPaused(false);
-  ASSERT_TRUE(executor->flush(5s));
-  EXPECT_THAT(server_.urls(), ElementsAre("http://fake/" + std::string(100, 'c'),
-                                          "http://fake/" + std::string(100, 'd')));
-  EXPECT_EQ(executor->stats().droppedOverCap, 0u);
+// Past the byte bound the oldest are dropped; purged requests give their
+// bytes back to it.
+TEST_F(DurableRequestExecutorTest, TheByteBoundDropsTheOldestAndPurgedOnesGiveTheirBytesBack) {
+  struct Case {
+    std::string purged;  // reported and purged first
+    std::string reported;
+    std::string sent;
+    uint64_t droppedOverCap;
+  };
+  for (const Case& c : {Case{"", "abc", "bc", 1}, Case{"ab", "cd", "cd", 0}}) {
+    SCOPED_TRACE(std::string("purged: ") + c.purged);
+    server_.reset();
+    auto o = options({.paused = true, .concurrency = 1, .folder = c.reported});
+    // Room for two of these records, not three.
+    o.maxStoredBytes = 2 * (12 + 30 + std::string(kKind).size() + 100) + 50;
+    auto executor = start(o);
+    for (char name : c.purged) executor->executeRequest(makeRequest(std::string(100, name)));
+    EXPECT_EQ(executor->purge(), c.purged.size());
+    for (char name : c.reported) executor->executeRequest(makeRequest(std::string(100, name)));
+    executor->setPaused(false);
+    ASSERT_TRUE(executor->flush(5s));
+    EXPECT_THAT(server_.urls(), ElementsAre("http://fake/" + std::string(100, c.sent[0]),
+                                            "http://fake/" + std::string(100, c.sent[1])));
+    EXPECT_EQ(executor->stats().droppedOverCap, c.droppedOverCap);
+  }
 }
 
 TEST_F(DurableRequestExecutorTest, RepeatedLogLinesAreCollapsedWithACount) {
-  auto executor = start(options());
+  auto executor = start();
   std::vector<DeliveryResponse> refusals(40, FakeServer::status(400));
   server_.script(refusals);
   for (int i = 0; i < 40; ++i) executor->executeRequest(makeRequest("refused"));
@@ -943,15 +873,13 @@ TEST_F(DurableRequestExecutorTest, RepeatedLogLinesAreCollapsedWithACount) {
 // MARK: - Waiting requests are read back from the store
 
 TEST_F(DurableRequestExecutorTest, StoredRequestsAreReadBackWhenSentAndOthersKeptWhole) {
-  static std::atomic<int> restored{0};
+  static std::atomic<int> restored;
+  restored = 0;  // again when the test is repeated
   KVNRequestRestorers::registerRestorer("test.counted", [](std::string_view payload) {
     ++restored;
     return std::optional<KVNNetworkRequest>(makeRequest(std::string(payload)));
   });
-  auto o = options();
-  o.startPaused = true;
-  o.concurrency = 1;  // in order
-  auto executor = start(o);
+  auto executor = start(options({.paused = true, .concurrency = 1}));  // in order
   for (const char* name : {"one", "two", "three"}) {
     KVNNetworkRequest r = makeRequest(name);
     // The request's own builder would give another URL than its payload.
@@ -971,17 +899,16 @@ TEST_F(DurableRequestExecutorTest, StoredRequestsAreReadBackWhenSentAndOthersKep
 // from memory, as many as their stored frames come to kKeptWholeBytes, and
 // the rest are read back from the store, in order all the same.
 TEST_F(DurableRequestExecutorTest, TheFirstOfABurstGoOutFromMemoryUpToTheirBytes) {
-  static std::atomic<size_t> restored{0};
+  static std::atomic<size_t> restored;
+  restored = 0;
   KVNRequestRestorers::registerRestorer("test.keptBytes", [](std::string_view payload) {
     ++restored;
     return std::optional<KVNNetworkRequest>(makeRequest(std::string(payload)));
   });
   constexpr size_t kPayload = 4000;
   constexpr size_t kCount = 120;
-  auto o = options();
-  o.concurrency = 1;
   server_.closeGate();
-  auto executor = start(o);
+  auto executor = start(options({.concurrency = 1}));
   std::vector<std::string> urls;
   for (size_t i = 0; i < kCount; ++i) {
     std::string name = std::to_string(1000 + i);
@@ -1022,9 +949,7 @@ TEST_F(DurableRequestExecutorTest, APurgedRequestOnTheWireIsNeverQueuedAgain) {
     SCOPED_TRACE(c.name);
     server_.reset();
     server_.closeGate();
-    auto o = options();
-    o.directory = dir_ / c.name;
-    o.concurrency = 1;
+    const auto o = options({.concurrency = 1, .folder = c.name});
     {
       auto executor = start(o);
       executor->executeRequest(makeRequest("purged"));
@@ -1050,73 +975,47 @@ TEST_F(DurableRequestExecutorTest, APurgedRequestOnTheWireIsNeverQueuedAgain) {
 constexpr double kDaySeconds = 86'400;
 constexpr uint64_t kDayNanos = 86'400ull * 1'000'000'000ull;
 
-TEST_F(DurableRequestExecutorTest, SettingTheWallClockDoesNotAgeTheRequestsOfTheRun) {
+// Within a run requests age with the monotonic clock, whatever the wall
+// clock is set to; across restarts with a clock that never runs backwards.
+TEST_F(DurableRequestExecutorTest, AgeComesFromAClockThatNeverRunsBackwards) {
   struct Case {
     const char* name;
-    double wallWhenReported;  // days from now
-    double wallAfter;
+    bool restart;             // checked by the next run, or by the one that stored them
+    double wallWhenReported;  // days from the first run
+    double wallAtCheck;
+    uint64_t kept;
   };
   const Case cases[] = {
-      {"set 8 days forward", 0, 8},
-      {"made while 30 days behind, then corrected", -30, 0},
+      {"set 8 days forward", false, 0, 8, 3},
+      {"made while 30 days behind, then corrected", false, -30, 0, 3},
+      // Stamped no earlier than the first run's clock, not 30 days back.
+      {"made while 30 days behind, restored once corrected", true, -30, 1.0 / 24, 3},
+      // Taken for just made; they age from there, not kept for good.
+      {"restored while the clock is 30 days behind", true, 0, -30, 3},
+      // A device off for longer than the cap: they are too old.
+      {"restored 8 days later", true, 0, 8, 0},
   };
   const double t0 = env_.now();
   for (const auto& c : cases) {
     SCOPED_TRACE(c.name);
-    auto o = options();
-    o.directory = dir_ / c.name;
-    o.startPaused = true;
+    const auto o = options({.paused = true, .folder = c.name});
+    env_.setNow(t0);
+    if (c.restart) start(o).reset();  // a first run keeps the store's clock
     env_.setNow(t0 + c.wallWhenReported * kDaySeconds);
     auto executor = start(o);
     for (const char* name : {"a", "b", "c"}) executor->executeRequest(makeRequest(name));
-    env_.setNow(t0 + c.wallAfter * kDaySeconds);
+    if (c.restart) executor.reset();
+    env_.setNow(t0 + c.wallAtCheck * kDaySeconds);
+    if (c.restart) executor = start(o);
     ASSERT_TRUE(executor->syncStore(5s));
-    EXPECT_EQ(executor->stats().droppedTooOld, 0u);
-    EXPECT_EQ(executor->stats().waiting, 3u);
+    EXPECT_EQ(executor->stats().restored, c.restart ? c.kept : 0u);
+    EXPECT_EQ(executor->stats().droppedTooOld, 3 - c.kept);
+    EXPECT_EQ(executor->stats().waiting, c.kept);
     // They still age with the time that really passes.
     env_.advanceMonotonic(8 * kDayNanos);
     ASSERT_TRUE(executor->syncStore(5s));
     EXPECT_EQ(executor->stats().droppedTooOld, 3u);
     EXPECT_EQ(executor->stats().waiting, 0u);
-  }
-}
-
-TEST_F(DurableRequestExecutorTest, AcrossRestartsAgeComesFromAClockThatNeverRunsBackwards) {
-  struct Case {
-    const char* name;
-    double wallWhenReported;  // days from the first run
-    double wallAtRestore;
-    uint64_t keptAtRestore;
-  };
-  const Case cases[] = {
-      // Stamped no earlier than the first run's clock, not 30 days back.
-      {"made while 30 days behind, restored once corrected", -30, 1.0 / 24, 3},
-      // Taken for just made; they age from there, not kept for good.
-      {"restored while the clock is 30 days behind", 0, -30, 3},
-      // A device off for longer than the cap: they are too old.
-      {"restored 8 days later", 0, 8, 0},
-  };
-  const double t0 = env_.now();
-  for (const auto& c : cases) {
-    SCOPED_TRACE(c.name);
-    auto o = options();
-    o.directory = dir_ / c.name;
-    o.startPaused = true;
-    env_.setNow(t0);
-    start(o).reset();  // a first run keeps the store's clock
-    env_.setNow(t0 + c.wallWhenReported * kDaySeconds);
-    {
-      auto executor = start(o);
-      for (const char* name : {"a", "b", "c"}) executor->executeRequest(makeRequest(name));
-    }
-    env_.setNow(t0 + c.wallAtRestore * kDaySeconds);
-    auto executor = start(o);
-    ASSERT_TRUE(executor->syncStore(5s));
-    EXPECT_EQ(executor->stats().restored, c.keptAtRestore);
-    EXPECT_EQ(executor->stats().droppedTooOld, 3 - c.keptAtRestore);
-    env_.advanceMonotonic(8 * kDayNanos);
-    ASSERT_TRUE(executor->syncStore(5s));
-    EXPECT_EQ(executor->stats().droppedTooOld, 3u);
   }
 }
 
@@ -1133,8 +1032,7 @@ std::string describeEvent(const DurableRequestExecutor::Event& e) {
 TEST_F(DurableRequestExecutorTest, TheObserverIsToldWhatBecameOfEachRequest) {
   std::mutex mutex;
   std::vector<std::string> seen;
-  auto o = options();
-  o.concurrency = 1;  // in order
+  auto o = options({.concurrency = 1});  // in order
   o.observer = [&](const DurableRequestExecutor::Event& e) {
     std::lock_guard lock(mutex);
     seen.push_back(describeEvent(e));
@@ -1177,9 +1075,7 @@ TEST_F(DurableRequestExecutorTest, RequestsHeldByTheConfigurationAreLoggedOncePe
   auto holds = [this] { return env_.logs().messagesContaining("requests wait: the configuration"); };
   // All three queued before a sender looks, so that the first line counts
   // them all.
-  auto o = options();
-  o.startPaused = true;
-  auto executor = start(o);
+  auto executor = start(options({.paused = true}));
   for (const char* name : {"a", "b", "c"}) executor->executeRequest(makeRequest(name, 1, 2));
   executor->setPaused(false);
   EXPECT_FALSE(executor->flush(300ms));  // workers look again and again meanwhile

@@ -67,35 +67,32 @@ class InProcessRequestExecutorTest : public ::testing::Test {
     KVNConfiguration::sharedInstance().replace(s);
   }
   void TearDown() override { KVNConfiguration::sharedInstance().replace({}); }
+
+  testing::Latch gate_{1};
+  TransportLog log_;
+  // Its transport delivers every request into log_; one to "blocker" waits
+  // for gate_ first.
+  InProcessRequestExecutor executor_{"t", [this](const KVNNetworkRequest&, const KVNEndpoint& e) {
+                                       if (e.urlString() == "blocker") gate_.wait();
+                                       log_.add(e.urlString());
+                                       return true;
+                                     }};
 };
 
-TEST_F(InProcessRequestExecutorTest, KeepsItsIdentifier) {
-  InProcessRequestExecutor executor("com.korvel.tests.backgroundBeacons",
-                                    [](const KVNNetworkRequest&, const KVNEndpoint&) { return true; });
-  EXPECT_EQ(executor.backgroundSessionIdentifier(), "com.korvel.tests.backgroundBeacons");
-}
-
 TEST_F(InProcessRequestExecutorTest, SendsHigherPrioritiesFirstAndEqualOnesInOrder) {
-  testing::Latch gate{1};
-  TransportLog log;
-  InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint& e) {
-    if (e.urlString() == "blocker") gate.wait();
-    log.add(e.urlString());
-    return true;
-  });
   // The worker is held inside the first request while the rest queue up.
-  executor.executeRequest(request("blocker", 100));
-  executor.executeRequest(request("low-1", 0));
-  executor.executeRequest(request("normal-1", 1));
-  executor.executeRequest(request("high-1", 5));
-  executor.executeRequest(request("normal-2", 1));
-  executor.executeRequest(request("low-2", 0));
-  executor.executeRequest(request("high-2", 5));
-  executor.executeRequest(request("negative", -3));
-  gate.count_down();
+  executor_.executeRequest(request("blocker", 100));
+  executor_.executeRequest(request("low-1", 0));
+  executor_.executeRequest(request("normal-1", 1));
+  executor_.executeRequest(request("high-1", 5));
+  executor_.executeRequest(request("normal-2", 1));
+  executor_.executeRequest(request("low-2", 0));
+  executor_.executeRequest(request("high-2", 5));
+  executor_.executeRequest(request("negative", -3));
+  gate_.count_down();
 
-  ASSERT_TRUE(executor.flush(kLong));
-  EXPECT_EQ(log.urls(), (std::vector<std::string>{"blocker", "high-1", "high-2", "normal-1",
+  ASSERT_TRUE(executor_.flush(kLong));
+  EXPECT_EQ(log_.urls(), (std::vector<std::string>{"blocker", "high-1", "high-2", "normal-1",
                                                   "normal-2", "low-1", "low-2", "negative"}));
 }
 
@@ -104,43 +101,33 @@ TEST_F(InProcessRequestExecutorTest, PolicyTwoHoldsUntilEndpointAndInidExist) {
     s.beacons.beaconEndpoint.reset();
     s.inid.reset();
   });
-  TransportLog log;
-  InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint& e) {
-    log.add(e.urlString());
-    return true;
-  });
-  executor.executeRequest(request("held", 1, 2));
-  executor.executeRequest(request("free", 1, 0));
+  executor_.executeRequest(request("held", 1, 2));
+  executor_.executeRequest(request("free", 1, 0));
 
   // A held request does not block the ones behind it.
-  ASSERT_TRUE(log.waitFor(1));
-  EXPECT_FALSE(executor.flush(kHeld));
-  EXPECT_EQ(log.urls(), (std::vector<std::string>{"free"}));
+  ASSERT_TRUE(log_.waitFor(1));
+  EXPECT_FALSE(executor_.flush(kHeld));
+  EXPECT_EQ(log_.urls(), (std::vector<std::string>{"free"}));
 
   // Half the conditions are not enough.
   KVNConfiguration::sharedInstance().setInid("I");
-  EXPECT_FALSE(executor.flush(kHeld));
+  EXPECT_FALSE(executor_.flush(kHeld));
   KVNConfiguration::sharedInstance().setBeaconEndpoint("");
-  EXPECT_FALSE(executor.flush(kHeld));
+  EXPECT_FALSE(executor_.flush(kHeld));
 
   KVNConfiguration::sharedInstance().setBeaconEndpoint("https://b.example/");
-  ASSERT_TRUE(executor.flush(kLong));
-  EXPECT_EQ(log.urls(), (std::vector<std::string>{"free", "held"}));
+  ASSERT_TRUE(executor_.flush(kLong));
+  EXPECT_EQ(log_.urls(), (std::vector<std::string>{"free", "held"}));
 }
 
 TEST_F(InProcessRequestExecutorTest, PolicyOneHoldsUntilConfigured) {
   KVNConfiguration::sharedInstance().setConfigured(false);
-  TransportLog log;
-  InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint& e) {
-    log.add(e.urlString());
-    return true;
-  });
-  executor.executeRequest(request("held", 1, 1));
-  EXPECT_FALSE(executor.flush(kHeld));
-  EXPECT_TRUE(log.urls().empty());
+  executor_.executeRequest(request("held", 1, 1));
+  EXPECT_FALSE(executor_.flush(kHeld));
+  EXPECT_TRUE(log_.urls().empty());
   KVNConfiguration::sharedInstance().setConfigured(true);
-  ASSERT_TRUE(executor.flush(kLong));
-  EXPECT_EQ(log.urls(), (std::vector<std::string>{"held"}));
+  ASSERT_TRUE(executor_.flush(kLong));
+  EXPECT_EQ(log_.urls(), (std::vector<std::string>{"held"}));
 }
 
 TEST_F(InProcessRequestExecutorTest, RetriesUpToCountPlusOneAttempts) {
@@ -181,14 +168,7 @@ TEST_F(InProcessRequestExecutorTest, FlushHonoursItsDeadline) {
 }
 
 TEST_F(InProcessRequestExecutorTest, BuildsTheEndpointOnTheWorkerWhenSending) {
-  testing::Latch gate{1};
-  TransportLog log;
-  InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint& e) {
-    if (e.urlString() == "blocker") gate.wait();
-    log.add(e.urlString());
-    return true;
-  });
-  executor.executeRequest(request("blocker"));
+  executor_.executeRequest(request("blocker"));
 
   std::atomic<int> builds{0};
   std::thread::id builderThread;
@@ -198,45 +178,35 @@ TEST_F(InProcessRequestExecutorTest, BuildsTheEndpointOnTheWorkerWhenSending) {
     builderThread = std::this_thread::get_id();
     return KVNEndpoint("inid=" + KVNConfiguration::sharedInstance().inid().value_or("none"));
   });
-  executor.executeRequest(late);
+  executor_.executeRequest(late);
   EXPECT_EQ(builds, 0);  // queuing does not build
 
   // Changed after queuing, before sending: the URL sees the change.
   KVNConfiguration::sharedInstance().setInid("CHANGED");
-  gate.count_down();
-  ASSERT_TRUE(executor.flush(kLong));
+  gate_.count_down();
+  ASSERT_TRUE(executor_.flush(kLong));
   EXPECT_EQ(builds, 1);
   EXPECT_NE(builderThread, std::this_thread::get_id());
-  EXPECT_EQ(log.urls(), (std::vector<std::string>{"blocker", "inid=CHANGED"}));
+  EXPECT_EQ(log_.urls(), (std::vector<std::string>{"blocker", "inid=CHANGED"}));
 }
 
 TEST_F(InProcessRequestExecutorTest, RequestWithoutEndpointIsDropped) {
-  TransportLog log;
-  InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint& e) {
-    log.add(e.urlString());
-    return true;
-  });
   KVNNetworkRequest none;
   none.setEndpointBuilderBlock([] { return std::optional<KVNEndpoint>(); });
-  executor.executeRequest(none);
-  executor.executeRequest(KVNNetworkRequest());  // no builder at all
-  executor.executeRequest(request("after"));
-  ASSERT_TRUE(executor.flush(kLong));
-  EXPECT_EQ(log.urls(), (std::vector<std::string>{"after"}));
+  executor_.executeRequest(none);
+  executor_.executeRequest(KVNNetworkRequest());  // no builder at all
+  executor_.executeRequest(request("after"));
+  ASSERT_TRUE(executor_.flush(kLong));
+  EXPECT_EQ(log_.urls(), (std::vector<std::string>{"after"}));
 }
 
 TEST_F(InProcessRequestExecutorTest, StopDropsWhatIsQueued) {
   KVNConfiguration::sharedInstance().setConfigured(false);
-  TransportLog log;
-  InProcessRequestExecutor executor("t", [&](const KVNNetworkRequest&, const KVNEndpoint& e) {
-    log.add(e.urlString());
-    return true;
-  });
-  executor.executeRequest(request("dropped-1", 1, 1));
-  executor.executeRequest(request("dropped-2", 1, 1));
-  executor.stop();
-  EXPECT_TRUE(executor.flush(0ms));
-  EXPECT_TRUE(log.urls().empty());
+  executor_.executeRequest(request("dropped-1", 1, 1));
+  executor_.executeRequest(request("dropped-2", 1, 1));
+  executor_.stop();
+  EXPECT_TRUE(executor_.flush(0ms));
+  EXPECT_TRUE(log_.urls().empty());
 }
 
 // Requests from several threads all arrive exactly once.

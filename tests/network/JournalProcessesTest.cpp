@@ -33,6 +33,13 @@ std::string frameOf(uint64_t id) {
   return encodeFrame(r);
 }
 
+// The ids a store recovers.
+std::set<uint64_t> recoveredIds(RequestStore& store) {
+  std::set<uint64_t> ids;
+  for (const auto& r : store.recover()) ids.insert(r.id);
+  return ids;
+}
+
 std::unique_ptr<RequestStore> openStore(const fs::path& dir) {
   RequestStoreOptions options;
   options.directory = dir;
@@ -113,14 +120,12 @@ TEST_F(JournalProcessesTest, EveryProcessOnOneFolderIsDurableAndTheNextStartTake
 
   auto store = open();
   ASSERT_TRUE(store);
-  std::set<uint64_t> recovered;
-  for (const auto& r : store->recover()) recovered.insert(r.id);
-  EXPECT_EQ(recovered, all);
+  EXPECT_EQ(recoveredIds(*store), all);
   // Delivered, they are gone for good: the next start finds nothing.
   store->sync(std::vector<uint64_t>(all.begin(), all.end()));
   store->compact();
   store.reset();
-  EXPECT_TRUE(open()->recover().empty());
+  EXPECT_TRUE(recoveredIds(*open()).empty());
 }
 
 TEST_F(JournalProcessesTest, AProcessStartingBesideALiveOneTakesOverOnlyJournalsNoOneHolds) {
@@ -134,16 +139,12 @@ TEST_F(JournalProcessesTest, AProcessStartingBesideALiveOneTakesOverOnlyJournals
 
   auto store = open();
   ASSERT_TRUE(store);
-  std::set<uint64_t> recovered;
-  for (const auto& r : store->recover()) recovered.insert(r.id);
-  EXPECT_EQ(recovered, std::set<uint64_t>(ended->begin(), ended->end()))
+  EXPECT_EQ(recoveredIds(*store), std::set<uint64_t>(ended->begin(), ended->end()))
       << "the live process's journal is its own";
   store->sync(*ended);  // delivered
   store.reset();
   killAll();
-  recovered.clear();
-  for (const auto& r : open()->recover()) recovered.insert(r.id);
-  EXPECT_EQ(recovered, std::set<uint64_t>(live->begin(), live->end()));
+  EXPECT_EQ(recoveredIds(*open()), std::set<uint64_t>(live->begin(), live->end()));
 }
 
 }  // namespace

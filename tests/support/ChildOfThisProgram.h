@@ -1,6 +1,6 @@
 // This test program started again as a child process whose standard output
 // the test reads line by line, and killed at once (SIGKILL on POSIX,
-// TerminateProcess on Windows). The child finds its part by the variables
+// TerminateProcess on Windows) or waited for. The child finds its part by the variables
 // it is given, during static initialisation, and never reaches the tests.
 #pragma once
 
@@ -67,7 +67,8 @@ class ChildOfThisProgram {
     return running_;
   }
 
-  // Kills it at once; true when it was killed (it had not ended by itself).
+  // Kills it at once; true when the kill ended it (it had not ended by
+  // itself, nor crashed).
   bool kill() {
     running_ = false;
 #ifdef _WIN32
@@ -81,7 +82,24 @@ class ChildOfThisProgram {
     ::kill(pid_, SIGKILL);
     int status = 0;
     waitpid(pid_, &status, 0);
-    return WIFSIGNALED(status);
+    return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
+#endif
+  }
+
+  // Waits for it to end by itself: its exit code, or -1 when a signal
+  // ended it.
+  int wait() {
+    running_ = false;
+#ifdef _WIN32
+    WaitForSingleObject(process_.hProcess, INFINITE);
+    DWORD code = 0;
+    GetExitCodeProcess(process_.hProcess, &code);
+    CloseHandle(process_.hProcess);
+    return static_cast<int>(code);
+#else
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 #endif
   }
 

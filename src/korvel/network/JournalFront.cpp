@@ -270,14 +270,19 @@ bool JournalFront::switchSegmentLocked(size_t frameBytes) {
     }
   }
   if (active_.fd >= 0) {
-    // The writer has not taken the segment closed before this one yet (a
-    // long sync, or it waits for a core): this one's mapping goes now, on
-    // the caller's thread, rather than a burst leaving segment after
-    // segment resident, each with every page it was written through, until
-    // the writer is back. The writer finishes it unmapped.
-    const bool writerBehind = std::any_of(closing_.begin(), closing_.end(),
-                                          [](const Segment& s) { return s.map != nullptr; });
-    if (writerBehind && active_.map != nullptr) {
+    // The writer unmaps closed segments as soon as it sees them. Should it
+    // be away long (a long sync, or it waits for a core) while a burst
+    // closes segment after segment, each would stay resident with every
+    // page it was written through: past kClosedMappedBytes of them, the
+    // caller lets go of this one's mapping itself, and the writer finishes
+    // it unmapped. Not at every one the writer has not taken yet: an unmap
+    // costs the caller tens of microseconds, and a writer merely a segment
+    // late would have the report calls pay it at every switch.
+    uint64_t mapped = 0;
+    for (const Segment& closed : closing_) {
+      if (closed.map != nullptr) mapped += closed.room;
+    }
+    if (mapped > 0 && mapped + active_.room > kClosedMappedBytes && active_.map != nullptr) {
       files_.unmap(active_.map, active_.room);
       active_.map = nullptr;
     }
@@ -415,41 +420,62 @@ bool JournalFront::rotate() {
   return switchSegmentLocked(0);
 }
 
-void JournalFront::prefaultNextSpare() {
-  char* map = nullptr;
-  uint64_t from = 0;
-  uint64_t to = 0;
-  uint32_t number = 0;
-  {
-    MutexLock lock(mutex_);
-    if (spares_.empty() || spares_.front().map == nullptr ||
-        spares_.front().prefaulted >= spares_.front().room) {
+JournalFront::Mappings JournalFront::mappings() const {
+  MutexLock lock(mutex_);
+  Mappings out;
+  for (const Segment& spare : spares_) {
+    out.spares.push_back({spare.room, spare.map != nullptr ? spare.prefaulted : 0});
+  }
+  for (const Segment& closed : closing_) {
+    if (closed.map != nullptr) out.closedMappedBytes += closed.room;
+  }
+  return out;
+}
+
+uint64_t JournalFront::writableBytesWanted(size_t place) const {
+  uint64_t before = 0;
+  for (size_t i = 0; i < place && i < spares_.size(); ++i) before += spares_[i].room;
+  return before >= kWritableSpareBytes ? kSpareHeadBytes
+                                       : std::max(kSpareHeadBytes, kWritableSpareBytes - before);
+}
+
+void JournalFront::prefaultNextSpares() {
+  for (size_t place = 0;; ++place) {
+    char* map = nullptr;
+    uint64_t from = 0;
+    uint64_t to = 0;
+    uint32_t number = 0;
+    {
+      MutexLock lock(mutex_);
+      if (spares_.size() <= place) return;
+      const Segment& spare = spares_[place];
+      const uint64_t wanted = writableBytesWanted(place);
+      if (wanted <= kSpareHeadBytes) return;  // made so, and so are the ones after it
+      to = std::min(spare.room, wanted);
+      if (spare.map == nullptr || spare.prefaulted >= to) continue;
+      map = spare.map;
+      from = spare.prefaulted / pageBytes() * pageBytes();
+      number = spare.number;
+    }
+    // Without the lock: a caller may move on to it meanwhile and append,
+    // which this neither disturbs nor sees (no byte changes). Should a
+    // caller also fill it and unmap it (the writer behind) before this is
+    // done, the call fails on the range that went, changing nothing.
+    if (files_.prefault(map + from, to - from) != 0) {
+      // No such call here: from now on spares are written whole when made.
+      if (errno == ENOSYS || errno == EINVAL) prefaultWorks_.store(false, std::memory_order_relaxed);
       return;
     }
-    const Segment& next = spares_.front();
-    map = next.map;
-    from = next.prefaulted / pageBytes() * pageBytes();
-    to = next.room;
-    number = next.number;
-  }
-  // Without the lock: a caller may move on to it meanwhile and append, which
-  // this neither disturbs nor sees (no byte changes). Should a caller also
-  // fill it and unmap it (the writer behind) before this is done, the call
-  // fails on the range that went, changing nothing.
-  if (files_.prefault(map + from, to - from) != 0) {
-    // No such call here: from now on spares are written whole when made.
-    if (errno == ENOSYS || errno == EINVAL) prefaultWorks_.store(false, std::memory_order_relaxed);
-    return;
-  }
-  MutexLock lock(mutex_);
-  if (active_.number == number) active_.prefaulted = to;
-  for (auto& spare : spares_) {
-    if (spare.number == number) spare.prefaulted = to;
+    MutexLock lock(mutex_);
+    if (active_.number == number) active_.prefaulted = to;
+    for (auto& spare : spares_) {
+      if (spare.number == number) spare.prefaulted = to;
+    }
   }
 }
 
 void JournalFront::topUpSpares() {
-  prefaultNextSpare();
+  prefaultNextSpares();
   size_t missing;
   {
     MutexLock lock(mutex_);
@@ -457,15 +483,13 @@ void JournalFront::topUpSpares() {
     missing = target - std::min(target, spares_.size());
   }
   for (; missing > 0; --missing) {
-    bool nextInLine;
-    {
+    uint64_t writable = UINT64_MAX;
+    if (prefaultWorks_.load(std::memory_order_relaxed)) {
       MutexLock lock(mutex_);
-      nextInLine = spares_.empty();
+      writable = writableBytesWanted(spares_.size());
     }
     std::string error;
-    auto spare = createSegment(
-        0, nextInLine || !prefaultWorks_.load(std::memory_order_relaxed) ? UINT64_MAX : kSpareHeadBytes,
-        error);
+    auto spare = createSegment(0, writable, error);
     // Without a spare a caller makes the next segment itself.
     if (!spare) break;
     {

@@ -181,6 +181,36 @@ class JournalFront {
   // The first segments' size (or segmentBytes when smaller): about eighty
   // beacons. Segments grow from it only while appends fill them.
   static constexpr uint64_t kFirstSegmentBytes = 64u << 10;
+  // Every page of a mapped segment that was made writable counts in the
+  // process's resident memory until the segment is unmapped. The spares
+  // have their pages made writable in the order callers take them, up to
+  // kWritableSpareBytes in all (more than one of the largest segments), and
+  // the others only their first kSpareHeadBytes until they move up, which
+  // the writer sees at the sync a switch brings forward. A writer that waits
+  // for a core or for a sync has the time callers take to fill the next
+  // segment to make more of the one after it writable: with only the next
+  // one whole, a burst outran it and took a page fault every few calls.
+  // Where pages cannot be made writable without writing them (prefaultWorks_
+  // false) every spare is written whole when it is made.
+  static constexpr uint64_t kWritableSpareBytes = 2u << 20;
+  static constexpr uint64_t kSpareHeadBytes = 64u << 10;
+  // The room of the closed segments that may stay mapped until the writer
+  // takes them (one of the largest, four of the smaller ones a burst starts
+  // with; always one, however large); a caller that closes one more unmaps
+  // it itself.
+  static constexpr uint64_t kClosedMappedBytes = 1u << 20;
+
+  // The spares, next first, and the closed segments not yet finished, as
+  // their mappings stand (tests, figures).
+  struct Mappings {
+    struct Spare {
+      uint64_t room = 0;
+      uint64_t writable = 0;  // its first bytes whose pages were made writable
+    };
+    std::vector<Spare> spares;
+    uint64_t closedMappedBytes = 0;  // the room of closed segments still mapped
+  };
+  Mappings mappings() const KORVEL_EXCLUDES(mutex_);
 
  private:
   struct Segment {
@@ -206,8 +236,12 @@ class JournalFront {
   // so the appends into them take no page faults. Any thread; takes no
   // lock of the front's.
   std::optional<Segment> createSegment(size_t frameBytes, uint64_t prefaultBytes, std::string& error);
-  // Makes the rest of the next spare's pages writable (writer thread).
-  void prefaultNextSpare() KORVEL_EXCLUDES(mutex_);
+  // Makes the pages of the next spares writable, up to
+  // kWritableSpareBytes in all (writer thread).
+  void prefaultNextSpares() KORVEL_EXCLUDES(mutex_);
+  // How many of the first bytes of the spare at place (or of one made to
+  // join the spares there) are to be writable.
+  uint64_t writableBytesWanted(size_t place) const KORVEL_REQUIRES(mutex_);
   // Closes the active segment and installs the spare or a new one; with the
   // lock held. False when no segment could be made.
   bool switchSegmentLocked(size_t frameBytes) KORVEL_REQUIRES(mutex_);
@@ -248,13 +282,6 @@ class JournalFront {
   static constexpr size_t kQuietSpareSegments = 1;
   static constexpr size_t kSpareSegments = 2;
   static constexpr size_t kMaxSpareSegments = 4;
-  // Every page of a mapped segment that was made writable counts in the
-  // process's resident memory until the segment is unmapped. Only the next
-  // spare has all of them; the others only their first pages until they
-  // are next in line, which the writer sees at the sync a switch brings
-  // forward. Where pages cannot be made writable without writing them
-  // (prefaultWorks_ false) every spare is written whole when it is made.
-  static constexpr uint64_t kSpareHeadBytes = 64u << 10;
   std::atomic<bool> prefaultWorks_{true};
   std::atomic<size_t> spareTarget_{kQuietSpareSegments};
   // The size of the segments made next: kFirstSegmentBytes, doubled by
