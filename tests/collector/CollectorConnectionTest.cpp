@@ -1,9 +1,7 @@
-// The collector's connections as a client sees them on the socket: without a
-// store its beacons take the quick route (answered before httplib parses
-// them), with one they go through httplib's parsing and routing; either way
-// the answers are the same bytes, requests that are not plain GETs are
-// checked by httplib, pipelined requests are all answered and stop() does not
-// wait for idle keep-alive connections.
+// The collector's connections as a client sees them on the socket, with and
+// without a store: pipelined requests are all answered, stop() does not wait
+// for idle keep-alive connections, and a page that streams to a client
+// notices it go away.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>
@@ -97,78 +95,8 @@ std::unique_ptr<BeaconCollector> startCollector(bool withStore) {
   return collector;
 }
 
-// Each misbehaviour and way of asking gets the same bytes from the quick
-// route (no store) as from httplib's (a store).
-TEST(CollectorConnectionTest, TheQuickRouteAnswersAsHttplibDoes) {
-  struct Case {
-    const char* name;
-    void (*prepare)(BeaconCollector&);
-    std::string request;
-  };
-  const Case cases[] = {
-      {"accepted", [](BeaconCollector&) {}, beaconRequest("a=1")},
-      {"accepted, then close", [](BeaconCollector&) {},
-       beaconRequest("a=1", "Connection: close\r\n")},
-      {"failed with Retry-After",
-       [](BeaconCollector& c) { c.failNext(1, 503, std::string("7")); }, beaconRequest("a=1")},
-      {"failed without", [](BeaconCollector& c) { c.failNext(1, 429); }, beaconRequest("a=1")},
-      {"cut off", [](BeaconCollector& c) { c.dropNext(1); }, beaconRequest("a=1")},
-  };
-  for (const Case& c : cases) {
-    std::string answers[2];
-    for (bool withStore : {false, true}) {
-      auto collector = startCollector(withStore);
-      ASSERT_NE(collector, nullptr);
-      c.prepare(*collector);
-      Connection connection(collector->port());
-      ASSERT_TRUE(connection.send(c.request)) << c.name;
-      answers[withStore] = connection.answer();
-    }
-    EXPECT_FALSE(answers[0].empty()) << c.name;
-    EXPECT_EQ(answers[0], answers[1]) << c.name;
-  }
-}
-
-// What is not a plain GET goes to httplib, which checks it as before: the
-// quick route must neither take a request httplib refuses nor lose one it
-// takes in pieces.
-TEST(CollectorConnectionTest, RequestsThatAreNotPlainGetsAreCheckedByHttplib) {
-  const std::string longTarget = "/b/INID/14.2/Model/startup?a=" + std::string(9000, 'x');
-  struct Case {
-    const char* name;
-    std::vector<std::string> pieces;  // sent one after the other
-    int status;
-    size_t beacons;
-  };
-  const Case cases[] = {
-      {"plain", {beaconRequest("a=1")}, 204, 1},
-      {"head in pieces",
-       {"GET /b/INID/14.2/Mo", "del/startup?a=1 HTTP/1.1\r\nHo", "st: x\r\n", "\r\n"},
-       204,
-       1},
-      {"with a body", {beaconRequest("a=1", "Content-Length: 3\r\n") + "abc"}, 204, 1},
-      {"HTTP/1.0", {"GET /b/INID/14.2/Model/startup?a=1 HTTP/1.0\r\n\r\n"}, 204, 1},
-      {"target over the limit", {"GET " + longTarget + " HTTP/1.1\r\n\r\n"}, 414, 0},
-      {"an unknown version", {"GET /b/INID/14.2/Model/startup?a=1 HTTP/1.2\r\n\r\n"}, 400, 0},
-      {"a POST", {"POST /b/INID/14.2/Model/startup HTTP/1.1\r\nContent-Length: 0\r\n\r\n"}, 404,
-       0},
-  };
-  for (const Case& c : cases) {
-    auto collector = startCollector(false);
-    ASSERT_NE(collector, nullptr);
-    Connection connection(collector->port());
-    for (const auto& piece : c.pieces) {
-      ASSERT_TRUE(connection.send(piece)) << c.name;
-      std::this_thread::yield();
-    }
-    const std::string answer = connection.answer();
-    EXPECT_EQ(std::atoi(answer.c_str() + 9), c.status) << c.name << ": " << answer;
-    EXPECT_EQ(collector->beaconCount(), c.beacons) << c.name;
-  }
-}
-
 // Requests written back to back on one connection, before any answer, are
-// each answered in order, on either route.
+// each answered in order.
 TEST(CollectorConnectionTest, PipelinedRequestsAreAllAnswered) {
   for (bool withStore : {false, true}) {
     auto collector = startCollector(withStore);

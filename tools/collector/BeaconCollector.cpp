@@ -109,32 +109,6 @@ bool BeaconCollector::start() {
       res.status = 204;
     }
   });
-  // Without a store, every GET but the configuration's is a beacon: those
-  // are answered before httplib parses them (its parsing of the request
-  // line and query, a byte at a time, was most of the collector's own work
-  // per beacon). Requests that are not plain GETs still go the way above.
-  if (!options_.store) {
-    auto configuration = options_.configuration;
-    http.setQuickGet(
-        [configuration](std::string_view path) {
-          return !configuration || !ConfigurationEndpoint::handles(
-                                        httplib::detail::decode_url(std::string(path), false));
-        },
-        [this](std::string_view target) {
-          const Answer answer = answerBeacon(std::string(target));
-          HttpServer::QuickAnswer quick;
-          if (answer.drop) {
-            quick.status = 200;
-            quick.cutOffAfter = kDroppedLength;
-          } else if (answer.status != 204) {
-            quick.status = answer.status;
-            if (answer.retryAfter) quick.headers.emplace("Retry-After", *answer.retryAfter);
-            quick.body = kFailureBody;
-          }
-          return quick;
-        });
-  }
-
   if (options_.port == 0) {
     port_ = http.bind_to_any_port(options_.host);
   } else {

@@ -9,21 +9,11 @@
 
 #include <algorithm>
 #include <array>
-#include <cctype>
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
 #include <limits>
-#include <optional>
-#include <string>
-#include <string_view>
 #include <vector>
-
-// Exported by the packaged library but not declared in its header: the
-// reason phrase httplib writes after a status.
-namespace httplib::detail {
-const char* status_message(int status);
-}
 
 namespace korvel::tools {
 
@@ -48,29 +38,6 @@ class ConnectionStream final : public httplib::Stream {
   bool waitForRequest(int timeoutMs) {
     return begin_ < end_ || waitFor(POLLIN, timeoutMs);
   }
-
-  // The next request's head (through its empty line) as it sits in the
-  // buffer, read as far as needed; empty when it does not fit in the buffer
-  // or the connection ends or stalls before it is complete. Nothing is
-  // consumed.
-  std::string_view peekHead() {
-    while (true) {
-      const std::string_view have(buffer_.data() + begin_, end_ - begin_);
-      const size_t blank = have.find("\r\n\r\n");
-      if (blank != std::string_view::npos) return have.substr(0, blank + 4);
-      if (begin_ > 0) {
-        std::memmove(buffer_.data(), buffer_.data() + begin_, end_ - begin_);
-        end_ -= begin_;
-        begin_ = 0;
-      }
-      if (end_ == buffer_.size()) return {};
-      const ssize_t got = receive(end_);
-      if (got <= 0) return {};
-      end_ += static_cast<size_t>(got);
-    }
-  }
-
-  void consume(size_t count) { begin_ += std::min(count, end_ - begin_); }
 
   bool is_readable() const override { return begin_ < end_ || waitFor(POLLIN, readTimeoutMs_); }
   // As httplib's own: the socket takes bytes and the peer has not closed
@@ -184,102 +151,6 @@ class ConnectionStream final : public httplib::Stream {
   mutable Address local_;
 };
 
-bool isTokenChar(char c) {
-  return std::isalnum(static_cast<unsigned char>(c)) ||
-         std::string_view("!#$%&'*+-.^_`|~").find(c) != std::string_view::npos;
-}
-
-bool equalsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() &&
-         std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return std::tolower(static_cast<unsigned char>(x)) ==
-                  std::tolower(static_cast<unsigned char>(y));
-         });
-}
-
-// A plain GET's head (see HttpServer::setQuickGet): its target, and whether
-// it asks for the connection to close; nullopt for any other head.
-struct PlainGet {
-  std::string_view target;
-  bool close = false;
-};
-
-std::optional<PlainGet> plainGet(std::string_view head) {
-  constexpr std::string_view kMethod = "GET ", kVersion = " HTTP/1.1";
-  size_t lineEnd = head.find("\r\n");
-  std::string_view line = head.substr(0, lineEnd);
-  if (!line.starts_with(kMethod) || !line.ends_with(kVersion)) return std::nullopt;
-  PlainGet get;
-  get.target = line.substr(kMethod.size(), line.size() - kMethod.size() - kVersion.size());
-  if (get.target.empty() || get.target.front() != '/' ||
-      get.target.size() > CPPHTTPLIB_REQUEST_URI_MAX_LENGTH) {
-    return std::nullopt;
-  }
-  for (char c : get.target) {
-    if (c <= ' ' || c >= 0x7f) return std::nullopt;
-  }
-  bool connectionSeen = false;
-  while (true) {
-    head.remove_prefix(lineEnd + 2);
-    lineEnd = head.find("\r\n");
-    line = head.substr(0, lineEnd);
-    if (line.empty()) return get;
-    if (line.size() > CPPHTTPLIB_HEADER_MAX_LENGTH) return std::nullopt;
-    const size_t colon = line.find(':');
-    if (colon == 0 || colon == std::string_view::npos) return std::nullopt;
-    const std::string_view name = line.substr(0, colon);
-    if (!std::all_of(name.begin(), name.end(), isTokenChar)) return std::nullopt;
-    std::string_view value = line.substr(colon + 1);
-    for (char c : value) {
-      if ((c < ' ' && c != '\t') || c == 0x7f) return std::nullopt;
-    }
-    while (!value.empty() && (value.front() == ' ' || value.front() == '\t')) value.remove_prefix(1);
-    while (!value.empty() && (value.back() == ' ' || value.back() == '\t')) value.remove_suffix(1);
-    if (equalsIgnoringCase(name, "Content-Length") ||
-        equalsIgnoringCase(name, "Transfer-Encoding") || equalsIgnoringCase(name, "Expect")) {
-      return std::nullopt;
-    }
-    // httplib looks at the first Connection header only.
-    if (equalsIgnoringCase(name, "Connection") && !connectionSeen) {
-      connectionSeen = true;
-      get.close = value == "close";
-    }
-  }
-}
-
-std::string answerText(const HttpServer::QuickAnswer& answer, bool close,
-                       time_t keepAliveTimeoutSeconds, size_t keepAliveMaxCount) {
-  httplib::Headers headers = answer.headers;
-  if (close) {
-    headers.emplace("Connection", "close");
-  } else {
-    headers.emplace("Keep-Alive", "timeout=" + std::to_string(keepAliveTimeoutSeconds) +
-                                      ", max=" + std::to_string(keepAliveMaxCount));
-  }
-  const size_t length = answer.cutOffAfter > 0 ? answer.cutOffAfter : answer.body.size();
-  if (length > 0 && headers.find("Content-Type") == headers.end()) {
-    headers.emplace("Content-Type", "text/plain");
-  }
-  if (headers.find("Content-Length") == headers.end()) {
-    headers.emplace("Content-Length", std::to_string(length));
-  }
-  std::string text = "HTTP/1.1 " + std::to_string(answer.status) + " " +
-                     httplib::detail::status_message(answer.status) + "\r\n";
-  for (const auto& [name, value] : headers) text += name + ": " + value + "\r\n";
-  text += "\r\n";
-  if (answer.cutOffAfter == 0) text += answer.body;
-  return text;
-}
-
-bool writeAll(httplib::Stream& stream, std::string_view text) {
-  while (!text.empty()) {
-    const ssize_t n = stream.write(text.data(), text.size());
-    if (n <= 0) return false;
-    text.remove_prefix(static_cast<size_t>(n));
-  }
-  return true;
-}
-
 }  // namespace
 
 HttpServer::HttpServer() {
@@ -303,11 +174,6 @@ void HttpServer::stopServing() {
   stop();
 }
 
-void HttpServer::setQuickGet(QuickTakes takes, QuickHandler handler) {
-  quickTakes_ = std::move(takes);
-  quickHandler_ = std::move(handler);
-}
-
 bool HttpServer::process_and_close_socket(socket_t sock) {
   const int flags = ::fcntl(sock, F_GETFL, 0);
   ::fcntl(sock, F_SETFL, flags | O_NONBLOCK);
@@ -317,19 +183,6 @@ bool HttpServer::process_and_close_socket(socket_t sock) {
   bool served = false;
   for (size_t left = keep_alive_max_count_; left > 0 && svr_sock_ != INVALID_SOCKET; --left) {
     if (!stream.waitForRequest(keepAliveMs)) break;
-    if (quickHandler_) {
-      const std::string_view head = stream.peekHead();
-      const auto get = head.empty() ? std::nullopt : plainGet(head);
-      if (get && quickTakes_(get->target.substr(0, get->target.find('?')))) {
-        const QuickAnswer answer = quickHandler_(get->target);
-        stream.consume(head.size());
-        const bool close = get->close || left == 1;
-        served = writeAll(stream, answerText(answer, close, keep_alive_timeout_sec_,
-                                             keep_alive_max_count_));
-        if (!served || close || answer.cutOffAfter > 0) break;
-        continue;
-      }
-    }
     bool closed = false;
     served = process_request(stream, left == 1, closed, nullptr);
     if (!served || closed) break;
