@@ -2,6 +2,7 @@
 #include "collector/BeaconStore.h"
 #include "collector/ConfigurationEndpoint.h"
 #include "collector/FormDecoding.h"
+#include "collector/HttpServer.h"
 #include "collector/InspectorRoutes.h"
 
 #include <algorithm>
@@ -48,8 +49,16 @@ std::string CollectedBeacon::toJsonLine() const {
   return line.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
+namespace {
+
+// A dropped request's answer announces this many bytes and sends none.
+constexpr size_t kDroppedLength = 64;
+constexpr const char* kFailureBody = "try again\n";
+
+}  // namespace
+
 struct BeaconCollector::Server {
-  httplib::Server http;
+  HttpServer http;
 };
 
 BeaconCollector::BeaconCollector() : BeaconCollector(Options{}) {}
@@ -77,11 +86,6 @@ bool BeaconCollector::start() {
     installInspectorRoutes(http, options_.store, &stopping_);
   }
   http.Get(R"(/.*)", [this](const httplib::Request& req, httplib::Response& res) {
-    if (options_.backgroundPriority) {
-      thread_local bool lowered = false;
-      if (!lowered) platform::internal::lowerThisThreadPriority();
-      lowered = true;
-    }
     if (options_.configuration && ConfigurationEndpoint::handles(req.path)) {
       std::optional<std::string> ifNoneMatch;
       if (req.has_header("If-None-Match")) ifNoneMatch = req.get_header_value("If-None-Match");
@@ -91,70 +95,20 @@ bool BeaconCollector::start() {
       if (answer.status != 304) res.set_content(answer.body, answer.contentType.c_str());
       return;
     }
-    if (options_.delay.count() > 0) std::this_thread::sleep_for(options_.delay);
-    CollectedRequest record{std::chrono::steady_clock::now(), 0, req.target};
-    bool drop = false;
-    int failStatus = 0;
-    std::optional<std::string> retryAfter;
-    {
-      MutexLock lock(mutex_);
-      if (dropLeft_ > 0) {
-        --dropLeft_;
-        drop = true;
-      } else if (failLeft_ > 0) {
-        --failLeft_;
-        failStatus = failStatus_;
-        retryAfter = retryAfter_;
-      } else if (options_.failEvery > 0 && ++answered_ % options_.failEvery == 0) {
-        failStatus = options_.failStatus;
-      }
-    }
-    if (drop) {
+    const Answer answer = answerBeacon(req.target);
+    if (answer.drop) {
       // Announce a body, then fail to produce it: the connection closes
       // before the answer is complete.
       res.set_content_provider(
-          64, "text/plain", [](size_t, size_t, httplib::DataSink&) { return false; });
-    } else if (failStatus != 0) {
-      res.status = failStatus;
-      if (retryAfter) res.set_header("Retry-After", *retryAfter);
-      res.set_content("try again\n", "text/plain");
-      record.status = failStatus;
+          kDroppedLength, "text/plain", [](size_t, size_t, httplib::DataSink&) { return false; });
+    } else if (answer.status != 204) {
+      res.status = answer.status;
+      if (answer.retryAfter) res.set_header("Retry-After", *answer.retryAfter);
+      res.set_content(kFailureBody, "text/plain");
     } else {
       res.status = 204;
-      record.status = 204;
     }
-
-    if (options_.store) {
-      const auto now = std::chrono::system_clock::now().time_since_epoch();
-      options_.store->add(
-          {std::chrono::duration_cast<std::chrono::milliseconds>(now).count(), record.status,
-           req.target});
-    }
-    std::optional<CollectedBeacon> beacon;
-    if (record.status == 204) beacon = CollectedBeacon::decode(req.target);
-    if (beacon && options_.onBeacon) {
-      MutexLock lock(callbackMutex_);
-      options_.onBeacon(*beacon);
-    }
-    bool wake = false;
-    {
-      MutexLock lock(mutex_);
-      ++requestCount_;
-      if (options_.keepBeacons) requests_.push_back(std::move(record));
-      if (beacon) {
-        ++beaconCount_;
-        if (options_.keepBeacons) beacons_.push_back(std::move(*beacon));
-      }
-      // Waiters are woken once the count they wait for is reached, not at
-      // every beacon (a context switch each while thousands arrive).
-      if (beaconCount_ >= wakeAt_) {
-        wakeAt_ = SIZE_MAX;
-        wake = true;
-      }
-    }
-    if (wake) arrived_.signalAll();
   });
-
   if (options_.port == 0) {
     port_ = http.bind_to_any_port(options_.host);
   } else {
@@ -179,9 +133,65 @@ bool BeaconCollector::start() {
 void BeaconCollector::stop() {
   if (!server_) return;
   stopping_ = true;
-  server_->http.stop();
+  server_->http.stopServing();
   if (thread_.joinable()) thread_.join();
   server_.reset();
+}
+
+BeaconCollector::Answer BeaconCollector::answerBeacon(const std::string& target) {
+  if (options_.backgroundPriority) {
+    thread_local bool lowered = false;
+    if (!lowered) platform::internal::lowerThisThreadPriority();
+    lowered = true;
+  }
+  if (options_.delay.count() > 0) std::this_thread::sleep_for(options_.delay);
+  CollectedRequest record{std::chrono::steady_clock::now(), 0,
+                          options_.keepBeacons ? target : std::string()};
+  Answer answer;
+  {
+    MutexLock lock(mutex_);
+    if (dropLeft_ > 0) {
+      --dropLeft_;
+      answer.drop = true;
+    } else if (failLeft_ > 0) {
+      --failLeft_;
+      answer.status = failStatus_;
+      answer.retryAfter = retryAfter_;
+    } else if (options_.failEvery > 0 && ++answered_ % options_.failEvery == 0) {
+      answer.status = options_.failStatus;
+    }
+  }
+  record.status = answer.drop ? 0 : answer.status;
+
+  if (options_.store) {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    options_.store->add({std::chrono::duration_cast<std::chrono::milliseconds>(now).count(),
+                         record.status, target});
+  }
+  std::optional<CollectedBeacon> beacon;
+  if (record.status == 204) beacon = CollectedBeacon::decode(target);
+  if (beacon && options_.onBeacon) {
+    MutexLock lock(callbackMutex_);
+    options_.onBeacon(*beacon);
+  }
+  bool wake = false;
+  {
+    MutexLock lock(mutex_);
+    ++requestCount_;
+    if (options_.keepBeacons) requests_.push_back(std::move(record));
+    if (beacon) {
+      ++beaconCount_;
+      if (options_.keepBeacons) beacons_.push_back(std::move(*beacon));
+    }
+    // Waiters are woken once the count they wait for is reached, not at
+    // every beacon (a context switch each while thousands arrive).
+    if (beaconCount_ >= wakeAt_) {
+      wakeAt_ = SIZE_MAX;
+      wake = true;
+    }
+  }
+  if (wake) arrived_.signalAll();
+  return answer;
 }
 
 std::string BeaconCollector::baseURL() const {

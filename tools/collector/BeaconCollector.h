@@ -108,6 +108,16 @@ class BeaconCollector {
 
  private:
   struct Server;
+  // What a beacon request is answered: dropped, or its status (204, or a
+  // failure with its Retry-After).
+  struct Answer {
+    bool drop = false;
+    int status = 204;
+    std::optional<std::string> retryAfter;
+  };
+
+  // Decides a beacon request's answer, stores and counts it and hands it on.
+  Answer answerBeacon(const std::string& target);
 
   Options options_;
   std::unique_ptr<Server> server_;
