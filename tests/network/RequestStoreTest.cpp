@@ -14,10 +14,12 @@
 #include <filesystem>
 #include <fstream>
 #include <random>
+#include <thread>
 
 #include <korvel/network/internal/JournalFront.h>
 #include "support/FaultInjectingFileSystem.h"
 #include "support/FolderTest.h"
+#include "support/Latch.h"
 #include "support/TestEnv.h"
 
 namespace korvel::network::internal {
@@ -382,6 +384,60 @@ TEST_F(RequestStoreTest, AppendsReachTheIndexWhenTakenAndBetweenTheStepsOfASync)
   EXPECT_EQ(seenInSteps.front(), 150u);
   // Each later step has taken the appends made in the steps before it.
   EXPECT_EQ(seenInSteps.back(), 150u + seenInSteps.size() - 1);
+}
+
+// Those steps take the appends only when the index is free: a sender that
+// reads a request back holds it, and the writer goes on finishing segments
+// and making spares meanwhile rather than wait for the read.
+TEST_F(RequestStoreTest, ASyncsStepsDoNotWaitForARequestBeingReadBack) {
+  testing::FaultInjectingFileSystem files;
+  std::unique_ptr<RequestStore> store;
+  testing::Latch reading(1);
+  testing::Latch readMayEnd(1);
+  std::atomic<bool> readerInside{false};
+  std::thread sender;
+  int stepsWhileReading = 0;
+  RequestStoreOptions options;
+  options.directory = dir_;
+  options.segmentBytes = 4096;
+  options.fileSystem = &files;
+  bool startReading = false;
+  options.betweenSyncSteps = [&] {
+    if (!startReading) return;
+    if (!sender.joinable()) {
+      // At the first step: a sender starts reading the first request back.
+      sender = std::thread([&] { EXPECT_TRUE(store->load(uint64_t{store->epoch()} << 32)); });
+      EXPECT_TRUE(reading.waitFor(std::chrono::seconds(5)));
+      return;
+    }
+    if (readerInside && ++stepsWhileReading == 3) readMayEnd.count_down();
+  };
+  store = openJournalRequestStore(options);
+  ASSERT_TRUE(store);
+  store->recover();
+  const auto append = [&](uint32_t from, uint32_t to) {
+    for (uint32_t i = from; i < to; ++i) {
+      const uint64_t id = (uint64_t{store->epoch()} << 32) | i;
+      ASSERT_TRUE(store->append(encodeFrame(request(id, std::string(200, 'p'))), id));
+    }
+  };
+  append(0, 20);
+  store->sync({});  // their segments finished: read back through their files
+  store->takeAppends();
+  files.beforeReadOf("seg-", [&] {
+    readerInside = true;
+    reading.count_down();
+    readMayEnd.waitFor(std::chrono::seconds(5));
+    readerInside = false;
+  });
+  append(1000, 1100);  // segments for the sync to finish, in steps
+  startReading = true;
+  store->sync({});
+  readMayEnd.count_down();
+  if (sender.joinable()) sender.join();
+  EXPECT_EQ(stepsWhileReading, 3) << "a step waited for the read to end";
+  store->takeAppends();
+  EXPECT_EQ(store->stats().storedRequests, 120u);
 }
 
 TEST_F(RequestStoreTest, FilesKeptForReuseByEarlierVersionsAreRemovedAndNeverRead) {

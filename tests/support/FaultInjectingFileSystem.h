@@ -66,6 +66,11 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     foundation::internal::MutexLock lock(mutex_);
     syncHooks_.push_back({std::move(text), std::move(action)});
   }
+  // The same at the next read of such a file.
+  void beforeReadOf(std::string text, std::function<void()> action) {
+    foundation::internal::MutexLock lock(mutex_);
+    readHooks_.push_back({std::move(text), std::move(action)});
+  }
   // From now on, what happens to the files' mappings and data, in order:
   // "map NAME", "prefault NAME", "unmap NAME", "cut NAME", "sync NAME".
   void startRecording() {
@@ -95,7 +100,9 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
     return real().close(fd);
   }
   int64_t readAt(FileHandle fd, void* buffer, size_t size, uint64_t offset) override {
-    if (failing(FileCall::Read, nameOf(fd))) return -1;
+    const std::string name = nameOf(fd);
+    if (auto hook = takeHook(HookOn::Read, name)) hook();
+    if (failing(FileCall::Read, name)) return -1;
     return real().readAt(fd, buffer, size, offset);
   }
   int64_t writeAt(FileHandle fd, const void* data, size_t size, uint64_t offset) override {
@@ -134,17 +141,7 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
   }
   int syncData(FileHandle fd) override {
     const std::string name = nameOf(fd);
-    std::function<void()> hook;
-    {
-      foundation::internal::MutexLock lock(mutex_);
-      for (auto it = syncHooks_.begin(); it != syncHooks_.end(); ++it) {
-        if (name.find(it->first) == std::string::npos) continue;
-        hook = std::move(it->second);
-        syncHooks_.erase(it);
-        break;
-      }
-    }
-    if (hook) hook();
+    if (auto hook = takeHook(HookOn::Sync, name)) hook();
     if (failing(FileCall::Sync, name)) return -1;
     record("sync", name);
     return real().syncData(fd);
@@ -277,7 +274,23 @@ class FaultInjectingFileSystem final : public network::internal::FileSystem {
   std::optional<std::string> folderOwner_ KORVEL_GUARDED_BY(mutex_);
   std::optional<unsigned> folderMode_ KORVEL_GUARDED_BY(mutex_);
   std::atomic<uint64_t> fileSizeLimit_{UINT64_MAX};
-  std::vector<std::pair<std::string, std::function<void()>>> syncHooks_ KORVEL_GUARDED_BY(mutex_);
+  using Hooks = std::vector<std::pair<std::string, std::function<void()>>>;
+  Hooks syncHooks_ KORVEL_GUARDED_BY(mutex_);
+  Hooks readHooks_ KORVEL_GUARDED_BY(mutex_);
+  enum class HookOn { Read, Sync };
+  // The first hook set on such calls for a file named name, taken out of
+  // its list.
+  std::function<void()> takeHook(HookOn on, const std::string& name) KORVEL_EXCLUDES(mutex_) {
+    foundation::internal::MutexLock lock(mutex_);
+    Hooks& hooks = on == HookOn::Read ? readHooks_ : syncHooks_;
+    for (auto it = hooks.begin(); it != hooks.end(); ++it) {
+      if (name.find(it->first) == std::string::npos) continue;
+      auto hook = std::move(it->second);
+      hooks.erase(it);
+      return hook;
+    }
+    return {};
+  }
   std::map<void*, std::string> mapped_ KORVEL_GUARDED_BY(mutex_);
   bool recording_ KORVEL_GUARDED_BY(mutex_) = false;
   std::vector<std::string> recorded_ KORVEL_GUARDED_BY(mutex_);

@@ -3,6 +3,7 @@
 // MinGW build can miss a wake-up: a test waiting on one hung under Wine.
 #pragma once
 
+#include <chrono>
 #include <condition_variable>
 #include <cstddef>
 #include <mutex>
@@ -20,6 +21,11 @@ class Latch {
   void wait() {
     std::unique_lock lock(mutex_);
     reached_.wait(lock, [this] { return count_ == 0; });
+  }
+  // False when the count did not reach zero in time.
+  bool waitFor(std::chrono::milliseconds timeout) {
+    std::unique_lock lock(mutex_);
+    return reached_.wait_for(lock, timeout, [this] { return count_ == 0; });
   }
 
  private:

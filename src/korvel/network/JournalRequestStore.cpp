@@ -38,11 +38,15 @@ class JournalRequestStore final : public RequestStore {
         descriptors_(files_) {
     // A sync that finishes many segments takes what callers appended
     // meanwhile into the index between its steps: each waiting append is a
-    // record in the front's list until then, besides its place here.
+    // record in the front's list until then, besides its place here. Only
+    // when the index is free: a sender reading requests back holds it, and
+    // the spares the front makes after this step matter more to the report
+    // calls (waiting here, the writer left a burst without spares, and the
+    // report calls made their own segments).
     options_.betweenSyncSteps = [this, outer = options.betweenSyncSteps] {
-      if (drainBetweenSteps_.load(std::memory_order_relaxed)) {
-        MutexLock lock(indexMutex_);
+      if (drainBetweenSteps_.load(std::memory_order_relaxed) && indexMutex_.tryLock()) {
         drainFront();
+        indexMutex_.unlock();
       }
       if (outer) outer();
     };
