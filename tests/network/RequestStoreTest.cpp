@@ -435,7 +435,7 @@ TEST_F(RequestStoreTest, ASyncsStepsDoNotWaitForARequestBeingReadBack) {
   store->sync({});
   readMayEnd.count_down();
   if (sender.joinable()) sender.join();
-  EXPECT_EQ(stepsWhileReading, 3) << "a step waited for the read to end";
+  EXPECT_GE(stepsWhileReading, 3) << "a step waited for the read to end";
   store->takeAppends();
   EXPECT_EQ(store->stats().storedRequests, 120u);
 }
