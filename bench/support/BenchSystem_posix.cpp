@@ -23,6 +23,19 @@ double seconds(const timeval& t) {
   return static_cast<double>(t.tv_sec) + static_cast<double>(t.tv_usec) / 1e6;
 }
 
+// One of the calling thread's counts, as pick reads it; -1 where the
+// system keeps none per thread.
+long threadCount(long (*pick)(const struct rusage&)) {
+#ifdef RUSAGE_THREAD
+  struct rusage usage {};
+  if (getrusage(RUSAGE_THREAD, &usage) != 0) return -1;
+  return pick(usage);
+#else
+  (void)pick;
+  return -1;
+#endif
+}
+
 }  // namespace
 
 std::string loadAverage() {
@@ -40,23 +53,11 @@ std::filesystem::path temporaryDirectory(std::string_view purpose) {
 }
 
 long involuntarySwitches() {
-#ifdef RUSAGE_THREAD
-  struct rusage usage {};
-  if (getrusage(RUSAGE_THREAD, &usage) != 0) return -1;
-  return usage.ru_nivcsw;
-#else
-  return -1;
-#endif
+  return threadCount([](const struct rusage& usage) { return usage.ru_nivcsw; });
 }
 
 long threadMinorFaults() {
-#ifdef RUSAGE_THREAD
-  struct rusage usage {};
-  if (getrusage(RUSAGE_THREAD, &usage) != 0) return -1;
-  return usage.ru_minflt;
-#else
-  return -1;
-#endif
+  return threadCount([](const struct rusage& usage) { return usage.ru_minflt; });
 }
 
 ProcessCpu processCpu() {
