@@ -278,10 +278,7 @@ bool JournalFront::switchSegmentLocked(size_t frameBytes) {
     // it unmapped. Not at every one the writer has not taken yet: an unmap
     // costs the caller tens of microseconds, and a writer merely a segment
     // late would have the report calls pay it at every switch.
-    uint64_t mapped = 0;
-    for (const Segment& closed : closing_) {
-      if (closed.map != nullptr) mapped += closed.room;
-    }
+    const uint64_t mapped = closedMappedBytesLocked();
     if (mapped > 0 && mapped + active_.room > kClosedMappedBytes && active_.map != nullptr) {
       files_.unmap(active_.map, active_.room);
       active_.map = nullptr;
@@ -426,10 +423,16 @@ JournalFront::Mappings JournalFront::mappings() const {
   for (const Segment& spare : spares_) {
     out.spares.push_back({spare.room, spare.map != nullptr ? spare.prefaulted : 0});
   }
-  for (const Segment& closed : closing_) {
-    if (closed.map != nullptr) out.closedMappedBytes += closed.room;
-  }
+  out.closedMappedBytes = closedMappedBytesLocked();
   return out;
+}
+
+uint64_t JournalFront::closedMappedBytesLocked() const {
+  uint64_t mapped = 0;
+  for (const Segment& closed : closing_) {
+    if (closed.map != nullptr) mapped += closed.room;
+  }
+  return mapped;
 }
 
 uint64_t JournalFront::writableBytesWanted(size_t place) const {

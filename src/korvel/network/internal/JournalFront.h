@@ -242,6 +242,9 @@ class JournalFront {
   // How many of the first bytes of the spare at place (or of one made to
   // join the spares there) are to be writable.
   uint64_t writableBytesWanted(size_t place) const KORVEL_REQUIRES(mutex_);
+  // The room of the closed segments still mapped (not yet taken by the
+  // writer, nor unmapped by a caller).
+  uint64_t closedMappedBytesLocked() const KORVEL_REQUIRES(mutex_);
   // Closes the active segment and installs the spare or a new one; with the
   // lock held. False when no segment could be made.
   bool switchSegmentLocked(size_t frameBytes) KORVEL_REQUIRES(mutex_);
