@@ -51,14 +51,11 @@ class ConnectionStream final : public httplib::Stream {
     return ::recv(fd_, &byte, 1, MSG_PEEK) > 0;
   }
 
+  // httplib reads the request line and headers a byte at a time: each
+  // read comes from the buffer, which takes from the socket only once empty.
   ssize_t read(char* ptr, size_t size) override {
-    // httplib reads the request line and headers a byte at a time.
-    if (size == 1 && begin_ < end_) {
-      *ptr = buffer_[begin_++];
-      return 1;
-    }
     if (begin_ == end_) {
-      const ssize_t got = receive(0);
+      const ssize_t got = receive();
       if (got <= 0) return got;
       begin_ = 0;
       end_ = static_cast<size_t>(got);
@@ -117,11 +114,11 @@ class ConnectionStream final : public httplib::Stream {
     return out;
   }
 
-  // Into the buffer from `at`: the byte count, 0 at the end of the connection, -1 on an
-  // error, at the read timeout or once the server stops.
-  ssize_t receive(size_t at) {
+  // Into the buffer: the byte count, 0 at the end of the connection, -1 on
+  // an error, at the read timeout or once the server stops.
+  ssize_t receive() {
     while (true) {
-      const ssize_t n = ::recv(fd_, buffer_.data() + at, buffer_.size() - at, 0);
+      const ssize_t n = ::recv(fd_, buffer_.data(), buffer_.size(), 0);
       if (n >= 0) return n;
       if (errno == EINTR) continue;
       if ((errno != EAGAIN && errno != EWOULDBLOCK) || !waitFor(POLLIN, readTimeoutMs_)) return -1;
