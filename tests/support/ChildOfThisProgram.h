@@ -70,18 +70,12 @@ class ChildOfThisProgram {
   // Kills it at once; true when the kill ended it (it had not ended by
   // itself, nor crashed).
   bool kill() {
-    running_ = false;
 #ifdef _WIN32
     const bool killed = TerminateProcess(process_.hProcess, kKilledExitCode);
-    WaitForSingleObject(process_.hProcess, INFINITE);
-    DWORD code = 0;
-    GetExitCodeProcess(process_.hProcess, &code);
-    CloseHandle(process_.hProcess);
-    return killed && code == kKilledExitCode;
+    return killed && reap() == kKilledExitCode;
 #else
     ::kill(pid_, SIGKILL);
-    int status = 0;
-    waitpid(pid_, &status, 0);
+    const int status = reap();
     return WIFSIGNALED(status) && WTERMSIG(status) == SIGKILL;
 #endif
   }
@@ -89,16 +83,10 @@ class ChildOfThisProgram {
   // Waits for it to end by itself: its exit code, or -1 when a signal
   // ended it.
   int wait() {
-    running_ = false;
 #ifdef _WIN32
-    WaitForSingleObject(process_.hProcess, INFINITE);
-    DWORD code = 0;
-    GetExitCodeProcess(process_.hProcess, &code);
-    CloseHandle(process_.hProcess);
-    return static_cast<int>(code);
+    return static_cast<int>(reap());
 #else
-    int status = 0;
-    waitpid(pid_, &status, 0);
+    const int status = reap();
     return WIFEXITED(status) ? WEXITSTATUS(status) : -1;
 #endif
   }
@@ -125,6 +113,25 @@ class ChildOfThisProgram {
   }
 
  private:
+  // Waits for it to end: its exit code (Windows) or wait status (POSIX).
+#ifdef _WIN32
+  DWORD reap() {
+    running_ = false;
+    WaitForSingleObject(process_.hProcess, INFINITE);
+    DWORD code = 0;
+    GetExitCodeProcess(process_.hProcess, &code);
+    CloseHandle(process_.hProcess);
+    return code;
+  }
+#else
+  int reap() {
+    running_ = false;
+    int status = 0;
+    waitpid(pid_, &status, 0);
+    return status;
+  }
+#endif
+
 #ifdef _WIN32
   static constexpr DWORD kKilledExitCode = 9;
 
