@@ -13,6 +13,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <random>
 #include <thread>
 
@@ -133,11 +134,27 @@ class RequestStoreTest : public testing::FolderTest {
     return openJournalRequestStore(options);
   }
 
-  // Appends requests with ids of the store's epoch; returns the ids.
-  std::vector<uint64_t> appendSome(RequestStore& store, int count, size_t payloadBytes = 40) {
+  // A store of small segments whose syncs call steps back between their
+  // long steps; recovered, ready for appends.
+  std::unique_ptr<RequestStore> openWithSteps(std::function<void()> steps,
+                                              FileSystem* files = nullptr) {
+    RequestStoreOptions options;
+    options.directory = dir_;
+    options.segmentBytes = 4096;
+    options.fileSystem = files;
+    options.betweenSyncSteps = std::move(steps);
+    auto store = openJournalRequestStore(options);
+    if (store) store->recover();
+    return store;
+  }
+
+  // Appends requests with ids of the store's epoch (their low halves from
+  // first on); returns the ids.
+  std::vector<uint64_t> appendSome(RequestStore& store, int count, size_t payloadBytes = 40,
+                                   uint32_t first = 0) {
     std::vector<uint64_t> ids;
     for (int i = 0; i < count; ++i) {
-      const uint64_t id = (uint64_t{store.epoch()} << 32) | static_cast<uint32_t>(i);
+      const uint64_t id = (uint64_t{store.epoch()} << 32) | (first + static_cast<uint32_t>(i));
       EXPECT_TRUE(store.append(encodeFrame(request(id, std::string(payloadBytes, 'p'))), id));
       ids.push_back(id);
     }
@@ -326,23 +343,18 @@ TEST_F(RequestStoreTest, ClosedSegmentsGoOnceFinishedAndSmallFilesRemain) {
 }
 
 TEST_F(RequestStoreTest, ASyncCallsItsOwnerBackBetweenItsLongStepsWithNoLockHeld) {
-  RequestStoreOptions options;
-  options.directory = dir_;
-  options.segmentBytes = 4096;
   std::unique_ptr<RequestStore> store;
   int calls = 0;
   bool appendedInside = true;
-  options.betweenSyncSteps = [&] {
+  store = openWithSteps([&] {
     ++calls;
     // The store's locks are free: appending from here must not deadlock.
     if (store) {
       const uint64_t id = (uint64_t{store->epoch()} << 32) | (1000u + static_cast<uint32_t>(calls));
       appendedInside = appendedInside && store->append(encodeFrame(request(id)), id);
     }
-  };
-  store = openJournalRequestStore(options);
+  });
   ASSERT_TRUE(store);
-  store->recover();
   calls = 0;
   appendSome(*store, 240, 200);  // some fifteen segments closed
   store->sync({});
@@ -354,31 +366,23 @@ TEST_F(RequestStoreTest, ASyncCallsItsOwnerBackBetweenItsLongStepsWithNoLockHeld
 // takes them: when the writer asks between syncs, and between the steps of
 // a long sync (each step sees the ones appended before it).
 TEST_F(RequestStoreTest, AppendsReachTheIndexWhenTakenAndBetweenTheStepsOfASync) {
-  RequestStoreOptions options;
-  options.directory = dir_;
-  options.segmentBytes = 4096;
   std::unique_ptr<RequestStore> store;
   std::vector<uint64_t> seenInSteps;
   uint32_t next = 10'000;
-  options.betweenSyncSteps = [&] {
+  store = openWithSteps([&] {
     if (!store) return;
     seenInSteps.push_back(store->stats().storedRequests);
     const uint64_t id = (uint64_t{store->epoch()} << 32) | next++;
     store->append(encodeFrame(request(id)), id);
-  };
-  store = openJournalRequestStore(options);
+  });
   ASSERT_TRUE(store);
-  store->recover();
   seenInSteps.clear();
   appendSome(*store, 50, 200);
   EXPECT_EQ(store->stats().storedRequests, 0u) << "taken only when asked";
   store->takeAppends();
   EXPECT_EQ(store->stats().storedRequests, 50u);
 
-  for (uint32_t i = 1000; i < 1100; ++i) {  // segments to finish: steps
-    const uint64_t id = (uint64_t{store->epoch()} << 32) | i;
-    ASSERT_TRUE(store->append(encodeFrame(request(id, std::string(200, 'p'))), id));
-  }
+  appendSome(*store, 100, 200, 1000);  // segments to finish: steps
   store->sync({});
   ASSERT_GE(seenInSteps.size(), 3u);
   EXPECT_EQ(seenInSteps.front(), 150u);
@@ -397,12 +401,8 @@ TEST_F(RequestStoreTest, ASyncsStepsDoNotWaitForARequestBeingReadBack) {
   std::atomic<bool> readerInside{false};
   std::thread sender;
   int stepsWhileReading = 0;
-  RequestStoreOptions options;
-  options.directory = dir_;
-  options.segmentBytes = 4096;
-  options.fileSystem = &files;
   bool startReading = false;
-  options.betweenSyncSteps = [&] {
+  store = openWithSteps([&] {
     if (!startReading) return;
     if (!sender.joinable()) {
       // At the first step: a sender starts reading the first request back.
@@ -411,17 +411,9 @@ TEST_F(RequestStoreTest, ASyncsStepsDoNotWaitForARequestBeingReadBack) {
       return;
     }
     if (readerInside && ++stepsWhileReading == 3) readMayEnd.count_down();
-  };
-  store = openJournalRequestStore(options);
+  }, &files);
   ASSERT_TRUE(store);
-  store->recover();
-  const auto append = [&](uint32_t from, uint32_t to) {
-    for (uint32_t i = from; i < to; ++i) {
-      const uint64_t id = (uint64_t{store->epoch()} << 32) | i;
-      ASSERT_TRUE(store->append(encodeFrame(request(id, std::string(200, 'p'))), id));
-    }
-  };
-  append(0, 20);
+  appendSome(*store, 20, 200);
   store->sync({});  // their segments finished: read back through their files
   store->takeAppends();
   files.beforeReadOf("seg-", [&] {
@@ -430,7 +422,7 @@ TEST_F(RequestStoreTest, ASyncsStepsDoNotWaitForARequestBeingReadBack) {
     readMayEnd.waitFor(std::chrono::seconds(5));
     readerInside = false;
   });
-  append(1000, 1100);  // segments for the sync to finish, in steps
+  appendSome(*store, 100, 200, 1000);  // segments for the sync to finish, in steps
   startReading = true;
   store->sync({});
   readMayEnd.count_down();
