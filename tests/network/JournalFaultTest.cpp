@@ -482,18 +482,14 @@ TEST_F(JournalFaultTest, WhileTheWriterIsAwayClosedSegmentsStayMappedUpToTheirBu
     // Segments grow to 256 KiB: four fit the budget.
     JournalFront front(options(256u << 10, &files));
     ASSERT_TRUE(front.open());
-    const uint64_t epoch = uint64_t{front.epoch()} << 32;
     files.startRecording();
+    uint32_t next = 0;
     uint64_t mostMapped = 0;
     for (int segment = 0; segment < 10; ++segment) {
-      const uint32_t filling = front.activeSegment();
-      while (front.activeSegment() == filling) {
-        ids.push_back(epoch | static_cast<uint32_t>(ids.size()));
-        ASSERT_TRUE(front.append(frameOf(ids.back(), 1000), ids.back()));
-      }
-      closed.push_back(filling);
+      closed.push_back(fillActive(front, next, 1000));
       mostMapped = std::max(mostMapped, front.mappings().closedMappedBytes);
     }
+    for (uint32_t i = 0; i < next; ++i) ids.push_back((uint64_t{front.epoch()} << 32) | i);
     EXPECT_LE(mostMapped, JournalFront::kClosedMappedBytes);
     // The first ones are the writer's to unmap; callers unmapped the later.
     const auto events = files.recorded();
