@@ -706,9 +706,13 @@ std::optional<std::string> KVRBeacon::sendBeaconOfType(KVRBeaconType type,
   if (endpoint && !endpoint->empty()) {
     if (!queueOnExecutor(task, type)) return std::nullopt;
     try {
-      platform::env().notificationCenter().post(
-          KVRReliableNetworkingTaskSubmittedNotification,
-          std::shared_ptr<const KVRReliableNetworkingTask>(task));
+      // Asked first: with nobody observing, the notification's object is
+      // not made at all.
+      auto& center = platform::env().notificationCenter();
+      if (center.hasObservers(KVRReliableNetworkingTaskSubmittedNotification)) {
+        center.post(KVRReliableNetworkingTaskSubmittedNotification,
+                    std::shared_ptr<const KVRReliableNetworkingTask>(task));
+      }
     } catch (...) {
       // The observer's failure is its own: the beacon is on its way.
       KVRLogging::logReportFailure("KVRBeacon: an observer of the beacon's submission");

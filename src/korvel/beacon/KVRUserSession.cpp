@@ -183,14 +183,18 @@ std::optional<std::string> KVRUserSession::stringFromLibrarySyncSessionState(uin
 
 KVRParameters KVRUserSession::commonBeaconParametersForBeaconWithParameters(
     const KVRParameters& parameters) const {
+  constexpr size_t kOwnEntries = 3;      // sessionid, osversion, buildnum
+  constexpr size_t kGlobalEntries = 11;  // the global data's, the screen name among them
   const auto state = shared().state();
   const auto delegate = shared().delegate();
   const auto global = delegate ? delegate->globalReportingData() : nullptr;
   const auto config = KVNConfiguration::sharedInstance().snapshot();
 
+  // Sized to what can come, and no larger: a report call's dictionaries
+  // stay small enough for the allocator's per-thread cache.
   KVRParameters common;
-  common.reserve(16 + config->beacons.beaconParameters.size() +
-                 state->sessionParameters.size());
+  common.reserve((global ? kGlobalEntries : 0) + kOwnEntries +
+                 config->beacons.beaconParameters.size() + state->sessionParameters.size());
   if (global) setBool(common, "aa", global->isLibrarySyncActive());
   common.set("sessionid", state->sessionID);
   common.set("osversion", config->deviceSystemVersion);
