@@ -20,7 +20,8 @@
 // calls (after a warm-up), how many calls took over 30 us, how many
 // times the calling thread was preempted meanwhile and how many page faults
 // it took (a page of the journal's mapping touched before the writer made
-// it writable); the last block is the delivery rate, one GET per
+// it writable), and how many allocations one call made on average (each
+// past the allocator's per-thread cache is a slow one); the last block is the delivery rate, one GET per
 // beacon, over --runs runs of --beacons queued beacons each: median, min and
 // max. Every beacon has 23 parameters (20 from the caller, 3 common ones).
 //
@@ -50,6 +51,7 @@
 #include <vector>
 
 #include "BenchSupport.h"
+#include "reportcall/AllocationCount.h"
 #include "reportcall/ReportCallCollector.h"
 #include "support/BenchOptions.h"
 #include "support/BenchSystem.h"
@@ -144,6 +146,8 @@ struct Percentiles {
   long preemptions = 0;
   // Page faults the calling thread took during the timed calls.
   long faults = 0;
+  // What one call allocated, on average, on the calling thread.
+  double allocations = 0;
 };
 
 Percentiles percentiles(std::vector<double> micros) {
@@ -169,6 +173,7 @@ Percentiles timeCalls(size_t calls, const std::function<void()>& betweenBatches 
   micros.reserve(calls);
   const long switchesBefore = involuntarySwitches();
   const long faultsBefore = threadMinorFaults();
+  const uint64_t allocationsBefore = bench::threadAllocations();
   for (size_t i = 0; i < calls; ++i) {
     const auto start = Clock::now();
     auto uuid = KVRBeacon::sendBeaconOfType(KVRBeaconTypeUserEvent, parameters);
@@ -182,6 +187,8 @@ Percentiles timeCalls(size_t calls, const std::function<void()>& betweenBatches 
   }
   const long switchesAfter = involuntarySwitches();
   const long faultsAfter = threadMinorFaults();
+  // Counted over the whole loop: the vector of timings was reserved up front.
+  const uint64_t allocations = bench::threadAllocations() - allocationsBefore;
   const long preemptions = switchesBefore < 0 || switchesAfter < 0 ? -1 : switchesAfter - switchesBefore;
   const size_t slowCalls = static_cast<size_t>(
       std::count_if(micros.begin(), micros.end(), [](double us) { return us > 30; }));
@@ -189,12 +196,13 @@ Percentiles timeCalls(size_t calls, const std::function<void()>& betweenBatches 
   p.slowCalls = slowCalls;
   p.preemptions = preemptions;
   p.faults = faultsBefore < 0 || faultsAfter < 0 ? -1 : faultsAfter - faultsBefore;
+  p.allocations = calls == 0 ? 0 : static_cast<double>(allocations) / static_cast<double>(calls);
   return p;
 }
 
 void printRow(const char* state, const Percentiles& p) {
-  std::printf("%-16s %9.2f %9.2f %9.2f %9.1f %9zu %9ld %9ld\n", state, p.p50, p.p99, p.p999, p.max,
-              p.slowCalls, p.preemptions, p.faults);
+  std::printf("%-16s %9.2f %9.2f %9.2f %9.1f %9zu %9ld %9ld %9.2f\n", state, p.p50, p.p99, p.p999,
+              p.max, p.slowCalls, p.preemptions, p.faults, p.allocations);
   std::fflush(stdout);
 }
 
@@ -271,8 +279,8 @@ int main(int argc, char** argv) {
   std::printf("load average at start: %s\n", loadAverage().c_str());
   std::printf("timer pair: %.3f us (included in every figure)\n", timerCost());
   std::printf("%zu timed calls per state\n\n", settings.calls);
-  std::printf("%-16s %9s %9s %9s %9s %9s %9s %9s   (microseconds per report call)\n", "state",
-              "p50", "p99", "p99.9", "max", ">30us", "preempted", "faults");
+  std::printf("%-16s %9s %9s %9s %9s %9s %9s %9s %9s   (microseconds per report call)\n", "state",
+              "p50", "p99", "p99.9", "max", ">30us", "preempted", "faults", "allocs");
 
   // The collector the up and delivery states deliver to: the one named by
   // --collector, else one in this process where the build has it.
