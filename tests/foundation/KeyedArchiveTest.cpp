@@ -124,6 +124,39 @@ TEST(KeyedArchiveTest, TextsOfEveryLengthAreWrittenAsCBORWritesThem) {
   }
 }
 
+// The map's head grows with its keys (one byte up to 23, then two, then
+// three), a key written again keeps its place, whether the archiver still
+// tracks it or reads the entries back to find it, and an archive written
+// after bytes already in the buffer leaves them as they were.
+TEST(KeyedArchiveTest, KeysOfEveryCountAreWrittenAsCBORWritesThem) {
+  const auto keyNumber = [](size_t i) { return std::string("k").append(std::to_string(i)); };
+  const size_t counts[] = {1, 2, 12, 13, 23, 24, 25, 255, 256, 300};
+  for (const size_t count : counts) {
+    const std::string before = "frame head";
+    std::string out = before;
+    KeyedArchiver archiver(out);
+    nlohmann::ordered_json expected = nlohmann::ordered_json::object();
+    for (size_t i = 0; i < count; ++i) {
+      const std::string key = keyNumber(i);
+      archiver.encodeInt(key, static_cast<int64_t>(i) * 1000);
+      expected[key] = static_cast<int64_t>(i) * 1000;
+    }
+    // Again, the first key and the last: the last is past the tracked ones
+    // when there are more keys than the archiver tracks.
+    for (const size_t i : {size_t{0}, count - 1}) {
+      const std::string key = keyNumber(i);
+      const std::string again = std::string("again ").append(key);
+      archiver.encodeObject(key, again);
+      expected[key] = again;
+    }
+    const std::vector<std::uint8_t> cbor = nlohmann::ordered_json::to_cbor(expected);
+    EXPECT_EQ(out, std::string(before).append(cbor.begin(), cbor.end())) << count << " keys";
+    auto unarchiver = KeyedUnarchiver::open(archiver.data());
+    ASSERT_TRUE(unarchiver) << count;
+    EXPECT_EQ(unarchiver->decodeString("k0"), "again k0") << count;
+  }
+}
+
 TEST(KeyedArchiveTest, WrongKindOrMissingKeyGivesNothing) {
   KeyedArchiver archiver;
   archiver.encodeObject("dict", KVRParameters{{"a", "b"}});

@@ -418,6 +418,9 @@ size_t makeHead(char* bytes, unsigned major, std::uint64_t value) {
 // memcpy for every key, head and value.
 
 constexpr size_t kMaxHeadBytes = 9;
+// A map's head with fewer than 24 entries: major type 5, the count in the
+// low five bits.
+constexpr unsigned char kSmallMapHead = 0xA0;
 constexpr size_t kTaggedBytesOverhead = 2 + kMaxHeadBytes;  // tag, then head
 
 char* writeItemHead(char* at, unsigned major, std::uint64_t value) {
@@ -631,9 +634,15 @@ std::string_view KeyedArchiver::data() const {
 }
 
 void KeyedArchiver::writeHead() {
+  std::string& out = *out_;
+  // Up to 23 keys, as every record has, the head is the one byte of a small
+  // map, rewritten in place after each key.
+  if (count_ < 24 && headBytes_ == 1 && out.size() > start_) {
+    out[start_] = static_cast<char>(kSmallMapHead | count_);
+    return;
+  }
   char head[kMaxHeadBytes];
   const size_t length = makeHead(head, 5, count_);
-  std::string& out = *out_;
   if (out.size() == start_) {
     out.append(head, length);
   } else {
@@ -648,8 +657,12 @@ std::optional<KeyedArchiver::Slot> KeyedArchiver::findSlot(std::string_view key)
   const std::string_view entries = std::string_view(*out_).substr(entriesStart());
   const size_t tracked = std::min<uint64_t>(count_, kSlots);
   for (size_t i = 0; i < tracked; ++i) {
+    // The slots point into what this archiver wrote: no bounds to check.
     const Slot& slot = slots_[i];
-    if (entries.substr(slot.key, slot.keyLength) == key) return slot;
+    if (slot.keyLength == key.size() &&
+        std::memcmp(entries.data() + slot.key, key.data(), key.size()) == 0) {
+      return slot;
+    }
   }
   if (count_ <= kSlots) return std::nullopt;
   // Past the slots: read the entries back.
