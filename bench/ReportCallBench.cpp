@@ -21,9 +21,10 @@
 // times the calling thread was preempted meanwhile and how many page faults
 // it took (a page of the journal's mapping touched before the writer made
 // it writable), and how many allocations one call made on average (each
-// past the allocator's per-thread cache is a slow one); the last block is the delivery rate, one GET per
-// beacon, over --runs runs of --beacons queued beacons each: median, min and
-// max. Every beacon has 23 parameters (20 from the caller, 3 common ones).
+// past the allocator's per-thread cache is a slow one); the last block is
+// the delivery rate, one GET per beacon, over --runs runs of --beacons
+// queued beacons each: median, min and max. Every beacon has 23 parameters
+// (20 from the caller, 3 common ones).
 //
 //   ReportCallBench [--calls N] [--runs N] [--beacons N] [--queued N] [--only NAME]
 //                   [--collector http://127.0.0.1:PORT]
